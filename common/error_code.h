@@ -1,0 +1,22 @@
+// Composing library error codes: a reason in the low byte, a facility's status above it.
+#pragma once
+
+#include <cerrno>
+
+#include "libkel.h"
+
+namespace kel {
+
+// The code for `reason` carrying the facility status `status`.
+constexpr int compose_error(int status, int reason) noexcept { return status * 256 + reason; }
+
+// An SQLite result code as a library code.
+constexpr int sql_error(int sqlite_rc) noexcept { return compose_error(sqlite_rc, KEL_E_SQL); }
+
+// An errno value as a library code.
+constexpr int sys_error(int err) noexcept { return compose_error(err, KEL_E_SYSTEM); }
+
+// errno, as it stands right after a failed call, as a library code.
+inline int last_sys_error() noexcept { return sys_error(errno); }
+
+}  // namespace kel

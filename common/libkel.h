@@ -1,0 +1,227 @@
+/*
+ * libkel: the public C interface of the kel virtual network fabric.
+ *
+ * Every operation that can fail returns an int error code: KEL_SUCCESS (0) or a
+ * reason below. The low 8 bits are the reason; for the facility reasons
+ * (KEL_E_WEXO, KEL_E_FENU, KEL_E_NUQ, KEL_E_VUR, KEL_E_SQL, KEL_E_SYSTEM) the bits
+ * above hold the facility's own status shifted left by 8. kel_errmsg() turns any
+ * code into text. Results come back through out parameters, which are cleared on
+ * failure; whatever the library hands out is the caller's to free with the
+ * matching free function, and every free function accepts NULL.
+ *
+ * This header is plain C99 and C++; it needs no other library's headers.
+ */
+#ifndef LIBKEL_H
+#define LIBKEL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Shared types. */
+
+typedef enum { B_FALSE = 0, B_TRUE = 1 } boolean_t;
+typedef unsigned int uint_t;
+
+/* Value type tags, for attribute-set entries and typed value lists. */
+typedef enum {
+	DATA_TYPE_INT32 = 5,
+	DATA_TYPE_STRING = 9,
+	DATA_TYPE_ATTRSET = 19
+} data_type_t;
+
+/*
+ * Intrusive doubly linked list. Every record kept in a list begins with (or
+ * contains, at the offset given to list_create) a list_node_t; a list holds
+ * records of one type. The list never allocates and never frees records.
+ */
+typedef struct list_node {
+	struct list_node *list_next;
+	struct list_node *list_prev;
+} list_node_t;
+
+typedef struct list {
+	size_t list_size;	/* size of one record */
+	size_t list_offset;	/* offset of the list_node_t inside the record */
+	list_node_t list_head;	/* sentinel */
+} list_t;
+
+/* Prepares an empty list of records of `size` bytes with their node at `offset`. */
+void list_create(list_t *list, size_t size, size_t offset);
+/* Ends a list's use; the list must be empty. */
+void list_destroy(list_t *list);
+void list_insert_tail(list_t *list, void *object);
+/* The first record, or NULL for an empty list. */
+void *list_head(list_t *list);
+/* The record after `object`, or NULL at the end. */
+void *list_next(list_t *list, void *object);
+/* Unlinks `object`, which must be on the list. */
+void list_remove(list_t *list, void *object);
+/* Unlinks and returns the first record, or NULL for an empty list. */
+void *list_remove_head(list_t *list);
+/* Non-zero when the list holds no record. */
+int list_is_empty(list_t *list);
+/* The number of records on the list; 0 for an empty list. */
+int kel_list_count(list_t *list);
+
+/*
+ * Attribute sets: ordered sets of named, typed entries (strings and 32-bit
+ * integers), the working form of property sets and filters. The set owns copies
+ * of every name and value. Functions return 0 or an errno value: ENOMEM, ENOENT
+ * when nothing matched, EINVAL for a wrong type or argument.
+ */
+typedef struct attrset attrset_t;
+typedef struct attrset_entry attrset_entry_t;
+
+/* Creation flag: adding a name first removes every entry of that name. */
+#define ATTRSET_UNIQUE_NAME 1
+
+int attrset_create(attrset_t **setp, int flags);
+void attrset_free(attrset_t *set);
+int attrset_add_string(attrset_t *set, const char *name, const char *value);
+int attrset_add_int32(attrset_t *set, const char *name, int32_t value);
+/* The string value of `name`; it stays owned by the set. */
+int attrset_lookup_string(attrset_t *set, const char *name, char **valuep);
+boolean_t attrset_exists(attrset_t *set, const char *name);
+/* Removes every entry with that name and type; ENOENT when there was none. */
+int attrset_remove(attrset_t *set, const char *name, data_type_t type);
+/* The entry after `entry`, the first one for NULL; NULL at the end or for no set. */
+attrset_entry_t *attrset_next_entry(attrset_t *set, attrset_entry_t *entry);
+const char *attrset_entry_name(attrset_entry_t *entry);
+data_type_t attrset_entry_type(attrset_entry_t *entry);
+int attrset_entry_value_string(attrset_entry_t *entry, char **valuep);
+int attrset_entry_value_int32(attrset_entry_t *entry, int32_t *valuep);
+
+/* Error codes: the reason in the low 8 bits. */
+#define KEL_SUCCESS                   0
+#define KEL_E_FAILED                  1
+#define KEL_E_CONTINUE                2
+#define KEL_E_AUTH                    3
+#define KEL_E_IPADDR_INUSE            4
+#define KEL_E_IPNET_INUSE             5
+#define KEL_E_MACADDR_INUSE           6
+#define KEL_E_VPORT_INUSE             7
+#define KEL_E_ADDR_MGROUP_MISMATCH    8
+#define KEL_E_IPVERS_MGROUP_MISMATCH  9
+#define KEL_E_L2TYPE_INCOMPAT         10
+#define KEL_E_MGROUP_IPVERS_MISMATCH  11
+#define KEL_E_DB_VERSION              12
+#define KEL_E_EXISTS                  13
+#define KEL_E_INVALID_ARGS            14
+#define KEL_E_INVALID_CTRLPROP        15
+#define KEL_E_INVALID_COS             16
+#define KEL_E_INVALID_HOSTNAME        17
+#define KEL_E_INVALID_IPADDR          18
+#define KEL_E_INVALID_IPNET           19
+#define KEL_E_IP_NOT_IN_IPNET         20
+#define KEL_E_INVALID_IPVERS          21
+#define KEL_E_INVALID_L2TYPE          22
+#define KEL_E_INVALID_LOCALADDR       23
+#define KEL_E_INVALID_MACADDR         24
+#define KEL_E_INVALID_MAXBW           25
+#define KEL_E_INVALID_MGROUP          26
+#define KEL_E_INVALID_NAME            27
+#define KEL_E_INVALID_PRIORITY        28
+#define KEL_E_INVALID_PROP            29
+#define KEL_E_INVALID_URI             30
+#define KEL_E_INVALID_RANGE           31
+#define KEL_E_INVALID_SUBNET          32
+#define KEL_E_INVALID_UPLINK          33
+#define KEL_E_INVALID_VLANID_RANGE    34
+#define KEL_E_INVALID_VLANID          35
+#define KEL_E_INVALID_VNI             36
+#define KEL_E_WEXO                    37
+#define KEL_E_FENU                    38
+#define KEL_E_HOSTNAME_LOOKUP         39
+#define KEL_E_NOSPACE                 40
+#define KEL_E_KEL_NOTFOUND            41
+#define KEL_E_IPNET_NOTFOUND          42
+#define KEL_E_VPORT_NOTFOUND          43
+#define KEL_E_NOTFOUND                44
+#define KEL_E_NOMEM                   45
+#define KEL_E_RANGE_INUSE             46
+#define KEL_E_NORESOURCE              47
+#define KEL_E_NO_VLANID               48
+#define KEL_E_NO_VNI                  49
+#define KEL_E_URI_NOTSUP              50
+#define KEL_E_NOTSUP                  51
+#define KEL_E_IPNET_OVERLAP           52
+#define KEL_E_ONE_IPNET               53
+#define KEL_E_PROP_PARTIAL            54
+#define KEL_E_PERM                    55
+#define KEL_E_READONLY                56
+#define KEL_E_NUQ                     57
+#define KEL_E_CTRL_CONNECT            58
+#define KEL_E_HOST_CONNECT            59
+#define KEL_E_MACADDR_RANDOM          60
+#define KEL_E_ARGS_REQUIRED           61
+#define KEL_E_UPLINK_REQUIRED         62
+#define KEL_E_VUR                     63
+#define KEL_E_SQL                     64
+#define KEL_E_SYSTEM                  65
+#define KEL_E_HOST_NORESPONSE         66
+#define KEL_E_VLANID_UNAVAIL          67
+#define KEL_E_VNI_UNAVAIL             68
+#define KEL_E_UUID                    69
+#define KEL_E_INVALID_POOL            70
+#define KEL_E_RANGE_EXCLUSIVE         71
+#define KEL_E_POOL_DEFROUTER          72
+#define KEL_E_INVALID_PROTECTION      73
+#define KEL_E_RANGE_NOT_SUBSET        74
+#define KEL_E_RANGE_OVERLAP           75
+#define KEL_E_RANGE_PARTIAL           76
+#define KEL_E_RANGE_MANUAL            77
+#define KEL_E_INVALID_URI_TEMPLATE    78
+#define KEL_E_INVALID_FILTER          79
+#define KEL_E_UPLINK_ATTRS            80
+#define KEL_E_VXLANADDR_ATTRS         81
+/* The number of reasons; kel_errlist has one message for each. */
+#define KEL_NUM_REASONS               82
+
+/* The reason and the facility status of a code. */
+#define KEL_ERR_REASON(code)          ((int)((unsigned int)(code) & 0xFFu))
+#define KEL_ERR_STATUS(code)          ((int)(code) >> 8)
+
+/* The English message of each reason, indexed by reason. */
+extern const char *const kel_errlist[KEL_NUM_REASONS];
+
+/*
+ * Formats the message of `code` into `buf` (cut to `len` - 1 characters and
+ * terminated) and returns its translation in the message domain
+ * "QARN_OST_OSLIB": either `buf` itself or a string owned by the message
+ * catalogue. Never fails; the caller keeps `buf` alive while using the result.
+ */
+const char *kel_errmsg(int code, char *buf, uint_t len);
+
+/*
+ * The configuration store: "/etc/kel/kel.db" and its lock file
+ * "/etc/kel/kel.lock" (below $KEL_ROOT when that is set).
+ */
+typedef struct kel_dbhandle *kel_dbhandle_t;
+
+/*
+ * Opens the store with the given SQLite open flags (SQLITE_OPEN_READONLY to read,
+ * SQLITE_OPEN_READWRITE to change it). Both files must exist. On failure *handlep
+ * is NULL and the code is KEL_E_NOMEM, an SQLite code under KEL_E_SQL, or an
+ * errno under KEL_E_SYSTEM (lock file missing or inaccessible).
+ */
+int kel_db_open(kel_dbhandle_t *handlep, int flags);
+/* Closes a handle; NULL is accepted. */
+void kel_db_close(kel_dbhandle_t handle);
+/* B_TRUE when the store's database file exists. */
+boolean_t kel_db_exists(void);
+/*
+ * Creates the store (both files, mode 0600, owner 16, group 65, schema version 3)
+ * unless the database file exists, in which case nothing is touched. The
+ * directory "/etc/kel" must exist. A failed creation leaves neither file behind.
+ */
+int kel_db_create(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* LIBKEL_H */
