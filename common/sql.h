@@ -1,0 +1,145 @@
+// RAII over the statement operations, for the library's own C++ code: a statement that
+// finalizes itself, a transaction that rolls back unless committed, and the store-lock
+// guard. With these, "release on every path out" holds by construction.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <initializer_list>
+#include <string>
+#include <type_traits>
+
+#include "libkel.h"
+#include "statement.h"
+#include "store_handle.h"
+
+namespace kel {
+
+// One item of a typed value list.
+struct SqlValue {
+	data_type_t type;
+	int number = 0;
+	const char *text = nullptr;
+	attrset_t *set = nullptr;
+
+	SqlValue(int v) : type(DATA_TYPE_INT32), number(v) {}
+	SqlValue(const char *v) : type(DATA_TYPE_STRING), text(v) {}
+	SqlValue(const std::string &v) : type(DATA_TYPE_STRING), text(v.c_str()) {}
+	SqlValue(attrset_t *v) : type(DATA_TYPE_ATTRSET), set(v) {}
+};
+
+using SqlValues = std::initializer_list<SqlValue>;
+
+// SQL text: a literal used as it is, or a format whose "%s" conversions SQLite's own
+// formatter fills with names and pre-built clauses (never with caller data).
+class SqlText {
+public:
+	SqlText(const char *literal) : text_(literal) {}
+
+	template <class... Args>
+	    requires(sizeof...(Args) > 0 && (std::is_convertible_v<Args, const char *> && ...))
+	SqlText(const char *format, Args... args)
+	    : built_(sqlite3_mprintf(format, static_cast<const char *>(args)...)), text_(built_)
+	{
+	}
+
+	~SqlText() { sqlite3_free(built_); }
+	SqlText(const SqlText &) = delete;
+	SqlText &operator=(const SqlText &) = delete;
+
+	// NULL when the text could not be built (no memory).
+	const char *c_str() const { return text_; }
+
+private:
+	char *built_ = nullptr;
+	const char *text_;
+};
+
+// Binds `values` to `stmt` as a typed value list.
+int bind_values(sqlite3_stmt *stmt, SqlValues values);
+
+class Statement {
+public:
+	Statement() = default;
+	~Statement() { kel_sqlite3_finalize(stmt_); }
+	Statement(const Statement &) = delete;
+	Statement &operator=(const Statement &) = delete;
+
+	// Prepares `sql` and binds `values`; a statement held before is finalized first.
+	int prepare(sqlite3 *db, const SqlText &sql, SqlValues values = {});
+	// KEL_E_CONTINUE with a row ready, KEL_SUCCESS when done, or an error.
+	int step() { return kel_sqlite3_step(stmt_); }
+
+	sqlite3_stmt *get() const { return stmt_; }
+	// Column `i` of the current row as text; NULL for an SQL NULL.
+	const char *text(int i) const
+	{
+		return reinterpret_cast<const char *>(sqlite3_column_text(stmt_, i));
+	}
+	int integer(int i) const { return sqlite3_column_int(stmt_, i); }
+
+private:
+	sqlite3_stmt *stmt_ = nullptr;
+};
+
+// Runs `sql` to its end, skipping any rows.
+int exec(sqlite3 *db, const SqlText &sql, SqlValues values = {});
+
+// The row loop: prepares `sql`, hands each row to `on_row` and stops at the first result
+// of `on_row` other than KEL_SUCCESS. Returns that result, a step or prepare failure, or
+// KEL_SUCCESS once every row (possibly none) was consumed.
+template <class OnRow>
+int for_each_row(sqlite3 *db, const SqlText &sql, SqlValues values, OnRow &&on_row)
+{
+	Statement st;
+	int rc = st.prepare(db, sql, values);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	while ((rc = st.step()) == KEL_E_CONTINUE) {
+		rc = on_row(st);
+		if (rc != KEL_SUCCESS)
+			return rc;
+	}
+	return rc;
+}
+
+// A transaction on one connection: rolled back when it goes out of scope uncommitted.
+class Transaction {
+public:
+	explicit Transaction(sqlite3 *db) : db_(db) {}
+	~Transaction() { rollback(); }
+	Transaction(const Transaction &) = delete;
+	Transaction &operator=(const Transaction &) = delete;
+
+	int begin();
+	// Commits; a failed commit is rolled back and its code returned.
+	int commit();
+	// Rolls back an open transaction (its own result is of no use to anyone).
+	void rollback();
+
+private:
+	sqlite3 *db_;
+	bool open_ = false;
+};
+
+// Holds the store lock of a handle for its lifetime.
+class StoreLock {
+public:
+	explicit StoreLock(kel_dbhandle_t handle) : handle_(handle), rc_(kel_lock(handle)) {}
+	~StoreLock()
+	{
+		if (rc_ == KEL_SUCCESS)
+			kel_unlock(handle_);
+	}
+	StoreLock(const StoreLock &) = delete;
+	StoreLock &operator=(const StoreLock &) = delete;
+
+	// KEL_SUCCESS when the lock is held, else why it could not be taken.
+	int status() const { return rc_; }
+
+private:
+	kel_dbhandle_t handle_;
+	int rc_;
+};
+
+}  // namespace kel

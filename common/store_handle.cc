@@ -1,0 +1,75 @@
+// Opening and closing the store.
+#include "store_handle.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "error_code.h"
+#include "paths.h"
+
+extern "C" {
+
+int kel_db_open(kel_dbhandle_t *handlep, int flags)
+{
+	if (handlep == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*handlep = nullptr;
+
+	auto *edh = static_cast<kel_dbhandle *>(std::calloc(1, sizeof(kel_dbhandle)));
+	if (edh == nullptr)
+		return KEL_E_NOMEM;
+	edh->edh_fd = -1;
+	edh->edh_mode = flags;
+	pthread_mutex_init(&edh->edh_cntmutex, nullptr);
+
+	int rc = KEL_SUCCESS;
+	try {
+		const std::string db = kel::paths::under_root(kel::paths::kDbFile);
+		const std::string lock = kel::paths::under_root(kel::paths::kLockFile);
+		int sqlrc = sqlite3_open_v2(db.c_str(), &edh->edh_db, flags, nullptr);
+		if (sqlrc != SQLITE_OK) {
+			rc = kel::sql_error(sqlrc);
+		} else {
+			// Never O_CREAT: a store whose lock file is gone must not be used.
+			int mode = (flags & SQLITE_OPEN_READWRITE) ? O_RDWR : O_RDONLY;
+			edh->edh_fd = open(lock.c_str(), mode | O_CLOEXEC);
+			if (edh->edh_fd == -1)
+				rc = kel::last_sys_error();
+		}
+	} catch (const std::bad_alloc &) {
+		rc = KEL_E_NOMEM;
+	}
+
+	if (rc != KEL_SUCCESS) {
+		kel_db_close(edh);
+		return rc;
+	}
+	*handlep = edh;
+	return KEL_SUCCESS;
+}
+
+void kel_db_close(kel_dbhandle_t edh)
+{
+	if (edh == nullptr)
+		return;
+	pthread_mutex_destroy(&edh->edh_cntmutex);
+	sqlite3_close(edh->edh_db);
+	// Closing the descriptor also drops any record lock this process holds on the file.
+	if (edh->edh_fd != -1)
+		close(edh->edh_fd);
+	std::free(edh);
+}
+
+boolean_t kel_db_exists(void)
+{
+	try {
+		const std::string db = kel::paths::under_root(kel::paths::kDbFile);
+		return access(db.c_str(), F_OK) == 0 ? B_TRUE : B_FALSE;
+	} catch (const std::bad_alloc &) {
+		return B_FALSE;
+	}
+}
+
+}  // extern "C"
