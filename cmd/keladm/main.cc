@@ -1,0 +1,95 @@
+// keladm: administer the kel fabric. `keladm SUBCOMMAND [options] [operands]`.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "keladm.h"
+#include "libkel.h"
+
+namespace keladm {
+namespace {
+
+int help(std::span<char *> args);
+
+const Subcommand kSubcommands[] = {
+	{"help", "[SUBCOMMAND]", "describe keladm or one of its subcommands", help},
+	{"create-store", "", "create the configuration store if it does not exist", create_store},
+};
+
+const Subcommand *find(const char *name)
+{
+	for (const Subcommand &cmd : kSubcommands)
+		if (std::strcmp(cmd.name, name) == 0)
+			return &cmd;
+	return nullptr;
+}
+
+void print_usage(FILE *out, const Subcommand &cmd)
+{
+	std::fprintf(out, "usage: keladm %s%s%s\n", cmd.name, *cmd.usage ? " " : "", cmd.usage);
+}
+
+void print_overview(FILE *out)
+{
+	std::fprintf(out, "usage: keladm SUBCOMMAND [options] [operands]\n\nsubcommands:\n");
+	for (const Subcommand &cmd : kSubcommands)
+		std::fprintf(out, "  %-16s %s\n", cmd.name, cmd.summary);
+	std::fprintf(out, "\nSee keladm help SUBCOMMAND, or keladm(8).\n");
+}
+
+int help(std::span<char *> args)
+{
+	if (args.size() < 2) {
+		print_overview(stdout);
+		return kExitOk;
+	}
+	const Subcommand *cmd = find(args[1]);
+	if (cmd == nullptr) {
+		std::fprintf(stderr, "keladm: unknown subcommand '%s'\n", args[1]);
+		return kExitUsage;
+	}
+	print_usage(stdout, *cmd);
+	std::printf("%s\n", cmd->summary);
+	return kExitOk;
+}
+
+}  // namespace
+
+std::span<const Subcommand> subcommands()
+{
+	return kSubcommands;
+}
+
+int fail(const std::string &what, int code)
+{
+	char buf[1024];
+	std::fprintf(stderr, "keladm: %s: %s\n", what.c_str(), kel_errmsg(code, buf, sizeof(buf)));
+	return kExitFailed;
+}
+
+int usage_error(const Subcommand &cmd, const std::string &problem)
+{
+	std::fprintf(stderr, "keladm: %s\n", problem.c_str());
+	print_usage(stderr, cmd);
+	return kExitUsage;
+}
+
+}  // namespace keladm
+
+int main(int argc, char **argv)
+{
+	using namespace keladm;
+	if (argc < 2) {
+		print_overview(stderr);
+		return kExitUsage;
+	}
+	if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)
+		return help(std::span<char *>(argv + 1, 1));
+	const Subcommand *cmd = find(argv[1]);
+	if (cmd == nullptr) {
+		std::fprintf(stderr, "keladm: unknown subcommand '%s'\n", argv[1]);
+		print_overview(stderr);
+		return kExitUsage;
+	}
+	return cmd->run(std::span<char *>(argv + 1, argc - 1));
+}

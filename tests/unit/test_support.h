@@ -1,0 +1,59 @@
+// Shared helpers for the unit tests.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <string>
+
+namespace kel::test {
+
+// Points KEL_ROOT at a fresh scratch tree (with etc/kel made) for one test, and removes
+// it afterwards. The real /etc/kel is never touched.
+class ScratchRoot : public ::testing::Test {
+protected:
+	void SetUp() override;
+	void TearDown() override;
+
+	// `relative` below the scratch root, e.g. path("etc/kel/kel.db").
+	std::string path(const std::string &relative) const { return root_ + "/" + relative; }
+	std::string db_path() const { return path("etc/kel/kel.db"); }
+	std::string lock_path() const { return path("etc/kel/kel.lock"); }
+
+private:
+	std::string root_;
+};
+
+// The exit status of child `pid`, or -1 if it did not exit normally.
+int wait_exit(pid_t pid);
+
+// Runs `body` in a forked child and returns its exit status (or -1 if it died).
+template <class Body>
+int in_child(Body &&body)
+{
+	pid_t pid = fork();
+	if (pid == 0)
+		_exit(body());
+	return wait_exit(pid);
+}
+
+// Whether another process could take a record lock of `type` on `file` right now.
+bool other_process_can_lock(const std::string &file, short type);
+
+// Whether process `pid` is waiting for a record lock (it shows in /proc/locks).
+bool blocked_on_lock(pid_t pid);
+
+// Waits up to a few seconds for `cond` to hold; false if it never did.
+template <class Cond>
+bool eventually(Cond &&cond)
+{
+	for (int i = 0; i < 500; i++) {
+		if (cond())
+			return true;
+		usleep(10000);
+	}
+	return false;
+}
+
+}  // namespace kel::test
