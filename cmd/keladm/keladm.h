@@ -18,8 +18,8 @@ struct Subcommand {
 	int (*run)(std::span<char *> args);	// args[0] is the subcommand's name
 };
 
-// Every subcommand, in the order `keladm help` lists them.
-std::span<const Subcommand> subcommands();
+// The subcommand called `name`; it must exist.
+const Subcommand &subcommand(const char *name);
 
 // Reports a failed library call as "keladm: <what>: <message of code>" and returns
 // kExitFailed.

@@ -55,9 +55,9 @@ int help(std::span<char *> args)
 
 }  // namespace
 
-std::span<const Subcommand> subcommands()
+const Subcommand &subcommand(const char *name)
 {
-	return kSubcommands;
+	return *find(name);
 }
 
 int fail(const std::string &what, int code)

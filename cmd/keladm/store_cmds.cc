@@ -7,7 +7,7 @@ namespace keladm {
 int create_store(std::span<char *> args)
 {
 	if (args.size() > 1)
-		return usage_error(subcommands()[1], "create-store takes no operands");
+		return usage_error(subcommand("create-store"), "create-store takes no operands");
 	int rc = kel_db_create();
 	if (rc != KEL_SUCCESS)
 		return fail("cannot create the configuration store", rc);

@@ -1,0 +1,70 @@
+#!/bin/bash
+# Build, demo and test driver. Run as root on Debian 12:
+#   ./run.sh demo      install what is missing, build, create a scratch store and show it
+#   ./run.sh test      install what is missing, build, run the whole test suite
+#   ./run.sh sanitize  the unit tests built with AddressSanitizer and UBSan
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(g++ cmake ninja-build pkg-config binutils libsqlite3-dev libgtest-dev sqlite3)
+JOBS=$(nproc)
+
+install_missing() {
+	local missing=()
+	for p in "${PACKAGES[@]}"; do
+		dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' ||
+			missing+=("$p")
+	done
+	[ ${#missing[@]} -eq 0 ] && return
+	echo "installing: ${missing[*]}"
+	export DEBIAN_FRONTEND=noninteractive
+	apt-get update -qq
+	apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build DIR [cmake options...]
+build() {
+	local dir=$1
+	shift
+	local opts=(-G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo)
+	[ "${CI:-}" = true ] && opts+=(-DKEL_WERROR=ON)
+	cmake -S . -B "$dir" "${opts[@]}" "$@" >/dev/null
+	cmake --build "$dir" -j "$JOBS"
+}
+
+demo() {
+	build build
+	root=$(mktemp -d /tmp/kel-demo-XXXXXX)
+	trap 'rm -rf "$root"' EXIT
+	mkdir -p "$root/etc/kel"
+	export KEL_ROOT=$root
+	echo "== keladm create-store (KEL_ROOT=$root)"
+	build/cmd/keladm/keladm create-store
+	echo "== store files"
+	ls -ln "$root/etc/kel"
+	local db=$root/etc/kel/kel.db
+	echo "== tables and views"
+	sqlite3 "$db" "SELECT type, name FROM sqlite_master WHERE name NOT LIKE 'sqlite_%' ORDER BY rowid"
+	echo "== controller properties (ctrl_tbl)"
+	sqlite3 -header -column "$db" "SELECT ctrl_id, ctrl_pname, ctrl_pval, ctrl_host FROM ctrl_tbl"
+	echo "== schema version (misc_tbl)"
+	sqlite3 -header -column "$db" "SELECT misc_name, misc_value FROM misc_tbl"
+}
+
+run_tests() {
+	build build
+	ctest --test-dir build --output-on-failure -j "$JOBS" --timeout 120
+}
+
+sanitize() {
+	build build-sanitize -DKEL_SANITIZE=ON
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+		ctest --test-dir build-sanitize --output-on-failure -j "$JOBS" --timeout 300 -L unit
+}
+
+case "${1:-}" in
+demo) install_missing; demo ;;
+test) install_missing; run_tests ;;
+sanitize) install_missing; sanitize ;;
+*) echo "usage: $0 demo|test|sanitize" >&2; exit 2 ;;
+esac
