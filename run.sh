@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")"
 
-PACKAGES=(g++ cmake ninja-build pkg-config binutils libsqlite3-dev libgtest-dev sqlite3)
+PACKAGES=(g++ cmake ninja-build pkg-config binutils libsqlite3-dev uuid-dev libgtest-dev sqlite3)
 JOBS=$(nproc)
 
 install_missing() {

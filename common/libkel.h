@@ -9,13 +9,15 @@
  * failure; whatever the library hands out is the caller's to free with the
  * matching free function, and every free function accepts NULL.
  *
- * This header is plain C99 and C++; it needs no other library's headers.
+ * This header is plain C99 and C++; beyond the C library it needs libuuid's header.
  */
 #ifndef LIBKEL_H
 #define LIBKEL_H
 
 #include <stddef.h>
 #include <stdint.h>
+#include <sys/socket.h>
+#include <uuid/uuid.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -94,6 +96,130 @@ const char *attrset_entry_name(attrset_entry_t *entry);
 data_type_t attrset_entry_type(attrset_entry_t *entry);
 int attrset_entry_value_string(attrset_entry_t *entry, char **valuep);
 int attrset_entry_value_int32(attrset_entry_t *entry, int32_t *valuep);
+
+/*
+ * Property-string codec. A property string is name=value entries joined by commas,
+ * with no quoting; a value may hold commas but never '='. Texts are read from their end,
+ * so a set's entries stand in the reverse of the text's order.
+ */
+
+/*
+ * Reads `text` into a new set made with `flags` (*out is NULL for the empty text).
+ * `values` B_TRUE reads name=value entries, B_FALSE a list of names (each with the
+ * empty value). KEL_E_INVALID_ARGS for a trailing comma, white space only, or a
+ * name=value text with a leading piece that has no '='.
+ */
+int kel_str2attrset(const char *text, attrset_t **out, boolean_t values, int flags);
+/* Writes a set of string entries as a new text (freed by the caller); entries with the
+ * empty value are left out, and NULL gives "". */
+int kel_attrset2str(attrset_t *set, char **out);
+/*
+ * Composes name=value pairs (`count` pairs of const char * name and value; a pair with
+ * no name, no value or an empty value is skipped) into `buf`, followed by `tail` when
+ * given. KEL_E_NOSPACE when the text and its terminator do not fit in `size` bytes.
+ */
+int kel_create_attrstr(char *buf, size_t size, const char *tail, int count, ...);
+/* A new unique-name set of `count` triples (const char *name, data_type_t type,
+ * const char *value), strings only; a triple without a value adds nothing. NULL when
+ * memory ran out. */
+attrset_t *kel_create_attrset(int count, ...);
+/* The number of entries of a set. */
+int kel_attrset_count(attrset_t *set);
+/* A base-10 integer (strtol's syntax, nothing after it); "" reads as 0. */
+int kel_str2int(const char *text, int *out);
+
+/*
+ * Names. A name is a UUID text or a human-readable name: 1 to 127 characters, each an
+ * ASCII letter or digit, '_', '-' or '.'. A compound name is "kel/member".
+ */
+boolean_t kel_valid_name(const char *text);
+/* KEL_SUCCESS or KEL_E_INVALID_NAME; *is_uuid tells whether the name is a UUID text. */
+int kel_parse_name(const char *text, boolean_t *is_uuid);
+/* Split a compound name into its kel part and its member part (128-byte outputs, each
+ * optional). Without '/', the kel part is empty. */
+boolean_t kel_parse_kelvportname(const char *text, char *kelname, char *vportname);
+boolean_t kel_parse_kelipnetname(const char *text, char *kelname, char *ipnetname);
+/* Whether a vport name is a system vport's ("sys-vport" and a number). */
+boolean_t kel_is_system_vport(const char *vportname);
+/* Whether an address text (with or without "/prefix") is 0.0.0.0 or ::. A text that is
+ * not an IP address gives B_FALSE. */
+boolean_t kel_address_unspecified(const char *text);
+/* Whether the address part of a text (before any '/') resolves on this host. */
+boolean_t kel_valid_address(const char *text);
+
+/* Object kinds: bits for property catalogue lookups, and plain kinds. */
+typedef enum {
+	KEL_PROPTYPE_KEL = 1,
+	KEL_PROPTYPE_VPORT = 2,
+	KEL_PROPTYPE_IPNET = 4
+} kel_proptype_t;
+
+typedef enum {
+	KEL_TYPE_KEL = 0,
+	KEL_TYPE_VPORT = 1,
+	KEL_TYPE_IPNET = 2
+} kel_type_t;
+
+/* Records. Each is one heap block owned by the caller; its property set, its owned
+ * strings and the records on its lists belong to it. */
+#define KEL_NAME_LEN		128
+#define KEL_VNICNAME_LEN	96
+#define KEL_HOSTNAME_LEN	1025
+#define KEL_SUBNET_LEN		50
+#define KEL_ADDRSTR_LEN		46
+
+typedef enum { KEL_STATUS_IDLE = 0, KEL_STATUS_BUSY = 1 } kel_status_t;
+typedef enum { VPORT_STATUS_FREE = 0, VPORT_STATUS_USED = 1 } vport_status_t;
+
+/* An IP network. */
+typedef struct kel_ipnet_s {
+	list_node_t ei_node;
+	char ei_tenantname[KEL_NAME_LEN];
+	char ei_kelname[KEL_NAME_LEN];
+	uuid_t ei_keluuid;
+	char ei_name[KEL_NAME_LEN];
+	uuid_t ei_uuid;
+	attrset_t *ei_props;
+	sa_family_t ei_af;
+	char ei_subnet[KEL_SUBNET_LEN];		/* network address "/" prefix length */
+	uint32_t ei_prefixlen;
+	char ei_sastr[KEL_ADDRSTR_LEN];		/* first usable address */
+	char ei_eastr[KEL_ADDRSTR_LEN];		/* last usable address */
+	char *ei_availrange;			/* addresses not yet handed out */
+	struct sockaddr_storage ei_ca;		/* network address */
+	struct sockaddr_storage ei_sa;
+	struct sockaddr_storage ei_ea;
+} kel_ipnet_t;
+
+/* A virtual port. */
+typedef struct kel_vport_s {
+	list_node_t evp_node;
+	char evp_tenantname[KEL_NAME_LEN];
+	char evp_kelname[KEL_NAME_LEN];
+	uuid_t evp_keluuid;
+	char evp_name[KEL_NAME_LEN];
+	uuid_t evp_uuid;
+	attrset_t *evp_props;
+	vport_status_t evp_status;
+	char evp_vnicname[KEL_VNICNAME_LEN];
+	char evp_hostname[KEL_HOSTNAME_LEN];
+} kel_vport_t;
+
+/* A virtual switch with its ports and networks. */
+typedef struct kel_s {
+	list_node_t kel_node;
+	char kel_tenantname[KEL_NAME_LEN];
+	char kel_name[KEL_NAME_LEN];
+	uuid_t kel_uuid;
+	attrset_t *kel_props;
+	list_t kel_ipnets;			/* kel_ipnet_t */
+	list_t kel_ports;			/* kel_vport_t */
+	kel_status_t kel_status;
+	char kel_uport[32];			/* for the bound host: uplink port */
+	char kel_localaddr[50];			/* VXLAN endpoint address */
+	char kel_mgroup[50];			/* VXLAN multicast group */
+	char kel_ipvers[3];			/* "v4" or "v6" */
+} kel_t;
 
 /* Error codes: the reason in the low 8 bits. */
 #define KEL_SUCCESS                   0

@@ -1,0 +1,17 @@
+// Names, UUID texts and address texts: the library's internal checks.
+#pragma once
+
+#include "libkel.h"
+
+// Room for a name, the terminator included; names have at most 127 characters.
+inline constexpr unsigned kKelNameLen = 128;
+// A UUID text and its terminator.
+inline constexpr unsigned kUuidTextLen = 37;
+#define UUID_PRINTABLE_STRING_LENGTH 37
+
+boolean_t kel_valid_uuidstr(const char *text);
+boolean_t kel_valid_hrname(const char *text);
+boolean_t kel_parse_name_common(const char *text, char *kelname, char *member);
+// The UUID text without its hyphens; `size` must be at least 33.
+void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size);
+boolean_t kel_valid_zonevnicname(const char *text);
