@@ -3,15 +3,17 @@
 #   ./run.sh demo      install what is missing, build, create a scratch store and show it
 #   ./run.sh test      install what is missing, build, run the whole test suite
 #   ./run.sh sanitize  the unit tests built with AddressSanitizer and UBSan
+#   ./run.sh fuzz [SECONDS]  each fuzz target for SECONDS (default 10) on its corpus
 set -euo pipefail
 cd "$(dirname "$0")"
 
 PACKAGES=(g++ cmake ninja-build pkg-config binutils libsqlite3-dev uuid-dev libgtest-dev sqlite3)
+FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 JOBS=$(nproc)
 
 install_missing() {
 	local missing=()
-	for p in "${PACKAGES[@]}"; do
+	for p in "${PACKAGES[@]}" "$@"; do
 		dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' ||
 			missing+=("$p")
 	done
@@ -62,9 +64,27 @@ sanitize() {
 		ctest --test-dir build-sanitize --output-on-failure -j "$JOBS" --timeout 300 -L unit
 }
 
+# New inputs a run finds go to a scratch corpus; crash inputs stay in build-fuzz for
+# adding to tests/fuzz/corpus as regression cases.
+fuzz() {
+	local seconds=${1:-10}
+	CC=clang CXX=clang++ build build-fuzz -DKEL_FUZZ=ON -DKEL_TESTS=OFF
+	local target work
+	for target in attrset ipnet link_addr bandwidth; do
+		work=$(mktemp -d)
+		cp tests/fuzz/corpus/$target/* "$work/"
+		echo "== fuzz_$target for ${seconds}s"
+		(cd build-fuzz && ./tests/fuzz/fuzz_$target -max_total_time="$seconds" \
+			-max_len=256 -print_final_stats=1 "$work" 2>&1 |
+			grep -E 'number_of_executed_units|new_units_added|ERROR|invariant|SUMMARY')
+		rm -rf "$work"
+	done
+}
+
 case "${1:-}" in
 demo) install_missing; demo ;;
 test) install_missing; run_tests ;;
 sanitize) install_missing; sanitize ;;
-*) echo "usage: $0 demo|test|sanitize" >&2; exit 2 ;;
+fuzz) install_missing "${FUZZ_PACKAGES[@]}"; fuzz "${2:-}" ;;
+*) echo "usage: $0 demo|test|sanitize|fuzz [SECONDS]" >&2; exit 2 ;;
 esac

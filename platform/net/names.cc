@@ -51,7 +51,8 @@ void copy_out(std::string_view text, char *buf, size_t len)
 	if (buf == nullptr || len == 0)
 		return;
 	const size_t n = text.size() < len ? text.size() : len - 1;
-	std::memcpy(buf, text.data(), n);
+	if (n != 0)
+		std::memcpy(buf, text.data(), n);
 	buf[n] = '\0';
 }
 
