@@ -221,6 +221,16 @@ typedef struct kel_s {
 	char kel_ipvers[3];			/* "v4" or "v6" */
 } kel_t;
 
+/* One listed property of an object. */
+typedef struct kel_prop_s {
+	list_node_t ep_node;
+	char ep_propname[32];
+	char ep_perm[3];			/* "rw" or "r-" */
+	char *ep_current;			/* the object's value; NULL when it has none */
+	char ep_default[1024];
+	char ep_possible[1024];
+} kel_prop_t;
+
 /* Error codes: the reason in the low 8 bits. */
 #define KEL_SUCCESS                   0
 #define KEL_E_FAILED                  1
@@ -345,6 +355,54 @@ boolean_t kel_db_exists(void);
  * directory "/etc/kel" must exist. A failed creation leaves neither file behind.
  */
 int kel_db_create(void);
+
+/*
+ * Store lists. Each takes the store lock itself. On success the caller owns the list's
+ * records and frees them with the matching kel_free_*list; on failure there is nothing
+ * to free. `flags` is reserved: pass 0.
+ */
+
+/*
+ * Switches that match `filter` (for example "tenant=t1,kel=k1,k2"), each with the ports
+ * and networks that match. None: KEL_E_KEL_NOTFOUND, or KEL_E_VPORT_NOTFOUND when the
+ * filter named a port of an existing switch or a port alone.
+ */
+int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out,
+    uint32_t flags);
+/* Switches named `name` (of `tenant`, when given). */
+int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out,
+    uint32_t flags);
+/* One switch carrying exactly its port `vport`. */
+int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *vport, kel_t **out);
+/* Whether `tenant` has a switch `name` (a name or a UUID text). */
+boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name);
+/* Ports that match; none is KEL_E_VPORT_NOTFOUND. */
+int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out,
+    uint32_t flags);
+/* Networks that match; none is KEL_E_IPNET_NOTFOUND. */
+int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *out,
+    uint32_t flags);
+/* Networks by tenant, switch and network name; each may be NULL or empty. */
+int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *ipnet, list_t *out, uint32_t flags);
+
+/* Free a record, or a whole list (its records and the list's use); NULL is accepted. */
+void kel_free_kel(kel_t *kel);
+void kel_free_kellist(void *list);
+void kel_free_vport(kel_vport_t *vport);
+void kel_free_vportlist(void *list);
+void kel_free_ipnet(kel_ipnet_t *ipnet);
+void kel_free_ipnetlist(void *list);
+void kel_free_prop(kel_prop_t *prop);
+void kel_free_proplist(void *list);
+
+/* Filters. */
+/* KEL_E_INVALID_FILTER unless every name is a property of `proptype` or a key that
+ * suits objects of `type`; KEL_E_INVALID_ARGS for a malformed text. */
+int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t proptype);
+/* Turns "a,b,c" into "a|b|c" in place. */
+void kel_filterstr2regex(char *text);
 
 #ifdef __cplusplus
 }

@@ -1,0 +1,206 @@
+// The public list operations over the store.
+#include <cstring>
+#include <new>
+#include <unordered_map>
+
+#include "c_boundary.h"
+#include "filter.h"
+#include "names.h"
+#include "records.h"
+#include "sql.h"
+
+namespace {
+
+constexpr const char *kDefaultTenant = "sys-global";
+constexpr size_t kFilterLen = 1024;
+
+// Builds one switch list over kel_tbl joined with `table2`.
+int switches_joined_with(kel_dbhandle_t h, const char *filter, const char *table2,
+    const char *joincol, kel_infotype_t info, kel_kellist_cbarg_t *arg)
+{
+	arg->evc_infotype = info;
+	return kel_db_get_filtered_common(h, "kel_tbl", table2, "kel_uuid", joincol, filter, arg,
+	    kel_dbrow2kellist);
+}
+
+// The not-found code for a switch list that came back empty, from what the filter named.
+int kel_not_found(kel_dbhandle_t h, const char *filter)
+{
+	if (filter == nullptr || *filter == '\0')
+		return KEL_E_KEL_NOTFOUND;
+	attrset_t *set = nullptr;
+	if (kel_str2attrset(filter, &set, B_TRUE, ATTRSET_UNIQUE_NAME) != KEL_SUCCESS)
+		return KEL_E_KEL_NOTFOUND;
+	char *kel = nullptr, *vport = nullptr, *tenant = nullptr;
+	(void)attrset_lookup_string(set, "kel", &kel);
+	(void)attrset_lookup_string(set, "vport", &vport);
+	(void)attrset_lookup_string(set, "tenant", &tenant);
+	int rc = KEL_E_KEL_NOTFOUND;
+	if (kel != nullptr && vport != nullptr)
+		rc = kel_db_kel_exists(h, tenant != nullptr ? tenant : kDefaultTenant, kel)
+		    ? KEL_E_VPORT_NOTFOUND : KEL_E_KEL_NOTFOUND;
+	else if (vport != nullptr)
+		rc = KEL_E_VPORT_NOTFOUND;
+	attrset_free(set);
+	return rc;
+}
+
+// The switches of A that also came out of B, in A's order: B's record (with its
+// networks) takes A's ports. Switches on only one side are dropped.
+void assemble(list_t *a, list_t *b, list_t *out)
+{
+	std::unordered_map<std::string, kel_t *> in_b;
+	for (auto *k = static_cast<kel_t *>(list_head(b)); k; k = static_cast<kel_t *>(list_next(b, k)))
+		in_b.emplace(kel_uuid_key(k->kel_uuid), k);
+	kel_create_kellist(out);
+	for (auto *ka = static_cast<kel_t *>(list_head(a)); ka; ka = static_cast<kel_t *>(list_next(a, ka))) {
+		auto it = in_b.find(kel_uuid_key(ka->kel_uuid));
+		if (it == in_b.end())
+			continue;
+		kel_t *kb = it->second;
+		list_remove(b, kb);
+		list_insert_tail(out, kb);
+		kb->kel_status = KEL_STATUS_IDLE;
+		while (auto *vp = static_cast<kel_vport_t *>(list_remove_head(&ka->kel_ports))) {
+			if (vp->evp_status == VPORT_STATUS_USED)
+				kb->kel_status = KEL_STATUS_BUSY;
+			list_insert_tail(&kb->kel_ports, vp);
+		}
+	}
+}
+
+int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out)
+{
+	kel_kellist_cbarg_t with_ports, with_ipnets;
+	list_t a, b;
+	kel_create_kellist(&a);
+	kel_create_kellist(&b);
+	with_ports.evc_list = &a;
+	with_ipnets.evc_list = &b;
+	int rc;
+	{
+		kel::StoreLock lock(h);
+		if ((rc = lock.status()) != KEL_SUCCESS)
+			return rc;
+		rc = switches_joined_with(h, filter, "vport_tbl", "vport_keluuid", KEL_VPORTINFO,
+		    &with_ports);
+		if (rc == KEL_SUCCESS)
+			rc = switches_joined_with(h, filter, "ipnet_tbl", "ipnet_keluuid", KEL_IPNETINFO,
+			    &with_ipnets);
+		// The not-found test reads the store, so it runs before the lock goes.
+		if (rc == KEL_SUCCESS && list_is_empty(&a))
+			rc = kel_not_found(h, filter);
+	}
+	if (rc == KEL_SUCCESS)
+		assemble(&a, &b, out);
+	kel_free_kellist(&a);
+	kel_free_kellist(&b);
+	return rc;
+}
+
+// A port or network list: `table` joined with kel_tbl, read by `reader`.
+int member_list(kel_dbhandle_t h, const char *filter, list_t *out, const char *table,
+    const char *joincol, kel_row_cb_t *reader, void (*create)(list_t *),
+    void (*free_list)(void *), int notfound)
+{
+	kel::StoreLock lock(h);
+	if (int rc = lock.status(); rc != KEL_SUCCESS)
+		return rc;
+	create(out);
+	int rc = kel_db_get_filtered_common(h, table, "kel_tbl", joincol, "kel_uuid", filter, out,
+	    reader);
+	if (rc == KEL_SUCCESS && list_is_empty(out))
+		rc = notfound;
+	if (rc != KEL_SUCCESS)
+		free_list(out);
+	return rc;
+}
+
+}  // namespace
+
+extern "C" {
+
+int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t)
+{
+	if (h == nullptr || out == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return filtered_kellist(h, filter, out); });
+}
+
+int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out,
+    uint32_t flags)
+{
+	if (!kel_valid_name(name))
+		return KEL_E_INVALID_NAME;
+	char filter[kFilterLen];
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", name);
+	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_kellist(h, filter, out, flags);
+}
+
+int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *vport, kel_t **out)
+{
+	if (out == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*out = nullptr;
+	if (!kel_valid_name(tenant) || !kel_valid_name(kel) || !kel_valid_name(vport))
+		return KEL_E_INVALID_NAME;
+	char filter[kFilterLen];
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "kel",
+	    kel, "vport", vport);
+	list_t list;
+	if (rc == KEL_SUCCESS)
+		rc = kel_db_get_filtered_kellist(h, filter, &list, 0);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	// Names are unique per tenant and switch: one switch with one port came back.
+	*out = static_cast<kel_t *>(list_remove_head(&list));
+	kel_free_kellist(&list);
+	return KEL_SUCCESS;
+}
+
+boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name)
+{
+	if (h == nullptr || name == nullptr)
+		return B_FALSE;
+	boolean_t is_uuid = B_FALSE;
+	(void)kel_parse_name(name, &is_uuid);
+	kel::StoreLock lock(h);
+	if (lock.status() != KEL_SUCCESS)
+		return B_FALSE;
+	return kel_db_value_exists(h, "AND", "=", "kel_tbl", 2, "kel_tenant_name", DATA_TYPE_STRING,
+	    tenant, is_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, name);
+}
+
+int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t)
+{
+	if (h == nullptr || out == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] {
+		return member_list(h, filter, out, "vport_tbl", "vport_keluuid", kel_dbrow2vportlist,
+		    kel_create_vportlist, kel_free_vportlist, KEL_E_VPORT_NOTFOUND);
+	});
+}
+
+int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t)
+{
+	if (h == nullptr || out == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] {
+		return member_list(h, filter, out, "ipnet_tbl", "ipnet_keluuid", kel_dbrow2ipnetlist,
+		    kel_create_ipnetlist, kel_free_ipnetlist, KEL_E_IPNET_NOTFOUND);
+	});
+}
+
+int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *ipnet, list_t *out, uint32_t flags)
+{
+	if (out == nullptr)
+		return KEL_E_INVALID_ARGS;
+	char filter[kFilterLen];
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "kel",
+	    kel, "ipnet", ipnet);
+	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_ipnetlist(h, filter, out, flags);
+}
+
+}  // extern "C"

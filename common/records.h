@@ -1,0 +1,37 @@
+// Store rows into records: the row readers and the grouping of joined rows.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <string>
+#include <unordered_map>
+
+#include "libkel.h"
+
+typedef enum { KEL_VPORTINFO = 1, KEL_IPNETINFO = 2 } kel_infotype_t;
+
+// Column offset of a port or network read behind the six switch columns.
+inline constexpr int KEL_TBL_NCOLS = 6;
+
+// The grouping argument of the switch list's row callback. The index finds a switch
+// already on the list by its UUID bytes, so grouping costs O(1) per row.
+struct kel_kellist_cbarg_t {
+	list_t *evc_list;
+	kel_infotype_t evc_infotype;
+	std::unordered_map<std::string, kel_t *> evc_index;
+};
+
+int kel_dbrow2kel(sqlite3_stmt *stmt, kel_t **out);
+int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int offset);
+int kel_dbrow2ipnet(sqlite3_stmt *stmt, kel_ipnet_t **out, int offset);
+int kel_dbrow2kellist(sqlite3_stmt *stmt, void *cbarg);
+int kel_dbrow2vportlist(sqlite3_stmt *stmt, void *list);
+int kel_dbrow2ipnetlist(sqlite3_stmt *stmt, void *list);
+
+void kel_create_kellist(list_t *list);
+void kel_create_vportlist(list_t *list);
+void kel_create_ipnetlist(list_t *list);
+void kel_create_proplist(list_t *list);
+
+// The 16 UUID bytes as a map key.
+std::string kel_uuid_key(const uuid_t uu);

@@ -1,0 +1,79 @@
+// A scratch store with rows written straight into its tables, for the readers' tests
+// (the library's own writers build on these readers).
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdio>
+#include <string>
+
+#include "libkel.h"
+#include "sql.h"
+#include "store_handle.h"
+#include "test_support.h"
+
+namespace kel::test {
+
+class StoreFixture : public ScratchRoot {
+protected:
+	void SetUp() override
+	{
+		ScratchRoot::SetUp();
+		ASSERT_EQ(kel_db_create(), KEL_SUCCESS);
+		ASSERT_EQ(kel_db_open(&h_, SQLITE_OPEN_READWRITE), KEL_SUCCESS);
+	}
+	void TearDown() override
+	{
+		kel_db_close(h_);
+		ScratchRoot::TearDown();
+	}
+
+	// A UUID text made from a small number, so tests can name objects by number.
+	static std::string uuid(int n)
+	{
+		char buf[37];
+		std::snprintf(buf, sizeof(buf), "00000000-0000-4000-8000-%012d", n);
+		return buf;
+	}
+
+	void add_kel(int id, const char *name, const char *tenant = "sys-global",
+	    const char *props = "")
+	{
+		ASSERT_EQ(kel::exec(h_->edh_db,
+		              "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
+		              "VALUES (?, ?, ?, ?)",
+		              {uuid(id), name, tenant, props}),
+		    KEL_SUCCESS);
+	}
+
+	void add_vport(int id, int kel, const char *name, const char *props = "", int status = 0,
+	    const char *vnic = nullptr, const char *host = "")
+	{
+		ASSERT_EQ(kel::exec(h_->edh_db,
+		              "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
+		              "vport_status, vport_vnicname, vport_hostname) VALUES (?, ?, ?, ?, ?, ?, ?)",
+		              {uuid(id), uuid(kel), name, props, status, vnic ? vnic : "", host}),
+		    KEL_SUCCESS);
+	}
+
+	void add_ipnet(int id, int kel, const char *name, const char *subnet,
+	    const char *avail = "10.0.0.2-10.0.0.254")
+	{
+		const std::string props = std::string("subnet=") + subnet;
+		ASSERT_EQ(kel::exec(h_->edh_db,
+		              "INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_keluuid, ipnet_name, ipnet_props, "
+		              "ipnet_af, ipnet_start_addr, ipnet_end_addr, ipnet_avail_range) "
+		              "VALUES (?, ?, ?, ?, 2, '', '', ?)",
+		              {uuid(id), uuid(kel), name, props, avail}),
+		    KEL_SUCCESS);
+	}
+
+	void sql(const std::string &statement)
+	{
+		ASSERT_EQ(kel::exec(h_->edh_db, statement.c_str()), KEL_SUCCESS);
+	}
+
+	kel_dbhandle_t h_ = nullptr;
+};
+
+}  // namespace kel::test
