@@ -70,7 +70,7 @@ fuzz() {
 	local seconds=${1:-10}
 	CC=clang CXX=clang++ build build-fuzz -DKEL_FUZZ=ON -DKEL_TESTS=OFF
 	local target work
-	for target in attrset ipnet link_addr bandwidth; do
+	for target in attrset ipnet link_addr bandwidth range filter; do
 		work=$(mktemp -d)
 		cp tests/fuzz/corpus/$target/* "$work/"
 		echo "== fuzz_$target for ${seconds}s"

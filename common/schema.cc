@@ -83,6 +83,18 @@ const char *const kel_sqlstmts[] = {
 	nullptr,
 };
 
+// Without these, finding one switch or port by name, or a switch's ports and networks,
+// scans whole tables: the cost of an operation on one object would grow with the store.
+const char *const kel_indexstmts[] = {
+	"CREATE INDEX kel_name_idx ON kel_tbl (kel_name)",
+	"CREATE INDEX vport_keluuid_idx ON vport_tbl (vport_keluuid)",
+	"CREATE INDEX vport_name_idx ON vport_tbl (vport_name)",
+	"CREATE INDEX vport_vnicname_idx ON vport_tbl (vport_vnicname)",
+	"CREATE INDEX ipnet_keluuid_idx ON ipnet_tbl (ipnet_keluuid)",
+	"CREATE INDEX ipnet_name_idx ON ipnet_tbl (ipnet_name)",
+	nullptr,
+};
+
 }  // namespace kel::schema
 
 namespace {
@@ -110,8 +122,9 @@ int create_schema()
 	{
 		kel::Transaction tx(handle->edh_db);
 		rc = tx.begin();
-		for (int i = 0; rc == KEL_SUCCESS && kel::schema::kel_sqlstmts[i] != nullptr; i++)
-			rc = kel_sqlite3_exec(handle->edh_db, "%s", 1, kel::schema::kel_sqlstmts[i], 0);
+		for (const char *const *stmts : {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts})
+			for (int i = 0; rc == KEL_SUCCESS && stmts[i] != nullptr; i++)
+				rc = kel_sqlite3_exec(handle->edh_db, "%s", 1, stmts[i], 0);
 		if (rc == KEL_SUCCESS)
 			rc = tx.commit();
 	}
