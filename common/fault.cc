@@ -21,6 +21,11 @@ void disarm()
 	countdown.store(0);
 }
 
+bool armed()
+{
+	return countdown.load() > 0;
+}
+
 int next_statement_fault()
 {
 	if (countdown.load(std::memory_order_relaxed) <= 0)

@@ -9,6 +9,8 @@ namespace kel::fault {
 void fail_nth_statement(int nth, int code);
 // Disarms any pending failure.
 void disarm();
+// Whether a failure is still pending (fewer statements ran than it waits for).
+bool armed();
 // Called by the statement layer before each prepare: the code to fail with, or 0.
 int next_statement_fault();
 

@@ -387,6 +387,41 @@ int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *
 int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
     const char *ipnet, list_t *out, uint32_t flags);
 
+/* L2 network types of a switch. */
+typedef enum {
+	KEL_L2NTYPE_UNKNOWN = 0,
+	KEL_L2NTYPE_VLAN = 1,
+	KEL_L2NTYPE_VXLAN = 2,
+	KEL_L2NTYPE_FLAT = 3
+} kel_l2ntype_t;
+
+/* Flag for creating switches and networks: the name may contain '-'. */
+#define KEL_NAME_DASH_OK	0x1
+
+/*
+ * Creates a switch of `tenant` (NULL: "sys-global"). `name` NULL derives the name from
+ * the UUID. `props` (may be NULL) may set "l2-type" (else the controller's), "vlanid" or
+ * "vni" (else the lowest free ID is drawn), "uuid", "protection", "maxbw", "priority"
+ * and extended "vendor:name" properties. *kelp receives the new switch. Nothing is left
+ * in the store, and no ID stays drawn, when it fails.
+ */
+int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name,
+    const char *props, uint32_t flags, kel_t **kelp);
+/* Deletes a switch with its ports and network and gives its ID back; refused with
+ * KEL_E_VPORT_INUSE while a port is bound. */
+int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, uint32_t flags);
+
+/*
+ * Adds the IP network of switch `kel`. `props` must give "subnet" and may give
+ * "defrouter" (default: the first usable address; 0.0.0.0 or :: for none), "pool"
+ * (default: every address left), "uuid" and extended properties.
+ */
+int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
+    const char *props, kel_ipnet_t **ipnetp, uint32_t flags);
+/* Removes a network; refused with KEL_E_IPNET_INUSE while its switch has ports. */
+int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *name, uint32_t flags);
+
 /* Free a record, or a whole list (its records and the list's use); NULL is accepted. */
 void kel_free_kel(kel_t *kel);
 void kel_free_kellist(void *list);

@@ -16,16 +16,16 @@
 
 namespace {
 
-// One element of a range-set, split at its first '-'.
-struct Element {
-	std::string start;
-	std::string end;
-	bool interval;	// written with a '-'
-};
+using Element = KelRangeElement;
 
-// The elements of a range-set; empty elements (doubled, leading or trailing commas) are
-// skipped, as a strtok-style reader does.
 std::vector<Element> elements(const char *range)
+{
+	return kel_range_elements(range);
+}
+
+}  // namespace
+
+std::vector<KelRangeElement> kel_range_elements(const char *range)
 {
 	std::vector<Element> out;
 	const std::string text = range != nullptr ? range : "";
@@ -46,6 +46,13 @@ std::vector<Element> elements(const char *range)
 	}
 	return out;
 }
+
+std::string kel_range_element_text(const std::string &start, const std::string &end, int type)
+{
+	return kel_rsrc_cmp(start.c_str(), end.c_str(), type) == 0 ? start : start + "-" + end;
+}
+
+namespace {
 
 bool parses(const std::string &value, int type)
 {

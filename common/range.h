@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 
 #include <cstddef>
+#include <string>
+#include <vector>
 
 #include "libkel.h"
 
@@ -46,3 +48,17 @@ int kel_rsrc_range_diff(const char *a, const char *b, void *out, int size, int t
 // KEL_SUCCESS when every element of `b` lies within one element of `a`, else
 // KEL_E_RANGE_INUSE.
 int kel_rsrc_range_contains(const char *a, const char *b, int type);
+
+// One element of a range-set, split at its first '-' (start == end for a single value).
+struct KelRangeElement {
+	std::string start;
+	std::string end;
+	bool interval;	// written with a '-'
+};
+
+// The elements of a range-set in order; empty elements (doubled, leading or trailing
+// commas) are skipped.
+std::vector<KelRangeElement> kel_range_elements(const char *range);
+// The text of one element: "start" when start and end are the same value, else
+// "start-end".
+std::string kel_range_element_text(const std::string &start, const std::string &end, int type);

@@ -73,6 +73,36 @@ protected:
 		ASSERT_EQ(kel::exec(h_->edh_db, statement.c_str()), KEL_SUCCESS);
 	}
 
+	void set_ctrl(const char *pname, const char *value)
+	{
+		ASSERT_EQ(kel::exec(h_->edh_db, "UPDATE ctrl_tbl SET ctrl_pval = ? WHERE ctrl_pname = ?",
+		              {value, pname}),
+		    KEL_SUCCESS);
+	}
+
+	// One text column of the first row `sql` selects ("<none>" without a row).
+	std::string value(const std::string &sql, SqlValues values = {})
+	{
+		std::string out = "<none>";
+		EXPECT_EQ(kel::for_each_row(h_->edh_db, sql.c_str(), values,
+		              [&](kel::Statement &st) {
+			              out = st.text(0) ? st.text(0) : "<null>";
+			              return KEL_E_EXISTS;	// the first row is enough
+		              }),
+		    KEL_E_EXISTS);
+		return out;
+	}
+
+	std::string ctrl(const char *pname)
+	{
+		return value("SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = ?", {pname});
+	}
+
+	int rows(const char *table)
+	{
+		return std::stoi(value(std::string("SELECT count(*) FROM ") + table));
+	}
+
 	kel_dbhandle_t h_ = nullptr;
 };
 

@@ -1,0 +1,291 @@
+#include "kel_lifecycle.h"
+
+#include <uuid/uuid.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "allocator.h"
+#include "c_boundary.h"
+#include "filter.h"
+#include "names.h"
+#include "prop_catalogue.h"
+#include "sql.h"
+
+namespace {
+
+constexpr size_t kFilterLen = 1024;
+
+struct SetDeleter {
+	void operator()(attrset_t *s) const { attrset_free(s); }
+};
+using SetPtr = std::unique_ptr<attrset_t, SetDeleter>;
+
+// The switch's ID while its creation is under way: given back when the holder goes out
+// of scope unless the switch was committed.
+class IdHold {
+public:
+	explicit IdHold(kel_dbhandle_t h) : h_(h) {}
+	~IdHold()
+	{
+		if (type_ == KEL_L2NTYPE_VLAN)
+			(void)kel_db_free_vlanid(h_, id_);
+		else if (type_ == KEL_L2NTYPE_VXLAN)
+			(void)kel_db_free_vni(h_, id_);
+	}
+	IdHold(const IdHold &) = delete;
+	IdHold &operator=(const IdHold &) = delete;
+
+	void hold(kel_l2ntype_t type, int id)
+	{
+		type_ = type;
+		id_ = id;
+	}
+	void keep() { type_ = KEL_L2NTYPE_UNKNOWN; }
+
+private:
+	kel_dbhandle_t h_;
+	kel_l2ntype_t type_ = KEL_L2NTYPE_UNKNOWN;
+	int id_ = 0;
+};
+
+bool valid_object_name(const char *name, uint32_t flags)
+{
+	return kel_valid_name(name) && ((flags & KEL_NAME_DASH_OK) || std::strchr(name, '-') == nullptr);
+}
+
+// Parses the caller's properties into a unique-name set (an empty one for none) and
+// checks them against the catalogue for `type`.
+int parse_props(const char *props, kel_proptype_t type, SetPtr *out)
+{
+	attrset_t *set = nullptr;
+	int rc = kel_str2attrset(props != nullptr ? props : "", &set, B_TRUE, ATTRSET_UNIQUE_NAME);
+	if (rc == KEL_E_INVALID_ARGS)
+		return KEL_E_INVALID_PROP;
+	if (rc != KEL_SUCCESS)
+		return rc;
+	if (set == nullptr && attrset_create(&set, ATTRSET_UNIQUE_NAME) != 0)
+		return KEL_E_NOMEM;
+	out->reset(set);
+	return kel_check_prop(set, type);
+}
+
+// The reserved or drawn ID of a VLAN or VXLAN switch; `key` is "vlanid" or "vni".
+int take_id(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t type, IdHold *hold)
+{
+	const bool vlan = type == KEL_L2NTYPE_VLAN;
+	const char *key = vlan ? "vlanid" : "vni";
+	if (attrset_exists(set, vlan ? "vni" : "vlanid"))
+		return KEL_E_L2TYPE_INCOMPAT;
+	char *given = nullptr;
+	int id = 0, rc;
+	if (attrset_lookup_string(set, key, &given) == 0) {
+		if ((rc = kel_str2int(given, &id)) != KEL_SUCCESS)
+			return rc;
+		rc = vlan ? kel_db_get_this_vlanid(h, id) : kel_db_get_this_vni(h, id);
+		if (rc == KEL_SUCCESS)
+			hold->hold(type, id);
+		return rc;
+	}
+	rc = vlan ? kel_db_get_next_vlanid(h, &id) : kel_db_get_next_vni(h, &id);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	hold->hold(type, id);
+	return attrset_add_string(set, key, std::to_string(id).c_str()) == 0 ? KEL_SUCCESS
+	                                                                    : KEL_E_NOMEM;
+}
+
+// "uuid" from the set (removed from it), or a new time-based UUID.
+void take_uuid(attrset_t *set, char (&text)[kUuidTextLen])
+{
+	char *given = nullptr;
+	if (attrset_lookup_string(set, "uuid", &given) == 0) {
+		std::strncpy(text, given, kUuidTextLen - 1);
+		text[kUuidTextLen - 1] = '\0';
+		(void)attrset_remove(set, "uuid", DATA_TYPE_STRING);
+		return;
+	}
+	uuid_t uu;
+	uuid_generate_time(uu);
+	uuid_unparse(uu, text);
+}
+
+int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props,
+    uint32_t flags, kel_t **kelp)
+{
+	if (name != nullptr && !valid_object_name(name, flags))
+		return KEL_E_INVALID_NAME;
+	if (tenant == nullptr)
+		tenant = kDefaultTenant;
+	else if (!kel_valid_name(tenant))
+		return KEL_E_INVALID_NAME;
+	SetPtr set;
+	int rc = parse_props(props, KEL_PROPTYPE_KEL, &set);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	char uuidtext[kUuidTextLen];
+	take_uuid(set.get(), uuidtext);
+
+	kel::StoreLock lock(h);
+	if ((rc = lock.status()) != KEL_SUCCESS)
+		return rc;
+	char derived[kUuidTextLen];
+	if (name == nullptr) {
+		kel_uuidstr2name(uuidtext, derived, sizeof(derived));
+		name = derived;
+	} else if (kel_db_kel_exists(h, tenant, name)) {
+		return KEL_E_EXISTS;
+	}
+
+	kel_l2ntype_t type = KEL_L2NTYPE_UNKNOWN;
+	char *l2type = nullptr;
+	if (attrset_lookup_string(set.get(), "l2-type", &l2type) == 0) {
+		kel_str2ntype(l2type, &type);
+	} else {
+		char ctrltype[32];
+		if ((rc = kel_get_l2type_info(h, &type, ctrltype, sizeof(ctrltype))) != KEL_SUCCESS)
+			return rc;
+		if (attrset_add_string(set.get(), "l2-type", ctrltype) != 0)
+			return KEL_E_NOMEM;
+	}
+	IdHold id(h);
+	if (type != KEL_L2NTYPE_FLAT && (rc = take_id(h, set.get(), type, &id)) != KEL_SUCCESS)
+		return rc;
+
+	char *text = nullptr;
+	if ((rc = kel_attrset2str(set.get(), &text)) != KEL_SUCCESS)
+		return rc;
+	std::unique_ptr<char, decltype(&std::free)> propstr(text, &std::free);
+	kel::Transaction tx(h->edh_db);
+	list_t list;
+	if ((rc = tx.begin()) == KEL_SUCCESS)
+		rc = kel::exec(h->edh_db,
+		    "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
+		    "VALUES (?, ?, ?, ?)",
+		    {uuidtext, name, tenant, text});
+	if (rc == KEL_SUCCESS && (rc = kel_db_get_kellist(h, tenant, name, &list, 0)) == KEL_SUCCESS) {
+		if ((rc = tx.commit()) == KEL_SUCCESS) {
+			*kelp = static_cast<kel_t *>(list_remove_head(&list));
+			id.keep();
+		}
+		kel_free_kellist(&list);
+	}
+	// On failure the transaction rolls back before the ID holder gives the ID back.
+	tx.rollback();
+	return rc;
+}
+
+// Gives back the ID named in a deleted switch's properties. A row without "l2-type" or
+// its ID cannot come from creation; it holds nothing to give back, and is deleted.
+int give_back_id(kel_dbhandle_t h, attrset_t *props)
+{
+	char *l2type = nullptr, *idtext = nullptr;
+	kel_l2ntype_t type = KEL_L2NTYPE_UNKNOWN;
+	if (attrset_lookup_string(props, "l2-type", &l2type) == 0)
+		kel_str2ntype(l2type, &type);
+	const char *key = type == KEL_L2NTYPE_VLAN ? "vlanid" : "vni";
+	if ((type != KEL_L2NTYPE_VLAN && type != KEL_L2NTYPE_VXLAN) ||
+	    attrset_lookup_string(props, key, &idtext) != 0)
+		return KEL_SUCCESS;
+	int id = 0;
+	int rc = kel_str2int(idtext, &id);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	return type == KEL_L2NTYPE_VLAN ? kel_db_free_vlanid(h, id) : kel_db_free_vni(h, id);
+}
+
+int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
+{
+	if (!kel_valid_name(name))
+		return KEL_E_INVALID_NAME;
+	if (tenant == nullptr)
+		tenant = kDefaultTenant;
+	char filter[kFilterLen];
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", name);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kel::StoreLock lock(h);
+	if ((rc = lock.status()) != KEL_SUCCESS)
+		return rc;
+	list_t list;
+	if ((rc = kel_db_get_filtered_kellist(h, filter, &list, 0)) != KEL_SUCCESS)
+		return rc;
+	auto *kel = static_cast<kel_t *>(list_head(&list));
+	for (auto *vp = static_cast<kel_vport_t *>(list_head(&kel->kel_ports)); vp != nullptr;
+	     vp = static_cast<kel_vport_t *>(list_next(&kel->kel_ports, vp)))
+		if (vp->evp_status == VPORT_STATUS_USED)
+			rc = KEL_E_VPORT_INUSE;
+	char keluuid[kUuidTextLen];
+	uuid_unparse(kel->kel_uuid, keluuid);
+	kel::Transaction tx(h->edh_db);
+	if (rc == KEL_SUCCESS)
+		rc = tx.begin();
+	if (rc == KEL_SUCCESS)
+		rc = kel::exec(h->edh_db, "DELETE FROM vport_tbl WHERE vport_keluuid = ?", {keluuid});
+	if (rc == KEL_SUCCESS)
+		rc = kel::exec(h->edh_db, "DELETE from kel_tbl where kel_uuid = ?", {keluuid});
+	for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&kel->kel_ipnets));
+	     rc == KEL_SUCCESS && ip != nullptr;
+	     ip = static_cast<kel_ipnet_t *>(list_next(&kel->kel_ipnets, ip))) {
+		char ipuuid[kUuidTextLen];
+		uuid_unparse(ip->ei_uuid, ipuuid);
+		rc = kel::exec(h->edh_db, "DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {ipuuid});
+	}
+	// The give-back is an UPDATE inside the transaction: a rollback undoes it too.
+	if (rc == KEL_SUCCESS)
+		rc = give_back_id(h, kel->kel_props);
+	if (rc == KEL_SUCCESS)
+		rc = tx.commit();
+	kel_free_kellist(&list);
+	return rc;
+}
+
+}  // namespace
+
+void kel_str2ntype(const char *str, kel_l2ntype_t *type)
+{
+	*type = KEL_L2NTYPE_UNKNOWN;
+	if (str == nullptr)
+		return;
+	if (std::strcmp(str, "vlan") == 0)
+		*type = KEL_L2NTYPE_VLAN;
+	else if (std::strcmp(str, "vxlan") == 0)
+		*type = KEL_L2NTYPE_VXLAN;
+	else if (std::strcmp(str, "flat") == 0)
+		*type = KEL_L2NTYPE_FLAT;
+}
+
+int kel_get_l2type_info(kel_dbhandle_t h, kel_l2ntype_t *type, char *buf, int buflen)
+{
+	buf[0] = '\0';
+	int rc = kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", "ctrl_pname=l2-type", buf,
+	    buflen, DATA_TYPE_STRING);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kel_str2ntype(buf, type);
+	return *type == KEL_L2NTYPE_UNKNOWN ? KEL_E_INVALID_L2TYPE : KEL_SUCCESS;
+}
+
+extern "C" {
+
+int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name,
+    const char *props, uint32_t flags, kel_t **kelp)
+{
+	if (kelp == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*kelp = nullptr;
+	if (h == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return create_kel(h, tenant, name, props, flags, kelp); });
+}
+
+int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, uint32_t)
+{
+	if (h == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return delete_kel(h, tenant, name); });
+}
+
+}  // extern "C"
