@@ -40,17 +40,29 @@ demo() {
 	trap 'rm -rf "$root"' EXIT
 	mkdir -p "$root/etc/kel"
 	export KEL_ROOT=$root
-	echo "== keladm create-store (KEL_ROOT=$root)"
-	build/cmd/keladm/keladm create-store
-	echo "== store files"
-	ls -ln "$root/etc/kel"
-	local db=$root/etc/kel/kel.db
-	echo "== tables and views"
-	sqlite3 "$db" "SELECT type, name FROM sqlite_master WHERE name NOT LIKE 'sqlite_%' ORDER BY rowid"
-	echo "== controller properties (ctrl_tbl)"
-	sqlite3 -header -column "$db" "SELECT ctrl_id, ctrl_pname, ctrl_pval, ctrl_host FROM ctrl_tbl"
-	echo "== schema version (misc_tbl)"
-	sqlite3 -header -column "$db" "SELECT misc_name, misc_value FROM misc_tbl"
+	local keladm=build/cmd/keladm/keladm
+	step() { echo; echo "\$ keladm $*"; "$keladm" "$@"; }
+	echo "A scratch fabric under KEL_ROOT=$root"
+	step create-store
+	# The controller's ID ranges, set with SQL until keladm can set controller properties.
+	sqlite3 "$root/etc/kel/kel.db" \
+		"UPDATE ctrl_tbl SET ctrl_pval = '100-199' WHERE ctrl_pname IN ('vlan-range', 'vlan-range-avail');
+		 UPDATE ctrl_tbl SET ctrl_pval = '5000-5999' WHERE ctrl_pname IN ('vxlan-range', 'vxlan-range-avail');"
+	echo "(controller: vlan-range 100-199, vxlan-range 5000-5999, l2-type vlan)"
+	step create-kel web
+	step create-kel -p l2-type=vxlan,maxbw=100M db
+	step create-kel -p vlanid=150 app
+	step create-kel -T acme -p l2-type=flat lan
+	step add-ipnet -p subnet=10.1.0.0/24 web/front
+	step add-ipnet -p subnet=10.2.0.0/24,defrouter=10.2.0.254,pool=10.2.0.10-10.2.0.99 db/back
+	step add-ipnet -T acme -p subnet=192.168.7.0/24 lan/office
+	step add-ipnet -p subnet=10.1.0.0/16 app/wide || true
+	step show-kel
+	step show-kel -T acme -o name,l2type,id
+	step show-ipnet
+	step show-ipnet --json db
+	step delete-kel app
+	step show-kel -p -o name,id
 }
 
 run_tests() {

@@ -338,6 +338,10 @@ const char *kel_errmsg(int code, char *buf, uint_t len);
  */
 typedef struct kel_dbhandle *kel_dbhandle_t;
 
+/* Open modes for kel_db_open: SQLite's own SQLITE_OPEN_READONLY and _READWRITE. */
+#define KEL_DB_READONLY		0x00000001
+#define KEL_DB_READWRITE	0x00000002
+
 /*
  * Opens the store with the given SQLite open flags (SQLITE_OPEN_READONLY to read,
  * SQLITE_OPEN_READWRITE to change it). Both files must exist. On failure *handlep

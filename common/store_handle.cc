@@ -9,6 +9,9 @@
 #include "error_code.h"
 #include "paths.h"
 
+static_assert(KEL_DB_READONLY == SQLITE_OPEN_READONLY && KEL_DB_READWRITE == SQLITE_OPEN_READWRITE,
+    "the public open modes are SQLite's");
+
 extern "C" {
 
 int kel_db_open(kel_dbhandle_t *handlep, int flags)

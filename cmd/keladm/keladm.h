@@ -4,12 +4,17 @@
 #include <span>
 #include <string>
 
+#include "libkel.h"
+#include "output.h"
+
 namespace keladm {
 
 // Exit statuses.
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
+
+inline constexpr const char *kDefaultTenant = "sys-global";
 
 struct Subcommand {
 	const char *name;
@@ -28,6 +33,38 @@ int fail(const std::string &what, int code);
 // Reports a usage error for `cmd` and returns kExitUsage.
 int usage_error(const Subcommand &cmd, const std::string &problem);
 
+// The options every subcommand may take, as parsed by parse_options.
+struct Options {
+	std::string tenant = kDefaultTenant;
+	std::string props;	// -p name=value,... (subcommands that change things)
+	std::string fields;	// -o field,...
+	Format format = Format::Table;	// -p (show-*), --json
+	std::span<char *> operands;
+};
+
+// Parses `args` for subcommand `cmd`: -T tenant always; for show-* commands -o, -p
+// (parseable) and --json, for the others -p properties. Returns false after a usage
+// message.
+bool parse_options(const Subcommand &cmd, std::span<char *> args, bool show, Options *opts);
+
+// An open store handle, closed on scope exit.
+class Store {
+public:
+	~Store() { kel_db_close(handle_); }
+	// Opens the store; on failure reports it and returns its code.
+	int open(bool write);
+	kel_dbhandle_t get() const { return handle_; }
+
+private:
+	kel_dbhandle_t handle_ = nullptr;
+};
+
 int create_store(std::span<char *> args);
+int create_kel(std::span<char *> args);
+int delete_kel(std::span<char *> args);
+int show_kel(std::span<char *> args);
+int add_ipnet(std::span<char *> args);
+int remove_ipnet(std::span<char *> args);
+int show_ipnet(std::span<char *> args);
 
 }  // namespace keladm

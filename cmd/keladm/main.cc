@@ -14,6 +14,16 @@ int help(std::span<char *> args);
 const Subcommand kSubcommands[] = {
 	{"help", "[SUBCOMMAND]", "describe keladm or one of its subcommands", help},
 	{"create-store", "", "create the configuration store if it does not exist", create_store},
+	{"create-kel", "[-T tenant] [-p prop=value,...] [NAME]", "create a kel (virtual switch)",
+	    create_kel},
+	{"delete-kel", "[-T tenant] NAME", "delete a kel with its vports and ipnet", delete_kel},
+	{"show-kel", "[-T tenant] [-o field,...] [-p | --json] [NAME...]",
+	    "show kels: name, tenant, l2type, id, status, uuid", show_kel},
+	{"add-ipnet", "[-T tenant] -p subnet=ADDR/PREFIX[,defrouter=ADDR][,pool=RANGE] KEL/IPNET",
+	    "add the IP network of a kel", add_ipnet},
+	{"remove-ipnet", "[-T tenant] KEL/IPNET", "remove the IP network of a kel", remove_ipnet},
+	{"show-ipnet", "[-T tenant] [-o field,...] [-p | --json] [KEL[/IPNET]]",
+	    "show ipnets: name, kel, tenant, subnet, defrouter, pool, available", show_ipnet},
 };
 
 const Subcommand *find(const char *name)

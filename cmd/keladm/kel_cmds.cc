@@ -1,0 +1,114 @@
+// Switches: create-kel, delete-kel, show-kel.
+#include <uuid/uuid.h>
+
+#include <cstdio>
+#include <string>
+
+#include "keladm.h"
+
+namespace keladm {
+namespace {
+
+std::string prop(attrset_t *props, const char *name)
+{
+	char *value = nullptr;
+	return attrset_lookup_string(props, name, &value) == 0 ? value : "";
+}
+
+// The switch's VLAN ID or VNI, "--" for a flat switch.
+std::string kel_id(attrset_t *props)
+{
+	const std::string type = prop(props, "l2-type");
+	const std::string id = prop(props, type == "vxlan" ? "vni" : "vlanid");
+	return type == "flat" || id.empty() ? "--" : id;
+}
+
+// "kel=a,b" for the names given (with the tenant), or the tenant alone.
+std::string kel_filter(const Options &opts)
+{
+	std::string filter = "tenant=" + opts.tenant;
+	if (!opts.operands.empty()) {
+		filter += ",kel=";
+		for (size_t i = 0; i < opts.operands.size(); i++)
+			filter += std::string(i ? "," : "") + opts.operands[i];
+	}
+	return filter;
+}
+
+}  // namespace
+
+int create_kel(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("create-kel");
+	Options opts;
+	if (!parse_options(cmd, args, false, &opts))
+		return kExitUsage;
+	if (opts.operands.size() > 1)
+		return usage_error(cmd, "create-kel takes at most one name");
+	const char *name = opts.operands.empty() ? nullptr : opts.operands[0];
+	Store store;
+	if (store.open(true) != KEL_SUCCESS)
+		return kExitFailed;
+	kel_t *kel = nullptr;
+	// Operators name switches "web-1": the CLI always allows '-' in names.
+	int rc = kel_db_create_kel(store.get(), opts.tenant.c_str(), name,
+	    opts.props.empty() ? nullptr : opts.props.c_str(), KEL_NAME_DASH_OK, &kel);
+	if (rc != KEL_SUCCESS)
+		return fail(std::string("cannot create kel") + (name ? std::string(" '") + name + "'" : ""), rc);
+	std::printf("created kel %s (%s %s)\n", kel->kel_name, prop(kel->kel_props, "l2-type").c_str(),
+	    kel_id(kel->kel_props).c_str());
+	kel_free_kel(kel);
+	return kExitOk;
+}
+
+int delete_kel(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("delete-kel");
+	Options opts;
+	if (!parse_options(cmd, args, false, &opts))
+		return kExitUsage;
+	if (opts.operands.size() != 1)
+		return usage_error(cmd, "delete-kel takes one name");
+	Store store;
+	if (store.open(true) != KEL_SUCCESS)
+		return kExitFailed;
+	int rc = kel_db_delete_kel(store.get(), opts.tenant.c_str(), opts.operands[0], 0);
+	if (rc != KEL_SUCCESS)
+		return fail(std::string("cannot delete kel '") + opts.operands[0] + "'", rc);
+	return kExitOk;
+}
+
+int show_kel(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("show-kel");
+	Options opts;
+	if (!parse_options(cmd, args, true, &opts))
+		return kExitUsage;
+	Output out;
+	if (!out.configure({{"name"}, {"tenant"}, {"l2type"}, {"id"}, {"status"}, {"uuid"}},
+	        opts.fields, opts.format))
+		return kExitUsage;
+	Store store;
+	if (store.open(false) != KEL_SUCCESS)
+		return kExitFailed;
+	list_t list;
+	int rc = kel_db_get_filtered_kellist(store.get(), kel_filter(opts).c_str(), &list, 0);
+	// An empty fabric is nothing to show, not a failure; a named switch that is not there is.
+	if (rc == KEL_E_KEL_NOTFOUND && opts.operands.empty()) {
+		out.print();
+		return kExitOk;
+	}
+	if (rc != KEL_SUCCESS)
+		return fail("cannot list kels", rc);
+	for (auto *k = static_cast<kel_t *>(list_head(&list)); k; k = static_cast<kel_t *>(list_next(&list, k))) {
+		char uu[37];
+		uuid_unparse(k->kel_uuid, uu);
+		out.add({k->kel_name, k->kel_tenantname, prop(k->kel_props, "l2-type"), kel_id(k->kel_props),
+		    k->kel_status == KEL_STATUS_BUSY ? "busy" : "idle", uu});
+	}
+	kel_free_kellist(&list);
+	out.print();
+	return kExitOk;
+}
+
+}  // namespace keladm
