@@ -16,6 +16,7 @@
 #include "prop_catalogue.h"
 #include "sql.h"
 #include "store_handle.h"
+#include "text.h"
 
 namespace {
 
@@ -225,12 +226,8 @@ int store_value(kel::Statement &st, void *dest, int destlen, data_type_t type)
 	}
 	if (destlen == 0)
 		return KEL_SUCCESS;
-	char *buf = static_cast<char *>(dest);
-	buf[0] = '\0';
-	if (text != nullptr) {
-		std::strncpy(buf, text, static_cast<size_t>(destlen) - 1);
-		buf[destlen - 1] = '\0';
-	}
+	kel::copy_text(static_cast<char *>(dest), text != nullptr ? text : "",
+	    static_cast<size_t>(destlen));
 	return KEL_SUCCESS;
 }
 

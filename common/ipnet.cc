@@ -16,6 +16,7 @@
 #include "range.h"
 #include "sql.h"
 #include "subnet.h"
+#include "text.h"
 
 namespace {
 
@@ -131,8 +132,7 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	char uuidtext[kUuidTextLen];
 	char *given = nullptr;
 	if (attrset_lookup_string(set.get(), "uuid", &given) == 0) {
-		std::strncpy(uuidtext, given, sizeof(uuidtext) - 1);
-		uuidtext[sizeof(uuidtext) - 1] = '\0';
+		kel::copy_text(uuidtext, given, sizeof(uuidtext));
 		(void)attrset_remove(set.get(), "uuid", DATA_TYPE_STRING);
 	} else {
 		uuid_t uu;

@@ -13,6 +13,7 @@
 #include "names.h"
 #include "prop_catalogue.h"
 #include "sql.h"
+#include "text.h"
 
 namespace {
 
@@ -102,8 +103,7 @@ void take_uuid(attrset_t *set, char (&text)[kUuidTextLen])
 {
 	char *given = nullptr;
 	if (attrset_lookup_string(set, "uuid", &given) == 0) {
-		std::strncpy(text, given, kUuidTextLen - 1);
-		text[kUuidTextLen - 1] = '\0';
+		kel::copy_text(text, given, sizeof(text));
 		(void)attrset_remove(set, "uuid", DATA_TYPE_STRING);
 		return;
 	}

@@ -10,6 +10,7 @@
 
 #include "kel_assert.h"
 #include "kelnet.h"
+#include "text.h"
 
 namespace {
 
@@ -26,8 +27,7 @@ bool name_char(char c)
 // At most 49 characters of an address text, cut at the first '/'.
 void address_part(const char *text, char (&buf)[kAddressLen])
 {
-	std::strncpy(buf, text, sizeof(buf) - 1);
-	buf[sizeof(buf) - 1] = '\0';
+	kel::copy_text(buf, text, sizeof(buf));
 	if (char *slash = std::strchr(buf, '/'))
 		*slash = '\0';
 }
@@ -36,8 +36,7 @@ void copy_name(char *out, const char *name)
 {
 	if (out == nullptr)
 		return;
-	std::strncpy(out, name, kKelNameLen - 1);
-	out[kKelNameLen - 1] = '\0';
+	kel::copy_text(out, name, kKelNameLen);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 
 #include "names.h"
 #include "subnet.h"
+#include "text.h"
 
 namespace {
 
@@ -24,8 +25,7 @@ const char *text_or_empty(sqlite3_stmt *stmt, int col)
 
 void copy_text(char *dst, size_t size, sqlite3_stmt *stmt, int col)
 {
-	std::strncpy(dst, text_or_empty(stmt, col), size - 1);
-	dst[size - 1] = '\0';
+	kel::copy_text(dst, text_or_empty(stmt, col), size);
 }
 
 // UUID columns are cut to a UUID text's size before parsing.

@@ -1,4 +1,5 @@
 #include "subnet.h"
+#include "text.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -109,8 +110,7 @@ int kel_parse_ipnet(const char *subnet, kel_ipnet_t *ipnet)
 	if (subnet == nullptr || ipnet == nullptr)
 		return KEL_E_INVALID_IPNET;
 	char copy[kSubnetTextLen];
-	std::strncpy(copy, subnet, sizeof(copy) - 1);
-	copy[sizeof(copy) - 1] = '\0';
+	kel::copy_text(copy, subnet, sizeof(copy));
 	char *slash = std::strchr(copy, '/');
 	uint32_t prefix;
 	if (slash == nullptr)
