@@ -426,6 +426,30 @@ int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel,
     const char *name, uint32_t flags);
 
+/* One client setting of this host, as listed. */
+typedef struct kel_togprop_s {
+	list_node_t esp_node;
+	char esp_propname[32];
+	char esp_propval[1024];
+	char esp_defvalue[1024];
+	char esp_perm[3];
+} kel_togprop_t;
+
+/*
+ * This host's client settings, kept in its service configuration. Today there is one:
+ * "controller", where the host finds the controller ("unix://" when it is this host,
+ * "ssh://[user@]host[:port][/path]" otherwise; empty when not configured).
+ */
+/* Sets one setting from "name=value" and asks the running daemon to re-read it. */
+int kel_set_client_togprop(const char *propstr);
+/* Lists the settings named in `propnames` (comma-separated; NULL for all) into a list
+ * that it creates; free it with kel_free_togproplist. */
+int kel_get_client_togprop(const char *propnames, list_t *list);
+void kel_free_togproplist(list_t *list);
+/* The controller's identity: `name` must be "uuid" (else KEL_E_INVALID_CTRLPROP). */
+int kel_set_controller_togprop(const char *name, const char *value);
+int kel_get_controller_togprop(const char *name, char *buf, size_t size);
+
 /* Free a record, or a whole list (its records and the list's use); NULL is accepted. */
 void kel_free_kel(kel_t *kel);
 void kel_free_kellist(void *list);

@@ -66,5 +66,7 @@ int show_kel(std::span<char *> args);
 int add_ipnet(std::span<char *> args);
 int remove_ipnet(std::span<char *> args);
 int show_ipnet(std::span<char *> args);
+int set_clientprop(std::span<char *> args);
+int show_clientprop(std::span<char *> args);
 
 }  // namespace keladm

@@ -24,6 +24,11 @@ const Subcommand kSubcommands[] = {
 	{"remove-ipnet", "[-T tenant] KEL/IPNET", "remove the IP network of a kel", remove_ipnet},
 	{"show-ipnet", "[-T tenant] [-o field,...] [-p | --json] [KEL[/IPNET]]",
 	    "show ipnets: name, kel, tenant, subnet, defrouter, pool, available", show_ipnet},
+	{"set-clientprop", "controller=URI", "set where this host finds the controller",
+	    set_clientprop},
+	{"show-clientprop", "[-o field,...] [-p | --json] [name,...]",
+	    "show this host's client properties: property, permission, value, default",
+	    show_clientprop},
 };
 
 const Subcommand *find(const char *name)

@@ -120,6 +120,8 @@ void Output::print() const
 				v.resize(width[c] + 2, ' ');
 			out += v;
 		}
+		// An empty last column leaves padding behind: no line ends in blanks.
+		out.erase(out.find_last_not_of(' ') + 1);
 		std::printf("%s\n", out.c_str());
 	};
 	line([&](size_t c) { return upper(all_[columns_[c]].name); });

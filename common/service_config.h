@@ -1,0 +1,58 @@
+// Access to the service configuration repository: the node's client settings and the
+// controller's identity live there, not in the store.
+#pragma once
+
+#include <cstddef>
+
+#include "libkel.h"
+#include "vur.h"
+
+inline constexpr const char *KEL_NODE_FMRI = "svc:/network/kel:default";
+inline constexpr const char *KEL_CONTROLLER_FMRI = "svc:/network/kel-controller:default";
+
+// One open service instance, with the objects of the read or write under way.
+struct kel_vur_state_t {
+	vur_handle_t *ess_handle;
+	vur_instance_t *ess_inst;
+	vur_transaction_t *ess_trans;
+	vur_transaction_entry_t *ess_tent;
+	vur_propertygroup_t *ess_pg;
+	vur_property_t *ess_prop;
+};
+
+typedef int kel_tog_setfn_t(kel_dbhandle_t handle, void *descriptor, const char *pgname,
+    void *value);
+
+// One client setting: where it lives, its default, how it is set.
+struct kel_tog_pdesc_t {
+	const char *espd_pname;
+	const char *espd_pgname;
+	const char *espd_defvalue;
+	vur_type_t espd_ptype;
+	kel_tog_setfn_t *espd_setfn;
+	const char *espd_perm;
+};
+
+// The client settings, ended by a row whose name is NULL.
+extern const kel_tog_pdesc_t kel_tog_client_table[];
+
+int kel_vur_open(const char *instance, kel_vur_state_t *state);
+void kel_vur_close(kel_vur_state_t *state);
+int kel_get_composed_properties(const char *pgname, kel_vur_state_t *state);
+void kel_drop_composed(kel_vur_state_t *state);
+// Reads property pgname/pname as text into buf: KEL_E_NOTFOUND when the group or the
+// property is missing, KEL_E_VUR with the repository's error otherwise.
+int kel_tog_get_value(kel_vur_state_t *state, const char *pgname, const char *pname,
+    vur_type_t type, void *buf, size_t size);
+int kel_tog_get_one_value(const char *instance, const char *pgname, const char *pname,
+    vur_type_t type, void *buf, size_t size);
+// Writes `value` (text), or deletes the property when `value` is NULL. A write retries
+// while another writer changes the group; a failed write into a group it created
+// removes the group again.
+int kel_tog_set_value(kel_vur_state_t *state, const char *pgname, const char *pname,
+    vur_type_t type, void *value);
+int kel_tog_set_one_value(const char *instance, const char *pgname, const char *pname,
+    vur_type_t type, void *value);
+const kel_tog_pdesc_t *kel_get_tog_pdesc_entry(const kel_tog_pdesc_t *table, const char *name);
+int kel_walk_togprop(const char *instance, attrset_t *names, list_t *list);
+int kel_set_controller(kel_dbhandle_t handle, void *descriptor, const char *pgname, void *value);
