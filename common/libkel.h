@@ -426,6 +426,35 @@ int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel,
     const char *name, uint32_t flags);
 
+/* One controller property, fabric-wide or of one host, as listed. */
+typedef struct kel_ctrlprop_s {
+	list_node_t ecp_node;
+	char ecp_propname[32];
+	char *ecp_propval;
+	char ecp_defvalue[1024];		/* empty for a host row and "uuid" */
+	char ecp_host[256];			/* empty for a fabric-wide row */
+	char ecp_perm[3];			/* "rw" or "r-" */
+	char *ecp_vlanrange;			/* NULL for "uuid" */
+	char *ecp_vxlanrange;
+	char *ecp_flatrange;
+} kel_ctrlprop_t;
+
+/*
+ * Controller properties: "uri-template", "uuid", "l2-type", "vlan-range",
+ * "vlan-range-avail", "vxlan-range", "vxlan-range-avail", "vxlan-mgroup", "vxlan-ipvers",
+ * "vxlan-addr", "uplink-port". Lists those named in `propnames` (comma-separated; NULL for
+ * all), for one host or (host NULL) every row with the fabric's "uuid" last.
+ */
+int kel_db_get_ctrlprop(kel_dbhandle_t h, const char *propnames, const char *host, list_t *list);
+void kel_free_ctrlproplist(list_t *list);
+/*
+ * Sets one property from "name=value" (an empty value resets it), fabric-wide or for
+ * `host`. "uplink-port=net0" may carry vlan-range=, vxlan-range= and flat=yes|no;
+ * "vxlan-addr=..." may carry vxlan-range=. KEL_E_RANGE_PARTIAL and KEL_E_RANGE_MANUAL
+ * are warnings returned after the change was made.
+ */
+int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host);
+
 /* One client setting of this host, as listed. */
 typedef struct kel_togprop_s {
 	list_node_t esp_node;
