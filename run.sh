@@ -44,11 +44,13 @@ demo() {
 	step() { echo; echo "\$ keladm $*"; "$keladm" "$@"; }
 	echo "A scratch fabric under KEL_ROOT=$root"
 	step create-store
-	# The controller's ID ranges, set with SQL until keladm can set controller properties.
-	sqlite3 "$root/etc/kel/kel.db" \
-		"UPDATE ctrl_tbl SET ctrl_pval = '100-199' WHERE ctrl_pname IN ('vlan-range', 'vlan-range-avail');
-		 UPDATE ctrl_tbl SET ctrl_pval = '5000-5999' WHERE ctrl_pname IN ('vxlan-range', 'vxlan-range-avail');"
-	echo "(controller: vlan-range 100-199, vxlan-range 5000-5999, l2-type vlan)"
+	step set-controlprop vlan-range=100-199
+	step set-controlprop vxlan-range=5000-5999
+	step set-controlprop uplink-port=net0
+	step set-controlprop -h host-a uplink-port=eth1,vlan-range=100-149
+	step set-controlprop -h host-a uplink-port=eth2,vlan-range=150-199,flat=yes
+	step set-controlprop vxlan-mgroup=239.1.1.1
+	step set-clientprop controller=unix://
 	step create-kel web
 	step create-kel -p l2-type=vxlan,maxbw=100M db
 	step create-kel -p vlanid=150 app
@@ -63,6 +65,10 @@ demo() {
 	step show-ipnet --json db
 	step delete-kel app
 	step show-kel -p -o name,id
+	step show-controlprop -o property,host,value,vlan-range,vxlan-range,flat \
+		l2-type,vlan-range,vlan-range-avail,vxlan-range-avail,uplink-port,vxlan-mgroup
+	step show-controlprop -h host-a -o property,value,vlan-range,flat
+	step show-clientprop
 }
 
 run_tests() {

@@ -359,6 +359,13 @@ boolean_t kel_db_exists(void);
  * directory "/etc/kel" must exist. A failed creation leaves neither file behind.
  */
 int kel_db_create(void);
+/*
+ * Brings a store of schema version 1 or 2 to version 3 in one transaction; a version-3
+ * store is left as it is. KEL_E_DB_VERSION for a store newer than this library,
+ * KEL_E_NOTFOUND for one without a usable version; either is left untouched, and so is
+ * a store whose upgrade fails.
+ */
+int kel_db_upgrade(void);
 
 /*
  * Store lists. Each takes the store lock itself. On success the caller owns the list's

@@ -10,7 +10,7 @@ int set_clientprop(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("set-clientprop");
 	Options opts;
-	if (!parse_options(cmd, args, false, &opts))
+	if (!parse_options(cmd, args, kChange, &opts))
 		return kExitUsage;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "set-clientprop takes one name=value");
@@ -24,7 +24,7 @@ int show_clientprop(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("show-clientprop");
 	Options opts;
-	if (!parse_options(cmd, args, true, &opts))
+	if (!parse_options(cmd, args, kShow, &opts))
 		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "show-clientprop takes one list of names");

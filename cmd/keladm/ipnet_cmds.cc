@@ -33,7 +33,7 @@ int add_ipnet(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("add-ipnet");
 	Options opts;
-	if (!parse_options(cmd, args, false, &opts))
+	if (!parse_options(cmd, args, kChange, &opts))
 		return kExitUsage;
 	std::string kel, name;
 	if (opts.operands.size() != 1)
@@ -60,7 +60,7 @@ int remove_ipnet(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("remove-ipnet");
 	Options opts;
-	if (!parse_options(cmd, args, false, &opts))
+	if (!parse_options(cmd, args, kChange, &opts))
 		return kExitUsage;
 	std::string kel, name;
 	if (opts.operands.size() != 1)
@@ -80,7 +80,7 @@ int show_ipnet(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("show-ipnet");
 	Options opts;
-	if (!parse_options(cmd, args, true, &opts))
+	if (!parse_options(cmd, args, kShow, &opts))
 		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "show-ipnet takes at most one KEL or KEL/IPNET");

@@ -41,7 +41,7 @@ int create_kel(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("create-kel");
 	Options opts;
-	if (!parse_options(cmd, args, false, &opts))
+	if (!parse_options(cmd, args, kChange, &opts))
 		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "create-kel takes at most one name");
@@ -65,7 +65,7 @@ int delete_kel(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("delete-kel");
 	Options opts;
-	if (!parse_options(cmd, args, false, &opts))
+	if (!parse_options(cmd, args, kChange, &opts))
 		return kExitUsage;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "delete-kel takes one name");
@@ -82,7 +82,7 @@ int show_kel(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("show-kel");
 	Options opts;
-	if (!parse_options(cmd, args, true, &opts))
+	if (!parse_options(cmd, args, kShow, &opts))
 		return kExitUsage;
 	Output out;
 	if (!out.configure({{"name"}, {"tenant"}, {"l2type"}, {"id"}, {"status"}, {"uuid"}},

@@ -36,16 +36,22 @@ int usage_error(const Subcommand &cmd, const std::string &problem);
 // The options every subcommand may take, as parsed by parse_options.
 struct Options {
 	std::string tenant = kDefaultTenant;
+	const char *host = nullptr;	// -h host (controller properties)
 	std::string props;	// -p name=value,... (subcommands that change things)
 	std::string fields;	// -o field,...
 	Format format = Format::Table;	// -p (show-*), --json
 	std::span<char *> operands;
 };
 
-// Parses `args` for subcommand `cmd`: -T tenant always; for show-* commands -o, -p
-// (parseable) and --json, for the others -p properties. Returns false after a usage
-// message.
-bool parse_options(const Subcommand &cmd, std::span<char *> args, bool show, Options *opts);
+// Which options a subcommand takes besides -T tenant.
+enum OptionSet : unsigned {
+	kChange = 0,		// -p name=value,...
+	kShow = 1,		// -o fields, -p parseable, --json
+	kHost = 2,		// -h host (and no -h for help; --help still works)
+};
+
+// Parses `args` for subcommand `cmd`. Returns false after a usage message.
+bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, Options *opts);
 
 // An open store handle, closed on scope exit.
 class Store {
@@ -68,5 +74,11 @@ int remove_ipnet(std::span<char *> args);
 int show_ipnet(std::span<char *> args);
 int set_clientprop(std::span<char *> args);
 int show_clientprop(std::span<char *> args);
+int set_controlprop(std::span<char *> args);
+int show_controlprop(std::span<char *> args);
+int upgrade_store(std::span<char *> args);
+
+// Reports a warning (a change made, with something the operator should know).
+void warn(const std::string &what, int code);
 
 }  // namespace keladm

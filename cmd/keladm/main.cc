@@ -29,6 +29,13 @@ const Subcommand kSubcommands[] = {
 	{"show-clientprop", "[-o field,...] [-p | --json] [name,...]",
 	    "show this host's client properties: property, permission, value, default",
 	    show_clientprop},
+	{"set-controlprop", "[-h host] name=value[,attribute=value...]",
+	    "set a controller property, fabric-wide or for one host", set_controlprop},
+	{"show-controlprop", "[-h host] [-o field,...] [-p | --json] [name,...]",
+	    "show controller properties: name, host, value, default, permission, ranges",
+	    show_controlprop},
+	{"upgrade-store", "", "bring an older configuration store to the current schema",
+	    upgrade_store},
 };
 
 const Subcommand *find(const char *name)
@@ -80,6 +87,12 @@ int fail(const std::string &what, int code)
 	char buf[1024];
 	std::fprintf(stderr, "keladm: %s: %s\n", what.c_str(), kel_errmsg(code, buf, sizeof(buf)));
 	return kExitFailed;
+}
+
+void warn(const std::string &what, int code)
+{
+	char buf[1024];
+	std::fprintf(stderr, "keladm: warning: %s: %s\n", what.c_str(), kel_errmsg(code, buf, sizeof(buf)));
 }
 
 int usage_error(const Subcommand &cmd, const std::string &problem)

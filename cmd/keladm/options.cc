@@ -3,13 +3,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "keladm.h"
 
 namespace keladm {
 
-bool parse_options(const Subcommand &cmd, std::span<char *> args, bool show, Options *opts)
+bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, Options *opts)
 {
+	const bool show = (set & kShow) != 0;
 	static const struct option kLong[] = {
 		{"json", no_argument, nullptr, 'j'},
 		{"help", no_argument, nullptr, 'h'},
@@ -17,9 +19,10 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, bool show, Opt
 	};
 	optind = 0;	// start afresh: rescans from args[1]
 	opterr = 0;
-	const char *optstring = show ? "+:T:o:ph" : "+:T:p:h";
+	std::string optstring = show ? "+:T:o:p" : "+:T:p:";
+	optstring += (set & kHost) ? "h:" : "h";
 	int c;
-	while ((c = getopt_long(static_cast<int>(args.size()), args.data(), optstring, kLong,
+	while ((c = getopt_long(static_cast<int>(args.size()), args.data(), optstring.c_str(), kLong,
 	            nullptr)) != -1) {
 		switch (c) {
 		case 'T':
@@ -42,6 +45,10 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, bool show, Opt
 			opts->format = Format::Json;
 			break;
 		case 'h':
+			if (set & kHost) {
+				opts->host = optarg;
+				break;
+			}
 			std::printf("usage: keladm %s %s\n%s\n", cmd.name, cmd.usage, cmd.summary);
 			std::exit(kExitOk);
 		case ':':

@@ -14,4 +14,14 @@ int create_store(std::span<char *> args)
 	return kExitOk;
 }
 
+int upgrade_store(std::span<char *> args)
+{
+	if (args.size() > 1)
+		return usage_error(subcommand("upgrade-store"), "upgrade-store takes no operands");
+	int rc = kel_db_upgrade();
+	if (rc != KEL_SUCCESS)
+		return fail("cannot upgrade the configuration store", rc);
+	return kExitOk;
+}
+
 }  // namespace keladm

@@ -14,6 +14,6 @@ check "create-store again leaves the store alone" "$keladm" create-store
 status "an operand is a usage error (status 2)" 2 create-store extra
 status "an unknown subcommand is a usage error" 2 no-such-thing
 check "help lists every subcommand" bash -c \
-	"[ \$('$keladm' help | grep -cE '^  (create-store|create-kel|delete-kel|show-kel|add-ipnet|remove-ipnet|show-ipnet|set-clientprop|show-clientprop) ') -eq 9 ]"
+	"[ \$('$keladm' help | grep -cE '^  (create-store|create-kel|delete-kel|show-kel|add-ipnet|remove-ipnet|show-ipnet|set-clientprop|show-clientprop|set-controlprop|show-controlprop|upgrade-store) ') -eq 12 ]"
 check "help for one subcommand" bash -c "'$keladm' help create-store | grep -q '^usage: keladm create-store'"
 exit $fail

@@ -34,12 +34,10 @@ status() {
 	if [ "$got" -eq "$want" ]; then echo "ok: $what"; else echo "FAILED: $what (status $got, wanted $want)"; fail=1; fi
 }
 
-# A store with VLAN IDs 100-102 and VNIs 5000-5999 free (set with SQL until keladm can
-# set controller properties).
+# A store with VLAN IDs 100-102 and VNIs 5000-5999 free.
 make_store() {
 	mkdir -p "$root/etc/kel"
 	"$keladm" create-store || exit 1
-	sqlite3 "$root/etc/kel/kel.db" \
-		"UPDATE ctrl_tbl SET ctrl_pval = '100-102' WHERE ctrl_pname IN ('vlan-range', 'vlan-range-avail');
-		 UPDATE ctrl_tbl SET ctrl_pval = '5000-5999' WHERE ctrl_pname IN ('vxlan-range', 'vxlan-range-avail');"
+	"$keladm" set-controlprop vlan-range=100-102 || exit 1
+	"$keladm" set-controlprop vxlan-range=5000-5999 || exit 1
 }

@@ -1,0 +1,65 @@
+// Controller properties: set-controlprop, show-controlprop.
+#include <cstdio>
+#include <string>
+
+#include "keladm.h"
+
+namespace keladm {
+
+int set_controlprop(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("set-controlprop");
+	Options opts;
+	if (!parse_options(cmd, args, kChange | kHost, &opts))
+		return kExitUsage;
+	if (opts.operands.size() != 1)
+		return usage_error(cmd, "set-controlprop takes one name=value[,attribute=value...]");
+	Store store;
+	if (store.open(true) != KEL_SUCCESS)
+		return kExitFailed;
+	const std::string what = std::string("'") + opts.operands[0] + "'" +
+	    (opts.host ? std::string(" for ") + opts.host : "");
+	int rc = kel_db_set_ctrlprop(store.get(), opts.operands[0], opts.host);
+	// These two come back after the change was made.
+	if (rc == KEL_E_RANGE_PARTIAL || rc == KEL_E_RANGE_MANUAL) {
+		warn("set " + what, rc);
+		return kExitOk;
+	}
+	if (rc != KEL_SUCCESS)
+		return fail("cannot set " + what, rc);
+	return kExitOk;
+}
+
+int show_controlprop(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("show-controlprop");
+	Options opts;
+	if (!parse_options(cmd, args, kShow | kHost, &opts))
+		return kExitUsage;
+	if (opts.operands.size() > 1)
+		return usage_error(cmd, "show-controlprop takes one list of names");
+	Output out;
+	if (!out.configure({{"property"}, {"host"}, {"permission"}, {"value"}, {"default"},
+	                       {"vlan-range"}, {"vxlan-range"}, {"flat"}},
+	        opts.fields, opts.format))
+		return kExitUsage;
+	Store store;
+	if (store.open(false) != KEL_SUCCESS)
+		return kExitFailed;
+	list_t list;
+	int rc = kel_db_get_ctrlprop(store.get(), opts.operands.empty() ? nullptr : opts.operands[0],
+	    opts.host, &list);
+	if (rc != KEL_SUCCESS)
+		return fail("cannot list controller properties", rc);
+	auto text = [](const char *s) { return std::string(s != nullptr ? s : ""); };
+	for (auto *p = static_cast<kel_ctrlprop_t *>(list_head(&list)); p;
+	     p = static_cast<kel_ctrlprop_t *>(list_next(&list, p)))
+		out.add({p->ecp_propname, p->ecp_host, p->ecp_perm, text(p->ecp_propval), p->ecp_defvalue,
+		    text(p->ecp_vlanrange), text(p->ecp_vxlanrange),
+		    p->ecp_flatrange == nullptr ? "" : *p->ecp_flatrange ? "yes" : ""});
+	kel_free_ctrlproplist(&list);
+	out.print();
+	return kExitOk;
+}
+
+}  // namespace keladm

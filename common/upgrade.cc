@@ -1,0 +1,159 @@
+// Bringing a store of an older schema version to the current one, in one transaction.
+#include <uuid/uuid.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "c_boundary.h"
+#include "filter.h"
+#include "range.h"
+#include "schema.h"
+#include "sql.h"
+#include "store_handle.h"
+
+namespace {
+
+int kel_db_upgrade_v2(kel_dbhandle_t h);
+
+const char *const kel_sqlstmts_v2[] = {
+	"ALTER TABLE ipnet_tbl ADD ipnet_avail_pool_range VARCHAR DEFAULT ''",
+	"UPDATE ipnet_tbl SET ipnet_avail_pool_range = ipnet_avail_range",
+	"ALTER TABLE ctrl_tbl ADD ctrl_vlan_range VARCHAR DEFAULT ''",
+	"ALTER TABLE ctrl_tbl ADD ctrl_vxlan_range VARCHAR DEFAULT ''",
+	"UPDATE ctrl_tbl SET ctrl_host = '' WHERE ctrl_host is NULL",
+	"UPDATE ctrl_tbl SET ctrl_vlan_range = (SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = "
+	"'vlan-range') WHERE ctrl_pname = 'uplink-port' AND ctrl_pval != ''",
+	"UPDATE ctrl_tbl SET ctrl_vxlan_range = (SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = "
+	"'vxlan-range') WHERE (ctrl_pname = 'vxlan-addr' AND ctrl_pval != '0.0.0.0') OR "
+	"(ctrl_pname = 'uplink-port' AND ctrl_pval != '')",
+	"UPDATE vport_tbl SET vport_hostname = '' WHERE vport_hostname is NULL",
+	"UPDATE misc_tbl SET misc_value = '2' WHERE misc_name = 'db-version'",
+	nullptr,
+};
+
+const char *const kel_sqlstmts_v3[] = {
+	"INSERT into ctrl_tbl (ctrl_pname, ctrl_pval, ctrl_host) VALUES('uri-template', 'ssh://', '')",
+	"ALTER TABLE ctrl_tbl ADD ctrl_flat_range VARCHAR DEFAULT ''",
+	"UPDATE misc_tbl SET misc_value = '3' WHERE misc_name = 'db-version'",
+	nullptr,
+};
+
+struct UpgradeStep {
+	int version;
+	const char *const *stmts;
+	int (*fn)(kel_dbhandle_t);
+};
+
+// Row i brings a store of version i to version i + 1.
+const UpgradeStep kel_db_upgrade_stmts[] = {
+	{1, nullptr, nullptr},
+	{2, kel_sqlstmts_v2, kel_db_upgrade_v2},
+	{3, kel_sqlstmts_v3, nullptr},
+	{-1, nullptr, nullptr},
+};
+
+int run_all(kel_dbhandle_t h, const char *const *stmts)
+{
+	int rc = KEL_SUCCESS;
+	for (int i = 0; rc == KEL_SUCCESS && stmts != nullptr && stmts[i] != nullptr; i++)
+		rc = kel_sqlite3_exec(h->edh_db, "%s", 1, stmts[i], 0);
+	return rc;
+}
+
+// Version 2 gave networks a pool: their whole span less the default router. A network
+// without a router gets its whole span.
+int kel_db_upgrade_v2(kel_dbhandle_t h)
+{
+	list_t list;
+	int rc = kel_db_get_filtered_ipnetlist(h, "", &list, 0);
+	if (rc == KEL_E_IPNET_NOTFOUND)
+		return KEL_SUCCESS;
+	if (rc != KEL_SUCCESS)
+		return rc;
+	for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&list)); rc == KEL_SUCCESS && ip;
+	     ip = static_cast<kel_ipnet_t *>(list_next(&list, ip))) {
+		const std::string span = std::string(ip->ei_sastr) + "-" + ip->ei_eastr;
+		char pool[1024];
+		char *router = nullptr;
+		if (attrset_lookup_string(ip->ei_props, "defrouter", &router) == 0)
+			rc = kel_rsrc_range_diff(span.c_str(), router, pool, sizeof(pool),
+			    ip->ei_af == AF_INET ? KEL_RANGE_IPV4 : KEL_RANGE_IPV6);
+		else
+			rc = kel_rsrc_range_merge(span.c_str(), pool, sizeof(pool),
+			    ip->ei_af == AF_INET ? KEL_RANGE_IPV4 : KEL_RANGE_IPV6);
+		if (rc == KEL_SUCCESS && attrset_add_string(ip->ei_props, "pool", pool) != 0)
+			rc = KEL_E_NOMEM;
+		char *props = nullptr;
+		if (rc == KEL_SUCCESS)
+			rc = kel_attrset2str(ip->ei_props, &props);
+		if (rc == KEL_SUCCESS) {
+			char uu[37];
+			uuid_unparse(ip->ei_uuid, uu);
+			const std::string filter = std::string("ipnet=") + uu;
+			rc = kel_db_set_filtered_value(h, "ipnet_tbl", "ipnet_props", filter.c_str(), props,
+			    DATA_TYPE_STRING);
+		}
+		std::free(props);
+	}
+	kel_free_ipnetlist(&list);
+	return rc;
+}
+
+// The stored version, or KEL_E_NOTFOUND when the store has no usable one (no row, or a
+// text that is not a positive number): such a store is not touched.
+int stored_version(kel_dbhandle_t h, int *version)
+{
+	char text[1024] = "";
+	int rc = kel_db_get_filtered_value(h, "misc_tbl", "misc_value", "misc_name=db-version", text,
+	    sizeof(text), DATA_TYPE_STRING);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	char *end = nullptr;
+	const long v = std::strtol(text, &end, 10);
+	if (end == text || *end != '\0' || v < 1 || v > 1000000)
+		return KEL_E_NOTFOUND;
+	*version = static_cast<int>(v);
+	return KEL_SUCCESS;
+}
+
+int upgrade()
+{
+	kel_dbhandle_t h = nullptr;
+	int rc = kel_db_open(&h, SQLITE_OPEN_READWRITE);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	{
+		kel::StoreLock lock(h);
+		int version = 0;
+		if ((rc = lock.status()) == KEL_SUCCESS && (rc = stored_version(h, &version)) == KEL_SUCCESS &&
+		    version < kel::schema::kVersion) {
+			kel::Transaction tx(h->edh_db);
+			rc = tx.begin();
+			for (int i = version; rc == KEL_SUCCESS && kel_db_upgrade_stmts[i].version != -1; i++) {
+				const UpgradeStep &step = kel_db_upgrade_stmts[i];
+				rc = run_all(h, step.stmts);
+				if (rc == KEL_SUCCESS && step.fn != nullptr)
+					rc = step.fn(h);
+			}
+			// Upgraded stores get the lookup indexes new ones are made with.
+			for (int i = 0; rc == KEL_SUCCESS && kel::schema::kel_indexstmts[i] != nullptr; i++) {
+				const std::string stmt = std::string(kel::schema::kel_indexstmts[i])
+				    .replace(0, 12, "CREATE INDEX IF NOT EXISTS");
+				rc = kel_sqlite3_exec(h->edh_db, "%s", 1, stmt.c_str(), 0);
+			}
+			if (rc == KEL_SUCCESS)
+				rc = tx.commit();
+		} else if (rc == KEL_SUCCESS && version > kel::schema::kVersion) {
+			rc = KEL_E_DB_VERSION;
+		}
+	}
+	kel_db_close(h);
+	return rc;
+}
+
+}  // namespace
+
+extern "C" int kel_db_upgrade(void)
+{
+	return kel::c_boundary(upgrade);
+}
