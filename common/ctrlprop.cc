@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "attrset_ptr.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "kel_assert.h"
@@ -33,10 +34,7 @@ namespace {
 
 constexpr size_t kFilterLen = 1024;
 
-struct SetDeleter {
-	void operator()(attrset_t *s) const { attrset_free(s); }
-};
-using SetPtr = std::unique_ptr<attrset_t, SetDeleter>;
+using SetPtr = kel::AttrSetPtr;
 
 void create_list(list_t *list)
 {

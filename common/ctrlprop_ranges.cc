@@ -17,8 +17,6 @@ namespace {
 
 using Text = std::unique_ptr<char, decltype(&std::free)>;
 
-constexpr size_t kRangeLen = 8192;
-
 const char *min_id(bool vlan) { return vlan ? "1" : "0"; }
 const char *max_id(bool vlan) { return vlan ? "4094" : "16777215"; }
 

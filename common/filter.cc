@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "attrset_ptr.h"
 #include "error_code.h"
 #include "kel_assert.h"
 #include "kelnet.h"
@@ -56,10 +57,7 @@ constexpr const char *kCompatibleKeys[][7] = {
 	{"tenant", "kel", "ipnet", nullptr},
 };
 
-struct SetDeleter {
-	void operator()(attrset_t *s) const { attrset_free(s); }
-};
-using SetPtr = std::unique_ptr<attrset_t, SetDeleter>;
+using SetPtr = kel::AttrSetPtr;
 
 SetPtr new_set(int flags)
 {

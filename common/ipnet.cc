@@ -8,6 +8,7 @@
 #include <string>
 
 #include "allocator.h"
+#include "attrset_ptr.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "kel_lifecycle.h"
@@ -23,10 +24,7 @@ namespace {
 constexpr size_t kFilterLen = 1024;
 constexpr size_t kRangeLen = 8192;
 
-struct SetDeleter {
-	void operator()(attrset_t *s) const { attrset_free(s); }
-};
-using SetPtr = std::unique_ptr<attrset_t, SetDeleter>;
+using SetPtr = kel::AttrSetPtr;
 
 // What an ipnet's row holds beyond its properties.
 struct IpnetPlan {
@@ -130,15 +128,7 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
 	char uuidtext[kUuidTextLen];
-	char *given = nullptr;
-	if (attrset_lookup_string(set.get(), "uuid", &given) == 0) {
-		kel::copy_text(uuidtext, given, sizeof(uuidtext));
-		(void)attrset_remove(set.get(), "uuid", DATA_TYPE_STRING);
-	} else {
-		uuid_t uu;
-		uuid_generate_time(uu);
-		uuid_unparse(uu, uuidtext);
-	}
+	kel_take_uuid(set.get(), uuidtext);
 	char derived[kUuidTextLen];
 	if (name == nullptr) {
 		kel_uuidstr2name(uuidtext, derived, sizeof(derived));

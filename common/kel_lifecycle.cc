@@ -8,6 +8,7 @@
 #include <string>
 
 #include "allocator.h"
+#include "attrset_ptr.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "names.h"
@@ -19,10 +20,7 @@ namespace {
 
 constexpr size_t kFilterLen = 1024;
 
-struct SetDeleter {
-	void operator()(attrset_t *s) const { attrset_free(s); }
-};
-using SetPtr = std::unique_ptr<attrset_t, SetDeleter>;
+using SetPtr = kel::AttrSetPtr;
 
 // The switch's ID while its creation is under way: given back when the holder goes out
 // of scope unless the switch was committed.
@@ -98,20 +96,6 @@ int take_id(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t type, IdHold *hold)
 	                                                                    : KEL_E_NOMEM;
 }
 
-// "uuid" from the set (removed from it), or a new time-based UUID.
-void take_uuid(attrset_t *set, char (&text)[kUuidTextLen])
-{
-	char *given = nullptr;
-	if (attrset_lookup_string(set, "uuid", &given) == 0) {
-		kel::copy_text(text, given, sizeof(text));
-		(void)attrset_remove(set, "uuid", DATA_TYPE_STRING);
-		return;
-	}
-	uuid_t uu;
-	uuid_generate_time(uu);
-	uuid_unparse(uu, text);
-}
-
 int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props,
     uint32_t flags, kel_t **kelp)
 {
@@ -126,7 +110,7 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	if (rc != KEL_SUCCESS)
 		return rc;
 	char uuidtext[kUuidTextLen];
-	take_uuid(set.get(), uuidtext);
+	kel_take_uuid(set.get(), uuidtext);
 
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)

@@ -99,6 +99,19 @@ void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size)
 			buf[n++] = uuidtext[i];
 }
 
+void kel_take_uuid(attrset_t *props, char (&text)[kUuidTextLen])
+{
+	char *given = nullptr;
+	if (attrset_lookup_string(props, "uuid", &given) == 0) {
+		kel::copy_text(text, given, kUuidTextLen);
+		(void)attrset_remove(props, "uuid", DATA_TYPE_STRING);
+		return;
+	}
+	uuid_t uu;
+	uuid_generate_time(uu);
+	uuid_unparse(uu, text);
+}
+
 boolean_t kel_valid_zonevnicname(const char *text)
 {
 	return dlparse_zonelinkname(text, nullptr, 0, nullptr, 0) ? B_TRUE : B_FALSE;

@@ -15,3 +15,7 @@ boolean_t kel_parse_name_common(const char *text, char *kelname, char *member);
 // The UUID text without its hyphens; `size` must be at least 33.
 void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size);
 boolean_t kel_valid_zonevnicname(const char *text);
+
+// An object's UUID text at creation: the "uuid" property given (and removed from
+// `props`), or a new time-based UUID.
+void kel_take_uuid(attrset_t *props, char (&text)[kUuidTextLen]);
