@@ -48,10 +48,10 @@ TEST(ErrorMessages, FacilityReasonsCarryTheFacilityText)
 	    std::string("error while handling SQL: ") + sqlite3_errstr(SQLITE_BUSY));
 	EXPECT_EQ(message(ENOENT * 256 + KEL_E_SYSTEM),
 	    std::string("system error: ") + std::strerror(ENOENT));
-	// The service configuration repository is linked in and names its errors.
+	// Linked-in platform libraries name their errors.
 	EXPECT_EQ(message(1003 * 256 + KEL_E_VUR), "error while handling VUR: entity not found");
+	EXPECT_EQ(message(1027 * 256 + KEL_E_NUQ), "error while handling NUQ: remote call timed out");
 	// Facilities whose platform library is not linked in print the number.
-	EXPECT_EQ(message(1027 * 256 + KEL_E_NUQ), "error while handling NUQ: 1027");
 	EXPECT_EQ(message(9 * 256 + KEL_E_WEXO), "error while handling libwexo: 9");
 	EXPECT_EQ(message(4 * 256 + KEL_E_FENU), "error while handling libfenu: 4");
 	// A negative status survives the arithmetic shift.

@@ -1,0 +1,289 @@
+#include "client.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "nuq_errors.h"
+#include "paths.h"
+#include "wire.h"
+
+using nlohmann::json;
+
+struct nuq_conn {
+	int in = -1;		// replies come from here
+	int out = -1;		// requests go there (the same socket for unix://)
+	pid_t relay = -1;	// the ssh process, for ssh://
+	nuq::LineReader reader{-1};
+	std::mutex mutex;	// one call at a time per connection
+	long next_id = 1;
+	std::chrono::milliseconds timeout{30000};
+	bool broken = false;	// after a time-out or a framing error replies cannot be matched
+};
+
+struct nuq_instance {
+	nuq_conn_t *conn;
+	std::string interface;
+	json keys;
+};
+
+namespace {
+
+std::chrono::milliseconds call_timeout()
+{
+	const char *text = secure_getenv("KEL_NUQ_TIMEOUT_MS");
+	const long ms = text != nullptr ? std::strtol(text, nullptr, 10) : 0;
+	return std::chrono::milliseconds(ms > 0 ? ms : 30000);
+}
+
+int connect_unix(const std::string &path)
+{
+	struct sockaddr_un addr {};
+	if (path.size() >= sizeof(addr.sun_path))
+		return -1;
+	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	if (fd == -1)
+		return -1;
+	addr.sun_family = AF_UNIX;
+	std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+	if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
+		close(fd);
+		return -1;
+	}
+	return fd;
+}
+
+// Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire.
+pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child)
+{
+	int down[2], up[2];
+	if (pipe2(down, O_CLOEXEC) != 0)
+		return -1;
+	if (pipe2(up, O_CLOEXEC) != 0) {
+		close(down[0]);
+		close(down[1]);
+		return -1;
+	}
+	std::string target = nuq_uri_get_host(uri);
+	if (*nuq_uri_get_user(uri) != '\0')
+		target = std::string(nuq_uri_get_user(uri)) + "@" + target;
+	std::vector<std::string> argv = {"ssh", "-T", "-o", "BatchMode=yes"};
+	if (nuq_uri_get_port(uri) != 0) {
+		argv.push_back("-p");
+		argv.push_back(std::to_string(nuq_uri_get_port(uri)));
+	}
+	argv.push_back(target);
+	argv.push_back("keld");
+	argv.push_back("bridge");
+	if (*nuq_uri_get_path(uri) != '\0')
+		argv.push_back(nuq_uri_get_path(uri));
+	std::vector<char *> args;
+	for (std::string &a : argv)
+		args.push_back(a.data());
+	args.push_back(nullptr);
+	const pid_t pid = fork();
+	if (pid == 0) {
+		dup2(down[0], STDIN_FILENO);
+		dup2(up[1], STDOUT_FILENO);
+		execvp("ssh", args.data());
+		_exit(127);
+	}
+	close(down[0]);
+	close(up[1]);
+	if (pid == -1) {
+		close(down[1]);
+		close(up[0]);
+		return -1;
+	}
+	*to_child = down[1];
+	*from_child = up[0];
+	return pid;
+}
+
+// Sends one request and waits for its reply; the connection's mutex is held.
+int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *result,
+    json *error)
+{
+	if (conn->broken)
+		return NUQ_E_CLOSED;
+	const long id = conn->next_id++;
+	const json req = {{"jsonrpc", "2.0"}, {"id", id}, {"method", op}, {"params", params}};
+	if (!nuq::write_line(conn->out, req.dump())) {
+		conn->broken = true;
+		return NUQ_E_CLOSED;
+	}
+	std::string line;
+	switch (conn->reader.read(&line, conn->timeout)) {
+	case nuq::ReadResult::Line: break;
+	case nuq::ReadResult::Timeout: conn->broken = true; return NUQ_E_TIMEOUT;
+	case nuq::ReadResult::TooLong: conn->broken = true; return NUQ_E_PROTOCOL;
+	default: conn->broken = true; return NUQ_E_CLOSED;
+	}
+	const json reply = json::parse(line, nullptr, false);
+	if (reply.is_discarded() || !reply.is_object() || reply.value("id", json()) != json(id)) {
+		conn->broken = true;
+		return NUQ_E_PROTOCOL;
+	}
+	if (reply.contains("result")) {
+		*result = reply["result"];
+		return NUQ_E_SUCCESS;
+	}
+	const json &err = reply.value("error", json());
+	if (!err.is_object() || !err["code"].is_number_integer())
+		return NUQ_E_PROTOCOL;
+	const int code = err["code"].get<int>();
+	if (error != nullptr)
+		*error = err.value("data", json());
+	return code >= NUQ_E_OBJECT && code <= NUQ_E_REQUEST ? code : NUQ_E_PROTOCOL;
+}
+
+}  // namespace
+
+namespace nuq {
+
+nuq_conn_t *connect_fds(int in, int out)
+{
+	auto *conn = new (std::nothrow) nuq_conn_t;
+	if (conn == nullptr)
+		return nullptr;
+	conn->in = in;
+	conn->out = out;
+	conn->reader = LineReader(in);
+	conn->timeout = call_timeout();
+	return conn;
+}
+
+int call(nuq_instance_t *inst, const char *method, const json &args, json *result, json *error)
+{
+	if (inst == nullptr || method == nullptr)
+		return NUQ_E_BADARGS;
+	try {
+		std::lock_guard<std::mutex> hold(inst->conn->mutex);
+		json res;
+		const int rc = exchange(inst->conn, "call",
+		    {{"interface", inst->interface}, {"keys", inst->keys}, {"method", method}, {"args", args}},
+		    &res, error);
+		if (rc == NUQ_E_SUCCESS && result != nullptr)
+			*result = std::move(res);
+		return rc;
+	} catch (const std::bad_alloc &) {
+		return NUQ_E_NOMEM;
+	}
+}
+
+const json &keys(const nuq_instance_t *inst)
+{
+	return inst->keys;
+}
+
+}  // namespace nuq
+
+extern "C" {
+
+nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
+{
+	if (uri == nullptr)
+		return nullptr;
+	try {
+		if (nuq_uri_get_scheme(uri) == NUQS_UNIX) {
+			const std::string path = *nuq_uri_get_path(uri) != '\0'
+			    ? std::string(nuq_uri_get_path(uri))
+			    : kel::paths::under_root("/run/kel/keld.sock");
+			const int fd = connect_unix(path);
+			if (fd == -1)
+				return nullptr;
+			nuq_conn_t *conn = nuq::connect_fds(fd, fd);
+			if (conn == nullptr)
+				close(fd);
+			return conn;
+		}
+		if (*nuq_uri_get_host(uri) == '\0')
+			return nullptr;	// an ssh template without a host reaches nobody
+		int to_child = -1, from_child = -1;
+		const pid_t pid = start_relay(uri, &to_child, &from_child);
+		if (pid == -1)
+			return nullptr;
+		nuq_conn_t *conn = nuq::connect_fds(from_child, to_child);
+		if (conn == nullptr) {
+			close(to_child);
+			close(from_child);
+			kill(pid, SIGTERM);
+			waitpid(pid, nullptr, 0);
+			return nullptr;
+		}
+		conn->relay = pid;
+		return conn;
+	} catch (const std::bad_alloc &) {
+		return nullptr;
+	}
+}
+
+void nuq_disconnect(nuq_conn_t *conn)
+{
+	if (conn == nullptr)
+		return;
+	if (conn->out != -1 && conn->out != conn->in)
+		close(conn->out);
+	if (conn->in != -1)
+		close(conn->in);
+	if (conn->relay != -1) {
+		// Closing its stdin ends the ssh session; it is reaped so no zombie stays.
+		int status;
+		if (waitpid(conn->relay, &status, WNOHANG) == 0) {
+			kill(conn->relay, SIGTERM);
+			waitpid(conn->relay, &status, 0);
+		}
+	}
+	delete conn;
+}
+
+int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
+    int nkeys, ...)
+{
+	if (out == nullptr)
+		return NUQ_E_BADARGS;
+	*out = nullptr;
+	if (conn == nullptr || interface == nullptr)
+		return NUQ_E_BADARGS;
+	try {
+		json keys = json::object();
+		va_list ap;
+		va_start(ap, nkeys);
+		for (int i = 0; i < nkeys; i++) {
+			const char *name = va_arg(ap, const char *);
+			const char *value = va_arg(ap, const char *);
+			keys[name] = value;
+		}
+		va_end(ap);
+		std::lock_guard<std::mutex> hold(conn->mutex);
+		json result;
+		const int rc = exchange(conn, "lookup",
+		    {{"interface", interface}, {"keys", keys}, {"strict", strict != 0}}, &result, nullptr);
+		if (rc != NUQ_E_SUCCESS)
+			return rc;
+		if (!result.is_object() || !result["keys"].is_object())
+			return NUQ_E_PROTOCOL;
+		*out = new nuq_instance_t{conn, interface, result["keys"]};
+		return NUQ_E_SUCCESS;
+	} catch (const std::bad_alloc &) {
+		return NUQ_E_NOMEM;
+	}
+}
+
+void nuq_instance_rele(nuq_instance_t *inst)
+{
+	delete inst;
+}
+
+}  // extern "C"
