@@ -462,6 +462,20 @@ void kel_free_ctrlproplist(list_t *list);
  */
 int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host);
 
+/*
+ * Connections for remote administration. A node reaches its controller through its
+ * "controller" client setting; the controller reaches a node through the node's
+ * "uri-template" (or the fabric's), with the node's name filled in.
+ */
+typedef struct nuq_conn nuq_conn_t;
+
+/* KEL_E_CTRL_CONNECT when the setting is empty, not a URI, or nobody answers. */
+int kel_nuq_connection_to_controller(nuq_conn_t **conn);
+/* KEL_E_HOST_CONNECT when the host cannot be reached. */
+int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn);
+/* Closes a connection; NULL is accepted. */
+void nuq_disconnect(nuq_conn_t *conn);
+
 /* One client setting of this host, as listed. */
 typedef struct kel_togprop_s {
 	list_node_t esp_node;

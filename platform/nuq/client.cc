@@ -223,6 +223,12 @@ nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
 			return nullptr;
 		}
 		conn->relay = pid;
+		// Starting ssh proves nothing about the far end: one exchange does.
+		json pong;
+		if (exchange(conn, "ping", json::object(), &pong, nullptr) != NUQ_E_SUCCESS) {
+			nuq_disconnect(conn);
+			return nullptr;
+		}
 		return conn;
 	} catch (const std::bad_alloc &) {
 		return nullptr;

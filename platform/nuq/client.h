@@ -12,7 +12,8 @@ typedef struct nuq_instance nuq_instance_t;
 
 // Connects as the URI says: unix:// to a local socket, ssh:// through
 // "ssh -T -o BatchMode=yes ... keld bridge [path]". `credentials` is unused (each scheme
-// authenticates by its own means). NULL on failure.
+// authenticates by its own means). An ssh connection is proven by one exchange before it
+// is returned. NULL on failure.
 nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *credentials);
 void nuq_disconnect(nuq_conn_t *conn);
 // Looks up the object of `interface` named by `nkeys` (name, value) string pairs: with

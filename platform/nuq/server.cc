@@ -51,6 +51,8 @@ std::string Dispatcher::handle(const std::string &request) const
 	const Json &id = req["id"];
 	const Json &params = req["params"];
 	const std::string op = req["method"];
+	if (op == "ping")
+		return result_reply(id, Json::object());	// the far end is a server of ours
 	if (!params["interface"].is_string() || !params["keys"].is_object())
 		return error_reply(id, NUQ_E_REQUEST);
 	auto it = interfaces_.find(params["interface"].get<std::string>());

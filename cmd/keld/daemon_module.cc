@@ -1,0 +1,59 @@
+#include "daemon_module.h"
+
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include "libkel.h"
+#include "nuq_errors.h"
+
+namespace keld {
+namespace {
+
+std::string node_name()
+{
+	struct utsname u;
+	return uname(&u) == 0 ? u.nodename : "";
+}
+
+}  // namespace
+
+void DaemonState::reload()
+{
+	Settings fresh;
+	list_t list;
+	if (kel_get_client_togprop("controller", &list) == KEL_SUCCESS) {
+		if (auto *p = static_cast<kel_togprop_t *>(list_head(&list)))
+			fresh.controller = p->esp_propval;
+		kel_free_togproplist(&list);
+	}
+	std::lock_guard<std::mutex> hold(mutex_);
+	settings_ = fresh;
+	reloads_++;
+}
+
+Settings DaemonState::settings() const
+{
+	std::lock_guard<std::mutex> hold(mutex_);
+	return settings_;
+}
+
+nuq::Interface daemon_interface(const DaemonState &state)
+{
+	nuq::Interface iface;
+	iface.name = "kel.Daemon";
+	iface.lookup = [](const nuq::Json &keys, bool strict, nuq::Json *found) {
+		const std::string host = node_name();
+		if ((strict || keys.contains("host")) && keys.value("host", "") != host)
+			return false;
+		*found = {{"host", host}};
+		return true;
+	};
+	iface.methods["info"] = [&state](const nuq::Json &, const nuq::Json &) {
+		return nuq::Reply{NUQ_E_SUCCESS,
+		    {{"version", "1.1"}, {"pid", getpid()}, {"reloads", state.reloads()},
+		        {"controller", state.settings().controller}}};
+	};
+	return iface;
+}
+
+}  // namespace keld

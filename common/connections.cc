@@ -1,0 +1,122 @@
+#include "connections.h"
+
+#include <libxml/uri.h>
+#include <netdb.h>
+#include <sys/utsname.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "c_boundary.h"
+#include "client.h"
+#include "ctrlprop.h"
+#include "kel_assert.h"
+#include "service_config.h"
+#include "sql.h"
+#include "text.h"
+
+namespace {
+
+constexpr size_t kUriLen = 1024;
+
+int connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn)
+{
+	char tmpl[kUriLen];
+	{
+		// The lock covers reading the template, not the connecting.
+		kel::StoreLock lock(h);
+		int rc = lock.status();
+		if (rc != KEL_SUCCESS)
+			return rc;
+		rc = kel_db_get_one_hostprop(h, hostname, "uri-template", DATA_TYPE_STRING, tmpl,
+		    sizeof(tmpl));
+		if (rc == KEL_E_NOTFOUND)
+			rc = kel_db_get_one_hostprop(h, nullptr, "uri-template", DATA_TYPE_STRING, tmpl,
+			    sizeof(tmpl));
+		if (rc != KEL_SUCCESS)
+			return rc;
+	}
+	char uri[kUriLen];
+	int rc = kel_host_uri(tmpl, hostname, uri, sizeof(uri));
+	if (rc != KEL_SUCCESS)
+		return rc;
+	return kel_connect_uri(uri, conn) == KEL_SUCCESS ? KEL_SUCCESS : KEL_E_HOST_CONNECT;
+}
+
+}  // namespace
+
+int kel_connect_uri(const char *uri, nuq_conn_t **conn)
+{
+	*conn = nullptr;
+	nuq_uri_t *parsed = nuq_alloc_uri(uri, NUQS_UNIX | NUQS_SSH);
+	if (parsed == nullptr)
+		return KEL_E_CTRL_CONNECT;
+	*conn = nuq_connect_uri(parsed, nullptr);
+	nuq_free_uri(parsed);
+	return *conn != nullptr ? KEL_SUCCESS : KEL_E_CTRL_CONNECT;
+}
+
+int kel_host_uri(const char *tmpl, const char *hostname, char *buf, size_t size)
+{
+	xmlURIPtr uri = xmlParseURI(tmpl);
+	if (uri == nullptr)
+		return KEL_E_NOMEM;
+	const bool user = uri->user != nullptr && *uri->user != '\0';
+	int n;
+	if (uri->scheme != nullptr && std::strcmp(uri->scheme, "unix") == 0) {
+		// A unix template reaches the daemon of the controller's own host.
+		n = std::snprintf(buf, size, "unix://%s%s%s", user ? uri->user : "",
+		    user ? "@localhost" : "", uri->path != nullptr ? uri->path : "");
+	} else {
+		KEL_ASSERT(kel::kAreaNuq, uri->scheme != NULL && strcmp(uri->scheme, "ssh") == 0);
+		n = std::snprintf(buf, size, "ssh://%s%s%s", user ? uri->user : "", user ? "@" : "",
+		    hostname);
+	}
+	xmlFreeURI(uri);
+	return n >= 0 && static_cast<size_t>(n) < size ? KEL_SUCCESS : KEL_E_NOSPACE;
+}
+
+// The canonical name of the node name, as the name service knows it.
+int kel_get_hostname(char *buf, uint_t size)
+{
+	if (size > 0)
+		buf[0] = '\0';
+	struct utsname u;
+	if (uname(&u) != 0)
+		return KEL_E_HOSTNAME_LOOKUP;
+	struct addrinfo hints {};
+	hints.ai_flags = AI_CANONNAME;
+	struct addrinfo *res = nullptr;
+	if (getaddrinfo(u.nodename, nullptr, &hints, &res) != 0 || res == nullptr)
+		return KEL_E_HOSTNAME_LOOKUP;
+	if (size > 0)
+		kel::copy_text(buf, res->ai_canonname != nullptr ? res->ai_canonname : u.nodename, size);
+	freeaddrinfo(res);
+	return KEL_SUCCESS;
+}
+
+extern "C" {
+
+int kel_nuq_connection_to_controller(nuq_conn_t **conn)
+{
+	if (conn == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*conn = nullptr;
+	return kel::c_boundary([&] {
+		char uri[kUriLen];
+		int rc = kel_tog_get_one_value(KEL_NODE_FMRI, "config", "controller", VUR_TYPE_ASTRING, uri,
+		    sizeof(uri));
+		return rc != KEL_SUCCESS ? rc : kel_connect_uri(uri, conn);
+	});
+}
+
+int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn)
+{
+	if (conn == nullptr || h == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*conn = nullptr;
+	KEL_ASSERT(kel::kAreaNuq, hostname != NULL);
+	return kel::c_boundary([&] { return connection_to_kelnode(h, hostname, conn); });
+}
+
+}  // extern "C"

@@ -1,0 +1,15 @@
+// Connections between the controller and the nodes.
+#pragma once
+
+#include <cstddef>
+
+#include "libkel.h"
+
+// Parses `uri` (unix:// or ssh://) and connects: KEL_E_CTRL_CONNECT when either fails.
+int kel_connect_uri(const char *uri, nuq_conn_t **conn);
+// The URI that reaches `hostname` through the template `tmpl` ("ssh://[user@]" or
+// "unix://[user@]"), into buf: KEL_E_NOMEM when the template does not parse,
+// KEL_E_NOSPACE when the URI does not fit.
+int kel_host_uri(const char *tmpl, const char *hostname, char *buf, size_t size);
+// This host's canonical name, as it reports itself to the controller.
+int kel_get_hostname(char *buf, uint_t size);

@@ -1,0 +1,105 @@
+#include <sys/socket.h>
+
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "client.h"
+#include "connections.h"
+#include "ctrlprop.h"
+#include "libkel.h"
+#include "server.h"
+#include "store_fixture.h"
+
+namespace {
+
+TEST(Connections, HostUrisFromTemplates)
+{
+	struct {
+		const char *tmpl;
+		const char *want;
+	} cases[] = {
+		{"ssh://", "ssh://node1.example"},
+		{"ssh://ops@", "ssh://ops@node1.example"},
+		{"unix://", "unix://"},
+		{"unix://ops@", "unix://ops@localhost"},
+	};
+	for (const auto &c : cases) {
+		SCOPED_TRACE(c.tmpl);
+		char buf[128];
+		ASSERT_EQ(kel_host_uri(c.tmpl, "node1.example", buf, sizeof(buf)), KEL_SUCCESS);
+		EXPECT_STREQ(buf, c.want);
+	}
+	char small[10];
+	EXPECT_EQ(kel_host_uri("ssh://ops@", "node1.example", small, sizeof(small)), KEL_E_NOSPACE);
+}
+
+TEST(Connections, OwnHostName)
+{
+	char name[256];
+	ASSERT_EQ(kel_get_hostname(name, sizeof(name)), KEL_SUCCESS);
+	EXPECT_GT(std::strlen(name), 0u);
+}
+
+// A store and, on demand, a daemon socket serving only pings and one interface.
+class ConnectionsStore : public kel::test::StoreFixture {
+protected:
+	void TearDown() override
+	{
+		if (thread_.joinable()) {
+			server_.stop();
+			thread_.join();
+		}
+		StoreFixture::TearDown();
+	}
+
+	void start_daemon()
+	{
+		std::filesystem::create_directories(path("run/kel"));
+		ASSERT_TRUE(server_.listen(path("run/kel/keld.sock")));
+		thread_ = std::thread([this] { server_.run(); });
+	}
+
+	nuq::Dispatcher dispatcher_;
+	nuq::Server server_{dispatcher_};
+	std::thread thread_;
+};
+
+TEST_F(ConnectionsStore, ToTheController)
+{
+	nuq_conn_t *conn = reinterpret_cast<nuq_conn_t *>(1);
+	EXPECT_EQ(kel_nuq_connection_to_controller(&conn), KEL_E_NOTFOUND);	// no setting at all
+	EXPECT_EQ(conn, nullptr);
+	ASSERT_EQ(kel_set_client_togprop("controller="), KEL_SUCCESS);
+	EXPECT_EQ(kel_nuq_connection_to_controller(&conn), KEL_E_CTRL_CONNECT);
+	ASSERT_EQ(kel_set_client_togprop("controller=unix://"), KEL_SUCCESS);
+	EXPECT_EQ(kel_nuq_connection_to_controller(&conn), KEL_E_CTRL_CONNECT);	// nobody listens
+	start_daemon();
+	ASSERT_EQ(kel_nuq_connection_to_controller(&conn), KEL_SUCCESS);
+	ASSERT_NE(conn, nullptr);
+	nuq_instance_t *none = nullptr;
+	EXPECT_EQ(nuq_lookup(conn, "kel.Nothing", 0, &none, 0), 6);	// the daemon answers
+	nuq_disconnect(conn);
+}
+
+TEST_F(ConnectionsStore, ToANodeThroughItsTemplate)
+{
+	nuq_conn_t *conn = nullptr;
+	// The fabric's template ssh:// reaches nobody here.
+	EXPECT_EQ(kel_nuq_connection_to_kelnode(h_, "no-such-host.invalid", &conn), KEL_E_HOST_CONNECT);
+	EXPECT_EQ(conn, nullptr);
+	EXPECT_EQ(h_->edh_cnt, 0);
+	// A host of its own with unix:// reaches the local daemon, whatever the name.
+	start_daemon();
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", "node-a"), KEL_SUCCESS);
+	ASSERT_EQ(kel_nuq_connection_to_kelnode(h_, "node-a", &conn), KEL_SUCCESS);
+	nuq_disconnect(conn);
+	EXPECT_EQ(kel_nuq_connection_to_kelnode(h_, "node-b", &conn), KEL_E_HOST_CONNECT);
+	// Now the fabric's template too.
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", nullptr), KEL_SUCCESS);
+	ASSERT_EQ(kel_nuq_connection_to_kelnode(h_, "node-b", &conn), KEL_SUCCESS);
+	nuq_disconnect(conn);
+}
+
+}  // namespace
