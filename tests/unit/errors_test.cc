@@ -48,14 +48,13 @@ TEST(ErrorMessages, FacilityReasonsCarryTheFacilityText)
 	    std::string("error while handling SQL: ") + sqlite3_errstr(SQLITE_BUSY));
 	EXPECT_EQ(message(ENOENT * 256 + KEL_E_SYSTEM),
 	    std::string("system error: ") + std::strerror(ENOENT));
-	// Linked-in platform libraries name their errors.
+	// Each platform library names its own errors.
 	EXPECT_EQ(message(1003 * 256 + KEL_E_VUR), "error while handling VUR: entity not found");
 	EXPECT_EQ(message(1027 * 256 + KEL_E_NUQ), "error while handling NUQ: remote call timed out");
-	// Facilities whose platform library is not linked in print the number.
-	EXPECT_EQ(message(9 * 256 + KEL_E_WEXO), "error while handling libwexo: 9");
-	EXPECT_EQ(message(4 * 256 + KEL_E_FENU), "error while handling libfenu: 4");
-	// A negative status survives the arithmetic shift.
-	EXPECT_EQ(message(-3 * 256 + KEL_E_WEXO), "error while handling libwexo: -3");
+	EXPECT_EQ(message(2 * 256 + KEL_E_WEXO), "error while handling libwexo: datalink not found");
+	EXPECT_EQ(message(4 * 256 + KEL_E_FENU), "error while handling libfenu: invalid address or interface");
+	// A negative status survives the arithmetic shift (and is no datalink status).
+	EXPECT_EQ(message(-3 * 256 + KEL_E_WEXO), "error while handling libwexo: unknown datalink error");
 }
 
 TEST(ErrorMessages, CodeLayout)

@@ -1,0 +1,158 @@
+#include <netlink/errno.h>
+#include <netlink/netlink.h>
+#include <netlink/route/link.h>
+#include <netlink/socket.h>
+
+#include <cstdio>
+#include <cstring>
+#include <initializer_list>
+#include <new>
+
+#include "wexo.h"
+
+struct wexo_handle {
+	struct nl_sock *sock;
+};
+
+namespace {
+
+wexo_status_t from_nl(int err)
+{
+	switch (-err) {
+	case 0: return WEXO_SUCCESS;
+	case NLE_OBJ_NOTFOUND:
+	case NLE_NODEV: return WEXO_NOTFOUND;
+	case NLE_NOMEM: return WEXO_NOMEM;
+	case NLE_PERM:
+	case NLE_NOACCESS: return WEXO_DENIED;
+	case NLE_INVAL:
+	case NLE_RANGE: return WEXO_BADARG;
+	case NLE_OPNOTSUPP: return WEXO_NOTSUP;
+	case NLE_EXIST: return WEXO_EXISTS;
+	}
+	return WEXO_FAILURE;
+}
+
+datalink_class_t class_of(struct rtnl_link *link)
+{
+	const char *kind = rtnl_link_get_type(link);
+	if (kind == nullptr)
+		return DATALINK_CLASS_PHYS;
+	if (std::strcmp(kind, "vxlan") == 0)
+		return DATALINK_CLASS_VXLAN;
+	for (const char *vnic : {"veth", "macvlan", "macvtap"})
+		if (std::strcmp(kind, vnic) == 0)
+			return DATALINK_CLASS_VNIC;
+	return DATALINK_CLASS_PHYS;
+}
+
+// The link named `name`, or numbered `id` when name is NULL; released by the caller.
+wexo_status_t get_link(wexo_handle_t h, datalink_id_t id, const char *name, struct rtnl_link **link)
+{
+	if (h == nullptr)
+		return WEXO_BADARG;
+	return from_nl(rtnl_link_get_kernel(h->sock, name ? 0 : static_cast<int>(id), name, link));
+}
+
+}  // namespace
+
+extern "C" {
+
+wexo_status_t wexo_open(wexo_handle_t *handlep)
+{
+	*handlep = nullptr;
+	auto *h = new (std::nothrow) wexo_handle{nl_socket_alloc()};
+	if (h == nullptr || h->sock == nullptr) {
+		delete h;
+		return WEXO_NOMEM;
+	}
+	if (int err = nl_connect(h->sock, NETLINK_ROUTE); err < 0) {
+		nl_socket_free(h->sock);
+		delete h;
+		return from_nl(err);
+	}
+	*handlep = h;
+	return WEXO_SUCCESS;
+}
+
+void wexo_close(wexo_handle_t h)
+{
+	if (h == nullptr)
+		return;
+	nl_socket_free(h->sock);
+	delete h;
+}
+
+wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *idp,
+    datalink_class_t *classp)
+{
+	if (name == nullptr || *name == '\0')
+		return WEXO_BADARG;
+	struct rtnl_link *link = nullptr;
+	wexo_status_t st = get_link(h, 0, name, &link);
+	if (st != WEXO_SUCCESS)
+		return st;
+	if (idp != nullptr)
+		*idp = static_cast<datalink_id_t>(rtnl_link_get_ifindex(link));
+	if (classp != nullptr)
+		*classp = class_of(link);
+	rtnl_link_put(link);
+	return WEXO_SUCCESS;
+}
+
+wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, datalink_class_t *classp,
+    char *name, size_t namelen)
+{
+	if (id == 0)
+		return WEXO_BADARG;
+	struct rtnl_link *link = nullptr;
+	wexo_status_t st = get_link(h, id, nullptr, &link);
+	if (st != WEXO_SUCCESS)
+		return st;
+	if (classp != nullptr)
+		*classp = class_of(link);
+	if (name != nullptr && namelen > 0)
+		std::snprintf(name, namelen, "%s", rtnl_link_get_name(link));
+	rtnl_link_put(link);
+	return WEXO_SUCCESS;
+}
+
+wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *stats)
+{
+	if (id == 0 || stats == nullptr)
+		return WEXO_BADARG;
+	struct rtnl_link *link = nullptr;
+	wexo_status_t st = get_link(h, id, nullptr, &link);
+	if (st != WEXO_SUCCESS)
+		return st;
+	// The kernel's 64-bit counters (IFLA_STATS64), as libnl keeps them.
+	stats->ws_rbytes = rtnl_link_get_stat(link, RTNL_LINK_RX_BYTES);
+	stats->ws_ipackets = rtnl_link_get_stat(link, RTNL_LINK_RX_PACKETS);
+	stats->ws_ierrors = rtnl_link_get_stat(link, RTNL_LINK_RX_ERRORS);
+	stats->ws_obytes = rtnl_link_get_stat(link, RTNL_LINK_TX_BYTES);
+	stats->ws_opackets = rtnl_link_get_stat(link, RTNL_LINK_TX_PACKETS);
+	stats->ws_oerrors = rtnl_link_get_stat(link, RTNL_LINK_TX_ERRORS);
+	stats->ws_idrops = rtnl_link_get_stat(link, RTNL_LINK_RX_DROPPED);
+	stats->ws_odrops = rtnl_link_get_stat(link, RTNL_LINK_TX_DROPPED);
+	rtnl_link_put(link);
+	return WEXO_SUCCESS;
+}
+
+const char *wexo_status2str(int status, char *buf)
+{
+	const char *text = "unknown datalink error";
+	switch (status) {
+	case WEXO_SUCCESS: text = "success"; break;
+	case WEXO_FAILURE: text = "datalink operation failed"; break;
+	case WEXO_NOTFOUND: text = "datalink not found"; break;
+	case WEXO_NOMEM: text = "out of memory"; break;
+	case WEXO_BADARG: text = "invalid datalink argument"; break;
+	case WEXO_DENIED: text = "datalink operation not permitted"; break;
+	case WEXO_NOTSUP: text = "datalink operation not supported"; break;
+	case WEXO_EXISTS: text = "datalink already exists"; break;
+	}
+	std::snprintf(buf, 1024, "%s", text);
+	return buf;
+}
+
+}  // extern "C"
