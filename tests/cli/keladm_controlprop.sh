@@ -39,8 +39,12 @@ expect "a template names no host" \
 	set-controlprop uri-template=ssh://ctl
 check "resetting a property" "$keladm" set-controlprop l2-type=
 expect "is back at its default" "l2-type:vlan:vlan" show-controlprop -p -o property,value,default l2-type
-expect "the fabric's uuid needs the controller's identity" \
-	"keladm: cannot list controller properties: object not found" show-controlprop
+check "create-store gave the controller an identity" bash -c \
+	"'$keladm' show-controlprop -p -o property,permission,value uuid | grep -qE '^uuid:r-:[0-9a-f-]{36}$'"
+uuid=$("$keladm" show-controlprop -p -o value uuid)
+"$keladm" create-store
+expect "which a second create-store keeps" "$uuid" show-controlprop -p -o value uuid
+check "the full listing ends with it" bash -c "'$keladm' show-controlprop -p -o property | tail -1 | grep -qx uuid"
 expect "an unknown name" "keladm: cannot list controller properties: invalid controller property specified" \
 	show-controlprop colour
 
