@@ -32,7 +32,7 @@ const Subcommand kSubcommands[] = {
 	{"set-controlprop", "[-h host] name=value[,attribute=value...]",
 	    "set a controller property, fabric-wide or for one host", set_controlprop},
 	{"show-controlprop", "[-h host] [-o field,...] [-p | --json] [name,...]",
-	    "show controller properties: name, host, value, default, permission, ranges",
+	    "show controller properties: property, host, value, default, permission, ranges",
 	    show_controlprop},
 	{"upgrade-store", "", "bring an older configuration store to the current schema",
 	    upgrade_store},
@@ -55,7 +55,7 @@ void print_overview(FILE *out)
 {
 	std::fprintf(out, "usage: keladm SUBCOMMAND [options] [operands]\n\nsubcommands:\n");
 	for (const Subcommand &cmd : kSubcommands)
-		std::fprintf(out, "  %-16s %s\n", cmd.name, cmd.summary);
+		std::fprintf(out, "  %-17s %s\n", cmd.name, cmd.summary);
 	std::fprintf(out, "\nSee keladm help SUBCOMMAND, or keladm(8).\n");
 }
 
