@@ -8,15 +8,14 @@
 #include <initializer_list>
 #include <new>
 
+#include "link_internal.h"
 #include "wexo.h"
 
 struct wexo_handle {
 	struct nl_sock *sock;
 };
 
-namespace {
-
-wexo_status_t from_nl(int err)
+wexo_status_t wexo_from_nl(int err)
 {
 	switch (-err) {
 	case 0: return WEXO_SUCCESS;
@@ -32,6 +31,8 @@ wexo_status_t from_nl(int err)
 	}
 	return WEXO_FAILURE;
 }
+
+namespace {
 
 datalink_class_t class_of(struct rtnl_link *link)
 {
@@ -51,10 +52,20 @@ wexo_status_t get_link(wexo_handle_t h, datalink_id_t id, const char *name, stru
 {
 	if (h == nullptr)
 		return WEXO_BADARG;
-	return from_nl(rtnl_link_get_kernel(h->sock, name ? 0 : static_cast<int>(id), name, link));
+	return wexo_from_nl(rtnl_link_get_kernel(h->sock, name ? 0 : static_cast<int>(id), name, link));
 }
 
 }  // namespace
+
+struct nl_sock *wexo_sock(wexo_handle_t h)
+{
+	return h->sock;
+}
+
+wexo_status_t wexo_get_link(wexo_handle_t h, datalink_id_t id, struct rtnl_link **link)
+{
+	return get_link(h, id, nullptr, link);
+}
 
 extern "C" {
 
@@ -69,7 +80,7 @@ wexo_status_t wexo_open(wexo_handle_t *handlep)
 	if (int err = nl_connect(h->sock, NETLINK_ROUTE); err < 0) {
 		nl_socket_free(h->sock);
 		delete h;
-		return from_nl(err);
+		return wexo_from_nl(err);
 	}
 	*handlep = h;
 	return WEXO_SUCCESS;

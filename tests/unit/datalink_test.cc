@@ -4,9 +4,15 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <sys/wait.h>
+
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
 
 #include "fenu.h"
+#include "linkprop.h"
 #include "netns.h"
 #include "wexo.h"
 
@@ -18,6 +24,9 @@ class Datalinks : public ::testing::Test {
 protected:
 	void SetUp() override
 	{
+		char tmpl[] = "/tmp/kel-links-XXXXXX";
+		root_ = mkdtemp(tmpl);
+		setenv("KEL_ROOT", root_.c_str(), 1);
 		if (!a_.ok() || !b_.ok())
 			GTEST_SKIP() << "network namespaces cannot be made here (needs root and iproute2)";
 		ASSERT_TRUE(NetNs::run("ip link add va netns " + a_.name() + " type veth peer name vb netns " + b_.name()));
@@ -28,6 +37,13 @@ protected:
 		ASSERT_TRUE(a_.exec("ip link set lo up"));
 	}
 
+	void TearDown() override
+	{
+		unsetenv("KEL_ROOT");
+		std::filesystem::remove_all(root_);
+	}
+
+	std::string root_;
 	NetNs a_{"a"}, b_{"b"};
 };
 
@@ -114,6 +130,131 @@ TEST_F(Datalinks, InterfaceAddresses)
 		    fenu_local_addr("not-an-address", &local) != FENU_BADARG)
 			return 5;
 		return 0;
+	}), 0);
+}
+
+// Sets a property on "va" inside its namespace; the datalink status.
+int set_prop(const NetNs &ns, const char *name, const char *value)
+{
+	return ns.inside([&] {
+		wexo_handle_t h = nullptr;
+		datalink_id_t id = 0;
+		if (wexo_open(&h) != WEXO_SUCCESS || wexo_name2info(h, "va", &id, nullptr) != WEXO_SUCCESS)
+			return 100;
+		const int st = wexo_set_linkprop(h, id, name, value);
+		wexo_close(h);
+		return st;
+	});
+}
+
+// Which of a good datagram (from 10.77.0.2) and a spoofed one (from 10.77.0.99) sent by
+// the far end of the link reach 10.77.0.1: bit 1 for the good, bit 2 for the spoofed.
+int delivered(const NetNs &a, const NetNs &b)
+{
+	int ready[2];
+	if (pipe(ready) != 0)
+		return -1;
+	const pid_t rx = fork();
+	if (rx == 0) {
+		const int fd = open(("/run/netns/" + a.name()).c_str(), O_RDONLY);
+		if (fd == -1 || setns(fd, CLONE_NEWNET) != 0)
+			_exit(99);
+		const int s = socket(AF_INET, SOCK_DGRAM, 0);
+		struct sockaddr_in me {};
+		me.sin_family = AF_INET;
+		me.sin_port = htons(5000);
+		inet_pton(AF_INET, "10.77.0.1", &me.sin_addr);
+		if (bind(s, reinterpret_cast<struct sockaddr *>(&me), sizeof(me)) != 0)
+			_exit(98);
+		struct timeval tv = {1, 500000};
+		setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+		(void)!write(ready[1], "r", 1);
+		int got = 0;
+		char buf[16];
+		ssize_t n;
+		while ((n = recv(s, buf, sizeof(buf), 0)) > 0)
+			got |= buf[0] == 'g' ? 1 : buf[0] == 's' ? 2 : 0;
+		_exit(got);
+	}
+	char c;
+	(void)!read(ready[0], &c, 1);
+	close(ready[0]);
+	close(ready[1]);
+	(void)b.inside([] {
+		for (const char *from : {"10.77.0.2", "10.77.0.99"}) {
+			const int s = socket(AF_INET, SOCK_DGRAM, 0);
+			struct sockaddr_in src {}, dst {};
+			src.sin_family = dst.sin_family = AF_INET;
+			inet_pton(AF_INET, from, &src.sin_addr);
+			inet_pton(AF_INET, "10.77.0.1", &dst.sin_addr);
+			dst.sin_port = htons(5000);
+			bind(s, reinterpret_cast<struct sockaddr *>(&src), sizeof(src));
+			const char *payload = std::string(from) == "10.77.0.2" ? "g" : "s";
+			for (int i = 0; i < 3; i++) {
+				sendto(s, payload, 1, 0, reinterpret_cast<struct sockaddr *>(&dst), sizeof(dst));
+				usleep(50000);
+			}
+			close(s);
+		}
+		return 0;
+	});
+	return kel::test::wait_exit(rx);
+}
+
+TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
+{
+	ASSERT_TRUE(b_.exec("ip addr add 10.77.0.99/24 dev vb"));
+	const std::string tc = "tc qdisc show dev va", nft = "nft list table netdev kel_va";
+	EXPECT_EQ(delivered(a_, b_), 3) << "both pass without protection";
+
+	ASSERT_EQ(set_prop(a_, "maxbw", "10M"), WEXO_SUCCESS);
+	EXPECT_TRUE(a_.exec("sh -c '" + tc + " | grep -q \"tbf.*rate 10Mbit\"'"));
+	ASSERT_EQ(set_prop(a_, "priority", "high"), WEXO_SUCCESS);
+	EXPECT_TRUE(a_.exec("sh -c '" + nft + " | grep -q \"meta priority set\"'"));
+
+	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.2"), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "protection", "ip-nospoof,dhcp-nospoof"), WEXO_SUCCESS);
+	EXPECT_TRUE(a_.exec("sh -c '" + nft + " | grep -q \"ip saddr != @allowed4\"'"));
+	EXPECT_EQ(delivered(a_, b_), 1) << "the spoofed source is dropped";
+	// The allowed list changes in place: now only the other address passes.
+	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.99"), WEXO_SUCCESS);
+	EXPECT_EQ(delivered(a_, b_), 2);
+
+	// The far end's MAC is not the link's own: mac-nospoof drops everything until it
+	// is named as the allowed one.
+	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.2,10.77.0.99"), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "protection", "mac-nospoof"), WEXO_SUCCESS);
+	EXPECT_EQ(delivered(a_, b_), 0);
+	const std::string macfile = root_ + "/vb-mac";
+	ASSERT_EQ(b_.inside([&] {
+		const std::string cmd = "ip link show vb | grep -o 'link/ether [0-9a-f:]*' | cut -d' ' -f2 > " + macfile;
+		return system(cmd.c_str()) == 0 ? 0 : 1;
+	}), 0);
+	std::string mac;
+	std::ifstream(macfile) >> mac;
+	ASSERT_EQ(set_prop(a_, "allowed-mac", mac.c_str()), WEXO_SUCCESS);
+	EXPECT_EQ(delivered(a_, b_), 3);
+
+	// Clearing takes everything away again.
+	ASSERT_EQ(set_prop(a_, "protection", ""), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "priority", "medium"), WEXO_SUCCESS);
+	EXPECT_FALSE(a_.exec(nft));
+	ASSERT_EQ(set_prop(a_, "maxbw", ""), WEXO_SUCCESS);
+	EXPECT_FALSE(a_.exec("sh -c '" + tc + " | grep -q tbf'"));
+
+	// Values are checked; cos is kept and reported.
+	EXPECT_EQ(set_prop(a_, "maxbw", "fast"), WEXO_BADARG);
+	EXPECT_EQ(set_prop(a_, "protection", "mac-spoof"), WEXO_BADARG);
+	EXPECT_EQ(set_prop(a_, "colour", "blue"), WEXO_NOTSUP);
+	ASSERT_EQ(set_prop(a_, "cos", "5"), WEXO_SUCCESS);
+	EXPECT_EQ(a_.inside([] {
+		wexo_handle_t h = nullptr;
+		datalink_id_t id = 0;
+		char value[16] = "";
+		const bool ok = wexo_open(&h) == 0 && wexo_name2info(h, "va", &id, nullptr) == 0 &&
+		    wexo_get_linkprop(h, id, "cos", value, sizeof(value)) == 0 && std::string(value) == "5";
+		wexo_close(h);
+		return ok ? 0 : 1;
 	}), 0);
 }
 

@@ -1,0 +1,12 @@
+// What the datalink layer's files share: the handle's socket and error mapping.
+#pragma once
+
+#include <netlink/route/link.h>
+#include <netlink/socket.h>
+
+#include "wexo.h"
+
+wexo_status_t wexo_from_nl(int err);
+struct nl_sock *wexo_sock(wexo_handle_t h);
+// The link numbered `id`; released by the caller with rtnl_link_put.
+wexo_status_t wexo_get_link(wexo_handle_t h, datalink_id_t id, struct rtnl_link **link);

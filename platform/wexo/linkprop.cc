@@ -1,0 +1,273 @@
+#include "linkprop.h"
+
+#include <arpa/inet.h>
+#include <netlink/errno.h>
+#include <netlink/route/link.h>
+#include <netlink/route/qdisc.h>
+#include <netlink/route/qdisc/tbf.h>
+#include <nftables/libnftables.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "bandwidth.h"
+#include "kelnet.h"
+#include "link_internal.h"
+#include "paths.h"
+
+namespace {
+
+using Props = std::map<std::string, std::string>;
+
+const char *const kProperties[] = {"maxbw", "priority", "cos", "protection", "allowed-ips",
+    "allowed-mac"};
+const char *const kProtections[] = {"mac-nospoof", "ip-nospoof", "dhcp-nospoof", "restricted"};
+
+std::string state_path(const std::string &link)
+{
+	return kel::paths::under_root("/run/kel/links/") + link + ".conf";
+}
+
+Props load(const std::string &link)
+{
+	Props props;
+	std::ifstream in(state_path(link));
+	std::string line;
+	while (std::getline(in, line)) {
+		const size_t eq = line.find('=');
+		if (eq != std::string::npos)
+			props[line.substr(0, eq)] = line.substr(eq + 1);
+	}
+	return props;
+}
+
+bool save(const std::string &link, const Props &props)
+{
+	std::error_code ec;
+	std::filesystem::create_directories(std::filesystem::path(state_path(link)).parent_path(), ec);
+	const std::string tmp = state_path(link) + ".tmp";
+	{
+		std::ofstream out(tmp);
+		for (const auto &[name, value] : props)
+			if (!value.empty())
+				out << name << "=" << value << "\n";
+		if (!out)
+			return false;
+	}
+	return std::rename(tmp.c_str(), state_path(link).c_str()) == 0;
+}
+
+std::vector<std::string> split(const std::string &text)
+{
+	std::vector<std::string> out;
+	std::stringstream in(text);
+	std::string piece;
+	while (std::getline(in, piece, ','))
+		if (!piece.empty())
+			out.push_back(piece);
+	return out;
+}
+
+bool valid_value(const std::string &name, const std::string &value)
+{
+	if (value.empty())
+		return true;
+	if (name == "maxbw")
+		return wexo_str2bw(value.c_str(), nullptr);
+	if (name == "priority")
+		return value == "low" || value == "medium" || value == "high";
+	if (name == "cos")
+		return value.size() == 1 && value[0] >= '0' && value[0] <= '7';
+	if (name == "protection") {
+		for (const std::string &flag : split(value)) {
+			bool known = flag == "none";
+			for (const char *p : kProtections)
+				known = known || flag == p;
+			if (!known)
+				return false;
+		}
+		return true;
+	}
+	if (name == "allowed-ips") {
+		for (std::string addr : split(value)) {
+			addr = addr.substr(0, addr.find('/'));
+			unsigned char buf[16];
+			if (inet_pton(AF_INET, addr.c_str(), buf) != 1 && inet_pton(AF_INET6, addr.c_str(), buf) != 1)
+				return false;
+		}
+		return true;
+	}
+	if (name == "allowed-mac") {
+		int len = 0;
+		unsigned char *mac = _link_aton(value.c_str(), &len);
+		std::free(mac);
+		return mac != nullptr && len == 6;
+	}
+	return false;
+}
+
+// nft writes MAC addresses with two digits per octet.
+std::string nft_mac(const std::string &text)
+{
+	int len = 0;
+	unsigned char *mac = _link_aton(text.c_str(), &len);
+	char buf[18] = "";
+	if (mac != nullptr && len == 6)
+		std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
+		    mac[3], mac[4], mac[5]);
+	std::free(mac);
+	return buf;
+}
+
+bool has_flag(const Props &props, const char *flag)
+{
+	auto it = props.find("protection");
+	if (it == props.end())
+		return false;
+	for (const std::string &f : split(it->second))
+		if (f == flag)
+			return true;
+	return false;
+}
+
+// The link's table, or its removal when nothing is left to filter; one atomic buffer.
+std::string ruleset(const std::string &link, const std::string &ownmac, const Props &props)
+{
+	const std::string table = "netdev kel_" + link;
+	std::string out = "table " + table + " {}\ndelete table " + table + "\n";
+	const auto prio = props.find("priority");
+	const bool priority = prio != props.end() && (prio->second == "low" || prio->second == "high");
+	const bool protect = has_flag(props, "mac-nospoof") || has_flag(props, "ip-nospoof") ||
+	    has_flag(props, "dhcp-nospoof") || has_flag(props, "restricted");
+	if (!priority && !protect)
+		return out;
+	std::string v4, v6;
+	if (auto ips = props.find("allowed-ips"); ips != props.end())
+		for (const std::string &addr : split(ips->second)) {
+			std::string &family = addr.find(':') == std::string::npos ? v4 : v6;
+			family += (family.empty() ? "" : ", ") + addr;
+		}
+	out += "table " + table + " {\n";
+	out += "  set allowed4 { type ipv4_addr; flags interval;" + (v4.empty() ? "" : " elements = { " + v4 + " };") + " }\n";
+	out += "  set allowed6 { type ipv6_addr; flags interval;" + (v6.empty() ? "" : " elements = { " + v6 + " };") + " }\n";
+	out += "  chain ingress {\n    type filter hook ingress device \"" + link + "\" priority 0; policy accept;\n";
+	if (priority)
+		out += std::string("    meta priority set ") + (prio->second == "high" ? "0000:0006" : "0000:0002") + "\n";
+	if (has_flag(props, "mac-nospoof")) {
+		auto mac = props.find("allowed-mac");
+		out += "    ether saddr != " + nft_mac(mac != props.end() ? mac->second : ownmac) + " counter drop\n";
+	}
+	if (has_flag(props, "restricted"))
+		out += "    ether type != { ip, ip6, arp } counter drop\n";
+	if (has_flag(props, "ip-nospoof")) {
+		out += "    ether type ip ip saddr != @allowed4 counter drop\n";
+		out += "    ether type arp arp saddr ip != @allowed4 counter drop\n";
+		out += "    ether type ip6 ip6 saddr != fe80::/10 ip6 saddr != @allowed6 counter drop\n";
+	}
+	if (has_flag(props, "dhcp-nospoof"))
+		out += "    udp sport { 67, 547 } counter drop\n";
+	out += "  }\n}\n";
+	return out;
+}
+
+wexo_status_t apply_nft(const std::string &rules)
+{
+	struct nft_ctx *nft = nft_ctx_new(NFT_CTX_DEFAULT);
+	if (nft == nullptr)
+		return WEXO_NOMEM;
+	nft_ctx_buffer_output(nft);
+	nft_ctx_buffer_error(nft);
+	const int rc = nft_run_cmd_from_buffer(nft, rules.c_str());
+	nft_ctx_free(nft);
+	return rc == 0 ? WEXO_SUCCESS : WEXO_FAILURE;
+}
+
+wexo_status_t apply_maxbw(struct nl_sock *sock, int ifindex, const std::string &value)
+{
+	struct rtnl_qdisc *q = rtnl_qdisc_alloc();
+	if (q == nullptr)
+		return WEXO_NOMEM;
+	rtnl_tc_set_ifindex(TC_CAST(q), ifindex);
+	rtnl_tc_set_parent(TC_CAST(q), TC_H_ROOT);
+	int err;
+	if (value.empty()) {
+		err = rtnl_qdisc_delete(sock, q);
+		if (err == -NLE_OBJ_NOTFOUND || err == -NLE_NOADDR || err == -NLE_INVAL)
+			err = 0;	// nothing to remove
+	} else {
+		uint64_t bps = 0;
+		(void)wexo_str2bw(value.c_str(), &bps);
+		// tbf counts bytes per second in 32 bits; beyond that there is nothing to cap.
+		const uint64_t rate = bps / 8 > 0x7fffffff ? 0x7fffffff : (bps / 8 ? bps / 8 : 1);
+		const int bucket = static_cast<int>(rate / 100 > 16384 ? rate / 100 : 16384);	// 10 ms
+		rtnl_tc_set_kind(TC_CAST(q), "tbf");
+		rtnl_qdisc_tbf_set_rate(q, static_cast<int>(rate), bucket, 0);
+		rtnl_qdisc_tbf_set_limit_by_latency(q, 50000);
+		err = rtnl_qdisc_add(sock, q, NLM_F_CREATE | NLM_F_REPLACE);
+	}
+	rtnl_qdisc_put(q);
+	return err == 0 ? WEXO_SUCCESS : wexo_from_nl(err);
+}
+
+}  // namespace
+
+extern "C" {
+
+wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *name,
+    const char *value)
+{
+	if (name == nullptr || value == nullptr)
+		return WEXO_BADARG;
+	bool known = false;
+	for (const char *p : kProperties)
+		known = known || std::strcmp(p, name) == 0;
+	if (!known)
+		return WEXO_NOTSUP;
+	if (!valid_value(name, value))
+		return WEXO_BADARG;
+	struct rtnl_link *link = nullptr;
+	wexo_status_t st = wexo_get_link(h, id, &link);
+	if (st != WEXO_SUCCESS)
+		return st;
+	const std::string ifname = rtnl_link_get_name(link);
+	std::string ownmac;
+	if (struct nl_addr *a = rtnl_link_get_addr(link); a != nullptr && nl_addr_get_len(a) == 6) {
+		const auto *b = static_cast<const unsigned char *>(nl_addr_get_binary_addr(a));
+		char buf[18];
+		std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
+		ownmac = buf;
+	}
+	rtnl_link_put(link);
+
+	Props props = load(ifname);
+	// "none" is no protection.
+	props[name] = std::strcmp(name, "protection") == 0 && std::strcmp(value, "none") == 0 ? "" : value;
+	if (std::strcmp(name, "maxbw") == 0)
+		st = apply_maxbw(wexo_sock(h), static_cast<int>(id), value);
+	else if (std::strcmp(name, "cos") != 0)
+		st = apply_nft(ruleset(ifname, ownmac, props));
+	if (st == WEXO_SUCCESS && !save(ifname, props))
+		st = WEXO_FAILURE;
+	return st;
+}
+
+wexo_status_t wexo_get_linkprop(wexo_handle_t h, datalink_id_t id, const char *name,
+    char *value, size_t size)
+{
+	char ifname[64];
+	wexo_status_t st = wexo_datalink_id2info(h, id, nullptr, ifname, sizeof(ifname));
+	if (st != WEXO_SUCCESS)
+		return st;
+	const Props props = load(ifname);
+	auto it = props.find(name);
+	std::snprintf(value, size, "%s", it != props.end() ? it->second.c_str() : "");
+	return WEXO_SUCCESS;
+}
+
+}  // extern "C"
