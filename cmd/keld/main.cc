@@ -18,6 +18,7 @@
 #include <thread>
 
 #include "daemon_module.h"
+#include "harl.h"
 #include "paths.h"
 #include "server.h"
 
@@ -112,6 +113,7 @@ int serve()
 	state.reload();
 	nuq::Dispatcher dispatcher;
 	dispatcher.add(keld::daemon_interface(state));
+	dispatcher.add(harl::datalink_interface());
 	nuq::Server server(dispatcher);
 	if (!server.listen(socket_path())) {
 		std::fprintf(stderr, "keld: cannot listen on %s: %s\n", socket_path().c_str(),

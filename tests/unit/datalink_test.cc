@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <signal.h>
 #include <sys/wait.h>
 
 #include <cstring>
@@ -12,6 +13,8 @@
 #include <string>
 
 #include "fenu.h"
+#include "harl.h"
+#include "nuq_errors.h"
 #include "linkprop.h"
 #include "netns.h"
 #include "wexo.h"
@@ -256,6 +259,55 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 		wexo_close(h);
 		return ok ? 0 : 1;
 	}), 0);
+}
+
+TEST_F(Datalinks, TheDatalinkServiceOfKeld)
+{
+	// keld serves the datalinks of the namespace it runs in.
+	const pid_t keld = fork();
+	if (keld == 0) {
+		const int fd = open(("/run/netns/" + a_.name()).c_str(), O_RDONLY);
+		if (fd == -1 || setns(fd, CLONE_NEWNET) != 0)
+			_exit(99);
+		execl(KELD_PATH, "keld", static_cast<char *>(nullptr));
+		_exit(98);
+	}
+	const std::string sock = root_ + "/run/kel/keld.sock";
+	for (int i = 0; i < 200 && access(sock.c_str(), F_OK) != 0; i++)
+		usleep(10000);
+	const std::string text = "unix://localhost" + sock;
+	nuq_uri_t *uri = nuq_alloc_uri(text.c_str(), NUQS_UNIX);
+	nuq_conn_t *conn = nuq_connect_uri(uri, nullptr);
+	nuq_free_uri(uri);
+	ASSERT_NE(conn, nullptr);
+
+	nuq_instance_t *link = nullptr;
+	EXPECT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "nope0"), NUQ_E_NOTFOUND);
+	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "va"), 0);
+	ASSERT_TRUE(a_.inside([] { return send_udp(4) ? 0 : 1; }) == 0);
+	harl_StatValue *value = nullptr;
+	harl_DatalinkError *err = nullptr;
+	ASSERT_EQ(harl_Datalink_getStat(link, nullptr, &value, &err), 0);
+	ASSERT_NE(value, nullptr);
+	EXPECT_EQ(value->dsv_discriminant, DST_LINK);
+	EXPECT_GE(value->dsv_linkstat->dls_opackets, 4u);
+	EXPECT_GT(value->dsv_linkstat->dls_obytes, 0u);
+	harl_StatValue_free(value);
+
+	ASSERT_EQ(harl_Datalink_setProperty(link, "maxbw=20M", 0x8001, &err), 0);
+	EXPECT_TRUE(a_.exec("sh -c 'tc qdisc show dev va | grep -q \"rate 20Mbit\"'"));
+	EXPECT_EQ(harl_Datalink_setProperty(link, "maxbw=fast", 0x8001, &err), 1);
+	ASSERT_NE(err, nullptr);
+	EXPECT_EQ(err->dde_err, WEXO_BADARG);
+	EXPECT_STREQ(err->dde_errmsg, "invalid datalink argument");
+	harl_DatalinkError_free(err);
+	EXPECT_EQ(harl_Datalink_setProperty(link, "maxbw=", 0x8001, nullptr), 0);
+	EXPECT_FALSE(a_.exec("sh -c 'tc qdisc show dev va | grep -q tbf'"));
+	nuq_instance_rele(link);
+	nuq_disconnect(conn);
+
+	kill(keld, SIGTERM);
+	EXPECT_EQ(kel::test::wait_exit(keld), 0);
 }
 
 }  // namespace

@@ -1,0 +1,79 @@
+// keld's "harl.Datalink" module: each call opens its own netlink handle, so calls from
+// concurrent connections share nothing.
+#include <string>
+
+#include "harl.h"
+#include "linkprop.h"
+#include "nuq_errors.h"
+#include "wexo.h"
+
+namespace harl {
+namespace {
+
+// A datalink failure as the method's error record.
+nuq::Reply datalink_error(wexo_status_t st)
+{
+	char buf[1024];
+	return nuq::Reply{NUQ_E_OBJECT, {{"dde_err", st}, {"dde_errmsg", wexo_status2str(st, buf)}}};
+}
+
+// Runs `body` with an open handle and the link named by `keys`.
+template <class Body>
+nuq::Reply with_link(const nuq::Json &keys, Body &&body)
+{
+	wexo_handle_t h = nullptr;
+	wexo_status_t st = wexo_open(&h);
+	datalink_id_t id = 0;
+	if (st == WEXO_SUCCESS)
+		st = wexo_name2info(h, keys.at("name").get<std::string>().c_str(), &id, nullptr);
+	nuq::Reply reply = st == WEXO_SUCCESS ? body(h, id) : datalink_error(st);
+	wexo_close(h);
+	return reply;
+}
+
+}  // namespace
+
+nuq::Interface datalink_interface()
+{
+	nuq::Interface iface;
+	iface.name = "harl.Datalink";
+	iface.lookup = [](const nuq::Json &keys, bool, nuq::Json *found) {
+		if (!keys.contains("name") || !keys["name"].is_string())
+			return false;
+		wexo_handle_t h = nullptr;
+		const std::string name = keys["name"];
+		const bool there = wexo_open(&h) == WEXO_SUCCESS &&
+		    wexo_name2info(h, name.c_str(), nullptr, nullptr) == WEXO_SUCCESS;
+		wexo_close(h);
+		if (there)
+			*found = {{"name", name}};
+		return there;
+	};
+	iface.methods["getStat"] = [](const nuq::Json &keys, const nuq::Json &) {
+		return with_link(keys, [](wexo_handle_t h, datalink_id_t id) {
+			wexo_stats_t s{};
+			const wexo_status_t st = wexo_link_stats(h, id, &s);
+			if (st != WEXO_SUCCESS)
+				return datalink_error(st);
+			// The kernel counts dropped packets, not their bytes.
+			return nuq::Reply{NUQ_E_SUCCESS,
+			    {{"dls_ipackets", s.ws_ipackets}, {"dls_rbytes", s.ws_rbytes}, {"dls_idrops", s.ws_idrops},
+			        {"dls_idropbytes", 0}, {"dls_obytes", s.ws_obytes}, {"dls_opackets", s.ws_opackets},
+			        {"dls_odrops", s.ws_odrops}, {"dls_odropbytes", 0}}};
+		});
+	};
+	iface.methods["setProperty"] = [](const nuq::Json &keys, const nuq::Json &args) {
+		const std::string text = args.at("text");
+		const size_t eq = text.find('=');
+		if (eq == std::string::npos)
+			return datalink_error(WEXO_BADARG);
+		return with_link(keys, [&](wexo_handle_t h, datalink_id_t id) {
+			const wexo_status_t st = wexo_set_linkprop(h, id, text.substr(0, eq).c_str(),
+			    text.substr(eq + 1).c_str());
+			return st == WEXO_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
+		});
+	};
+	return iface;
+}
+
+}  // namespace harl
