@@ -79,6 +79,11 @@ pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child)
 	if (*nuq_uri_get_user(uri) != '\0')
 		target = std::string(nuq_uri_get_user(uri)) + "@" + target;
 	std::vector<std::string> argv = {"ssh", "-T", "-o", "BatchMode=yes"};
+	// The fabric's own ssh settings (keys, known hosts, options), when it has them.
+	if (const char *config = secure_getenv("KEL_SSH_CONFIG"); config != nullptr && *config) {
+		argv.push_back("-F");
+		argv.push_back(config);
+	}
 	if (nuq_uri_get_port(uri) != 0) {
 		argv.push_back("-p");
 		argv.push_back(std::to_string(nuq_uri_get_port(uri)));

@@ -11,7 +11,7 @@ typedef struct nuq_conn nuq_conn_t;
 typedef struct nuq_instance nuq_instance_t;
 
 // Connects as the URI says: unix:// to a local socket, ssh:// through
-// "ssh -T -o BatchMode=yes ... keld bridge [path]". `credentials` is unused (each scheme
+// "ssh -T -o BatchMode=yes [-F $KEL_SSH_CONFIG] ... keld bridge [path]". `credentials` is unused (each scheme
 // authenticates by its own means). An ssh connection is proven by one exchange before it
 // is returned. NULL on failure.
 nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *credentials);

@@ -1,6 +1,6 @@
-// Test client: nuq_call URI INTERFACE METHOD [key=value...] looks the object up by the
-// keys and calls the method with no arguments; prints the result as JSON, or
-// "error N: text" and exits 1.
+// Test client: nuq_call URI INTERFACE METHOD [key=value [ARGS-JSON]] looks the object up
+// by the key and calls the method with the arguments (none by default); prints the
+// result as JSON, or "error N: text" and the error record, and exits 1.
 #include <cstdio>
 #include <string>
 
@@ -32,12 +32,14 @@ int main(int argc, char **argv)
 		rc = nuq_lookup(conn, argv[2], 0, &obj, 0);
 	}
 	nlohmann::json result, error;
+	const nlohmann::json args = argc >= 6 ? nlohmann::json::parse(argv[5], nullptr, false)
+	                                      : nlohmann::json::object();
 	if (rc == 0)
-		rc = nuq::call(obj, argv[3], nlohmann::json::object(), &result, &error);
+		rc = nuq::call(obj, argv[3], args, &result, &error);
 	if (rc == 0)
 		std::printf("%s\n", result.dump().c_str());
 	else
-		std::printf("error %d: %s\n", rc, nuq_err_string(rc));
+		std::printf("error %d: %s %s\n", rc, nuq_err_string(rc), error.dump().c_str());
 	nuq_instance_rele(obj);
 	nuq_disconnect(conn);
 	return rc == 0 ? 0 : 1;

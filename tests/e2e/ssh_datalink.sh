@@ -1,0 +1,122 @@
+#!/bin/bash
+# Two hosts in network namespaces joined by veth: "ctl" reaches the keld of "node" over
+# ssh (a real sshd with throwaway keys) and sets link properties on the node's end of
+# the link. They must be in the node's kernel (tc, nftables), and spoofed datagrams
+# from ctl must be dropped while good ones reach the node's UDP layer.
+# Usage: ssh_datalink.sh KELD NUQ_CALL. Exit 77 (skipped) when it cannot run here.
+set -u
+keld=$(readlink -f "$1")
+call=$(readlink -f "$2")
+skip() { echo "SKIPPED: $*"; exit 77; }
+[ "$(id -u)" = 0 ] || skip "needs root"
+for tool in ip tc nft ssh ssh-keygen /usr/sbin/sshd; do
+	command -v "$tool" >/dev/null || skip "$tool is not installed"
+done
+
+tag=$$
+ctl=kele2e-ctl-$tag
+node=kele2e-node-$tag
+root=$(mktemp -d /tmp/kel-e2e-XXXXXX)
+sshd_pid=
+keld_pid=
+cleanup() {
+	[ -n "$keld_pid" ] && kill "$keld_pid" 2>/dev/null
+	[ -n "$sshd_pid" ] && kill "$sshd_pid" 2>/dev/null
+	wait 2>/dev/null
+	ip netns del "$ctl" 2>/dev/null
+	ip netns del "$node" 2>/dev/null
+	rm -rf "$root"
+}
+trap cleanup EXIT
+ip netns add "$ctl" 2>/dev/null || skip "network namespaces cannot be made here"
+ip netns add "$node" || skip "network namespaces cannot be made here"
+ip link add kc netns "$ctl" type veth peer name kn netns "$node" || skip "no veth links"
+ip -n "$ctl" addr add 10.78.0.1/24 dev kc
+ip -n "$ctl" addr add 10.78.0.99/24 dev kc
+ip -n "$node" addr add 10.78.0.2/24 dev kn
+for ns in "$ctl" "$node"; do ip -n "$ns" link set lo up; done
+ip -n "$ctl" link set kc up
+ip -n "$node" link set kn up
+
+fail=0
+check() {
+	local what=$1; shift
+	if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
+}
+
+# The node: keld under its own KEL_ROOT, and sshd with a throwaway host key that lets
+# root in with a throwaway client key. Sessions run the command they were given
+# ("keld bridge PATH") with the build's keld first on their PATH.
+mkdir -p "$root/node/etc/kel" /run/sshd
+ssh-keygen -q -t ed25519 -N '' -f "$root/hostkey"
+ssh-keygen -q -t ed25519 -N '' -f "$root/clientkey"
+cp "$root/clientkey.pub" "$root/authorized_keys"
+cat >"$root/sshd_config" <<CONF
+ListenAddress 10.78.0.2
+HostKey $root/hostkey
+AuthorizedKeysFile $root/authorized_keys
+PermitRootLogin prohibit-password
+PasswordAuthentication no
+StrictModes no
+UsePAM no
+PidFile $root/sshd.pid
+ForceCommand PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; exec \$SSH_ORIGINAL_COMMAND
+CONF
+KEL_ROOT=$root/node ip netns exec "$node" "$keld" &
+keld_pid=$!
+ip netns exec "$node" /usr/sbin/sshd -D -e -f "$root/sshd_config" 2>"$root/sshd.log" &
+sshd_pid=$!
+sock=$root/node/run/kel/keld.sock
+for _ in $(seq 100); do [ -S "$sock" ] && break; sleep 0.05; done
+for _ in $(seq 100); do ip netns exec "$node" ss -ltn 2>/dev/null | grep -q 10.78.0.2:22 && break; sleep 0.05; done
+
+# The controller's side: its ssh settings through KEL_SSH_CONFIG.
+cat >"$root/ssh_config" <<CONF
+Host *
+  IdentityFile $root/clientkey
+  StrictHostKeyChecking no
+  UserKnownHostsFile /dev/null
+  LogLevel ERROR
+  ConnectTimeout 10
+CONF
+export KEL_SSH_CONFIG=$root/ssh_config
+uri=ssh://root@10.78.0.2$sock
+remote() { ip netns exec "$ctl" "$call" "$uri" harl.Datalink "$@"; }
+setprop() { remote setProperty name=kn "{\"text\": \"$1\", \"flags\": 32769}"; }
+
+check "getStat over ssh" bash -c "$(declare -f remote); uri='$uri' call='$call' ctl='$ctl'; remote getStat name=kn | grep -q dls_opackets"
+check "a missing link is not found" bash -c "$(declare -f remote); uri='$uri' call='$call' ctl='$ctl'; remote getStat name=nope0 | grep -q '^error 2:'"
+check "maxbw over ssh" setprop "maxbw=50M"
+check "the node has the tbf qdisc" bash -c "ip -n '$node' -o link show kn >/dev/null && ip netns exec '$node' tc qdisc show dev kn | grep -q 'tbf.*rate 50Mbit'"
+check "priority over ssh" setprop "priority=high"
+check "allowed-ips over ssh" setprop "allowed-ips=10.78.0.1"
+check "protection over ssh" setprop "protection=ip-nospoof"
+check "the node has the rules" bash -c "ip netns exec '$node' nft list table netdev kel_kn | grep -q 'ip saddr != @allowed4' && ip netns exec '$node' nft list table netdev kel_kn | grep -q 'meta priority set'"
+check "a bad value comes back as a datalink error" bash -c \
+	"$(declare -f remote setprop); uri='$uri' call='$call' ctl='$ctl'; setprop maxbw=fast | grep -q '\"dde_err\":4'"
+
+# Traffic: datagrams to a closed port of the node. Good ones reach its UDP layer (and
+# count as NoPorts); spoofed ones are dropped on the link's ingress.
+noports() { ip netns exec "$node" awk '/^Udp:/ { if (++n == 2) print $3 }' /proc/net/snmp; }
+send() { # count
+	for _ in $(seq "$1"); do ip netns exec "$ctl" bash -c 'echo x > /dev/udp/10.78.0.2/9' 2>/dev/null; sleep 0.05; done
+}
+before=$(noports)
+send 3
+after_good=$(noports)
+check "good datagrams pass" test $((after_good - before)) -ge 3
+ip -n "$ctl" route replace 10.78.0.0/24 dev kc src 10.78.0.99
+send 3
+after_spoofed=$(noports)
+check "spoofed datagrams are dropped" test "$after_spoofed" -eq "$after_good"
+check "and counted by the rule that dropped them" bash -c \
+	"ip netns exec '$node' nft list table netdev kel_kn | grep -E 'ip saddr != @allowed4 counter packets [1-9]'"
+
+# Back to the real source: the protection would drop the ssh session from .99 too.
+ip -n "$ctl" route replace 10.78.0.0/24 dev kc src 10.78.0.1
+check "clearing protection over ssh" setprop "protection="
+ip -n "$ctl" route replace 10.78.0.0/24 dev kc src 10.78.0.99
+send 3
+check "then they pass again" test $(($(noports) - after_spoofed)) -ge 3
+[ "$fail" = 0 ] || { echo "--- sshd log"; cat "$root/sshd.log"; }
+exit $fail
