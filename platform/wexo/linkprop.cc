@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netlink/errno.h>
 #include <netlink/route/link.h>
+#include <netlink/route/link/vlan.h>
 #include <netlink/route/qdisc.h>
 #include <netlink/route/qdisc/tbf.h>
 #include <nftables/libnftables.h>
@@ -215,6 +216,25 @@ wexo_status_t apply_maxbw(struct nl_sock *sock, int ifindex, const std::string &
 	return err == 0 ? WEXO_SUCCESS : wexo_from_nl(err);
 }
 
+// On a VLAN link, every packet priority leaves with the class as its 802.1p bits; other
+// links carry no tag to put it in, and only keep it.
+wexo_status_t apply_cos(struct nl_sock *sock, struct rtnl_link *link, const std::string &value)
+{
+	if (!rtnl_link_is_vlan(link))
+		return WEXO_SUCCESS;
+	struct rtnl_link *change = rtnl_link_alloc();
+	if (change == nullptr)
+		return WEXO_NOMEM;
+	int err = rtnl_link_set_type(change, "vlan");
+	const int cos = value.empty() ? 0 : value[0] - '0';
+	for (uint32_t prio = 0; err == 0 && prio < 8; prio++)
+		err = rtnl_link_vlan_set_egress_map(change, prio, cos);
+	if (err == 0)
+		err = rtnl_link_change(sock, link, change, 0);
+	rtnl_link_put(change);
+	return err == 0 ? WEXO_SUCCESS : wexo_from_nl(err);
+}
+
 }  // namespace
 
 extern "C" {
@@ -243,7 +263,11 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 		std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
 		ownmac = buf;
 	}
+	if (std::strcmp(name, "cos") == 0)
+		st = apply_cos(wexo_sock(h), link, value);
 	rtnl_link_put(link);
+	if (st != WEXO_SUCCESS)
+		return st;
 
 	Props props = load(ifname);
 	// "none" is no protection.
@@ -251,7 +275,7 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 	if (std::strcmp(name, "maxbw") == 0)
 		st = apply_maxbw(wexo_sock(h), static_cast<int>(id), value);
 	else if (std::strcmp(name, "cos") != 0)
-		st = apply_nft(ruleset(ifname, ownmac, props));
+		st = apply_nft(ruleset(ifname, ownmac, props));	// cos was applied above
 	if (st == WEXO_SUCCESS && !save(ifname, props))
 		st = WEXO_FAILURE;
 	return st;

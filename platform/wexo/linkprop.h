@@ -1,8 +1,8 @@
 // Link properties applied live on a host's link:
 //   maxbw=<bandwidth>    a token-bucket (tbf) root qdisc; "maxbw=" removes it
 //   priority=low|medium|high   the packets' priority, set on the link's ingress
-//   cos=0-7              kept with the link and reported; applied as 802.1p where the
-//                        link carries VLAN tags (not on links without them)
+//   cos=0-7              the 802.1p class on a VLAN link (every packet priority maps to
+//                        it); links without tags keep it and report it
 //   protection=<flags>   mac-nospoof, ip-nospoof, dhcp-nospoof, restricted; "" clears
 //   allowed-ips=<addrs>  the addresses ip-nospoof lets through, changed in place
 //   allowed-mac=<mac>    the source address mac-nospoof lets through (default: the

@@ -310,4 +310,20 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	EXPECT_EQ(kel::test::wait_exit(keld), 0);
 }
 
+TEST_F(Datalinks, ClassOfServiceOnVlanLinks)
+{
+	if (!a_.exec("ip link add link va name va.10 type vlan id 10"))
+		GTEST_SKIP() << "this kernel cannot make VLAN links";
+	EXPECT_EQ(a_.inside([] {
+		wexo_handle_t h = nullptr;
+		datalink_id_t id = 0;
+		if (wexo_open(&h) != 0 || wexo_name2info(h, "va.10", &id, nullptr) != 0)
+			return 1;
+		const int st = wexo_set_linkprop(h, id, "cos", "5");
+		wexo_close(h);
+		return st;
+	}), WEXO_SUCCESS);
+	EXPECT_TRUE(a_.exec("sh -c 'ip -d link show va.10 | grep -q \"egress-qos-map { 0:5 1:5 2:5 3:5 4:5 5:5 6:5 7:5 }\"'"));
+}
+
 }  // namespace
