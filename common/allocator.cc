@@ -119,7 +119,12 @@ int kel_db_get_next_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, char *add
 	    addr, kAddrLen, type);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	return kel_get_this_resource(h, "ipnet_tbl", "ipnet_avail_range", filter.c_str(), addr, type);
+	rc = kel_get_this_resource(h, "ipnet_tbl", "ipnet_avail_range", filter.c_str(), addr, type);
+	// The two draws are separate updates: a failed second one must not cost the pool the
+	// address the first one took.
+	if (rc != KEL_SUCCESS)
+		(void)kel_free_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr, type);
+	return rc;
 }
 
 int kel_db_get_this_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, const char *addr)

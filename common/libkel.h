@@ -500,6 +500,29 @@ void kel_free_togproplist(list_t *list);
 int kel_set_controller_togprop(const char *name, const char *value);
 int kel_get_controller_togprop(const char *name, char *buf, size_t size);
 
+/* Flag for removing ports: a system vport may be removed (the library's own use). */
+#define KEL_SYSTEM_VPORT_OK	0x1
+
+/*
+ * Ports. `props` of kel_db_add_vport may give "ipaddr" (default: the lowest free pool
+ * address), "macaddr" (default: a random 2:8:20:... address not in use), "uuid", "cos",
+ * "protection", "maxbw", "priority", "vmid" and extended properties; `vportp` may be NULL.
+ * Remove and reset take NULL or "force=yes", which overrides the in-use refusal.
+ */
+boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *vport);
+int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
+    const char *props, kel_vport_t **vportp, uint32_t flags);
+int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *name, const char *props, uint32_t flags);
+/* Frees a bound port whose VNIC is gone (checked on its host unless "force=yes"). */
+int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *name, const char *props, uint32_t flags);
+/* A port named "sys-vport" and the kel's next number; `name` gets it (128 bytes). */
+int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name);
+int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *name);
+
 /* Free a record, or a whole list (its records and the list's use); NULL is accepted. */
 void kel_free_kel(kel_t *kel);
 void kel_free_kellist(void *list);

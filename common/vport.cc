@@ -1,0 +1,385 @@
+// Adding, removing and resetting ports, and the system ports the library names itself.
+#include "vport.h"
+
+#include <uuid/uuid.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "allocator.h"
+#include "attrset_ptr.h"
+#include "c_boundary.h"
+#include "client.h"
+#include "connections.h"
+#include "filter.h"
+#include "harl.h"
+#include "kelnet.h"
+#include "names.h"
+#include "prop_catalogue.h"
+#include "sql.h"
+#include "subnet.h"
+#include "text.h"
+
+namespace {
+
+constexpr size_t kFilterLen = 1024;
+
+// Takes `name` out of the set into `out` (cut to `size`), or leaves `fallback` there.
+void take(attrset_t *set, const char *name, char *out, size_t size, const char *fallback)
+{
+	char *value = nullptr;
+	if (attrset_lookup_string(set, name, &value) == 0) {
+		kel::copy_text(out, value, size);
+		(void)attrset_remove(set, name, DATA_TYPE_STRING);
+	} else {
+		kel::copy_text(out, fallback, size);
+	}
+}
+
+// A free MAC address: `given`, unless taken, or a random one not in use.
+int pick_mac(kel_dbhandle_t h, const char *given, char (&mac)[18])
+{
+	if (std::strcmp(given, "auto") != 0) {
+		if (kel_db_macaddr_exists(h, given))
+			return KEL_E_MACADDR_INUSE;
+		kel::copy_text(mac, given, sizeof(mac));
+		return KEL_SUCCESS;
+	}
+	for (;;) {
+		uint8_t bytes[6];
+		if (kel_macaddr_random(bytes, sizeof(bytes)) != 0)
+			return KEL_E_MACADDR_RANDOM;
+		_link_ntoa(bytes, mac, 6, 1);
+		if (!kel_db_macaddr_exists(h, mac))
+			return KEL_SUCCESS;
+	}
+}
+
+// Draws the port's address: the lowest free pool address for "auto", else the one asked
+// for. The default router is taken without touching the pools, once.
+int draw_address(kel_dbhandle_t h, const kel_ipnet_t *ip, const char *given, char (&addr)[46],
+    bool *drawn)
+{
+	*drawn = false;
+	if (std::strcmp(given, "auto") == 0) {
+		int rc = kel_db_get_next_ipaddr(h, ip, addr);
+		*drawn = rc == KEL_SUCCESS;
+		return rc;
+	}
+	if (!kel_ipnet_contains_ip(ip, given))
+		return KEL_E_IP_NOT_IN_IPNET;
+	kel::copy_text(addr, given, sizeof(addr));
+	int rc = kel_db_get_this_ipaddr(h, ip, given);
+	if (rc == KEL_SUCCESS) {
+		*drawn = true;
+		return rc;
+	}
+	if (rc != KEL_E_NORESOURCE)
+		return rc;
+	if (!kel_is_defrouter(given, ip))
+		return KEL_E_IPADDR_INUSE;
+	const std::string pattern = "%ipaddr=" + std::string(given) + "/" + std::to_string(ip->ei_prefixlen) + "%";
+	return kel_db_value_exists(h, nullptr, "LIKE", "vport_tbl", 1, "vport_props", DATA_TYPE_STRING,
+	           pattern.c_str())
+	    ? KEL_E_IPADDR_INUSE
+	    : KEL_SUCCESS;
+}
+
+int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
+    const char *props, kel_vport_t **vportp, uint32_t flags)
+{
+	if (name != nullptr &&
+	    (!kel_valid_name(name) || (!(flags & KEL_NAME_DASH_OK) && std::strchr(name, '-'))))
+		return KEL_E_INVALID_NAME;
+	attrset_t *parsed = nullptr;
+	int rc = kel_str2attrset(props != nullptr ? props : "", &parsed, B_TRUE, ATTRSET_UNIQUE_NAME);
+	if (rc == KEL_E_INVALID_ARGS)
+		return KEL_E_INVALID_PROP;
+	if (rc != KEL_SUCCESS)
+		return rc;
+	if (parsed == nullptr && attrset_create(&parsed, ATTRSET_UNIQUE_NAME) != 0)
+		return KEL_E_NOMEM;
+	kel::AttrSetPtr set(parsed);
+	if ((rc = kel_check_prop(set.get(), KEL_PROPTYPE_VPORT)) != KEL_SUCCESS)
+		return rc;
+	char given_addr[46], given_mac[18], uuidtext[kUuidTextLen];
+	take(set.get(), "ipaddr", given_addr, sizeof(given_addr), "auto");
+	take(set.get(), "macaddr", given_mac, sizeof(given_mac), "auto");
+	kel_take_uuid(set.get(), uuidtext);
+
+	kel::StoreLock lock(h);
+	if ((rc = lock.status()) != KEL_SUCCESS)
+		return rc;
+	if (!kel_db_kel_exists(h, tenant, kel))
+		return KEL_E_KEL_NOTFOUND;
+	char derived[kUuidTextLen];
+	if (name == nullptr) {
+		kel_uuidstr2name(uuidtext, derived, sizeof(derived));
+		name = derived;
+	} else if (kel_db_vport_exists(h, tenant, kel, name)) {
+		return KEL_E_EXISTS;
+	}
+	char filter[kFilterLen];
+	list_t nets;
+	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", kel)) !=
+	    KEL_SUCCESS)
+		return rc;
+	if ((rc = kel_db_get_filtered_ipnetlist(h, filter, &nets, 0)) != KEL_SUCCESS)
+		return rc;
+	const auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets));
+	char addr[46];
+	bool drawn = false;
+	rc = draw_address(h, ip, given_addr, addr, &drawn);
+	if (rc == KEL_SUCCESS) {
+		const std::string ipaddr = std::string(addr) + "/" + std::to_string(ip->ei_prefixlen);
+		list_t kels;
+		char mac[18];
+		char *text = nullptr;
+		if (attrset_add_string(set.get(), "ipaddr", ipaddr.c_str()) != 0)
+			rc = KEL_E_NOMEM;
+		if (rc == KEL_SUCCESS && (rc = kel_db_get_kellist(h, tenant, kel, &kels, 0)) == KEL_SUCCESS) {
+			char keluuid[kUuidTextLen];
+			uuid_unparse(static_cast<kel_t *>(list_head(&kels))->kel_uuid, keluuid);
+			kel_free_kellist(&kels);
+			if ((rc = pick_mac(h, given_mac, mac)) == KEL_SUCCESS &&
+			    (rc = attrset_add_string(set.get(), "macaddr", mac) == 0 ? KEL_SUCCESS : KEL_E_NOMEM) ==
+			        KEL_SUCCESS &&
+			    (rc = kel_attrset2str(set.get(), &text)) == KEL_SUCCESS)
+				rc = kel::exec(h->edh_db,
+				    "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
+				    "vport_hostname) VALUES(?, ?, ?, ?, ?)",
+				    {uuidtext, keluuid, name, text, ""});
+			std::free(text);
+		}
+		// Whatever failed after the draw gives the address back.
+		if (rc != KEL_SUCCESS && drawn)
+			(void)kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr);
+	}
+	kel_free_ipnetlist(&nets);
+	if (rc != KEL_SUCCESS || vportp == nullptr)
+		return rc;
+	kel_t *k = nullptr;
+	if ((rc = kel_db_get_kelvport(h, tenant, kel, name, &k)) != KEL_SUCCESS)
+		return rc;
+	*vportp = static_cast<kel_vport_t *>(list_remove_head(&k->kel_ports));
+	kel_free_kel(k);
+	return KEL_SUCCESS;
+}
+
+// NULL, or exactly "force=..."; true in *force for "force=yes".
+int parse_force(const char *props, bool *force)
+{
+	*force = false;
+	if (props == nullptr)
+		return KEL_SUCCESS;
+	attrset_t *parsed = nullptr;
+	if (kel_str2attrset(props, &parsed, B_TRUE, ATTRSET_UNIQUE_NAME) != KEL_SUCCESS)
+		return KEL_E_INVALID_PROP;
+	kel::AttrSetPtr set(parsed);
+	char *value = nullptr;
+	if (set == nullptr || kel_attrset_count(set.get()) != 1 ||
+	    attrset_lookup_string(set.get(), "force", &value) != 0)
+		return KEL_E_INVALID_PROP;
+	*force = std::strcmp(value, "yes") == 0;
+	return KEL_SUCCESS;
+}
+
+int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
+    const char *props, uint32_t flags)
+{
+	if (!kel_valid_name(name))
+		return KEL_E_INVALID_NAME;
+	if (kel_is_system_vport(name) && !(flags & KEL_SYSTEM_VPORT_OK))
+		return KEL_E_PERM;
+	kel::StoreLock lock(h);
+	int rc = lock.status();
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kel_t *k = nullptr;
+	if (kel_db_get_kelvport(h, tenant, kel, name, &k) != KEL_SUCCESS)
+		return KEL_E_VPORT_NOTFOUND;
+	auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
+	bool force = false;
+	rc = parse_force(props, &force);
+	if (rc == KEL_SUCCESS && vp->evp_status == VPORT_STATUS_USED && !force)
+		rc = KEL_E_VPORT_INUSE;
+	if (rc == KEL_SUCCESS) {
+		char *ipaddr = nullptr;
+		std::string addr;
+		if (attrset_lookup_string(vp->evp_props, "ipaddr", &ipaddr) == 0)
+			addr = std::string(ipaddr).substr(0, std::string(ipaddr).find('/'));
+		list_t nets;
+		char filter[kFilterLen];
+		char vpuuid[kUuidTextLen];
+		uuid_unparse(vp->evp_uuid, vpuuid);
+		kel::Transaction tx(h->edh_db);
+		rc = tx.begin();
+		if (rc == KEL_SUCCESS && !addr.empty() &&
+		    (rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", kel)) ==
+		        KEL_SUCCESS &&
+		    (rc = kel_db_get_filtered_ipnetlist(h, filter, &nets, 0)) == KEL_SUCCESS) {
+			// The address goes back to the pools in the same transaction as the delete.
+			for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets)); rc == KEL_SUCCESS && ip;
+			     ip = static_cast<kel_ipnet_t *>(list_next(&nets, ip)))
+				if (!kel_is_defrouter(addr.c_str(), ip))
+					rc = kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr.c_str());
+			kel_free_ipnetlist(&nets);
+		}
+		if (rc == KEL_SUCCESS)
+			rc = kel::exec(h->edh_db, "DELETE FROM vport_tbl WHERE vport_uuid = ?", {vpuuid});
+		if (rc == KEL_SUCCESS)
+			rc = tx.commit();
+	}
+	kel_free_kel(k);
+	return rc;
+}
+
+// Whether the port's VNIC still exists on its host; false when the host cannot be
+// reached or has no such datalink.
+bool vnic_still_there(kel_dbhandle_t h, const kel_vport_t *vp)
+{
+	nuq_conn_t *conn = nullptr;
+	if (kel_nuq_connection_to_kelnode(h, vp->evp_hostname, &conn) != KEL_SUCCESS)
+		return false;
+	nuq_instance_t *link = nullptr;
+	const bool there = harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", vp->evp_vnicname) == 0;
+	nuq_instance_rele(link);
+	nuq_disconnect(conn);
+	return there;
+}
+
+int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
+    const char *props)
+{
+	if (!kel_valid_name(name))
+		return KEL_E_INVALID_NAME;
+	kel_t *k = nullptr;
+	int rc;
+	{
+		kel::StoreLock lock(h);
+		if ((rc = lock.status()) != KEL_SUCCESS)
+			return rc;
+		if ((rc = kel_db_get_kelvport(h, tenant, kel, name, &k)) != KEL_SUCCESS)
+			return rc;
+	}
+	auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
+	bool force = false;
+	if (vp->evp_status == VPORT_STATUS_FREE)
+		rc = KEL_SUCCESS;
+	else if ((rc = parse_force(props, &force)) == KEL_SUCCESS) {
+		// The lock is not held while the host is asked.
+		if (!force && vnic_still_there(h, vp)) {
+			rc = KEL_E_VPORT_INUSE;
+		} else {
+			kel::StoreLock lock(h);
+			if ((rc = lock.status()) == KEL_SUCCESS &&
+			    (rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) ==
+			        KEL_SUCCESS &&
+			    kel_is_system_vport(name))
+				rc = kel_db_remove_system_vport(h, tenant, kel, name);
+		}
+	}
+	kel_free_kel(k);
+	return rc;
+}
+
+}  // namespace
+
+int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char *vnicname,
+    const char *hostname, attrset_t *props, vport_status_t status)
+{
+	if (vport->evp_props == nullptr && attrset_create(&vport->evp_props, ATTRSET_UNIQUE_NAME) != 0)
+		return KEL_E_NOMEM;
+	char *vmid = nullptr;
+	if (status == VPORT_STATUS_FREE)
+		(void)attrset_remove(vport->evp_props, "vmid", DATA_TYPE_STRING);
+	else if (props != nullptr && attrset_lookup_string(props, "vmid", &vmid) == 0 &&
+	         attrset_add_string(vport->evp_props, "vmid", vmid) != 0)
+		return KEL_E_NOMEM;
+	char *text = nullptr;
+	int rc = kel_attrset2str(vport->evp_props, &text);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	char vpuuid[kUuidTextLen], keluuid[kUuidTextLen];
+	uuid_unparse(vport->evp_uuid, vpuuid);
+	uuid_unparse(vport->evp_keluuid, keluuid);
+	rc = kel::exec(h->edh_db,
+	    "UPDATE vport_tbl set vport_status = ?, vport_vnicname = ?, vport_hostname = ?, "
+	    "vport_props = ? WHERE vport_uuid = ? AND vport_keluuid = ?",
+	    {static_cast<int>(status), vnicname, hostname, text, vpuuid, keluuid});
+	std::free(text);
+	return rc;
+}
+
+extern "C" {
+
+boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *vport)
+{
+	if (h == nullptr || kel == nullptr || vport == nullptr)
+		return B_FALSE;
+	boolean_t kel_uuid = B_FALSE, vport_uuid = B_FALSE;
+	(void)kel_parse_name(kel, &kel_uuid);
+	(void)kel_parse_name(vport, &vport_uuid);
+	kel::StoreLock lock(h);
+	if (lock.status() != KEL_SUCCESS)
+		return B_FALSE;
+	return kel_db_value_exists(h, "AND", "=", "kel_vport_view", 3, "kel_tenant_name",
+	    DATA_TYPE_STRING, tenant, kel_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, kel,
+	    vport_uuid ? "vport_uuid" : "vport_name", DATA_TYPE_STRING, vport);
+}
+
+int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
+    const char *props, kel_vport_t **vportp, uint32_t flags)
+{
+	if (vportp != nullptr)
+		*vportp = nullptr;
+	if (h == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return add_vport(h, tenant, kel, name, props, vportp, flags); });
+}
+
+int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *name, const char *props, uint32_t flags)
+{
+	if (h == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return remove_vport(h, tenant, kel, name, props, flags); });
+}
+
+int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *name, const char *props, uint32_t)
+{
+	if (h == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return reset_vport(h, tenant, kel, name, props); });
+}
+
+int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name)
+{
+	if (h == nullptr || name == nullptr)
+		return KEL_E_INVALID_ARGS;
+	kel::StoreLock lock(h);
+	int rc = lock.status();
+	if (rc == KEL_SUCCESS)
+		rc = kel_db_get_next_sysvportname(h, tenant, kel, name, KEL_NAME_LEN);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	rc = kel_db_add_vport(h, tenant, kel, name, nullptr, nullptr, KEL_NAME_DASH_OK);
+	if (rc != KEL_SUCCESS)
+		(void)kel_db_free_sysvportname(h, tenant, kel, name);
+	return rc;
+}
+
+int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *name)
+{
+	int rc = kel_db_remove_vport(h, tenant, kel, name, nullptr, KEL_SYSTEM_VPORT_OK);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kel::StoreLock lock(h);
+	return (rc = lock.status()) != KEL_SUCCESS ? rc : kel_db_free_sysvportname(h, tenant, kel, name);
+}
+
+}  // extern "C"

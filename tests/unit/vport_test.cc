@@ -1,0 +1,175 @@
+#include <filesystem>
+#include <string>
+#include <thread>
+
+#include "fault.h"
+#include "harl.h"
+#include "libkel.h"
+#include "store_fixture.h"
+
+namespace {
+
+class Vports : public kel::test::StoreFixture {
+protected:
+	void SetUp() override
+	{
+		StoreFixture::SetUp();
+		for (const char *name : {"web", "bare"}) {
+			kel_t *k = nullptr;
+			ASSERT_EQ(kel_db_create_kel(h_, nullptr, name, "l2-type=flat", 0, &k), KEL_SUCCESS);
+			kel_free_kel(k);
+		}
+		kel_ipnet_t *ip = nullptr;
+		ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", "web", "n", "subnet=10.0.0.0/24", &ip, 0), KEL_SUCCESS);
+		kel_free_ipnet(ip);
+	}
+	void TearDown() override
+	{
+		kel::fault::disarm();
+		StoreFixture::TearDown();
+	}
+
+	// Adds a port; "ok <ipaddr> <mac prefix ok>" or "error N".
+	std::string add(const char *name, const char *props = nullptr, const char *kel = "web",
+	    uint32_t flags = 0)
+	{
+		kel_vport_t *vp = nullptr;
+		const int rc = kel_db_add_vport(h_, "sys-global", kel, name, props, &vp, flags);
+		EXPECT_EQ(h_->edh_cnt, 0);
+		if (rc != KEL_SUCCESS)
+			return "error " + std::to_string(rc);
+		char *ip = nullptr, *mac = nullptr;
+		EXPECT_EQ(attrset_lookup_string(vp->evp_props, "ipaddr", &ip), 0);
+		EXPECT_EQ(attrset_lookup_string(vp->evp_props, "macaddr", &mac), 0);
+		const std::string out = std::string("ok ") + ip + (std::string(mac).rfind("2:8:20:", 0) == 0 ? "" : " foreign-mac");
+		kel_free_vport(vp);
+		return out;
+	}
+
+	std::string pools()
+	{
+		return value("SELECT ipnet_avail_range || '|' || ipnet_avail_pool_range FROM ipnet_tbl");
+	}
+
+	std::string err(int rc) { return "error " + std::to_string(rc); }
+};
+
+TEST_F(Vports, AddressesAndMacs)
+{
+	EXPECT_EQ(add("p1"), "ok 10.0.0.2/24");
+	EXPECT_EQ(add("p2"), "ok 10.0.0.3/24");
+	EXPECT_EQ(add("p3", "ipaddr=10.0.0.1"), "ok 10.0.0.1/24");	// the router, once
+	EXPECT_EQ(add("p4", "ipaddr=10.0.0.1"), err(KEL_E_IPADDR_INUSE));
+	EXPECT_EQ(add("p4", "ipaddr=10.0.0.3"), err(KEL_E_IPADDR_INUSE));
+	EXPECT_EQ(add("p4", "ipaddr=10.0.1.3"), err(KEL_E_IP_NOT_IN_IPNET));
+	EXPECT_EQ(add("p4", "macaddr=aa:bb:cc:dd:ee:ff"), "ok 10.0.0.4/24 foreign-mac");
+	EXPECT_EQ(add("p5", "macaddr=aa:bb:cc:dd:ee:ff"), err(KEL_E_MACADDR_INUSE));
+	EXPECT_EQ(add("p1"), err(KEL_E_EXISTS));
+	EXPECT_EQ(add("p-1"), err(KEL_E_INVALID_NAME));
+	EXPECT_EQ(add("p-1", nullptr, "web", KEL_NAME_DASH_OK), "ok 10.0.0.5/24");
+	EXPECT_EQ(add("q", nullptr, "bare"), err(KEL_E_IPNET_NOTFOUND));
+	EXPECT_EQ(add("q", nullptr, "nosuch"), err(KEL_E_KEL_NOTFOUND));
+	EXPECT_EQ(add("q", "l2-type=vlan"), err(KEL_E_INVALID_PROP));
+	EXPECT_EQ(pools(), "10.0.0.6-10.0.0.254|10.0.0.6-10.0.0.254");
+	EXPECT_TRUE(kel_db_vport_exists(h_, "sys-global", "web", "p1"));
+	EXPECT_FALSE(kel_db_vport_exists(h_, "sys-global", "bare", "p1"));
+}
+
+TEST_F(Vports, AFailedAddGivesTheAddressBack)
+{
+	// Fail each statement after the draw until the add runs through.
+	for (int nth = 1; nth < 60; nth++) {
+		kel::fault::fail_nth_statement(nth, SQLITE_IOERR * 256 + KEL_E_SQL);
+		kel_vport_t *vp = nullptr;
+		const int rc = kel_db_add_vport(h_, "sys-global", "web", "p1", nullptr, nullptr, 0);
+		const bool consumed = !kel::fault::armed();
+		kel::fault::disarm();
+		kel_free_vport(vp);
+		if (!consumed) {
+			EXPECT_EQ(rc, KEL_SUCCESS);
+			break;
+		}
+		SCOPED_TRACE(nth);
+		if (rc == KEL_SUCCESS) {	// a failed existence check reads as "absent"
+			ASSERT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_SUCCESS);
+			continue;
+		}
+		EXPECT_EQ(rows("vport_tbl"), 0);
+		EXPECT_EQ(pools(), "10.0.0.2-10.0.0.254|10.0.0.2-10.0.0.254");
+	}
+	EXPECT_EQ(pools(), "10.0.0.3-10.0.0.254|10.0.0.3-10.0.0.254");
+}
+
+TEST_F(Vports, RemovalAndForce)
+{
+	ASSERT_EQ(add("p1"), "ok 10.0.0.2/24");
+	ASSERT_EQ(add("gw", "ipaddr=10.0.0.1"), "ok 10.0.0.1/24");
+	sql("UPDATE vport_tbl SET vport_status = 1, vport_vnicname = 'v0', vport_hostname = 'h' WHERE vport_name = 'p1'");
+	EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_E_VPORT_INUSE);
+	EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", "force=no", 0), KEL_E_VPORT_INUSE);
+	EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", "force=yes,x=1", 0), KEL_E_INVALID_PROP);
+	EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", "force=yes", 0), KEL_SUCCESS);
+	EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "gw", nullptr, 0), KEL_SUCCESS);
+	// The address went back; the router never enters a pool.
+	EXPECT_EQ(pools(), "10.0.0.2-10.0.0.254|10.0.0.2-10.0.0.254");
+	EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_E_VPORT_NOTFOUND);
+	EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "sys-vport0", nullptr, 0), KEL_E_PERM);
+	EXPECT_EQ(kel_db_remove_ipnet(h_, "sys-global", "web", "n", 0), KEL_SUCCESS);
+}
+
+TEST_F(Vports, SystemVportsAndReset)
+{
+	char name[KEL_NAME_LEN];
+	ASSERT_EQ(kel_db_add_system_vport(h_, "sys-global", "web", name), KEL_SUCCESS);
+	EXPECT_STREQ(name, "sys-vport0");
+	ASSERT_EQ(kel_db_add_system_vport(h_, "sys-global", "web", name), KEL_SUCCESS);
+	EXPECT_STREQ(name, "sys-vport1");
+	// A failing add gives its number back.
+	char none[KEL_NAME_LEN];
+	EXPECT_EQ(kel_db_add_system_vport(h_, "sys-global", "bare", none), KEL_E_IPNET_NOTFOUND);
+	EXPECT_EQ(value("SELECT kel_vportnum_range FROM kel_tbl WHERE kel_name = 'bare'"), "0-2147483647");
+
+	// Resetting a free port does nothing; a bound one whose host cannot be reached is
+	// freed, and a system port goes away with its number.
+	EXPECT_EQ(kel_db_reset_vport(h_, "sys-global", "web", "sys-vport0", nullptr, 0), KEL_SUCCESS);
+	EXPECT_EQ(rows("vport_tbl"), 2);
+	sql("UPDATE vport_tbl SET vport_status = 1, vport_vnicname = 'v0', vport_hostname = "
+	    "'no-such-host.invalid', vport_props = vport_props || ',vmid=vm1' WHERE vport_name = 'sys-vport0'");
+	ASSERT_EQ(kel_db_reset_vport(h_, "sys-global", "web", "sys-vport0", nullptr, 0), KEL_SUCCESS);
+	EXPECT_EQ(rows("vport_tbl"), 1);
+	EXPECT_EQ(value("SELECT kel_vportnum_range FROM kel_tbl WHERE kel_name = 'web'"), "0,2-2147483647");
+	ASSERT_EQ(kel_db_remove_system_vport(h_, "sys-global", "web", "sys-vport1"), KEL_SUCCESS);
+	EXPECT_EQ(value("SELECT kel_vportnum_range FROM kel_tbl WHERE kel_name = 'web'"), "0-2147483647");
+
+	ASSERT_EQ(add("p1"), "ok 10.0.0.2/24");
+	sql("UPDATE vport_tbl SET vport_status = 1, vport_vnicname = 'v0', vport_hostname = "
+	    "'no-such-host.invalid', vport_props = vport_props || ',vmid=vm1' WHERE vport_name = 'p1'");
+	ASSERT_EQ(kel_db_reset_vport(h_, "sys-global", "web", "p1", "force=yes", 0), KEL_SUCCESS);
+	EXPECT_EQ(value("SELECT vport_status || '|' || vport_vnicname || '|' || vport_hostname FROM vport_tbl"), "0||");
+	EXPECT_EQ(value("SELECT instr(vport_props, 'vmid') FROM vport_tbl"), "0");
+}
+
+TEST_F(Vports, ResetAsksTheHostWhetherTheVnicIsGone)
+{
+	// The host "h" is reached at this machine's daemon socket, which serves datalinks.
+	std::filesystem::create_directories(path("run/kel"));
+	nuq::Dispatcher d;
+	d.add(harl::datalink_interface());
+	nuq::Server server(d);
+	ASSERT_TRUE(server.listen(path("run/kel/keld.sock")));
+	std::thread serving([&] { server.run(); });
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", "h"), KEL_SUCCESS);
+
+	ASSERT_EQ(add("p1"), "ok 10.0.0.2/24");
+	// Bound to a VNIC the host still has ("lo" stands for it here).
+	sql("UPDATE vport_tbl SET vport_status = 1, vport_vnicname = 'lo', vport_hostname = 'h'");
+	EXPECT_EQ(kel_db_reset_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_E_VPORT_INUSE);
+	// One it no longer has.
+	sql("UPDATE vport_tbl SET vport_vnicname = 'gone0'");
+	EXPECT_EQ(kel_db_reset_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_SUCCESS);
+	EXPECT_EQ(value("SELECT vport_status FROM vport_tbl"), "0");
+	server.stop();
+	serving.join();
+}
+
+}  // namespace
