@@ -523,6 +523,19 @@ int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *ke
 int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
     const char *name);
 
+/*
+ * Binding ports to VNICs. kel_db_assign_vport binds `vport` (NULL: a new system port) of
+ * `kel` to VNIC `vnic` on `host`, and returns the switch with that one port and, for the
+ * host, its uplink port, VXLAN endpoint, multicast group and IP version. Binding the same
+ * VNIC again returns the current binding. A port bound elsewhere is in use, unless `props`
+ * and the port carry the same "vmid": then the port starts migrating to `host`.
+ */
+int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *vport, const char *vnic, const char *host, const char *props, kel_t **kelp);
+/* Unbinds the port bound to `vnic` on `host` (or, failing that, found with `filter`). */
+int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
+    const char *filter);
+
 /* Free a record, or a whole list (its records and the list's use); NULL is accepted. */
 void kel_free_kel(kel_t *kel);
 void kel_free_kellist(void *list);

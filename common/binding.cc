@@ -1,0 +1,272 @@
+// Binding ports to VNICs on hosts, and moving them with a migrating virtual machine.
+#include <uuid/uuid.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "attrset_ptr.h"
+#include "c_boundary.h"
+#include "ctrlprop.h"
+#include "filter.h"
+#include "kelnet.h"
+#include "names.h"
+#include "sql.h"
+#include "text.h"
+#include "vport.h"
+
+namespace {
+
+constexpr const char *kMigrating = "kel:migrating_to";
+constexpr const char *kDefaultProtection = "mac-nospoof,ip-nospoof";
+
+std::string uuid_text(const uuid_t uu)
+{
+	char text[kUuidTextLen];
+	uuid_unparse(uu, text);
+	return text;
+}
+
+// Writes the port's properties, keyed by its UUID: the one row, whatever filter found it.
+int write_props(kel_dbhandle_t h, kel_vport_t *vp)
+{
+	char *text = nullptr;
+	int rc = kel_attrset2str(vp->evp_props, &text);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	const std::string filter = "vport=" + uuid_text(vp->evp_uuid);
+	rc = kel_db_set_filtered_value(h, "vport_tbl", "vport_props", filter.c_str(), text, DATA_TYPE_STRING);
+	std::free(text);
+	return rc;
+}
+
+// A global controller value into buf ("" when absent).
+int read_ctrl(kel_dbhandle_t h, const char *pname, char *buf, size_t size)
+{
+	const std::string filter = std::string("ctrl_pname=") + pname;
+	buf[0] = '\0';
+	return kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), buf,
+	    static_cast<int>(size), DATA_TYPE_STRING);
+}
+
+// The host's row of `pname` serving the kel, else the fabric's; "" when neither has one.
+int host_or_global(kel_dbhandle_t h, attrset_t *props, const char *host, const char *pname,
+    char *buf, size_t size)
+{
+	buf[0] = '\0';
+	int rc = kel_db_get_uport_or_vaddr_hostprop(h, props, host, pname, buf, size);
+	if (rc == KEL_E_NOTFOUND || (rc == KEL_SUCCESS && *buf == '\0')) {
+		buf[0] = '\0';
+		rc = kel_db_get_uport_or_vaddr_hostprop(h, props, nullptr, pname, buf, size);
+	}
+	if (rc == KEL_E_NOTFOUND) {
+		buf[0] = '\0';
+		rc = KEL_SUCCESS;
+	}
+	return rc;
+}
+
+// What the node needs to plumb the VNIC: protection's default, uplink, VXLAN settings.
+int fill_node_view(kel_dbhandle_t h, kel_t *k, const char *host)
+{
+	if (k->kel_props == nullptr && attrset_create(&k->kel_props, ATTRSET_UNIQUE_NAME) != 0)
+		return KEL_E_NOMEM;
+	if (!attrset_exists(k->kel_props, "protection") &&
+	    attrset_add_string(k->kel_props, "protection", kDefaultProtection) != 0)
+		return KEL_E_NOMEM;
+	char *l2type = nullptr;
+	(void)attrset_lookup_string(k->kel_props, "l2-type", &l2type);
+	const bool vxlan = l2type != nullptr && std::strcmp(l2type, "vxlan") == 0;
+	int rc = KEL_SUCCESS;
+	if (vxlan) {
+		if ((rc = read_ctrl(h, "vxlan-mgroup", k->kel_mgroup, sizeof(k->kel_mgroup))) != KEL_SUCCESS ||
+		    (rc = read_ctrl(h, "vxlan-ipvers", k->kel_ipvers, sizeof(k->kel_ipvers))) != KEL_SUCCESS ||
+		    (rc = host_or_global(h, k->kel_props, host, "vxlan-addr", k->kel_localaddr,
+		         sizeof(k->kel_localaddr))) != KEL_SUCCESS)
+			return rc;
+		if (kel_address_unspecified(k->kel_mgroup))
+			k->kel_mgroup[0] = '\0';
+		if (kel_address_unspecified(k->kel_localaddr))
+			k->kel_localaddr[0] = '\0';
+	}
+	if ((rc = host_or_global(h, k->kel_props, host, "uplink-port", k->kel_uport, sizeof(k->kel_uport))) !=
+	    KEL_SUCCESS)
+		return rc;
+	if (k->kel_uport[0] == '\0' && (!vxlan || k->kel_localaddr[0] == '\0'))
+		return KEL_E_UPLINK_REQUIRED;
+	return KEL_SUCCESS;
+}
+
+// The binding of `vnic` on `host` in the tenant, if there is one: *found is the kel.
+int existing_binding(kel_dbhandle_t h, const char *tenant, const char *vnic, const char *host,
+    kel_t **found)
+{
+	*found = nullptr;
+	char filter[1024];
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "vnic", vnic,
+	    "host", host);
+	list_t list;
+	if (rc == KEL_SUCCESS)
+		rc = kel_db_get_filtered_kellist(h, filter, &list, 0);
+	if (rc == KEL_E_KEL_NOTFOUND || rc == KEL_E_VPORT_NOTFOUND)
+		return KEL_SUCCESS;
+	if (rc != KEL_SUCCESS)
+		return rc;
+	auto *k = static_cast<kel_t *>(list_head(&list));
+	if (!list_is_empty(&k->kel_ports)) {
+		list_remove(&list, k);
+		*found = k;
+	}
+	kel_free_kellist(&list);
+	return KEL_SUCCESS;
+}
+
+// Binds the port read into `k`, or starts its migration; the transaction is open.
+int bind(kel_dbhandle_t h, kel_t *k, const char *vnic, const char *host, attrset_t *props)
+{
+	auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
+	if (vp->evp_status == VPORT_STATUS_FREE)
+		return kel_db_assign_vport_common(h, vp, vnic, host, props, VPORT_STATUS_USED);
+	char *theirs = nullptr, *ours = nullptr;
+	const bool same_vm = std::strcmp(vp->evp_hostname, host) != 0 &&
+	    attrset_lookup_string(props, "vmid", &ours) == 0 &&
+	    attrset_lookup_string(vp->evp_props, "vmid", &theirs) == 0 && std::strcmp(ours, theirs) == 0;
+	return same_vm ? kel_db_set_vport_migration(h, vp, host) : KEL_E_VPORT_INUSE;
+}
+
+int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *vportname,
+    const char *vnic, const char *host, const char *props, kel_t **kelp)
+{
+	if (!kel_valid_name(kelname) || !kel_valid_name(tenant) ||
+	    (vportname != nullptr && !kel_valid_name(vportname)) || !kel_valid_zonevnicname(vnic) ||
+	    host == nullptr || !valid_hostname(host))
+		return KEL_E_INVALID_ARGS;
+	attrset_t *parsed = nullptr;
+	int rc = props != nullptr ? kel_str2attrset(props, &parsed, B_TRUE, ATTRSET_UNIQUE_NAME) : KEL_SUCCESS;
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kel::AttrSetPtr set(parsed);
+	kel::StoreLock lock(h);
+	if ((rc = lock.status()) != KEL_SUCCESS)
+		return rc;
+	kel::Transaction tx(h->edh_db);
+	if ((rc = tx.begin()) != KEL_SUCCESS)
+		return rc;
+	kel_t *k = nullptr;
+	if ((rc = existing_binding(h, tenant, vnic, host, &k)) != KEL_SUCCESS)
+		return rc;
+	if (k == nullptr) {
+		char sysname[KEL_NAME_LEN];
+		const char *name = vportname;
+		if (name == nullptr) {
+			if ((rc = kel_db_add_system_vport(h, tenant, kelname, sysname)) != KEL_SUCCESS)
+				return rc;
+			name = sysname;
+		}
+		if ((rc = kel_db_get_kelvport(h, tenant, kelname, name, &k)) != KEL_SUCCESS)
+			return rc;
+		rc = bind(h, k, vnic, host, set.get());
+		kel_free_kel(k);
+		k = nullptr;
+		if (rc == KEL_SUCCESS)
+			rc = kel_db_get_kelvport(h, tenant, kelname, name, &k);
+	}
+	if (rc == KEL_SUCCESS)
+		rc = fill_node_view(h, k, host);
+	if (rc == KEL_SUCCESS)
+		rc = tx.commit();
+	if (rc != KEL_SUCCESS) {
+		kel_free_kel(k);
+		return rc;
+	}
+	*kelp = k;
+	return KEL_SUCCESS;
+}
+
+int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *extra)
+{
+	char filter[1024];
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "host", host, "vnic", vnic);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kel::StoreLock lock(h);
+	if ((rc = lock.status()) != KEL_SUCCESS)
+		return rc;
+	list_t list;
+	rc = kel_db_get_filtered_vportlist(h, filter, &list, 0);
+	if (rc != KEL_SUCCESS && extra != nullptr) {
+		if ((rc = kel_create_attrstr(filter, sizeof(filter), extra, 1, "vnic", vnic)) != KEL_SUCCESS)
+			return rc;
+		rc = kel_db_get_filtered_vportlist(h, filter, &list, 0);
+	}
+	if (rc != KEL_SUCCESS)
+		return rc;
+	auto *vp = static_cast<kel_vport_t *>(list_head(&list));
+	// The store these operations write never holds two ports of one VNIC and host, nor
+	// a free port under a VNIC; should it, nothing is changed.
+	if (kel_list_count(&list) != 1)
+		rc = KEL_E_FAILED;
+	else if (vp->evp_status != VPORT_STATUS_USED)
+		rc = KEL_E_VPORT_NOTFOUND;
+	else if (attrset_exists(vp->evp_props, kMigrating))
+		rc = kel_db_clear_vport_migration(h, vp, host, filter);
+	else if ((rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) == KEL_SUCCESS &&
+	         kel_is_system_vport(vp->evp_name))
+		rc = kel_db_remove_system_vport(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name);
+	kel_free_vportlist(&list);
+	return rc;
+}
+
+}  // namespace
+
+int kel_db_set_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *host)
+{
+	if (attrset_add_string(vp->evp_props, kMigrating, host) != 0)
+		return KEL_E_NOMEM;
+	return write_props(h, vp);
+}
+
+int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *host,
+    const char *)
+{
+	char *dest = nullptr;
+	if (attrset_lookup_string(vp->evp_props, kMigrating, &dest) != 0)
+		return KEL_SUCCESS;
+	char destination[1025];
+	kel::copy_text(destination, dest, sizeof(destination));
+	(void)attrset_remove(vp->evp_props, kMigrating, DATA_TYPE_STRING);
+	kel::Transaction tx(h->edh_db);
+	int rc = tx.begin();
+	if (rc == KEL_SUCCESS)
+		rc = write_props(h, vp);
+	// The old host letting go hands the port to the destination.
+	if (rc == KEL_SUCCESS && std::strcmp(vp->evp_hostname, host) == 0) {
+		const std::string filter = "vport=" + uuid_text(vp->evp_uuid);
+		rc = kel_db_set_filtered_value(h, "vport_tbl", "vport_hostname", filter.c_str(), destination,
+		    DATA_TYPE_STRING);
+	}
+	return rc != KEL_SUCCESS ? rc : tx.commit();
+}
+
+extern "C" {
+
+int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *vport, const char *vnic, const char *host, const char *props, kel_t **kelp)
+{
+	if (kelp == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*kelp = nullptr;
+	if (h == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return assign(h, tenant, kel, vport, vnic, host, props, kelp); });
+}
+
+int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
+    const char *filter)
+{
+	if (h == nullptr || vnic == nullptr || host == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return unassign(h, vnic, host, filter); });
+}
+
+}  // extern "C"

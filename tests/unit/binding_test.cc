@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <string>
+
+#include "fault.h"
+#include "libkel.h"
+#include "store_fixture.h"
+
+namespace {
+
+class Bindings : public kel::test::StoreFixture {
+protected:
+	void SetUp() override
+	{
+		StoreFixture::SetUp();
+		kel_t *k = nullptr;
+		ASSERT_EQ(kel_db_create_kel(h_, nullptr, "web", "l2-type=flat", 0, &k), KEL_SUCCESS);
+		kel_free_kel(k);
+		kel_ipnet_t *ip = nullptr;
+		ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", "web", "n", "subnet=10.0.0.0/24", &ip, 0), KEL_SUCCESS);
+		kel_free_ipnet(ip);
+		// The uplinks take their share of the fabric's VNIs when they are set.
+		ASSERT_EQ(kel_db_set_ctrlprop(h_, "vxlan-range=100-200", nullptr), KEL_SUCCESS);
+		for (const char *host : {"h1", "h2"})
+			ASSERT_EQ(kel_db_set_ctrlprop(h_, "uplink-port=net0", host), KEL_SUCCESS);
+		for (const char *p : {"p1", "p2"}) {
+			kel_vport_t *vp = nullptr;
+			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", p, nullptr, &vp, 0), KEL_SUCCESS);
+			kel_free_vport(vp);
+		}
+	}
+	void TearDown() override
+	{
+		kel::fault::disarm();
+		StoreFixture::TearDown();
+	}
+
+	// Binds; "<port>@<host>:<vnic> uplink=<port> protection=<..>" or "error N".
+	std::string bind(const char *vport, const char *vnic, const char *host,
+	    const char *props = nullptr, const char *kel = "web")
+	{
+		kel_t *k = nullptr;
+		const int rc = kel_db_assign_vport(h_, "sys-global", kel, vport, vnic, host, props, &k);
+		EXPECT_EQ(h_->edh_cnt, 0);
+		if (rc != KEL_SUCCESS) {
+			EXPECT_EQ(k, nullptr);
+			return "error " + std::to_string(rc);
+		}
+		EXPECT_EQ(kel_list_count(&k->kel_ports), 1);
+		auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
+		char *protection = nullptr;
+		EXPECT_EQ(attrset_lookup_string(k->kel_props, "protection", &protection), 0);
+		std::string out = std::string(vp->evp_name) + "@" + vp->evp_hostname + ":" + vp->evp_vnicname +
+		    " uplink=" + k->kel_uport + " protection=" + (protection ? protection : "");
+		kel_free_kel(k);
+		return out;
+	}
+
+	// Where each port is bound, and which is migrating: "p1=h1:vn0 p2=- ...".
+	std::string ports()
+	{
+		std::string out;
+		kel::for_each_row(h_->edh_db,
+		    "SELECT vport_name, vport_status, vport_hostname, vport_vnicname, vport_props "
+		    "FROM vport_tbl ORDER BY vport_name",
+		    {}, [&](kel::Statement &st) {
+			    out += out.empty() ? "" : " ";
+			    out += st.text(0);
+			    out += std::string("=") + (st.integer(1) == 0 ? "-" : std::string(st.text(2)) + ":" + st.text(3));
+			    const std::string props = st.text(4) ? st.text(4) : "";
+			    const auto at = props.find("kel:migrating_to=");
+			    if (at != std::string::npos)
+				    out += ">" + props.substr(at + 17, props.find(',', at) - at - 17);
+			    return KEL_SUCCESS;
+		    });
+		return out;
+	}
+
+	std::string err(int rc) { return "error " + std::to_string(rc); }
+};
+
+TEST_F(Bindings, BindAndUnbindNamedPorts)
+{
+	EXPECT_EQ(bind("p1", "vn0", "h1"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	// Binding the VNIC again, even naming another port, hands back the binding it has.
+	EXPECT_EQ(bind("p1", "vn0", "h1"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(bind("p2", "vn0", "h1"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(bind("p1", "vn1", "h1"), err(KEL_E_VPORT_INUSE));
+	EXPECT_EQ(bind("p1", "vn0", "h2"), err(KEL_E_VPORT_INUSE));
+	EXPECT_EQ(bind("p9", "vn1", "h1"), err(KEL_E_VPORT_NOTFOUND));
+	EXPECT_EQ(bind("p2", "vn1", "h1"), "p2@h1:vn1 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(ports(), "p1=h1:vn0 p2=h1:vn1");
+	// The default protection is only reported: the store keeps what the operator set.
+	EXPECT_EQ(value("SELECT kel_props FROM kel_tbl"), "l2-type=flat");
+
+	EXPECT_EQ(kel_db_unassign_vport(h_, "vn0", "h1", nullptr), KEL_SUCCESS);
+	EXPECT_EQ(kel_db_unassign_vport(h_, "vn0", "h1", nullptr), KEL_E_VPORT_NOTFOUND);
+	EXPECT_EQ(kel_db_unassign_vport(h_, "vn1", "h2", nullptr), KEL_E_VPORT_NOTFOUND);
+	EXPECT_EQ(ports(), "p1=- p2=h1:vn1");
+	EXPECT_EQ(bind("p1", "vn0", "h2"), "p1@h2:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+}
+
+TEST_F(Bindings, BadArguments)
+{
+	EXPECT_EQ(bind("p1", "vn0", ""), err(KEL_E_INVALID_ARGS));
+	EXPECT_EQ(bind("p1", "vn0", "bad host!"), err(KEL_E_INVALID_ARGS));
+	EXPECT_EQ(bind("p/1", "vn0", "h1"), err(KEL_E_INVALID_ARGS));
+	EXPECT_EQ(bind("p1", "", "h1"), err(KEL_E_INVALID_ARGS));
+	EXPECT_EQ(bind("p1", "vn0", "h1", "vmid"), err(KEL_E_INVALID_ARGS));
+	EXPECT_EQ(bind("p1", "vn0", "h1", nullptr, "nosuch"), err(KEL_E_KEL_NOTFOUND));
+	kel_t *k = nullptr;
+	EXPECT_EQ(kel_db_assign_vport(nullptr, "sys-global", "web", "p1", "vn0", "h1", nullptr, &k),
+	    KEL_E_INVALID_ARGS);
+	EXPECT_EQ(kel_db_unassign_vport(h_, nullptr, "h1", nullptr), KEL_E_INVALID_ARGS);
+	EXPECT_EQ(ports(), "p1=- p2=-");
+}
+
+TEST_F(Bindings, SystemPortsComeAndGoWithTheirBinding)
+{
+	const std::string pools_before = value("SELECT ipnet_avail_range FROM ipnet_tbl");
+	const std::string got = bind(nullptr, "vn5", "h1");
+	ASSERT_EQ(got.rfind("sys-", 0), 0u) << got;
+	EXPECT_NE(got.find("@h1:vn5 uplink=net0"), std::string::npos) << got;
+	EXPECT_EQ(rows("vport_tbl"), 3);
+	EXPECT_NE(value("SELECT ipnet_avail_range FROM ipnet_tbl"), pools_before);
+
+	EXPECT_EQ(kel_db_unassign_vport(h_, "vn5", "h1", nullptr), KEL_SUCCESS);
+	EXPECT_EQ(rows("vport_tbl"), 2);
+	EXPECT_EQ(value("SELECT ipnet_avail_range FROM ipnet_tbl"), pools_before);
+}
+
+TEST_F(Bindings, WithoutAnUplinkNothingIsLeftBehind)
+{
+	const std::string pools_before = value("SELECT ipnet_avail_range FROM ipnet_tbl");
+	EXPECT_EQ(bind(nullptr, "vn0", "h3"), err(KEL_E_UPLINK_REQUIRED));
+	EXPECT_EQ(bind("p1", "vn0", "h3"), err(KEL_E_UPLINK_REQUIRED));
+	EXPECT_EQ(ports(), "p1=- p2=-");
+	EXPECT_EQ(value("SELECT ipnet_avail_range FROM ipnet_tbl"), pools_before);
+	// A fabric-wide uplink serves hosts that have none of their own.
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uplink-port=bond0", nullptr), KEL_SUCCESS);
+	EXPECT_EQ(bind("p1", "vn0", "h3"), "p1@h3:vn0 uplink=bond0 protection=mac-nospoof,ip-nospoof");
+}
+
+TEST_F(Bindings, VxlanBindingsCarryTheEndpoint)
+{
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "vxlan-mgroup=239.1.1.1", nullptr), KEL_SUCCESS);
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "vxlan-addr=192.168.5.0/24", "h4"), KEL_SUCCESS);
+	kel_t *k = nullptr;
+	ASSERT_EQ(kel_db_create_kel(h_, nullptr, "vx", "l2-type=vxlan", 0, &k), KEL_SUCCESS);
+	kel_free_kel(k);
+	kel_ipnet_t *ip = nullptr;
+	ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", "vx", "n2", "subnet=10.1.0.0/24", &ip, 0), KEL_SUCCESS);
+	kel_free_ipnet(ip);
+
+	auto endpoint = [&](const char *host) {
+		kel_t *got = nullptr;
+		const int rc = kel_db_assign_vport(h_, "sys-global", "vx", nullptr, "vn0", host, nullptr, &got);
+		if (rc != KEL_SUCCESS)
+			return err(rc);
+		std::string out = std::string("uplink=") + got->kel_uport + " local=" + got->kel_localaddr +
+		    " mgroup=" + got->kel_mgroup + " " + got->kel_ipvers;
+		kel_free_kel(got);
+		return out;
+	};
+	// A host with an endpoint address needs no uplink port; one with neither cannot bind.
+	EXPECT_EQ(endpoint("h4"), "uplink= local=192.168.5.0/24 mgroup=239.1.1.1 v4");
+	EXPECT_EQ(endpoint("h1"), "uplink=net0 local= mgroup=239.1.1.1 v4");
+	EXPECT_EQ(endpoint("h3"), err(KEL_E_UPLINK_REQUIRED));
+}
+
+TEST_F(Bindings, AVirtualMachineTakesItsPortAlong)
+{
+	ASSERT_EQ(bind("p1", "vn0", "h1", "vmid=vm7"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(bind("p1", "vn0", "h2", "vmid=vm8"), err(KEL_E_VPORT_INUSE));
+	EXPECT_EQ(bind("p1", "vn0", "h2"), err(KEL_E_VPORT_INUSE));
+	EXPECT_EQ(bind("p1", "vn0", "h2", "vmid=vm7"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(ports(), "p1=h1:vn0>h2 p2=-");
+	// The source letting go completes the move.
+	EXPECT_EQ(kel_db_unassign_vport(h_, "vn0", "h1", nullptr), KEL_SUCCESS);
+	EXPECT_EQ(ports(), "p1=h2:vn0 p2=-");
+	EXPECT_EQ(kel_db_unassign_vport(h_, "vn0", "h2", nullptr), KEL_SUCCESS);
+	EXPECT_EQ(ports(), "p1=- p2=-");
+}
+
+TEST_F(Bindings, AFailedMigrationLeavesThePortWhereItWas)
+{
+	ASSERT_EQ(bind("p1", "vn0", "h1", "vmid=vm7"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	ASSERT_EQ(bind("p1", "vn0", "h2", "vmid=vm7"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	// The destination found through the caller's filter, as the node does on a failed move.
+	EXPECT_EQ(kel_db_unassign_vport(h_, "vn0", "h2", "vport=p1"), KEL_SUCCESS);
+	EXPECT_EQ(ports(), "p1=h1:vn0 p2=-");
+}
+
+TEST_F(Bindings, AFailedBindChangesNothing)
+{
+	const std::string before = ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl");
+	// Fail each statement in turn until the bind of a new system port runs through.
+	for (int nth = 1; nth < 200; nth++) {
+		kel::fault::fail_nth_statement(nth, SQLITE_IOERR * 256 + KEL_E_SQL);
+		kel_t *k = nullptr;
+		const int rc = kel_db_assign_vport(h_, "sys-global", "web", nullptr, "vn0", "h1", nullptr, &k);
+		const bool consumed = !kel::fault::armed();
+		kel::fault::disarm();
+		kel_free_kel(k);
+		EXPECT_EQ(h_->edh_cnt, 0);
+		if (!consumed) {
+			EXPECT_EQ(rc, KEL_SUCCESS);
+			break;
+		}
+		SCOPED_TRACE(nth);
+		if (rc == KEL_SUCCESS) {	// a failed read that means "nothing there" may still bind
+			ASSERT_EQ(kel_db_unassign_vport(h_, "vn0", "h1", nullptr), KEL_SUCCESS);
+			continue;
+		}
+		EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);
+	}
+	EXPECT_EQ(rows("vport_tbl"), 3);
+}
+
+}  // namespace
