@@ -21,12 +21,6 @@ bool split(const Subcommand &cmd, const char *text, std::string *kel, std::strin
 	return true;
 }
 
-std::string prop(attrset_t *props, const char *name)
-{
-	char *value = nullptr;
-	return attrset_lookup_string(props, name, &value) == 0 ? value : "";
-}
-
 }  // namespace
 
 int add_ipnet(std::span<char *> args)

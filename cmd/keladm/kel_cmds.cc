@@ -9,12 +9,6 @@
 namespace keladm {
 namespace {
 
-std::string prop(attrset_t *props, const char *name)
-{
-	char *value = nullptr;
-	return attrset_lookup_string(props, name, &value) == 0 ? value : "";
-}
-
 // The switch's VLAN ID or VNI, "--" for a flat switch.
 std::string kel_id(attrset_t *props)
 {

@@ -40,6 +40,7 @@ struct Options {
 	std::string props;	// -p name=value,... (subcommands that change things)
 	std::string fields;	// -o field,...
 	Format format = Format::Table;	// -p (show-*), --json
+	bool force = false;	// -f
 	std::span<char *> operands;
 };
 
@@ -48,6 +49,7 @@ enum OptionSet : unsigned {
 	kChange = 0,		// -p name=value,...
 	kShow = 1,		// -o fields, -p parseable, --json
 	kHost = 2,		// -h host (and no -h for help; --help still works)
+	kForce = 4,		// -f: go on although the object is in use
 };
 
 // Parses `args` for subcommand `cmd`. Returns false after a usage message.
@@ -72,11 +74,22 @@ int show_kel(std::span<char *> args);
 int add_ipnet(std::span<char *> args);
 int remove_ipnet(std::span<char *> args);
 int show_ipnet(std::span<char *> args);
+int add_vport(std::span<char *> args);
+int remove_vport(std::span<char *> args);
+int reset_vport(std::span<char *> args);
+int show_vport(std::span<char *> args);
 int set_clientprop(std::span<char *> args);
 int show_clientprop(std::span<char *> args);
 int set_controlprop(std::span<char *> args);
 int show_controlprop(std::span<char *> args);
 int upgrade_store(std::span<char *> args);
+
+// A string property of a record's set ("" when it has none).
+inline std::string prop(attrset_t *props, const char *name)
+{
+	char *value = nullptr;
+	return attrset_lookup_string(props, name, &value) == 0 ? value : "";
+}
 
 // Reports a warning (a change made, with something the operator should know).
 void warn(const std::string &what, int code);

@@ -21,12 +21,17 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, 
 	opterr = 0;
 	std::string optstring = show ? "+:T:o:p" : "+:T:p:";
 	optstring += (set & kHost) ? "h:" : "h";
+	if (set & kForce)
+		optstring += "f";
 	int c;
 	while ((c = getopt_long(static_cast<int>(args.size()), args.data(), optstring.c_str(), kLong,
 	            nullptr)) != -1) {
 		switch (c) {
 		case 'T':
 			opts->tenant = optarg;
+			break;
+		case 'f':
+			opts->force = true;
 			break;
 		case 'o':
 			opts->fields = optarg;

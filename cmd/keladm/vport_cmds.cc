@@ -1,0 +1,142 @@
+// Ports: add-vport, remove-vport, reset-vport, show-vport. A port is named with its switch
+// as KEL/VPORT.
+#include <uuid/uuid.h>
+
+#include <cstdio>
+#include <string>
+
+#include "keladm.h"
+
+namespace keladm {
+namespace {
+
+// Splits KEL/VPORT; false (after a usage message) when either part is missing or bad.
+bool split(const Subcommand &cmd, const char *text, std::string *kel, std::string *vport)
+{
+	char k[KEL_NAME_LEN], v[KEL_NAME_LEN];
+	if (!kel_parse_kelvportname(text, k, v) || *k == '\0' || *v == '\0') {
+		usage_error(cmd, std::string("'") + text + "' is not KEL/VPORT");
+		return false;
+	}
+	*kel = k;
+	*vport = v;
+	return true;
+}
+
+using VportChange = int (*)(kel_dbhandle_t, const char *, const char *, const char *,
+    const char *, uint32_t);
+
+// remove-vport and reset-vport: one KEL/VPORT, -f to go on although the port is bound.
+int change(std::span<char *> args, const char *name, VportChange op, const char *verb)
+{
+	const Subcommand &cmd = subcommand(name);
+	Options opts;
+	if (!parse_options(cmd, args, kForce, &opts))
+		return kExitUsage;
+	std::string kel, vport;
+	if (opts.operands.size() != 1)
+		return usage_error(cmd, std::string(name) + " takes one KEL/VPORT");
+	if (!split(cmd, opts.operands[0], &kel, &vport))
+		return kExitUsage;
+	Store store;
+	if (store.open(true) != KEL_SUCCESS)
+		return kExitFailed;
+	const int rc = op(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(),
+	    opts.force ? "force=yes" : nullptr, 0);
+	if (rc != KEL_SUCCESS)
+		return fail(std::string("cannot ") + verb + " vport '" + kel + "/" + vport + "'", rc);
+	return kExitOk;
+}
+
+}  // namespace
+
+int add_vport(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("add-vport");
+	Options opts;
+	if (!parse_options(cmd, args, kChange, &opts))
+		return kExitUsage;
+	std::string kel, name;
+	if (opts.operands.size() != 1)
+		return usage_error(cmd, "add-vport takes one KEL/VPORT");
+	if (!split(cmd, opts.operands[0], &kel, &name))
+		return kExitUsage;
+	Store store;
+	if (store.open(true) != KEL_SUCCESS)
+		return kExitFailed;
+	kel_vport_t *vp = nullptr;
+	const int rc = kel_db_add_vport(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(),
+	    opts.props.empty() ? nullptr : opts.props.c_str(), &vp, KEL_NAME_DASH_OK);
+	if (rc != KEL_SUCCESS)
+		return fail("cannot add vport '" + kel + "/" + name + "'", rc);
+	std::printf("added vport %s/%s (%s, %s)\n", kel.c_str(), vp->evp_name,
+	    prop(vp->evp_props, "ipaddr").c_str(), prop(vp->evp_props, "macaddr").c_str());
+	kel_free_vport(vp);
+	return kExitOk;
+}
+
+int remove_vport(std::span<char *> args)
+{
+	return change(args, "remove-vport", kel_db_remove_vport, "remove");
+}
+
+int reset_vport(std::span<char *> args)
+{
+	return change(args, "reset-vport", kel_db_reset_vport, "reset");
+}
+
+int show_vport(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("show-vport");
+	Options opts;
+	if (!parse_options(cmd, args, kShow, &opts))
+		return kExitUsage;
+	if (opts.operands.size() > 1)
+		return usage_error(cmd, "show-vport takes at most one KEL or KEL/VPORT");
+	Output out;
+	if (!out.configure({{"name"}, {"kel"}, {"tenant"}, {"status"}, {"host"}, {"vnic"},
+	                       {"ipaddr"}, {"macaddr"}, {"uuid"}},
+	        opts.fields, opts.format))
+		return kExitUsage;
+	char kel[KEL_NAME_LEN] = "", name[KEL_NAME_LEN] = "";
+	if (!opts.operands.empty()) {
+		// "KEL" alone names the switch; "KEL/VPORT" one port.
+		const std::string text = opts.operands[0];
+		const bool compound = text.find('/') != std::string::npos;
+		if (!kel_parse_kelvportname(compound ? text.c_str() : (text + "/").c_str(), kel, name))
+			return usage_error(cmd, "'" + text + "' is not KEL or KEL/VPORT");
+	}
+	char filter[1024];
+	int rc = *name != '\0'
+	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel", kel, "vport", name)
+	    : *kel != '\0'
+	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", opts.tenant.c_str(), "kel", kel)
+	    : kel_create_attrstr(filter, sizeof(filter), nullptr, 1, "tenant", opts.tenant.c_str());
+	if (rc != KEL_SUCCESS)
+		return fail("cannot list vports", rc);
+	Store store;
+	if (store.open(false) != KEL_SUCCESS)
+		return kExitFailed;
+	list_t list;
+	rc = kel_db_get_filtered_vportlist(store.get(), filter, &list, 0);
+	if (rc == KEL_E_VPORT_NOTFOUND && opts.operands.empty()) {
+		out.print();
+		return kExitOk;
+	}
+	if (rc != KEL_SUCCESS)
+		return fail("cannot list vports", rc);
+	for (auto *vp = static_cast<kel_vport_t *>(list_head(&list)); vp;
+	     vp = static_cast<kel_vport_t *>(list_next(&list, vp))) {
+		char uuid[37];
+		uuid_unparse(vp->evp_uuid, uuid);
+		out.add({vp->evp_name, vp->evp_kelname, vp->evp_tenantname,
+		    vp->evp_status == VPORT_STATUS_USED ? "bound" : "free", vp->evp_hostname,
+		    vp->evp_vnicname, prop(vp->evp_props, "ipaddr"), prop(vp->evp_props, "macaddr"),
+		    uuid});
+	}
+	kel_free_vportlist(&list);
+	out.print();
+	return kExitOk;
+}
+
+}  // namespace keladm

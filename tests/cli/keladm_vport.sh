@@ -1,0 +1,41 @@
+#!/bin/bash
+# Ports from the command line: add-vport, show-vport, remove-vport, reset-vport.
+. "$(dirname "$0")/lib.sh" "$1"
+make_store
+"$keladm" create-kel -p l2-type=flat web >/dev/null
+"$keladm" create-kel -p l2-type=flat bare >/dev/null
+"$keladm" add-ipnet -p subnet=10.1.0.0/24,pool=10.1.0.2-10.1.0.4 web/n >/dev/null
+
+expect "the lowest pool address" "added vport web/p1 (10.1.0.2/24, aa:0:0:0:0:1)" \
+	add-vport -p macaddr=aa:0:0:0:0:1 web/p1
+expect "the router, given" "added vport web/gw (10.1.0.1/24, aa:0:0:0:0:2)" \
+	add-vport -p ipaddr=10.1.0.1,macaddr=aa:0:0:0:0:2 web/gw
+expect "the router only once" "keladm: cannot add vport 'web/x': IP address in use" \
+	add-vport -p ipaddr=10.1.0.1 web/x
+expect "a MAC address only once" "keladm: cannot add vport 'web/x': MAC address in use" \
+	add-vport -p macaddr=aa:0:0:0:0:1 web/x
+expect "a kel without an ipnet" "keladm: cannot add vport 'bare/x': ipnet not found" add-vport bare/x
+status "the name must be KEL/VPORT" 2 add-vport p1
+check "a generated MAC address" bash -c "'$keladm' add-vport web/p2 | grep -Eq '^added vport web/p2 \(10\.1\.0\.3/24, 2:8:20(:[0-9a-f]{1,2}){3}\)$'"
+"$keladm" add-vport web/p3 >/dev/null
+expect "an exhausted pool" "keladm: cannot add vport 'web/p4': insufficient resource" add-vport web/p4
+
+expect "show-vport" "NAME  KEL  STATUS  IPADDR
+p1    web  free    10.1.0.2/24
+gw    web  free    10.1.0.1/24
+p2    web  free    10.1.0.3/24
+p3    web  free    10.1.0.4/24" \
+	show-vport -o name,kel,status,ipaddr web
+
+# A port bound on a host that is not there: removing it needs -f; resetting asks the host.
+sqlite3 "$root/etc/kel/kel.db" \
+	"UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h1', vport_vnicname = 'vn0' WHERE vport_name = 'p1'"
+expect "a bound port, parseable" "p1:bound:h1:vn0" show-vport -p -o name,status,host,vnic web/p1
+expect "removing a bound port" "keladm: cannot remove vport 'web/p1': vport in use" remove-vport web/p1
+check "reset -f frees it without asking" "$keladm" reset-vport -f web/p1
+expect "it is free" '[{"name": "p1", "status": "free", "host": ""}]' show-vport --json -o name,status,host web/p1
+check "remove-vport" "$keladm" remove-vport web/p1
+expect "the address is back" "added vport web/p5 (10.1.0.2/24, aa:0:0:0:0:9)" add-vport -p macaddr=aa:0:0:0:0:9 web/p5
+expect "removing it again" "keladm: cannot remove vport 'web/p1': vport not found" remove-vport web/p1
+status "-f is for remove and reset" 2 add-vport -f web/p6
+exit $fail
