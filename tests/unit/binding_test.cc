@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <set>
 #include <string>
 
 #include "fault.h"
@@ -216,6 +220,65 @@ TEST_F(Bindings, AFailedBindChangesNothing)
 		EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);
 	}
 	EXPECT_EQ(rows("vport_tbl"), 3);
+}
+
+// Several processes bind the same named ports and new system ports at once: each named
+// port goes to one binder only, and no system port name or address is handed out twice.
+TEST_F(Bindings, ConcurrentBindersNeverShareAPort)
+{
+	constexpr int kWorkers = 4, kSystemPorts = 5;
+	ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", "p3", nullptr, nullptr, 0), KEL_SUCCESS);
+	// Exit status: bit n set when the worker won port p<n+1>; 64 on an unexpected answer.
+	auto worker = [](int id) {
+		kel_dbhandle_t h = nullptr;
+		if (kel_db_open(&h, SQLITE_OPEN_READWRITE) != KEL_SUCCESS)
+			return 64;
+		int won = 0;
+		for (int n = 0; n < 3 + kSystemPorts && won < 64; n++) {
+			const std::string vport = "p" + std::to_string(n + 1);
+			const std::string vnic = "w" + std::to_string(id) + "n" + std::to_string(n);
+			kel_t *k = nullptr;
+			const int rc = kel_db_assign_vport(h, "sys-global", "web", n < 3 ? vport.c_str() : nullptr,
+			    vnic.c_str(), "h1", nullptr, &k);
+			kel_free_kel(k);
+			if (rc == KEL_SUCCESS && n < 3)
+				won |= 1 << n;
+			else if (rc != KEL_SUCCESS && (n >= 3 || rc != KEL_E_VPORT_INUSE))
+				won = 64;
+		}
+		kel_db_close(h);
+		return won;
+	};
+	pid_t pids[kWorkers];
+	for (int i = 0; i < kWorkers; i++)
+		if ((pids[i] = fork()) == 0)
+			_exit(worker(i));
+	int winners[3] = {0, 0, 0};
+	for (pid_t pid : pids) {
+		const int won = kel::test::wait_exit(pid);
+		ASSERT_LT(won, 64);
+		for (int n = 0; n < 3; n++)
+			winners[n] += (won >> n) & 1;
+	}
+	for (int n = 0; n < 3; n++)
+		EXPECT_EQ(winners[n], 1) << "p" << n + 1;
+
+	std::set<std::string> names, addresses;
+	int bound = 0;
+	ASSERT_EQ(kel::for_each_row(h_->edh_db, "SELECT vport_name, vport_props, vport_status FROM vport_tbl", {},
+	              [&](kel::Statement &st) {
+		              names.insert(st.text(0));
+		              const std::string props = st.text(1);
+		              const size_t at = props.find("ipaddr=");
+		              addresses.insert(props.substr(at, props.find(',', at) - at));
+		              bound += st.integer(2);
+		              return KEL_SUCCESS;
+	              }),
+	    KEL_SUCCESS);
+	EXPECT_EQ(bound, 3 + kWorkers * kSystemPorts);
+	EXPECT_EQ(rows("vport_tbl"), bound);
+	EXPECT_EQ(static_cast<int>(names.size()), bound);
+	EXPECT_EQ(static_cast<int>(addresses.size()), bound);
 }
 
 }  // namespace
