@@ -133,15 +133,14 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	rc = draw_address(h, ip, given_addr, addr, &drawn);
 	if (rc == KEL_SUCCESS) {
 		const std::string ipaddr = std::string(addr) + "/" + std::to_string(ip->ei_prefixlen);
-		list_t kels;
 		char mac[18];
 		char *text = nullptr;
 		if (attrset_add_string(set.get(), "ipaddr", ipaddr.c_str()) != 0)
 			rc = KEL_E_NOMEM;
-		if (rc == KEL_SUCCESS && (rc = kel_db_get_kellist(h, tenant, kel, &kels, 0)) == KEL_SUCCESS) {
+		if (rc == KEL_SUCCESS) {
+			// The network names its switch: reading the switch itself would read all its ports.
 			char keluuid[kUuidTextLen];
-			uuid_unparse(static_cast<kel_t *>(list_head(&kels))->kel_uuid, keluuid);
-			kel_free_kellist(&kels);
+			uuid_unparse(ip->ei_keluuid, keluuid);
 			if ((rc = pick_mac(h, given_mac, mac)) == KEL_SUCCESS &&
 			    (rc = attrset_add_string(set.get(), "macaddr", mac) == 0 ? KEL_SUCCESS : KEL_E_NOMEM) ==
 			        KEL_SUCCESS &&
