@@ -2,17 +2,15 @@
 // and one network each) and times the switch list, the port list and a lookup of one
 // switch by name. Prints one JSON object per N. Usage: list_bench [N...]
 #include <sqlite3.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "libkel.h"
+#include "scratch_store.h"
 #include "sql.h"
 #include "store_handle.h"
 
@@ -65,20 +63,9 @@ double seconds(F &&f)
 
 int main(int argc, char **argv)
 {
-	std::vector<int> sizes;
-	for (int i = 1; i < argc; i++)
-		sizes.push_back(std::atoi(argv[i]));
-	if (sizes.empty())
-		sizes = {1000, 10000, 100000};
-
-	for (int n : sizes) {
-		char tmpl[] = "/tmp/kel-bench-XXXXXX";
-		const std::string root = mkdtemp(tmpl);
-		std::filesystem::create_directories(root + "/etc/kel");
-		setenv("KEL_ROOT", root.c_str(), 1);
-		kel_dbhandle_t h = nullptr;
-		if (kel_db_create() != KEL_SUCCESS || kel_db_open(&h, SQLITE_OPEN_READWRITE) != KEL_SUCCESS)
-			return 1;
+	for (int n : kel::bench::sizes(argc, argv)) {
+		kel::bench::ScratchStore store;
+		kel_dbhandle_t h = store.get();
 		fill(h, n);
 
 		list_t list;
@@ -111,8 +98,6 @@ int main(int argc, char **argv)
 		            "\"ok\": %s}\n",
 		    n, kels, kels / n * 1e6, ports, ports / n * 1e6, one * 1e3, rc == 0 ? "true" : "false");
 		std::fflush(stdout);
-		kel_db_close(h);
-		std::filesystem::remove_all(root);
 	}
 	return 0;
 }
