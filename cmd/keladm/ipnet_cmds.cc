@@ -6,34 +6,16 @@
 #include "keladm.h"
 
 namespace keladm {
-namespace {
-
-// Splits KEL/IPNET; false (after a usage message) when either part is missing or bad.
-bool split(const Subcommand &cmd, const char *text, std::string *kel, std::string *ipnet)
-{
-	char k[KEL_NAME_LEN], n[KEL_NAME_LEN];
-	if (!kel_parse_kelipnetname(text, k, n) || *k == '\0' || *n == '\0') {
-		usage_error(cmd, std::string("'") + text + "' is not KEL/IPNET");
-		return false;
-	}
-	*kel = k;
-	*ipnet = n;
-	return true;
-}
-
-}  // namespace
-
 int add_ipnet(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("add-ipnet");
 	Options opts;
 	if (!parse_options(cmd, args, kChange, &opts))
 		return kExitUsage;
-	std::string kel, name;
-	if (opts.operands.size() != 1)
-		return usage_error(cmd, "add-ipnet takes one KEL/IPNET");
-	if (!split(cmd, opts.operands[0], &kel, &name))
+	Member m;
+	if (!one_member(cmd, opts, kel_parse_kelipnetname, "IPNET", &m))
 		return kExitUsage;
+	const std::string &kel = m.kel, &name = m.name;
 	if (opts.props.empty())
 		return usage_error(cmd, "add-ipnet needs -p subnet=ADDRESS/PREFIX");
 	Store store;
@@ -56,11 +38,10 @@ int remove_ipnet(std::span<char *> args)
 	Options opts;
 	if (!parse_options(cmd, args, kChange, &opts))
 		return kExitUsage;
-	std::string kel, name;
-	if (opts.operands.size() != 1)
-		return usage_error(cmd, "remove-ipnet takes one KEL/IPNET");
-	if (!split(cmd, opts.operands[0], &kel, &name))
+	Member m;
+	if (!one_member(cmd, opts, kel_parse_kelipnetname, "IPNET", &m))
 		return kExitUsage;
+	const std::string &kel = m.kel, &name = m.name;
 	Store store;
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
@@ -76,21 +57,14 @@ int show_ipnet(std::span<char *> args)
 	Options opts;
 	if (!parse_options(cmd, args, kShow, &opts))
 		return kExitUsage;
-	if (opts.operands.size() > 1)
-		return usage_error(cmd, "show-ipnet takes at most one KEL or KEL/IPNET");
 	Output out;
 	if (!out.configure({{"name"}, {"kel"}, {"tenant"}, {"subnet"}, {"defrouter"}, {"pool"},
 	                       {"available"}},
 	        opts.fields, opts.format))
 		return kExitUsage;
-	char kel[KEL_NAME_LEN] = "", name[KEL_NAME_LEN] = "";
-	if (!opts.operands.empty()) {
-		// "KEL" alone names the switch; "KEL/IPNET" one network.
-		const std::string text = opts.operands[0];
-		const bool compound = text.find('/') != std::string::npos;
-		if (!kel_parse_kelipnetname(compound ? text.c_str() : (text + "/").c_str(), kel, name))
-			return usage_error(cmd, "'" + text + "' is not KEL or KEL/IPNET");
-	}
+	char kel[KEL_NAME_LEN], name[KEL_NAME_LEN];
+	if (!member_selection(cmd, opts, kel_parse_kelipnetname, "IPNET", kel, name))
+		return kExitUsage;
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;

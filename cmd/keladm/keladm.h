@@ -84,6 +84,20 @@ int set_controlprop(std::span<char *> args);
 int show_controlprop(std::span<char *> args);
 int upgrade_store(std::span<char *> args);
 
+// A member of a switch (an ipnet, a vport), named on the command line as KEL/NAME.
+struct Member {
+	std::string kel, name;
+};
+using MemberParser = boolean_t (*)(const char *text, char *kel, char *name);
+
+// The one operand a change subcommand takes, as KEL/<what>; false after a usage message.
+bool one_member(const Subcommand &cmd, const Options &opts, MemberParser parse, const char *what,
+    Member *out);
+// The optional operand of a show subcommand: "KEL" or "KEL/<what>" ("" for what is not
+// given); false after a usage message.
+bool member_selection(const Subcommand &cmd, const Options &opts, MemberParser parse,
+    const char *what, char (&kel)[KEL_NAME_LEN], char (&name)[KEL_NAME_LEN]);
+
 // A string property of a record's set ("" when it has none).
 inline std::string prop(attrset_t *props, const char *name)
 {

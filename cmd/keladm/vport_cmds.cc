@@ -10,19 +10,6 @@
 namespace keladm {
 namespace {
 
-// Splits KEL/VPORT; false (after a usage message) when either part is missing or bad.
-bool split(const Subcommand &cmd, const char *text, std::string *kel, std::string *vport)
-{
-	char k[KEL_NAME_LEN], v[KEL_NAME_LEN];
-	if (!kel_parse_kelvportname(text, k, v) || *k == '\0' || *v == '\0') {
-		usage_error(cmd, std::string("'") + text + "' is not KEL/VPORT");
-		return false;
-	}
-	*kel = k;
-	*vport = v;
-	return true;
-}
-
 using VportChange = int (*)(kel_dbhandle_t, const char *, const char *, const char *,
     const char *, uint32_t);
 
@@ -33,11 +20,10 @@ int change(std::span<char *> args, const char *name, VportChange op, const char 
 	Options opts;
 	if (!parse_options(cmd, args, kForce, &opts))
 		return kExitUsage;
-	std::string kel, vport;
-	if (opts.operands.size() != 1)
-		return usage_error(cmd, std::string(name) + " takes one KEL/VPORT");
-	if (!split(cmd, opts.operands[0], &kel, &vport))
+	Member m;
+	if (!one_member(cmd, opts, kel_parse_kelvportname, "VPORT", &m))
 		return kExitUsage;
+	const std::string &kel = m.kel, &vport = m.name;
 	Store store;
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
@@ -56,11 +42,10 @@ int add_vport(std::span<char *> args)
 	Options opts;
 	if (!parse_options(cmd, args, kChange, &opts))
 		return kExitUsage;
-	std::string kel, name;
-	if (opts.operands.size() != 1)
-		return usage_error(cmd, "add-vport takes one KEL/VPORT");
-	if (!split(cmd, opts.operands[0], &kel, &name))
+	Member m;
+	if (!one_member(cmd, opts, kel_parse_kelvportname, "VPORT", &m))
 		return kExitUsage;
+	const std::string &kel = m.kel, &name = m.name;
 	Store store;
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
@@ -91,21 +76,14 @@ int show_vport(std::span<char *> args)
 	Options opts;
 	if (!parse_options(cmd, args, kShow, &opts))
 		return kExitUsage;
-	if (opts.operands.size() > 1)
-		return usage_error(cmd, "show-vport takes at most one KEL or KEL/VPORT");
 	Output out;
 	if (!out.configure({{"name"}, {"kel"}, {"tenant"}, {"status"}, {"host"}, {"vnic"},
 	                       {"ipaddr"}, {"macaddr"}, {"uuid"}},
 	        opts.fields, opts.format))
 		return kExitUsage;
-	char kel[KEL_NAME_LEN] = "", name[KEL_NAME_LEN] = "";
-	if (!opts.operands.empty()) {
-		// "KEL" alone names the switch; "KEL/VPORT" one port.
-		const std::string text = opts.operands[0];
-		const bool compound = text.find('/') != std::string::npos;
-		if (!kel_parse_kelvportname(compound ? text.c_str() : (text + "/").c_str(), kel, name))
-			return usage_error(cmd, "'" + text + "' is not KEL or KEL/VPORT");
-	}
+	char kel[KEL_NAME_LEN], name[KEL_NAME_LEN];
+	if (!member_selection(cmd, opts, kel_parse_kelvportname, "VPORT", kel, name))
+		return kExitUsage;
 	char filter[1024];
 	int rc = *name != '\0'
 	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel", kel, "vport", name)
