@@ -201,6 +201,11 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 	}
 	if (rc != KEL_SUCCESS)
 		return rc;
+	kel::Transaction tx(h->edh_db);
+	if ((rc = tx.begin()) != KEL_SUCCESS) {
+		kel_free_vportlist(&list);
+		return rc;
+	}
 	auto *vp = static_cast<kel_vport_t *>(list_head(&list));
 	// The store these operations write never holds two ports of one VNIC and host, nor
 	// a free port under a VNIC; should it, nothing is changed.
@@ -214,7 +219,7 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 	         kel_is_system_vport(vp->evp_name))
 		rc = kel_db_remove_system_vport(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name);
 	kel_free_vportlist(&list);
-	return rc;
+	return rc != KEL_SUCCESS ? rc : tx.commit();
 }
 
 }  // namespace

@@ -190,6 +190,10 @@ int exec(sqlite3 *db, const SqlText &sql, SqlValues values)
 
 int Transaction::begin()
 {
+	// Inside a caller's transaction this one joins it, so operations compose: the
+	// caller's commit or rollback decides for both.
+	if (sqlite3_get_autocommit(db_) == 0)
+		return KEL_SUCCESS;
 	int rc = exec(db_, "BEGIN TRANSACTION");
 	open_ = rc == KEL_SUCCESS;
 	return rc;
@@ -197,6 +201,8 @@ int Transaction::begin()
 
 int Transaction::commit()
 {
+	if (!open_)
+		return KEL_SUCCESS;	// joined a caller's transaction
 	int rc = exec(db_, "COMMIT TRANSACTION");
 	if (rc == KEL_SUCCESS)
 		open_ = false;

@@ -11,6 +11,6 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 // Marks a bound port as moving to `host`.
 int kel_db_set_vport_migration(kel_dbhandle_t h, kel_vport_t *vport, const char *host);
 // Ends a migration seen from `host`: the old host letting go hands the port to the
-// destination; the destination letting go leaves it where it was. Opens a transaction.
+// destination; the destination letting go leaves it where it was.
 int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vport, const char *host,
     const char *filter);

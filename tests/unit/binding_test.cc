@@ -222,6 +222,27 @@ TEST_F(Bindings, AFailedBindChangesNothing)
 	EXPECT_EQ(rows("vport_tbl"), 3);
 }
 
+TEST_F(Bindings, AFailedUnbindChangesNothing)
+{
+	const std::string got = bind(nullptr, "vn0", "h1");
+	ASSERT_EQ(got.rfind("sys-", 0), 0u) << got;
+	const std::string before = ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl");
+	for (int nth = 1; nth < 100; nth++) {
+		kel::fault::fail_nth_statement(nth, SQLITE_IOERR * 256 + KEL_E_SQL);
+		const int rc = kel_db_unassign_vport(h_, "vn0", "h1", nullptr);
+		const bool consumed = !kel::fault::armed();
+		kel::fault::disarm();
+		if (!consumed) {
+			EXPECT_EQ(rc, KEL_SUCCESS);
+			break;
+		}
+		SCOPED_TRACE(nth);
+		ASSERT_NE(rc, KEL_SUCCESS);
+		EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);
+	}
+	EXPECT_EQ(ports(), "p1=- p2=-");
+}
+
 // Several processes bind the same named ports and new system ports at once: each named
 // port goes to one binder only, and no system port name or address is handed out twice.
 TEST_F(Bindings, ConcurrentBindersNeverShareAPort)

@@ -183,6 +183,22 @@ TEST_F(StatementTest, TransactionRollsBackUnlessCommitted)
 	EXPECT_EQ(rows(), (Rows{"2:-:0"}));
 }
 
+TEST_F(StatementTest, AnInnerTransactionJoinsTheOuterOne)
+{
+	{
+		kel::Transaction outer(db_);
+		ASSERT_EQ(outer.begin(), KEL_SUCCESS);
+		{
+			kel::Transaction inner(db_);
+			ASSERT_EQ(inner.begin(), KEL_SUCCESS);
+			ASSERT_EQ(kel::exec(db_, "INSERT INTO t (id) VALUES (1)"), KEL_SUCCESS);
+			ASSERT_EQ(inner.commit(), KEL_SUCCESS);
+		}
+		EXPECT_EQ(sqlite3_get_autocommit(db_), 0) << "the inner commit ended the outer transaction";
+	}
+	EXPECT_EQ(rows(), Rows{}) << "the outer rollback must undo the inner work";
+}
+
 TEST_F(StatementTest, FailedCommitRollsBack)
 {
 	kel::Transaction tx(db_);
