@@ -61,6 +61,10 @@ demo() {
 	step add-ipnet -p subnet=10.2.0.0/24,defrouter=10.2.0.254,pool=10.2.0.10-10.2.0.99 db/back
 	step add-ipnet -T acme -p subnet=192.168.7.0/24 lan/office
 	step add-ipnet -p subnet=10.1.0.0/16 app/wide || true
+	step add-vport web/vm1
+	step add-vport -p ipaddr=10.1.0.1,macaddr=2:8:20:0:0:1 web/router
+	step add-vport -p maxbw=10M,cos=3 db/cache
+	step show-vport -o name,kel,status,ipaddr,macaddr
 	step show-kel
 	step show-kel -T acme -o name,l2type,id
 	step show-ipnet

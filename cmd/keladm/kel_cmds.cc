@@ -79,7 +79,7 @@ int show_kel(std::span<char *> args)
 	if (!parse_options(cmd, args, kShow, &opts))
 		return kExitUsage;
 	Output out;
-	if (!out.configure({{"name"}, {"tenant"}, {"l2type"}, {"id"}, {"status"}, {"uuid"}},
+	if (!out.configure({{"name"}, {"tenant"}, {"l2type"}, {"id"}, {"status"}, {"uuid"}, {"vports"}},
 	        opts.fields, opts.format))
 		return kExitUsage;
 	Store store;
@@ -97,8 +97,12 @@ int show_kel(std::span<char *> args)
 	for (auto *k = static_cast<kel_t *>(list_head(&list)); k; k = static_cast<kel_t *>(list_next(&list, k))) {
 		char uu[37];
 		uuid_unparse(k->kel_uuid, uu);
+		std::string vports;
+		for (auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports)); vp;
+		     vp = static_cast<kel_vport_t *>(list_next(&k->kel_ports, vp)))
+			vports += (vports.empty() ? "" : ",") + std::string(vp->evp_name);
 		out.add({k->kel_name, k->kel_tenantname, prop(k->kel_props, "l2-type"), kel_id(k->kel_props),
-		    k->kel_status == KEL_STATUS_BUSY ? "busy" : "idle", uu});
+		    k->kel_status == KEL_STATUS_BUSY ? "busy" : "idle", uu, vports});
 	}
 	kel_free_kellist(&list);
 	out.print();

@@ -18,7 +18,7 @@ const Subcommand kSubcommands[] = {
 	    create_kel},
 	{"delete-kel", "[-T tenant] NAME", "delete a kel with its vports and ipnet", delete_kel},
 	{"show-kel", "[-T tenant] [-o field,...] [-p | --json] [NAME...]",
-	    "show kels: name, tenant, l2type, id, status, uuid", show_kel},
+	    "show kels: name, tenant, l2type, id, status, uuid, vports", show_kel},
 	{"add-ipnet", "[-T tenant] -p subnet=ADDR/PREFIX[,defrouter=ADDR][,pool=RANGE] KEL/IPNET",
 	    "add the IP network of a kel", add_ipnet},
 	{"remove-ipnet", "[-T tenant] KEL/IPNET", "remove the IP network of a kel", remove_ipnet},

@@ -26,6 +26,7 @@ gw    web  free    10.1.0.1/24
 p2    web  free    10.1.0.3/24
 p3    web  free    10.1.0.4/24" \
 	show-vport -o name,kel,status,ipaddr web
+expect "show-kel lists a kel's ports" "web:p1,gw,p2,p3" show-kel -p -o name,vports web
 
 # A port bound on a host that is not there: removing it needs -f; resetting asks the host.
 sqlite3 "$root/etc/kel/kel.db" \
