@@ -6,6 +6,7 @@
 #include "keladm.h"
 
 namespace keladm {
+
 int add_ipnet(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("add-ipnet");

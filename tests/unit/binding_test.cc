@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr int kInjected = SQLITE_IOERR * 256 + KEL_E_SQL;
+
 class Bindings : public kel::test::StoreFixture {
 protected:
 	void SetUp() override
@@ -200,25 +202,21 @@ TEST_F(Bindings, AFailedBindChangesNothing)
 {
 	const std::string before = ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl");
 	// Fail each statement in turn until the bind of a new system port runs through.
-	for (int nth = 1; nth < 200; nth++) {
-		kel::fault::fail_nth_statement(nth, SQLITE_IOERR * 256 + KEL_E_SQL);
-		kel_t *k = nullptr;
-		const int rc = kel_db_assign_vport(h_, "sys-global", "web", nullptr, "vn0", "h1", nullptr, &k);
-		const bool consumed = !kel::fault::armed();
-		kel::fault::disarm();
-		kel_free_kel(k);
-		EXPECT_EQ(h_->edh_cnt, 0);
-		if (!consumed) {
-			EXPECT_EQ(rc, KEL_SUCCESS);
-			break;
-		}
-		SCOPED_TRACE(nth);
-		if (rc == KEL_SUCCESS) {	// a failed read that means "nothing there" may still bind
-			ASSERT_EQ(kel_db_unassign_vport(h_, "vn0", "h1", nullptr), KEL_SUCCESS);
-			continue;
-		}
-		EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);
-	}
+	kel::test::for_each_failing_statement(
+	    [&] {
+		    kel_t *k = nullptr;
+		    const int rc = kel_db_assign_vport(h_, "sys-global", "web", nullptr, "vn0", "h1", nullptr, &k);
+		    kel_free_kel(k);
+		    EXPECT_EQ(h_->edh_cnt, 0);
+		    return rc;
+	    },
+	    [&](int, int rc) {
+		    if (rc == KEL_SUCCESS)	// a failed read that means "nothing there" may still bind
+			    ASSERT_EQ(kel_db_unassign_vport(h_, "vn0", "h1", nullptr), KEL_SUCCESS);
+		    else
+			    EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);
+	    },
+	    kInjected);
 	EXPECT_EQ(rows("vport_tbl"), 3);
 }
 
@@ -227,19 +225,12 @@ TEST_F(Bindings, AFailedUnbindChangesNothing)
 	const std::string got = bind(nullptr, "vn0", "h1");
 	ASSERT_EQ(got.rfind("sys-", 0), 0u) << got;
 	const std::string before = ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl");
-	for (int nth = 1; nth < 100; nth++) {
-		kel::fault::fail_nth_statement(nth, SQLITE_IOERR * 256 + KEL_E_SQL);
-		const int rc = kel_db_unassign_vport(h_, "vn0", "h1", nullptr);
-		const bool consumed = !kel::fault::armed();
-		kel::fault::disarm();
-		if (!consumed) {
-			EXPECT_EQ(rc, KEL_SUCCESS);
-			break;
-		}
-		SCOPED_TRACE(nth);
-		ASSERT_NE(rc, KEL_SUCCESS);
-		EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);
-	}
+	kel::test::for_each_failing_statement([&] { return kel_db_unassign_vport(h_, "vn0", "h1", nullptr); },
+	    [&](int, int rc) {
+		    ASSERT_NE(rc, KEL_SUCCESS);
+		    EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);
+	    },
+	    kInjected);
 	EXPECT_EQ(ports(), "p1=- p2=-");
 }
 

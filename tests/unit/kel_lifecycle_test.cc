@@ -110,32 +110,28 @@ TEST_F(KelLifecycle, EveryFailedCreationLeavesNothingBehind)
 	// Fail the Nth statement of a creation, for every N a creation runs: each failure
 	// must leave no row and the ID pool as it was. (A failing name check reads as "no
 	// such switch", so that one creation succeeds; it is undone before going on.)
-	int failures = 0, nth = 1;
-	for (;; nth++) {
-		SCOPED_TRACE(nth);
-		kel::fault::fail_nth_statement(nth, SQLITE_IOERR * 256 + KEL_E_SQL);
-		kel_t *k = nullptr;
-		const int rc = kel_db_create_kel(h_, nullptr, "a", "maxbw=10M", 0, &k);
-		const bool consumed = !kel::fault::armed();
-		kel::fault::disarm();
-		kel_free_kel(k);
-		if (!consumed) {
-			// The creation ran fewer statements: every one has been failed, and this
-			// run, untouched, succeeded.
-			EXPECT_EQ(rc, KEL_SUCCESS);
-			break;
-		}
-		if (rc == KEL_SUCCESS) {
-			ASSERT_EQ(kel_db_delete_kel(h_, nullptr, "a", 0), KEL_SUCCESS);
-		} else {
-			failures++;
-			EXPECT_EQ(rc, SQLITE_IOERR * 256 + KEL_E_SQL);
-			EXPECT_EQ(k, nullptr);
-		}
-		EXPECT_EQ(rows("kel_tbl"), 0);
-		EXPECT_EQ(ctrl("vlan-range-avail"), "10-12");
-		ASSERT_LT(nth, 100);
-	}
+	int failures = 0;
+	bool returned_record = false;
+	kel::test::for_each_failing_statement(
+	    [&] {
+		    kel_t *k = nullptr;
+		    const int rc = kel_db_create_kel(h_, nullptr, "a", "maxbw=10M", 0, &k);
+		    returned_record = k != nullptr;
+		    kel_free_kel(k);
+		    return rc;
+	    },
+	    [&](int, int rc) {
+		    if (rc == KEL_SUCCESS) {
+			    ASSERT_EQ(kel_db_delete_kel(h_, nullptr, "a", 0), KEL_SUCCESS);
+		    } else {
+			    failures++;
+			    EXPECT_EQ(rc, SQLITE_IOERR * 256 + KEL_E_SQL);
+			    EXPECT_FALSE(returned_record);
+		    }
+		    EXPECT_EQ(rows("kel_tbl"), 0);
+		    EXPECT_EQ(ctrl("vlan-range-avail"), "10-12");
+	    },
+	    SQLITE_IOERR * 256 + KEL_E_SQL, 100);
 	EXPECT_GT(failures, 5);
 	EXPECT_EQ(rows("kel_tbl"), 1);
 	EXPECT_EQ(ctrl("vlan-range-avail"), "11-12");

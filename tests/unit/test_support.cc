@@ -1,5 +1,8 @@
 #include "test_support.h"
 
+#include "fault.h"
+#include "libkel.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -25,6 +28,25 @@ void ScratchRoot::TearDown()
 {
 	unsetenv("KEL_ROOT");
 	std::filesystem::remove_all(root_);
+}
+
+int for_each_failing_statement(const std::function<int()> &op,
+    const std::function<void(int nth, int rc)> &after, int code, int limit)
+{
+	for (int nth = 1; nth <= limit; nth++) {
+		kel::fault::fail_nth_statement(nth, code);
+		const int rc = op();
+		const bool reached = !kel::fault::armed();
+		kel::fault::disarm();
+		if (!reached) {
+			EXPECT_EQ(rc, KEL_SUCCESS) << "the run without a failure";
+			return nth - 1;
+		}
+		SCOPED_TRACE(nth);
+		after(nth, rc);
+	}
+	ADD_FAILURE() << "still failing after " << limit << " statements";
+	return limit;
 }
 
 int wait_exit(pid_t pid)

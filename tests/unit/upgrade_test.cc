@@ -154,24 +154,15 @@ TEST_F(Upgrade, AFailedUpgradeRollsBack)
 {
 	make_store(kVersion1);
 	// Fail each statement of the upgrade in turn; the store must stay at version 1.
-	int nth = 1;
-	for (;; nth++) {
-		kel::fault::fail_nth_statement(nth, SQLITE_IOERR * 256 + KEL_E_SQL);
-		const int rc = kel_db_upgrade();
-		const bool consumed = !kel::fault::armed();
-		kel::fault::disarm();
-		if (!consumed) {
-			EXPECT_EQ(rc, KEL_SUCCESS);
-			break;
-		}
-		SCOPED_TRACE(nth);
-		EXPECT_NE(rc, KEL_SUCCESS);
-		EXPECT_EQ(value("SELECT misc_value FROM misc_tbl"), "1");
-		EXPECT_EQ(value("SELECT count(*) FROM pragma_table_info('ctrl_tbl')"), "4");
-		EXPECT_EQ(value("SELECT ipnet_props FROM ipnet_tbl"), "defrouter=192.168.0.1,subnet=192.168.0.0/24");
-		ASSERT_LT(nth, 100);
-	}
-	EXPECT_GT(nth, 10);
+	const int statements = kel::test::for_each_failing_statement(kel_db_upgrade,
+	    [&](int, int rc) {
+		    EXPECT_NE(rc, KEL_SUCCESS);
+		    EXPECT_EQ(value("SELECT misc_value FROM misc_tbl"), "1");
+		    EXPECT_EQ(value("SELECT count(*) FROM pragma_table_info('ctrl_tbl')"), "4");
+		    EXPECT_EQ(value("SELECT ipnet_props FROM ipnet_tbl"), "defrouter=192.168.0.1,subnet=192.168.0.0/24");
+	    },
+	    SQLITE_IOERR * 256 + KEL_E_SQL, 100);
+	EXPECT_GE(statements, 10);
 	EXPECT_EQ(value("SELECT misc_value FROM misc_tbl"), "3");
 }
 

@@ -77,26 +77,18 @@ TEST_F(Vports, AddressesAndMacs)
 
 TEST_F(Vports, AFailedAddGivesTheAddressBack)
 {
-	// Fail each statement after the draw until the add runs through.
-	for (int nth = 1; nth < 60; nth++) {
-		kel::fault::fail_nth_statement(nth, SQLITE_IOERR * 256 + KEL_E_SQL);
-		kel_vport_t *vp = nullptr;
-		const int rc = kel_db_add_vport(h_, "sys-global", "web", "p1", nullptr, nullptr, 0);
-		const bool consumed = !kel::fault::armed();
-		kel::fault::disarm();
-		kel_free_vport(vp);
-		if (!consumed) {
-			EXPECT_EQ(rc, KEL_SUCCESS);
-			break;
-		}
-		SCOPED_TRACE(nth);
-		if (rc == KEL_SUCCESS) {	// a failed existence check reads as "absent"
-			ASSERT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_SUCCESS);
-			continue;
-		}
-		EXPECT_EQ(rows("vport_tbl"), 0);
-		EXPECT_EQ(pools(), "10.0.0.2-10.0.0.254|10.0.0.2-10.0.0.254");
-	}
+	// Fail each statement in turn until the add runs through.
+	kel::test::for_each_failing_statement(
+	    [&] { return kel_db_add_vport(h_, "sys-global", "web", "p1", nullptr, nullptr, 0); },
+	    [&](int, int rc) {
+		    if (rc == KEL_SUCCESS) {	// a failed existence check reads as "absent"
+			    ASSERT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_SUCCESS);
+			    return;
+		    }
+		    EXPECT_EQ(rows("vport_tbl"), 0);
+		    EXPECT_EQ(pools(), "10.0.0.2-10.0.0.254|10.0.0.2-10.0.0.254");
+	    },
+	    SQLITE_IOERR * 256 + KEL_E_SQL);
 	EXPECT_EQ(pools(), "10.0.0.3-10.0.0.254|10.0.0.3-10.0.0.254");
 }
 
