@@ -220,15 +220,6 @@ int kel_macaddr_random(uint8_t *mac, size_t len)
 	return got == len ? 0 : -1;
 }
 
-boolean_t kel_db_macaddr_exists(kel_dbhandle_t h, const char *mac)
-{
-	if (mac == nullptr)
-		return B_FALSE;
-	const std::string pattern = std::string("%") + mac + "%";
-	return kel_db_value_exists(h, nullptr, "LIKE", "vport_tbl", 1, "vport_props",
-	    DATA_TYPE_STRING, pattern.c_str());
-}
-
 int kel_check_ipnet_overlap(kel_dbhandle_t h, const kel_ipnet_t *ipnet)
 {
 	list_t list;

@@ -10,6 +10,7 @@
 #include "c_boundary.h"
 #include "error_code.h"
 #include "libkel.h"
+#include "mac_index.h"
 #include "paths.h"
 #include "sql.h"
 #include "store_handle.h"
@@ -84,7 +85,8 @@ const char *const kel_sqlstmts[] = {
 };
 
 // Without these, finding one switch or port by name, or a switch's ports and networks,
-// scans whole tables: the cost of an operation on one object would grow with the store.
+// or whether a MAC address is taken, scans whole tables: the cost of an operation on one
+// object would grow with the store.
 const char *const kel_indexstmts[] = {
 	"CREATE INDEX kel_name_idx ON kel_tbl (kel_name)",
 	"CREATE INDEX vport_keluuid_idx ON vport_tbl (vport_keluuid)",
@@ -92,6 +94,8 @@ const char *const kel_indexstmts[] = {
 	"CREATE INDEX vport_vnicname_idx ON vport_tbl (vport_vnicname)",
 	"CREATE INDEX ipnet_keluuid_idx ON ipnet_tbl (ipnet_keluuid)",
 	"CREATE INDEX ipnet_name_idx ON ipnet_tbl (ipnet_name)",
+	kMacKeyIndex,
+	kMacUnkeyedIndex,
 	nullptr,
 };
 

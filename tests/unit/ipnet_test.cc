@@ -202,16 +202,6 @@ TEST_F(Ipnets, MacAddresses)
 		char text[18];
 		EXPECT_EQ(std::string(_link_ntoa(mac, text, 6, 1)).rfind("2:8:20:", 0), 0u);
 	}
-	const std::string keluuid =
-	    value("SELECT kel_uuid FROM kel_tbl WHERE kel_name = 'k2'");
-	sql("INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
-	    "vport_hostname) VALUES ('" + uuid(8) + "', '" + keluuid +
-	    "', 'p', 'macaddr=2:8:20:a:b:cd,ipaddr=10.0.0.9', '')");
-	EXPECT_TRUE(kel_db_macaddr_exists(h_, "2:8:20:a:b:cd"));
-	EXPECT_TRUE(kel_db_macaddr_exists(h_, "2:8:20:a:b:c"));	// a substring counts as taken
-	EXPECT_TRUE(kel_db_macaddr_exists(h_, "2:8:20:A:B:CD"));
-	EXPECT_FALSE(kel_db_macaddr_exists(h_, "2:8:20:a:b:ce"));
-	EXPECT_FALSE(kel_db_macaddr_exists(h_, nullptr));
 }
 
 }  // namespace
