@@ -1,4 +1,8 @@
-// The store lock: a depth count per handle over one POSIX record lock per process.
+// The store lock: a depth count per handle over a record lock on the handle's own open
+// of the lock file. The record lock is an open-file-description lock, not a classic
+// per-process one: a daemon serves clients on threads, each with its own handle, and
+// classic locks would let those threads all "hold" the lock at once (they belong to the
+// process), and closing any handle would drop the lock another thread still holds.
 //
 // The handle's mutex is held while the depth moves between 0 and 1, across the
 // record-lock call itself. So a second thread sharing the handle cannot see depth 1 (and
@@ -50,7 +54,7 @@ int kel_lock(kel_dbhandle_t edh)
 	int err = 0;
 	// An interrupted wait is tried again, three attempts in all.
 	for (int attempt = 0; attempt < 3; attempt++) {
-		if (fcntl(edh->edh_fd, F_SETLKW, &fl) == 0)
+		if (fcntl(edh->edh_fd, F_OFD_SETLKW, &fl) == 0)
 			return KEL_SUCCESS;
 		err = errno;
 		if (err != EINTR)
@@ -68,5 +72,5 @@ void kel_unlock(kel_dbhandle_t edh)
 	if (--edh->edh_cnt > 0)
 		return;
 	struct flock fl = whole_file(F_UNLCK);
-	(void)fcntl(edh->edh_fd, F_SETLK, &fl);
+	(void)fcntl(edh->edh_fd, F_OFD_SETLK, &fl);
 }

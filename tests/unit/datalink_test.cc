@@ -264,21 +264,9 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 {
 	// keld serves the datalinks of the namespace it runs in.
-	const pid_t keld = fork();
-	if (keld == 0) {
-		const int fd = open(("/run/netns/" + a_.name()).c_str(), O_RDONLY);
-		if (fd == -1 || setns(fd, CLONE_NEWNET) != 0)
-			_exit(99);
-		execl(KELD_PATH, "keld", static_cast<char *>(nullptr));
-		_exit(98);
-	}
-	const std::string sock = root_ + "/run/kel/keld.sock";
-	for (int i = 0; i < 200 && access(sock.c_str(), F_OK) != 0; i++)
-		usleep(10000);
-	const std::string text = "unix://localhost" + sock;
-	nuq_uri_t *uri = nuq_alloc_uri(text.c_str(), NUQS_UNIX);
-	nuq_conn_t *conn = nuq_connect_uri(uri, nullptr);
-	nuq_free_uri(uri);
+	kel::test::Keld keld(a_.name());
+	ASSERT_GT(keld.pid(), 0);
+	nuq_conn_t *conn = kel::test::connect_keld();
 	ASSERT_NE(conn, nullptr);
 
 	nuq_instance_t *link = nullptr;
@@ -306,8 +294,7 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	nuq_instance_rele(link);
 	nuq_disconnect(conn);
 
-	kill(keld, SIGTERM);
-	EXPECT_EQ(kel::test::wait_exit(keld), 0);
+	EXPECT_EQ(keld.stop(), 0);
 }
 
 TEST_F(Datalinks, ClassOfServiceOnVlanLinks)

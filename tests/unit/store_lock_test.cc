@@ -158,6 +158,31 @@ TEST_F(StoreLockTest, ReadOnlyHandleTakesASharedLock)
 	kel_db_close(h);
 }
 
+// Threads of one process (a daemon serving clients) each with its own handle exclude
+// each other, and closing one handle leaves another's lock alone.
+TEST_F(StoreLockTest, HandlesOfOneProcessExcludeEachOther)
+{
+	kel_dbhandle_t a = open(SQLITE_OPEN_READWRITE);
+	ASSERT_EQ(kel_lock(a), KEL_SUCCESS);
+	kel_db_close(open(SQLITE_OPEN_READONLY));
+	EXPECT_FALSE(other_process_can_lock(lock_path(), F_RDLCK));
+
+	std::atomic<bool> in{false};
+	std::thread other([&] {
+		kel_dbhandle_t b = open(SQLITE_OPEN_READONLY);
+		EXPECT_EQ(kel_lock(b), KEL_SUCCESS);
+		in = true;
+		kel_unlock(b);
+		kel_db_close(b);
+	});
+	ASSERT_TRUE(eventually([&] { return blocked_on_lock(getpid()); }));
+	EXPECT_FALSE(in);
+	kel_unlock(a);
+	other.join();
+	EXPECT_TRUE(in);
+	kel_db_close(a);
+}
+
 TEST_F(StoreLockTest, ASecondThreadWaitsUntilTheFileLockIsHeld)
 {
 	Holder other = Holder::start(SQLITE_OPEN_READWRITE);

@@ -2,9 +2,14 @@
 
 #include "fault.h"
 #include "libkel.h"
+#include "nuq_uri.h"
+#include "paths.h"
 
 #include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,18 +75,65 @@ bool other_process_can_lock(const std::string &file, short type)
 
 bool blocked_on_lock(pid_t pid)
 {
-	// A waiting request shows as "N: -> POSIX ADVISORY WRITE <pid> ...".
-	std::ifstream locks("/proc/locks");
-	std::string line;
-	while (std::getline(locks, line)) {
-		std::istringstream in(line);
-		std::string id, arrow, kind, advisory, type;
-		pid_t owner = 0;
-		if (in >> id >> arrow >> kind >> advisory >> type >> owner && arrow == "->" &&
-		    owner == pid)
+	// The store's locks belong to open files, not processes, so /proc/locks does not
+	// name the waiter; a thread of `pid` sitting in fcntl(fd, F_OFD_SETLKW, ...) does.
+	std::error_code ec;
+	for (const auto &task : std::filesystem::directory_iterator(
+	         "/proc/" + std::to_string(pid) + "/task", ec)) {
+		std::ifstream in(task.path() / "syscall");
+		long nr = -1;
+		std::string fd, cmd;
+		if (in >> nr >> fd >> cmd && nr == SYS_fcntl && std::stol(cmd, nullptr, 16) == F_OFD_SETLKW)
 			return true;
 	}
 	return false;
+}
+
+namespace {
+
+std::string keld_socket()
+{
+	return kel::paths::under_root("/run/kel/keld.sock");
+}
+
+}  // namespace
+
+Keld::Keld(const std::string &netns)
+{
+	const std::string sock = keld_socket();
+	pid_ = fork();
+	if (pid_ == 0) {
+		if (!netns.empty()) {
+			const int fd = open(("/run/netns/" + netns).c_str(), O_RDONLY);
+			if (fd == -1 || setns(fd, CLONE_NEWNET) != 0)
+				_exit(99);
+		}
+		execl(KELD_PATH, "keld", static_cast<char *>(nullptr));
+		_exit(98);
+	}
+	for (int i = 0; i < 500 && access(sock.c_str(), F_OK) != 0; i++)
+		usleep(10000);
+	if (access(sock.c_str(), F_OK) != 0)
+		stop();
+}
+
+int Keld::stop()
+{
+	if (pid_ <= 0)
+		return -1;
+	kill(pid_, SIGTERM);
+	const int status = wait_exit(pid_);
+	pid_ = -1;
+	return status;
+}
+
+nuq_conn_t *connect_keld()
+{
+	const std::string text = "unix://localhost" + keld_socket();
+	nuq_uri_t *uri = nuq_alloc_uri(text.c_str(), NUQS_UNIX);
+	nuq_conn_t *conn = uri != nullptr ? nuq_connect_uri(uri, nullptr) : nullptr;
+	nuq_free_uri(uri);
+	return conn;
 }
 
 }  // namespace kel::test

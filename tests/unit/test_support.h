@@ -8,6 +8,8 @@
 #include <functional>
 #include <string>
 
+#include "client.h"
+
 namespace kel::test {
 
 // Points KEL_ROOT at a fresh scratch tree (with etc/kel made) for one test, and removes
@@ -44,6 +46,26 @@ int in_child(Body &&body)
 		_exit(body());
 	return wait_exit(pid);
 }
+
+// A keld under the current KEL_ROOT (inside network namespace `netns` when given),
+// listening once constructed (pid() is -1 if it never did); stopped when it goes.
+class Keld {
+public:
+	explicit Keld(const std::string &netns = "");
+	~Keld() { stop(); }
+	Keld(const Keld &) = delete;
+	Keld &operator=(const Keld &) = delete;
+
+	pid_t pid() const { return pid_; }
+	// Stops it (SIGTERM): its exit status, or -1 when it was not running.
+	int stop();
+
+private:
+	pid_t pid_ = -1;
+};
+
+// A connection to the keld of the current KEL_ROOT, or NULL.
+nuq_conn_t *connect_keld();
 
 // Whether another process could take a record lock of `type` on `file` right now.
 bool other_process_can_lock(const std::string &file, short type);
