@@ -28,15 +28,11 @@ extern "C" {
 
 int harl_Datalink__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst, int nkeys, ...)
 {
-	// Datalinks have one key: the name.
-	if (nkeys != 1)
-		return nuq_lookup(conn, kInterface, strict, inst, 0);
 	va_list ap;
 	va_start(ap, nkeys);
-	const char *key = va_arg(ap, const char *);
-	const char *value = va_arg(ap, const char *);
+	const int rc = nuq::lookup_v(conn, kInterface, strict, inst, nkeys, ap);
 	va_end(ap);
-	return nuq_lookup(conn, kInterface, strict, inst, 1, key, value);
+	return rc;
 }
 
 int harl_Datalink_getStat(nuq_instance_t *inst, void *, harl_StatValue **value,

@@ -187,6 +187,39 @@ int call(nuq_instance_t *inst, const char *method, const json &args, json *resul
 	}
 }
 
+int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
+    int nkeys, va_list ap)
+{
+	if (out == nullptr)
+		return NUQ_E_BADARGS;
+	*out = nullptr;
+	if (conn == nullptr || interface == nullptr)
+		return NUQ_E_BADARGS;
+	try {
+		json keys = json::object();
+		for (int i = 0; i < nkeys; i++) {
+			const char *name = va_arg(ap, const char *);
+			const char *value = va_arg(ap, const char *);
+			if (name == nullptr)
+				return NUQ_E_BADARGS;
+			if (value != nullptr)	// a key without a value is left to the server's default
+				keys[name] = value;
+		}
+		std::lock_guard<std::mutex> hold(conn->mutex);
+		json result;
+		const int rc = exchange(conn, "lookup",
+		    {{"interface", interface}, {"keys", keys}, {"strict", strict != 0}}, &result, nullptr);
+		if (rc != NUQ_E_SUCCESS)
+			return rc;
+		if (!result.is_object() || !result["keys"].is_object())
+			return NUQ_E_PROTOCOL;
+		*out = new nuq_instance_t{conn, interface, result["keys"]};
+		return NUQ_E_SUCCESS;
+	} catch (const std::bad_alloc &) {
+		return NUQ_E_NOMEM;
+	}
+}
+
 const json &keys(const nuq_instance_t *inst)
 {
 	return inst->keys;
@@ -262,34 +295,11 @@ void nuq_disconnect(nuq_conn_t *conn)
 int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
     int nkeys, ...)
 {
-	if (out == nullptr)
-		return NUQ_E_BADARGS;
-	*out = nullptr;
-	if (conn == nullptr || interface == nullptr)
-		return NUQ_E_BADARGS;
-	try {
-		json keys = json::object();
-		va_list ap;
-		va_start(ap, nkeys);
-		for (int i = 0; i < nkeys; i++) {
-			const char *name = va_arg(ap, const char *);
-			const char *value = va_arg(ap, const char *);
-			keys[name] = value;
-		}
-		va_end(ap);
-		std::lock_guard<std::mutex> hold(conn->mutex);
-		json result;
-		const int rc = exchange(conn, "lookup",
-		    {{"interface", interface}, {"keys", keys}, {"strict", strict != 0}}, &result, nullptr);
-		if (rc != NUQ_E_SUCCESS)
-			return rc;
-		if (!result.is_object() || !result["keys"].is_object())
-			return NUQ_E_PROTOCOL;
-		*out = new nuq_instance_t{conn, interface, result["keys"]};
-		return NUQ_E_SUCCESS;
-	} catch (const std::bad_alloc &) {
-		return NUQ_E_NOMEM;
-	}
+	va_list ap;
+	va_start(ap, nkeys);
+	const int rc = nuq::lookup_v(conn, interface, strict, out, nkeys, ap);
+	va_end(ap);
+	return rc;
 }
 
 void nuq_instance_rele(nuq_instance_t *inst)

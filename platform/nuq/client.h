@@ -1,6 +1,8 @@
 // The client side of remote administration: connections, object lookups and calls.
 #pragma once
 
+#include <cstdarg>
+
 #include <nlohmann/json.hpp>
 
 #include "nuq_uri.h"
@@ -32,6 +34,11 @@ namespace nuq {
 // call time-out (30 s; KEL_NUQ_TIMEOUT_MS overrides it).
 int call(nuq_instance_t *inst, const char *method, const nlohmann::json &args,
     nlohmann::json *result, nlohmann::json *error);
+
+// nuq_lookup for callers that take their own key pairs as `...`; a pair whose value is
+// NULL is not sent.
+int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
+    int nkeys, va_list ap);
 
 // The keys an instance was found with.
 const nlohmann::json &keys(const nuq_instance_t *inst);
