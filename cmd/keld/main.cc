@@ -19,6 +19,7 @@
 
 #include "daemon_module.h"
 #include "harl.h"
+#include "kelcntl.h"
 #include "paths.h"
 #include "server.h"
 
@@ -114,6 +115,9 @@ int serve()
 	nuq::Dispatcher dispatcher;
 	dispatcher.add(keld::daemon_interface(state));
 	dispatcher.add(harl::datalink_interface());
+	// Served everywhere; their objects exist only where the store does (the controller).
+	dispatcher.add(kelcntl::kel_interface());
+	dispatcher.add(kelcntl::controller_interface());
 	nuq::Server server(dispatcher);
 	if (!server.listen(socket_path())) {
 		std::fprintf(stderr, "keld: cannot listen on %s: %s\n", socket_path().c_str(),

@@ -4,10 +4,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <functional>
+#include <memory>
 #include <set>
 #include <string>
 
 #include "fault.h"
+#include "kelcntl.h"
+#include "nuq_errors.h"
 #include "libkel.h"
 #include "store_fixture.h"
 
@@ -62,6 +66,44 @@ protected:
 		kel_free_kel(k);
 		return out;
 	}
+
+	// Binds a port of "web" (NULL: a new system port) to a VNIC on "h1"; the library's code.
+	using Binder = std::function<int(const char *vport, const char *vnic)>;
+
+	// For a forked worker: its own store handle, kept until the process exits.
+	static Binder local_binder()
+	{
+		kel_dbhandle_t h = nullptr;
+		if (kel_db_open(&h, SQLITE_OPEN_READWRITE) != KEL_SUCCESS)
+			return nullptr;
+		return [h](const char *vport, const char *vnic) {
+			kel_t *k = nullptr;
+			const int rc = kel_db_assign_vport(h, "sys-global", "web", vport, vnic, "h1", nullptr, &k);
+			kel_free_kel(k);
+			return rc;
+		};
+	}
+
+	// For a forked worker: a node's connection to the controller's keld; a transport
+	// failure reads as -1.
+	static Binder remote_binder()
+	{
+		nuq_conn_t *conn = kel::test::connect_keld();
+		nuq_instance_t *inst = nullptr;
+		if (conn == nullptr || kelcntl_KEL__nuq_lookup(conn, 0, &inst, 1, "name", "web") != 0)
+			return nullptr;
+		return [inst](const char *vport, const char *vnic) {
+			kelcntl_KELImplInfo *info = nullptr;
+			kelcntl_KELError *err = nullptr;
+			const int rc = kelcntl_KEL_assignVPort(inst, vnic, "h1", vport, nullptr, &info, &err);
+			const int code = rc == 0 ? KEL_SUCCESS : rc == NUQ_E_OBJECT ? err->ekele_err : -1;
+			kelcntl_KELImplInfo_free(info);
+			kelcntl_KELError_free(err);
+			return code;
+		};
+	}
+
+	void expect_no_port_bound_twice(bool over_keld);
 
 	// Where each port is bound, and which is migrating: "p1=h1:vn0 p2=- ...".
 	std::string ports()
@@ -236,29 +278,32 @@ TEST_F(Bindings, AFailedUnbindChangesNothing)
 
 // Several processes bind the same named ports and new system ports at once: each named
 // port goes to one binder only, and no system port name or address is handed out twice.
-TEST_F(Bindings, ConcurrentBindersNeverShareAPort)
+// Several processes bind the same ports at once, straight through the library or as
+// nodes do, over the transport to a keld holding the store.
+void Bindings::expect_no_port_bound_twice(bool over_keld)
 {
 	constexpr int kWorkers = 4, kSystemPorts = 5;
 	ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", "p3", nullptr, nullptr, 0), KEL_SUCCESS);
+	std::unique_ptr<kel::test::Keld> keld;
+	if (over_keld) {
+		keld = std::make_unique<kel::test::Keld>();
+		ASSERT_GT(keld->pid(), 0);
+	}
 	// Exit status: bit n set when the worker won port p<n+1>; 64 on an unexpected answer.
-	auto worker = [](int id) {
-		kel_dbhandle_t h = nullptr;
-		if (kel_db_open(&h, SQLITE_OPEN_READWRITE) != KEL_SUCCESS)
+	auto worker = [&](int id) {
+		Binder bind = over_keld ? remote_binder() : local_binder();
+		if (!bind)
 			return 64;
 		int won = 0;
 		for (int n = 0; n < 3 + kSystemPorts && won < 64; n++) {
 			const std::string vport = "p" + std::to_string(n + 1);
 			const std::string vnic = "w" + std::to_string(id) + "n" + std::to_string(n);
-			kel_t *k = nullptr;
-			const int rc = kel_db_assign_vport(h, "sys-global", "web", n < 3 ? vport.c_str() : nullptr,
-			    vnic.c_str(), "h1", nullptr, &k);
-			kel_free_kel(k);
+			const int rc = bind(n < 3 ? vport.c_str() : nullptr, vnic.c_str());
 			if (rc == KEL_SUCCESS && n < 3)
 				won |= 1 << n;
 			else if (rc != KEL_SUCCESS && (n >= 3 || rc != KEL_E_VPORT_INUSE))
 				won = 64;
 		}
-		kel_db_close(h);
 		return won;
 	};
 	pid_t pids[kWorkers];
@@ -291,6 +336,19 @@ TEST_F(Bindings, ConcurrentBindersNeverShareAPort)
 	EXPECT_EQ(rows("vport_tbl"), bound);
 	EXPECT_EQ(static_cast<int>(names.size()), bound);
 	EXPECT_EQ(static_cast<int>(addresses.size()), bound);
+	if (keld) {
+		EXPECT_EQ(keld->stop(), 0);
+	}
+}
+
+TEST_F(Bindings, ConcurrentBindersNeverShareAPort)
+{
+	expect_no_port_bound_twice(false);
+}
+
+TEST_F(Bindings, ConcurrentNodesNeverShareAPort)
+{
+	expect_no_port_bound_twice(true);
 }
 
 }  // namespace

@@ -1,0 +1,204 @@
+// keld's controller module: "kelcntl.KEL" and "kelcntl.KELController" over the library's
+// store operations. Every call opens the store for itself (a connection per call keeps
+// concurrent clients apart; the store lock orders their writes), and a store failure
+// travels back as the error record carrying the library's code unchanged.
+#include <uuid/uuid.h>
+
+#include <string>
+
+#include "kelcntl.h"
+#include "libkel.h"
+#include "nuq_errors.h"
+
+namespace kelcntl {
+namespace {
+
+using nuq::Json;
+
+constexpr const char *kDefaultTenant = "sys-global";
+
+class Store {
+public:
+	explicit Store(int mode) : rc_(kel_db_open(&h_, mode)) {}
+	~Store()
+	{
+		if (rc_ == KEL_SUCCESS)
+			kel_db_close(h_);
+	}
+	Store(const Store &) = delete;
+	Store &operator=(const Store &) = delete;
+
+	int status() const { return rc_; }
+	kel_dbhandle_t get() const { return h_; }
+
+private:
+	kel_dbhandle_t h_ = nullptr;
+	int rc_;
+};
+
+nuq::Reply kel_error(int rc)
+{
+	char msg[256];
+	return nuq::Reply{NUQ_E_OBJECT, {{"ekele_err", rc}, {"ekele_errmsg", kel_errmsg(rc, msg, sizeof(msg))}}};
+}
+
+std::string uuid_text(const uuid_t u)
+{
+	char text[37];
+	uuid_unparse_lower(u, text);
+	return text;
+}
+
+// A text argument that may be null or absent.
+const char *optional(const Json &args, const char *name, std::string *keep)
+{
+	if (!args.contains(name) || args[name].is_null())
+		return nullptr;
+	*keep = args[name].get<std::string>();
+	return keep->c_str();
+}
+
+Json props(attrset_t *set)
+{
+	Json out = Json::array();
+	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr;
+	     e = attrset_next_entry(set, e)) {
+		std::string value;
+		char *s = nullptr;
+		int32_t n = 0;
+		if (attrset_entry_value_string(e, &s) == 0)
+			value = s;
+		else if (attrset_entry_value_int32(e, &n) == 0)
+			value = std::to_string(n);
+		out.push_back({{"epnv_name", attrset_entry_name(e)}, {"epnv_value", value}});
+	}
+	return out;
+}
+
+Json vport_json(kel_vport_t *v)
+{
+	return {{"evpi_name", v->evp_name}, {"evpi_uuid", uuid_text(v->evp_uuid)},
+	    {"evpi_kelname", v->evp_kelname}, {"evpi_keluuid", uuid_text(v->evp_keluuid)},
+	    {"evpi_tenantname", v->evp_tenantname},
+	    {"evpi_status", v->evp_status == VPORT_STATUS_USED ? EVPS_USED : EVPS_FREE},
+	    {"evpi_vnicname", v->evp_vnicname}, {"evpi_props", props(v->evp_props)},
+	    {"evpi_hostname", v->evp_hostname}};
+}
+
+Json ipnet_json(kel_ipnet_t *n)
+{
+	return {{"eipi_name", n->ei_name}, {"eipi_uuid", uuid_text(n->ei_uuid)},
+	    {"eipi_kelname", n->ei_kelname}, {"eipi_keluuid", uuid_text(n->ei_keluuid)},
+	    {"eipi_tenantname", n->ei_tenantname}, {"eipi_props", props(n->ei_props)},
+	    {"eipi_start", n->ei_sastr}, {"eipi_end", n->ei_eastr},
+	    {"eipi_range", n->ei_availrange != nullptr ? n->ei_availrange : ""},
+	    {"eipi_ipvers", n->ei_af == AF_INET6 ? EIPV_IPV6 : EIPV_IPV4}};
+}
+
+template <class T, class ToJson>
+Json list_json(list_t *list, ToJson &&to_json)
+{
+	Json out = Json::array();
+	for (auto *item = static_cast<T *>(list_head(list)); item != nullptr;
+	     item = static_cast<T *>(list_next(list, item)))
+		out.push_back(to_json(item));
+	return out;
+}
+
+Json implinfo_json(kel_t *k)
+{
+	const Json kel = {{"ekeli_name", k->kel_name}, {"ekeli_uuid", uuid_text(k->kel_uuid)},
+	    {"ekeli_tenantname", k->kel_tenantname}, {"ekeli_props", props(k->kel_props)},
+	    {"ekeli_status", k->kel_status == KEL_STATUS_BUSY ? EKELS_BUSY : EKELS_IDLE},
+	    {"ekeli_vports", list_json<kel_vport_t>(&k->kel_ports, vport_json)},
+	    {"ekeli_ipnets", list_json<kel_ipnet_t>(&k->kel_ipnets, ipnet_json)}};
+	return {{"ekelii_kelinfo", kel}, {"ekelii_uplink_port", k->kel_uport},
+	    {"ekelii_vxlan_localaddr", k->kel_localaddr}, {"ekelii_vxlan_mgroup", k->kel_mgroup},
+	    {"ekelii_vxlan_ipvers", k->kel_ipvers}};
+}
+
+}  // namespace
+
+nuq::Interface kel_interface()
+{
+	nuq::Interface iface;
+	iface.name = "kelcntl.KEL";
+	iface.lookup = [](const Json &keys, bool strict, Json *found) {
+		if (!keys.contains("name") || !keys["name"].is_string() ||
+		    (strict && !keys.contains("tenant")))
+			return false;
+		const std::string name = keys["name"];
+		const std::string tenant = keys.value("tenant", kDefaultTenant);
+		Store store(KEL_DB_READONLY);
+		if (store.status() != KEL_SUCCESS ||
+		    !kel_db_kel_exists(store.get(), tenant.c_str(), name.c_str()))
+			return false;
+		*found = {{"name", name}, {"tenant", tenant}};
+		return true;
+	};
+	iface.methods["assignVPort"] = [](const Json &keys, const Json &args) {
+		const std::string vnic = args.at("vnicname"), host = args.at("hostname");
+		std::string vport_keep, extra_keep;
+		const char *vport = optional(args, "vportname", &vport_keep);
+		const char *extra = optional(args, "extra", &extra_keep);
+		const std::string tenant = keys.at("tenant"), name = keys.at("name");
+		Store store(KEL_DB_READWRITE);
+		if (store.status() != KEL_SUCCESS)
+			return kel_error(store.status());
+		kel_t *kel = nullptr;
+		const int rc = kel_db_assign_vport(store.get(), tenant.c_str(), name.c_str(), vport,
+		    vnic.c_str(), host.c_str(), extra, &kel);
+		if (rc != KEL_SUCCESS)
+			return kel_error(rc);
+		nuq::Reply reply{NUQ_E_SUCCESS, implinfo_json(kel)};
+		kel_free_kel(kel);
+		return reply;
+	};
+	// The port is found by its VNIC and host (or the filter in `extra`), not by the
+	// switch it was looked up on: that is how the node names what it is releasing.
+	iface.methods["unAssignVPort"] = [](const Json &, const Json &args) {
+		const std::string vnic = args.at("vnicname"), host = args.at("hostname");
+		std::string extra_keep;
+		const char *extra = optional(args, "extra", &extra_keep);
+		Store store(KEL_DB_READWRITE);
+		if (store.status() != KEL_SUCCESS)
+			return kel_error(store.status());
+		const int rc = kel_db_unassign_vport(store.get(), vnic.c_str(), host.c_str(), extra);
+		return rc == KEL_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, Json::object()} : kel_error(rc);
+	};
+	return iface;
+}
+
+nuq::Interface controller_interface()
+{
+	nuq::Interface iface;
+	iface.name = "kelcntl.KELController";
+	// The one object exists where the store does.
+	iface.lookup = [](const Json &, bool, Json *found) {
+		Store store(KEL_DB_READONLY);
+		if (store.status() != KEL_SUCCESS)
+			return false;
+		*found = Json::object();
+		return true;
+	};
+	// No port matching is an empty list: the node treats "nothing bound" as an answer,
+	// not as a failure.
+	iface.methods["getVPortInfo"] = [](const Json &, const Json &args) {
+		const std::string filter = args.at("filter");
+		Store store(KEL_DB_READONLY);
+		if (store.status() != KEL_SUCCESS)
+			return kel_error(store.status());
+		list_t list;
+		const int rc = kel_db_get_filtered_vportlist(store.get(), filter.c_str(), &list, 0);
+		if (rc == KEL_E_VPORT_NOTFOUND)
+			return nuq::Reply{NUQ_E_SUCCESS, Json::array()};
+		if (rc != KEL_SUCCESS)
+			return kel_error(rc);
+		nuq::Reply reply{NUQ_E_SUCCESS, list_json<kel_vport_t>(&list, vport_json)};
+		kel_free_vportlist(&list);
+		return reply;
+	};
+	return iface;
+}
+
+}  // namespace kelcntl
