@@ -1,10 +1,9 @@
-#include <filesystem>
+#include <memory>
 #include <string>
-#include <thread>
 
 #include "fault.h"
-#include "harl.h"
 #include "libkel.h"
+#include "netns.h"
 #include "store_fixture.h"
 
 namespace {
@@ -143,25 +142,32 @@ TEST_F(Vports, SystemVportsAndReset)
 
 TEST_F(Vports, ResetAsksTheHostWhetherTheVnicIsGone)
 {
-	// The host "h" is reached at this machine's daemon socket, which serves datalinks.
-	std::filesystem::create_directories(path("run/kel"));
-	nuq::Dispatcher d;
-	d.add(harl::datalink_interface());
-	nuq::Server server(d);
-	ASSERT_TRUE(server.listen(path("run/kel/keld.sock")));
-	std::thread serving([&] { server.run(); });
+	// Host "h" is a network namespace with its own keld, reached at the daemon socket.
+	kel::test::NetNs host("reset");
+	ASSERT_TRUE(host.ok());
+	ASSERT_TRUE(host.exec("ip link add vn0 type veth peer name vn0p"));
+	auto keld = std::make_unique<kel::test::Keld>(host.name());
+	ASSERT_GT(keld->pid(), 0);
 	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", "h"), KEL_SUCCESS);
-
 	ASSERT_EQ(add("p1"), "ok 10.0.0.2/24");
-	// Bound to a VNIC the host still has ("lo" stands for it here).
-	sql("UPDATE vport_tbl SET vport_status = 1, vport_vnicname = 'lo', vport_hostname = 'h'");
+	auto bind_to = [&](const char *vnic) {
+		sql(std::string("UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h', "
+		                "vport_vnicname = '") + vnic + "'");
+	};
+
+	// The host still has the VNIC: the port stays bound.
+	bind_to("vn0");
 	EXPECT_EQ(kel_db_reset_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_E_VPORT_INUSE);
-	// One it no longer has.
-	sql("UPDATE vport_tbl SET vport_vnicname = 'gone0'");
+	EXPECT_EQ(value("SELECT vport_status FROM vport_tbl"), "1");
+	// The VNIC is gone from the host.
+	ASSERT_TRUE(host.exec("ip link del vn0"));
 	EXPECT_EQ(kel_db_reset_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_SUCCESS);
 	EXPECT_EQ(value("SELECT vport_status FROM vport_tbl"), "0");
-	server.stop();
-	serving.join();
+	// The host does not answer at all.
+	bind_to("vn0");
+	EXPECT_EQ(keld->stop(), 0);
+	EXPECT_EQ(kel_db_reset_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_SUCCESS);
+	EXPECT_EQ(value("SELECT vport_status FROM vport_tbl"), "0");
 }
 
 }  // namespace
