@@ -546,6 +546,31 @@ void kel_free_ipnetlist(void *list);
 void kel_free_prop(kel_prop_t *prop);
 void kel_free_proplist(void *list);
 
+/*
+ * Properties. kel_db_get_filtered_proplist lists, for each object of `type` that `filter`
+ * selects (NULL: all), every visible property in catalogue order, or only those named
+ * in `names` ("a,b"; hidden and extended names allowed). The caller frees the list
+ * with kel_free_proplist.
+ */
+int kel_db_get_filtered_proplist(kel_dbhandle_t h, const char *filter, const char *names,
+    list_t *list, kel_proptype_t type);
+/* The value of the first element named exactly `name` in a remote property array. */
+struct kelcntl_PropertyNV;
+char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const char *name);
+/*
+ * Changing one writable property ("name=value"; an empty value clears it). A switch's
+ * change reaches every bound port without its own value, live on the port's host
+ * (KEL_E_PROP_PARTIAL when some host could not take it; the stored value stays). A bound
+ * port's link property is set on its host first and stored after. A network's "pool"
+ * must keep every address in use; an empty pool means the whole span.
+ */
+int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *prop,
+    uint32_t flags);
+int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *vport, const char *prop, uint32_t flags);
+int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *ipnet, const char *prop, uint32_t flags);
+
 /* Filters. */
 /* KEL_E_INVALID_FILTER unless every name is a property of `proptype` or a key that
  * suits objects of `type`; KEL_E_INVALID_ARGS for a malformed text. */

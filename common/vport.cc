@@ -13,7 +13,7 @@
 #include "client.h"
 #include "connections.h"
 #include "filter.h"
-#include "harl.h"
+#include "host_link.h"
 #include "kelnet.h"
 #include "names.h"
 #include "prop_catalogue.h"
@@ -238,14 +238,8 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 // reached or has no such datalink.
 bool vnic_still_there(kel_dbhandle_t h, const kel_vport_t *vp)
 {
-	nuq_conn_t *conn = nullptr;
-	if (kel_nuq_connection_to_kelnode(h, vp->evp_hostname, &conn) != KEL_SUCCESS)
-		return false;
-	nuq_instance_t *link = nullptr;
-	const bool there = harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", vp->evp_vnicname) == 0;
-	nuq_instance_rele(link);
-	nuq_disconnect(conn);
-	return there;
+	kel::HostLink link;
+	return link.open(h, vp->evp_hostname, vp->evp_vnicname) == KEL_SUCCESS;
 }
 
 int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
