@@ -65,6 +65,10 @@ demo() {
 	step add-vport -p ipaddr=10.1.0.1,macaddr=2:8:20:0:0:1 web/router
 	step add-vport -p maxbw=10M,cos=3 db/cache
 	step show-vport -o name,kel,status,ipaddr,macaddr
+	step set-vportprop -p priority=high web/vm1
+	step show-vportprop -P priority,maxbw,cos web
+	step set-kelprop -p maxbw=50M web
+	step show-kelprop -o kel,property,value web
 	step show-kel
 	step show-kel -T acme -o name,l2type,id
 	step show-ipnet

@@ -40,6 +40,7 @@ struct Options {
 	std::string props;	// -p name=value,... (subcommands that change things)
 	std::string fields;	// -o field,...
 	Format format = Format::Table;	// -p (show-*), --json
+	std::string names;	// -P name,...
 	bool force = false;	// -f
 	std::span<char *> operands;
 };
@@ -50,6 +51,7 @@ enum OptionSet : unsigned {
 	kShow = 1,		// -o fields, -p parseable, --json
 	kHost = 2,		// -h host (and no -h for help; --help still works)
 	kForce = 4,		// -f: go on although the object is in use
+	kNames = 8,		// -P name,...: which properties to show
 };
 
 // Parses `args` for subcommand `cmd`. Returns false after a usage message.
@@ -83,6 +85,12 @@ int show_clientprop(std::span<char *> args);
 int set_controlprop(std::span<char *> args);
 int show_controlprop(std::span<char *> args);
 int upgrade_store(std::span<char *> args);
+int set_kelprop(std::span<char *> args);
+int set_vportprop(std::span<char *> args);
+int set_ipnetprop(std::span<char *> args);
+int show_kelprop(std::span<char *> args);
+int show_vportprop(std::span<char *> args);
+int show_ipnetprop(std::span<char *> args);
 
 // A member of a switch (an ipnet, a vport), named on the command line as KEL/NAME.
 struct Member {

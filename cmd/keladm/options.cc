@@ -23,6 +23,8 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, 
 	optstring += (set & kHost) ? "h:" : "h";
 	if (set & kForce)
 		optstring += "f";
+	if (set & kNames)
+		optstring += "P:";
 	int c;
 	while ((c = getopt_long(static_cast<int>(args.size()), args.data(), optstring.c_str(), kLong,
 	            nullptr)) != -1) {
@@ -32,6 +34,9 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, 
 			break;
 		case 'f':
 			opts->force = true;
+			break;
+		case 'P':
+			opts->names = optarg;
 			break;
 		case 'o':
 			opts->fields = optarg;

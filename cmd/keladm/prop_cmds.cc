@@ -1,0 +1,179 @@
+// Object properties: set-kelprop, set-vportprop, set-ipnetprop and their show-* forms.
+// Ports and networks are named with their switch as KEL/NAME.
+#include <algorithm>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "keladm.h"
+
+namespace keladm {
+namespace {
+
+// What differs between switches, ports and networks.
+struct Kind {
+	const char *noun;	// "kel", "vport", "ipnet": the first column and messages
+	const char *member;	// "VPORT", "IPNET"; NULL for switches
+	kel_proptype_t type;
+	MemberParser parse;
+};
+
+constexpr Kind kKel = {"kel", nullptr, KEL_PROPTYPE_KEL, nullptr};
+constexpr Kind kVport = {"vport", "VPORT", KEL_PROPTYPE_VPORT, kel_parse_kelvportname};
+constexpr Kind kIpnet = {"ipnet", "IPNET", KEL_PROPTYPE_IPNET, kel_parse_kelipnetname};
+
+int set_prop(std::span<char *> args, const char *name, const Kind &kind)
+{
+	const Subcommand &cmd = subcommand(name);
+	Options opts;
+	if (!parse_options(cmd, args, kChange, &opts))
+		return kExitUsage;
+	if (opts.props.empty())
+		return usage_error(cmd, std::string(name) + " needs -p name=value");
+	Member m;
+	if (kind.member == nullptr) {
+		if (opts.operands.size() != 1)
+			return usage_error(cmd, std::string(name) + " takes one KEL");
+		m.kel = opts.operands[0];
+	} else if (!one_member(cmd, opts, kind.parse, kind.member, &m)) {
+		return kExitUsage;
+	}
+	Store store;
+	if (store.open(true) != KEL_SUCCESS)
+		return kExitFailed;
+	const char *tenant = opts.tenant.c_str(), *prop = opts.props.c_str();
+	const int rc = kind.type == KEL_PROPTYPE_KEL
+	    ? kel_set_kelprop(store.get(), tenant, m.kel.c_str(), prop, 0)
+	    : kind.type == KEL_PROPTYPE_VPORT
+	    ? kel_set_vportprop(store.get(), tenant, m.kel.c_str(), m.name.c_str(), prop, 0)
+	    : kel_set_ipnetprop(store.get(), tenant, m.kel.c_str(), m.name.c_str(), prop, 0);
+	const std::string object = m.kel + (m.name.empty() ? "" : "/" + m.name);
+	if (rc == KEL_E_PROP_PARTIAL)
+		return fail("set '" + opts.props + "' on kel '" + object + "' (stored; some hosts missed it)", rc);
+	if (rc != KEL_SUCCESS)
+		return fail("cannot set '" + opts.props + "' on " + kind.noun + " '" + object + "'", rc);
+	return kExitOk;
+}
+
+// The selected objects' names in the order the listing reports them.
+int object_names(kel_dbhandle_t h, const char *filter, const Kind &kind, std::vector<std::string> *out)
+{
+	list_t list;
+	int rc;
+	if (kind.type == KEL_PROPTYPE_KEL) {
+		if ((rc = kel_db_get_filtered_kellist(h, filter, &list, 0)) != KEL_SUCCESS)
+			return rc;
+		for (auto *k = static_cast<kel_t *>(list_head(&list)); k; k = static_cast<kel_t *>(list_next(&list, k)))
+			out->push_back(k->kel_name);
+		kel_free_kellist(&list);
+	} else if (kind.type == KEL_PROPTYPE_VPORT) {
+		if ((rc = kel_db_get_filtered_vportlist(h, filter, &list, 0)) != KEL_SUCCESS)
+			return rc;
+		for (auto *v = static_cast<kel_vport_t *>(list_head(&list)); v;
+		     v = static_cast<kel_vport_t *>(list_next(&list, v)))
+			out->push_back(std::string(v->evp_kelname) + "/" + v->evp_name);
+		kel_free_vportlist(&list);
+	} else {
+		if ((rc = kel_db_get_filtered_ipnetlist(h, filter, &list, 0)) != KEL_SUCCESS)
+			return rc;
+		for (auto *n = static_cast<kel_ipnet_t *>(list_head(&list)); n;
+		     n = static_cast<kel_ipnet_t *>(list_next(&list, n)))
+			out->push_back(std::string(n->ei_kelname) + "/" + n->ei_name);
+		kel_free_ipnetlist(&list);
+	}
+	return KEL_SUCCESS;
+}
+
+int show_prop(std::span<char *> args, const char *name, const Kind &kind)
+{
+	const Subcommand &cmd = subcommand(name);
+	Options opts;
+	if (!parse_options(cmd, args, kShow | kNames, &opts))
+		return kExitUsage;
+	Output out;
+	if (!out.configure({{kind.noun}, {"property"}, {"permission"}, {"value"}, {"default"}, {"possible"}},
+	        opts.fields, opts.format))
+		return kExitUsage;
+	char kel[KEL_NAME_LEN] = "", member[KEL_NAME_LEN] = "";
+	if (kind.member == nullptr) {
+		if (opts.operands.size() > 1)
+			return usage_error(cmd, std::string(name) + " takes at most one KEL");
+		if (!opts.operands.empty() && !kel_valid_name(opts.operands[0]))
+			return usage_error(cmd, std::string("'") + opts.operands[0] + "' is not a kel name");
+		if (!opts.operands.empty())
+			std::snprintf(kel, sizeof(kel), "%s", opts.operands[0]);
+	} else if (!member_selection(cmd, opts, kind.parse, kind.member, kel, member)) {
+		return kExitUsage;
+	}
+	char filter[1024];
+	int rc = *member != '\0'
+	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel", kel,
+	          kind.noun, member)
+	    : *kel != '\0'
+	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", opts.tenant.c_str(), "kel", kel)
+	    : kel_create_attrstr(filter, sizeof(filter), nullptr, 1, "tenant", opts.tenant.c_str());
+	const std::string what = std::string("cannot list ") + kind.noun + " properties";
+	if (rc != KEL_SUCCESS)
+		return fail(what, rc);
+	Store store;
+	if (store.open(false) != KEL_SUCCESS)
+		return kExitFailed;
+	std::vector<std::string> objects;
+	if ((rc = object_names(store.get(), filter, kind, &objects)) != KEL_SUCCESS) {
+		// Nothing to show is an empty table unless an object was named.
+		if (opts.operands.empty() && (rc == KEL_E_KEL_NOTFOUND || rc == KEL_E_VPORT_NOTFOUND ||
+		                                 rc == KEL_E_IPNET_NOTFOUND)) {
+			out.print();
+			return kExitOk;
+		}
+		return fail(what, rc);
+	}
+	list_t list;
+	if ((rc = kel_db_get_filtered_proplist(store.get(), filter, opts.names.empty() ? nullptr : opts.names.c_str(),
+	         &list, kind.type)) != KEL_SUCCESS)
+		return fail(what, rc);
+	// Every object has the same number of records, in the objects' order.
+	const size_t per_object = std::max<size_t>(1, kel_list_count(&list) / std::max<size_t>(1, objects.size()));
+	size_t i = 0;
+	for (auto *p = static_cast<kel_prop_t *>(list_head(&list)); p;
+	     p = static_cast<kel_prop_t *>(list_next(&list, p)), i++)
+		out.add({objects[i / per_object], p->ep_propname, p->ep_perm,
+		    p->ep_current != nullptr ? p->ep_current : "", p->ep_default, p->ep_possible});
+	kel_free_proplist(&list);
+	out.print();
+	return kExitOk;
+}
+
+}  // namespace
+
+int set_kelprop(std::span<char *> args)
+{
+	return set_prop(args, "set-kelprop", kKel);
+}
+
+int set_vportprop(std::span<char *> args)
+{
+	return set_prop(args, "set-vportprop", kVport);
+}
+
+int set_ipnetprop(std::span<char *> args)
+{
+	return set_prop(args, "set-ipnetprop", kIpnet);
+}
+
+int show_kelprop(std::span<char *> args)
+{
+	return show_prop(args, "show-kelprop", kKel);
+}
+
+int show_vportprop(std::span<char *> args)
+{
+	return show_prop(args, "show-vportprop", kVport);
+}
+
+int show_ipnetprop(std::span<char *> args)
+{
+	return show_prop(args, "show-ipnetprop", kIpnet);
+}
+
+}  // namespace keladm

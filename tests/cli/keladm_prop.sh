@@ -1,0 +1,45 @@
+#!/bin/bash
+# Object properties from the command line: set-*prop and show-*prop.
+. "$(dirname "$0")/lib.sh" "$1"
+make_store
+"$keladm" create-kel -p l2-type=flat,maxbw=100M web >/dev/null
+"$keladm" create-kel -T acme -p l2-type=flat web >/dev/null
+"$keladm" add-ipnet -p subnet=10.1.0.0/24,pool=10.1.0.10-10.1.0.20 web/n >/dev/null
+"$keladm" add-vport -p cos=3 web/p1 >/dev/null
+"$keladm" add-vport web/p2 >/dev/null
+
+expect "every visible switch property, parseable" "web:protection:rw::mac-nospoof,ip-nospoof
+web:maxbw:rw:100M:
+web:priority:rw::medium
+web:l2-type:r-:flat:
+web:vlanid:r-::
+web:vni:r-::" \
+	show-kelprop -p -o kel,property,permission,value,default -P vni,vlanid,l2-type,priority,maxbw,protection web
+check "the tenant's own switch" bash -c "'$keladm' show-kelprop -T acme -p -o value -P tenant web | grep -qx acme"
+expect "named properties of every port" "VPORT   PROPERTY  VALUE
+web/p1  cos       3
+web/p2  cos" \
+	show-vportprop -o vport,property,value -P cos
+check "set-vportprop" "$keladm" set-vportprop -p priority=high web/p2
+expect "the new value" '[{"vport": "web/p2", "value": "high"}]' show-vportprop --json -o vport,value -P priority web/p2
+check "clearing it" "$keladm" set-vportprop -p priority= web/p2
+expect "no value" "web/p2:" show-vportprop -p -o vport,value -P priority web/p2
+expect "a read-only property" "keladm: cannot set 'vlanid=5' on kel 'web': property is read-only" \
+	set-kelprop -p vlanid=5 web
+expect "one property at a time" "keladm: cannot set 'cos=1,maxbw=2M' on vport 'web/p1': invalid arguments" \
+	set-vportprop -p cos=1,maxbw=2M web/p1
+status "-p is required" 2 set-kelprop web
+status "a port is KEL/VPORT" 2 set-vportprop -p cos=1 p1
+
+# p1 and p2 hold .10 and .11: a pool without them is refused, one with them is taken.
+expect "a pool that drops addresses in use" \
+	"keladm: cannot set 'pool=10.1.0.12-10.1.0.30' on ipnet 'web/n': range doesn't contain all allocated resource" \
+	set-ipnetprop -p pool=10.1.0.12-10.1.0.30 web/n
+check "a wider pool" "$keladm" set-ipnetprop -p pool=10.1.0.10-10.1.0.30 web/n
+expect "the new pool" "10.1.0.10-10.1.0.30" show-ipnet -p -o pool web/n
+check "what is left of it" bash -c \
+	"[ \"\$(sqlite3 '$root/etc/kel/kel.db' 'SELECT ipnet_avail_pool_range FROM ipnet_tbl')\" = 10.1.0.12-10.1.0.30 ]"
+expect "a switch's property on a network" "keladm: cannot set 'maxbw=1M' on ipnet 'web/n': invalid property specified" \
+	set-ipnetprop -p maxbw=1M web/n
+expect "an unknown switch" "keladm: cannot list kel properties: kel not found" show-kelprop nope
+exit $fail
