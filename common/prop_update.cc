@@ -92,7 +92,7 @@ int read_update(const char *prop, kel_proptype_t type, OneProp *out)
 int with_value(attrset_t **set, const char *name, const char *value, char **text)
 {
 	if (*set == nullptr) {
-		if ((*set = kel_create_attrset(1, name, value)) == nullptr)
+		if ((*set = kel_create_attrset(1, name, DATA_TYPE_STRING, value)) == nullptr)
 			return KEL_E_NOMEM;
 	} else {
 		(void)attrset_remove(*set, name, DATA_TYPE_STRING);

@@ -1,12 +1,18 @@
 // Property updates: the checks every update makes, the store, and for bound ports the
 // live state of the VNIC on a host (a namespace with its own keld).
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "fault.h"
 #include "libkel.h"
+#include "harl.h"
 #include "netns.h"
 #include "nuq_errors.h"
+#include "nuq_uri.h"
+#include "prop_update.h"
 #include "store_fixture.h"
 
 namespace {
@@ -100,6 +106,10 @@ TEST_F(PropUpdate, UnboundObjectsChangeOnlyInTheStore)
 	EXPECT_NE(props("kel", "web").find("maxbw=100M"), std::string::npos);
 	ASSERT_EQ(kelprop("maxbw="), KEL_SUCCESS);
 	EXPECT_EQ(props("kel", "web").find("maxbw"), std::string::npos);
+	// An object without any property yet gets its first.
+	add_kel(9, "bare");
+	ASSERT_EQ(kel_set_kelprop(h_, "sys-global", "bare", "maxbw=1M", 0), KEL_SUCCESS);
+	EXPECT_EQ(props("kel", "bare"), "maxbw=1M");
 	EXPECT_NE(props("kel", "web").find("acme:x=1"), std::string::npos);
 }
 
@@ -195,6 +205,8 @@ TEST_F(BoundPropUpdate, UnreachableHostsAndFailedStores)
 	// A port whose host does not answer keeps its stored value.
 	EXPECT_EQ(vportprop("p2", "maxbw=5M"), KEL_E_HOST_CONNECT);
 	EXPECT_EQ(props("vport", "p2").find("maxbw"), std::string::npos);
+	// Only link properties travel to the hosts: nothing here can miss an extended one.
+	EXPECT_EQ(kelprop("acme:x=1"), KEL_SUCCESS);
 	// A VNIC the host no longer has.
 	bind("p3", "h", "vn7");
 	EXPECT_EQ(vportprop("p3", "maxbw=5M"), (NUQ_E_NOTFOUND << 8) | KEL_E_NUQ);
@@ -211,6 +223,67 @@ TEST_F(BoundPropUpdate, UnreachableHostsAndFailedStores)
 	    SQLITE_IOERR * 256 + KEL_E_SQL);
 	EXPECT_GT(reached, 2);
 	EXPECT_TRUE(rate("40Mbit"));
+}
+
+// A host whose datalink manager refuses allowed-ips: the protection just set is put
+// back, and the caller gets the refusal.
+class LinkCalls : public kel::test::ScratchRoot {};
+
+TEST_F(LinkCalls, AFailedAllowedListPutsTheProtectionBack)
+{
+	std::vector<std::string> calls;
+	std::mutex mutex;
+	nuq::Interface iface;
+	iface.name = "harl.Datalink";
+	iface.lookup = [](const nuq::Json &keys, bool, nuq::Json *found) {
+		*found = keys;
+		return true;
+	};
+	iface.methods["setProperty"] = [&](const nuq::Json &, const nuq::Json &args) {
+		const std::string text = args.at("text");
+		std::lock_guard<std::mutex> hold(mutex);
+		calls.push_back(text);
+		if (text.rfind("allowed-ips=", 0) == 0)
+			return nuq::Reply{NUQ_E_OBJECT, {{"dde_err", 3}, {"dde_errmsg", "no"}}};
+		return nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()};
+	};
+	nuq::Dispatcher dispatcher;
+	dispatcher.add(iface);
+	nuq::Server server(dispatcher);
+	ASSERT_TRUE(server.listen(path("host.sock")));
+	std::thread serving([&] { server.run(); });
+	struct Stop {
+		nuq::Server &server;
+		std::thread &thread;
+		~Stop()
+		{
+			server.stop();
+			thread.join();
+		}
+	} stop{server, serving};
+	const std::string uri_text = "unix://localhost" + path("host.sock");
+	nuq_uri_t *uri = nuq_alloc_uri(uri_text.c_str(), NUQS_UNIX);
+	nuq_conn_t *conn = nuq_connect_uri(uri, nullptr);
+	nuq_free_uri(uri);
+	ASSERT_NE(conn, nullptr);
+	nuq_instance_t *link = nullptr;
+	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "vn0"), 0);
+
+	attrset_t *kelprops = kel_create_attrset(1, "protection", DATA_TYPE_STRING, "restricted");
+	attrset_t *vportprops = kel_create_attrset(1, "ipaddr", DATA_TYPE_STRING, "10.0.0.10/24");
+	EXPECT_EQ(kel_host_set_one_linkprop(link, kelprops, vportprops, "protection", "mac-nospoof,ip-nospoof", 0),
+	    (3 << 8) | KEL_E_WEXO);
+	EXPECT_EQ(calls, (std::vector<std::string>{"protection=mac-nospoof,ip-nospoof",
+	                     "allowed-ips=10.0.0.10", "protection=restricted"}));
+	// Clearing the protection clears the allowed list too; "none" reaches the link as "".
+	calls.clear();
+	(void)kel_host_set_one_linkprop(link, kelprops, vportprops, "protection", "none", 0);
+	EXPECT_EQ(calls.at(0), "protection=");
+	EXPECT_EQ(calls.at(1), "allowed-ips=");
+	attrset_free(kelprops);
+	attrset_free(vportprops);
+	nuq_instance_rele(link);
+	nuq_disconnect(conn);
 }
 
 }  // namespace
