@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "attrset_ptr.h"
 #include "libkel.h"
 #include "number.h"
 
@@ -217,3 +218,21 @@ bool kel::parse_long(const char *text, long *value)
 	*value = v;
 	return true;
 }
+
+namespace kel {
+
+int read_props(const char *text, AttrSetPtr *out)
+{
+	attrset_t *set = nullptr;
+	int rc = kel_str2attrset(text != nullptr ? text : "", &set, B_TRUE, ATTRSET_UNIQUE_NAME);
+	if (rc == KEL_E_INVALID_ARGS)
+		return KEL_E_INVALID_PROP;
+	if (rc != KEL_SUCCESS)
+		return rc;
+	if (set == nullptr && attrset_create(&set, ATTRSET_UNIQUE_NAME) != 0)
+		return KEL_E_NOMEM;
+	out->reset(set);
+	return KEL_SUCCESS;
+}
+
+}  // namespace kel

@@ -14,4 +14,9 @@ struct AttrSetDeleter {
 // Frees its set on scope exit.
 using AttrSetPtr = std::unique_ptr<attrset_t, AttrSetDeleter>;
 
+// A caller's "name=value,..." text (NULL: none) as a unique-name set, empty for an empty
+// text. A malformed text is KEL_E_INVALID_PROP, as every operation taking properties
+// reports it.
+int read_props(const char *text, AttrSetPtr *out);
+
 }  // namespace kel

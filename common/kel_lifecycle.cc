@@ -59,16 +59,8 @@ bool valid_object_name(const char *name, uint32_t flags)
 // checks them against the catalogue for `type`.
 int parse_props(const char *props, kel_proptype_t type, SetPtr *out)
 {
-	attrset_t *set = nullptr;
-	int rc = kel_str2attrset(props != nullptr ? props : "", &set, B_TRUE, ATTRSET_UNIQUE_NAME);
-	if (rc == KEL_E_INVALID_ARGS)
-		return KEL_E_INVALID_PROP;
-	if (rc != KEL_SUCCESS)
-		return rc;
-	if (set == nullptr && attrset_create(&set, ATTRSET_UNIQUE_NAME) != 0)
-		return KEL_E_NOMEM;
-	out->reset(set);
-	return kel_check_prop(set, type);
+	const int rc = kel::read_props(props, out);
+	return rc != KEL_SUCCESS ? rc : kel_check_prop(out->get(), type);
 }
 
 // The reserved or drawn ID of a VLAN or VXLAN switch; `key` is "vlanid" or "vni".

@@ -51,16 +51,11 @@ struct OneProp {
 
 int read_one(const char *prop, OneProp *out)
 {
-	attrset_t *raw = nullptr;
-	int rc = kel_str2attrset(prop != nullptr ? prop : "", &raw, B_TRUE, ATTRSET_UNIQUE_NAME);
-	if (rc == KEL_E_INVALID_ARGS)
-		return KEL_E_INVALID_PROP;
-	if (rc != KEL_SUCCESS)
+	if (int rc = kel::read_props(prop, &out->set); rc != KEL_SUCCESS)
 		return rc;
-	out->set.reset(raw);
-	if (raw == nullptr || kel_attrset_count(raw) != 1)
+	if (kel_attrset_count(out->set.get()) != 1)
 		return KEL_E_INVALID_ARGS;
-	attrset_entry_t *e = attrset_next_entry(raw, nullptr);
+	attrset_entry_t *e = attrset_next_entry(out->set.get(), nullptr);
 	char *value = nullptr;
 	if (attrset_entry_value_string(e, &value) != 0)
 		return KEL_E_INVALID_PROP;

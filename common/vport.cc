@@ -92,15 +92,10 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	if (name != nullptr &&
 	    (!kel_valid_name(name) || (!(flags & KEL_NAME_DASH_OK) && std::strchr(name, '-'))))
 		return KEL_E_INVALID_NAME;
-	attrset_t *parsed = nullptr;
-	int rc = kel_str2attrset(props != nullptr ? props : "", &parsed, B_TRUE, ATTRSET_UNIQUE_NAME);
-	if (rc == KEL_E_INVALID_ARGS)
-		return KEL_E_INVALID_PROP;
+	kel::AttrSetPtr set;
+	int rc = kel::read_props(props, &set);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	if (parsed == nullptr && attrset_create(&parsed, ATTRSET_UNIQUE_NAME) != 0)
-		return KEL_E_NOMEM;
-	kel::AttrSetPtr set(parsed);
 	if ((rc = kel_check_prop(set.get(), KEL_PROPTYPE_VPORT)) != KEL_SUCCESS)
 		return rc;
 	char given_addr[46], given_mac[18], uuidtext[kUuidTextLen];

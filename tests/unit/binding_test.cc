@@ -24,21 +24,11 @@ protected:
 	void SetUp() override
 	{
 		StoreFixture::SetUp();
-		kel_t *k = nullptr;
-		ASSERT_EQ(kel_db_create_kel(h_, nullptr, "web", "l2-type=flat", 0, &k), KEL_SUCCESS);
-		kel_free_kel(k);
-		kel_ipnet_t *ip = nullptr;
-		ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", "web", "n", "subnet=10.0.0.0/24", &ip, 0), KEL_SUCCESS);
-		kel_free_ipnet(ip);
+		make_web("subnet=10.0.0.0/24", {"p1", "p2"});
 		// The uplinks take their share of the fabric's VNIs when they are set.
 		ASSERT_EQ(kel_db_set_ctrlprop(h_, "vxlan-range=100-200", nullptr), KEL_SUCCESS);
 		for (const char *host : {"h1", "h2"})
 			ASSERT_EQ(kel_db_set_ctrlprop(h_, "uplink-port=net0", host), KEL_SUCCESS);
-		for (const char *p : {"p1", "p2"}) {
-			kel_vport_t *vp = nullptr;
-			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", p, nullptr, &vp, 0), KEL_SUCCESS);
-			kel_free_vport(vp);
-		}
 	}
 	void TearDown() override
 	{

@@ -22,16 +22,7 @@ protected:
 	void SetUp() override
 	{
 		StoreFixture::SetUp();
-		kel_t *k = nullptr;
-		ASSERT_EQ(kel_db_create_kel(h_, nullptr, "web", "l2-type=flat", 0, &k), KEL_SUCCESS);
-		kel_free_kel(k);
-		kel_ipnet_t *ip = nullptr;
-		ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", "web", "n",
-		              "subnet=10.0.0.0/24,defrouter=10.0.0.254,pool=10.0.0.10-10.0.0.20", &ip, 0),
-		    KEL_SUCCESS);
-		kel_free_ipnet(ip);
-		for (const char *p : {"p1", "p2", "p3"})
-			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", p, nullptr, nullptr, 0), KEL_SUCCESS);
+		make_web("subnet=10.0.0.0/24,defrouter=10.0.0.254,pool=10.0.0.10-10.0.0.20", {"p1", "p2", "p3"});
 	}
 	void TearDown() override
 	{

@@ -68,6 +68,20 @@ protected:
 		    KEL_SUCCESS);
 	}
 
+	// Through the library: a flat switch "web" of the fabric with the network "n"
+	// (`netprops`) and free ports named `ports`.
+	void make_web(const char *netprops, std::initializer_list<const char *> ports)
+	{
+		kel_t *k = nullptr;
+		ASSERT_EQ(kel_db_create_kel(h_, nullptr, "web", "l2-type=flat", 0, &k), KEL_SUCCESS);
+		kel_free_kel(k);
+		kel_ipnet_t *ip = nullptr;
+		ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", "web", "n", netprops, &ip, 0), KEL_SUCCESS);
+		kel_free_ipnet(ip);
+		for (const char *p : ports)
+			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", p, nullptr, nullptr, 0), KEL_SUCCESS);
+	}
+
 	void sql(const std::string &statement)
 	{
 		ASSERT_EQ(kel::exec(h_->edh_db, statement.c_str()), KEL_SUCCESS);
