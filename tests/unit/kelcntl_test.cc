@@ -215,10 +215,7 @@ TEST_F(KelcntlRecords, MalformedRepliesBuildNothing)
 	nuq::Server server(dispatcher);
 	ASSERT_TRUE(server.listen(path("fake.sock")));
 	std::thread serving([&] { server.run(); });
-	const std::string text = "unix://localhost" + path("fake.sock");
-	nuq_uri_t *uri = nuq_alloc_uri(text.c_str(), NUQS_UNIX);
-	nuq_conn_t *conn = nuq_connect_uri(uri, nullptr);
-	nuq_free_uri(uri);
+	nuq_conn_t *conn = kel::test::connect_unix(path("fake.sock"));
 	ASSERT_NE(conn, nullptr);
 	nuq_instance_t *ctl = nullptr;
 	ASSERT_EQ(kelcntl_KELController__nuq_lookup(conn, 0, &ctl, 0), 0);

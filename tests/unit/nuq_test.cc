@@ -103,15 +103,7 @@ protected:
 		ScratchRoot::TearDown();
 	}
 
-	nuq_conn_t *connect()
-	{
-		const std::string text = "unix://localhost" + socket_;
-		nuq_uri_t *uri = nuq_alloc_uri(text.c_str(), NUQS_UNIX);
-		EXPECT_NE(uri, nullptr);
-		nuq_conn_t *conn = nuq_connect_uri(uri, nullptr);
-		nuq_free_uri(uri);
-		return conn;
-	}
+	nuq_conn_t *connect() { return kel::test::connect_unix(socket_); }
 
 	nuq::Dispatcher dispatcher_ = test_dispatcher();
 	nuq::Server server_{dispatcher_};

@@ -252,10 +252,7 @@ TEST_F(LinkCalls, AFailedAllowedListPutsTheProtectionBack)
 			thread.join();
 		}
 	} stop{server, serving};
-	const std::string uri_text = "unix://localhost" + path("host.sock");
-	nuq_uri_t *uri = nuq_alloc_uri(uri_text.c_str(), NUQS_UNIX);
-	nuq_conn_t *conn = nuq_connect_uri(uri, nullptr);
-	nuq_free_uri(uri);
+	nuq_conn_t *conn = kel::test::connect_unix(path("host.sock"));
 	ASSERT_NE(conn, nullptr);
 	nuq_instance_t *link = nullptr;
 	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "vn0"), 0);

@@ -129,7 +129,12 @@ int Keld::stop()
 
 nuq_conn_t *connect_keld()
 {
-	const std::string text = "unix://localhost" + keld_socket();
+	return connect_unix(keld_socket());
+}
+
+nuq_conn_t *connect_unix(const std::string &socket)
+{
+	const std::string text = "unix://localhost" + socket;
 	nuq_uri_t *uri = nuq_alloc_uri(text.c_str(), NUQS_UNIX);
 	nuq_conn_t *conn = uri != nullptr ? nuq_connect_uri(uri, nullptr) : nullptr;
 	nuq_free_uri(uri);

@@ -64,8 +64,10 @@ private:
 	pid_t pid_ = -1;
 };
 
-// A connection to the keld of the current KEL_ROOT, or NULL.
+// A connection to the keld of the current KEL_ROOT, or to the server on `socket`; NULL
+// when there is none.
 nuq_conn_t *connect_keld();
+nuq_conn_t *connect_unix(const std::string &socket);
 
 // Whether another process could take a record lock of `type` on `file` right now.
 bool other_process_can_lock(const std::string &file, short type);
