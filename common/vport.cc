@@ -10,8 +10,6 @@
 #include "allocator.h"
 #include "attrset_ptr.h"
 #include "c_boundary.h"
-#include "client.h"
-#include "connections.h"
 #include "filter.h"
 #include "host_link.h"
 #include "kelnet.h"
