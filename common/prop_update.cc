@@ -23,6 +23,7 @@ namespace {
 
 constexpr int kLinkFlags = 0x8001;	// the datalink manager's: apply now, not persistent
 constexpr size_t kTextLen = 1024;
+constexpr int kBindingAttempts = 3;	// times a port update follows a port that moves
 
 using KelPtr = std::unique_ptr<kel_t, decltype(&kel_free_kel)>;
 using TextPtr = std::unique_ptr<char, decltype(&std::free)>;
@@ -184,37 +185,45 @@ int set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kelname, con
 	if (rc != KEL_SUCCESS)
 		return rc;
 	const char *name = p.name.c_str();
+	const bool dlprop = (kel_get_prop_entry(name, KEL_PROPTYPE_VPORT).ep_flags & EPD_DLPROP) != 0;
 	KelPtr kel(nullptr, kel_free_kel);
-	std::string host, vnic;
-	{
+	// The host is reached without the lock, and meanwhile the port may be unbound or move:
+	// a binding found changed once the lock is back starts the update over.
+	for (int attempt = 0; attempt < kBindingAttempts; attempt++) {
+		std::string host, vnic;
+		{
+			kel::StoreLock lock(h);
+			if ((rc = lock.status()) != KEL_SUCCESS ||
+			    (rc = read_kelvport(h, tenant, kelname, vport, &kel)) != KEL_SUCCESS)
+				return rc;
+			auto *vp = static_cast<kel_vport_t *>(list_head(&kel->kel_ports));
+			if (vp->evp_status != VPORT_STATUS_USED || !dlprop)
+				return kel_db_set_one_vportprop(h, vp, name, p.value.c_str(), flags);
+			host = vp->evp_hostname;
+			vnic = vp->evp_vnicname;
+		}
+		kel::HostLink link;
+		if ((rc = link.open(h, host.c_str(), vnic.c_str())) != KEL_SUCCESS)
+			return rc;
 		kel::StoreLock lock(h);
 		if ((rc = lock.status()) != KEL_SUCCESS ||
 		    (rc = read_kelvport(h, tenant, kelname, vport, &kel)) != KEL_SUCCESS)
 			return rc;
 		auto *vp = static_cast<kel_vport_t *>(list_head(&kel->kel_ports));
-		const bool dlprop = (kel_get_prop_entry(name, KEL_PROPTYPE_VPORT).ep_flags & EPD_DLPROP) != 0;
-		if (vp->evp_status != VPORT_STATUS_USED || !dlprop)
-			return kel_db_set_one_vportprop(h, vp, name, p.value.c_str(), flags);
-		host = vp->evp_hostname;
-		vnic = vp->evp_vnicname;
+		if (vp->evp_status != VPORT_STATUS_USED || host != vp->evp_hostname || vnic != vp->evp_vnicname)
+			continue;
+		const std::optional<std::string> old = lookup(vp->evp_props, name);
+		const std::string value = link_value(p, kel.get());
+		if ((rc = kel_host_set_one_linkprop(link.get(), kel->kel_props, vp->evp_props, name,
+		         value.c_str(), flags)) != KEL_SUCCESS)
+			return rc;
+		if ((rc = kel_db_set_one_vportprop(h, vp, name, p.value.c_str(), flags)) != KEL_SUCCESS && old)
+			(void)kel_host_set_one_linkprop(link.get(), kel->kel_props, vp->evp_props, name, old->c_str(),
+			    flags);
+		return rc;
 	}
-	// Reaching the host can take long: nobody waits on the store meanwhile.
-	kel::HostLink link;
-	if ((rc = link.open(h, host.c_str(), vnic.c_str())) != KEL_SUCCESS)
-		return rc;
-	kel::StoreLock lock(h);
-	if ((rc = lock.status()) != KEL_SUCCESS ||
-	    (rc = read_kelvport(h, tenant, kelname, vport, &kel)) != KEL_SUCCESS)
-		return rc;
-	auto *vp = static_cast<kel_vport_t *>(list_head(&kel->kel_ports));
-	const std::optional<std::string> old = lookup(vp->evp_props, name);
-	const std::string value = link_value(p, kel.get());
-	if ((rc = kel_host_set_one_linkprop(link.get(), kel->kel_props, vp->evp_props, name, value.c_str(),
-	         flags)) != KEL_SUCCESS)
-		return rc;
-	if ((rc = kel_db_set_one_vportprop(h, vp, name, p.value.c_str(), flags)) != KEL_SUCCESS && old)
-		(void)kel_host_set_one_linkprop(link.get(), kel->kel_props, vp->evp_props, name, old->c_str(), flags);
-	return rc;
+	// The port keeps moving under us: nothing was changed.
+	return KEL_E_FAILED;
 }
 
 int set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *ipnet,

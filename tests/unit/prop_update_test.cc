@@ -1,9 +1,12 @@
 // Property updates: the checks every update makes, the store, and for bound ports the
 // live state of the VNIC on a host (a namespace with its own keld).
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "fault.h"
@@ -216,62 +219,101 @@ TEST_F(BoundPropUpdate, UnreachableHostsAndFailedStores)
 	EXPECT_TRUE(rate("40Mbit"));
 }
 
-// A host whose datalink manager refuses allowed-ips: the protection just set is put
-// back, and the caller gets the refusal.
-class LinkCalls : public kel::test::ScratchRoot {};
+// A host's datalink manager that records what it is asked, at the daemon socket the
+// library reaches host "h" through; `on_lookup` may change the store meanwhile.
+class RecordingHost : public PropUpdate {
+protected:
+	void SetUp() override
+	{
+		PropUpdate::SetUp();
+		nuq::Interface iface;
+		iface.name = "harl.Datalink";
+		iface.lookup = [this](const nuq::Json &keys, bool, nuq::Json *found) {
+			if (on_lookup)
+				on_lookup(keys.at("name"));
+			*found = keys;
+			return true;
+		};
+		iface.methods["setProperty"] = [this](const nuq::Json &keys, const nuq::Json &args) {
+			const std::string text = args.at("text");
+			std::lock_guard<std::mutex> hold(mutex_);
+			calls.push_back(keys.at("name").get<std::string>() + " " + text);
+			if (text.rfind("allowed-ips=", 0) == 0)
+				return nuq::Reply{NUQ_E_OBJECT, {{"dde_err", 3}, {"dde_errmsg", "no"}}};
+			return nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()};
+		};
+		dispatcher_.add(iface);
+		std::filesystem::create_directories(path("run/kel"));
+		ASSERT_TRUE(server_.listen(path("run/kel/keld.sock")));
+		serving_ = std::thread([this] { server_.run(); });
+		ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", "h"), KEL_SUCCESS);
+	}
+	void TearDown() override
+	{
+		server_.stop();
+		if (serving_.joinable())
+			serving_.join();
+		PropUpdate::TearDown();
+	}
 
-TEST_F(LinkCalls, AFailedAllowedListPutsTheProtectionBack)
-{
 	std::vector<std::string> calls;
-	std::mutex mutex;
-	nuq::Interface iface;
-	iface.name = "harl.Datalink";
-	iface.lookup = [](const nuq::Json &keys, bool, nuq::Json *found) {
-		*found = keys;
-		return true;
-	};
-	iface.methods["setProperty"] = [&](const nuq::Json &, const nuq::Json &args) {
-		const std::string text = args.at("text");
-		std::lock_guard<std::mutex> hold(mutex);
-		calls.push_back(text);
-		if (text.rfind("allowed-ips=", 0) == 0)
-			return nuq::Reply{NUQ_E_OBJECT, {{"dde_err", 3}, {"dde_errmsg", "no"}}};
-		return nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()};
-	};
-	nuq::Dispatcher dispatcher;
-	dispatcher.add(iface);
-	nuq::Server server(dispatcher);
-	ASSERT_TRUE(server.listen(path("host.sock")));
-	std::thread serving([&] { server.run(); });
-	struct Stop {
-		nuq::Server &server;
-		std::thread &thread;
-		~Stop()
-		{
-			server.stop();
-			thread.join();
-		}
-	} stop{server, serving};
-	nuq_conn_t *conn = kel::test::connect_unix(path("host.sock"));
+	std::function<void(const std::string &vnic)> on_lookup;
+
+private:
+	std::mutex mutex_;
+	nuq::Dispatcher dispatcher_;
+	nuq::Server server_{dispatcher_};
+	std::thread serving_;
+};
+
+// A refused allowed-ips puts the protection just set back, and the caller gets the refusal.
+TEST_F(RecordingHost, AFailedAllowedListPutsTheProtectionBack)
+{
+	nuq_conn_t *conn = kel::test::connect_unix(path("run/kel/keld.sock"));
 	ASSERT_NE(conn, nullptr);
 	nuq_instance_t *link = nullptr;
 	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "vn0"), 0);
-
 	attrset_t *kelprops = kel_create_attrset(1, "protection", DATA_TYPE_STRING, "restricted");
 	attrset_t *vportprops = kel_create_attrset(1, "ipaddr", DATA_TYPE_STRING, "10.0.0.10/24");
 	EXPECT_EQ(kel_host_set_one_linkprop(link, kelprops, vportprops, "protection", "mac-nospoof,ip-nospoof", 0),
 	    (3 << 8) | KEL_E_WEXO);
-	EXPECT_EQ(calls, (std::vector<std::string>{"protection=mac-nospoof,ip-nospoof",
-	                     "allowed-ips=10.0.0.10", "protection=restricted"}));
+	EXPECT_EQ(calls, (std::vector<std::string>{"vn0 protection=mac-nospoof,ip-nospoof",
+	                     "vn0 allowed-ips=10.0.0.10", "vn0 protection=restricted"}));
 	// Clearing the protection clears the allowed list too; "none" reaches the link as "".
 	calls.clear();
 	(void)kel_host_set_one_linkprop(link, kelprops, vportprops, "protection", "none", 0);
-	EXPECT_EQ(calls.at(0), "protection=");
-	EXPECT_EQ(calls.at(1), "allowed-ips=");
+	EXPECT_EQ(calls.at(0), "vn0 protection=");
+	EXPECT_EQ(calls.at(1), "vn0 allowed-ips=");
 	attrset_free(kelprops);
 	attrset_free(vportprops);
 	nuq_instance_rele(link);
 	nuq_disconnect(conn);
+}
+
+// While the host is being reached the port moves to another VNIC, or is unbound: the
+// update follows the port rather than the link it first looked up.
+TEST_F(RecordingHost, APortThatMovesMeanwhileIsFollowed)
+{
+	bind("p1", "h", "vn0");
+	kel_dbhandle_t other = nullptr;
+	ASSERT_EQ(kel_db_open(&other, KEL_DB_READWRITE), KEL_SUCCESS);
+	auto move_once = [&](const char *sql) {
+		on_lookup = [&, sql, done = false](const std::string &) mutable {
+			if (!std::exchange(done, true)) {
+				EXPECT_EQ(kel::exec(other->edh_db, sql), KEL_SUCCESS);
+			}
+		};
+	};
+	move_once("UPDATE vport_tbl SET vport_vnicname = 'vn1' WHERE vport_name = 'p1'");
+	ASSERT_EQ(vportprop("p1", "maxbw=5M"), KEL_SUCCESS);
+	EXPECT_EQ(calls, std::vector<std::string>{"vn1 maxbw=5M"});
+	move_once("UPDATE vport_tbl SET vport_status = 0 WHERE vport_name = 'p1'");
+	calls.clear();
+	ASSERT_EQ(vportprop("p1", "maxbw=6M"), KEL_SUCCESS);
+	EXPECT_TRUE(calls.empty());
+	EXPECT_NE(props("vport", "p1").find("maxbw=6M"), std::string::npos);
+	on_lookup = nullptr;
+	kel_db_close(other);
 }
 
 }  // namespace
