@@ -16,8 +16,8 @@ namespace {
 // LIKE would read as a wildcard. Only such a text may take the indexed path.
 bool keyable(const std::string &mac)
 {
-	return std::count(mac.begin(), mac.end(), ':') == 5 &&
-	    std::all_of(mac.begin(), mac.end(), [](char c) { return c == ':' || std::isxdigit(static_cast<unsigned char>(c)); });
+	auto hex_or_colon = [](char c) { return c == ':' || std::isxdigit(static_cast<unsigned char>(c)); };
+	return std::count(mac.begin(), mac.end(), ':') == 5 && std::all_of(mac.begin(), mac.end(), hex_or_colon);
 }
 
 bool found(sqlite3 *db, const kel::SqlText &sql, kel::SqlValues values)

@@ -129,8 +129,8 @@ int show_prop(std::span<char *> args, const char *name, const Kind &kind)
 		return fail(what, rc);
 	}
 	list_t list;
-	if ((rc = kel_db_get_filtered_proplist(store.get(), filter, opts.names.empty() ? nullptr : opts.names.c_str(),
-	         &list, kind.type)) != KEL_SUCCESS)
+	const char *names = opts.names.empty() ? nullptr : opts.names.c_str();
+	if ((rc = kel_db_get_filtered_proplist(store.get(), filter, names, &list, kind.type)) != KEL_SUCCESS)
 		return fail(what, rc);
 	// Every object has the same number of records, in the objects' order.
 	const size_t per_object = std::max<size_t>(1, kel_list_count(&list) / std::max<size_t>(1, objects.size()));

@@ -126,14 +126,16 @@ TEST_F(Controller, BindingReturnsTheSwitchAndItsPortForTheHost)
 	kelcntl_KELImplInfo_free(info);
 
 	// Store refusals come back as the error record with the library's own code.
-	EXPECT_EQ(error([&](kelcntl_KELError **e) { return kelcntl_KEL_assignVPort(inst, "vn1", "h2", "p1", nullptr, &info, e); }),
-	    message(KEL_E_VPORT_INUSE));
+	auto refused = [&](const char *vnic, const char *host, const char *vport) {
+		return error([&](kelcntl_KELError **e) {
+			return kelcntl_KEL_assignVPort(inst, vnic, host, vport, nullptr, &info, e);
+		});
+	};
+	EXPECT_EQ(refused("vn1", "h2", "p1"), message(KEL_E_VPORT_INUSE));
 	EXPECT_EQ(info, nullptr);
-	EXPECT_EQ(error([&](kelcntl_KELError **e) { return kelcntl_KEL_assignVPort(inst, "vn1", "h1", "p9", nullptr, &info, e); }),
-	    message(KEL_E_VPORT_NOTFOUND));
+	EXPECT_EQ(refused("vn1", "h1", "p9"), message(KEL_E_VPORT_NOTFOUND));
 	// A host without an uplink in a fabric without one cannot carry a flat switch.
-	EXPECT_EQ(error([&](kelcntl_KELError **e) { return kelcntl_KEL_assignVPort(inst, "vn1", "h2", nullptr, nullptr, &info, e); }),
-	    message(KEL_E_UPLINK_REQUIRED));
+	EXPECT_EQ(refused("vn1", "h2", nullptr), message(KEL_E_UPLINK_REQUIRED));
 	EXPECT_EQ(kelcntl_KEL_assignVPort(inst, nullptr, "h1", "p1", nullptr, &info, &err), NUQ_E_BADARGS);
 	nuq_instance_rele(inst);
 }
@@ -165,10 +167,14 @@ TEST_F(Controller, SystemPortsAndUnbindingOverTheTransport)
 	EXPECT_EQ(count, 0);
 	kelcntl_VPortInfo_array_free(ports, count);
 	EXPECT_EQ(rows("vport_tbl"), 1);
-	EXPECT_EQ(error([&](kelcntl_KELError **e) { return kelcntl_KEL_unAssignVPort(inst, "vn5", "h1", "vport=p1", e); }),
-	    message(KEL_E_VPORT_NOTFOUND));
-	EXPECT_EQ(error([&](kelcntl_KELError **e) { return kelcntl_KELController_getVPortInfo(ctl, "colour=blue", &ports, &count, e); }),
-	    message(KEL_E_INVALID_FILTER));
+	const std::string unbind_free = error([&](kelcntl_KELError **e) {
+		return kelcntl_KEL_unAssignVPort(inst, "vn5", "h1", "vport=p1", e);
+	});
+	EXPECT_EQ(unbind_free, message(KEL_E_VPORT_NOTFOUND));
+	const std::string bad_filter = error([&](kelcntl_KELError **e) {
+		return kelcntl_KELController_getVPortInfo(ctl, "colour=blue", &ports, &count, e);
+	});
+	EXPECT_EQ(bad_filter, message(KEL_E_INVALID_FILTER));
 	EXPECT_EQ(ports, nullptr);
 	nuq_instance_rele(ctl);
 	nuq_instance_rele(inst);
