@@ -2,7 +2,8 @@
 // network, adds N ports, binds each to a VNIC, unbinds them all, and lists them. For
 // each operation prints the mean cost of the first and of the last 100 calls, so a cost
 // that grows with the store shows as end_us well above start_us.
-// Usage: vport_bench [N...] (default 1000 10000 100000)
+// Usage: vport_bench [--ipv6] [N...] (default 1000 10000 100000); --ipv6 gives the switch an
+// IPv6 network, whose addresses hold colons as MAC addresses do.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -57,6 +58,13 @@ void print(int n, const char *op, Cost c)
 
 int main(int argc, char **argv)
 {
+	const bool ipv6 = argc > 1 && std::string(argv[1]) == "--ipv6";
+	if (ipv6) {
+		argv[1] = argv[0];
+		argv++;
+		argc--;
+	}
+	const char *subnet = ipv6 ? "subnet=fd00::/104" : "subnet=10.0.0.0/8";
 	for (int n : kel::bench::sizes(argc, argv)) {
 		kel::bench::ScratchStore store;
 		kel_dbhandle_t h = store.get();
@@ -64,7 +72,7 @@ int main(int argc, char **argv)
 		kel_ipnet_t *ip = nullptr;
 		if (kel_db_set_ctrlprop(h, "uplink-port=net0", nullptr) != KEL_SUCCESS ||
 		    kel_db_create_kel(h, nullptr, "web", "l2-type=flat", 0, &k) != KEL_SUCCESS ||
-		    kel_db_add_ipnet(h, "sys-global", "web", "n", "subnet=10.0.0.0/8", &ip, 0) != KEL_SUCCESS)
+		    kel_db_add_ipnet(h, "sys-global", "web", "n", subnet, &ip, 0) != KEL_SUCCESS)
 			return 1;
 		kel_free_kel(k);
 		kel_free_ipnet(ip);
