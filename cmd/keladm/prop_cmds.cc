@@ -106,12 +106,9 @@ int show_prop(std::span<char *> args, const char *name, const Kind &kind)
 		return kExitUsage;
 	}
 	char filter[1024];
-	int rc = *member != '\0'
-	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel", kel,
-	          kind.noun, member)
-	    : *kel != '\0'
-	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", opts.tenant.c_str(), "kel", kel)
-	    : kel_create_attrstr(filter, sizeof(filter), nullptr, 1, "tenant", opts.tenant.c_str());
+	// Pairs with an empty value are left out: no KEL or member selects more.
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
+	    kel, kind.noun, member);
 	const std::string what = std::string("cannot list ") + kind.noun + " properties";
 	if (rc != KEL_SUCCESS)
 		return fail(what, rc);

@@ -85,11 +85,9 @@ int show_vport(std::span<char *> args)
 	if (!member_selection(cmd, opts, kel_parse_kelvportname, "VPORT", kel, name))
 		return kExitUsage;
 	char filter[1024];
-	int rc = *name != '\0'
-	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel", kel, "vport", name)
-	    : *kel != '\0'
-	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", opts.tenant.c_str(), "kel", kel)
-	    : kel_create_attrstr(filter, sizeof(filter), nullptr, 1, "tenant", opts.tenant.c_str());
+	// Pairs with an empty value are left out: no KEL or VPORT selects more.
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
+	    kel, "vport", name);
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list vports", rc);
 	Store store;
