@@ -98,12 +98,15 @@ fuzz() {
 	local seconds=${1:-10}
 	CC=clang CXX=clang++ build build-fuzz -DKEL_FUZZ=ON -DKEL_TESTS=OFF
 	local target work
-	for target in attrset ipnet link_addr bandwidth range filter; do
+	for target in attrset ipnet link_addr bandwidth range filter dispatch; do
 		work=$(mktemp -d)
 		cp tests/fuzz/corpus/$target/* "$work/"
+		# Requests are longer than the texts the other targets read.
+		local max_len=256
+		[ "$target" = dispatch ] && max_len=4096
 		echo "== fuzz_$target for ${seconds}s"
 		(cd build-fuzz && ./tests/fuzz/fuzz_$target -max_total_time="$seconds" \
-			-max_len=256 -print_final_stats=1 "$work" 2>&1 |
+			-max_len="$max_len" -print_final_stats=1 "$work" 2>&1 |
 			grep -E 'number_of_executed_units|new_units_added|ERROR|invariant|SUMMARY')
 		rm -rf "$work"
 	done

@@ -43,7 +43,8 @@ nuq::Interface daemon_interface(const DaemonState &state)
 	iface.name = "kel.Daemon";
 	iface.lookup = [](const nuq::Json &keys, bool strict, nuq::Json *found) {
 		const std::string host = node_name();
-		if ((strict || keys.contains("host")) && keys.value("host", "") != host)
+		const std::string *asked = nuq::text_member(keys, "host");
+		if ((strict || nuq::member(keys, "host") != nullptr) && (asked == nullptr || *asked != host))
 			return false;
 		*found = {{"host", host}};
 		return true;

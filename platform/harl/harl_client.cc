@@ -5,6 +5,7 @@
 
 #include "harl.h"
 #include "nuq_errors.h"
+#include "request.h"
 
 namespace {
 
@@ -16,9 +17,11 @@ harl_DatalinkError *error_record(const nlohmann::json &data)
 	auto *err = static_cast<harl_DatalinkError *>(std::calloc(1, sizeof(harl_DatalinkError)));
 	if (err == nullptr)
 		return nullptr;
-	err->dde_err = data.is_object() ? data.value("dde_err", 0) : 0;
-	const std::string msg = data.is_object() ? data.value("dde_errmsg", "") : "";
-	err->dde_errmsg = strdup(msg.c_str());
+	// The record comes from another host: a member of the wrong type reads as absent.
+	const nlohmann::json *code = nuq::member(data, "dde_err");
+	const std::string *msg = nuq::text_member(data, "dde_errmsg");
+	err->dde_err = code != nullptr && code->is_number_integer() ? code->get<int>() : 0;
+	err->dde_errmsg = strdup(msg != nullptr ? msg->c_str() : "");
 	return err;
 }
 
@@ -54,19 +57,23 @@ int harl_Datalink_getStat(nuq_instance_t *inst, void *, harl_StatValue **value,
 		std::free(s);
 		return NUQ_E_NOMEM;
 	}
-	try {
-		s->dls_ipackets = result.at("dls_ipackets");
-		s->dls_rbytes = result.at("dls_rbytes");
-		s->dls_idrops = result.at("dls_idrops");
-		s->dls_idropbytes = result.at("dls_idropbytes");
-		s->dls_obytes = result.at("dls_obytes");
-		s->dls_opackets = result.at("dls_opackets");
-		s->dls_odrops = result.at("dls_odrops");
-		s->dls_odropbytes = result.at("dls_odropbytes");
-	} catch (const nlohmann::json::exception &) {
-		std::free(v);
-		std::free(s);
-		return NUQ_E_PROTOCOL;
+	// Counters come from another host: anything but an unsigned integer is refused
+	// rather than converted.
+	const struct {
+		const char *name;
+		uint64_t *to;
+	} counters[] = {{"dls_ipackets", &s->dls_ipackets}, {"dls_rbytes", &s->dls_rbytes},
+		{"dls_idrops", &s->dls_idrops}, {"dls_idropbytes", &s->dls_idropbytes},
+		{"dls_obytes", &s->dls_obytes}, {"dls_opackets", &s->dls_opackets},
+		{"dls_odrops", &s->dls_odrops}, {"dls_odropbytes", &s->dls_odropbytes}};
+	for (const auto &c : counters) {
+		const nlohmann::json *n = nuq::member(result, c.name);
+		if (n == nullptr || !n->is_number_unsigned()) {
+			std::free(v);
+			std::free(s);
+			return NUQ_E_PROTOCOL;
+		}
+		*c.to = n->get<uint64_t>();
 	}
 	v->dsv_discriminant = DST_LINK;
 	v->dsv_linkstat = s;

@@ -4,6 +4,7 @@
 
 #include "harl.h"
 #include "linkprop.h"
+#include "log.h"
 #include "nuq_errors.h"
 #include "wexo.h"
 
@@ -38,15 +39,15 @@ nuq::Interface datalink_interface()
 	nuq::Interface iface;
 	iface.name = "harl.Datalink";
 	iface.lookup = [](const nuq::Json &keys, bool, nuq::Json *found) {
-		if (!keys.contains("name") || !keys["name"].is_string())
+		const std::string *name = nuq::text_member(keys, "name");
+		if (name == nullptr)
 			return false;
 		wexo_handle_t h = nullptr;
-		const std::string name = keys["name"];
 		const bool there = wexo_open(&h) == WEXO_SUCCESS &&
-		    wexo_name2info(h, name.c_str(), nullptr, nullptr) == WEXO_SUCCESS;
+		    wexo_name2info(h, name->c_str(), nullptr, nullptr) == WEXO_SUCCESS;
 		wexo_close(h);
 		if (there)
-			*found = {{"name", name}};
+			*found = {{"name", *name}};
 		return there;
 	};
 	iface.methods["getStat"] = [](const nuq::Json &keys, const nuq::Json &) {
@@ -63,15 +64,22 @@ nuq::Interface datalink_interface()
 		});
 	};
 	iface.methods["setProperty"] = [](const nuq::Json &keys, const nuq::Json &args) {
-		const std::string text = args.at("text");
-		const size_t eq = text.find('=');
+		const std::string *text = nuq::text_member(args, "text");
+		if (text == nullptr)
+			return nuq::Reply{NUQ_E_BADARGS, nullptr};
+		const std::string &link = keys.at("name").get_ref<const std::string &>();
+		const size_t eq = text->find('=');
 		if (eq == std::string::npos)
 			return datalink_error(WEXO_BADARG);
-		return with_link(keys, [&](wexo_handle_t h, datalink_id_t id) {
-			const wexo_status_t st = wexo_set_linkprop(h, id, text.substr(0, eq).c_str(),
-			    text.substr(eq + 1).c_str());
+		nuq::Reply reply = with_link(keys, [&](wexo_handle_t h, datalink_id_t id) {
+			const wexo_status_t st = wexo_set_linkprop(h, id, text->substr(0, eq).c_str(),
+			    text->substr(eq + 1).c_str());
 			return st == WEXO_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
 		});
+		nuq::log::write(reply.status == NUQ_E_SUCCESS ? nuq::log::kInfo : nuq::log::kErr,
+		    "set " + *text + " on link " + link +
+		        (reply.status == NUQ_E_SUCCESS ? "" : ": failed: " + nuq::dump_line(reply.value)));
+		return reply;
 	};
 	return iface;
 }

@@ -38,6 +38,16 @@ char *text(const json &j, const char *key)
 	return s;
 }
 
+// An integer member. A value of another type throws the library's type error, as at()
+// does for a missing member: converting a float out of range would be undefined.
+long long integer(const json &j, const char *key)
+{
+	const json &v = j.at(key);
+	if (v.is_number_integer())
+		return v.get<long long>();
+	return v.get_ref<const json::number_integer_t &>();	// throws
+}
+
 template <class T, void (*Free)(T *), class Make>
 T **array_from(const json &items, int *count, Make make)
 {
@@ -94,7 +104,7 @@ kelcntl_IPnetInfo *ipnet_from(const json &j)
 	n->eipi_start = text(j, "eipi_start");
 	n->eipi_end = text(j, "eipi_end");
 	n->eipi_range = text(j, "eipi_range");
-	n->eipi_ipvers = j.at("eipi_ipvers").get<int>() == EIPV_IPV6 ? EIPV_IPV6 : EIPV_IPV4;
+	n->eipi_ipvers = integer(j, "eipi_ipvers") == EIPV_IPV6 ? EIPV_IPV6 : EIPV_IPV4;
 	return n.release();
 }
 
@@ -105,7 +115,7 @@ kelcntl_KELInfo *kel_from(const json &j)
 	k->ekeli_uuid = text(j, "ekeli_uuid");
 	k->ekeli_tenantname = text(j, "ekeli_tenantname");
 	k->ekeli_props = props_from(j.at("ekeli_props"), &k->ekeli_props_count);
-	k->ekeli_status = j.at("ekeli_status").get<int>() == EKELS_BUSY ? EKELS_BUSY : EKELS_IDLE;
+	k->ekeli_status = integer(j, "ekeli_status") == EKELS_BUSY ? EKELS_BUSY : EKELS_IDLE;
 	k->ekeli_vports = kelcntl::wire::vports_from(j.at("ekeli_vports"), &k->ekeli_vports_count);
 	k->ekeli_ipnets = array_from<kelcntl_IPnetInfo, kelcntl_IPnetInfo_free>(j.at("ekeli_ipnets"),
 	    &k->ekeli_ipnets_count, ipnet_from);
@@ -119,7 +129,7 @@ namespace kelcntl::wire {
 kelcntl_KELError *error_from(const json &j)
 {
 	Building<kelcntl_KELError, kelcntl_KELError_free> e;
-	e->ekele_err = j.at("ekele_err").get<int>();
+	e->ekele_err = static_cast<int>(integer(j, "ekele_err"));
 	e->ekele_errmsg = text(j, "ekele_errmsg");
 	return e.release();
 }
@@ -132,7 +142,7 @@ kelcntl_VPortInfo *vport_from(const json &j)
 	v->evpi_kelname = text(j, "evpi_kelname");
 	v->evpi_keluuid = text(j, "evpi_keluuid");
 	v->evpi_tenantname = text(j, "evpi_tenantname");
-	v->evpi_status = j.at("evpi_status").get<int>() == EVPS_USED ? EVPS_USED : EVPS_FREE;
+	v->evpi_status = integer(j, "evpi_status") == EVPS_USED ? EVPS_USED : EVPS_FREE;
 	v->evpi_vnicname = text(j, "evpi_vnicname");
 	v->evpi_props = props_from(j.at("evpi_props"), &v->evpi_props_count);
 	v->evpi_hostname = text(j, "evpi_hostname");

@@ -8,6 +8,7 @@
 
 #include "kelcntl.h"
 #include "libkel.h"
+#include "log.h"
 #include "nuq_errors.h"
 
 namespace kelcntl {
@@ -49,13 +50,19 @@ std::string uuid_text(const uuid_t u)
 	return text;
 }
 
-// A text argument that may be null or absent.
-const char *optional(const Json &args, const char *name, std::string *keep)
+nuq::Reply bad_args()
 {
-	if (!args.contains(name) || args[name].is_null())
-		return nullptr;
-	*keep = args[name].get<std::string>();
-	return keep->c_str();
+	return nuq::Reply{NUQ_E_BADARGS, nullptr};
+}
+
+// One line in keld's log for a change it made or refused.
+void log_change(int rc, const std::string &what)
+{
+	char msg[256];
+	if (rc == KEL_SUCCESS)
+		nuq::log::write(nuq::log::kInfo, what);
+	else
+		nuq::log::write(nuq::log::kWarning, what + ": " + kel_errmsg(rc, msg, sizeof(msg)));
 }
 
 Json props(attrset_t *set)
@@ -124,30 +131,35 @@ nuq::Interface kel_interface()
 	nuq::Interface iface;
 	iface.name = "kelcntl.KEL";
 	iface.lookup = [](const Json &keys, bool strict, Json *found) {
-		if (!keys.contains("name") || !keys["name"].is_string() ||
-		    (strict && !keys.contains("tenant")))
+		const std::string *name = nuq::text_member(keys, "name");
+		const std::string *given = nuq::text_member(keys, "tenant");
+		if (name == nullptr || (given == nullptr && (strict || nuq::member(keys, "tenant"))))
 			return false;
-		const std::string name = keys["name"];
-		const std::string tenant = keys.value("tenant", kDefaultTenant);
+		const std::string tenant = given != nullptr ? *given : kDefaultTenant;
 		Store store(KEL_DB_READONLY);
 		if (store.status() != KEL_SUCCESS ||
-		    !kel_db_kel_exists(store.get(), tenant.c_str(), name.c_str()))
+		    !kel_db_kel_exists(store.get(), tenant.c_str(), name->c_str()))
 			return false;
-		*found = {{"name", name}, {"tenant", tenant}};
+		*found = {{"name", *name}, {"tenant", tenant}};
 		return true;
 	};
 	iface.methods["assignVPort"] = [](const Json &keys, const Json &args) {
-		const std::string vnic = args.at("vnicname"), host = args.at("hostname");
-		std::string vport_keep, extra_keep;
-		const char *vport = optional(args, "vportname", &vport_keep);
-		const char *extra = optional(args, "extra", &extra_keep);
-		const std::string tenant = keys.at("tenant"), name = keys.at("name");
+		const std::string *vnic = nuq::text_member(args, "vnicname");
+		const std::string *host = nuq::text_member(args, "hostname");
+		const char *vport = nullptr, *extra = nullptr;
+		if (vnic == nullptr || host == nullptr || !nuq::optional_text(args, "vportname", &vport) ||
+		    !nuq::optional_text(args, "extra", &extra))
+			return bad_args();
+		const std::string &tenant = keys.at("tenant").get_ref<const std::string &>();
+		const std::string &name = keys.at("name").get_ref<const std::string &>();
 		Store store(KEL_DB_READWRITE);
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
 		kel_t *kel = nullptr;
 		const int rc = kel_db_assign_vport(store.get(), tenant.c_str(), name.c_str(), vport,
-		    vnic.c_str(), host.c_str(), extra, &kel);
+		    vnic->c_str(), host->c_str(), extra, &kel);
+		log_change(rc, "bind " + tenant + "/" + name + "/" + (vport != nullptr ? vport : "(system port)") +
+		        " to VNIC " + *vnic + " on host " + *host);
 		if (rc != KEL_SUCCESS)
 			return kel_error(rc);
 		nuq::Reply reply{NUQ_E_SUCCESS, implinfo_json(kel)};
@@ -157,13 +169,16 @@ nuq::Interface kel_interface()
 	// The port is found by its VNIC and host (or the filter in `extra`), not by the
 	// switch it was looked up on: that is how the node names what it is releasing.
 	iface.methods["unAssignVPort"] = [](const Json &, const Json &args) {
-		const std::string vnic = args.at("vnicname"), host = args.at("hostname");
-		std::string extra_keep;
-		const char *extra = optional(args, "extra", &extra_keep);
+		const std::string *vnic = nuq::text_member(args, "vnicname");
+		const std::string *host = nuq::text_member(args, "hostname");
+		const char *extra = nullptr;
+		if (vnic == nullptr || host == nullptr || !nuq::optional_text(args, "extra", &extra))
+			return bad_args();
 		Store store(KEL_DB_READWRITE);
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
-		const int rc = kel_db_unassign_vport(store.get(), vnic.c_str(), host.c_str(), extra);
+		const int rc = kel_db_unassign_vport(store.get(), vnic->c_str(), host->c_str(), extra);
+		log_change(rc, "unbind VNIC " + *vnic + " on host " + *host);
 		return rc == KEL_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, Json::object()} : kel_error(rc);
 	};
 	return iface;
@@ -184,12 +199,14 @@ nuq::Interface controller_interface()
 	// No port matching is an empty list: the node treats "nothing bound" as an answer,
 	// not as a failure.
 	iface.methods["getVPortInfo"] = [](const Json &, const Json &args) {
-		const std::string filter = args.at("filter");
+		const std::string *filter = nuq::text_member(args, "filter");
+		if (filter == nullptr)
+			return bad_args();
 		Store store(KEL_DB_READONLY);
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
 		list_t list;
-		const int rc = kel_db_get_filtered_vportlist(store.get(), filter.c_str(), &list, 0);
+		const int rc = kel_db_get_filtered_vportlist(store.get(), filter->c_str(), &list, 0);
 		if (rc == KEL_E_VPORT_NOTFOUND)
 			return nuq::Reply{NUQ_E_SUCCESS, Json::array()};
 		if (rc != KEL_SUCCESS)

@@ -17,6 +17,7 @@
 
 #include "nuq_errors.h"
 #include "paths.h"
+#include "request.h"
 #include "wire.h"
 
 using nlohmann::json;
@@ -124,33 +125,46 @@ int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *
 		return NUQ_E_CLOSED;
 	const long id = conn->next_id++;
 	const json req = {{"jsonrpc", "2.0"}, {"id", id}, {"method", op}, {"params", params}};
-	if (!nuq::write_line(conn->out, req.dump())) {
-		conn->broken = true;
-		return NUQ_E_CLOSED;
-	}
+	// A server that turned this connection away has answered and closed it: the write
+	// may fail, but its answer is still there to read.
+	const bool sent = nuq::write_line(conn->out, nuq::dump_line(req));
 	std::string line;
-	switch (conn->reader.read(&line, conn->timeout)) {
+	const nuq::ReadResult got = conn->reader.read(&line, conn->timeout);
+	if (!sent || got != nuq::ReadResult::Line)
+		conn->broken = true;
+	switch (got) {
 	case nuq::ReadResult::Line: break;
-	case nuq::ReadResult::Timeout: conn->broken = true; return NUQ_E_TIMEOUT;
-	case nuq::ReadResult::TooLong: conn->broken = true; return NUQ_E_PROTOCOL;
-	default: conn->broken = true; return NUQ_E_CLOSED;
+	case nuq::ReadResult::Timeout: return sent ? NUQ_E_TIMEOUT : NUQ_E_CLOSED;
+	case nuq::ReadResult::TooLong: return NUQ_E_PROTOCOL;
+	default: return NUQ_E_CLOSED;
 	}
-	const json reply = json::parse(line, nullptr, false);
-	if (reply.is_discarded() || !reply.is_object() || reply.value("id", json()) != json(id)) {
+	// A reply is held to the same nesting bound as a request: it may come from a host
+	// that is not to be trusted.
+	const json reply = nuq::nesting_within(line, nuq::kMaxNesting) ? json::parse(line, nullptr, false)
+	                                                                : json(json::value_t::discarded);
+	const json *reply_id = nuq::member(reply, "id");
+	if (reply_id == nullptr) {
 		conn->broken = true;
 		return NUQ_E_PROTOCOL;
 	}
-	if (reply.contains("result")) {
-		*result = reply["result"];
+	const json *res = nuq::member(reply, "result");
+	if (res != nullptr && *reply_id == json(id)) {
+		*result = *res;
 		return NUQ_E_SUCCESS;
 	}
-	const json &err = reply.value("error", json());
-	if (!err.is_object() || !err["code"].is_number_integer())
+	// An error without an id answers a request the server could not read, or the
+	// connection itself (a refused caller): with one request in flight, it is this one's.
+	const json *err = nuq::member(reply, "error");
+	const json *code = err != nullptr ? nuq::member(*err, "code") : nullptr;
+	if (code == nullptr || !code->is_number_integer() || (*reply_id != json(id) && !reply_id->is_null())) {
+		conn->broken = true;
 		return NUQ_E_PROTOCOL;
-	const int code = err["code"].get<int>();
-	if (error != nullptr)
-		*error = err.value("data", json());
-	return code >= NUQ_E_OBJECT && code <= NUQ_E_REQUEST ? code : NUQ_E_PROTOCOL;
+	}
+	if (error != nullptr) {
+		const json *data = nuq::member(*err, "data");
+		*error = data != nullptr ? *data : json();
+	}
+	return nuq::from_wire_code(code->get<long>());
 }
 
 }  // namespace
@@ -211,9 +225,10 @@ int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t
 		    {{"interface", interface}, {"keys", keys}, {"strict", strict != 0}}, &result, nullptr);
 		if (rc != NUQ_E_SUCCESS)
 			return rc;
-		if (!result.is_object() || !result["keys"].is_object())
+		const json *found = nuq::member(result, "keys");
+		if (found == nullptr || !found->is_object())
 			return NUQ_E_PROTOCOL;
-		*out = new nuq_instance_t{conn, interface, result["keys"]};
+		*out = new nuq_instance_t{conn, interface, *found};
 		return NUQ_E_SUCCESS;
 	} catch (const std::bad_alloc &) {
 		return NUQ_E_NOMEM;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <grp.h>
 #include <poll.h>
-#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -13,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "log.h"
 #include "nuq_errors.h"
 #include "wire.h"
 
@@ -20,17 +20,49 @@ namespace nuq {
 
 std::string error_reply(const Json &id, int code, const Json &data)
 {
-	Json err = {{"code", code}, {"message", nuq_err_string(code)}};
+	Json err = {{"code", wire_code(code)}, {"message", nuq_err_string(code)}};
 	if (!data.is_null())
 		err["data"] = data;
-	return Json{{"jsonrpc", "2.0"}, {"id", id}, {"error", err}}.dump();
+	return dump_line(Json{{"jsonrpc", "2.0"}, {"id", id}, {"error", err}});
 }
 
 namespace {
 
 std::string result_reply(const Json &id, const Json &result)
 {
-	return Json{{"jsonrpc", "2.0"}, {"id", id}, {"result", result}}.dump();
+	return dump_line(Json{{"jsonrpc", "2.0"}, {"id", id}, {"result", result}});
+}
+
+// What the server answers when it cannot even build an answer (no memory).
+constexpr const char kFailedReply[] =
+    R"({"error":{"code":-32007,"message":"remote server failure"},"id":null,"jsonrpc":"2.0"})";
+
+// Events any local user can cause at will are logged a few at a time.
+log::Limiter refusals(10, std::chrono::seconds(10));
+log::Limiter accept_failures(5, std::chrono::seconds(10));
+
+void log_limited(log::Limiter &limiter, int priority, const std::string &text)
+{
+	unsigned long suppressed = 0;
+	if (!limiter.allow(&suppressed))
+		return;
+	log::write(priority, suppressed == 0 ? text
+	                                     : text + " (and " + std::to_string(suppressed) +
+	                                           " more like it not logged)");
+}
+
+// Answers a connection that will not be served, without reading anything it sent, and
+// closes it. The send never waits: a caller that does not read loses the answer.
+void turn_away(int fd, int err)
+{
+	const std::string line = error_reply(nullptr, err) + "\n";
+	(void)!send(fd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+	close(fd);
+}
+
+std::string who(const Caller &c)
+{
+	return "uid " + std::to_string(c.uid) + " pid " + std::to_string(c.pid);
 }
 
 }  // namespace
@@ -41,73 +73,112 @@ void Dispatcher::add(Interface iface)
 	interfaces_[name] = std::move(iface);
 }
 
-std::string Dispatcher::handle(const std::string &request) const
+std::string Dispatcher::handle(const std::string &request) const noexcept
 {
-	Json req = Json::parse(request, nullptr, false);
-	if (req.is_discarded() || !req.is_object() || req.value("jsonrpc", "") != "2.0" ||
-	    !req.contains("id") || !req["method"].is_string() || !req["params"].is_object())
-		return error_reply(req.is_object() && req.contains("id") ? req["id"] : Json(nullptr),
-		    NUQ_E_REQUEST);
-	const Json &id = req["id"];
-	const Json &params = req["params"];
-	const std::string op = req["method"];
-	if (op == "ping")
+	try {
+		Request req;
+		const int rc = parse_request(request, &req);
+		return rc == NUQ_E_SUCCESS ? answer(req) : error_reply(req.id, rc);
+	} catch (...) {
+		return kFailedReply;
+	}
+}
+
+std::string Dispatcher::answer(const Request &req) const
+{
+	const Json &id = req.id;
+	const Json &params = req.params;
+	if (req.method == "ping")
 		return result_reply(id, Json::object());	// the far end is a server of ours
-	if (!params["interface"].is_string() || !params["keys"].is_object())
-		return error_reply(id, NUQ_E_REQUEST);
-	auto it = interfaces_.find(params["interface"].get<std::string>());
+	if (req.method != "lookup" && req.method != "call")
+		return error_reply(id, NUQ_E_NOMETHOD);
+	const std::string *name = text_member(params, "interface");
+	const Json *keys = member(params, "keys");
+	if (name == nullptr || keys == nullptr || !keys->is_object())
+		return error_reply(id, NUQ_E_BADARGS);
+	auto it = interfaces_.find(*name);
 	if (it == interfaces_.end())
 		return error_reply(id, NUQ_E_NOINTERFACE);
 	const Interface &iface = it->second;
 	try {
-		if (op == "lookup") {
+		if (req.method == "lookup") {
+			const Json *strict = member(params, "strict");
+			if (strict != nullptr && !strict->is_boolean())
+				return error_reply(id, NUQ_E_BADARGS);
 			Json found;
-			if (!iface.lookup(params["keys"], params.value("strict", true), &found))
+			if (!iface.lookup(*keys, strict == nullptr || strict->get<bool>(), &found))
 				return error_reply(id, NUQ_E_NOTFOUND);
 			return result_reply(id, {{"keys", found}});
 		}
-		if (op == "call") {
-			if (!params["method"].is_string())
-				return error_reply(id, NUQ_E_REQUEST);
-			auto m = iface.methods.find(params["method"].get<std::string>());
-			if (m == iface.methods.end())
-				return error_reply(id, NUQ_E_NOMETHOD);
-			// The object may have gone since it was looked up.
-			Json found;
-			if (!iface.lookup(params["keys"], true, &found))
-				return error_reply(id, NUQ_E_NOTFOUND);
-			const Json args = params.contains("args") ? params["args"] : Json::object();
-			Reply reply = m->second(found, args);
-			if (reply.status == NUQ_E_SUCCESS)
-				return result_reply(id, reply.value);
-			return error_reply(id, reply.status, reply.value);
-		}
-		return error_reply(id, NUQ_E_REQUEST);
+		const std::string *method = text_member(params, "method");
+		const Json *args = member(params, "args");
+		if (method == nullptr || (args != nullptr && !args->is_object()))
+			return error_reply(id, NUQ_E_BADARGS);
+		auto m = iface.methods.find(*method);
+		if (m == iface.methods.end())
+			return error_reply(id, NUQ_E_NOMETHOD);
+		// The object may have gone since it was looked up.
+		Json found;
+		if (!iface.lookup(*keys, true, &found))
+			return error_reply(id, NUQ_E_NOTFOUND);
+		Reply reply = m->second(found, args != nullptr ? *args : Json::object());
+		if (reply.status == NUQ_E_SUCCESS)
+			return result_reply(id, reply.value);
+		return error_reply(id, reply.status, reply.value);
 	} catch (const Json::exception &) {
-		return error_reply(id, NUQ_E_BADARGS);	// arguments of the wrong shape
+		// A module that missed a type check still answers cleanly.
+		return error_reply(id, NUQ_E_BADARGS);
 	} catch (const std::exception &) {
 		return error_reply(id, NUQ_E_SYSTEM);
 	}
 }
 
-bool authorised(uid_t uid, gid_t gid)
+bool peer_of(int fd, Caller *caller)
 {
-	if (uid == 0)
+	struct ucred cred {};
+	socklen_t len = sizeof(cred);
+	if (getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
+		return false;
+	caller->uid = cred.uid;
+	caller->gid = cred.gid;
+	caller->pid = cred.pid;
+	// The groups the caller had when it connected; the kernel says how many there are.
+	std::vector<gid_t> groups(16);
+	for (;;) {
+		len = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+		if (getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &len) == 0)
+			break;
+		if (errno != ERANGE || len <= groups.size() * sizeof(gid_t))
+			return false;
+		groups.resize(len / sizeof(gid_t));
+	}
+	groups.resize(len / sizeof(gid_t));
+	caller->groups = std::move(groups);
+	return true;
+}
+
+bool authorised(const Caller &caller, std::optional<gid_t> group)
+{
+	if (caller.uid == 0)
 		return true;
+	if (!group)
+		return false;
+	return caller.gid == *group ||
+	    std::find(caller.groups.begin(), caller.groups.end(), *group) != caller.groups.end();
+}
+
+std::optional<gid_t> group_id(const char *name)
+{
 	struct group grbuf, *gr = nullptr;
-	char buf[8192];
-	if (getgrnam_r("kel", &grbuf, buf, sizeof(buf), &gr) != 0 || gr == nullptr)
-		return false;
-	if (gid == gr->gr_gid)
-		return true;
-	struct passwd pwbuf, *pw = nullptr;
-	char pwtext[8192];
-	if (getpwuid_r(uid, &pwbuf, pwtext, sizeof(pwtext), &pw) != 0 || pw == nullptr)
-		return false;
-	for (char **member = gr->gr_mem; *member != nullptr; member++)
-		if (std::strcmp(*member, pw->pw_name) == 0)
-			return true;
-	return false;
+	std::vector<char> buf(16384);
+	if (getgrnam_r(name, &grbuf, buf.data(), buf.size(), &gr) != 0 || gr == nullptr)
+		return std::nullopt;
+	return gr->gr_gid;
+}
+
+Server::Server(const Dispatcher &dispatcher, Limits limits)
+    : dispatcher_(dispatcher), limits_(limits), group_(group_id("kel"))
+{
 }
 
 Server::~Server()
@@ -121,6 +192,12 @@ Server::~Server()
 			close(fd);
 }
 
+void Server::set_group(std::optional<gid_t> group)
+{
+	std::lock_guard<std::mutex> hold(mutex_);
+	group_ = group;
+}
+
 bool Server::listen(const std::string &path)
 {
 	struct sockaddr_un addr {};
@@ -130,7 +207,9 @@ bool Server::listen(const std::string &path)
 	}
 	if (pipe2(wake_, O_CLOEXEC) != 0)
 		return false;
-	listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	// Non-blocking, so that a connection gone between poll and accept cannot stall the
+	// loop.
+	listen_fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
 	if (listen_fd_ == -1)
 		return false;
 	addr.sun_family = AF_UNIX;
@@ -140,11 +219,18 @@ bool Server::listen(const std::string &path)
 		return false;
 	// Access is decided per caller (root or the kel group), not by the file mode.
 	(void)chmod(path.c_str(), 0666);
-	return ::listen(listen_fd_, 64) == 0;
+	return ::listen(listen_fd_, 128) == 0;
+}
+
+void Server::pause(int ms)
+{
+	struct pollfd wake = {wake_[0], POLLIN, 0};
+	(void)poll(&wake, 1, ms);
 }
 
 void Server::run()
 {
+	int backoff = 0;
 	while (!stopping_) {
 		struct pollfd fds[2] = {{listen_fd_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
 		if (poll(fds, 2, -1) < 0) {
@@ -155,16 +241,79 @@ void Server::run()
 		if (fds[1].revents != 0)
 			break;
 		const int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
-		if (fd == -1)
+		if (fd != -1) {
+			backoff = 0;
+			admit(fd);
 			continue;
-		std::lock_guard<std::mutex> hold(mutex_);
-		clients_.push_back(fd);
-		if (stopping_)
-			shutdown(fd, SHUT_RDWR);	// stop() ran while this one was accepted
-		std::thread([this, fd] { serve(fd); }).detach();
+		}
+		// Out of descriptors or memory the pending connection stays pending and poll
+		// reports it at once: retrying at once would spin. Wait, longer each time.
+		if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+			backoff = std::min(backoff == 0 ? 10 : backoff * 2, 1000);
+			log_limited(accept_failures, log::kErr,
+			    std::string("cannot accept a connection: ") + std::strerror(errno) + "; retrying in " +
+			        std::to_string(backoff) + " ms");
+			pause(backoff);
+		}
 	}
 	std::unique_lock<std::mutex> hold(mutex_);
 	idle_.wait(hold, [this] { return clients_.empty(); });
+}
+
+// The caller is checked once, here, before anything it sent is read: a refused caller
+// gets its answer and the connection is closed.
+void Server::admit(int fd)
+{
+	Caller caller;
+	if (!peer_of(fd, &caller)) {
+		log_limited(refusals, log::kWarning, "refused a caller the kernel cannot name");
+		turn_away(fd, NUQ_E_DENIED);
+		return;
+	}
+	std::unique_lock<std::mutex> hold(mutex_);
+	if (!authorised(caller, group_)) {
+		hold.unlock();
+		log_limited(refusals, log::kWarning,
+		    "refused " + who(caller) + ": neither root nor a member of the kel group");
+		turn_away(fd, NUQ_E_DENIED);
+		return;
+	}
+	const bool root = caller.uid == 0;
+	size_t &mine = per_uid_[caller.uid];
+	if (mine >= (root ? limits_.root : limits_.per_user) || (!root && users_ >= limits_.users)) {
+		const size_t held = mine, all = users_;
+		if (held == 0)
+			per_uid_.erase(caller.uid);
+		hold.unlock();
+		log_limited(refusals, log::kWarning,
+		    "turned away " + who(caller) + ": it holds " + std::to_string(held) +
+		        " connections, all callers but root " + std::to_string(all));
+		turn_away(fd, NUQ_E_BUSY);
+		return;
+	}
+	// A caller that stops reading its replies must not hold a thread for ever.
+	const auto idle = std::chrono::duration_cast<std::chrono::microseconds>(limits_.idle);
+	const struct timeval tv = {static_cast<time_t>(idle.count() / 1000000),
+	    static_cast<suseconds_t>(idle.count() % 1000000)};
+	(void)setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
+	mine++;
+	if (!root)
+		users_++;
+	clients_.push_back(fd);
+	if (stopping_)
+		shutdown(fd, SHUT_RDWR);	// stop() ran while this one was accepted
+	try {
+		std::thread([this, fd, uid = caller.uid] { serve(fd, uid); }).detach();
+	} catch (const std::exception &) {
+		clients_.erase(std::remove(clients_.begin(), clients_.end(), fd), clients_.end());
+		if (--mine == 0)
+			per_uid_.erase(caller.uid);
+		if (!root)
+			users_--;
+		hold.unlock();
+		log_limited(accept_failures, log::kErr, "cannot start a thread for " + who(caller));
+		turn_away(fd, NUQ_E_SYSTEM);
+	}
 }
 
 void Server::stop()
@@ -181,33 +330,27 @@ void Server::stop()
 		shutdown(fd, SHUT_RDWR);
 }
 
-void Server::serve(int fd)
+void Server::serve(int fd, uid_t uid)
 {
-	struct ucred cred {};
-	socklen_t len = sizeof(cred);
-	const bool ok = getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &cred, &len) == 0 &&
-	    authorised(cred.uid, cred.gid);
 	LineReader reader(fd);
 	std::string line;
 	while (!stopping_) {
-		const ReadResult r = reader.read(&line, std::chrono::milliseconds(-1));
+		const ReadResult r = reader.read(&line, limits_.idle);
 		if (r == ReadResult::TooLong) {
 			(void)write_line(fd, error_reply(nullptr, NUQ_E_REQUEST));
 			break;	// the rest of the stream cannot be framed any more
 		}
 		if (r != ReadResult::Line)
-			break;
-		if (!ok) {
-			Json req = Json::parse(line, nullptr, false);
-			const Json id = req.is_object() && req.contains("id") ? req["id"] : Json(nullptr);
-			(void)write_line(fd, error_reply(id, NUQ_E_DENIED));
-			continue;
-		}
+			break;	// closed, failed, or idle too long
 		if (!write_line(fd, dispatcher_.handle(line)))
 			break;
 	}
 	std::lock_guard<std::mutex> hold(mutex_);
 	clients_.erase(std::remove(clients_.begin(), clients_.end(), fd), clients_.end());
+	if (--per_uid_[uid] == 0)
+		per_uid_.erase(uid);
+	if (uid != 0)
+		users_--;
 	close(fd);
 	idle_.notify_all();
 }

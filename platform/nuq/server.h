@@ -5,19 +5,19 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <nlohmann/json.hpp>
+#include "request.h"
 
 namespace nuq {
-
-using Json = nlohmann::json;
 
 // What a method answers: NUQ_E_SUCCESS with a value, NUQ_E_OBJECT with the method's
 // own error record, or another server error.
@@ -26,6 +26,8 @@ struct Reply {
 	Json value;
 };
 
+// Methods and lookups get `keys` and `args` as objects, but their members are the
+// caller's: each is type-checked before use (request.h's accessors).
 using MethodFn = std::function<Reply(const Json &keys, const Json &args)>;
 // Finds the object named by `keys` (all of them with `strict`, else any object that
 // matches those given); fills the object's full keys. false when there is none.
@@ -41,20 +43,50 @@ struct Interface {
 class Dispatcher {
 public:
 	void add(Interface iface);
-	// Answers one request line with one reply line.
-	std::string handle(const std::string &request) const;
+	// Answers one request line with one reply line, whatever the line holds: a
+	// malformed request gets its JSON-RPC error reply, never an exception.
+	std::string handle(const std::string &request) const noexcept;
 
 private:
+	std::string answer(const Request &req) const;
+
 	std::map<std::string, Interface> interfaces_;
 };
 
-// Whether a caller may use the server: root, or a member of the group "kel".
-bool authorised(uid_t uid, gid_t gid);
+// Who called, as the kernel saw the caller when it connected.
+struct Caller {
+	uid_t uid = 0;
+	gid_t gid = 0;
+	pid_t pid = 0;
+	std::vector<gid_t> groups;	// supplementary groups
+};
+
+// The caller at the far end of unix socket `fd`; false when the kernel cannot tell.
+bool peer_of(int fd, Caller *caller);
+// Whether `caller` may use the server: root, or a member of `group` as its primary or
+// one of its supplementary groups. Without a group only root may.
+bool authorised(const Caller &caller, std::optional<gid_t> group);
+// The ID of the group `name`, if there is one.
+std::optional<gid_t> group_id(const char *name);
+
+// What one caller may hold of the server, so that nobody can starve it.
+struct Limits {
+	// A connection that sends no whole request for this long is closed; so is one that
+	// does not read its replies for as long.
+	std::chrono::milliseconds idle{60000};
+	size_t per_user = 32;	// open connections of any one uid but root
+	size_t users = 256;	// open connections of all uids but root together
+	size_t root = 64;	// root's own share, which nobody else can use up
+};
 
 class Server {
 public:
-	explicit Server(const Dispatcher &dispatcher) : dispatcher_(dispatcher) {}
+	// Serves members of the group "kel", as it is when constructed (see set_group).
+	explicit Server(const Dispatcher &dispatcher, Limits limits = {});
 	~Server();
+	// Changes the group whose members may call (nullopt: root only); takes effect for
+	// the next connection.
+	void set_group(std::optional<gid_t> group);
 	// Listens on `path` (replacing a stale socket); false with errno on failure.
 	bool listen(const std::string &path);
 	// Accepts and serves connections until stop() is called; returns once every
@@ -64,15 +96,22 @@ public:
 	void stop();
 
 private:
-	void serve(int fd);
+	void admit(int fd);
+	void serve(int fd, uid_t uid);
+	// Waits `ms` or until stop(); for backing off after a failed accept.
+	void pause(int ms);
 
 	const Dispatcher &dispatcher_;
+	const Limits limits_;
 	int listen_fd_ = -1;
 	int wake_[2] = {-1, -1};
 	std::atomic<bool> stopping_{false};
 	std::mutex mutex_;
 	std::condition_variable idle_;	// signalled as connections end
+	std::optional<gid_t> group_;
 	std::vector<int> clients_;	// open connections, one detached thread each
+	std::map<uid_t, size_t> per_uid_;
+	size_t users_ = 0;	// connections of uids other than root
 };
 
 // Builds the error reply for a request id.

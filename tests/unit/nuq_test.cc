@@ -11,50 +11,35 @@
 #include "client.h"
 #include "nuq_errors.h"
 #include "server.h"
+#include "nuq_fixture.h"
 #include "test_support.h"
 #include "wire.h"
 
 namespace {
 
 using nlohmann::json;
+using kel::test::test_dispatcher;
 
-// A test interface: objects "a" and "b"; "echo" answers its args, "fail" its own error
-// record, "add" wants two numbers.
-nuq::Dispatcher test_dispatcher()
+// The server error a reply carries (0 for a result), checking that it is a JSON-RPC 2.0
+// reply whatever the request was.
+int reply_code(const std::string &reply, json *id = nullptr)
 {
-	nuq::Interface iface;
-	iface.name = "test.Thing";
-	iface.lookup = [](const json &keys, bool strict, json *found) {
-		if (!keys.contains("name")) {
-			if (strict)
-				return false;
-			*found = {{"name", "a"}};	// the first object matches no key at all
-			return true;
-		}
-		const std::string name = keys["name"];
-		if (name != "a" && name != "b")
-			return false;
-		*found = {{"name", name}};
-		return true;
-	};
-	iface.methods["echo"] = [](const json &keys, const json &args) {
-		return nuq::Reply{NUQ_E_SUCCESS, {{"keys", keys}, {"args", args}}};
-	};
-	iface.methods["fail"] = [](const json &, const json &) {
-		return nuq::Reply{NUQ_E_OBJECT, {{"code", 37}, {"why", "it failed"}}};
-	};
-	iface.methods["add"] = [](const json &, const json &args) {
-		return nuq::Reply{NUQ_E_SUCCESS, args.at("x").get<int>() + args.at("y").get<int>()};
-	};
-	nuq::Dispatcher d;
-	d.add(iface);
-	return d;
+	const json r = json::parse(reply, nullptr, false);
+	EXPECT_TRUE(r.is_object() && r.value("jsonrpc", json()) == "2.0" && r.contains("id") &&
+	    r.contains("error") != r.contains("result"))
+	    << reply;
+	if (id != nullptr)
+		*id = r.value("id", json());
+	if (!r.contains("error"))
+		return 0;
+	const json &code = r["error"]["code"];
+	EXPECT_TRUE(code.is_number_integer()) << reply;
+	return nuq::from_wire_code(code.get<long>());
 }
 
-int reply_code(const std::string &reply)
+std::string nested(size_t depth)
 {
-	const json r = json::parse(reply);
-	return r.contains("error") ? r["error"]["code"].get<int>() : 0;
+	return std::string(depth, '[') + std::string(depth, ']');
 }
 
 TEST(NuqDispatch, RequestsAndTheirErrors)
@@ -73,16 +58,82 @@ TEST(NuqDispatch, RequestsAndTheirErrors)
 		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"add","args":{"x":"one"}}})", NUQ_E_BADARGS},
 		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"fail"}})", NUQ_E_OBJECT},
 		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"q"},"method":"echo"}})", NUQ_E_NOTFOUND},
-		{R"({"jsonrpc":"2.0","id":1,"method":"bogus","params":{"interface":"test.Thing","keys":{}}})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":"2.0","id":"x","method":"ping"})", 0},
+		// Members missing or of the wrong type, each checked before it is used.
+		{R"({"jsonrpc":"2.0","id":1,"method":"bogus","params":{"interface":"test.Thing","keys":{}}})", NUQ_E_NOMETHOD},
+		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"keys":{}}})", NUQ_E_BADARGS},
+		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing"}})", NUQ_E_BADARGS},
+		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":5,"keys":{}}})", NUQ_E_BADARGS},
+		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":[]}})", NUQ_E_BADARGS},
+		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{},"strict":"no"}})", NUQ_E_BADARGS},
+		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":7}}})", NUQ_E_BADARGS},
+		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"}}})", NUQ_E_BADARGS},
+		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"echo","args":[1]}})", NUQ_E_BADARGS},
+		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":["echo"]}})", NUQ_E_BADARGS},
 		{R"({"jsonrpc":"1.0","id":1,"method":"lookup","params":{}})", NUQ_E_REQUEST},
-		{R"(not json at all)", NUQ_E_REQUEST},
+		{R"({"jsonrpc":5,"id":1,"method":"ping"})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":null,"id":1,"method":"ping"})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":["2.0"],"id":1,"method":"ping"})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":{"v":"2.0"},"id":1,"method":"ping"})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":true,"id":1,"method":"ping"})", NUQ_E_REQUEST},
+		{R"({"id":1,"method":"ping"})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":"2.0","method":"ping"})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":"2.0","id":{"a":1},"method":"ping"})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":"2.0","id":1,"method":5})", NUQ_E_REQUEST},
+		{R"({"jsonrpc":"2.0","id":1e400,"method":"ping"})", NUQ_E_PARSE},
+		{R"({"jsonrpc":"2.0","id":1,"method":"ping","params":[1]})", NUQ_E_REQUEST},
 		{R"([1,2,3])", NUQ_E_REQUEST},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":5,"keys":{}}})", NUQ_E_REQUEST},
+		{R"("ping")", NUQ_E_REQUEST},
+		{R"(not json at all)", NUQ_E_PARSE},
+		{"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"\xff\"}", NUQ_E_PARSE},
+		{"", NUQ_E_PARSE},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.request);
 		EXPECT_EQ(reply_code(d.handle(c.request)), c.code);
 	}
+}
+
+TEST(NuqDispatch, ErrorsUseTheProtocolsCodesAndNameTheRequest)
+{
+	const nuq::Dispatcher d = test_dispatcher();
+	struct {
+		std::string request;
+		long wire;
+		json id;
+	} cases[] = {
+		{"{", -32700, nullptr},
+		{R"({"jsonrpc":5,"id":"r1","method":"ping"})", -32600, "r1"},
+		{R"({"jsonrpc":"2.0","id":[1],"method":"ping"})", -32600, nullptr},
+		{R"({"jsonrpc":"2.0","id":2,"method":"nope"})", -32601, 2},
+		{R"({"jsonrpc":"2.0","id":3,"method":"lookup","params":{"keys":{}}})", -32602, 3},
+		{R"({"jsonrpc":"2.0","id":4,"method":"lookup","params":{"interface":"x","keys":{}}})", -32006, 4},
+	};
+	for (const auto &c : cases) {
+		SCOPED_TRACE(c.request);
+		const json r = json::parse(d.handle(c.request));
+		EXPECT_EQ(r["error"]["code"], c.wire);
+		EXPECT_EQ(r["id"], c.id);
+	}
+}
+
+// Deep nesting anywhere in a line (the id, the params, an argument) is refused before
+// anything recursive sees it; nesting our own requests use is served.
+TEST(NuqDispatch, NestingIsBounded)
+{
+	const nuq::Dispatcher d = test_dispatcher();
+	const std::string deep = nested(65000);
+	const std::string call = R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"echo","args":{"x":)";
+	for (const std::string &line : {deep, R"({"jsonrpc":"2.0","id":)" + deep + R"(,"method":"ping"})",
+	         call + deep + "}}}", call + nested(nuq::kMaxNesting) + "}}}"}) {
+		SCOPED_TRACE(line.substr(0, 40));
+		EXPECT_EQ(reply_code(d.handle(line)), NUQ_E_PARSE);
+	}
+	EXPECT_EQ(reply_code(d.handle(call + nested(nuq::kMaxNesting - 3) + "}}}")), 0);
+	// Brackets inside strings are text, not nesting.
+	EXPECT_EQ(reply_code(d.handle(call + "\"" + std::string(100, '[') + "\\\"[\"}}}")), 0);
+	EXPECT_TRUE(nuq::nesting_within("]]]]", 1));
+	EXPECT_FALSE(nuq::nesting_within("]]]][[", 1));
 }
 
 // A server on a socket in the scratch tree, run in a thread for one test.
@@ -91,24 +142,18 @@ protected:
 	void SetUp() override
 	{
 		ScratchRoot::SetUp();
-		socket_ = path("s.sock");
-		ASSERT_TRUE(server_.listen(socket_));
-		thread_ = std::thread([this] { server_.run(); });
+		server_ = std::make_unique<kel::test::TestServer>(path("s.sock"));
 	}
 	void TearDown() override
 	{
-		server_.stop();
-		thread_.join();
+		server_.reset();
 		unsetenv("KEL_NUQ_TIMEOUT_MS");
 		ScratchRoot::TearDown();
 	}
 
-	nuq_conn_t *connect() { return kel::test::connect_unix(socket_); }
+	nuq_conn_t *connect() { return kel::test::connect_unix(server_->socket()); }
 
-	nuq::Dispatcher dispatcher_ = test_dispatcher();
-	nuq::Server server_{dispatcher_};
-	std::thread thread_;
-	std::string socket_;
+	std::unique_ptr<kel::test::TestServer> server_;
 };
 
 TEST_F(NuqServer, LookupsAndCallsRoundTrip)
@@ -177,26 +222,6 @@ TEST_F(NuqServer, OversizedRequestsAreAnsweredAndTheConnectionClosed)
 	EXPECT_EQ(nuq::call(thing, "add", {{"x", 1}, {"y", 1}}, &result, nullptr), 0);
 	nuq_instance_rele(thing);
 	nuq_disconnect(conn);
-}
-
-TEST_F(NuqServer, CallersOutsideTheKelGroupAreRefused)
-{
-	struct passwd *nobody = getpwnam("nobody");
-	if (nobody == nullptr)
-		GTEST_SKIP() << "no user 'nobody' here";
-	std::filesystem::permissions(path(""), std::filesystem::perms::all);
-	const int status = kel::test::in_child([&] {
-		if (setgid(nobody->pw_gid) != 0 || setuid(nobody->pw_uid) != 0)
-			return 10;
-		nuq_conn_t *conn = connect();
-		if (conn == nullptr)
-			return 11;
-		nuq_instance_t *thing = nullptr;
-		const int rc = nuq_lookup(conn, "test.Thing", 1, &thing, 1, "name", "a");
-		nuq_disconnect(conn);
-		return rc == NUQ_E_DENIED ? 0 : 12;
-	});
-	EXPECT_EQ(status, 0);
 }
 
 // A peer that reads one request and then does what `then` says: close, or stay silent.

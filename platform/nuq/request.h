@@ -1,0 +1,47 @@
+// A request line as the server reads it: bounded nesting, the JSON-RPC 2.0 envelope
+// checked member by member, and typed access to the members of what it carries. Nothing
+// here throws on a caller's bytes; a shape that does not fit is an error number.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+namespace nuq {
+
+using Json = nlohmann::json;
+
+// The deepest nesting of arrays and objects a request may have. Our own requests nest
+// four deep; a much deeper line is an attack on the parser's and printer's recursion.
+inline constexpr int kMaxNesting = 32;
+
+// Whether the arrays and objects of `text` nest at most `limit` deep. Counted by a
+// scan, without parsing (brackets inside strings do not count), so that no line
+// reaches a recursive parser or printer unchecked.
+bool nesting_within(std::string_view text, int limit);
+
+struct Request {
+	Json id;	// a string, a number or null: all the protocol allows
+	std::string method;
+	Json params;	// an object
+};
+
+// Reads one line into *req: NUQ_E_SUCCESS, NUQ_E_PARSE (not JSON, or too deep) or
+// NUQ_E_REQUEST (not a request). On failure req->id is the request's id when it had a
+// valid one, else null, as the error reply must carry.
+int parse_request(const std::string &line, Request *req);
+
+// Member `name` of `obj`; nullptr when `obj` is not an object or has no such member.
+const Json *member(const Json &obj, const char *name);
+// Member `name` of `obj` when it is a string; nullptr otherwise.
+const std::string *text_member(const Json &obj, const char *name);
+// An optional text member: true with *out NULL when absent or null, or with its text;
+// false when it is there with another type.
+bool optional_text(const Json &obj, const char *name, const char **out);
+
+// A reply line; values that are not valid UTF-8 are sent with replacement characters
+// rather than failing the reply.
+std::string dump_line(const Json &value);
+
+}  // namespace nuq
