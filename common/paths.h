@@ -2,6 +2,8 @@
 // (tests and demos run in a scratch tree), else below "/".
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace kel::paths {
@@ -13,5 +15,11 @@ inline constexpr const char *kRunDir = "/run/kel";
 
 // `absolute` (a path beginning with "/") placed under the configured root.
 std::string under_root(const char *absolute);
+
+// Creates `dir` and any missing parents with exactly `mode`, whatever the umask: an
+// umask of 077 must not hide settings from the users who read them, nor one of 0 make
+// the fabric's directories writable by everyone. Directories already there keep theirs.
+// false with errno on failure.
+bool make_dirs(const std::string &dir, mode_t mode);
 
 }  // namespace kel::paths

@@ -51,7 +51,7 @@ nuq::Interface daemon_interface(const DaemonState &state)
 	};
 	iface.methods["info"] = [&state](const nuq::Json &, const nuq::Json &) {
 		return nuq::Reply{NUQ_E_SUCCESS,
-		    {{"version", "1.1"}, {"pid", getpid()}, {"reloads", state.reloads()},
+		    {{"version", KELD_VERSION}, {"pid", getpid()}, {"reloads", state.reloads()},
 		        {"controller", state.settings().controller}}};
 	};
 	return iface;

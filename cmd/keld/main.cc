@@ -5,22 +5,27 @@
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 
 #include "daemon_module.h"
 #include "harl.h"
 #include "kelcntl.h"
+#include "log.h"
+#include "notify.h"
 #include "paths.h"
+#include "pid_file.h"
 #include "server.h"
 
 namespace {
@@ -32,17 +37,30 @@ constexpr const char *kUsage =
 std::string socket_path() { return kel::paths::under_root("/run/kel/keld.sock"); }
 std::string pid_path() { return kel::paths::under_root("/run/kel/keld.pid"); }
 
-// Whether a keld named by the pid file is alive.
-bool running(pid_t *pid)
+void say(int priority, const std::string &text)
 {
-	std::ifstream in(pid_path());
-	long p = 0;
-	if (!(in >> p) || p <= 0 || kill(static_cast<pid_t>(p), 0) != 0)
-		return false;
-	std::ifstream comm("/proc/" + std::to_string(p) + "/comm");
-	std::string name;
-	*pid = static_cast<pid_t>(p);
-	return std::getline(comm, name) && name == "keld";
+	nuq::log::write(priority, text);
+}
+
+// Room for every connection the server admits and the descriptors its calls open (the
+// store, netlink and nftables sockets), beyond the usual soft limit of 1,024.
+void raise_file_limit()
+{
+	struct rlimit files;
+	if (getrlimit(RLIMIT_NOFILE, &files) != 0 || files.rlim_cur >= 65536)
+		return;
+	files.rlim_cur = std::min<rlim_t>(files.rlim_max, 65536);
+	if (setrlimit(RLIMIT_NOFILE, &files) != 0)
+		say(nuq::log::kWarning, std::string("cannot raise the open file limit: ") + std::strerror(errno));
+}
+
+// Members of the group "kel" may call; looked up again at each reload.
+void admit_kel_group(nuq::Server &server)
+{
+	const std::optional<gid_t> group = nuq::group_id("kel");
+	if (!group)
+		say(nuq::log::kWarning, "there is no group kel: only root may call");
+	server.set_group(group);
 }
 
 // Copies from one descriptor to another until end of file; false on an error.
@@ -95,13 +113,24 @@ int bridge(const char *path)
 
 int serve()
 {
-	std::error_code ec;
-	std::filesystem::create_directories(std::filesystem::path(socket_path()).parent_path(), ec);
-	pid_t other;
-	if (running(&other)) {
-		std::fprintf(stderr, "keld: already running as pid %d\n", static_cast<int>(other));
+	nuq::log::enable(STDERR_FILENO);
+	const std::string run_dir = std::filesystem::path(socket_path()).parent_path();
+	if (!kel::paths::make_dirs(run_dir, 0755)) {
+		say(nuq::log::kErr, "cannot make " + run_dir + ": " + std::strerror(errno));
 		return 1;
 	}
+	// The lock decides which of several kelds started at once runs; the others stop
+	// here, before touching the socket.
+	keld::PidFile pidfile;
+	pid_t other = 0;
+	if (const int err = pidfile.acquire(pid_path(), &other); err != 0) {
+		if (err == EWOULDBLOCK)
+			say(nuq::log::kErr, "already running as pid " + std::to_string(other));
+		else
+			say(nuq::log::kErr, "cannot lock " + pid_path() + ": " + std::strerror(err));
+		return 1;
+	}
+	raise_file_limit();
 	// Signals are taken by one thread with sigwait; every other thread blocks them.
 	sigset_t signals;
 	sigemptyset(&signals);
@@ -119,32 +148,43 @@ int serve()
 	dispatcher.add(kelcntl::kel_interface());
 	dispatcher.add(kelcntl::controller_interface());
 	nuq::Server server(dispatcher);
+	admit_kel_group(server);
 	if (!server.listen(socket_path())) {
-		std::fprintf(stderr, "keld: cannot listen on %s: %s\n", socket_path().c_str(),
-		    std::strerror(errno));
+		say(nuq::log::kErr, "cannot listen on " + socket_path() + ": " + std::strerror(errno));
 		return 1;
 	}
-	{
-		std::ofstream pidfile(pid_path());
-		pidfile << getpid() << "\n";
-	}
+	say(nuq::log::kNotice, "keld " KELD_VERSION " started as pid " + std::to_string(getpid()) +
+	        ", serving " + socket_path());
+	keld::notify(("READY=1\nMAINPID=" + std::to_string(getpid())).c_str());
 	std::thread waiter([&] {
 		for (;;) {
 			int sig = 0;
 			if (sigwait(&signals, &sig) != 0)
 				continue;
 			if (sig == SIGHUP) {
+				struct timespec now;
+				clock_gettime(CLOCK_MONOTONIC, &now);
+				const long long usec = now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+				keld::notify(("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(usec)).c_str());
 				state.reload();
+				admit_kel_group(server);
+				const std::string controller = state.settings().controller;
+				say(nuq::log::kInfo, "reloaded the configuration; controller " +
+				        (controller.empty() ? std::string("unset") : controller));
+				keld::notify("READY=1");
 				continue;
 			}
+			say(nuq::log::kNotice, std::string("stopping on ") + sigabbrev_np(sig));
+			keld::notify("STOPPING=1");
 			server.stop();
 			return;
 		}
 	});
 	server.run();
 	waiter.join();
-	std::filesystem::remove(pid_path(), ec);
+	std::error_code ec;
 	std::filesystem::remove(socket_path(), ec);
+	say(nuq::log::kNotice, "stopped");
 	return 0;
 }
 

@@ -1,6 +1,7 @@
 #include "instance_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -144,8 +145,9 @@ int write_atomically(const std::string &path, const std::string &text)
 	const int fd = open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
 	if (fd == -1)
 		return errno == EACCES ? VUR_ERROR_PERMISSION_DENIED : VUR_ERROR_BACKEND_ACCESS;
-	bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-	    fsync(fd) == 0;
+	// Readable by every user whatever the umask: the settings are not secret.
+	bool ok = fchmod(fd, 0644) == 0 &&
+	    write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(fd) == 0;
 	ok = close(fd) == 0 && ok;
 	if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
 		unlink(tmp.c_str());
@@ -213,8 +215,8 @@ int load(const std::string &path, InstanceFile *out)
 
 int update(const std::string &path, const std::function<int(InstanceFile &)> &change)
 {
-	std::error_code ec;
-	std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+	if (!kel::paths::make_dirs(std::filesystem::path(path).parent_path(), 0755))
+		return errno == EACCES ? VUR_ERROR_PERMISSION_DENIED : VUR_ERROR_BACKEND_ACCESS;
 	LockFile lock(path + ".lock");
 	if (!lock.lock())
 		return VUR_ERROR_BACKEND_ACCESS;

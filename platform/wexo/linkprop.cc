@@ -50,8 +50,8 @@ Props load(const std::string &link)
 
 bool save(const std::string &link, const Props &props)
 {
-	std::error_code ec;
-	std::filesystem::create_directories(std::filesystem::path(state_path(link)).parent_path(), ec);
+	if (!kel::paths::make_dirs(std::filesystem::path(state_path(link)).parent_path(), 0755))
+		return false;
 	const std::string tmp = state_path(link) + ".tmp";
 	{
 		std::ofstream out(tmp);

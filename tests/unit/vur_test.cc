@@ -1,5 +1,6 @@
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -71,6 +72,25 @@ TEST_F(Repository, ValuesPersistReadablyAndTyped)
 	EXPECT_NE(text.find("[config]\ntype = application\n"), std::string::npos) << text;
 	EXPECT_NE(text.find("controller astring = unix://\n"), std::string::npos) << text;
 	EXPECT_NE(text.find("endpoint net_address = 192.168.10.5/24\n"), std::string::npos) << text;
+}
+
+// The settings are for every user to read, and for root alone to write, whatever umask
+// the writer had.
+TEST_F(Repository, ModesDoNotDependOnTheUmask)
+{
+	namespace fs = std::filesystem;
+	for (const mode_t mask : {mode_t{077}, mode_t{0}}) {
+		SCOPED_TRACE(mask);
+		fs::remove_all(path("etc/kel/svc"));
+		const mode_t old = umask(mask);
+		const int rc = set("controller", "unix://");
+		umask(old);
+		ASSERT_EQ(rc, KEL_SUCCESS);
+		for (const char *dir : {"etc/kel/svc", "etc/kel/svc/network", "etc/kel/svc/network/kel"})
+			EXPECT_EQ(fs::status(path(dir)).permissions(), static_cast<fs::perms>(0755)) << dir;
+		EXPECT_EQ(fs::status(path("etc/kel/svc/network/kel/default.conf")).permissions(),
+		    static_cast<fs::perms>(0644));
+	}
 }
 
 TEST_F(Repository, DeletingProperties)
