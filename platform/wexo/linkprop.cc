@@ -5,7 +5,6 @@
 #include <netlink/route/link.h>
 #include <netlink/route/link/vlan.h>
 #include <netlink/route/qdisc.h>
-#include <netlink/route/qdisc/tbf.h>
 #include <nftables/libnftables.h>
 
 #include <cstdio>
@@ -21,6 +20,7 @@
 #include "kelnet.h"
 #include "link_internal.h"
 #include "paths.h"
+#include "tbf.h"
 
 namespace {
 
@@ -191,27 +191,19 @@ wexo_status_t apply_nft(const std::string &rules)
 
 wexo_status_t apply_maxbw(struct nl_sock *sock, int ifindex, const std::string &value)
 {
+	if (!value.empty()) {
+		uint64_t bps = 0;
+		(void)wexo_str2bw(value.c_str(), &bps);
+		return wexo::tbf_set(sock, ifindex, bps);
+	}
 	struct rtnl_qdisc *q = rtnl_qdisc_alloc();
 	if (q == nullptr)
 		return WEXO_NOMEM;
 	rtnl_tc_set_ifindex(TC_CAST(q), ifindex);
 	rtnl_tc_set_parent(TC_CAST(q), TC_H_ROOT);
-	int err;
-	if (value.empty()) {
-		err = rtnl_qdisc_delete(sock, q);
-		if (err == -NLE_OBJ_NOTFOUND || err == -NLE_NOADDR || err == -NLE_INVAL)
-			err = 0;	// nothing to remove
-	} else {
-		uint64_t bps = 0;
-		(void)wexo_str2bw(value.c_str(), &bps);
-		// tbf counts bytes per second in 32 bits; beyond that there is nothing to cap.
-		const uint64_t rate = bps / 8 > 0x7fffffff ? 0x7fffffff : (bps / 8 ? bps / 8 : 1);
-		const int bucket = static_cast<int>(rate / 100 > 16384 ? rate / 100 : 16384);	// 10 ms
-		rtnl_tc_set_kind(TC_CAST(q), "tbf");
-		rtnl_qdisc_tbf_set_rate(q, static_cast<int>(rate), bucket, 0);
-		rtnl_qdisc_tbf_set_limit_by_latency(q, 50000);
-		err = rtnl_qdisc_add(sock, q, NLM_F_CREATE | NLM_F_REPLACE);
-	}
+	int err = rtnl_qdisc_delete(sock, q);
+	if (err == -NLE_OBJ_NOTFOUND || err == -NLE_NOADDR || err == -NLE_INVAL)
+		err = 0;	// nothing to remove
 	rtnl_qdisc_put(q);
 	return err == 0 ? WEXO_SUCCESS : wexo_from_nl(err);
 }

@@ -245,6 +245,15 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 	ASSERT_EQ(set_prop(a_, "maxbw", ""), WEXO_SUCCESS);
 	EXPECT_FALSE(a_.exec("sh -c '" + tc + " | grep -q tbf'"));
 
+	// Caps beyond what 32 bits of bytes per second hold are programmed as they are.
+	for (const char *rate : {"25G", "40G", "100G", "8K"}) {
+		SCOPED_TRACE(rate);
+		const std::string shown = std::string(rate) + "bit";
+		ASSERT_EQ(set_prop(a_, "maxbw", rate), WEXO_SUCCESS);
+		EXPECT_TRUE(a_.exec("sh -c '" + tc + " | grep -q \"tbf.*rate " + shown + " \"'"));
+	}
+	ASSERT_EQ(set_prop(a_, "maxbw", ""), WEXO_SUCCESS);
+
 	// Values are checked; cos is kept and reported.
 	EXPECT_EQ(set_prop(a_, "maxbw", "fast"), WEXO_BADARG);
 	EXPECT_EQ(set_prop(a_, "protection", "mac-spoof"), WEXO_BADARG);
