@@ -4,12 +4,14 @@
 #include <unistd.h>
 #include <uuid/uuid.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
 #include "filter.h"
+#include "kelnet.h"
 #include "pool.h"
 #include "range.h"
 #include "records.h"
@@ -218,6 +220,20 @@ int kel_macaddr_random(uint8_t *mac, size_t len)
 	}
 	close(fd);
 	return got == len ? 0 : -1;
+}
+
+int kel_parse_port_mac(const char *given, uint8_t mac[6], char (&text)[18])
+{
+	int len = 0;
+	unsigned char *bytes = _link_aton(given, &len);
+	const bool ok = bytes != nullptr && len == 6 && (bytes[0] & 1) == 0 &&
+	    std::any_of(bytes, bytes + 6, [](unsigned char b) { return b != 0; });
+	if (ok) {
+		std::memcpy(mac, bytes, 6);
+		_link_ntoa(mac, text, 6, 1);
+	}
+	std::free(bytes);
+	return ok ? KEL_SUCCESS : KEL_E_INVALID_MACADDR;
 }
 
 int kel_check_ipnet_overlap(kel_dbhandle_t h, const kel_ipnet_t *ipnet)

@@ -37,6 +37,13 @@ extern const uint8_t vport_def_prefix[3];
 // fails.
 int kel_macaddr_random(uint8_t *mac, size_t len);
 boolean_t kel_db_macaddr_exists(kel_dbhandle_t h, const char *mac);
+// Whether a port's macaddr is the 6-octet address `mac`, however it is spelled (with or
+// without leading zeros, in either case).
+boolean_t kel_db_macaddr_value_taken(kel_dbhandle_t h, const uint8_t *mac);
+// A port's MAC address: 6 octets, unicast and not all zero. KEL_SUCCESS with the octets
+// in `mac` and the canonical spelling (lower case, no leading zeros) in `text`, else
+// KEL_E_INVALID_MACADDR.
+int kel_parse_port_mac(const char *given, uint8_t mac[6], char (&text)[18]);
 
 int kel_check_ipnet_overlap(kel_dbhandle_t h, const kel_ipnet_t *ipnet);
 int kel_valid_poolrange(const char *pool, const char *defrouter, const kel_ipnet_t *ipnet);

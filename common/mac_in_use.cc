@@ -1,11 +1,18 @@
-// Whether a MAC text is taken: it occurs, ignoring ASCII case, inside some port's property
-// string. The plain answer is a LIKE over every port; for the six-group texts the library
-// hands out and checks, two index lookups give the same answer without visiting every port.
+// Whether a MAC address is taken. As text: it occurs, ignoring ASCII case, inside some
+// port's property string. The plain answer is a LIKE over every port; for the six-group
+// texts the library hands out and checks, two index lookups give the same answer without
+// visiting every port. As a value: some port's macaddr is the same address, however
+// either is spelled.
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <string>
+#include <vector>
 
 #include "allocator.h"
+#include "kelnet.h"
 #include "mac_index.h"
 #include "sql.h"
 #include "store_handle.h"
@@ -47,4 +54,48 @@ boolean_t kel_db_macaddr_exists(kel_dbhandle_t h, const char *mac)
 		    : B_FALSE;
 	const std::string tail = text.substr(text.find(':'));
 	return found(h->edh_db, KEL_SQL_MAC_TAKEN, {tail, tail + "g", pattern}) ? B_TRUE : B_FALSE;
+}
+
+namespace {
+
+// The spellings of the octets after the first, each led by its colon, as the key index
+// holds them (lower case): an octet below 0x10 may be written with or without its
+// leading zero.
+std::vector<std::string> key_spellings(const uint8_t *mac)
+{
+	std::vector<std::string> keys = {""};
+	for (int i = 1; i < 6; i++) {
+		char one[4], two[4];
+		std::snprintf(one, sizeof(one), "%x", mac[i]);
+		std::snprintf(two, sizeof(two), "%02x", mac[i]);
+		std::vector<std::string> next;
+		for (const std::string &k : keys) {
+			next.push_back(k + ":" + one);
+			if (std::strcmp(one, two) != 0)
+				next.push_back(k + ":" + two);
+		}
+		keys = std::move(next);
+	}
+	return keys;
+}
+
+}  // namespace
+
+boolean_t kel_db_macaddr_value_taken(kel_dbhandle_t h, const uint8_t *mac)
+{
+	bool taken = false;
+	for (const std::string &key : key_spellings(mac)) {
+		const int rc = kel::for_each_row(h->edh_db,
+		    "SELECT " KEL_SQL_MACVAL " FROM vport_tbl WHERE " KEL_SQL_MACKEY " = ?1", {key},
+		    [&](kel::Statement &st) {
+			    int len = 0;
+			    unsigned char *theirs = st.text(0) != nullptr ? _link_aton(st.text(0), &len) : nullptr;
+			    taken = theirs != nullptr && len == 6 && std::memcmp(theirs, mac, 6) == 0;
+			    std::free(theirs);
+			    return taken ? KEL_E_CONTINUE : KEL_SUCCESS;
+		    });
+		if (taken || (rc != KEL_SUCCESS && rc != KEL_E_CONTINUE))
+			return taken ? B_TRUE : B_FALSE;
+	}
+	return B_FALSE;
 }

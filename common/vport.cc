@@ -35,13 +35,23 @@ void take(attrset_t *set, const char *name, char *out, size_t size, const char *
 	}
 }
 
-// A free MAC address: `given`, unless taken, or a random one not in use.
-int pick_mac(kel_dbhandle_t h, const char *given, char (&mac)[18])
+// The port's MAC that a caller asked for: its text as given, its octets and their
+// canonical spelling.
+struct GivenMac {
+	const char *text;
+	uint8_t bytes[6];
+	char canonical[18];
+};
+
+// A free MAC address: the one given, unless taken, or a random one not in use. Taken
+// means the text occurs in some port's properties, or some port has the same address
+// however it is spelled.
+int pick_mac(kel_dbhandle_t h, const GivenMac *given, char (&mac)[18])
 {
-	if (std::strcmp(given, "auto") != 0) {
-		if (kel_db_macaddr_exists(h, given))
+	if (given != nullptr) {
+		if (kel_db_macaddr_exists(h, given->text) || kel_db_macaddr_value_taken(h, given->bytes))
 			return KEL_E_MACADDR_INUSE;
-		kel::copy_text(mac, given, sizeof(mac));
+		kel::copy_text(mac, given->canonical, sizeof(mac));
 		return KEL_SUCCESS;
 	}
 	for (;;) {
@@ -49,7 +59,7 @@ int pick_mac(kel_dbhandle_t h, const char *given, char (&mac)[18])
 		if (kel_macaddr_random(bytes, sizeof(bytes)) != 0)
 			return KEL_E_MACADDR_RANDOM;
 		_link_ntoa(bytes, mac, 6, 1);
-		if (!kel_db_macaddr_exists(h, mac))
+		if (!kel_db_macaddr_exists(h, mac) && !kel_db_macaddr_value_taken(h, bytes))
 			return KEL_SUCCESS;
 	}
 }
@@ -100,6 +110,11 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	take(set.get(), "ipaddr", given_addr, sizeof(given_addr), "auto");
 	take(set.get(), "macaddr", given_mac, sizeof(given_mac), "auto");
 	kel_take_uuid(set.get(), uuidtext);
+	// A port's MAC is one Ethernet unicast address, kept in one spelling.
+	GivenMac given{given_mac, {}, {}};
+	const bool mac_given = std::strcmp(given_mac, "auto") != 0;
+	if (mac_given && (rc = kel_parse_port_mac(given_mac, given.bytes, given.canonical)) != KEL_SUCCESS)
+		return rc;
 
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
@@ -134,7 +149,7 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 			// The network names its switch: reading the switch itself would read all its ports.
 			char keluuid[kUuidTextLen];
 			uuid_unparse(ip->ei_keluuid, keluuid);
-			if ((rc = pick_mac(h, given_mac, mac)) == KEL_SUCCESS &&
+			if ((rc = pick_mac(h, mac_given ? &given : nullptr, mac)) == KEL_SUCCESS &&
 			    (rc = attrset_add_string(set.get(), "macaddr", mac) == 0 ? KEL_SUCCESS : KEL_E_NOMEM) ==
 			        KEL_SUCCESS &&
 			    (rc = kel_attrset2str(set.get(), &text)) == KEL_SUCCESS)

@@ -74,6 +74,50 @@ TEST_F(Vports, AddressesAndMacs)
 	EXPECT_FALSE(kel_db_vport_exists(h_, "sys-global", "bare", "p1"));
 }
 
+// A port's MAC is a 6-octet unicast address, stored in one spelling; an address equal in
+// value to a port's is taken, however either is spelled.
+TEST_F(Vports, MacsAreUnicastAddressesTakenByValue)
+{
+	// A store written by hand or an older version holds a zero-padded, upper-case MAC.
+	const std::string web = value("SELECT kel_uuid FROM kel_tbl WHERE kel_name = 'web'");
+	sql("INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props) VALUES "
+	    "('" + uuid(900) + "', '" + web + "', 'old', 'macaddr=02:0B:20:AA:0B:0C')");
+	struct {
+		const char *given;
+		int rc;
+		const char *stored;
+	} cases[] = {
+		{"2:8:20:99:35:4f", KEL_SUCCESS, "2:8:20:99:35:4f"},
+		{"02:08:20:99:35:4F", KEL_E_MACADDR_INUSE, nullptr},
+		{"02:08:20:99:35:4f", KEL_E_MACADDR_INUSE, nullptr},
+		{"2:b:20:aa:b:c", KEL_E_MACADDR_INUSE, nullptr},	// the old port's, respelled
+		{"02:0A:00:00:00:01", KEL_SUCCESS, "2:a:0:0:0:1"},
+		{"2:a:0:0:0:01", KEL_E_MACADDR_INUSE, nullptr},
+		{"1:2:3:4:5", KEL_E_INVALID_MACADDR, nullptr},
+		{"1:2:3:4:5:6:7", KEL_E_INVALID_MACADDR, nullptr},
+		{"3:0:0:0:0:1", KEL_E_INVALID_MACADDR, nullptr},	// a multicast address
+		{"ff:ff:ff:ff:ff:ff", KEL_E_INVALID_MACADDR, nullptr},
+		{"0:0:0:0:0:0", KEL_E_INVALID_MACADDR, nullptr},
+		{"2:8:20:99:35", KEL_E_INVALID_MACADDR, nullptr},
+	};
+	int n = 0;
+	for (const auto &c : cases) {
+		SCOPED_TRACE(c.given);
+		const std::string name = "m" + std::to_string(n++);
+		const std::string props = std::string("macaddr=") + c.given;
+		kel_vport_t *vp = nullptr;
+		EXPECT_EQ(kel_db_add_vport(h_, "sys-global", "web", name.c_str(), props.c_str(), &vp, 0), c.rc);
+		if (c.stored != nullptr && vp != nullptr) {
+			char *mac = nullptr;
+			EXPECT_EQ(attrset_lookup_string(vp->evp_props, "macaddr", &mac), 0);
+			EXPECT_STREQ(mac, c.stored);
+		}
+		kel_free_vport(vp);
+	}
+	// Refused adds gave their addresses back.
+	EXPECT_EQ(pools(), "10.0.0.4-10.0.0.254|10.0.0.4-10.0.0.254");
+}
+
 TEST_F(Vports, AFailedAddGivesTheAddressBack)
 {
 	// Fail each statement in turn until the add runs through.
