@@ -70,7 +70,7 @@ std::string ipnet_filter(const uuid_t uu)
 
 int kel_filter(const char *tenant, const char *kel, char (&filter)[kFilterLen])
 {
-	return kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", kel);
+	return kel::names_filter(filter, tenant, kel);
 }
 
 }  // namespace

@@ -185,6 +185,9 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 
 int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *extra)
 {
+	// Both go into a filter: a comma in either would add an alternative to it.
+	if (!kel_valid_zonevnicname(vnic) || !valid_hostname(host))
+		return KEL_E_INVALID_ARGS;
 	char filter[1024];
 	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "host", host, "vnic", vnic);
 	if (rc != KEL_SUCCESS)

@@ -118,6 +118,9 @@ int listing_filter(attrset_t *names, const char *host, std::string *filter, bool
 
 int list_ctrlprops(kel_dbhandle_t h, const char *propnames, const char *host, list_t *list)
 {
+	// The host goes into a filter; "" names the fabric-wide rows.
+	if (host != nullptr && *host != '\0' && !valid_hostname(host))
+		return KEL_E_INVALID_HOSTNAME;
 	attrset_t *parsed = nullptr;
 	if (propnames != nullptr) {
 		int rc = kel_str2attrset(propnames, &parsed, B_FALSE, ATTRSET_UNIQUE_NAME);
@@ -250,6 +253,8 @@ int kel_parse_ctrlprop(attrset_t *props, char **pname, char **pval, kel_ctrlprop
 int kel_db_get_one_hostprop(kel_dbhandle_t h, const char *host, const char *pname,
     data_type_t type, void *buf, size_t size)
 {
+	if (host != nullptr && *host != '\0' && !valid_hostname(host))
+		return KEL_E_INVALID_HOSTNAME;
 	const std::string filter = std::string("ctrl_pname=") + pname + ",ctrl_host=" + (host ? host : "");
 	if (!kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_pname", DATA_TYPE_STRING,
 	        pname, "ctrl_host", DATA_TYPE_STRING, host ? host : ""))

@@ -449,3 +449,16 @@ void kel_filterstr2regex(char *text)
 }
 
 }  // extern "C"
+
+namespace kel {
+
+int names_filter(char *out, size_t size, const char *tenant, const char *kel, const char *key,
+    const char *value)
+{
+	if (!names_valid({tenant, kel, key != nullptr ? value : nullptr}))
+		return KEL_E_INVALID_NAME;
+	return kel_create_attrstr(out, size, nullptr, key != nullptr ? 3 : 2, "tenant", tenant, "kel",
+	    kel, key, value);
+}
+
+}  // namespace kel

@@ -73,3 +73,22 @@ int kel_db_set_filtered_value(kel_dbhandle_t h, const char *table, const char *c
 boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op,
     const char *table, int count, ...);
 boolean_t kel_is_compatible_filter(const char *key, kel_type_t type);
+
+namespace kel {
+
+// The filter that selects the objects a caller named: "tenant=T,kel=K", and "KEY=V"
+// when `key` is given. Each text given must be a valid name (or a UUID text), else
+// KEL_E_INVALID_NAME before anything is composed: a comma in one would add an
+// alternative to the filter, an empty one would drop its key. A NULL text leaves its
+// key out, for operations whose callers ask for every such object that way.
+int names_filter(char *out, size_t size, const char *tenant, const char *kel,
+    const char *key = nullptr, const char *value = nullptr);
+
+template <size_t N>
+int names_filter(char (&out)[N], const char *tenant, const char *kel, const char *key = nullptr,
+    const char *value = nullptr)
+{
+	return names_filter(out, N, tenant, kel, key, value);
+}
+
+}  // namespace kel

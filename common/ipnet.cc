@@ -139,8 +139,7 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 
 	char filter[kFilterLen];
 	list_t kels;
-	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel",
-	         kelname)) != KEL_SUCCESS ||
+	if ((rc = kel::names_filter(filter, tenant, kelname)) != KEL_SUCCESS ||
 	    (rc = kel_db_get_filtered_kellist(h, filter, &kels, 0)) != KEL_SUCCESS)
 		return rc;
 	auto *kel = static_cast<kel_t *>(list_head(&kels));
@@ -180,8 +179,7 @@ int remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, cons
 	if (!kel_valid_name(name))
 		return KEL_E_INVALID_NAME;
 	char filter[kFilterLen];
-	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "kel",
-	    kelname, "ipnet", name);
+	int rc = kel::names_filter(filter, tenant, kelname, "ipnet", name);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kel::StoreLock lock(h);
@@ -196,8 +194,7 @@ int remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, cons
 	kel_free_ipnetlist(&nets);
 
 	list_t kels;
-	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel",
-	         kelname)) != KEL_SUCCESS ||
+	if ((rc = kel::names_filter(filter, tenant, kelname)) != KEL_SUCCESS ||
 	    (rc = kel_db_get_filtered_kellist(h, filter, &kels, 0)) != KEL_SUCCESS)
 		return rc;
 	const bool has_ports = !list_is_empty(&static_cast<kel_t *>(list_head(&kels))->kel_ports);
@@ -225,6 +222,8 @@ int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 	*ipnetp = nullptr;
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant, kel}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return add_ipnet(h, tenant, kel, name, props, flags, ipnetp); });
 }
 
@@ -233,6 +232,8 @@ int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel,
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant, kel, name}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return remove_ipnet(h, tenant, kel, name); });
 }
 

@@ -179,7 +179,7 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	if (tenant == nullptr)
 		tenant = kDefaultTenant;
 	char filter[kFilterLen];
-	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", name);
+	int rc = kel::names_filter(filter, tenant, name);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kel::StoreLock lock(h);
@@ -261,6 +261,8 @@ int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, ui
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return delete_kel(h, tenant, name); });
 }
 

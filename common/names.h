@@ -16,6 +16,22 @@ boolean_t kel_parse_name_common(const char *text, char *kelname, char *member);
 void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size);
 boolean_t kel_valid_zonevnicname(const char *text);
 
+#include <initializer_list>
+
+namespace kel {
+
+// Whether every name a caller gave is a valid name or UUID text; NULL stands for a name
+// not given. Checked before any of them goes into a filter.
+inline bool names_valid(std::initializer_list<const char *> names)
+{
+	for (const char *name : names)
+		if (name != nullptr && !kel_valid_name(name))
+			return false;
+	return true;
+}
+
+}  // namespace kel
+
 // An object's UUID text at creation: the "uuid" property given (and removed from
 // `props`), or a new time-based UUID.
 void kel_take_uuid(attrset_t *props, char (&text)[kUuidTextLen]);

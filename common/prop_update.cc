@@ -12,6 +12,7 @@
 #include "attrset_ptr.h"
 #include "c_boundary.h"
 #include "filter.h"
+#include "names.h"
 #include "host_link.h"
 #include "kel_assert.h"
 #include "prop_catalogue.h"
@@ -410,6 +411,8 @@ int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant, kel}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return set_kelprop(h, tenant, kel, prop, flags); });
 }
 
@@ -418,6 +421,8 @@ int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, con
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant, kel, vport}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return set_vportprop(h, tenant, kel, vport, prop, flags); });
 }
 
@@ -426,6 +431,8 @@ int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel, con
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant, kel, ipnet}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return set_ipnetprop(h, tenant, kel, ipnet, prop, flags); });
 }
 

@@ -118,6 +118,16 @@ int member_list(kel_dbhandle_t h, const char *filter, list_t *out, const char *t
 
 }  // namespace
 
+namespace {
+
+// The readers take an empty name, like a NULL one, as "any": their callers select with it.
+const char *any_if_empty(const char *name)
+{
+	return name != nullptr && *name == '\0' ? nullptr : name;
+}
+
+}  // namespace
+
 extern "C" {
 
 int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t)
@@ -130,10 +140,10 @@ int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *ou
 int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out,
     uint32_t flags)
 {
-	if (!kel_valid_name(name))
+	if (name == nullptr)
 		return KEL_E_INVALID_NAME;
 	char filter[kFilterLen];
-	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", name);
+	int rc = kel::names_filter(filter, any_if_empty(tenant), name);
 	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_kellist(h, filter, out, flags);
 }
 
@@ -143,11 +153,10 @@ int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
 	if (out == nullptr)
 		return KEL_E_INVALID_ARGS;
 	*out = nullptr;
-	if (!kel_valid_name(tenant) || !kel_valid_name(kel) || !kel_valid_name(vport))
+	if (tenant == nullptr || kel == nullptr || vport == nullptr)
 		return KEL_E_INVALID_NAME;
 	char filter[kFilterLen];
-	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "kel",
-	    kel, "vport", vport);
+	int rc = kel::names_filter(filter, tenant, kel, "vport", vport);
 	list_t list;
 	if (rc == KEL_SUCCESS)
 		rc = kel_db_get_filtered_kellist(h, filter, &list, 0);
@@ -198,8 +207,8 @@ int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
 	if (out == nullptr)
 		return KEL_E_INVALID_ARGS;
 	char filter[kFilterLen];
-	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "kel",
-	    kel, "ipnet", ipnet);
+	int rc = kel::names_filter(filter, any_if_empty(tenant), any_if_empty(kel), "ipnet",
+	    any_if_empty(ipnet));
 	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_ipnetlist(h, filter, out, flags);
 }
 

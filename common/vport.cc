@@ -130,8 +130,7 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	}
 	char filter[kFilterLen];
 	list_t nets;
-	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", kel)) !=
-	    KEL_SUCCESS)
+	if ((rc = kel::names_filter(filter, tenant, kel)) != KEL_SUCCESS)
 		return rc;
 	if ((rc = kel_db_get_filtered_ipnetlist(h, filter, &nets, 0)) != KEL_SUCCESS)
 		return rc;
@@ -223,8 +222,7 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 		kel::Transaction tx(h->edh_db);
 		rc = tx.begin();
 		if (rc == KEL_SUCCESS && !addr.empty() &&
-		    (rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", kel)) ==
-		        KEL_SUCCESS &&
+		    (rc = kel::names_filter(filter, tenant, kel)) == KEL_SUCCESS &&
 		    (rc = kel_db_get_filtered_ipnetlist(h, filter, &nets, 0)) == KEL_SUCCESS) {
 			// The address goes back to the pools in the same transaction as the delete.
 			for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets)); rc == KEL_SUCCESS && ip;
@@ -338,6 +336,8 @@ int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 		*vportp = nullptr;
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant, kel}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return add_vport(h, tenant, kel, name, props, vportp, flags); });
 }
 
@@ -346,6 +346,8 @@ int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant, kel}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return remove_vport(h, tenant, kel, name, props, flags); });
 }
 
@@ -354,6 +356,8 @@ int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
+	if (!kel::names_valid({tenant, kel}))
+		return KEL_E_INVALID_NAME;
 	return kel::c_boundary([&] { return reset_vport(h, tenant, kel, name, props); });
 }
 

@@ -82,6 +82,10 @@ int show_kel(std::span<char *> args)
 	if (!out.configure({{"name"}, {"tenant"}, {"l2type"}, {"id"}, {"status"}, {"uuid"}, {"vports"}},
 	        opts.fields, opts.format))
 		return kExitUsage;
+	// The names become alternatives of one filter key: each must be one name.
+	for (const char *name : opts.operands)
+		if (!kel_valid_name(name))
+			return usage_error(cmd, std::string("'") + name + "' is not a kel name");
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;

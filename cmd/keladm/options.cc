@@ -30,6 +30,11 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, 
 	            nullptr)) != -1) {
 		switch (c) {
 		case 'T':
+			// The tenant goes into filters, where a comma would add an alternative.
+			if (!kel_valid_name(optarg)) {
+				usage_error(cmd, std::string("'") + optarg + "' is not a tenant name");
+				return false;
+			}
 			opts->tenant = optarg;
 			break;
 		case 'f':

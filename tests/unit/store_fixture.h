@@ -112,6 +112,24 @@ protected:
 		return value("SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = ?", {pname});
 	}
 
+	// Every row of every table, in a stable order: to compare a store before and after.
+	std::string dump()
+	{
+		std::string out;
+		for (const char *table : {"kel_tbl", "vport_tbl", "ipnet_tbl", "ctrl_tbl", "misc_tbl"}) {
+			out += std::string(table) + ":\n";
+			EXPECT_EQ(kel::for_each_row(h_->edh_db, kel::SqlText("SELECT * FROM %s ORDER BY 1", table), {},
+			              [&](kel::Statement &st) {
+				              for (int i = 0; i < sqlite3_column_count(st.get()); i++)
+					              out += std::string(st.text(i) ? st.text(i) : "NULL") + "|";
+				              out += "\n";
+				              return KEL_SUCCESS;
+			              }),
+			    KEL_SUCCESS);
+		}
+		return out;
+	}
+
 	int rows(const char *table)
 	{
 		return std::stoi(value(std::string("SELECT count(*) FROM ") + table));
