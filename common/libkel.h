@@ -368,6 +368,33 @@ int kel_db_create(void);
 int kel_db_upgrade(void);
 
 /*
+ * Checking the store against the invariants every operation keeps: each ID range's free
+ * set and the IDs kels hold make up the range exactly, and the hosts' shares lie within
+ * it without overlapping; each network's free addresses are its span less the router and
+ * the addresses its ports hold, and its free pool addresses the same within the pool; no
+ * address, MAC address, VLAN ID or VNI is held twice; each kel's free system port
+ * numbers and those its system ports use make up all numbers; no port or network
+ * belongs to a missing kel; the schema version is 3. Each violation found becomes a
+ * record in `problems` (an empty list when there is none), which the caller frees with
+ * kel_free_problemlist. With KEL_CHECK_REPAIR the same call also puts back what leaked,
+ * takes out of the free sets what is held, and deletes rows of missing kels, under the
+ * store lock in one transaction (a read-write handle is needed), and marks each record
+ * that it repaired; the others need an operator. Returns the store's error when it could
+ * not check (or repair), with nothing to free.
+ */
+#define KEL_CHECK_REPAIR	0x1
+
+typedef struct kel_store_problem {
+	list_node_t esp_node;
+	char esp_object[3 * KEL_NAME_LEN];	/* what it concerns: "vlan-range", "ipnet t/k/n" */
+	char *esp_text;				/* what is wrong */
+	boolean_t esp_repaired;			/* put right by this call */
+} kel_store_problem_t;
+
+int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems);
+void kel_free_problemlist(list_t *problems);
+
+/*
  * Store lists. Each takes the store lock itself. On success the caller owns the list's
  * records and frees them with the matching kel_free_*list; on failure there is nothing
  * to free. `flags` is reserved: pass 0.

@@ -85,6 +85,7 @@ int show_clientprop(std::span<char *> args);
 int set_controlprop(std::span<char *> args);
 int show_controlprop(std::span<char *> args);
 int upgrade_store(std::span<char *> args);
+int check_store(std::span<char *> args);
 int set_kelprop(std::span<char *> args);
 int set_vportprop(std::span<char *> args);
 int set_ipnetprop(std::span<char *> args);

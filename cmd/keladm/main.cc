@@ -59,6 +59,8 @@ const Subcommand kSubcommands[] = {
 	    show_ipnetprop},
 	{"upgrade-store", "", "bring an older configuration store to the current schema",
 	    upgrade_store},
+	{"check-store", "[--repair]",
+	    "check the store's invariants (--repair: put back what leaked)", check_store},
 };
 
 const Subcommand *find(const char *name)

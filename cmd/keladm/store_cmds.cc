@@ -1,6 +1,9 @@
 // Subcommands that act on the configuration store as a whole.
 #include <uuid/uuid.h>
 
+#include <cstdio>
+#include <string>
+
 #include "keladm.h"
 #include "libkel.h"
 
@@ -35,6 +38,31 @@ int upgrade_store(std::span<char *> args)
 	if (rc != KEL_SUCCESS)
 		return fail("cannot upgrade the configuration store", rc);
 	return kExitOk;
+}
+
+int check_store(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("check-store");
+	const bool repair = args.size() == 2 && std::string(args[1]) == "--repair";
+	if (args.size() > 2 || (args.size() == 2 && !repair))
+		return usage_error(cmd, "check-store takes only --repair");
+	Store store;
+	if (store.open(repair) != KEL_SUCCESS)
+		return kExitFailed;
+	list_t problems;
+	const int rc = kel_db_check_store(store.get(), repair ? KEL_CHECK_REPAIR : 0, &problems);
+	if (rc != KEL_SUCCESS)
+		return fail(repair ? "cannot repair the configuration store" : "cannot check the configuration store", rc);
+	// One line per problem; with --repair, whether it was put right.
+	bool left = false;
+	for (auto *p = static_cast<kel_store_problem_t *>(list_head(&problems)); p != nullptr;
+	     p = static_cast<kel_store_problem_t *>(list_next(&problems, p))) {
+		const char *state = !repair ? "" : p->esp_repaired ? "repaired: " : "not repaired: ";
+		std::printf("%s%s: %s\n", state, p->esp_object, p->esp_text);
+		left = left || !p->esp_repaired;
+	}
+	kel_free_problemlist(&problems);
+	return left ? kExitFailed : kExitOk;
 }
 
 }  // namespace keladm

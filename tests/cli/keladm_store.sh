@@ -16,4 +16,22 @@ status "an unknown subcommand is a usage error" 2 no-such-thing
 check "help lists every subcommand" bash -c \
 	"[ \$('$keladm' help | grep -cE '^  (create-store|create-kel|delete-kel|show-kel|add-ipnet|remove-ipnet|show-ipnet|set-clientprop|show-clientprop|set-controlprop|show-controlprop|upgrade-store) ') -eq 12 ]"
 check "help for one subcommand" bash -c "'$keladm' help create-store | grep -q '^usage: keladm create-store'"
+
+# check-store: silent on a sound store, names each problem, repairs what leaked.
+"$keladm" set-controlprop vlan-range=100-109 >/dev/null
+"$keladm" create-kel web >/dev/null
+expect "a sound store" "" check-store
+db=$root/etc/kel/kel.db
+sqlite3 "$db" "UPDATE ctrl_tbl SET ctrl_pval = '104-109' WHERE ctrl_pname = 'vlan-range-avail'"
+expect "leaked IDs are found" "vlan-range: VLAN IDs neither free nor held by a kel: 101-103" check-store
+status "which fails with status 1" 1 check-store
+expect "and repaired" "repaired: vlan-range: VLAN IDs neither free nor held by a kel: 101-103" \
+	check-store --repair
+expect "the store is sound again" "" check-store
+sqlite3 "$db" "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) VALUES ('u', 'x', 'acme', 'l2-type=vlan,vlanid=100')"
+expect "what needs an operator stays" \
+	"not repaired: vlan-range: VLAN IDs 100 held by more than one kel: sys-global/web, acme/x" \
+	check-store --repair
+status "and fails the repair" 1 check-store --repair
+status "another operand is a usage error" 2 check-store --fix
 exit $fail
