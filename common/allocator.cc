@@ -117,16 +117,20 @@ int kel_db_get_next_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, char *add
 {
 	const std::string filter = ipnet_filter(ipnet->ei_uuid);
 	const int type = kel_ipnet_rangetype(ipnet->ei_af);
-	int rc = kel_get_next_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(),
-	    addr, kAddrLen, type);
+	// Both pools change in one transaction (a caller's, when there is one): a crash
+	// between the two updates must not leave the address out of one pool only.
+	kel::Transaction tx(h->edh_db);
+	int rc = tx.begin();
+	if (rc == KEL_SUCCESS)
+		rc = kel_get_next_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr,
+		    kAddrLen, type);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	rc = kel_get_this_resource(h, "ipnet_tbl", "ipnet_avail_range", filter.c_str(), addr, type);
-	// The two draws are separate updates: a failed second one must not cost the pool the
-	// address the first one took.
+	// Inside a caller's transaction a failure is not rolled back here: give it back.
 	if (rc != KEL_SUCCESS)
 		(void)kel_free_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr, type);
-	return rc;
+	return rc != KEL_SUCCESS ? rc : tx.commit();
 }
 
 int kel_db_get_this_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, const char *addr)

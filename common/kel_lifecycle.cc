@@ -23,7 +23,10 @@ constexpr size_t kFilterLen = 1024;
 using SetPtr = kel::AttrSetPtr;
 
 // The switch's ID while its creation is under way: given back when the holder goes out
-// of scope unless the switch was committed.
+// of scope unless the switch was committed. The ID is drawn inside the transaction that
+// inserts the switch, so a rollback (or a crash) returns it anyway; the give-back is for
+// a failure that is not a rollback, inside a caller's transaction, and changes nothing
+// when the ID is already free.
 class IdHold {
 public:
 	explicit IdHold(kel_dbhandle_t h) : h_(h) {}
@@ -126,7 +129,11 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 		if (attrset_add_string(set.get(), "l2-type", ctrltype) != 0)
 			return KEL_E_NOMEM;
 	}
-	IdHold id(h);
+	// Draw and insert commit together: a crash at any instant keeps both or neither.
+	kel::Transaction tx(h->edh_db);
+	if ((rc = tx.begin()) != KEL_SUCCESS)
+		return rc;
+	IdHold id(h);	// after tx: gives back inside the transaction, before its rollback
 	if (type != KEL_L2NTYPE_FLAT && (rc = take_id(h, set.get(), type, &id)) != KEL_SUCCESS)
 		return rc;
 
@@ -134,13 +141,11 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	if ((rc = kel_attrset2str(set.get(), &text)) != KEL_SUCCESS)
 		return rc;
 	std::unique_ptr<char, decltype(&std::free)> propstr(text, &std::free);
-	kel::Transaction tx(h->edh_db);
 	list_t list;
-	if ((rc = tx.begin()) == KEL_SUCCESS)
-		rc = kel::exec(h->edh_db,
-		    "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
-		    "VALUES (?, ?, ?, ?)",
-		    {uuidtext, name, tenant, text});
+	rc = kel::exec(h->edh_db,
+	    "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
+	    "VALUES (?, ?, ?, ?)",
+	    {uuidtext, name, tenant, text});
 	if (rc == KEL_SUCCESS && (rc = kel_db_get_kellist(h, tenant, name, &list, 0)) == KEL_SUCCESS) {
 		if ((rc = tx.commit()) == KEL_SUCCESS) {
 			*kelp = static_cast<kel_t *>(list_remove_head(&list));
@@ -148,8 +153,6 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 		}
 		kel_free_kellist(&list);
 	}
-	// On failure the transaction rolls back before the ID holder gives the ID back.
-	tx.rollback();
 	return rc;
 }
 

@@ -137,7 +137,12 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	const auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets));
 	char addr[46];
 	bool drawn = false;
-	rc = draw_address(h, ip, given_addr, addr, &drawn);
+	// The address is drawn in the transaction that inserts the port: a crash at any
+	// instant keeps both or neither. The give-back below is for a failure inside a
+	// caller's transaction, where this one's rollback is not a rollback.
+	kel::Transaction tx(h->edh_db);
+	if ((rc = tx.begin()) == KEL_SUCCESS)
+		rc = draw_address(h, ip, given_addr, addr, &drawn);
 	if (rc == KEL_SUCCESS) {
 		const std::string ipaddr = std::string(addr) + "/" + std::to_string(ip->ei_prefixlen);
 		char mac[18];
@@ -161,6 +166,8 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 		// Whatever failed after the draw gives the address back.
 		if (rc != KEL_SUCCESS && drawn)
 			(void)kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr);
+		if (rc == KEL_SUCCESS)
+			rc = tx.commit();
 	}
 	kel_free_ipnetlist(&nets);
 	if (rc != KEL_SUCCESS || vportp == nullptr)
@@ -272,11 +279,14 @@ int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const cha
 			rc = KEL_E_VPORT_INUSE;
 		} else {
 			kel::StoreLock lock(h);
-			if ((rc = lock.status()) == KEL_SUCCESS &&
+			kel::Transaction tx(h->edh_db);
+			if ((rc = lock.status()) == KEL_SUCCESS && (rc = tx.begin()) == KEL_SUCCESS &&
 			    (rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) ==
 			        KEL_SUCCESS &&
 			    kel_is_system_vport(name))
 				rc = kel_db_remove_system_vport(h, tenant, kel, name);
+			if (rc == KEL_SUCCESS)
+				rc = tx.commit();
 		}
 	}
 	kel_free_kel(k);
@@ -367,24 +377,36 @@ int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *ke
 		return KEL_E_INVALID_ARGS;
 	kel::StoreLock lock(h);
 	int rc = lock.status();
-	if (rc == KEL_SUCCESS)
+	if (rc != KEL_SUCCESS)
+		return rc;
+	// The number and the port commit together (inside a binding, with the binding).
+	kel::Transaction tx(h->edh_db);
+	if ((rc = tx.begin()) == KEL_SUCCESS)
 		rc = kel_db_get_next_sysvportname(h, tenant, kel, name, KEL_NAME_LEN);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	rc = kel_db_add_vport(h, tenant, kel, name, nullptr, nullptr, KEL_NAME_DASH_OK);
 	if (rc != KEL_SUCCESS)
 		(void)kel_db_free_sysvportname(h, tenant, kel, name);
-	return rc;
+	return rc != KEL_SUCCESS ? rc : tx.commit();
 }
 
 int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
     const char *name)
 {
-	int rc = kel_db_remove_vport(h, tenant, kel, name, nullptr, KEL_SYSTEM_VPORT_OK);
+	if (h == nullptr || name == nullptr)
+		return KEL_E_INVALID_ARGS;
+	kel::StoreLock lock(h);
+	int rc = lock.status();
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel::StoreLock lock(h);
-	return (rc = lock.status()) != KEL_SUCCESS ? rc : kel_db_free_sysvportname(h, tenant, kel, name);
+	// The port goes and its number comes back in one transaction.
+	kel::Transaction tx(h->edh_db);
+	if ((rc = tx.begin()) == KEL_SUCCESS &&
+	    (rc = kel_db_remove_vport(h, tenant, kel, name, nullptr, KEL_SYSTEM_VPORT_OK)) == KEL_SUCCESS &&
+	    (rc = kel_db_free_sysvportname(h, tenant, kel, name)) == KEL_SUCCESS)
+		rc = tx.commit();
+	return rc;
 }
 
 }  // extern "C"
