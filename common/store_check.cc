@@ -65,6 +65,15 @@ bool props_of(const std::string &text, std::map<std::string, std::string> *out)
 	return true;
 }
 
+// The holders of one value, for a problem's text.
+std::string joined(const std::vector<std::string> &names)
+{
+	std::string list;
+	for (const std::string &n : names)
+		list += (list.empty() ? "" : ", ") + n;
+	return list;
+}
+
 class Checker {
 public:
 	explicit Checker(kel_dbhandle_t h) : h_(h), db_(h->edh_db) {}
@@ -172,14 +181,10 @@ void Checker::check_ids(bool vlan)
 		held.add(id);
 	}
 	for (const auto &[id, names] : holders) {
-		if (names.size() < 2)
-			continue;
-		std::string list;
-		for (const std::string &n : names)
-			list += (list.empty() ? "" : ", ") + n;
 		ValueSet one(KEL_RANGE_NUMBER);
 		one.add(id);
-		problem(pname, what + " " + one.text() + " held by more than one kel: " + list);
+		if (names.size() > 1)
+			problem(pname, what + " " + one.text() + " held by more than one kel: " + joined(names));
 	}
 	if (const ValueSet outside = held.minus(range); !outside.empty())
 		problem(pname, what + " held by kels outside the range: " + outside.text());
@@ -273,14 +278,9 @@ void Checker::check_ports()
 		}
 		macs[canonical].push_back(label);
 	}
-	for (const auto &[mac, holders] : macs) {
-		if (holders.size() < 2)
-			continue;
-		std::string list;
-		for (const std::string &n : holders)
-			list += (list.empty() ? "" : ", ") + n;
-		problem("MAC " + mac, "held by more than one port: " + list);
-	}
+	for (const auto &[mac, holders] : macs)
+		if (holders.size() > 1)
+			problem("MAC " + mac, "held by more than one port: " + joined(holders));
 }
 
 // Each network: its free addresses are its span less the router and what its ports
@@ -341,8 +341,7 @@ int Checker::check_ipnets()
 			ValueSet one(type);
 			one.add(a);
 			if (names.size() > 1)
-				problem(label, "address " + one.text() + " held by more than one port: " + names[0] + ", " +
-				        names[1]);
+				problem(label, "address " + one.text() + " held by more than one port: " + joined(names));
 		}
 		const ValueSet expected = span.minus(router).minus(held);
 		const ValueSet expected_pool = pool.intersect(span).minus(router).minus(held);

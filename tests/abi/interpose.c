@@ -10,6 +10,9 @@
 
 #include "libkel.h"
 
+#define CHECK_PROGRAM "interpose"
+#include "check.h"
+
 static int ours_ran;
 
 /* Deliberately wrong: it initialises nothing. */
@@ -29,13 +32,6 @@ int attrset_create(attrset_t **setp, int flags)
 	return 12;
 }
 
-#define CHECK(cond)                                                           \
-	do {                                                                  \
-		if (!(cond)) {                                                \
-			fprintf(stderr, "interpose: failed: %s\n", #cond);    \
-			return 1;                                             \
-		}                                                             \
-	} while (0)
 
 int main(void)
 {

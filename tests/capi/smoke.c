@@ -8,18 +8,14 @@
 
 #include "libkel.h"
 
+#define CHECK_PROGRAM "capi smoke"
+#include "check.h"
+
 struct rec {
 	list_node_t node;
 	int value;
 };
 
-#define CHECK(cond)                                                           \
-	do {                                                                  \
-		if (!(cond)) {                                                \
-			fprintf(stderr, "capi smoke: failed: %s\n", #cond);   \
-			return 1;                                             \
-		}                                                             \
-	} while (0)
 
 int main(void)
 {
