@@ -113,10 +113,13 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 		return KEL_E_INVALID_NAME;
 	attrset_t *parsed = nullptr;
 	int rc = kel_str2attrset(props, &parsed, B_TRUE, ATTRSET_UNIQUE_NAME);
-	if (rc == KEL_E_INVALID_ARGS || (rc == KEL_SUCCESS && parsed == nullptr))
+	if (rc == KEL_E_INVALID_ARGS)
 		return KEL_E_INVALID_PROP;
 	if (rc != KEL_SUCCESS)
 		return rc;
+	// An empty text is a valid, empty set: it lacks the subnet, it is not malformed.
+	if (parsed == nullptr && attrset_create(&parsed, ATTRSET_UNIQUE_NAME) != 0)
+		return KEL_E_NOMEM;
 	SetPtr set(parsed);
 	if ((rc = kel_check_prop(set.get(), KEL_PROPTYPE_IPNET)) != KEL_SUCCESS)
 		return rc;

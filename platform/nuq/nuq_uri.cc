@@ -70,8 +70,10 @@ bool parse_authority(const std::string &rest, bool local, nuq_uri &uri)
 		auth = auth.substr(0, colon);
 	}
 	uri.host = auth;
+	// "unix://user@localhost" is the local daemon's own socket: the user is who the
+	// caller is, which the daemon learns from the socket itself.
 	if (local)
-		return uri.host == "localhost" && !uri.path.empty();
+		return uri.host == "localhost";
 	return valid_hostname(uri.host.c_str());
 }
 

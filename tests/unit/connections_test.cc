@@ -100,6 +100,10 @@ TEST_F(ConnectionsStore, ToANodeThroughItsTemplate)
 	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", nullptr), KEL_SUCCESS);
 	ASSERT_EQ(kel_nuq_connection_to_kelnode(h_, "node-b", &conn), KEL_SUCCESS);
 	nuq_disconnect(conn);
+	// A template naming a user gives unix://user@localhost: still the local daemon.
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://ops@", "node-c"), KEL_SUCCESS);
+	ASSERT_EQ(kel_nuq_connection_to_kelnode(h_, "node-c", &conn), KEL_SUCCESS);
+	nuq_disconnect(conn);
 }
 
 }  // namespace

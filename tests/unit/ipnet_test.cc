@@ -103,6 +103,7 @@ TEST_F(Ipnets, RouterPoolAndAvailableAddresses)
 		{"subnet=10.0.0.0/32", err(KEL_E_INVALID_SUBNET)},
 		{"subnet=10.0.0.1/24", err(KEL_E_INVALID_SUBNET)},
 		{"defrouter=10.0.0.1", err(KEL_E_ARGS_REQUIRED)},
+		{"", err(KEL_E_ARGS_REQUIRED)},	// an empty text is an empty set, not a bad one
 		{"cos=1,subnet=10.0.0.0/24", err(KEL_E_INVALID_PROP)},
 		{"x,subnet=10.0.0.0/24", err(KEL_E_INVALID_PROP)},
 		{nullptr, err(KEL_E_INVALID_PROP)},

@@ -108,7 +108,9 @@ TEST(NuqUri, SchemesAndParts)
 		    "ctl-1.example", 22, "/run/kel/keld.sock"},
 		{"SSH://ctl", NUQS_SSH, true, NUQS_SSH, "", "ctl", 0, ""},
 		{"ssh://ctl", NUQS_UNIX, false, NUQS_SSH, "", "", 0, ""},	// scheme not in the mask
-		{"unix://localhost", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
+		{"unix://localhost", NUQS_UNIX, true, NUQS_UNIX, "", "localhost", 0, ""},
+		{"unix://ops@localhost", NUQS_UNIX, true, NUQS_UNIX, "ops", "localhost", 0, ""},
+		{"unix://ops@ctl", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
 		{"unix://localhost:9/x", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
 		{"ssh://@ctl", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
 		{"ssh://ctl:0", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
