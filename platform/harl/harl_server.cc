@@ -3,7 +3,7 @@
 #include <string>
 
 #include "harl.h"
-#include "linkprop.h"
+#include "wexo.h"
 #include "log.h"
 #include "nuq_errors.h"
 #include "wexo.h"
@@ -25,9 +25,9 @@ nuq::Reply with_link(const nuq::Json &keys, Body &&body)
 	wexo_handle_t h = nullptr;
 	wexo_status_t st = wexo_open(&h);
 	datalink_id_t id = 0;
-	if (st == WEXO_SUCCESS)
+	if (st == WEXO_STATUS_OK)
 		st = wexo_name2info(h, keys.at("name").get<std::string>().c_str(), &id, nullptr);
-	nuq::Reply reply = st == WEXO_SUCCESS ? body(h, id) : datalink_error(st);
+	nuq::Reply reply = st == WEXO_STATUS_OK ? body(h, id) : datalink_error(st);
 	wexo_close(h);
 	return reply;
 }
@@ -43,8 +43,8 @@ nuq::Interface datalink_interface()
 		if (name == nullptr)
 			return false;
 		wexo_handle_t h = nullptr;
-		const bool there = wexo_open(&h) == WEXO_SUCCESS &&
-		    wexo_name2info(h, name->c_str(), nullptr, nullptr) == WEXO_SUCCESS;
+		const bool there = wexo_open(&h) == WEXO_STATUS_OK &&
+		    wexo_name2info(h, name->c_str(), nullptr, nullptr) == WEXO_STATUS_OK;
 		wexo_close(h);
 		if (there)
 			*found = {{"name", *name}};
@@ -54,7 +54,7 @@ nuq::Interface datalink_interface()
 		return with_link(keys, [](wexo_handle_t h, datalink_id_t id) {
 			wexo_stats_t s{};
 			const wexo_status_t st = wexo_link_stats(h, id, &s);
-			if (st != WEXO_SUCCESS)
+			if (st != WEXO_STATUS_OK)
 				return datalink_error(st);
 			// The kernel counts dropped packets, not their bytes.
 			return nuq::Reply{NUQ_E_SUCCESS,
@@ -70,11 +70,11 @@ nuq::Interface datalink_interface()
 		const std::string &link = keys.at("name").get_ref<const std::string &>();
 		const size_t eq = text->find('=');
 		if (eq == std::string::npos)
-			return datalink_error(WEXO_BADARG);
+			return datalink_error(WEXO_STATUS_BADARG);
 		nuq::Reply reply = with_link(keys, [&](wexo_handle_t h, datalink_id_t id) {
 			const wexo_status_t st = wexo_set_linkprop(h, id, text->substr(0, eq).c_str(),
 			    text->substr(eq + 1).c_str());
-			return st == WEXO_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
+			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
 		});
 		nuq::log::write(reply.status == NUQ_E_SUCCESS ? nuq::log::kInfo : nuq::log::kErr,
 		    "set " + *text + " on link " + link +

@@ -18,18 +18,18 @@ struct wexo_handle {
 wexo_status_t wexo_from_nl(int err)
 {
 	switch (-err) {
-	case 0: return WEXO_SUCCESS;
+	case 0: return WEXO_STATUS_OK;
 	case NLE_OBJ_NOTFOUND:
-	case NLE_NODEV: return WEXO_NOTFOUND;
-	case NLE_NOMEM: return WEXO_NOMEM;
+	case NLE_NODEV: return WEXO_STATUS_NOTFOUND;
+	case NLE_NOMEM: return WEXO_STATUS_NOMEM;
 	case NLE_PERM:
-	case NLE_NOACCESS: return WEXO_DENIED;
+	case NLE_NOACCESS: return WEXO_STATUS_DENIED;
 	case NLE_INVAL:
-	case NLE_RANGE: return WEXO_BADARG;
-	case NLE_OPNOTSUPP: return WEXO_NOTSUP;
-	case NLE_EXIST: return WEXO_EXISTS;
+	case NLE_RANGE: return WEXO_STATUS_BADARG;
+	case NLE_OPNOTSUPP: return WEXO_STATUS_NOTSUP;
+	case NLE_EXIST: return WEXO_STATUS_EXIST;
 	}
-	return WEXO_FAILURE;
+	return WEXO_STATUS_FAILED;
 }
 
 namespace {
@@ -41,8 +41,10 @@ datalink_class_t class_of(struct rtnl_link *link)
 		return DATALINK_CLASS_PHYS;
 	if (std::strcmp(kind, "vxlan") == 0)
 		return DATALINK_CLASS_VXLAN;
+	if (std::strcmp(kind, "vlan") == 0)
+		return DATALINK_CLASS_VLAN;
 	for (const char *vnic : {"veth", "macvlan", "macvtap"})
-		if (std::strcmp(kind, vnic) == 0)
+		if (std::strcmp(vnic, kind) == 0)
 			return DATALINK_CLASS_VNIC;
 	return DATALINK_CLASS_PHYS;
 }
@@ -51,7 +53,7 @@ datalink_class_t class_of(struct rtnl_link *link)
 wexo_status_t get_link(wexo_handle_t h, datalink_id_t id, const char *name, struct rtnl_link **link)
 {
 	if (h == nullptr)
-		return WEXO_BADARG;
+		return WEXO_STATUS_BADARG;
 	return wexo_from_nl(rtnl_link_get_kernel(h->sock, name ? 0 : static_cast<int>(id), name, link));
 }
 
@@ -75,7 +77,7 @@ wexo_status_t wexo_open(wexo_handle_t *handlep)
 	auto *h = new (std::nothrow) wexo_handle{nl_socket_alloc()};
 	if (h == nullptr || h->sock == nullptr) {
 		delete h;
-		return WEXO_NOMEM;
+		return WEXO_STATUS_NOMEM;
 	}
 	if (int err = nl_connect(h->sock, NETLINK_ROUTE); err < 0) {
 		nl_socket_free(h->sock);
@@ -83,7 +85,7 @@ wexo_status_t wexo_open(wexo_handle_t *handlep)
 		return wexo_from_nl(err);
 	}
 	*handlep = h;
-	return WEXO_SUCCESS;
+	return WEXO_STATUS_OK;
 }
 
 void wexo_close(wexo_handle_t h)
@@ -98,43 +100,47 @@ wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *i
     datalink_class_t *classp)
 {
 	if (name == nullptr || *name == '\0')
-		return WEXO_BADARG;
+		return WEXO_STATUS_BADARG;
 	struct rtnl_link *link = nullptr;
 	wexo_status_t st = get_link(h, 0, name, &link);
-	if (st != WEXO_SUCCESS)
+	if (st != WEXO_STATUS_OK)
 		return st;
 	if (idp != nullptr)
 		*idp = static_cast<datalink_id_t>(rtnl_link_get_ifindex(link));
 	if (classp != nullptr)
 		*classp = class_of(link);
 	rtnl_link_put(link);
-	return WEXO_SUCCESS;
+	return WEXO_STATUS_OK;
 }
 
-wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, datalink_class_t *classp,
-    char *name, size_t namelen)
+wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t *flagsp,
+    datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen)
 {
-	if (id == 0)
-		return WEXO_BADARG;
+	if (id == DATALINK_INVALID_LINKID)
+		return WEXO_STATUS_BADARG;
 	struct rtnl_link *link = nullptr;
 	wexo_status_t st = get_link(h, id, nullptr, &link);
-	if (st != WEXO_SUCCESS)
+	if (st != WEXO_STATUS_OK)
 		return st;
+	if (flagsp != nullptr)
+		*flagsp = rtnl_link_get_flags(link);
 	if (classp != nullptr)
 		*classp = class_of(link);
+	if (mediap != nullptr)
+		*mediap = rtnl_link_get_arptype(link);
 	if (name != nullptr && namelen > 0)
 		std::snprintf(name, namelen, "%s", rtnl_link_get_name(link));
 	rtnl_link_put(link);
-	return WEXO_SUCCESS;
+	return WEXO_STATUS_OK;
 }
 
 wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *stats)
 {
 	if (id == 0 || stats == nullptr)
-		return WEXO_BADARG;
+		return WEXO_STATUS_BADARG;
 	struct rtnl_link *link = nullptr;
 	wexo_status_t st = get_link(h, id, nullptr, &link);
-	if (st != WEXO_SUCCESS)
+	if (st != WEXO_STATUS_OK)
 		return st;
 	// The kernel's 64-bit counters (IFLA_STATS64), as libnl keeps them.
 	stats->ws_rbytes = rtnl_link_get_stat(link, RTNL_LINK_RX_BYTES);
@@ -145,22 +151,28 @@ wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *s
 	stats->ws_oerrors = rtnl_link_get_stat(link, RTNL_LINK_TX_ERRORS);
 	stats->ws_idrops = rtnl_link_get_stat(link, RTNL_LINK_RX_DROPPED);
 	stats->ws_odrops = rtnl_link_get_stat(link, RTNL_LINK_TX_DROPPED);
+	stats->ws_multircv = rtnl_link_get_stat(link, RTNL_LINK_MULTICAST);
 	rtnl_link_put(link);
-	return WEXO_SUCCESS;
+	return WEXO_STATUS_OK;
 }
 
-const char *wexo_status2str(int status, char *buf)
+const char *wexo_status2str(wexo_status_t status, char *buf)
 {
 	const char *text = "unknown datalink error";
 	switch (status) {
-	case WEXO_SUCCESS: text = "success"; break;
-	case WEXO_FAILURE: text = "datalink operation failed"; break;
-	case WEXO_NOTFOUND: text = "datalink not found"; break;
-	case WEXO_NOMEM: text = "out of memory"; break;
-	case WEXO_BADARG: text = "invalid datalink argument"; break;
-	case WEXO_DENIED: text = "datalink operation not permitted"; break;
-	case WEXO_NOTSUP: text = "datalink operation not supported"; break;
-	case WEXO_EXISTS: text = "datalink already exists"; break;
+	case WEXO_STATUS_OK: text = "success"; break;
+	case WEXO_STATUS_FAILED: text = "datalink operation failed"; break;
+	case WEXO_STATUS_BADARG: text = "invalid datalink argument"; break;
+	case WEXO_STATUS_NOTFOUND: text = "datalink not found"; break;
+	case WEXO_STATUS_NOTSUP: text = "datalink operation not supported"; break;
+	case WEXO_STATUS_NOMEM: text = "out of memory"; break;
+	case WEXO_STATUS_DENIED: text = "datalink operation not permitted"; break;
+	case WEXO_STATUS_BADVAL: text = "invalid datalink property value"; break;
+	case WEXO_STATUS_EXIST: text = "datalink already exists"; break;
+	case WEXO_STATUS_NOADDR: text = "VXLAN endpoint address is not on this host"; break;
+	case WEXO_STATUS_DBNOTFOUND: text = "IP interface configuration not found"; break;
+	case WEXO_STATUS_LINKBUSY: text = "datalink is in use by other links"; break;
+	case WEXO_STATUS_BADVXLANIF: text = "VXLAN interface is not an IP interface"; break;
 	}
 	std::snprintf(buf, 1024, "%s", text);
 	return buf;

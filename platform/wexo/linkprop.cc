@@ -1,4 +1,17 @@
-#include "linkprop.h"
+// Link properties applied live on a host's link:
+//   maxbw=<bandwidth>    a token-bucket (tbf) root qdisc; "maxbw=" removes it
+//   priority=low|medium|high   the packets' priority, set on the link's ingress
+//   cos=0-7              the 802.1p class on a VLAN link (every packet priority maps to
+//                        it); links without tags keep it and report it
+//   protection=<flags>   mac-nospoof, ip-nospoof, dhcp-nospoof, restricted; "" clears
+//   allowed-ips=<addrs>  the addresses ip-nospoof lets through, changed in place
+//   allowed-mac=<mac>    the source address mac-nospoof lets through (default: the
+//                        link's own)
+//   iov=off              no SR-IOV virtual function: every link here is already so;
+//                        "on" is not supported
+// Filters act on the link's ingress, where the traffic of a VNIC's tenant enters the
+// host. Each link has one nftables table, "netdev kel_<link>", rebuilt from the link's
+// kept settings on every change.
 
 #include <arpa/inet.h>
 #include <netlink/errno.h>
@@ -21,6 +34,7 @@
 #include "link_internal.h"
 #include "paths.h"
 #include "tbf.h"
+#include "wexo.h"
 
 namespace {
 
@@ -181,12 +195,12 @@ wexo_status_t apply_nft(const std::string &rules)
 {
 	struct nft_ctx *nft = nft_ctx_new(NFT_CTX_DEFAULT);
 	if (nft == nullptr)
-		return WEXO_NOMEM;
+		return WEXO_STATUS_NOMEM;
 	nft_ctx_buffer_output(nft);
 	nft_ctx_buffer_error(nft);
 	const int rc = nft_run_cmd_from_buffer(nft, rules.c_str());
 	nft_ctx_free(nft);
-	return rc == 0 ? WEXO_SUCCESS : WEXO_FAILURE;
+	return rc == 0 ? WEXO_STATUS_OK : WEXO_STATUS_FAILED;
 }
 
 wexo_status_t apply_maxbw(struct nl_sock *sock, int ifindex, const std::string &value)
@@ -198,14 +212,14 @@ wexo_status_t apply_maxbw(struct nl_sock *sock, int ifindex, const std::string &
 	}
 	struct rtnl_qdisc *q = rtnl_qdisc_alloc();
 	if (q == nullptr)
-		return WEXO_NOMEM;
+		return WEXO_STATUS_NOMEM;
 	rtnl_tc_set_ifindex(TC_CAST(q), ifindex);
 	rtnl_tc_set_parent(TC_CAST(q), TC_H_ROOT);
 	int err = rtnl_qdisc_delete(sock, q);
 	if (err == -NLE_OBJ_NOTFOUND || err == -NLE_NOADDR || err == -NLE_INVAL)
 		err = 0;	// nothing to remove
 	rtnl_qdisc_put(q);
-	return err == 0 ? WEXO_SUCCESS : wexo_from_nl(err);
+	return err == 0 ? WEXO_STATUS_OK : wexo_from_nl(err);
 }
 
 // On a VLAN link, every packet priority leaves with the class as its 802.1p bits; other
@@ -213,10 +227,10 @@ wexo_status_t apply_maxbw(struct nl_sock *sock, int ifindex, const std::string &
 wexo_status_t apply_cos(struct nl_sock *sock, struct rtnl_link *link, const std::string &value)
 {
 	if (!rtnl_link_is_vlan(link))
-		return WEXO_SUCCESS;
+		return WEXO_STATUS_OK;
 	struct rtnl_link *change = rtnl_link_alloc();
 	if (change == nullptr)
-		return WEXO_NOMEM;
+		return WEXO_STATUS_NOMEM;
 	int err = rtnl_link_set_type(change, "vlan");
 	const int cos = value.empty() ? 0 : value[0] - '0';
 	for (uint32_t prio = 0; err == 0 && prio < 8; prio++)
@@ -224,7 +238,7 @@ wexo_status_t apply_cos(struct nl_sock *sock, struct rtnl_link *link, const std:
 	if (err == 0)
 		err = rtnl_link_change(sock, link, change, 0);
 	rtnl_link_put(change);
-	return err == 0 ? WEXO_SUCCESS : wexo_from_nl(err);
+	return err == 0 ? WEXO_STATUS_OK : wexo_from_nl(err);
 }
 
 }  // namespace
@@ -235,17 +249,19 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
     const char *value)
 {
 	if (name == nullptr || value == nullptr)
-		return WEXO_BADARG;
+		return WEXO_STATUS_BADARG;
 	bool known = false;
 	for (const char *p : kProperties)
 		known = known || std::strcmp(p, name) == 0;
+	if (std::strcmp(name, "iov") == 0)
+		return *value == '\0' || std::strcmp(value, "off") == 0 ? WEXO_STATUS_OK : WEXO_STATUS_NOTSUP;
 	if (!known)
-		return WEXO_NOTSUP;
+		return WEXO_STATUS_NOTSUP;
 	if (!valid_value(name, value))
-		return WEXO_BADARG;
+		return WEXO_STATUS_BADVAL;
 	struct rtnl_link *link = nullptr;
 	wexo_status_t st = wexo_get_link(h, id, &link);
-	if (st != WEXO_SUCCESS)
+	if (st != WEXO_STATUS_OK)
 		return st;
 	const std::string ifname = rtnl_link_get_name(link);
 	std::string ownmac;
@@ -258,7 +274,7 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 	if (std::strcmp(name, "cos") == 0)
 		st = apply_cos(wexo_sock(h), link, value);
 	rtnl_link_put(link);
-	if (st != WEXO_SUCCESS)
+	if (st != WEXO_STATUS_OK)
 		return st;
 
 	Props props = load(ifname);
@@ -268,8 +284,8 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 		st = apply_maxbw(wexo_sock(h), static_cast<int>(id), value);
 	else if (std::strcmp(name, "cos") != 0)
 		st = apply_nft(ruleset(ifname, ownmac, props));	// cos was applied above
-	if (st == WEXO_SUCCESS && !save(ifname, props))
-		st = WEXO_FAILURE;
+	if (st == WEXO_STATUS_OK && !save(ifname, props))
+		st = WEXO_STATUS_FAILED;
 	return st;
 }
 
@@ -277,13 +293,13 @@ wexo_status_t wexo_get_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
     char *value, size_t size)
 {
 	char ifname[64];
-	wexo_status_t st = wexo_datalink_id2info(h, id, nullptr, ifname, sizeof(ifname));
-	if (st != WEXO_SUCCESS)
+	wexo_status_t st = wexo_datalink_id2info(h, id, nullptr, nullptr, nullptr, ifname, sizeof(ifname));
+	if (st != WEXO_STATUS_OK)
 		return st;
 	const Props props = load(ifname);
 	auto it = props.find(name);
 	std::snprintf(value, size, "%s", it != props.end() ? it->second.c_str() : "");
-	return WEXO_SUCCESS;
+	return WEXO_STATUS_OK;
 }
 
 }  // extern "C"

@@ -42,7 +42,7 @@ wexo_status_t tbf_set(struct nl_sock *sock, int ifindex, uint64_t bps)
 
 	Message m;
 	if (m.msg == nullptr)
-		return WEXO_NOMEM;
+		return WEXO_STATUS_NOMEM;
 	struct nlattr *opts = nullptr;
 	if (nlmsg_append(m.msg, &tcm, sizeof(tcm), NLMSG_ALIGNTO) < 0 ||
 	    nla_put_string(m.msg, TCA_KIND, "tbf") < 0 ||
@@ -51,12 +51,12 @@ wexo_status_t tbf_set(struct nl_sock *sock, int ifindex, uint64_t bps)
 	    nla_put_u32(m.msg, TCA_TBF_BURST, static_cast<uint32_t>(burst)) < 0 ||
 	    (rate >= (uint64_t{1} << 32) && nla_put_u64(m.msg, TCA_TBF_RATE64, rate) < 0) ||
 	    nla_nest_end(m.msg, opts) < 0)
-		return WEXO_NOMEM;
+		return WEXO_STATUS_NOMEM;
 	const int err = nl_send_auto(sock, m.msg);
 	if (err < 0)
 		return wexo_from_nl(err);
 	const int ack = nl_wait_for_ack(sock);
-	return ack == 0 ? WEXO_SUCCESS : wexo_from_nl(ack);
+	return ack == 0 ? WEXO_STATUS_OK : wexo_from_nl(ack);
 }
 
 }  // namespace wexo

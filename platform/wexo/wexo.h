@@ -1,34 +1,15 @@
 // Datalink administration on rtnetlink: a handle is a netlink socket, a datalink ID is
 // the link's ifindex. Everything acts on the network namespace of the calling thread.
+// The records, statuses and the calls a VNIC's maker uses are public (libkel_node.h);
+// this header adds what only the library and keld use.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 
+#include "libkel_node.h"
+
 extern "C" {
-
-typedef int wexo_status_t;
-
-#define WEXO_SUCCESS		0
-#define WEXO_FAILURE		1
-#define WEXO_NOTFOUND		2
-#define WEXO_NOMEM		3
-#define WEXO_BADARG		4
-#define WEXO_DENIED		5
-#define WEXO_NOTSUP		6
-#define WEXO_EXISTS		7
-
-typedef uint32_t datalink_id_t;
-
-// What kind of link: from the kernel's link kind (vxlan; macvlan, macvtap and veth are
-// VNICs; everything else counts as physical).
-typedef enum {
-	DATALINK_CLASS_PHYS = 1,
-	DATALINK_CLASS_VNIC = 2,
-	DATALINK_CLASS_VXLAN = 3
-} datalink_class_t;
-
-typedef struct wexo_handle *wexo_handle_t;
 
 // A link's 64-bit counters.
 typedef struct wexo_stats {
@@ -40,16 +21,33 @@ typedef struct wexo_stats {
 	uint64_t ws_oerrors;
 	uint64_t ws_idrops;
 	uint64_t ws_odrops;
+	uint64_t ws_multircv;
 } wexo_stats_t;
 
-wexo_status_t wexo_open(wexo_handle_t *handlep);
-void wexo_close(wexo_handle_t handle);
-wexo_status_t wexo_name2info(wexo_handle_t handle, const char *name, datalink_id_t *idp,
-    datalink_class_t *classp);
-wexo_status_t wexo_datalink_id2info(wexo_handle_t handle, datalink_id_t id,
-    datalink_class_t *classp, char *name, size_t namelen);
 wexo_status_t wexo_link_stats(wexo_handle_t handle, datalink_id_t id, wexo_stats_t *stats);
-// The text of a status, written into `buf` (1024 bytes).
-const char *wexo_status2str(int status, char *buf);
+
+// The properties of `args` that belong to links of `dlclass` into *props: for
+// DATALINK_CLASS_VXLAN a mac_vxlan_props_t ("vni", "addr" with an optional prefix
+// length, "mgroup", "ipvers", "interface"), with the mask bits of those given. Other
+// names are left alone; a value that does not parse is WEXO_STATUS_BADVAL. `linkid`
+// and `flags` are unused (the properties are those of a link still to be made).
+wexo_status_t wexo_link_proplist_extract(wexo_handle_t handle, datalink_id_t linkid,
+    datalink_class_t dlclass, const wexo_arg_list_t *args, void *props, uint32_t flags);
+
+// Makes the VXLAN link `name` from `kparams` (VNI, local endpoint, the link under it,
+// multicast group; destination port 4789), up, and sets the properties of `args` that
+// are not VXLAN properties on it. WEXO_STATUS_EXIST, with nothing changed, when a link
+// of that name exists; WEXO_STATUS_NOADDR when the endpoint address is set but is not
+// one of this host's (vk_ifindex 0). `flags` must hold WEXO_OPT_ACTIVE.
+wexo_status_t wexo_vxlan_create(wexo_handle_t handle, const char *name, vxlan_kparams_t *kparams,
+    const wexo_arg_list_t *args, uint32_t flags, datalink_id_t *linkidp);
+// Deletes the VXLAN link `linkid`, unless another link is made over it or enslaved to
+// it: then WEXO_STATUS_LINKBUSY and nothing is deleted (Linux would delete those links
+// with it). `flags` must hold WEXO_OPT_ACTIVE.
+wexo_status_t wexo_vxlan_delete(wexo_handle_t handle, datalink_id_t linkid, uint32_t flags);
+
+// The link property kept for `id` ("" when unset).
+wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
+    char *value, size_t size);
 
 }

@@ -93,7 +93,7 @@ check "allowed-ips over ssh" setprop "allowed-ips=10.78.0.1"
 check "protection over ssh" setprop "protection=ip-nospoof"
 check "the node has the rules" bash -c "ip netns exec '$node' nft list table netdev kel_kn | grep -q 'ip saddr != @allowed4' && ip netns exec '$node' nft list table netdev kel_kn | grep -q 'meta priority set'"
 check "a bad value comes back as a datalink error" bash -c \
-	"$(declare -f remote setprop); uri='$uri' call='$call' ctl='$ctl'; setprop maxbw=fast | grep -q '\"dde_err\":4'"
+	"$(declare -f remote setprop); uri='$uri' call='$call' ctl='$ctl'; setprop maxbw=fast | grep -q '\"dde_err\":7'"
 
 # Traffic: datagrams to a closed port of the node. Good ones reach its UDP layer (and
 # count as NoPorts); spoofed ones are dropped on the link's ingress.

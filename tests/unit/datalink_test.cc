@@ -15,7 +15,7 @@
 #include "fenu.h"
 #include "harl.h"
 #include "nuq_errors.h"
-#include "linkprop.h"
+#include "wexo.h"
 #include "netns.h"
 #include "wexo.h"
 
@@ -71,27 +71,27 @@ TEST_F(Datalinks, LinksClassesAndCounters)
 {
 	const int status = a_.inside([] {
 		wexo_handle_t h = nullptr;
-		if (wexo_open(&h) != WEXO_SUCCESS)
+		if (wexo_open(&h) != WEXO_STATUS_OK)
 			return 1;
 		datalink_id_t id = 0, lo = 0;
 		datalink_class_t cls{};
-		if (wexo_name2info(h, "va", &id, &cls) != WEXO_SUCCESS || cls != DATALINK_CLASS_VNIC || id == 0)
+		if (wexo_name2info(h, "va", &id, &cls) != WEXO_STATUS_OK || cls != DATALINK_CLASS_VNIC || id == 0)
 			return 2;
-		if (wexo_name2info(h, "lo", &lo, &cls) != WEXO_SUCCESS || cls != DATALINK_CLASS_PHYS)
+		if (wexo_name2info(h, "lo", &lo, &cls) != WEXO_STATUS_OK || cls != DATALINK_CLASS_PHYS)
 			return 3;
-		if (wexo_name2info(h, "nope0", &lo, &cls) != WEXO_NOTFOUND)
+		if (wexo_name2info(h, "nope0", &lo, &cls) != WEXO_STATUS_NOTFOUND)
 			return 4;
 		char name[16];
-		if (wexo_datalink_id2info(h, id, &cls, name, sizeof(name)) != WEXO_SUCCESS ||
+		if (wexo_datalink_id2info(h, id, nullptr, &cls, nullptr, name, sizeof(name)) != WEXO_STATUS_OK ||
 		    std::strcmp(name, "va") != 0)
 			return 5;
-		if (wexo_datalink_id2info(h, 999999, &cls, name, sizeof(name)) != WEXO_NOTFOUND)
+		if (wexo_datalink_id2info(h, 999999, nullptr, &cls, nullptr, name, sizeof(name)) != WEXO_STATUS_NOTFOUND)
 			return 6;
 		wexo_stats_t before{}, after{};
-		if (wexo_link_stats(h, id, &before) != WEXO_SUCCESS || !send_udp(5))
+		if (wexo_link_stats(h, id, &before) != WEXO_STATUS_OK || !send_udp(5))
 			return 7;
 		usleep(100000);
-		if (wexo_link_stats(h, id, &after) != WEXO_SUCCESS)
+		if (wexo_link_stats(h, id, &after) != WEXO_STATUS_OK)
 			return 8;
 		// Five datagrams left (ARP may add frames both ways).
 		if (after.ws_opackets < before.ws_opackets + 5 || after.ws_obytes <= before.ws_obytes ||
@@ -106,7 +106,7 @@ TEST_F(Datalinks, LinksClassesAndCounters)
 		wexo_handle_t h = nullptr;
 		datalink_id_t id = 0;
 		wexo_stats_t st{};
-		const bool ok = wexo_open(&h) == WEXO_SUCCESS && wexo_name2info(h, "vb", &id, nullptr) == 0 &&
+		const bool ok = wexo_open(&h) == WEXO_STATUS_OK && wexo_name2info(h, "vb", &id, nullptr) == 0 &&
 		    wexo_link_stats(h, id, &st) == 0 && st.ws_ipackets >= 5;
 		wexo_close(h);
 		return ok ? 0 : 1;
@@ -142,7 +142,7 @@ int set_prop(const NetNs &ns, const char *name, const char *value)
 	return ns.inside([&] {
 		wexo_handle_t h = nullptr;
 		datalink_id_t id = 0;
-		if (wexo_open(&h) != WEXO_SUCCESS || wexo_name2info(h, "va", &id, nullptr) != WEXO_SUCCESS)
+		if (wexo_open(&h) != WEXO_STATUS_OK || wexo_name2info(h, "va", &id, nullptr) != WEXO_STATUS_OK)
 			return 100;
 		const int st = wexo_set_linkprop(h, id, name, value);
 		wexo_close(h);
@@ -210,23 +210,23 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 	const std::string tc = "tc qdisc show dev va", nft = "nft list table netdev kel_va";
 	EXPECT_EQ(delivered(a_, b_), 3) << "both pass without protection";
 
-	ASSERT_EQ(set_prop(a_, "maxbw", "10M"), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "maxbw", "10M"), WEXO_STATUS_OK);
 	EXPECT_TRUE(a_.exec("sh -c '" + tc + " | grep -q \"tbf.*rate 10Mbit\"'"));
-	ASSERT_EQ(set_prop(a_, "priority", "high"), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "priority", "high"), WEXO_STATUS_OK);
 	EXPECT_TRUE(a_.exec("sh -c '" + nft + " | grep -q \"meta priority set\"'"));
 
-	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.2"), WEXO_SUCCESS);
-	ASSERT_EQ(set_prop(a_, "protection", "ip-nospoof,dhcp-nospoof"), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.2"), WEXO_STATUS_OK);
+	ASSERT_EQ(set_prop(a_, "protection", "ip-nospoof,dhcp-nospoof"), WEXO_STATUS_OK);
 	EXPECT_TRUE(a_.exec("sh -c '" + nft + " | grep -q \"ip saddr != @allowed4\"'"));
 	EXPECT_EQ(delivered(a_, b_), 1) << "the spoofed source is dropped";
 	// The allowed list changes in place: now only the other address passes.
-	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.99"), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.99"), WEXO_STATUS_OK);
 	EXPECT_EQ(delivered(a_, b_), 2);
 
 	// The far end's MAC is not the link's own: mac-nospoof drops everything until it
 	// is named as the allowed one.
-	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.2,10.77.0.99"), WEXO_SUCCESS);
-	ASSERT_EQ(set_prop(a_, "protection", "mac-nospoof"), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.2,10.77.0.99"), WEXO_STATUS_OK);
+	ASSERT_EQ(set_prop(a_, "protection", "mac-nospoof"), WEXO_STATUS_OK);
 	EXPECT_EQ(delivered(a_, b_), 0);
 	const std::string macfile = root_ + "/vb-mac";
 	ASSERT_EQ(b_.inside([&] {
@@ -235,30 +235,30 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 	}), 0);
 	std::string mac;
 	std::ifstream(macfile) >> mac;
-	ASSERT_EQ(set_prop(a_, "allowed-mac", mac.c_str()), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "allowed-mac", mac.c_str()), WEXO_STATUS_OK);
 	EXPECT_EQ(delivered(a_, b_), 3);
 
 	// Clearing takes everything away again.
-	ASSERT_EQ(set_prop(a_, "protection", ""), WEXO_SUCCESS);
-	ASSERT_EQ(set_prop(a_, "priority", "medium"), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "protection", ""), WEXO_STATUS_OK);
+	ASSERT_EQ(set_prop(a_, "priority", "medium"), WEXO_STATUS_OK);
 	EXPECT_FALSE(a_.exec(nft));
-	ASSERT_EQ(set_prop(a_, "maxbw", ""), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "maxbw", ""), WEXO_STATUS_OK);
 	EXPECT_FALSE(a_.exec("sh -c '" + tc + " | grep -q tbf'"));
 
 	// Caps beyond what 32 bits of bytes per second hold are programmed as they are.
 	for (const char *rate : {"25G", "40G", "100G", "8K"}) {
 		SCOPED_TRACE(rate);
 		const std::string shown = std::string(rate) + "bit";
-		ASSERT_EQ(set_prop(a_, "maxbw", rate), WEXO_SUCCESS);
+		ASSERT_EQ(set_prop(a_, "maxbw", rate), WEXO_STATUS_OK);
 		EXPECT_TRUE(a_.exec("sh -c '" + tc + " | grep -q \"tbf.*rate " + shown + " \"'"));
 	}
-	ASSERT_EQ(set_prop(a_, "maxbw", ""), WEXO_SUCCESS);
+	ASSERT_EQ(set_prop(a_, "maxbw", ""), WEXO_STATUS_OK);
 
 	// Values are checked; cos is kept and reported.
-	EXPECT_EQ(set_prop(a_, "maxbw", "fast"), WEXO_BADARG);
-	EXPECT_EQ(set_prop(a_, "protection", "mac-spoof"), WEXO_BADARG);
-	EXPECT_EQ(set_prop(a_, "colour", "blue"), WEXO_NOTSUP);
-	ASSERT_EQ(set_prop(a_, "cos", "5"), WEXO_SUCCESS);
+	EXPECT_EQ(set_prop(a_, "maxbw", "fast"), WEXO_STATUS_BADVAL);
+	EXPECT_EQ(set_prop(a_, "protection", "mac-spoof"), WEXO_STATUS_BADVAL);
+	EXPECT_EQ(set_prop(a_, "colour", "blue"), WEXO_STATUS_NOTSUP);
+	ASSERT_EQ(set_prop(a_, "cos", "5"), WEXO_STATUS_OK);
 	EXPECT_EQ(a_.inside([] {
 		wexo_handle_t h = nullptr;
 		datalink_id_t id = 0;
@@ -295,8 +295,8 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	EXPECT_TRUE(a_.exec("sh -c 'tc qdisc show dev va | grep -q \"rate 20Mbit\"'"));
 	EXPECT_EQ(harl_Datalink_setProperty(link, "maxbw=fast", 0x8001, &err), 1);
 	ASSERT_NE(err, nullptr);
-	EXPECT_EQ(err->dde_err, WEXO_BADARG);
-	EXPECT_STREQ(err->dde_errmsg, "invalid datalink argument");
+	EXPECT_EQ(err->dde_err, WEXO_STATUS_BADVAL);
+	EXPECT_STREQ(err->dde_errmsg, "invalid datalink property value");
 	harl_DatalinkError_free(err);
 	EXPECT_EQ(harl_Datalink_setProperty(link, "maxbw=", 0x8001, nullptr), 0);
 	EXPECT_FALSE(a_.exec("sh -c 'tc qdisc show dev va | grep -q tbf'"));
@@ -318,7 +318,7 @@ TEST_F(Datalinks, ClassOfServiceOnVlanLinks)
 		const int st = wexo_set_linkprop(h, id, "cos", "5");
 		wexo_close(h);
 		return st;
-	}), WEXO_SUCCESS);
+	}), WEXO_STATUS_OK);
 	EXPECT_TRUE(a_.exec("sh -c 'ip -d link show va.10 | grep -q \"egress-qos-map { 0:5 1:5 2:5 3:5 4:5 5:5 6:5 7:5 }\"'"));
 }
 

@@ -51,7 +51,12 @@ TEST(ErrorMessages, FacilityReasonsCarryTheFacilityText)
 	// Each platform library names its own errors.
 	EXPECT_EQ(message(1003 * 256 + KEL_E_VUR), "error while handling VUR: entity not found");
 	EXPECT_EQ(message(1027 * 256 + KEL_E_NUQ), "error while handling NUQ: remote call timed out");
-	EXPECT_EQ(message(2 * 256 + KEL_E_WEXO), "error while handling libwexo: datalink not found");
+	EXPECT_EQ(message(3 * 256 + KEL_E_WEXO), "error while handling libwexo: datalink not found");
+	// An unknown L2 type is the datalink layer's "not supported", 1061 in all.
+	EXPECT_EQ(message(1061), "error while handling libwexo: datalink operation not supported");
+	EXPECT_EQ(message(25 * 256 + KEL_E_WEXO), "error while handling libwexo: datalink is in use by other links");
+	EXPECT_EQ(message(105 * 256 + KEL_E_WEXO),
+	    "error while handling libwexo: VXLAN interface is not an IP interface");
 	EXPECT_EQ(message(4 * 256 + KEL_E_FENU), "error while handling libfenu: invalid address or interface");
 	// A negative status survives the arithmetic shift (and is no datalink status).
 	EXPECT_EQ(message(-3 * 256 + KEL_E_WEXO), "error while handling libwexo: unknown datalink error");

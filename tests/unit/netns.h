@@ -56,4 +56,33 @@ private:
 	bool ok_ = false;
 };
 
+// Puts the calling thread into a namespace for its lifetime, and back where it was after.
+// Processes it forks (commands, children) start in that namespace too.
+class InNetNs {
+public:
+	explicit InNetNs(const NetNs &ns)
+	    : home_(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC))
+	{
+		const int fd = open(("/run/netns/" + ns.name()).c_str(), O_RDONLY | O_CLOEXEC);
+		entered_ = home_ != -1 && fd != -1 && setns(fd, CLONE_NEWNET) == 0;
+		if (fd != -1)
+			close(fd);
+	}
+	~InNetNs()
+	{
+		if (entered_)
+			(void)setns(home_, CLONE_NEWNET);
+		if (home_ != -1)
+			close(home_);
+	}
+	InNetNs(const InNetNs &) = delete;
+	InNetNs &operator=(const InNetNs &) = delete;
+
+	bool entered() const { return entered_; }
+
+private:
+	int home_;
+	bool entered_ = false;
+};
+
 }  // namespace kel::test

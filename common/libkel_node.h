@@ -1,0 +1,268 @@
+/*
+ * libkel_node: the node side of the kel fabric, for the tools that make VNICs on a host
+ * (hypervisors, container runtimes, keladm).
+ *
+ * A VNIC joins a kel in three steps:
+ *   1. kel_connect_vnic() asks the controller to bind a port of the kel to the VNIC on
+ *      this host, and prepares the lower link the VNIC is to be made over: the host's
+ *      uplink for VLAN and flat kels, or the VXLAN link of the kel's VNI, made on demand.
+ *      It returns that link, the link properties the VNIC must carry, and what the
+ *      controller said about the kel and the port.
+ *   2. The caller makes the VNIC over the returned link (with the port's MAC address)
+ *      and applies each returned property with wexo_set_linkprop().
+ *   3. When the VNIC goes, the caller deletes it first and then calls
+ *      kel_disconnect_vnic(), which releases the port and removes the VXLAN link when no
+ *      other link uses it any more.
+ *
+ * Everything here acts on the network namespace of the calling thread. Codes are
+ * libkel's (see libkel.h); a datalink failure is KEL_E_WEXO with the WEXO_STATUS_* value
+ * shifted left by 8. This header is plain C99 and C++.
+ */
+#ifndef LIBKEL_NODE_H
+#define LIBKEL_NODE_H
+
+#include <netinet/in.h>
+#include <stdint.h>
+
+#include "libkel.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Datalink administration. */
+
+typedef int wexo_status_t;
+
+#define WEXO_STATUS_OK		0
+#define WEXO_STATUS_FAILED	1	/* the kernel refused, for a reason not below */
+#define WEXO_STATUS_BADARG	2
+#define WEXO_STATUS_NOTFOUND	3	/* no such link */
+#define WEXO_STATUS_NOTSUP	4
+#define WEXO_STATUS_NOMEM	5
+#define WEXO_STATUS_DENIED	6
+#define WEXO_STATUS_BADVAL	7	/* a property value that does not parse */
+#define WEXO_STATUS_EXIST	8	/* a link of that name exists already */
+#define WEXO_STATUS_NOADDR	9	/* a VXLAN endpoint address this host does not hold */
+#define WEXO_STATUS_DBNOTFOUND	12	/* the IP interface configuration cannot be read */
+#define WEXO_STATUS_LINKBUSY	25	/* other links are made over it */
+#define WEXO_STATUS_BADVXLANIF	105	/* a VXLAN interface that is not an IP interface */
+
+/* A link's ID is its interface index; 0 is no link. */
+typedef uint32_t datalink_id_t;
+#define DATALINK_INVALID_LINKID	0
+
+/* What kind of link, from the kernel's link kind: vlan; macvlan, macvtap and veth are
+ * VNICs; vxlan; everything else counts as physical. */
+typedef enum {
+	DATALINK_CLASS_PHYS = 0x01,
+	DATALINK_CLASS_VLAN = 0x02,
+	DATALINK_CLASS_VNIC = 0x08,
+	DATALINK_CLASS_VXLAN = 0x400
+} datalink_class_t;
+
+/* Options of link creation and deletion. WEXO_OPT_ACTIVE must be given: links live in
+ * the running system only. WEXO_OPT_ONDEMAND marks a link made on demand for VNICs. */
+#define WEXO_OPT_ACTIVE		0x00001
+#define WEXO_OPT_ONDEMAND	0x10000
+
+/* A datalink handle: a netlink socket of the caller's network namespace. */
+typedef struct wexo_handle *wexo_handle_t;
+
+wexo_status_t wexo_open(wexo_handle_t *handlep);
+/* NULL is accepted. */
+void wexo_close(wexo_handle_t handle);
+/* The ID and class of the link `name`; either out parameter may be NULL. */
+wexo_status_t wexo_name2info(wexo_handle_t handle, const char *name, datalink_id_t *idp,
+    datalink_class_t *classp);
+/* The flags (IFF_*), class, media (ARPHRD_*) and name of link `id`; any out
+ * parameter may be NULL; the name is cut to `namelen` bytes. */
+wexo_status_t wexo_datalink_id2info(wexo_handle_t handle, datalink_id_t id, uint32_t *flagsp,
+    datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen);
+/* Sets one link property live ("" as value resets it): maxbw, priority, cos,
+ * protection, allowed-ips, allowed-mac, iov (only "off"). */
+wexo_status_t wexo_set_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
+    const char *value);
+/* The text of a status, written into `buf` (1024 bytes) and returned. */
+const char *wexo_status2str(wexo_status_t status, char *buf);
+
+/*
+ * Argument lists: "name=value" pairs joined by commas, where a piece without "=" is a
+ * further value of the pair before it ("protection=mac-nospoof,ip-nospoof" is one pair
+ * with the value "mac-nospoof,ip-nospoof"). A list owns its text.
+ */
+typedef struct wexo_arg_list wexo_arg_list_t;
+
+/* Parses `text` into a new list (*listp; NULL on failure). With `novalues`, pieces are
+ * names without values. WEXO_STATUS_BADVAL for an empty name, a repeated name, or a
+ * value before any name. */
+wexo_status_t wexo_parse_link_props(const char *text, wexo_arg_list_t **listp,
+    boolean_t novalues);
+/* NULL is accepted. */
+void wexo_free_args(wexo_arg_list_t *list);
+uint_t wexo_arg_count(const wexo_arg_list_t *list);
+/* The name and the whole value text ("" without a value) of pair `i`, owned by the
+ * list; NULL when `i` is out of range. */
+const char *wexo_arg_name(const wexo_arg_list_t *list, uint_t i);
+const char *wexo_arg_value(const wexo_arg_list_t *list, uint_t i);
+
+/* An IP address: IPv4 is kept as an IPv4-mapped IPv6 address (::ffff:a.b.c.d). */
+typedef struct mac_ipaddr_s {
+	uint32_t ip_version;		/* 4 or 6; 0 when unset */
+	struct in6_addr ip_addr;
+} mac_ipaddr_t;
+
+/* VXLAN link properties, as extracted from an argument list. */
+#define MVP_VXLAN_VNI		0x01	/* "vni" */
+#define MVP_VXLAN_ADDR		0x02	/* "addr": the local endpoint, or a subnet of it */
+#define MVP_VXLAN_PLEN		0x04	/* "addr" had a prefix length */
+#define MVP_VXLAN_MGROUP	0x08	/* "mgroup" */
+#define MVP_VXLAN_IPVERS	0x10	/* "ipvers": "v4" or "v6" */
+#define MVP_VXLAN_IF		0x20	/* "interface": the link whose address is the endpoint */
+
+#define MAXLINKNAMELEN		32
+
+typedef struct mac_vxlan_props_s {
+	uint32_t mvp_mask;		/* which of the fields below were given */
+	uint32_t mvp_vni;
+	mac_ipaddr_t mvp_addr;
+	mac_ipaddr_t mvp_mgroup;
+	uint32_t mvp_plen;
+	uint32_t mvp_ipvers;		/* 4 or 6 */
+	char mvp_if[MAXLINKNAMELEN];
+} mac_vxlan_props_t;
+
+/* What a VXLAN link is made from. */
+typedef struct vxlan_kparams_s {
+	datalink_id_t vk_linkid;	/* the VXLAN link, once made */
+	datalink_id_t vk_llinkid;	/* the link that carries its packets */
+	int vk_ifindex;			/* the interface holding the local endpoint */
+	mac_ipaddr_t vk_addr;		/* the local endpoint */
+	mac_ipaddr_t vk_pmask;		/* the endpoint's netmask */
+	mac_ipaddr_t vk_maddr;		/* the multicast group (ip_version 0: none) */
+	boolean_t vk_syslink;		/* made on demand for VNICs */
+	mac_vxlan_props_t vk_mvp;
+	int vk_diag;			/* why the kernel refused the creation (libnl NLE_*) */
+} vxlan_kparams_t;
+
+/* A link's traffic counters. The fabric fills the packets, bytes and drops of each
+ * direction; the kernel does not count dropped bytes, so those stay 0. */
+typedef struct link_stat_s {
+	uint64_t ls_ipackets;
+	uint64_t ls_rbytes;
+	uint64_t ls_ierrors;
+	uint64_t ls_idrops;
+	uint64_t ls_idropbytes;
+	uint64_t ls_multircv;
+	uint64_t ls_opackets;
+	uint64_t ls_obytes;
+	uint64_t ls_oerrors;
+	uint64_t ls_odrops;
+	uint64_t ls_odropbytes;
+	uint64_t ls_multixmt;
+} link_stat_t;
+
+/* The controller's records. Each owns its strings and arrays; free it with its free
+ * function (NULL is accepted). */
+typedef struct kelcntl_PropertyNV {
+	char *epnv_name;
+	char *epnv_value;
+} kelcntl_PropertyNV;
+
+typedef struct kelcntl_KELError {
+	int ekele_err;			/* a libkel code */
+	char *ekele_errmsg;
+} kelcntl_KELError;
+
+typedef enum { EVPS_FREE = 0, EVPS_USED = 1 } kelcntl_VPortStatus;
+typedef enum { EIPV_IPV4 = 0, EIPV_IPV6 = 1 } kelcntl_IPVersion;
+typedef enum { EKELS_IDLE = 0, EKELS_BUSY = 1 } kelcntl_KELStatus;
+
+typedef struct kelcntl_VPortInfo {
+	char *evpi_name;
+	char *evpi_uuid;
+	char *evpi_kelname;
+	char *evpi_keluuid;
+	char *evpi_tenantname;
+	kelcntl_VPortStatus evpi_status;
+	char *evpi_vnicname;
+	kelcntl_PropertyNV **evpi_props;	/* "ipaddr", "macaddr", "cos", ... */
+	int evpi_props_count;
+	char *evpi_hostname;
+} kelcntl_VPortInfo;
+
+typedef struct kelcntl_IPnetInfo {
+	char *eipi_name;
+	char *eipi_uuid;
+	char *eipi_kelname;
+	char *eipi_keluuid;
+	char *eipi_tenantname;
+	kelcntl_PropertyNV **eipi_props;
+	int eipi_props_count;
+	char *eipi_start;
+	char *eipi_end;
+	char *eipi_range;
+	kelcntl_IPVersion eipi_ipvers;
+} kelcntl_IPnetInfo;
+
+typedef struct kelcntl_KELInfo {
+	char *ekeli_name;
+	char *ekeli_uuid;
+	char *ekeli_tenantname;
+	kelcntl_PropertyNV **ekeli_props;	/* "l2-type", "vlanid" or "vni", ... */
+	int ekeli_props_count;
+	kelcntl_KELStatus ekeli_status;
+	kelcntl_VPortInfo **ekeli_vports;	/* after a binding: the one port bound */
+	int ekeli_vports_count;
+	kelcntl_IPnetInfo **ekeli_ipnets;
+	int ekeli_ipnets_count;
+} kelcntl_KELInfo;
+
+/* What a binding returns: the kel (its first port is the one bound) and, for the
+ * VNIC's host, the uplink, VXLAN endpoint, multicast group and IP version ("v4",
+ * "v6"); absent settings are "". */
+typedef struct kelcntl_KELImplInfo {
+	kelcntl_KELInfo *ekelii_kelinfo;
+	char *ekelii_uplink_port;
+	char *ekelii_vxlan_localaddr;
+	char *ekelii_vxlan_mgroup;
+	char *ekelii_vxlan_ipvers;
+} kelcntl_KELImplInfo;
+
+void kelcntl_PropertyNV_free(kelcntl_PropertyNV *nv);
+void kelcntl_KELError_free(kelcntl_KELError *err);
+void kelcntl_VPortInfo_free(kelcntl_VPortInfo *vport);
+void kelcntl_VPortInfo_array_free(kelcntl_VPortInfo **array, int count);
+void kelcntl_IPnetInfo_free(kelcntl_IPnetInfo *ipnet);
+void kelcntl_KELInfo_free(kelcntl_KELInfo *kel);
+void kelcntl_KELImplInfo_free(kelcntl_KELImplInfo *info);
+
+/*
+ * Binds a port of kel `kelname` (tenant NULL: "sys-global"; `vportname` NULL: a new
+ * system port) to VNIC `vnicname` on this host, and prepares the VNIC's lower link.
+ * `extra` is the binding's property text (e.g. "vmid=..."; may be NULL); `flags` is
+ * reserved (0). On success *linkid is the lower link, *proplist the link properties the
+ * VNIC must carry (free with wexo_free_args) and *implinfo what the controller returned
+ * (free with kelcntl_KELImplInfo_free). On failure nothing stays bound and the out
+ * parameters are cleared.
+ */
+int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
+    const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
+    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo, uint32_t flags);
+/* Releases the port of `vnicname` on this host (or, when none, the one `extra` selects)
+ * and removes the lower link `linkid` when it is a VXLAN link that nothing else uses.
+ * The release's error comes first, then the link's. */
+int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
+    datalink_id_t linkid, uint32_t flags);
+/* The ports bound to `vnicname` on this host, as the controller knows them (none: *count
+ * 0). Free with kelcntl_VPortInfo_array_free. */
+int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count);
+/* The counters of `vnicname` on the host that `conn` reaches (see
+ * kel_nuq_connection_to_kelnode); fields the host does not count are 0. */
+int kel_get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* LIBKEL_NODE_H */

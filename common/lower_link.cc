@@ -1,0 +1,163 @@
+// The link a kel's VNIC is made over on its host: the uplink for VLAN and flat kels, or
+// the VXLAN link of the kel's VNI, made by the first VNIC that needs it.
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "error_code.h"
+#include "fenu.h"
+#include "kel_assert.h"
+#include "kel_lifecycle.h"
+#include "nuq_errors.h"
+#include "owners.h"
+#include "vnic.h"
+#include "wexo.h"
+
+namespace {
+
+using Args = kel::Owned<wexo_arg_list_t, wexo_free_args>;
+
+// Tries to make the VXLAN link before taking the one another VNIC made: a concurrent
+// last disconnect may remove that one in between, and then the next try makes it anew.
+constexpr int kCreateTries = 3;
+
+int wexo_error(wexo_status_t st)
+{
+	return kel::compose_error(st, KEL_E_WEXO);
+}
+
+// An answer the controller is bound to give; one without it is not from ours.
+int protocol_error()
+{
+	return kel::compose_error(NUQ_E_PROTOCOL, KEL_E_NUQ);
+}
+
+bool is_set(const char *text)
+{
+	return text != nullptr && *text != '\0';
+}
+
+int uplink(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_id_t *linkid)
+{
+	// The controller refuses to bind a VLAN or flat kel's port on a host without one.
+	if (!is_set(info->ekelii_uplink_port))
+		return protocol_error();
+	const wexo_status_t st = wexo_name2info(handle, info->ekelii_uplink_port, linkid, nullptr);
+	return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
+}
+
+int vxlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_id_t *linkid)
+{
+	kelcntl_KELInfo *kel = info->ekelii_kelinfo;
+	const char *localaddr = info->ekelii_vxlan_localaddr;
+	const char *vnitext = kel_propattrset_lookup(kel->ekeli_props, kel->ekeli_props_count, "vni");
+	if ((!is_set(info->ekelii_uplink_port) && !is_set(localaddr)) || vnitext == nullptr)
+		return protocol_error();
+	int vni = 0;
+	int rc = kel_str2int(vnitext, &vni);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	char name[MAXLINKNAMELEN];
+	kel_vxlan_linkname(vni, name, sizeof(name));
+	char params[1024];
+	int n = is_set(localaddr)
+	    ? std::snprintf(params, sizeof(params), "vni=%d,addr=%s", vni, localaddr)
+	    : std::snprintf(params, sizeof(params), "vni=%d,interface=%s,ipvers=%s", vni,
+	          info->ekelii_uplink_port, info->ekelii_vxlan_ipvers != nullptr ? info->ekelii_vxlan_ipvers : "");
+	if (n >= 0 && static_cast<size_t>(n) < sizeof(params) && is_set(info->ekelii_vxlan_mgroup))
+		n += std::snprintf(params + n, sizeof(params) - n, ",mgroup=%s", info->ekelii_vxlan_mgroup);
+	if (n < 0 || static_cast<size_t>(n) >= sizeof(params))
+		return KEL_E_NOSPACE;
+
+	wexo_arg_list_t *raw = nullptr;
+	wexo_status_t st = wexo_parse_link_props(params, &raw, B_FALSE);
+	Args args(raw);
+	if (st != WEXO_STATUS_OK)
+		return wexo_error(st);
+	vxlan_kparams_t kp;
+	if ((st = kel_vxlan_props2kparams(handle, args.get(), &kp)) != WEXO_STATUS_OK)
+		return wexo_error(st);
+	for (int i = 0; i < kCreateTries; i++) {
+		vxlan_kparams_t attempt = kp;
+		st = wexo_vxlan_create(handle, name, &attempt, args.get(), WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND, linkid);
+		// Another VNIC of the VNI made it: this one shares it.
+		if (st == WEXO_STATUS_EXIST)
+			st = wexo_name2info(handle, name, linkid, nullptr);
+		if (st != WEXO_STATUS_NOTFOUND)
+			break;
+	}
+	return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
+}
+
+}  // namespace
+
+void kel_vxlan_linkname(int vni, char *buf, size_t size)
+{
+	// A Linux link name has at most 15 characters: VNIs above 999999 get the short
+	// prefix, which keeps the "-" that marks links made for VNICs.
+	const int n = std::snprintf(buf, size, "kel-vxlan%d", vni);
+	if (n >= IFNAMSIZ)
+		std::snprintf(buf, size, "kel-vx%d", vni);
+}
+
+int kel_setup_l2network(wexo_handle_t handle, datalink_id_t *linkid, kelcntl_KELImplInfo *info)
+{
+	KEL_ASSERT(kel::kAreaNuq, linkid != NULL);
+	kelcntl_KELInfo *kel = info->ekelii_kelinfo;
+	const char *l2type = kel != nullptr
+	    ? kel_propattrset_lookup(kel->ekeli_props, kel->ekeli_props_count, "l2-type") : nullptr;
+	if (l2type == nullptr)
+		return protocol_error();
+	kel_l2ntype_t type;
+	kel_str2ntype(l2type, &type);
+	switch (type) {
+	case KEL_L2NTYPE_VLAN:
+	case KEL_L2NTYPE_FLAT:
+		return uplink(handle, info, linkid);
+	case KEL_L2NTYPE_VXLAN:
+		return vxlan_link(handle, info, linkid);
+	default:
+		return wexo_error(WEXO_STATUS_NOTSUP);
+	}
+}
+
+wexo_status_t kel_vxlan_props2kparams(wexo_handle_t handle, const wexo_arg_list_t *args,
+    vxlan_kparams_t *kp)
+{
+	*kp = vxlan_kparams_t{};
+	mac_vxlan_props_t &mvp = kp->vk_mvp;
+	wexo_status_t st = wexo_link_proplist_extract(handle, DATALINK_INVALID_LINKID,
+	    DATALINK_CLASS_VXLAN, args, &mvp, 0);
+	if (st != WEXO_STATUS_OK)
+		return st;
+	const bool addr = (mvp.mvp_mask & MVP_VXLAN_ADDR) != 0, intf = (mvp.mvp_mask & MVP_VXLAN_IF) != 0;
+	// The parameters are the library's own text: a VNI and one of the two, always.
+	KEL_ASSERT(kel::kAreaNuq, (mvp.mvp_mask & MVP_VXLAN_VNI) && addr != intf);
+	if (addr) {
+		kp->vk_addr = mvp.mvp_addr;
+		const uint32_t plen = (mvp.mvp_mask & MVP_VXLAN_PLEN) ? mvp.mvp_plen
+		    : mvp.mvp_addr.ip_version == 6 ? 128 : 32;
+		kp->vk_pmask.ip_version = mvp.mvp_addr.ip_version;
+		// An endpoint this host does not hold leaves vk_ifindex 0, which the link's
+		// creation refuses.
+		(void)fenu_get_addrinfo(&kp->vk_addr, &kp->vk_pmask, plen, &kp->vk_ifindex, &kp->vk_llinkid,
+		    B_FALSE, mvp.mvp_addr.ip_version == 6 ? AF_INET6 : AF_INET);
+		return WEXO_STATUS_OK;
+	}
+	fenu_handle_t fh = nullptr;
+	if (fenu_open(&fh, "current-profile", 0, 0) != FENU_SUCCESS)
+		return WEXO_STATUS_DBNOTFOUND;
+	const boolean_t ip = fenu_is_ip(fh, mvp.mvp_if);
+	fenu_close(fh);
+	if (!ip)
+		return WEXO_STATUS_BADVXLANIF;
+	if ((st = wexo_name2info(handle, mvp.mvp_if, &kp->vk_llinkid, nullptr)) != WEXO_STATUS_OK)
+		return st;
+	kp->vk_addr.ip_version = (mvp.mvp_mask & MVP_VXLAN_IPVERS) ? mvp.mvp_ipvers : 4;
+	// An uplink without an address of that version sends from whatever the route picks.
+	(void)fenu_get_addrinfo(&kp->vk_addr, &kp->vk_pmask, 0, &kp->vk_ifindex, &kp->vk_llinkid, B_TRUE,
+	    kp->vk_addr.ip_version == 6 ? AF_INET6 : AF_INET);
+	return WEXO_STATUS_OK;
+}

@@ -1,0 +1,25 @@
+// The node side of a VNIC's attachment: the calls to the controller and the lower link.
+#pragma once
+
+#include "kelcntl.h"
+#include "libkel_node.h"
+
+// Asks the controller to bind a port of the kel to `vnicname` on `hostname`.
+int kel_assign_vport(const char *tenant, const char *kelname, const char *vportname,
+    const char *vnicname, const char *hostname, const char *extra,
+    kelcntl_KELImplInfo **implinfo);
+// Releases the port of `vnicname` on `hostname` (with `extra`: the port "vnic" and
+// `extra` select); KEL_SUCCESS when none is bound.
+int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra);
+// The ports the controller lists for `filter`.
+int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,
+    int *count);
+
+// The lower link for the kel `implinfo` describes: the uplink, or the kel's VXLAN link
+// (made unless it exists).
+int kel_setup_l2network(wexo_handle_t handle, datalink_id_t *linkid, kelcntl_KELImplInfo *implinfo);
+// The VXLAN parameters of `args` with the host's part filled in; a datalink status.
+wexo_status_t kel_vxlan_props2kparams(wexo_handle_t handle, const wexo_arg_list_t *args,
+    vxlan_kparams_t *kparams);
+// The name of the VXLAN link of `vni` ("kel-vxlan5000"), into 32 bytes.
+void kel_vxlan_linkname(int vni, char *buf, size_t size);

@@ -1,0 +1,264 @@
+// A VNIC joining a kel and leaving it, seen from the VNIC's host: the controller binds
+// the port, this side prepares the lower link and the VNIC's link properties.
+#include <cstring>
+#include <string>
+
+#include "c_boundary.h"
+#include "connections.h"
+#include "error_code.h"
+#include "kel_assert.h"
+#include "kel_lifecycle.h"
+#include "kelnet.h"
+#include "names.h"
+#include "nuq_errors.h"
+#include "owners.h"
+#include "prop_list.h"
+#include "text.h"
+#include "vnic.h"
+#include "wexo.h"
+
+namespace {
+
+constexpr size_t kHostLen = 256;
+constexpr size_t kPropLen = 1024;
+// How much of the port's "ipaddr" the VNIC's allowed address takes.
+constexpr size_t kAllowedIpLen = 50;
+
+using Conn = kel::Owned<nuq_conn_t, nuq_disconnect>;
+using Instance = kel::Owned<nuq_instance_t, nuq_instance_rele>;
+using KelError = kel::Owned<kelcntl_KELError, kelcntl_KELError_free>;
+using ImplInfo = kel::Owned<kelcntl_KELImplInfo, kelcntl_KELImplInfo_free>;
+using Args = kel::Owned<wexo_arg_list_t, wexo_free_args>;
+
+int nuq_error(int r)
+{
+	return kel::compose_error(r, KEL_E_NUQ);
+}
+
+// A method's result as a library code: the controller's own code when it answered with
+// an error record, else the remote call's failure.
+int method_result(int r, const KelError &err)
+{
+	if (r == NUQ_E_SUCCESS)
+		return KEL_SUCCESS;
+	if (r == NUQ_E_OBJECT && err != nullptr)
+		return err->ekele_err;
+	return nuq_error(r);
+}
+
+int connect_controller(Conn *conn)
+{
+	nuq_conn_t *raw = nullptr;
+	const int rc = kel_nuq_connection_to_controller(&raw);
+	conn->reset(raw);
+	return rc;
+}
+
+int lookup_kel(nuq_conn_t *conn, const char *tenant, const char *kelname, Instance *inst)
+{
+	nuq_instance_t *raw = nullptr;
+	const int r = kelcntl_KEL__nuq_lookup(conn, 0, &raw, 2, "name", kelname, "tenant",
+	    tenant != nullptr ? tenant : kDefaultTenant);
+	inst->reset(raw);
+	return r == NUQ_E_SUCCESS ? KEL_SUCCESS : nuq_error(r);
+}
+
+// The link property text of the bound port's VNIC: "iov=off", the port's address as the
+// one ip-nospoof lets through, then what the port inherits.
+int vnic_props(kelcntl_KELImplInfo *info, char *buf, size_t size)
+{
+	kelcntl_KELInfo *kel = info->ekelii_kelinfo;
+	// The controller always returns the port it bound; an answer without one is not
+	// from a controller of ours.
+	if (kel == nullptr || kel->ekeli_vports_count < 1 || kel->ekeli_vports[0] == nullptr)
+		return nuq_error(NUQ_E_PROTOCOL);
+	kelcntl_VPortInfo *vport = kel->ekeli_vports[0];
+	char inherited[kPropLen];
+	int rc = kel_inherit_dlprops(kel, vport, inherited, sizeof(inherited));
+	if (rc != KEL_SUCCESS)
+		return rc;
+	if (std::strstr(inherited, "ip-nospoof") == nullptr)
+		return kel_create_attrstr(buf, size, inherited, 1, "iov", "off");
+	// A port without an address gets no allowed address: ip-nospoof then lets none of
+	// its IPv4 traffic out, which is what the protection means for it.
+	char allowed[kAllowedIpLen] = "";
+	if (const char *ip = kel_propattrset_lookup(vport->evpi_props, vport->evpi_props_count, "ipaddr"))
+		kel::copy_text(allowed, ip, sizeof(allowed));
+	allowed[std::strcspn(allowed, "/")] = '\0';
+	return kel_create_attrstr(buf, size, inherited, 2, "allowed-ips", allowed, "iov", "off");
+}
+
+int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
+    const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
+    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo)
+{
+	char host[kHostLen];
+	int rc = kel_get_hostname(host, sizeof(host));
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kelcntl_KELImplInfo *raw = nullptr;
+	if ((rc = kel_assign_vport(tenant, kelname, vportname, vnicname, host, extra, &raw)) != KEL_SUCCESS)
+		return rc;
+	ImplInfo info(raw);
+	char props[kPropLen];
+	rc = vnic_props(info.get(), props, sizeof(props));
+	wexo_arg_list_t *args = nullptr;
+	if (rc == KEL_SUCCESS) {
+		const wexo_status_t st = wexo_parse_link_props(props, &args, B_FALSE);
+		if (st != WEXO_STATUS_OK)
+			rc = kel::compose_error(st, KEL_E_WEXO);
+	}
+	Args owned(args);
+	datalink_id_t lower = DATALINK_INVALID_LINKID;
+	if (rc == KEL_SUCCESS)
+		rc = kel_setup_l2network(handle, &lower, info.get());
+	if (rc != KEL_SUCCESS) {
+		// Nothing stays bound to a VNIC that cannot be made; the first error is the one
+		// the caller needs.
+		(void)kel_unassign_vport(vnicname, host, extra);
+		return rc;
+	}
+	*linkid = lower;
+	*proplist = owned.release();
+	*implinfo = info.release();
+	return KEL_SUCCESS;
+}
+
+int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
+    datalink_id_t linkid)
+{
+	char host[kHostLen];
+	int rc = kel_get_hostname(host, sizeof(host));
+	if (rc != KEL_SUCCESS)
+		return rc;
+	const int unassigned = kel_unassign_vport(vnicname, host, extra);
+	datalink_class_t cls;
+	char name[MAXLINKNAMELEN];
+	int link = KEL_SUCCESS;
+	wexo_status_t st = wexo_datalink_id2info(handle, linkid, nullptr, &cls, nullptr, name, sizeof(name));
+	// Only the links made for VNICs have a "-" in their name; an uplink never goes.
+	if (st == WEXO_STATUS_OK && cls == DATALINK_CLASS_VXLAN && std::strchr(name, '-') != nullptr) {
+		st = wexo_vxlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND);
+		if (st == WEXO_STATUS_LINKBUSY)
+			st = WEXO_STATUS_OK;	// other VNICs of the VNI still use it
+	}
+	if (st != WEXO_STATUS_OK)
+		link = kel::compose_error(st, KEL_E_WEXO);
+	return unassigned != KEL_SUCCESS ? unassigned : link;
+}
+
+int get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count)
+{
+	char host[kHostLen];
+	int rc = kel_get_hostname(host, sizeof(host));
+	if (rc != KEL_SUCCESS)
+		return rc;
+	char filter[kPropLen];
+	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "vnic", vnicname, "host", host)) != KEL_SUCCESS)
+		return rc;
+	Conn conn;
+	if ((rc = connect_controller(&conn)) != KEL_SUCCESS)
+		return rc;
+	return kel_get_vnic_kelvport(conn.get(), filter, array, count);
+}
+
+}  // namespace
+
+int kel_assign_vport(const char *tenant, const char *kelname, const char *vportname,
+    const char *vnicname, const char *hostname, const char *extra, kelcntl_KELImplInfo **implinfo)
+{
+	*implinfo = nullptr;
+	Conn conn;
+	int rc = connect_controller(&conn);
+	Instance kel;
+	if (rc == KEL_SUCCESS)
+		rc = lookup_kel(conn.get(), tenant, kelname, &kel);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kelcntl_KELError *err = nullptr;
+	const int r = kelcntl_KEL_assignVPort(kel.get(), vnicname, hostname, vportname, extra, implinfo, &err);
+	return method_result(r, KelError(err));
+}
+
+int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra)
+{
+	char filter[kPropLen];
+	int rc = extra != nullptr
+	    ? kel_create_attrstr(filter, sizeof(filter), extra, 1, "vnic", vnicname)
+	    : kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "host", hostname, "vnic", vnicname);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	Conn conn;
+	if ((rc = connect_controller(&conn)) != KEL_SUCCESS)
+		return rc;
+	kelcntl_VPortInfo **ports = nullptr;
+	int count = 0;
+	if ((rc = kel_get_vnic_kelvport(conn.get(), filter, &ports, &count)) != KEL_SUCCESS)
+		return rc;
+	if (count == 0) {
+		kelcntl_VPortInfo_array_free(ports, count);
+		return KEL_SUCCESS;	// nothing bound: nothing to release
+	}
+	Instance kel;
+	rc = lookup_kel(conn.get(), ports[0]->evpi_tenantname, ports[0]->evpi_kelname, &kel);
+	kelcntl_VPortInfo_array_free(ports, count);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kelcntl_KELError *err = nullptr;
+	const int r = kelcntl_KEL_unAssignVPort(kel.get(), vnicname, hostname, extra, &err);
+	return method_result(r, KelError(err));
+}
+
+int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,
+    int *count)
+{
+	nuq_instance_t *raw = nullptr;
+	int r = kelcntl_KELController__nuq_lookup(conn, 0, &raw, 0);
+	Instance ctl(raw);
+	if (r != NUQ_E_SUCCESS)
+		return nuq_error(r);
+	kelcntl_KELError *err = nullptr;
+	r = kelcntl_KELController_getVPortInfo(ctl.get(), filter, array, count, &err);
+	return method_result(r, KelError(err));
+}
+
+extern "C" {
+
+int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
+    const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
+    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo, uint32_t)
+{
+	KEL_ASSERT(kel::kAreaNuq, implinfo != NULL && proplist != NULL && linkid != NULL);
+	*implinfo = nullptr;
+	*proplist = nullptr;
+	*linkid = DATALINK_INVALID_LINKID;
+	// The names go into the controller's filters: one that is not a name is refused
+	// here rather than read as more of a filter there.
+	if (handle == nullptr || kelname == nullptr || vnicname == nullptr || !kel_valid_zonevnicname(vnicname))
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] {
+		return connect_vnic(handle, tenant, kelname, vportname, vnicname, proplist, extra, linkid, implinfo);
+	});
+}
+
+int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
+    datalink_id_t linkid, uint32_t)
+{
+	KEL_ASSERT(kel::kAreaNuq, vnicname != NULL);
+	if (handle == nullptr || !kel_valid_zonevnicname(vnicname))
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return disconnect_vnic(handle, vnicname, extra, linkid); });
+}
+
+int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count)
+{
+	if (array == nullptr || count == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*array = nullptr;
+	*count = 0;
+	if (vnicname == nullptr || !kel_valid_zonevnicname(vnicname))
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return get_vnicinfo(vnicname, array, count); });
+}
+
+}  // extern "C"

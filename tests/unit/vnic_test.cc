@@ -1,0 +1,409 @@
+// VNICs joining kels on real links: controller and node share one network namespace and
+// talk over unix://; macvlan links stand for the VNICs a hypervisor would make.
+#include <linux/if_packet.h>
+#include <net/ethernet.h>
+#include <net/if.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "connections.h"
+#include "error_code.h"
+#include "libkel_node.h"
+#include "netns.h"
+#include "nuq_errors.h"
+#include "store_fixture.h"
+#include "vnic.h"
+#include "wexo.h"
+
+namespace {
+
+using kel::test::NetNs;
+
+// What a connect returned, freed when it goes.
+struct Attach {
+	int rc = -1;
+	datalink_id_t link = 0;
+	std::string props;	// "name=value;..." as the argument list reads
+	kelcntl_KELImplInfo *info = nullptr;
+	~Attach() { kelcntl_KELImplInfo_free(info); }
+};
+
+std::string out_of(const std::string &cmd)
+{
+	std::string out;
+	if (FILE *p = popen((cmd + " 2>&1").c_str(), "r")) {
+		char buf[512];
+		while (std::fgets(buf, sizeof(buf), p) != nullptr)
+			out += buf;
+		pclose(p);
+	}
+	return out;
+}
+
+class Vnics : public kel::test::StoreFixture {
+protected:
+	void SetUp() override
+	{
+		StoreFixture::SetUp();
+		if (!ns_.ok())
+			GTEST_SKIP() << "network namespaces cannot be made here (needs root and iproute2)";
+		in_ = std::make_unique<kel::test::InNetNs>(ns_);
+		ASSERT_TRUE(in_->entered());
+		// Uplinks are veth links: every kernel has them.
+		for (const char *cmd : {"ip link set lo up", "ip link add up0 type veth peer name up0p",
+		         "ip addr add 10.79.0.1/24 dev up0", "ip link set up0p up", "ip link set up0 up",
+		         "ip link add ep0 type veth peer name ep0p", "ip addr add 10.80.0.1/24 dev ep0",
+		         "ip link set ep0p up", "ip link set ep0 up"})
+			ASSERT_TRUE(NetNs::run(cmd)) << cmd;
+		char host[256];
+		ASSERT_EQ(kel_get_hostname(host, sizeof(host)), KEL_SUCCESS);
+		host_ = host;
+		ASSERT_EQ(kel_set_client_togprop("controller=unix://"), KEL_SUCCESS);
+		for (const char *prop : {"vxlan-range=5000-5999", "vlan-range=100-199", "uri-template=unix://"})
+			ASSERT_EQ(kel_db_set_ctrlprop(h_, prop, nullptr), KEL_SUCCESS) << prop;
+		keld_ = std::make_unique<kel::test::Keld>(ns_.name());
+		ASSERT_GT(keld_->pid(), 0);
+		ASSERT_EQ(wexo_open(&wh_), WEXO_STATUS_OK);
+	}
+	void TearDown() override
+	{
+		wexo_close(wh_);
+		keld_.reset();
+		in_.reset();
+		StoreFixture::TearDown();
+	}
+
+	void host_prop(const std::string &prop)
+	{
+		ASSERT_EQ(kel_db_set_ctrlprop(h_, prop.c_str(), host_.c_str()), KEL_SUCCESS) << prop;
+	}
+
+	// A kel with a network of its own and ports p1..p<ports>.
+	void make_kel(const char *name, const char *props, int ports = 2)
+	{
+		const std::string subnet = "subnet=10.9" + std::to_string(kels_++) + ".0.0/24";
+		kel_t *k = nullptr;
+		ASSERT_EQ(kel_db_create_kel(h_, nullptr, name, props, 0, &k), KEL_SUCCESS);
+		kel_free_kel(k);
+		kel_ipnet_t *ip = nullptr;
+		ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", name, (std::string(name) + "net").c_str(), subnet.c_str(), &ip, 0), KEL_SUCCESS);
+		kel_free_ipnet(ip);
+		for (int i = 1; i <= ports; i++)
+			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", name, ("p" + std::to_string(i)).c_str(), nullptr,
+			              nullptr, 0), KEL_SUCCESS);
+	}
+
+	void connect(const char *kel, const char *vport, const char *vnic, Attach *a)
+	{
+		wexo_arg_list_t *args = nullptr;
+		a->rc = kel_connect_vnic(wh_, nullptr, kel, vport, vnic, &args, nullptr, &a->link, &a->info, 0);
+		for (uint_t i = 0; i < wexo_arg_count(args); i++)
+			a->props += std::string(wexo_arg_name(args, i)) + "=" + wexo_arg_value(args, i) + ";";
+		wexo_free_args(args);
+		if (a->rc != KEL_SUCCESS) {
+			EXPECT_EQ(a->link, 0u);
+			EXPECT_EQ(a->info, nullptr);
+			EXPECT_EQ(args, nullptr);
+		}
+	}
+
+	// "status vnic host" of a port, as the store holds it.
+	std::string binding(const char *vport)
+	{
+		return value("SELECT vport_status || ' ' || vport_vnicname || ' ' || vport_hostname "
+		             "FROM vport_tbl WHERE vport_name = ?", {vport});
+	}
+	std::string bound(const char *vnic) { return "1 " + std::string(vnic) + " " + host_; }
+	// Every port's binding, and the switches and networks with their pools.
+	std::string state()
+	{
+		return value("SELECT group_concat(vport_name || ':' || vport_status || ':' || "
+		             "ifnull(vport_vnicname, '') || ':' || vport_hostname, ' ') FROM vport_tbl") +
+		    value("SELECT group_concat(kel_name || kel_props, ' ') FROM kel_tbl") +
+		    value("SELECT group_concat(ipnet_avail_range, ' ') FROM ipnet_tbl");
+	}
+
+	datalink_id_t link_id(const char *name)
+	{
+		datalink_id_t id = 0;
+		return wexo_name2info(wh_, name, &id, nullptr) == WEXO_STATUS_OK ? id : 0;
+	}
+
+	NetNs ns_{"vn"};
+	std::unique_ptr<kel::test::InNetNs> in_;
+	std::unique_ptr<kel::test::Keld> keld_;
+	wexo_handle_t wh_ = nullptr;
+	std::string host_;
+	int kels_ = 0;
+};
+
+TEST_F(Vnics, VxlanLinkIsSharedAndGoesWithItsLastUser)
+{
+	host_prop("vxlan-addr=10.80.0.1");
+	make_kel("db", "l2-type=vxlan,vni=5000");
+	Attach a, b;
+	connect("db", "p1", "vn1", &a);
+	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	ASSERT_EQ(a.link, link_id("kel-vxlan5000"));
+	const std::string link = out_of("ip -d link show kel-vxlan5000");
+	for (const char *want : {"vxlan id 5000 local 10.80.0.1 ", "dstport 4789", "state UNKNOWN"})
+		EXPECT_NE(link.find(want), std::string::npos) << want << " in " << link;
+	EXPECT_EQ(binding("p1"), bound("vn1"));
+	// The kel's default protection holds ip-nospoof: the port's address is let through,
+	// without its prefix length.
+	const char *ip = kel_propattrset_lookup(a.info->ekelii_kelinfo->ekeli_vports[0]->evpi_props,
+	    a.info->ekelii_kelinfo->ekeli_vports[0]->evpi_props_count, "ipaddr");
+	ASSERT_NE(ip, nullptr);
+	const std::string addr = std::string(ip).substr(0, std::string(ip).find('/'));
+	EXPECT_EQ(a.props, "allowed-ips=" + addr + ";iov=off;protection=mac-nospoof,ip-nospoof;");
+	ASSERT_TRUE(NetNs::run("ip link add vn1 link kel-vxlan5000 type macvlan mode bridge"));
+
+	connect("db", "p2", "vn2", &b);
+	ASSERT_EQ(b.rc, KEL_SUCCESS);
+	EXPECT_EQ(b.link, a.link);	// the same link, reused
+	ASSERT_TRUE(NetNs::run("ip link add vn2 link kel-vxlan5000 type macvlan mode bridge"));
+
+	// While a VNIC is made over it the link stays, whoever asks.
+	EXPECT_EQ(wexo_vxlan_delete(wh_, a.link, WEXO_OPT_ACTIVE), WEXO_STATUS_LINKBUSY);
+	ASSERT_TRUE(NetNs::run("ip link del vn1"));
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
+	EXPECT_EQ(link_id("kel-vxlan5000"), a.link);
+	EXPECT_EQ(link_id("vn2") != 0, true);
+	EXPECT_EQ(binding("p1"), "0  ");
+	ASSERT_TRUE(NetNs::run("ip link del vn2"));
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn2", nullptr, b.link, 0), KEL_SUCCESS);
+	EXPECT_EQ(link_id("kel-vxlan5000"), 0u);
+	EXPECT_EQ(binding("p2"), "0  ");
+}
+
+TEST_F(Vnics, VxlanOverTheUplinkJoinsTheGroupThere)
+{
+	host_prop("uplink-port=up0");
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "vxlan-mgroup=239.1.1.1", nullptr), KEL_SUCCESS);
+	make_kel("db", "l2-type=vxlan,vni=5001", 1);
+	Attach a;
+	connect("db", "p1", "vn1", &a);
+	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	ASSERT_EQ(a.link, link_id("kel-vxlan5001"));
+	const std::string link = out_of("ip -d link show kel-vxlan5001");
+	for (const char *want : {"vxlan id 5001 group 239.1.1.1 local 10.79.0.1 dev up0 ", "dstport 4789"})
+		EXPECT_NE(link.find(want), std::string::npos) << want << " in " << link;
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
+	EXPECT_EQ(link_id("kel-vxlan5001"), 0u);
+}
+
+TEST_F(Vnics, FlatAndVlanKelsUseTheUplink)
+{
+	make_kel("lan", "l2-type=flat", 1);
+	make_kel("vl", "l2-type=vlan", 1);
+	for (const char *kel : {"lan", "vl"}) {
+		SCOPED_TRACE(kel);
+		host_prop(std::string("uplink-port=up0") + (kel == std::string("lan") ? ",flat=yes" : ""));
+		Attach a;
+		connect(kel, "p1", "vn1", &a);
+		ASSERT_EQ(a.rc, KEL_SUCCESS);
+		EXPECT_EQ(a.link, link_id("up0"));
+		// The uplink is no link of ours to remove.
+		EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
+		EXPECT_EQ(link_id("up0"), a.link);
+	}
+}
+
+TEST_F(Vnics, NothingStaysBoundWhenTheLowerLinkCannotBeMade)
+{
+	make_kel("vl", "l2-type=vlan", 1);
+	make_kel("db", "l2-type=vxlan,vni=5002", 1);
+	const std::string before = state();
+	Attach refused;
+	connect("vl", "p1", "vn1", &refused);	// no uplink on this host
+	EXPECT_EQ(refused.rc, KEL_E_UPLINK_REQUIRED);
+	EXPECT_EQ(state(), before);
+
+	struct {
+		const char *what, *setup, *kel;
+		int rc;
+	} cases[] = {
+		{"an uplink without an address", "uplink-port=nic0", "db",
+		    kel::compose_error(WEXO_STATUS_BADVXLANIF, KEL_E_WEXO)},
+		{"an endpoint this host does not hold", "vxlan-addr=10.81.0.1", "db",
+		    kel::compose_error(WEXO_STATUS_NOADDR, KEL_E_WEXO)},
+		{"a type the node does not know", "UPDATE kel_tbl SET kel_props = 'l2-type=bogus,vlanid=100' "
+		    "WHERE kel_name = 'vl'", "vl", 1061},
+		{"a link property text too long for the VNIC", "UPDATE vport_tbl SET vport_props = "
+		    "vport_props || ',protection=mac-nospoof' || replace(hex(zeroblob(1100)), '00', ',') || "
+		    "'ip-nospoof'", "db", KEL_E_NOSPACE},
+	};
+	ASSERT_TRUE(NetNs::run("ip link add nic0 type veth peer name nic0p"));
+	for (const auto &c : cases) {
+		SCOPED_TRACE(c.what);
+		if (std::string(c.setup).rfind("UPDATE", 0) == 0)
+			sql(c.setup);
+		else
+			host_prop(c.setup);
+		const std::string ready = state();
+		Attach a;
+		connect(c.kel, "p1", "vn1", &a);
+		EXPECT_EQ(a.rc, c.rc);
+		EXPECT_EQ(state(), ready);	// the port was bound, and is free again
+	}
+	EXPECT_EQ(link_id("kel-vxlan5002"), 0u);
+}
+
+TEST_F(Vnics, ArgumentsAndMissingSettings)
+{
+	kelcntl_VPortInfo **ports = reinterpret_cast<kelcntl_VPortInfo **>(1);
+	int count = 7;
+	EXPECT_EQ(kel_get_vnicinfo(nullptr, &ports, &count), KEL_E_INVALID_ARGS);
+	EXPECT_EQ(ports, nullptr);
+	// A name that would add alternatives to the controller's filter is no VNIC name.
+	EXPECT_EQ(kel_get_vnicinfo("vn1,host=other", &ports, &count), KEL_E_INVALID_ARGS);
+	Attach a;
+	wexo_arg_list_t *args = nullptr;
+	EXPECT_EQ(kel_connect_vnic(wh_, nullptr, nullptr, nullptr, "vn1", &args, nullptr, &a.link, &a.info, 0),
+	    KEL_E_INVALID_ARGS);
+
+	host_prop("uplink-port=up0,flat=yes");
+	make_kel("lan", "l2-type=flat", 1);
+	connect("lan", nullptr, "vn9", &a);	// no port named: a system port is made
+	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	ASSERT_EQ(kel_get_vnicinfo("vn9", &ports, &count), KEL_SUCCESS);
+	ASSERT_EQ(count, 1);
+	EXPECT_STREQ(ports[0]->evpi_name, "sys-vport0");
+	EXPECT_STREQ(ports[0]->evpi_hostname, host_.c_str());
+	kelcntl_VPortInfo_array_free(ports, count);
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn9", nullptr, a.link, 0), KEL_SUCCESS);
+	ASSERT_EQ(kel_get_vnicinfo("vn9", &ports, &count), KEL_SUCCESS);
+	EXPECT_EQ(count, 0);
+	kelcntl_VPortInfo_array_free(ports, count);
+
+	// Without a controller setting a node reaches no controller.
+	ASSERT_EQ(kel_set_client_togprop("controller="), KEL_SUCCESS);
+	EXPECT_EQ(kel_get_vnicinfo("vn9", &ports, &count), KEL_E_CTRL_CONNECT);
+	Attach none;
+	connect("lan", "p1", "vn1", &none);
+	EXPECT_EQ(none.rc, KEL_E_CTRL_CONNECT);
+}
+
+// Sends `n` broadcast frames of `size` bytes out of `ifname`.
+bool send_frames(const char *ifname, int n, size_t size)
+{
+	const int fd = socket(AF_PACKET, SOCK_RAW, 0);
+	struct sockaddr_ll to {};
+	to.sll_family = AF_PACKET;
+	to.sll_ifindex = static_cast<int>(if_nametoindex(ifname));
+	to.sll_halen = ETH_ALEN;
+	std::memset(to.sll_addr, 0xff, ETH_ALEN);
+	std::string frame(size, '\0');
+	std::memset(frame.data(), 0xff, ETH_ALEN);
+	frame[12] = static_cast<char>(0x88);	// a local experimental EtherType
+	frame[13] = static_cast<char>(0xb5);
+	bool ok = fd != -1 && to.sll_ifindex != 0;
+	for (int i = 0; ok && i < n; i++)
+		ok = sendto(fd, frame.data(), frame.size(), 0, reinterpret_cast<struct sockaddr *>(&to), sizeof(to)) ==
+		    static_cast<ssize_t>(frame.size());
+	if (fd != -1)
+		close(fd);
+	return ok;
+}
+
+// The kernel's counters of `ifname` in this namespace, as /proc/net/dev lists them:
+// received bytes, packets, errs, drop, fifo, frame, compressed, multicast, then sent.
+std::vector<uint64_t> kernel_counters(const std::string &ifname)
+{
+	std::ifstream in("/proc/net/dev");
+	std::string line;
+	while (std::getline(in, line)) {
+		const size_t colon = line.find(':');
+		if (colon == std::string::npos || line.substr(0, colon).find(ifname) == std::string::npos ||
+		    line.substr(0, colon).find_first_not_of(' ') != line.substr(0, colon).find(ifname))
+			continue;
+		std::istringstream fields(line.substr(colon + 1));
+		std::vector<uint64_t> out;
+		for (uint64_t v; fields >> v;)
+			out.push_back(v);
+		return out;
+	}
+	return {};
+}
+
+TEST_F(Vnics, StatisticsAreTheKernelsCounters)
+{
+	host_prop("uplink-port=up0,flat=yes");
+	make_kel("lan", "l2-type=flat", 1);
+	Attach a;
+	connect("lan", "p1", "vn1", &a);
+	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	// Two VNICs on one uplink, quiet but for the frames sent here.
+	for (const char *cmd : {"ip link add vn1 link up0 type macvlan mode bridge",
+	         "ip link add vn2 link up0 type macvlan mode bridge", "sysctl -qw net.ipv6.conf.vn1.disable_ipv6=1",
+	         "sysctl -qw net.ipv6.conf.vn2.disable_ipv6=1", "ip link set vn1 up", "ip link set vn2 up"})
+		ASSERT_TRUE(NetNs::run(cmd)) << cmd;
+	ASSERT_TRUE(send_frames("vn1", 5, 100));
+	ASSERT_TRUE(send_frames("vn2", 3, 200));	// broadcast: vn1 receives them
+
+	nuq_conn_t *conn = nullptr;
+	ASSERT_EQ(kel_nuq_connection_to_kelnode(h_, host_.c_str(), &conn), KEL_SUCCESS);
+	link_stat_t s;
+	ASSERT_TRUE(kel::test::eventually([&] {
+		return kel_get_vnicstat(conn, "vn1", &s) == KEL_SUCCESS && s.ls_ipackets == 3;
+	}));
+	EXPECT_EQ(s.ls_opackets, 5u);
+	const std::vector<uint64_t> k = kernel_counters("vn1");
+	ASSERT_EQ(k.size(), 16u);
+	EXPECT_EQ(s.ls_rbytes, k[0]);
+	EXPECT_EQ(s.ls_ipackets, k[1]);
+	EXPECT_EQ(s.ls_idrops, k[3]);
+	EXPECT_EQ(s.ls_obytes, k[8]);
+	EXPECT_EQ(s.ls_opackets, k[9]);
+	EXPECT_EQ(s.ls_odrops, k[11]);
+	for (uint64_t other : {s.ls_ierrors, s.ls_idropbytes, s.ls_multircv, s.ls_oerrors, s.ls_odropbytes, s.ls_multixmt})
+		EXPECT_EQ(other, 0u);
+	EXPECT_EQ(kel_get_vnicstat(conn, "nosuch0", &s), kel::compose_error(NUQ_E_NOTFOUND, KEL_E_NUQ));
+	EXPECT_EQ(s.ls_opackets, 0u);
+	nuq_disconnect(conn);
+	ASSERT_TRUE(NetNs::run("ip link del vn1"));
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
+}
+
+TEST_F(Vnics, ConcurrentConnectsOfOneVniShareOneLink)
+{
+	host_prop("vxlan-addr=10.80.0.1");
+	make_kel("db", "l2-type=vxlan,vni=5003");
+	for (int round = 0; round < 5; round++) {
+		SCOPED_TRACE(round);
+		pid_t kids[2];
+		for (int i = 0; i < 2; i++) {
+			const std::string vport = "p" + std::to_string(i + 1), vnic = "vn" + std::to_string(i + 1);
+			if ((kids[i] = fork()) == 0) {
+				wexo_handle_t h = nullptr;
+				wexo_arg_list_t *args = nullptr;
+				kelcntl_KELImplInfo *info = nullptr;
+				datalink_id_t link = 0;
+				const int rc = wexo_open(&h) == WEXO_STATUS_OK
+				    ? kel_connect_vnic(h, nullptr, "db", vport.c_str(), vnic.c_str(), &args, nullptr, &link, &info, 0)
+				    : -1;
+				_exit(rc == KEL_SUCCESS ? 0 : 1);
+			}
+		}
+		EXPECT_EQ(kel::test::wait_exit(kids[0]), 0);
+		EXPECT_EQ(kel::test::wait_exit(kids[1]), 0);
+		EXPECT_EQ(out_of("ip -o link show type vxlan | wc -l"), "1\n");
+		EXPECT_EQ(binding("p1"), bound("vn1"));
+		EXPECT_EQ(binding("p2"), bound("vn2"));
+		const datalink_id_t link = link_id("kel-vxlan5003");
+		ASSERT_NE(link, 0u);
+		ASSERT_TRUE(NetNs::run("ip link add vn2 link kel-vxlan5003 type macvlan"));
+		EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, link, 0), KEL_SUCCESS);
+		ASSERT_TRUE(NetNs::run("ip link del vn2"));
+		EXPECT_EQ(kel_disconnect_vnic(wh_, "vn2", nullptr, link, 0), KEL_SUCCESS);
+		EXPECT_EQ(link_id("kel-vxlan5003"), 0u);
+	}
+}
+
+}  // namespace
