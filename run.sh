@@ -98,7 +98,7 @@ fuzz() {
 	local seconds=${1:-10}
 	CC=clang CXX=clang++ build build-fuzz -DKEL_FUZZ=ON -DKEL_TESTS=OFF
 	local target work
-	for target in attrset ipnet link_addr bandwidth range filter dispatch; do
+	for target in attrset ipnet link_addr bandwidth range filter dispatch link_args; do
 		work=$(mktemp -d)
 		cp tests/fuzz/corpus/$target/* "$work/"
 		# Requests are longer than the texts the other targets read.
