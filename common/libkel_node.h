@@ -66,10 +66,14 @@ typedef enum {
 #define WEXO_OPT_ACTIVE		0x00001
 #define WEXO_OPT_ONDEMAND	0x10000
 
-/* A datalink handle: a netlink socket of the caller's network namespace. */
+/* A datalink handle: a netlink socket of the caller's network namespace, or of a named
+ * one ("ip netns" names, /run/netns/NAME). */
 typedef struct wexo_handle *wexo_handle_t;
 
 wexo_status_t wexo_open(wexo_handle_t *handlep);
+/* NULL or "" is the caller's namespace; WEXO_STATUS_NOTFOUND for a namespace that does
+ * not exist. */
+wexo_status_t wexo_open_netns(const char *netns, wexo_handle_t *handlep);
 /* NULL is accepted. */
 void wexo_close(wexo_handle_t handle);
 /* The ID and class of the link `name`; either out parameter may be NULL. */
@@ -83,6 +87,27 @@ wexo_status_t wexo_datalink_id2info(wexo_handle_t handle, datalink_id_t id, uint
  * protection, allowed-ips, allowed-mac, iov (only "off"). */
 wexo_status_t wexo_set_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
     const char *value);
+/* VNICs: a link made over a lower link, in bridge mode so that the VNICs of one lower
+ * link reach one another. A macvtap gives a virtual machine its tap device. */
+typedef enum {
+	WEXO_VNIC_MACVLAN = 1,
+	WEXO_VNIC_MACVTAP = 2
+} wexo_vnic_kind_t;
+
+/* Makes the VNIC `name` ("LINK", or "NAMESPACE/LINK" to make it inside that namespace)
+ * over `lower`, a link of the handle's namespace, with the MAC address `mac` (text such
+ * as "2:8:20:a:b:c"; NULL: one of the kernel's), up. *idp is its ID in its own namespace.
+ * WEXO_STATUS_EXIST when a link of that name is there. */
+wexo_status_t wexo_vnic_create(wexo_handle_t handle, const char *name, datalink_id_t lower,
+    wexo_vnic_kind_t kind, const char *mac, datalink_id_t *idp);
+/* Deletes the VNIC `name` ("LINK" or "NAMESPACE/LINK"), with the link properties kept
+ * for it; *lowerp (when given) gets the link it was made over. */
+wexo_status_t wexo_vnic_delete(wexo_handle_t handle, const char *name, datalink_id_t *lowerp);
+/* Gives link `id` of the handle's namespace the address `addr` with `prefixlen`, and,
+ * when `router` is not NULL, a default route through it. */
+wexo_status_t wexo_link_set_ipaddr(wexo_handle_t handle, datalink_id_t id, const char *addr,
+    uint32_t prefixlen, const char *router);
+
 /* The text of a status, written into `buf` (1024 bytes) and returned. */
 const char *wexo_status2str(wexo_status_t status, char *buf);
 

@@ -42,6 +42,8 @@ struct Options {
 	Format format = Format::Table;	// -p (show-*), --json
 	std::string names;	// -P name,...
 	bool force = false;	// -f
+	bool macvtap = false;	// --macvtap (create-vnic)
+	bool address = false;	// --address (create-vnic)
 	std::span<char *> operands;
 };
 
@@ -52,6 +54,7 @@ enum OptionSet : unsigned {
 	kHost = 2,		// -h host (and no -h for help; --help still works)
 	kForce = 4,		// -f: go on although the object is in use
 	kNames = 8,		// -P name,...: which properties to show
+	kVnic = 16,		// --macvtap, --address: how a VNIC is made
 };
 
 // Parses `args` for subcommand `cmd`. Returns false after a usage message.
@@ -92,6 +95,8 @@ int set_ipnetprop(std::span<char *> args);
 int show_kelprop(std::span<char *> args);
 int show_vportprop(std::span<char *> args);
 int show_ipnetprop(std::span<char *> args);
+int create_vnic(std::span<char *> args);
+int delete_vnic(std::span<char *> args);
 
 // A member of a switch (an ipnet, a vport), named on the command line as KEL/NAME.
 struct Member {

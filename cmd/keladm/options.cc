@@ -15,6 +15,8 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, 
 	static const struct option kLong[] = {
 		{"json", no_argument, nullptr, 'j'},
 		{"help", no_argument, nullptr, 'h'},
+		{"macvtap", no_argument, nullptr, 'm'},
+		{"address", no_argument, nullptr, 'a'},
 		{nullptr, 0, nullptr, 0},
 	};
 	optind = 0;	// start afresh: rescans from args[1]
@@ -39,6 +41,14 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, 
 			break;
 		case 'f':
 			opts->force = true;
+			break;
+		case 'm':
+		case 'a':
+			if (!(set & kVnic)) {
+				usage_error(cmd, std::string("unknown option ") + args[optind - 1]);
+				return false;
+			}
+			(c == 'm' ? opts->macvtap : opts->address) = true;
 			break;
 		case 'P':
 			opts->names = optarg;

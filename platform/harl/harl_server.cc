@@ -1,8 +1,11 @@
 // keld's "harl.Datalink" module: each call opens its own netlink handle, so calls from
 // concurrent connections share nothing.
+#include <net/if.h>
+
 #include <string>
 
 #include "harl.h"
+#include "kelnet.h"
 #include "wexo.h"
 #include "log.h"
 #include "nuq_errors.h"
@@ -18,15 +21,25 @@ nuq::Reply datalink_error(wexo_status_t st)
 	return nuq::Reply{NUQ_E_OBJECT, {{"dde_err", st}, {"dde_errmsg", wexo_status2str(st, buf)}}};
 }
 
+// Opens a handle on the namespace of the link `name` ("LINK", or "NAMESPACE/LINK" for a
+// VNIC placed in a named namespace) and finds the link there.
+wexo_status_t find_link(const std::string &name, wexo_handle_t *h, datalink_id_t *id)
+{
+	char link[IFNAMSIZ], ns[256];
+	*h = nullptr;
+	if (!dlparse_zonelinkname(name.c_str(), link, sizeof(link), ns, sizeof(ns)))
+		return WEXO_STATUS_NOTFOUND;
+	wexo_status_t st = wexo_open_netns(ns, h);
+	return st == WEXO_STATUS_OK ? wexo_name2info(*h, link, id, nullptr) : st;
+}
+
 // Runs `body` with an open handle and the link named by `keys`.
 template <class Body>
 nuq::Reply with_link(const nuq::Json &keys, Body &&body)
 {
 	wexo_handle_t h = nullptr;
-	wexo_status_t st = wexo_open(&h);
 	datalink_id_t id = 0;
-	if (st == WEXO_STATUS_OK)
-		st = wexo_name2info(h, keys.at("name").get<std::string>().c_str(), &id, nullptr);
+	const wexo_status_t st = find_link(keys.at("name").get<std::string>(), &h, &id);
 	nuq::Reply reply = st == WEXO_STATUS_OK ? body(h, id) : datalink_error(st);
 	wexo_close(h);
 	return reply;
@@ -43,8 +56,8 @@ nuq::Interface datalink_interface()
 		if (name == nullptr)
 			return false;
 		wexo_handle_t h = nullptr;
-		const bool there = wexo_open(&h) == WEXO_STATUS_OK &&
-		    wexo_name2info(h, name->c_str(), nullptr, nullptr) == WEXO_STATUS_OK;
+		datalink_id_t id = 0;
+		const bool there = find_link(*name, &h, &id) == WEXO_STATUS_OK;
 		wexo_close(h);
 		if (there)
 			*found = {{"name", *name}};

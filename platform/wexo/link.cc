@@ -7,12 +7,19 @@
 #include <cstring>
 #include <initializer_list>
 #include <new>
+#include <string>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include "link_internal.h"
+#include "netns_switch.h"
 #include "wexo.h"
 
 struct wexo_handle {
-	struct nl_sock *sock;
+	struct nl_sock *sock = nullptr;
+	int nsfd = -1;		// the handle's network namespace; -1: the opener's
+	std::string ns;		// its name, "" for the opener's
 };
 
 wexo_status_t wexo_from_nl(int err)
@@ -69,20 +76,49 @@ wexo_status_t wexo_get_link(wexo_handle_t h, datalink_id_t id, struct rtnl_link 
 	return get_link(h, id, nullptr, link);
 }
 
+int wexo_netns_fd(wexo_handle_t h)
+{
+	return h->nsfd;
+}
+
+const std::string &wexo_netns_name(wexo_handle_t h)
+{
+	return h->ns;
+}
+
 extern "C" {
 
 wexo_status_t wexo_open(wexo_handle_t *handlep)
 {
+	return wexo_open_netns(nullptr, handlep);
+}
+
+wexo_status_t wexo_open_netns(const char *netns, wexo_handle_t *handlep)
+{
+	if (handlep == nullptr)
+		return WEXO_STATUS_BADARG;
 	*handlep = nullptr;
-	auto *h = new (std::nothrow) wexo_handle{nl_socket_alloc()};
-	if (h == nullptr || h->sock == nullptr) {
-		delete h;
+	auto *h = new (std::nothrow) wexo_handle;
+	if (h == nullptr)
 		return WEXO_STATUS_NOMEM;
+	wexo_status_t st = WEXO_STATUS_OK;
+	if (netns != nullptr && *netns != '\0') {
+		h->ns = netns;
+		if (!wexo::valid_netns_name(netns))
+			st = WEXO_STATUS_BADARG;
+		else if ((h->nsfd = wexo::open_netns(netns)) == -1)
+			st = WEXO_STATUS_NOTFOUND;
 	}
-	if (int err = nl_connect(h->sock, NETLINK_ROUTE); err < 0) {
-		nl_socket_free(h->sock);
-		delete h;
-		return wexo_from_nl(err);
+	if (st == WEXO_STATUS_OK && (h->sock = nl_socket_alloc()) == nullptr)
+		st = WEXO_STATUS_NOMEM;
+	if (st == WEXO_STATUS_OK) {
+		// A netlink socket belongs to the namespace it was made in.
+		wexo::NetnsSwitch in(h->nsfd);
+		st = !in.ok() ? WEXO_STATUS_DENIED : wexo_from_nl(nl_connect(h->sock, NETLINK_ROUTE));
+	}
+	if (st != WEXO_STATUS_OK) {
+		wexo_close(h);
+		return st;
 	}
 	*handlep = h;
 	return WEXO_STATUS_OK;
@@ -93,6 +129,8 @@ void wexo_close(wexo_handle_t h)
 	if (h == nullptr)
 		return;
 	nl_socket_free(h->sock);
+	if (h->nsfd != -1)
+		close(h->nsfd);
 	delete h;
 }
 

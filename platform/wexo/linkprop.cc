@@ -32,6 +32,7 @@
 #include "bandwidth.h"
 #include "kelnet.h"
 #include "link_internal.h"
+#include "netns_switch.h"
 #include "paths.h"
 #include "tbf.h"
 #include "wexo.h"
@@ -191,8 +192,20 @@ std::string ruleset(const std::string &link, const std::string &ownmac, const Pr
 	return out;
 }
 
-wexo_status_t apply_nft(const std::string &rules)
+// The name a link's settings are kept under: "NAMESPACE/LINK" for a link in a named
+// namespace, so that links of one name in two namespaces keep theirs apart.
+std::string state_key(wexo_handle_t h, const std::string &ifname)
 {
+	const std::string &ns = wexo_netns_name(h);
+	return ns.empty() ? ifname : ns + "/" + ifname;
+}
+
+// Runs `rules` in the handle's namespace, where the link is.
+wexo_status_t apply_nft(wexo_handle_t h, const std::string &rules)
+{
+	wexo::NetnsSwitch in(wexo_netns_fd(h));
+	if (!in.ok())
+		return WEXO_STATUS_DENIED;
 	struct nft_ctx *nft = nft_ctx_new(NFT_CTX_DEFAULT);
 	if (nft == nullptr)
 		return WEXO_STATUS_NOMEM;
@@ -243,6 +256,13 @@ wexo_status_t apply_cos(struct nl_sock *sock, struct rtnl_link *link, const std:
 
 }  // namespace
 
+void wexo_linkprop_forget(wexo_handle_t h, const char *ifname)
+{
+	// The link is gone: its table is left without a device, and its settings with it.
+	(void)apply_nft(h, std::string("delete table netdev kel_") + ifname + "\n");
+	std::remove(state_path(state_key(h, ifname)).c_str());
+}
+
 extern "C" {
 
 wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *name,
@@ -277,14 +297,15 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 	if (st != WEXO_STATUS_OK)
 		return st;
 
-	Props props = load(ifname);
+	const std::string key = state_key(h, ifname);
+	Props props = load(key);
 	// "none" is no protection.
 	props[name] = std::strcmp(name, "protection") == 0 && std::strcmp(value, "none") == 0 ? "" : value;
 	if (std::strcmp(name, "maxbw") == 0)
 		st = apply_maxbw(wexo_sock(h), static_cast<int>(id), value);
 	else if (std::strcmp(name, "cos") != 0)
-		st = apply_nft(ruleset(ifname, ownmac, props));	// cos was applied above
-	if (st == WEXO_STATUS_OK && !save(ifname, props))
+		st = apply_nft(h, ruleset(ifname, ownmac, props));	// cos was applied above
+	if (st == WEXO_STATUS_OK && !save(key, props))
 		st = WEXO_STATUS_FAILED;
 	return st;
 }
@@ -296,7 +317,7 @@ wexo_status_t wexo_get_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 	wexo_status_t st = wexo_datalink_id2info(h, id, nullptr, nullptr, nullptr, ifname, sizeof(ifname));
 	if (st != WEXO_STATUS_OK)
 		return st;
-	const Props props = load(ifname);
+	const Props props = load(state_key(h, ifname));
 	auto it = props.find(name);
 	std::snprintf(value, size, "%s", it != props.end() ? it->second.c_str() : "");
 	return WEXO_STATUS_OK;

@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "link_internal.h"
@@ -110,25 +111,49 @@ wexo_status_t describe(const char *name, const vxlan_kparams_t &kp, struct rtnl_
 	return wexo_from_nl(err);
 }
 
-// Whether any link of this namespace is made over `id` or enslaved to it.
-wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
+// Whether a link of `h`'s namespace is made over `id` (of `home`'s namespace, or of the
+// same one when `h` is `home`) or enslaved to it.
+wexo_status_t uppers_in(wexo_handle_t h, wexo_handle_t home, datalink_id_t id, bool *busy)
 {
 	struct nl_cache *cache = nullptr;
 	const int err = rtnl_link_alloc_cache(wexo_sock(h), AF_UNSPEC, &cache);
 	if (err < 0)
 		return wexo_from_nl(err);
-	*busy = false;
 	for (struct nl_object *o = nl_cache_get_first(cache); o != nullptr && !*busy; o = nl_cache_get_next(o)) {
 		auto *link = reinterpret_cast<struct rtnl_link *>(o);
 		int32_t nsid = -1;
-		// A lower link in another namespace is another namespace's ifindex.
-		const bool here = rtnl_link_get_link_netnsid(link, &nsid) != 0 || nsid < 0;
-		*busy = (here && rtnl_link_get_link(link) == static_cast<int>(id) &&
-		            rtnl_link_get_ifindex(link) != static_cast<int>(id)) ||
-		    rtnl_link_get_master(link) == static_cast<int>(id);
+		// A lower link in another namespace is that namespace's ifindex. Which namespace
+		// the ID names is not asked: a link of another one with the same ifindex keeps
+		// the VXLAN link too, which errs on the side of keeping VNICs alive.
+		const bool elsewhere = rtnl_link_get_link_netnsid(link, &nsid) == 0 && nsid >= 0;
+		if (h == home)
+			*busy = (!elsewhere && rtnl_link_get_link(link) == static_cast<int>(id) &&
+			            rtnl_link_get_ifindex(link) != static_cast<int>(id)) ||
+			    rtnl_link_get_master(link) == static_cast<int>(id);
+		else
+			*busy = elsewhere && rtnl_link_get_link(link) == static_cast<int>(id);
 	}
 	nl_cache_free(cache);
 	return WEXO_STATUS_OK;
+}
+
+// Whether any link is made over `id` or enslaved to it: in its own namespace, or, for a
+// VNIC placed in a named namespace, there.
+wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
+{
+	*busy = false;
+	wexo_status_t st = uppers_in(h, h, id, busy);
+	std::error_code ec;
+	for (const auto &entry : std::filesystem::directory_iterator("/run/netns", ec)) {
+		if (st != WEXO_STATUS_OK || *busy)
+			break;
+		wexo_handle_t other = nullptr;
+		// A namespace that goes away meanwhile holds nothing.
+		if (wexo_open_netns(entry.path().filename().c_str(), &other) == WEXO_STATUS_OK)
+			st = uppers_in(other, h, id, busy);
+		wexo_close(other);
+	}
+	return st;
 }
 
 }  // namespace

@@ -1,0 +1,194 @@
+// VNICs on this host: create-vnic and delete-vnic. These run on a node (any host whose
+// "controller" setting names the controller) and act on its links.
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "keladm.h"
+#include "libkel_node.h"
+
+namespace keladm {
+namespace {
+
+int wexo_fail(const std::string &what, wexo_status_t st)
+{
+	return fail(what, st * 256 + KEL_E_WEXO);
+}
+
+// "NAMESPACE/LINK" into its namespace ("" without one).
+std::string netns_of(const std::string &vnic)
+{
+	const size_t slash = vnic.find('/');
+	return slash == std::string::npos ? "" : vnic.substr(0, slash);
+}
+
+// A string of a remote property array ("" when absent).
+std::string remote_prop(kelcntl_PropertyNV **props, int count, const char *name)
+{
+	const char *v = kel_propattrset_lookup(props, count, name);
+	return v != nullptr ? v : "";
+}
+
+// What create-vnic has done so far, undone in reverse unless it was all done.
+class Attachment {
+public:
+	Attachment(wexo_handle_t h, const std::string &vnic) : h_(h), vnic_(vnic) {}
+	~Attachment()
+	{
+		if (done_)
+			return;
+		if (made_)
+			(void)wexo_vnic_delete(h_, vnic_.c_str(), nullptr);
+		if (bound_)
+			(void)kel_disconnect_vnic(h_, vnic_.c_str(), nullptr, lower_, 0);
+		wexo_free_args(props_);
+		kelcntl_KELImplInfo_free(info_);
+	}
+	Attachment(const Attachment &) = delete;
+	Attachment &operator=(const Attachment &) = delete;
+
+	int connect(const Options &opts, const std::string &kel, const char *vport)
+	{
+		const int rc = kel_connect_vnic(h_, opts.tenant.c_str(), kel.c_str(), vport, vnic_.c_str(), &props_,
+		    opts.props.empty() ? nullptr : opts.props.c_str(), &lower_, &info_, 0);
+		bound_ = rc == KEL_SUCCESS;
+		return rc;
+	}
+	wexo_status_t make(wexo_vnic_kind_t kind)
+	{
+		const std::string mac = remote_prop(port()->evpi_props, port()->evpi_props_count, "macaddr");
+		const wexo_status_t st = wexo_vnic_create(h_, vnic_.c_str(), lower_, kind, mac.empty() ? nullptr : mac.c_str(), &id_);
+		made_ = st == WEXO_STATUS_OK;
+		return st;
+	}
+	// The port's link properties, through the call keld uses for live changes.
+	int apply(wexo_handle_t vh)
+	{
+		for (uint_t i = 0; i < wexo_arg_count(props_); i++) {
+			const wexo_status_t st = wexo_set_linkprop(vh, id_, wexo_arg_name(props_, i), wexo_arg_value(props_, i));
+			if (st != WEXO_STATUS_OK)
+				return wexo_fail(std::string("cannot set ") + wexo_arg_name(props_, i) + " on VNIC '" + vnic_ + "'", st);
+		}
+		return kExitOk;
+	}
+	// The port's address and the network's router, on the VNIC.
+	int address(wexo_handle_t vh)
+	{
+		const std::string ip = remote_prop(port()->evpi_props, port()->evpi_props_count, "ipaddr");
+		kelcntl_KELInfo *k = info_->ekelii_kelinfo;
+		if (ip.empty() || k->ekeli_ipnets_count < 1)
+			return fail("VNIC '" + vnic_ + "' has no address to take: its kel has no ipnet", KEL_E_IPNET_NOTFOUND);
+		kelcntl_IPnetInfo *net = k->ekeli_ipnets[0];
+		const std::string subnet = remote_prop(net->eipi_props, net->eipi_props_count, "subnet");
+		const std::string router = remote_prop(net->eipi_props, net->eipi_props_count, "defrouter");
+		const size_t slash = subnet.find('/');
+		const uint32_t plen = slash == std::string::npos ? 32 : std::stoul(subnet.substr(slash + 1));
+		const std::string addr = ip.substr(0, ip.find('/'));
+		const bool routed = !router.empty() && router != "0.0.0.0" && router != "::";
+		const wexo_status_t st = wexo_link_set_ipaddr(vh, id_, addr.c_str(), plen, routed ? router.c_str() : nullptr);
+		return st == WEXO_STATUS_OK ? kExitOk : wexo_fail("cannot give VNIC '" + vnic_ + "' its address", st);
+	}
+	void keep() { done_ = true; }
+
+	kelcntl_VPortInfo *port() const { return info_->ekelii_kelinfo->ekeli_vports[0]; }
+	const kelcntl_KELImplInfo *info() const { return info_; }
+	datalink_id_t lower() const { return lower_; }
+
+private:
+	wexo_handle_t h_;
+	std::string vnic_;
+	wexo_arg_list_t *props_ = nullptr;
+	kelcntl_KELImplInfo *info_ = nullptr;
+	datalink_id_t lower_ = DATALINK_INVALID_LINKID, id_ = DATALINK_INVALID_LINKID;
+	bool bound_ = false, made_ = false, done_ = false;
+};
+
+// A datalink handle, closed on scope exit.
+class Handle {
+public:
+	~Handle() { wexo_close(h_); }
+	wexo_status_t open(const std::string &netns) { return wexo_open_netns(netns.c_str(), &h_); }
+	wexo_handle_t get() const { return h_; }
+
+private:
+	wexo_handle_t h_ = nullptr;
+};
+
+}  // namespace
+
+int create_vnic(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("create-vnic");
+	Options opts;
+	if (!parse_options(cmd, args, kChange | kVnic, &opts))
+		return kExitUsage;
+	if (opts.operands.size() != 2)
+		return usage_error(cmd, "give the kel (or KEL/VPORT) and the VNIC's name");
+	char kel[KEL_NAME_LEN], vport[KEL_NAME_LEN];
+	const char *target = opts.operands[0];
+	if (std::strchr(target, '/') != nullptr) {
+		if (!kel_parse_kelvportname(target, kel, vport))
+			return usage_error(cmd, std::string("'") + target + "' is not KEL/VPORT");
+	} else if (kel_valid_name(target)) {
+		std::snprintf(kel, sizeof(kel), "%s", target);
+		vport[0] = '\0';
+	} else {
+		return usage_error(cmd, std::string("'") + target + "' is not a kel name");
+	}
+	const std::string vnic = opts.operands[1];
+	Handle host, guest;
+	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)
+		return wexo_fail("cannot open this host's datalinks", st);
+	if (wexo_status_t st = guest.open(netns_of(vnic)); st != WEXO_STATUS_OK)
+		return wexo_fail("cannot reach the namespace of VNIC '" + vnic + "'", st);
+	// The controller answers a VNIC it already knows with that VNIC's binding: a name
+	// that is taken must be refused before, or undoing would release the other's port.
+	const std::string link = vnic.substr(vnic.find('/') + 1);
+	if (wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK)
+		return wexo_fail("cannot make VNIC '" + vnic + "'", WEXO_STATUS_EXIST);
+	Attachment a(host.get(), vnic);
+	if (int rc = a.connect(opts, kel, vport[0] != '\0' ? vport : nullptr); rc != KEL_SUCCESS)
+		return fail("cannot bind a port of kel '" + std::string(kel) + "' to VNIC '" + vnic + "'", rc);
+	if (wexo_status_t st = a.make(opts.macvtap ? WEXO_VNIC_MACVTAP : WEXO_VNIC_MACVLAN); st != WEXO_STATUS_OK)
+		return wexo_fail("cannot make VNIC '" + vnic + "'", st);
+	if (int rc = a.apply(guest.get()); rc != kExitOk)
+		return rc;
+	if (opts.address)
+		if (int rc = a.address(guest.get()); rc != kExitOk)
+			return rc;
+	a.keep();
+	char lower[MAXLINKNAMELEN] = "";
+	(void)wexo_datalink_id2info(host.get(), a.lower(), nullptr, nullptr, nullptr, lower, sizeof(lower));
+	std::printf("created VNIC %s on %s/%s over %s (%s, %s)\n", vnic.c_str(), kel, a.port()->evpi_name, lower,
+	    remote_prop(a.port()->evpi_props, a.port()->evpi_props_count, "macaddr").c_str(),
+	    remote_prop(a.port()->evpi_props, a.port()->evpi_props_count, "ipaddr").c_str());
+	return kExitOk;
+}
+
+int delete_vnic(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("delete-vnic");
+	Options opts;
+	if (!parse_options(cmd, args, kChange, &opts))
+		return kExitUsage;
+	if (opts.operands.size() != 1)
+		return usage_error(cmd, "give the VNIC's name");
+	const std::string vnic = opts.operands[0];
+	Handle host;
+	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)
+		return wexo_fail("cannot open this host's datalinks", st);
+	// The VNIC goes first: the link under it can only go once nothing is made over it.
+	datalink_id_t lower = DATALINK_INVALID_LINKID;
+	const wexo_status_t st = wexo_vnic_delete(host.get(), vnic.c_str(), &lower);
+	if (st != WEXO_STATUS_OK && st != WEXO_STATUS_NOTFOUND)
+		return wexo_fail("cannot remove VNIC '" + vnic + "'", st);
+	if (st == WEXO_STATUS_NOTFOUND)
+		warn("VNIC '" + vnic + "' is not on this host; releasing its port", st * 256 + KEL_E_WEXO);
+	const int rc = kel_disconnect_vnic(host.get(), vnic.c_str(), nullptr, lower, 0);
+	// Without the VNIC there is no lower link to look at: the release is what counts.
+	if (rc != KEL_SUCCESS && !(st == WEXO_STATUS_NOTFOUND && (rc & 0xff) == KEL_E_WEXO))
+		return fail("cannot release the port of VNIC '" + vnic + "'", rc);
+	return kExitOk;
+}
+
+}  // namespace keladm

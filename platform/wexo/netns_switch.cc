@@ -1,0 +1,50 @@
+#include "netns_switch.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "kelnet.h"
+
+namespace wexo {
+
+bool valid_netns_name(const char *name)
+{
+	// A namespace-qualified link name checks the namespace part the same way.
+	const std::string probe = std::string(name != nullptr ? name : "") + "/lo";
+	char ns[256];
+	return name != nullptr && *name != '\0' &&
+	    dlparse_zonelinkname(probe.c_str(), nullptr, 0, ns, sizeof(ns)) && probe.compare(0, probe.size() - 3, ns) == 0;
+}
+
+int open_netns(const char *name)
+{
+	return open(("/run/netns/" + std::string(name)).c_str(), O_RDONLY | O_CLOEXEC);
+}
+
+NetnsSwitch::NetnsSwitch(int fd)
+{
+	if (fd == -1)
+		return;
+	home_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+	ok_ = home_ != -1 && setns(fd, CLONE_NEWNET) == 0;
+	if (!ok_ && home_ != -1) {
+		close(home_);
+		home_ = -1;
+	}
+}
+
+NetnsSwitch::~NetnsSwitch()
+{
+	if (home_ == -1)
+		return;
+	// A thread left in another namespace would do everything after in the wrong place.
+	if (setns(home_, CLONE_NEWNET) != 0)
+		std::abort();
+	close(home_);
+}
+
+}  // namespace wexo

@@ -1,0 +1,84 @@
+#!/bin/bash
+# keladm on a host: VNICs made in guest namespaces over a VXLAN kel's link, with their
+# ports' addresses, reaching each other; a live property change reaching a VNIC inside a
+# namespace; failures that undo what they did; and the teardown. Controller and host
+# share one network namespace and talk over unix://.
+# Usage: keladm_vnic.sh KELADM KELD. Exit 77 (skipped) when it cannot run here.
+keld=$(readlink -f "$2")
+. "$(dirname "$0")/lib.sh" "$(readlink -f "$1")"
+skip() { echo "SKIPPED: $*"; exit 77; }
+[ "$(id -u)" = 0 ] || skip "needs root"
+command -v ping >/dev/null || skip "ping is not installed"
+
+host=kelvh-$$
+g1=kelvg1-$$
+g2=kelvg2-$$
+keld_pid=
+cleanup() {
+	[ -n "$keld_pid" ] && kill "$keld_pid" 2>/dev/null && wait "$keld_pid" 2>/dev/null
+	for ns in "$g1" "$g2" "$host"; do ip netns del "$ns" 2>/dev/null; done
+	rm -rf "$root"
+}
+trap cleanup EXIT
+ip netns add "$host" 2>/dev/null || skip "network namespaces cannot be made here"
+ip netns add "$g1" && ip netns add "$g2"
+ip -n "$host" link set lo up
+ip -n "$host" link add ep0 type veth peer name ep0p || skip "no veth links"
+ip -n "$host" addr add 10.84.0.1/24 dev ep0
+ip -n "$host" link set ep0p up
+ip -n "$host" link set ep0 up
+
+# keladm and keld run on the host: inside its namespace.
+on_host() { ip netns exec "$host" "$@"; }
+keladm_bin=$keladm
+keladm() { on_host "$keladm_bin" "$@"; }
+keladm=keladm
+
+make_store
+"$keladm" set-clientprop controller=unix:// >/dev/null
+"$keladm" set-controlprop uri-template=unix:// >/dev/null
+"$keladm" set-controlprop vxlan-addr=10.84.0.0/24 >/dev/null
+"$keladm" create-kel -p l2-type=vxlan,vni=5100 web >/dev/null
+"$keladm" add-ipnet -p subnet=10.85.0.0/24 web/front >/dev/null
+# Filters on what the guests send come with their own change; these ports go without.
+"$keladm" add-vport -p ipaddr=10.85.0.11,maxbw=20M,protection=none web/vm1 >/dev/null
+"$keladm" add-vport -p ipaddr=10.85.0.12,protection=none web/vm2 >/dev/null
+ip netns exec "$host" "$keld" 2>"$root/keld.log" &
+keld_pid=$!
+for _ in $(seq 100); do [ -S "$root/run/kel/keld.sock" ] && break; sleep 0.05; done
+
+mac1=$("$keladm" show-vport -p -o macaddr web/vm1 | sed 's/\\:/:/g')
+expect "a VNIC is made in a guest namespace over the kel's VXLAN link" \
+	"created VNIC $g1/eth0 on web/vm1 over kel-vxlan5100 ($mac1, 10.85.0.11/24)" \
+	create-vnic --address web/vm1 "$g1/eth0"
+status "a second one, as a macvtap" 0 create-vnic --address --macvtap web/vm2 "$g2/eth0"
+check "it carries the port's MAC address" \
+	bash -c "ip -n '$g1' link show eth0 | grep -qi 'link/ether 02:08:20'"
+check "and the port's address, with the network's router" \
+	bash -c "ip -n '$g1' addr show eth0 | grep -q 'inet 10.85.0.11/24' && ip -n '$g1' route | grep -q 'default via 10.85.0.1'"
+check "and the port's link properties" bash -c "tc -n '$g1' qdisc show dev eth0 | grep -q 'tbf.*rate 20Mbit'"
+check "the guests reach each other" ip netns exec "$g1" ping -c 1 -W 2 10.85.0.12
+check "the controller shows the binding" \
+	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status,vnic web/vm1)\" = 'bound:$g1/eth0' ]"
+status "a live change reaches the VNIC inside its namespace" 0 set-vportprop -p maxbw=10M web/vm1
+check "as a qdisc on the guest's link" bash -c "tc -n '$g1' qdisc show dev eth0 | grep -q 'tbf.*rate 10Mbit'"
+
+# Failures undo what they did.
+before=$("$keladm" show-vport -p -o name,status,vnic web)
+expect "a port in use is refused" \
+	"keladm: cannot bind a port of kel 'web' to VNIC '$g1/eth1': vport in use" \
+	create-vnic web/vm1 "$g1/eth1"
+expect "a VNIC name that is taken is refused" \
+	"keladm: cannot make VNIC '$g2/eth0': error while handling libwexo: datalink already exists" \
+	create-vnic web "$g2/eth0"
+check "and leaves no port bound and no link behind" \
+	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o name,status,vnic web | grep -v '^sys-vport')\" = \"$before\" ] && ! ip -n '$g1' link show eth1 2>/dev/null"
+status "a guest namespace that does not exist fails" 1 create-vnic web/vm1 nosuchns-$$/eth0
+
+status "the first VNIC goes" 0 delete-vnic "$g1/eth0"
+check "its port is free, the shared link stays" \
+	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status web/vm1)\" = free ] && ip -n '$host' link show kel-vxlan5100 >/dev/null"
+status "the last VNIC goes" 0 delete-vnic "$g2/eth0"
+check "and the VXLAN link with it" bash -c "! ip -n '$host' link show kel-vxlan5100 2>/dev/null"
+check "every port is free" bash -c "! ip netns exec '$host' '$keladm_bin' show-vport -p -o status web | grep -q bound"
+exit $fail
