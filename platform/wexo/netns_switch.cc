@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "kelnet.h"
@@ -13,11 +14,9 @@ namespace wexo {
 
 bool valid_netns_name(const char *name)
 {
-	// A namespace-qualified link name checks the namespace part the same way.
-	const std::string probe = std::string(name != nullptr ? name : "") + "/lo";
-	char ns[256];
-	return name != nullptr && *name != '\0' &&
-	    dlparse_zonelinkname(probe.c_str(), nullptr, 0, ns, sizeof(ns)) && probe.compare(0, probe.size() - 3, ns) == 0;
+	// A namespace-qualified link name checks its namespace part the same way.
+	return name != nullptr && *name != '\0' && std::strchr(name, '/') == nullptr &&
+	    dlparse_zonelinkname((std::string(name) + "/lo").c_str(), nullptr, 0, nullptr, 0);
 }
 
 int open_netns(const char *name)

@@ -1,8 +1,12 @@
 // VXLAN links made on demand for the VNICs of a kel: their properties, creation and
 // removal.
+#include <fcntl.h>
+#include <linux/net_namespace.h>
 #include <net/if.h>
+#include <unistd.h>
 #include <netlink/cache.h>
 #include <netlink/errno.h>
+#include <netlink/msg.h>
 #include <netlink/route/link.h>
 #include <netlink/route/link/vxlan.h>
 
@@ -111,9 +115,35 @@ wexo_status_t describe(const char *name, const vxlan_kparams_t &kp, struct rtnl_
 	return wexo_from_nl(err);
 }
 
-// Whether a link of `h`'s namespace is made over `id` (of `home`'s namespace, or of the
-// same one when `h` is `home`) or enslaved to it.
-wexo_status_t uppers_in(wexo_handle_t h, wexo_handle_t home, datalink_id_t id, bool *busy)
+// The ID under which the namespace of `h` knows the namespace `fd`; -1 when it has none
+// (then none of its links is made over one of that namespace's).
+int32_t peer_nsid(wexo_handle_t h, int fd)
+{
+	struct rtgenmsg g = {AF_UNSPEC};
+	struct nl_msg *m = nlmsg_alloc_simple(RTM_GETNSID, NLM_F_REQUEST);
+	int32_t nsid = -1;
+	const bool sent = m != nullptr && nlmsg_append(m, &g, sizeof(g), NLMSG_ALIGNTO) == 0 &&
+	    nla_put_u32(m, NETNSA_FD, static_cast<uint32_t>(fd)) == 0 && nl_send_auto(wexo_sock(h), m) >= 0;
+	nlmsg_free(m);
+	unsigned char *buf = nullptr;
+	struct sockaddr_nl peer;
+	const int n = sent ? nl_recv(wexo_sock(h), &peer, &buf, nullptr) : -1;
+	auto *hdr = reinterpret_cast<struct nlmsghdr *>(buf);
+	struct nlattr *tb[NETNSA_MAX + 1];
+	if (n > 0 && nlmsg_ok(hdr, n) && hdr->nlmsg_type == RTM_NEWNSID &&
+	    nlmsg_parse(hdr, sizeof(g), tb, NETNSA_MAX, nullptr) == 0 && tb[NETNSA_NSID] != nullptr)
+		nsid = nla_get_s32(tb[NETNSA_NSID]);
+	std::free(buf);
+	// The socket asks for acknowledgements: the one that follows the answer must not be
+	// left for the next request to read.
+	if (n > 0 && hdr->nlmsg_type == RTM_NEWNSID)
+		(void)nl_wait_for_ack(wexo_sock(h));
+	return nsid;
+}
+
+// Whether a link of `h`'s namespace is made over `id` or enslaved to it: in `home`'s
+// namespace itself (h == home), or from another one, which knows home's as `homeid`.
+wexo_status_t uppers_in(wexo_handle_t h, wexo_handle_t home, int32_t homeid, datalink_id_t id, bool *busy)
 {
 	struct nl_cache *cache = nullptr;
 	const int err = rtnl_link_alloc_cache(wexo_sock(h), AF_UNSPEC, &cache);
@@ -122,16 +152,14 @@ wexo_status_t uppers_in(wexo_handle_t h, wexo_handle_t home, datalink_id_t id, b
 	for (struct nl_object *o = nl_cache_get_first(cache); o != nullptr && !*busy; o = nl_cache_get_next(o)) {
 		auto *link = reinterpret_cast<struct rtnl_link *>(o);
 		int32_t nsid = -1;
-		// A lower link in another namespace is that namespace's ifindex. Which namespace
-		// the ID names is not asked: a link of another one with the same ifindex keeps
-		// the VXLAN link too, which errs on the side of keeping VNICs alive.
+		// A lower link in another namespace is that namespace's ifindex.
 		const bool elsewhere = rtnl_link_get_link_netnsid(link, &nsid) == 0 && nsid >= 0;
 		if (h == home)
 			*busy = (!elsewhere && rtnl_link_get_link(link) == static_cast<int>(id) &&
 			            rtnl_link_get_ifindex(link) != static_cast<int>(id)) ||
 			    rtnl_link_get_master(link) == static_cast<int>(id);
 		else
-			*busy = elsewhere && rtnl_link_get_link(link) == static_cast<int>(id);
+			*busy = elsewhere && nsid == homeid && rtnl_link_get_link(link) == static_cast<int>(id);
 	}
 	nl_cache_free(cache);
 	return WEXO_STATUS_OK;
@@ -142,17 +170,23 @@ wexo_status_t uppers_in(wexo_handle_t h, wexo_handle_t home, datalink_id_t id, b
 wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 {
 	*busy = false;
-	wexo_status_t st = uppers_in(h, h, id, busy);
+	wexo_status_t st = uppers_in(h, h, -1, id, busy);
+	// The handle's namespace, as a descriptor the other namespaces can be asked about.
+	const int own = wexo_netns_fd(h);
+	const int home = own != -1 ? own : open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
 	std::error_code ec;
 	for (const auto &entry : std::filesystem::directory_iterator("/run/netns", ec)) {
 		if (st != WEXO_STATUS_OK || *busy)
 			break;
 		wexo_handle_t other = nullptr;
 		// A namespace that goes away meanwhile holds nothing.
-		if (wexo_open_netns(entry.path().filename().c_str(), &other) == WEXO_STATUS_OK)
-			st = uppers_in(other, h, id, busy);
+		if (home != -1 && wexo_open_netns(entry.path().filename().c_str(), &other) == WEXO_STATUS_OK)
+			if (const int32_t homeid = peer_nsid(other, home); homeid >= 0)
+				st = uppers_in(other, h, homeid, id, busy);
 		wexo_close(other);
 	}
+	if (home != -1 && home != own)
+		close(home);
 	return st;
 }
 

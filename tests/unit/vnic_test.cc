@@ -174,7 +174,7 @@ TEST_F(Vnics, VxlanLinkIsSharedAndGoesWithItsLastUser)
 	ASSERT_TRUE(NetNs::run("ip link del vn1"));
 	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
 	EXPECT_EQ(link_id("kel-vxlan5000"), a.link);
-	EXPECT_EQ(link_id("vn2") != 0, true);
+	EXPECT_NE(link_id("vn2"), 0u);
 	EXPECT_EQ(binding("p1"), "0  ");
 	ASSERT_TRUE(NetNs::run("ip link del vn2"));
 	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn2", nullptr, b.link, 0), KEL_SUCCESS);
