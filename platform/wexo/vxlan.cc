@@ -116,12 +116,15 @@ wexo_status_t describe(const char *name, const vxlan_kparams_t &kp, struct rtnl_
 }
 
 // The ID under which the namespace of `h` knows the namespace `fd`; -1 when it has none
-// (then none of its links is made over one of that namespace's).
+// (then none of its links is made over one of that namespace's). `h` is spent after.
 int32_t peer_nsid(wexo_handle_t h, int fd)
 {
 	struct rtgenmsg g = {AF_UNSPEC};
 	struct nl_msg *m = nlmsg_alloc_simple(RTM_GETNSID, NLM_F_REQUEST);
 	int32_t nsid = -1;
+	// Without an acknowledgement, the answer is the one message to read. The handle is
+	// the asker's alone: its sequence numbers are off the track libnl keeps after this.
+	nl_socket_disable_auto_ack(wexo_sock(h));
 	const bool sent = m != nullptr && nlmsg_append(m, &g, sizeof(g), NLMSG_ALIGNTO) == 0 &&
 	    nla_put_u32(m, NETNSA_FD, static_cast<uint32_t>(fd)) == 0 && nl_send_auto(wexo_sock(h), m) >= 0;
 	nlmsg_free(m);
@@ -134,10 +137,6 @@ int32_t peer_nsid(wexo_handle_t h, int fd)
 	    nlmsg_parse(hdr, sizeof(g), tb, NETNSA_MAX, nullptr) == 0 && tb[NETNSA_NSID] != nullptr)
 		nsid = nla_get_s32(tb[NETNSA_NSID]);
 	std::free(buf);
-	// The socket asks for acknowledgements: the one that follows the answer must not be
-	// left for the next request to read.
-	if (n > 0 && hdr->nlmsg_type == RTM_NEWNSID)
-		(void)nl_wait_for_ack(wexo_sock(h));
 	return nsid;
 }
 
@@ -178,11 +177,14 @@ wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 	for (const auto &entry : std::filesystem::directory_iterator("/run/netns", ec)) {
 		if (st != WEXO_STATUS_OK || *busy)
 			break;
-		wexo_handle_t other = nullptr;
+		const std::string name = entry.path().filename();
+		wexo_handle_t ask = nullptr, other = nullptr;
 		// A namespace that goes away meanwhile holds nothing.
-		if (home != -1 && wexo_open_netns(entry.path().filename().c_str(), &other) == WEXO_STATUS_OK)
-			if (const int32_t homeid = peer_nsid(other, home); homeid >= 0)
-				st = uppers_in(other, h, homeid, id, busy);
+		const int32_t homeid = home != -1 && wexo_open_netns(name.c_str(), &ask) == WEXO_STATUS_OK
+		    ? peer_nsid(ask, home) : -1;
+		wexo_close(ask);
+		if (homeid >= 0 && wexo_open_netns(name.c_str(), &other) == WEXO_STATUS_OK)
+			st = uppers_in(other, h, homeid, id, busy);
 		wexo_close(other);
 	}
 	if (home != -1 && home != own)
