@@ -11,6 +11,7 @@
 #include "client.h"
 #include "ctrlprop.h"
 #include "kel_assert.h"
+#include "libkel_node.h"
 #include "service_config.h"
 #include "sql.h"
 #include "text.h"
@@ -117,6 +118,14 @@ int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_co
 	*conn = nullptr;
 	KEL_ASSERT(kel::kAreaNuq, hostname != NULL);
 	return kel::c_boundary([&] { return connection_to_kelnode(h, hostname, conn); });
+}
+
+int kel_nuq_connection_to_self(nuq_conn_t **conn)
+{
+	if (conn == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*conn = nullptr;
+	return kel::c_boundary([&] { return kel_connect_uri("unix://", conn); });
 }
 
 }  // extern "C"

@@ -103,6 +103,9 @@ wexo_status_t wexo_vnic_create(wexo_handle_t handle, const char *name, datalink_
 /* Deletes the VNIC `name` ("LINK" or "NAMESPACE/LINK"), with the link properties kept
  * for it; *lowerp (when given) gets the link it was made over. */
 wexo_status_t wexo_vnic_delete(wexo_handle_t handle, const char *name, datalink_id_t *lowerp);
+/* The link the VNIC `name` ("LINK" or "NAMESPACE/LINK") was made over, as a link of the
+ * handle's namespace. */
+wexo_status_t wexo_vnic_lower(wexo_handle_t handle, const char *name, datalink_id_t *lowerp);
 /* Gives link `id` of the handle's namespace the address `addr` with `prefixlen`, and,
  * when `router` is not NULL, a default route through it. */
 wexo_status_t wexo_link_set_ipaddr(wexo_handle_t handle, datalink_id_t id, const char *addr,
@@ -282,6 +285,11 @@ int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *
 /* The ports bound to `vnicname` on this host, as the controller knows them (none: *count
  * 0). Free with kelcntl_VPortInfo_array_free. */
 int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count);
+/* Every port bound to a VNIC of this host, as the controller knows them (none: *count 0).
+ * Free with kelcntl_VPortInfo_array_free. */
+int kel_get_host_vnicinfo(kelcntl_VPortInfo ***array, int *count);
+/* A connection to this host's own keld, through its socket (for kel_get_vnicstat). */
+int kel_nuq_connection_to_self(nuq_conn_t **conn);
 /* The counters of `vnicname` on the host that `conn` reaches (see
  * kel_nuq_connection_to_kelnode); fields the host does not count are 0. */
 int kel_get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats);

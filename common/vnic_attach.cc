@@ -147,6 +147,7 @@ int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extr
 	return unassigned != KEL_SUCCESS ? unassigned : link;
 }
 
+// The ports of this host's VNICs: the one named `vnicname`, or all of them when NULL.
 int get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count)
 {
 	char host[kHostLen];
@@ -154,7 +155,10 @@ int get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count)
 	if (rc != KEL_SUCCESS)
 		return rc;
 	char filter[kPropLen];
-	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "vnic", vnicname, "host", host)) != KEL_SUCCESS)
+	rc = vnicname != nullptr
+	    ? kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "vnic", vnicname, "host", host)
+	    : kel_create_attrstr(filter, sizeof(filter), nullptr, 1, "host", host);
+	if (rc != KEL_SUCCESS)
 		return rc;
 	Conn conn;
 	if ((rc = connect_controller(&conn)) != KEL_SUCCESS)
@@ -259,6 +263,15 @@ int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *coun
 	if (vnicname == nullptr || !kel_valid_zonevnicname(vnicname))
 		return KEL_E_INVALID_ARGS;
 	return kel::c_boundary([&] { return get_vnicinfo(vnicname, array, count); });
+}
+
+int kel_get_host_vnicinfo(kelcntl_VPortInfo ***array, int *count)
+{
+	if (array == nullptr || count == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*array = nullptr;
+	*count = 0;
+	return kel::c_boundary([&] { return get_vnicinfo(nullptr, array, count); });
 }
 
 }  // extern "C"

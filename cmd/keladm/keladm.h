@@ -97,6 +97,7 @@ int show_vportprop(std::span<char *> args);
 int show_ipnetprop(std::span<char *> args);
 int create_vnic(std::span<char *> args);
 int delete_vnic(std::span<char *> args);
+int show_vnic(std::span<char *> args);
 
 // A member of a switch (an ipnet, a vport), named on the command line as KEL/NAME.
 struct Member {

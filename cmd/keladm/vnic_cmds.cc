@@ -1,8 +1,9 @@
-// VNICs on this host: create-vnic and delete-vnic. These run on a node (any host whose
+// VNICs on this host: create-vnic, delete-vnic and show-vnic. These run on a node (any host whose
 // "controller" setting names the controller) and act on its links.
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "keladm.h"
 #include "libkel_node.h"
@@ -114,6 +115,19 @@ private:
 	wexo_handle_t h_ = nullptr;
 };
 
+// The ports bound to this host's VNICs, freed on scope exit.
+class HostPorts {
+public:
+	~HostPorts() { kelcntl_VPortInfo_array_free(array_, count_); }
+	int fetch() { return kel_get_host_vnicinfo(&array_, &count_); }
+	kelcntl_VPortInfo **begin() const { return array_; }
+	kelcntl_VPortInfo **end() const { return array_ + count_; }
+
+private:
+	kelcntl_VPortInfo **array_ = nullptr;
+	int count_ = 0;
+};
+
 }  // namespace
 
 int create_vnic(std::span<char *> args)
@@ -188,6 +202,55 @@ int delete_vnic(std::span<char *> args)
 	// Without the VNIC there is no lower link to look at: the release is what counts.
 	if (rc != KEL_SUCCESS && !(st == WEXO_STATUS_NOTFOUND && (rc & 0xff) == KEL_E_WEXO))
 		return fail("cannot release the port of VNIC '" + vnic + "'", rc);
+	return kExitOk;
+}
+
+int show_vnic(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("show-vnic");
+	Options opts;
+	if (!parse_options(cmd, args, kShow, &opts))
+		return kExitUsage;
+	Output out;
+	if (!out.configure({{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"}, {"lower"},
+	                       {"ipackets"}, {"rbytes"}, {"opackets"}, {"obytes"}},
+	        opts.fields, opts.format))
+		return kExitUsage;
+	if (opts.operands.size() > 1)
+		return usage_error(cmd, "give at most one VNIC");
+	HostPorts ports;
+	if (int rc = ports.fetch(); rc != KEL_SUCCESS)
+		return fail("cannot ask the controller for this host's VNICs", rc);
+	Handle host;
+	const wexo_status_t opened = host.open("");
+	// Counters come from this host's keld, which reaches VNICs in every namespace.
+	nuq_conn_t *self = nullptr;
+	const int connected = kel_nuq_connection_to_self(&self);
+	if (connected != KEL_SUCCESS)
+		warn("no counters: cannot reach this host's keld", connected);
+	bool found = opts.operands.empty();
+	for (const kelcntl_VPortInfo *vp : ports) {
+		if (!opts.operands.empty() && std::strcmp(vp->evpi_vnicname, opts.operands[0]) != 0)
+			continue;
+		found = true;
+		char lower[MAXLINKNAMELEN] = "";
+		datalink_id_t id = DATALINK_INVALID_LINKID;
+		if (opened == WEXO_STATUS_OK && wexo_vnic_lower(host.get(), vp->evpi_vnicname, &id) == WEXO_STATUS_OK)
+			(void)wexo_datalink_id2info(host.get(), id, nullptr, nullptr, nullptr, lower, sizeof(lower));
+		std::vector<std::string> counters(4);
+		link_stat_t st;
+		if (self != nullptr && kel_get_vnicstat(self, vp->evpi_vnicname, &st) == KEL_SUCCESS)
+			counters = {std::to_string(st.ls_ipackets), std::to_string(st.ls_rbytes),
+			    std::to_string(st.ls_opackets), std::to_string(st.ls_obytes)};
+		out.add({vp->evpi_vnicname, vp->evpi_kelname, vp->evpi_name, vp->evpi_tenantname,
+		    remote_prop(vp->evpi_props, vp->evpi_props_count, "macaddr"),
+		    remote_prop(vp->evpi_props, vp->evpi_props_count, "ipaddr"), lower, counters[0], counters[1],
+		    counters[2], counters[3]});
+	}
+	nuq_disconnect(self);
+	if (!found)
+		return fail("no VNIC '" + std::string(opts.operands[0]) + "' is bound on this host", KEL_E_VPORT_NOTFOUND);
+	out.print();
 	return kExitOk;
 }
 

@@ -61,6 +61,16 @@ private:
 	wexo_status_t st_ = WEXO_STATUS_OK;
 };
 
+// The link `link` of the VNIC handle's namespace, to be put by the caller.
+wexo_status_t find_vnic(const VnicHandle &vh, const std::string &link, struct rtnl_link **l)
+{
+	if (vh.status() != WEXO_STATUS_OK)
+		return vh.status();
+	datalink_id_t id = DATALINK_INVALID_LINKID;
+	const wexo_status_t st = wexo_name2info(vh.get(), link.c_str(), &id, nullptr);
+	return st != WEXO_STATUS_OK ? st : wexo_get_link(vh.get(), id, l);
+}
+
 }  // namespace
 
 extern "C" {
@@ -109,19 +119,14 @@ wexo_status_t wexo_vnic_create(wexo_handle_t h, const char *name, datalink_id_t 
 
 wexo_status_t wexo_vnic_delete(wexo_handle_t h, const char *name, datalink_id_t *lowerp)
 {
+	if (lowerp != nullptr)
+		*lowerp = DATALINK_INVALID_LINKID;
 	std::string ns, link;
 	if (h == nullptr || !split_name(name, &ns, &link))
 		return WEXO_STATUS_BADARG;
-	if (lowerp != nullptr)
-		*lowerp = DATALINK_INVALID_LINKID;
 	VnicHandle vh(h, ns);
-	if (vh.status() != WEXO_STATUS_OK)
-		return vh.status();
 	struct rtnl_link *l = nullptr;
-	datalink_id_t id = DATALINK_INVALID_LINKID;
-	wexo_status_t st = wexo_name2info(vh.get(), link.c_str(), &id, nullptr);
-	if (st == WEXO_STATUS_OK)
-		st = wexo_get_link(vh.get(), id, &l);
+	wexo_status_t st = find_vnic(vh, link, &l);
 	if (st != WEXO_STATUS_OK)
 		return st;
 	const datalink_id_t lower = static_cast<datalink_id_t>(rtnl_link_get_link(l));
@@ -132,6 +137,24 @@ wexo_status_t wexo_vnic_delete(wexo_handle_t h, const char *name, datalink_id_t 
 	wexo_linkprop_forget(vh.get(), link.c_str());
 	if (lowerp != nullptr)
 		*lowerp = lower;
+	return WEXO_STATUS_OK;
+}
+
+wexo_status_t wexo_vnic_lower(wexo_handle_t h, const char *name, datalink_id_t *lowerp)
+{
+	if (lowerp == nullptr)
+		return WEXO_STATUS_BADARG;
+	*lowerp = DATALINK_INVALID_LINKID;
+	std::string ns, link;
+	if (h == nullptr || !split_name(name, &ns, &link))
+		return WEXO_STATUS_BADARG;
+	VnicHandle vh(h, ns);
+	struct rtnl_link *l = nullptr;
+	const wexo_status_t st = find_vnic(vh, link, &l);
+	if (st != WEXO_STATUS_OK)
+		return st;
+	*lowerp = static_cast<datalink_id_t>(rtnl_link_get_link(l));
+	rtnl_link_put(l);
 	return WEXO_STATUS_OK;
 }
 

@@ -60,6 +60,14 @@ check "and the port's link properties" bash -c "tc -n '$g1' qdisc show dev eth0 
 check "the guests reach each other" ip netns exec "$g1" ping -c 1 -W 2 10.85.0.12
 check "the controller shows the binding" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status,vnic web/vm1)\" = 'bound:$g1/eth0' ]"
+expect "show-vnic lists this host's VNICs with their ports and lower link" \
+	"$g1/eth0:web:vm1:10.85.0.11/24:kel-vxlan5100
+$g2/eth0:web:vm2:10.85.0.12/24:kel-vxlan5100" \
+	show-vnic -p -o vnic,kel,vport,ipaddr,lower
+check "with the kernel's counters, through keld" bash -c \
+	"[ \"\$(ip netns exec '$host' '$keladm_bin' show-vnic -p -o opackets '$g1/eth0')\" -ge 1 ]"
+expect "one that is not bound here is named" \
+	"keladm: no VNIC 'nosuch0' is bound on this host: vport not found" show-vnic nosuch0
 status "a live change reaches the VNIC inside its namespace" 0 set-vportprop -p maxbw=10M web/vm1
 check "as a qdisc on the guest's link" bash -c "tc -n '$g1' qdisc show dev eth0 | grep -q 'tbf.*rate 10Mbit'"
 
