@@ -6,6 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "libkel_node.h"
 
@@ -51,3 +53,13 @@ wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const ch
     char *value, size_t size);
 
 }
+
+// The flood list of VXLAN link `id`: its local endpoint (*local, "" when unset) and the
+// remote endpoints broadcast and unknown frames are copied to, sorted. WEXO_STATUS_BADARG
+// for a link that is not a VXLAN link.
+wexo_status_t wexo_vxlan_get_flood(wexo_handle_t handle, datalink_id_t id, std::string *local,
+    std::vector<std::string> *remotes);
+// Makes the flood list of link `id` exactly `remotes` (addresses), or, with `only_add`,
+// adds those missing and removes none.
+wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id,
+    const std::vector<std::string> &remotes, bool only_add);
