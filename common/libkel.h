@@ -562,6 +562,14 @@ int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 /* Unbinds the port bound to `vnic` on `host` (or, failing that, found with `filter`). */
 int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
     const char *filter);
+/*
+ * Joins the hosts of VXLAN kel `kel` when the fabric has no multicast group: each host
+ * with a port of the kel bound (or migrating) there gets the VXLAN endpoints of the
+ * others as its link's flood list. Nothing is done for other kels. KEL_E_HOST_CONNECT
+ * when some host could not be reached or updated: the others were updated, only adding
+ * to their lists, and a later call completes them.
+ */
+int kel_sync_vxlan_flood(kel_dbhandle_t h, const char *tenant, const char *kel);
 
 /* Free a record, or a whole list (its records and the list's use); NULL is accepted. */
 void kel_free_kel(kel_t *kel);

@@ -63,6 +63,16 @@ int lookup_kel(nuq_conn_t *conn, const char *tenant, const char *kelname, Instan
 	return r == NUQ_E_SUCCESS ? KEL_SUCCESS : nuq_error(r);
 }
 
+// Asks the controller to join the kel's hosts again (a VXLAN kel without a group floods
+// only to the hosts it is told of). Best effort: a host that misses it gets it with the
+// next binding on the kel, or when the operator asks; the controller logs who missed it.
+void sync_flood(nuq_instance_t *kel)
+{
+	kelcntl_KELError *err = nullptr;
+	(void)kelcntl_KEL_syncFlood(kel, &err);
+	KelError owned(err);
+}
+
 // The link property text of the bound port's VNIC: "iov=off", the port's address as the
 // one ip-nospoof lets through, then what the port inherits.
 int vnic_props(kelcntl_KELImplInfo *info, char *buf, size_t size)
@@ -117,6 +127,16 @@ int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
 		// the caller needs.
 		(void)kel_unassign_vport(vnicname, host, extra);
 		return rc;
+	}
+	const kelcntl_KELInfo *k = info->ekelii_kelinfo;
+	const char *l2type = kel_propattrset_lookup(k->ekeli_props, k->ekeli_props_count, "l2-type");
+	const bool grouped = info->ekelii_vxlan_mgroup != nullptr && info->ekelii_vxlan_mgroup[0] != '\0';
+	if (!grouped && l2type != nullptr && std::strcmp(l2type, "vxlan") == 0) {
+		Conn conn;
+		Instance kel;
+		if (connect_controller(&conn) == KEL_SUCCESS &&
+		    lookup_kel(conn.get(), k->ekeli_tenantname, k->ekeli_name, &kel) == KEL_SUCCESS)
+			sync_flood(kel.get());
 	}
 	*linkid = lower;
 	*proplist = owned.release();
@@ -210,7 +230,10 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 		return rc;
 	kelcntl_KELError *err = nullptr;
 	const int r = kelcntl_KEL_unAssignVPort(kel.get(), vnicname, hostname, extra, &err);
-	return method_result(r, KelError(err));
+	rc = method_result(r, KelError(err));
+	if (rc == KEL_SUCCESS)
+		sync_flood(kel.get());
+	return rc;
 }
 
 int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,

@@ -72,6 +72,23 @@ int delete_kel(std::span<char *> args)
 	return kExitOk;
 }
 
+int sync_flood(std::span<char *> args)
+{
+	const Subcommand &cmd = subcommand("sync-flood");
+	Options opts;
+	if (!parse_options(cmd, args, kChange, &opts))
+		return kExitUsage;
+	if (opts.operands.size() != 1)
+		return usage_error(cmd, "sync-flood takes one kel name");
+	Store store;
+	if (store.open(false) != KEL_SUCCESS)
+		return kExitFailed;
+	const int rc = kel_sync_vxlan_flood(store.get(), opts.tenant.c_str(), opts.operands[0]);
+	if (rc != KEL_SUCCESS)
+		return fail(std::string("cannot join every host of kel '") + opts.operands[0] + "'", rc);
+	return kExitOk;
+}
+
 int show_kel(std::span<char *> args)
 {
 	const Subcommand &cmd = subcommand("show-kel");

@@ -76,6 +76,7 @@ int create_store(std::span<char *> args);
 int create_kel(std::span<char *> args);
 int delete_kel(std::span<char *> args);
 int show_kel(std::span<char *> args);
+int sync_flood(std::span<char *> args);
 int add_ipnet(std::span<char *> args);
 int remove_ipnet(std::span<char *> args);
 int show_ipnet(std::span<char *> args);

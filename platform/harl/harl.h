@@ -48,6 +48,16 @@ void harl_DatalinkError_free(harl_DatalinkError *err);
 
 }
 
+#include <string>
+#include <vector>
+
+// The flood list of a VXLAN link on the host: its own endpoint and the remote ones.
+int harl_Datalink_getFlood(nuq_instance_t *inst, std::string *local, std::vector<std::string> *remotes,
+    harl_DatalinkError **err);
+// Sets it to `remotes` exactly, or with `only_add` adds those missing.
+int harl_Datalink_setFlood(nuq_instance_t *inst, const std::vector<std::string> &remotes, bool only_add,
+    harl_DatalinkError **err);
+
 namespace harl {
 
 // The server side, for keld: the host's datalinks in keld's network namespace.

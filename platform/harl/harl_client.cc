@@ -112,3 +112,42 @@ void harl_DatalinkError_free(harl_DatalinkError *err)
 }
 
 }  // extern "C"
+
+int harl_Datalink_getFlood(nuq_instance_t *inst, std::string *local, std::vector<std::string> *remotes,
+    harl_DatalinkError **err)
+{
+	if (err != nullptr)
+		*err = nullptr;
+	local->clear();
+	remotes->clear();
+	nlohmann::json result, error;
+	const int rc = nuq::call(inst, "getFlood", nlohmann::json::object(), &result, &error);
+	if (rc == NUQ_E_OBJECT && err != nullptr)
+		*err = error_record(error);
+	if (rc != NUQ_E_SUCCESS)
+		return rc;
+	// From another host: anything but a text and an array of texts is refused.
+	const std::string *l = nuq::text_member(result, "local");
+	const nlohmann::json *list = nuq::member(result, "remotes");
+	if (l == nullptr || list == nullptr || !list->is_array())
+		return NUQ_E_PROTOCOL;
+	for (const nlohmann::json &r : *list) {
+		if (!r.is_string())
+			return NUQ_E_PROTOCOL;
+		remotes->push_back(r.get<std::string>());
+	}
+	*local = *l;
+	return NUQ_E_SUCCESS;
+}
+
+int harl_Datalink_setFlood(nuq_instance_t *inst, const std::vector<std::string> &remotes, bool only_add,
+    harl_DatalinkError **err)
+{
+	if (err != nullptr)
+		*err = nullptr;
+	nlohmann::json result, error;
+	const int rc = nuq::call(inst, "setFlood", {{"remotes", remotes}, {"only_add", only_add}}, &result, &error);
+	if (rc == NUQ_E_OBJECT && err != nullptr)
+		*err = error_record(error);
+	return rc;
+}

@@ -3,16 +3,19 @@
 #include <net/if.h>
 
 #include <string>
+#include <vector>
 
 #include "harl.h"
 #include "kelnet.h"
-#include "wexo.h"
 #include "log.h"
 #include "nuq_errors.h"
 #include "wexo.h"
 
 namespace harl {
 namespace {
+
+// More remotes than a kel could have hosts is a hostile caller, not a fabric.
+constexpr size_t kMaxRemotes = 4096;
 
 // A datalink failure as the method's error record.
 nuq::Reply datalink_error(wexo_status_t st)
@@ -91,6 +94,39 @@ nuq::Interface datalink_interface()
 		});
 		nuq::log::write(reply.status == NUQ_E_SUCCESS ? nuq::log::kInfo : nuq::log::kErr,
 		    "set " + *text + " on link " + link +
+		        (reply.status == NUQ_E_SUCCESS ? "" : ": failed: " + nuq::dump_line(reply.value)));
+		return reply;
+	};
+	// The flood list of a VXLAN link: its own endpoint and those it copies broadcast
+	// frames to, for the controller to join the hosts of a kel without a group.
+	iface.methods["getFlood"] = [](const nuq::Json &keys, const nuq::Json &) {
+		return with_link(keys, [](wexo_handle_t h, datalink_id_t id) {
+			std::string local;
+			std::vector<std::string> remotes;
+			const wexo_status_t st = wexo_vxlan_get_flood(h, id, &local, &remotes);
+			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, {{"local", local}, {"remotes", remotes}}}
+			                            : datalink_error(st);
+		});
+	};
+	iface.methods["setFlood"] = [](const nuq::Json &keys, const nuq::Json &args) {
+		const nuq::Json *list = nuq::member(args, "remotes");
+		const nuq::Json *add = nuq::member(args, "only_add");
+		if (list == nullptr || !list->is_array() || list->size() > kMaxRemotes || add == nullptr ||
+		    !add->is_boolean())
+			return nuq::Reply{NUQ_E_BADARGS, nullptr};
+		std::vector<std::string> remotes;
+		for (const nuq::Json &r : *list) {
+			if (!r.is_string())
+				return nuq::Reply{NUQ_E_BADARGS, nullptr};
+			remotes.push_back(r.get<std::string>());
+		}
+		const std::string &link = keys.at("name").get_ref<const std::string &>();
+		nuq::Reply reply = with_link(keys, [&](wexo_handle_t h, datalink_id_t id) {
+			const wexo_status_t st = wexo_vxlan_set_flood(h, id, remotes, add->get<bool>());
+			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
+		});
+		nuq::log::write(reply.status == NUQ_E_SUCCESS ? nuq::log::kInfo : nuq::log::kErr,
+		    "flood list of link " + link + (add->get<bool>() ? " gains " : " set to ") + nuq::dump_line(*list) +
 		        (reply.status == NUQ_E_SUCCESS ? "" : ": failed: " + nuq::dump_line(reply.value)));
 		return reply;
 	};

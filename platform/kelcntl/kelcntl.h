@@ -24,6 +24,9 @@ int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const ch
 // Unbinds the port of `vnicname` on `hostname`; `extra` as the unbinding's filter.
 int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
     const char *extra, kelcntl_KELError **err);
+// Joins the switch's hosts again when it is a VXLAN switch without a multicast group
+// (each host's VXLAN link floods to the others).
+int kelcntl_KEL_syncFlood(nuq_instance_t *inst, kelcntl_KELError **err);
 int kelcntl_KELController__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst,
     int nkeys, ...);
 // The ports matching a filter text; none is an empty array (*count 0), not an error.

@@ -88,6 +88,11 @@ int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const 
 	    [](const json &) {});
 }
 
+int kelcntl_KEL_syncFlood(nuq_instance_t *inst, kelcntl_KELError **err)
+{
+	return call(inst, "syncFlood", json::object(), err, [](const json &) {});
+}
+
 int kelcntl_KELController_getVPortInfo(nuq_instance_t *inst, const char *filter,
     kelcntl_VPortInfo ***array, int *count, kelcntl_KELError **err)
 {

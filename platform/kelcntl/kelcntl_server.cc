@@ -181,6 +181,19 @@ nuq::Interface kel_interface()
 		log_change(rc, "unbind VNIC " + *vnic + " on host " + *host);
 		return rc == KEL_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, Json::object()} : kel_error(rc);
 	};
+	// A node asks for this once its VXLAN link is made, and after releasing a port: the
+	// kel's hosts are joined again from what the store says now.
+	iface.methods["syncFlood"] = [](const Json &keys, const Json &) {
+		const std::string &tenant = keys.at("tenant").get_ref<const std::string &>();
+		const std::string &name = keys.at("name").get_ref<const std::string &>();
+		Store store(KEL_DB_READONLY);
+		if (store.status() != KEL_SUCCESS)
+			return kel_error(store.status());
+		const int rc = kel_sync_vxlan_flood(store.get(), tenant.c_str(), name.c_str());
+		if (rc != KEL_SUCCESS)
+			log_change(rc, "join the hosts of " + tenant + "/" + name);
+		return rc == KEL_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, Json::object()} : kel_error(rc);
+	};
 	return iface;
 }
 

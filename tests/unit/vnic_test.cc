@@ -407,3 +407,57 @@ TEST_F(Vnics, ConcurrentConnectsOfOneVniShareOneLink)
 }
 
 }  // namespace
+
+namespace {
+
+std::vector<std::string> flood_of(wexo_handle_t h, datalink_id_t link)
+{
+	std::string local;
+	std::vector<std::string> remotes;
+	EXPECT_EQ(wexo_vxlan_get_flood(h, link, &local, &remotes), WEXO_STATUS_OK);
+	return remotes;
+}
+
+}  // namespace
+
+// One real host here: what is checked is that the lists follow the store, that a host
+// that does not answer only ever adds, and which kels are left alone.
+TEST_F(Vnics, FloodListsFollowTheHostsOfTheKel)
+{
+	using Remotes = std::vector<std::string>;
+	host_prop("vxlan-addr=10.80.0.1");
+	make_kel("db", "l2-type=vxlan,vni=5002", 2);
+	Attach a;
+	connect("db", "p1", "vn1", &a);
+	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	// An entry left by a host that went away unseen.
+	ASSERT_EQ(wexo_vxlan_set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
+	EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, "db"), KEL_SUCCESS);
+	EXPECT_EQ(flood_of(wh_, a.link), Remotes{});
+
+	// A port bound on a host whose keld cannot be reached: nothing is taken away.
+	for (const char *prop : {"uri-template=ssh://", "vxlan-addr=10.80.0.2"})
+		ASSERT_EQ(kel_db_set_ctrlprop(h_, prop, "localhost"), KEL_SUCCESS) << prop;
+	kel_t *k = nullptr;
+	ASSERT_EQ(kel_db_assign_vport(h_, "sys-global", "db", "p2", "vm9", "localhost", nullptr, &k), KEL_SUCCESS);
+	kel_free_kel(k);
+	ASSERT_EQ(wexo_vxlan_set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
+	EXPECT_EQ(kel_sync_vxlan_flood(h_, "sys-global", "db"), KEL_E_HOST_CONNECT);
+	EXPECT_EQ(flood_of(wh_, a.link), Remotes{"10.80.0.77"});
+	// Once every host answers, the list is what the store says again.
+	ASSERT_EQ(kel_db_unassign_vport(h_, "vm9", "localhost", nullptr), KEL_SUCCESS);
+	EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, "db"), KEL_SUCCESS);
+	EXPECT_EQ(flood_of(wh_, a.link), Remotes{});
+
+	// With a group the kel floods by multicast: its lists are not ours.
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "vxlan-mgroup=239.1.1.1", nullptr), KEL_SUCCESS);
+	ASSERT_EQ(wexo_vxlan_set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
+	EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, "db"), KEL_SUCCESS);
+	EXPECT_EQ(flood_of(wh_, a.link), Remotes{"10.80.0.77"});
+
+	EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, "nosuch"), KEL_E_KEL_NOTFOUND);
+	for (const char *bad : {"db,web", "", "db=1"})
+		EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, bad), KEL_E_INVALID_ARGS) << bad;
+	EXPECT_EQ(kel_sync_vxlan_flood(h_, "a,b", "db"), KEL_E_INVALID_ARGS);
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
+}

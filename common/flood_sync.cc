@@ -1,0 +1,130 @@
+// Joining the hosts of a VXLAN kel when the fabric has no multicast group. Such a link
+// floods nowhere of itself: each host's link gets the endpoints of the kel's other hosts
+// as its flood list. Endpoints are read from the hosts' own links, so the controller
+// keeps no copy that could go stale.
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "c_boundary.h"
+#include "ctrlprop.h"
+#include "error_code.h"
+#include "harl.h"
+#include "host_link.h"
+#include "kelnet.h"
+#include "nuq_errors.h"
+#include "owners.h"
+#include "sql.h"
+#include "vnic.h"
+
+namespace {
+
+using DatalinkError = kel::Owned<harl_DatalinkError, harl_DatalinkError_free>;
+
+// What the store says about the kel: the VXLAN link its hosts have, and the hosts.
+struct KelHosts {
+	bool flooded = false;	// a VXLAN kel without a group: the lists are ours to keep
+	char link[32] = "";
+	std::set<std::string> hosts;	// bound there, or a port migrating there
+};
+
+int read_kel(kel_dbhandle_t h, const char *tenant, const char *kelname, KelHosts *out)
+{
+	char mgroup[64] = "";
+	int rc = kel_db_get_one_hostprop(h, nullptr, "vxlan-mgroup", DATA_TYPE_STRING, mgroup, sizeof(mgroup));
+	if (rc != KEL_SUCCESS && rc != KEL_E_NOTFOUND)
+		return rc;
+	const bool group = rc == KEL_SUCCESS && mgroup[0] != '\0' && !kel_address_unspecified(mgroup);
+	char filter[1024];
+	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", kelname)) !=
+	    KEL_SUCCESS)
+		return rc;
+	list_t list;
+	if ((rc = kel_db_get_filtered_kellist(h, filter, &list, 0)) != KEL_SUCCESS)
+		return rc;
+	auto *k = static_cast<kel_t *>(list_head(&list));
+	char *l2type = nullptr, *vni = nullptr;
+	out->flooded = attrset_lookup_string(k->kel_props, "l2-type", &l2type) == 0 &&
+	    std::strcmp(l2type, "vxlan") == 0 && attrset_lookup_string(k->kel_props, "vni", &vni) == 0 && !group;
+	if (out->flooded)
+		kel_vxlan_linkname(std::atoi(vni), out->link, sizeof(out->link));
+	for (auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports)); vp != nullptr;
+	     vp = static_cast<kel_vport_t *>(list_next(&k->kel_ports, vp))) {
+		if (vp->evp_status != VPORT_STATUS_USED)
+			continue;
+		out->hosts.insert(vp->evp_hostname);
+		char *dest = nullptr;
+		if (attrset_lookup_string(vp->evp_props, "kel:migrating_to", &dest) == 0)
+			out->hosts.insert(dest);
+	}
+	kel_free_kellist(&list);
+	return KEL_SUCCESS;
+}
+
+// One host of the kel and what its link said.
+struct Member {
+	std::string host;
+	kel::HostLink link;
+	bool reached = false;	// its keld answered
+	bool has_link = false;	// and it has the kel's link: not before its first VNIC
+	std::string local;
+};
+
+int sync(kel_dbhandle_t h, const char *tenant, const char *kelname)
+{
+	KelHosts kel;
+	int rc;
+	{
+		kel::StoreLock lock(h);
+		if ((rc = lock.status()) != KEL_SUCCESS || (rc = read_kel(h, tenant, kelname, &kel)) != KEL_SUCCESS)
+			return rc;
+	}
+	if (!kel.flooded)
+		return KEL_SUCCESS;
+	std::vector<Member> members(kel.hosts.size());
+	bool complete = true;
+	auto m = members.begin();
+	for (const std::string &host : kel.hosts) {
+		m->host = host;
+		const int opened = m->link.open(h, host.c_str(), kel.link);
+		m->reached = opened == KEL_SUCCESS || (opened & 0xff) == KEL_E_NUQ;
+		std::vector<std::string> remotes;
+		m->has_link = opened == KEL_SUCCESS &&
+		    harl_Datalink_getFlood(m->link.get(), &m->local, &remotes, nullptr) == NUQ_E_SUCCESS &&
+		    !m->local.empty();
+		complete = complete && m->reached;
+		++m;
+	}
+	// A host that did not answer may have an endpoint in the others' lists: then they
+	// are only added to, and nothing is taken away until every host answers again.
+	for (Member &to : members) {
+		if (!to.has_link)
+			continue;
+		std::vector<std::string> remotes;
+		for (const Member &from : members)
+			if (&from != &to && from.has_link && from.local != to.local)
+				remotes.push_back(from.local);
+		harl_DatalinkError *raw = nullptr;
+		const int r = harl_Datalink_setFlood(to.link.get(), remotes, !complete, &raw);
+		DatalinkError err(raw);
+		if (r != NUQ_E_SUCCESS)
+			complete = false;
+	}
+	return complete ? KEL_SUCCESS : KEL_E_HOST_CONNECT;
+}
+
+}  // namespace
+
+extern "C" {
+
+int kel_sync_vxlan_flood(kel_dbhandle_t h, const char *tenant, const char *kelname)
+{
+	if (h == nullptr || kelname == nullptr || !kel_valid_name(kelname) ||
+	    (tenant != nullptr && !kel_valid_name(tenant)))
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return sync(h, tenant != nullptr ? tenant : "sys-global", kelname); });
+}
+
+}  // extern "C"
