@@ -1,0 +1,125 @@
+#!/bin/bash
+# A fabric of three hosts built with keladm alone: a controller and two nodes, each a
+# network namespace with its own host name (a UTS namespace per process) and a hosts
+# file that knows the three, joined by an underlay bridge, each running keld and sshd.
+# Nodes reach the controller, and the controller the nodes, over ssh://. Guests are
+# namespaces of their own holding the VNICs the nodes make, and really exchange traffic.
+# Usage: fabric.sh KELADM KELD NUQ_CALL. Exit 77 (skipped) when it cannot run here.
+set -u
+keladm_bin=$(readlink -f "$1")
+keld=$(readlink -f "$2")
+call=$(readlink -f "$3")
+. "$(dirname "$(readlink -f "$0")")/fabric_lib.sh"
+
+fabric_require || exit 77
+fabric_up || { echo "SKIPPED: $fabric_skip"; exit 77; }
+trap fabric_down EXIT
+
+fail=0
+check() {
+	local what=$1; shift
+	if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
+}
+# quiet NODE KELADM-ARGS...: a keladm step whose output is not the point.
+quiet() { local node=$1; shift; on "$node" "$keladm_bin" "$@" >/dev/null || { echo "FAILED: keladm $* on $node"; fail=1; }; }
+keladm_on() { local node=$1; shift; on "$node" "$keladm_bin" "$@"; }
+pings() { ip netns exec "$(guest "$1")" ping -c 2 -i 0.2 -W 2 "$2" >/dev/null; }
+# The migrating VM's VNIC keeps its name, vm42, from host to host: it sits in the host's
+# own namespace, which stands in for the VM.
+vm_pings() { ip netns exec "$(host_ns "$1")" ping -I vm42 -c 2 -i 0.2 -W 2 "$2" >/dev/null; }
+
+# The controller's fabric: a VXLAN kel with a multicast group, one without (the group
+# is unset before its VNICs come), a flat kel on the same uplink.
+fabric_configure
+quiet ctl create-kel -p l2-type=vxlan,protection=none web
+quiet ctl add-ipnet -p subnet=10.91.0.0/24 web/front
+quiet ctl add-vport -p ipaddr=10.91.0.11 web/a
+quiet ctl add-vport -p ipaddr=10.91.0.12 web/b
+quiet ha create-vnic --address web/a "$(guest a1)/eth0"
+quiet hb create-vnic --address web/b "$(guest b1)/eth0"
+check "guests on two hosts reach each other over the VXLAN kel with a group" pings a1 10.91.0.12
+check "its links carry the group" bash -c "ip -n $(host_ns ha) -d link show kel-vxlan5000 | grep -q 'group 239.7.7.7'"
+
+quiet ctl set-controlprop vxlan-mgroup=
+quiet ctl create-kel -p l2-type=vxlan,protection=none db
+quiet ctl add-ipnet -p subnet=10.92.0.0/24 db/back
+quiet ctl add-vport -p ipaddr=10.92.0.11 db/a
+quiet ctl add-vport -p ipaddr=10.92.0.12 db/b
+quiet ha create-vnic --address -p vmid=vm-42 db/a vm42
+quiet hb create-vnic --address db/b "$(guest b2)/eth0"
+check "and over the VXLAN kel without a group" vm_pings ha 10.92.0.12
+check "whose links flood to each other's endpoint" bash -c \
+	"bridge -n $(host_ns ha) fdb show dev kel-vxlan5001 | grep -q '00:00:00:00:00:00 dst 10.77.0.3' &&
+	 bridge -n $(host_ns hb) fdb show dev kel-vxlan5001 | grep -q '00:00:00:00:00:00 dst 10.77.0.2'"
+
+quiet ctl create-kel -p l2-type=flat,protection=none lan
+quiet ctl add-ipnet -p subnet=10.93.0.0/24 lan/office
+quiet ctl add-vport -p ipaddr=10.93.0.11 lan/a
+quiet ctl add-vport -p ipaddr=10.93.0.12 lan/b
+quiet ha create-vnic --address lan/a "$(guest a3)/eth0"
+quiet hb create-vnic --address lan/b "$(guest b3)/eth0"
+check "and over the flat kel on the underlay" pings a3 10.93.0.12
+check "which carries its frames on the uplink itself" \
+	test "$(keladm_on ha show-vnic -p -o lower "$(guest a3)/eth0")" = eth0
+echo "SKIPPED (part): a VLAN kel, since this kernel has no VLAN links" >&2
+
+# What the controller and the hosts show.
+check "show-vport on the controller shows both bindings with their hosts and VNICs" test \
+	"$(keladm_on ctl show-vport -p -o name,status,host,vnic db)" = \
+	"a:bound:kel-ha:vm42
+b:bound:kel-hb:$(guest b2)/eth0"
+check "show-vnic on each host shows its own" test \
+	"$(keladm_on ha show-vnic -p -o vnic,kel,vport,lower | sort)" = \
+	"$(guest a1)/eth0:web:a:kel-vxlan5000
+$(guest a3)/eth0:lan:a:eth0
+vm42:db:a:kel-vxlan5001"
+
+# A live bandwidth change from the controller caps what the guest sends: 300 pings of
+# 1400 bytes (about 3.5 Mbit) take 0.6 s when free to go, and over 2.5 s at 1 Mbit/s
+# (the sender is held back rather than dropped).
+took_ms() { ip netns exec "$(guest a1)" ping -q -c 300 -i 0.002 -s 1400 -W 1 10.91.0.12 | sed -n 's/.*time \([0-9]*\)ms.*/\1/p'; }
+quiet ctl set-vportprop -p maxbw=1M web/a
+check "set-vportprop maxbw reaches the VNIC's qdisc on its host" bash -c \
+	"tc -n $(guest a1) qdisc show dev eth0 | grep -q 'tbf.*rate 1Mbit'"
+capped=$(took_ms)
+quiet ctl set-vportprop -p maxbw= web/a
+free=$(took_ms)
+check "and really caps a transfer (${capped}ms capped, ${free}ms without)" \
+	test "${capped:-0}" -ge 2500 -a "${free:-99999}" -le 1500
+
+# Counters: the host's keld and the controller (over ssh) read what the kernel counts.
+kernel_tx() { ip netns exec "$(guest a1)" cat /sys/class/net/eth0/statistics/tx_packets; }
+before=$(kernel_tx)
+from_host=$(keladm_on ha show-vnic -p -o opackets "$(guest a1)/eth0")
+from_ctl=$(on ctl "$call" "ssh://root@kel-ha" harl.Datalink getStat "name=$(guest a1)/eth0" |
+	sed -n 's/.*"dls_opackets": *\([0-9]*\).*/\1/p')
+after=$(kernel_tx)
+check "counters from the host ($from_host) and the controller ($from_ctl) are the kernel's ($before)" \
+	test "$before" -ge 4 -a "$from_host" -ge "$before" -a "$from_host" -le "$after" \
+	-a "${from_ctl:-0}" -ge "$before" -a "${from_ctl:-0}" -le "$after"
+
+# Migration: db/a, bound on host A with a vmid, is bound on host B by the same vmid; A
+# letting its VNIC go completes the move.
+quiet hb create-vnic --address -p vmid=vm-42 db/a vm42
+check "the port is migrating to host B" test \
+	"$(keladm_on ctl show-vport -p -o host db/a)" = kel-ha
+quiet ha delete-vnic vm42
+moved=$(keladm_on ctl show-vport -p -o status,host,vnic db/a)
+check "removing the VNIC on host A hands the port to host B ($moved)" test "$moved" = "bound:kel-hb:vm42"
+check "host A's last VNIC of the VNI took its VXLAN link along" \
+	bash -c "! ip -n $(host_ns ha) link show kel-vxlan5001 2>/dev/null"
+check "and host B floods to nobody now" bash -c \
+	"! bridge -n $(host_ns hb) fdb show dev kel-vxlan5001 | grep -q '^00:00:00:00:00:00'"
+check "the migrated VM reaches the other guest again" vm_pings hb 10.92.0.12
+
+# Teardown through keladm: every port free, every made link gone.
+for v in "hb vm42" "hb $(guest b2)/eth0" "ha $(guest a1)/eth0" "hb $(guest b1)/eth0" \
+	"ha $(guest a3)/eth0" "hb $(guest b3)/eth0"; do
+	set -- $v
+	quiet "$1" delete-vnic "$2"
+done
+left=$(keladm_on ctl show-vport -p -o name,kel,status,vnic | grep -v ':free:')
+check "every port is free again ($left)" test -z "$left"
+check "no VXLAN link remains on either host" bash -c \
+	"! ip -n $(host_ns ha) -o link show type vxlan | grep -q . && ! ip -n $(host_ns hb) -o link show type vxlan | grep -q ."
+exit $fail

@@ -1,0 +1,137 @@
+# A fabric of three hosts in network namespaces, for the end-to-end scenario and the
+# demonstration. Source it with keladm_bin and keld set; then:
+#   fabric_require     checks what it needs (a reason in $fabric_skip)
+#   fabric_up          makes the hosts, the underlay, the guests; starts sshd and keld
+#   fabric_configure   the controller's store and every host's controller setting
+#   on NODE CMD...     runs CMD on ctl, ha or hb: in its namespace, with its host name,
+#                      hosts file and KEL_ROOT
+#   guest NAME         the namespace of guest NAME (a1 b1 b2 a3 b3)
+#   fabric_down        stops everything and removes every namespace and file
+# Host names are kel-ctl, kel-ha and kel-hb, at 10.77.0.1-3 on the underlay.
+
+fabric_tag=$$
+fabric_root=
+fabric_skip=
+fabric_nodes="ctl ha hb"
+fabric_guests="a1 b1 b2 a3 b3"
+fabric_made_netns_dir=
+
+host_ns() { echo "kf$1-$fabric_tag"; }
+guest() { echo "kfg$1-$fabric_tag"; }
+node_addr() { case $1 in ctl) echo 10.77.0.1 ;; ha) echo 10.77.0.2 ;; hb) echo 10.77.0.3 ;; esac; }
+
+on() {
+	local node=$1
+	shift
+	KEL_ROOT=$fabric_root/$node KEL_SSH_CONFIG=$fabric_root/ssh_config \
+		ip netns exec "$(host_ns "$node")" unshare --uts sh -c 'hostname "$0" && exec "$@"' "kel-$node" "$@"
+}
+
+fabric_require() {
+	[ "$(id -u)" = 0 ] || { fabric_skip="needs root"; return 1; }
+	local tool
+	for tool in ip bridge tc nft ssh ssh-keygen /usr/sbin/sshd unshare ping; do
+		command -v "$tool" >/dev/null || { fabric_skip="$tool is not installed"; return 1; }
+	done
+}
+
+fabric_up() {
+	fabric_root=$(mktemp -d /tmp/kel-fabric-XXXXXX)
+	local node g ns
+	[ -d /etc/netns ] || fabric_made_netns_dir=yes
+	ip netns add "kfnet-$fabric_tag" 2>/dev/null || { fabric_skip="network namespaces cannot be made here"; return 1; }
+	ip -n "kfnet-$fabric_tag" link add br0 type bridge mcast_snooping 0 ||
+		{ fabric_skip="no bridge links"; return 1; }
+	ip -n "kfnet-$fabric_tag" link set br0 up
+	for node in $fabric_nodes; do
+		ns=$(host_ns "$node")
+		ip netns add "$ns"
+		# ip netns exec mounts these over /etc/hosts for the host's processes only.
+		mkdir -p "/etc/netns/$ns"
+		printf '127.0.0.1 localhost\n10.77.0.1 kel-ctl\n10.77.0.2 kel-ha\n10.77.0.3 kel-hb\n' >"/etc/netns/$ns/hosts"
+		ip -n "$ns" link set lo up
+		ip link add eth0 netns "$ns" type veth peer name "$node" netns "kfnet-$fabric_tag" ||
+			{ fabric_skip="no veth links"; return 1; }
+		ip -n "kfnet-$fabric_tag" link set "$node" master br0 up
+		ip -n "$ns" addr add "$(node_addr "$node")/24" dev eth0
+		ip -n "$ns" link set eth0 up
+		mkdir -p "$fabric_root/$node/etc/kel"
+	done
+	for g in $fabric_guests; do
+		ns=$(guest "$g")
+		ip netns add "$ns"
+		ip -n "$ns" link set lo up
+		# Quiet guests: no IPv6 chatter in the counters.
+		ip netns exec "$ns" sysctl -qw net.ipv6.conf.all.disable_ipv6=1 net.ipv6.conf.default.disable_ipv6=1
+	done
+	fabric_start_daemons
+}
+
+# sshd on every host with throwaway keys (root may log in with the one client key),
+# running what it is asked with the host's KEL_ROOT and the build's keld on PATH; then
+# keld.
+fabric_start_daemons() {
+	local node ns sock
+	mkdir -p /run/sshd
+	ssh-keygen -q -t ed25519 -N '' -f "$fabric_root/hostkey"
+	ssh-keygen -q -t ed25519 -N '' -f "$fabric_root/clientkey"
+	cp "$fabric_root/clientkey.pub" "$fabric_root/authorized_keys"
+	cat >"$fabric_root/ssh_config" <<CONF
+Host *
+  IdentityFile $fabric_root/clientkey
+  StrictHostKeyChecking no
+  UserKnownHostsFile /dev/null
+  LogLevel ERROR
+  ConnectTimeout 10
+CONF
+	for node in $fabric_nodes; do
+		cat >"$fabric_root/$node/sshd_config" <<CONF
+ListenAddress $(node_addr "$node")
+HostKey $fabric_root/hostkey
+AuthorizedKeysFile $fabric_root/authorized_keys
+PermitRootLogin prohibit-password
+PasswordAuthentication no
+StrictModes no
+UsePAM no
+PidFile $fabric_root/$node/sshd.pid
+ForceCommand export KEL_ROOT=$fabric_root/$node PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; exec \$SSH_ORIGINAL_COMMAND
+CONF
+		on "$node" /usr/sbin/sshd -e -f "$fabric_root/$node/sshd_config" 2>>"$fabric_root/$node/sshd.log"
+		on "$node" "$keld" 2>>"$fabric_root/$node/keld.log" &
+	done
+	for node in $fabric_nodes; do
+		ns=$(host_ns "$node")
+		sock=$fabric_root/$node/run/kel/keld.sock
+		for _ in $(seq 100); do [ -S "$sock" ] && break; sleep 0.05; done
+		for _ in $(seq 100); do ip netns exec "$ns" ss -ltn | grep -q ":22 " && break; sleep 0.05; done
+	done
+}
+
+fabric_configure() {
+	local node
+	on ctl "$keladm_bin" create-store
+	for prop in vlan-range=100-199 vxlan-range=5000-5999 uri-template=ssh://root@ \
+		uplink-port=eth0,flat=yes vxlan-addr=10.77.0.0/24 vxlan-mgroup=239.7.7.7; do
+		on ctl "$keladm_bin" set-controlprop "$prop" >/dev/null
+	done
+	on ctl "$keladm_bin" set-clientprop controller=unix:// >/dev/null
+	for node in ha hb; do
+		on "$node" "$keladm_bin" set-clientprop controller=ssh://root@kel-ctl >/dev/null
+	done
+}
+
+fabric_down() {
+	local ns
+	[ -n "$fabric_root" ] || return 0
+	for ns in $(for n in $fabric_nodes net; do host_ns "$n"; done) $(for g in $fabric_guests; do guest "$g"; done); do
+		ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null
+	done
+	wait 2>/dev/null
+	for ns in $(for n in $fabric_nodes net; do host_ns "$n"; done) $(for g in $fabric_guests; do guest "$g"; done); do
+		ip netns del "$ns" 2>/dev/null
+		rm -rf "/etc/netns/$ns"
+	done
+	[ -n "$fabric_made_netns_dir" ] && rmdir /etc/netns 2>/dev/null
+	rm -rf "$fabric_root"
+	fabric_root=
+}
