@@ -1,6 +1,7 @@
 #!/bin/bash
 # Build, demo and test driver. Run as root on Debian 12:
-#   ./run.sh demo      install what is missing, build, create a scratch store and show it
+#   ./run.sh demo      install what is missing, build, and build a fabric of three hosts in
+#                      namespaces, step by step (the controller alone where it cannot)
 #   ./run.sh test      install what is missing, build, run the whole test suite
 #   ./run.sh sanitize  the unit tests built with AddressSanitizer and UBSan
 #   ./run.sh fuzz [SECONDS]  each fuzz target for SECONDS (default 10) on its corpus
@@ -36,8 +37,109 @@ build() {
 	cmake --build "$dir" -j "$JOBS"
 }
 
+# The fabric: a controller and two hosts in network namespaces, guests on them, each
+# keladm step shown with its output. Where namespaces cannot be made, the controller
+# alone in a scratch tree.
 demo() {
 	build build
+	keladm_bin=$PWD/build/cmd/keladm/keladm
+	keld=$PWD/build/cmd/keld/keld
+	. tests/e2e/fabric_lib.sh
+	if ! fabric_require; then
+		echo "No fabric here ($fabric_skip): a tour of the controller alone."
+		controller_tour
+		return
+	fi
+	if ! fabric_up; then
+		echo "No fabric here ($fabric_skip): a tour of the controller alone."
+		fabric_down
+		controller_tour
+		return
+	fi
+	trap fabric_down EXIT
+	fabric_tour
+}
+
+# NODE ARGS...: one keladm step on a host, shown as an operator there would see it.
+on_step() {
+	local node=$1
+	shift
+	echo
+	echo "[kel-$node]\$ keladm $*"
+	on "$node" "$keladm_bin" "$@"
+}
+
+fabric_tour() {
+	echo "Three hosts in network namespaces: kel-ctl (the controller), kel-ha and kel-hb,"
+	echo "on an underlay 10.77.0.0/24, each running keld and sshd. Guests are namespaces of"
+	echo "their own. Hosts and controller reach each other over ssh://."
+	echo
+	echo "== The controller: ranges, uplinks and endpoints first, then the kels"
+	on_step ctl create-store
+	on_step ctl set-controlprop vlan-range=100-199
+	on_step ctl set-controlprop vxlan-range=5000-5999
+	on_step ctl set-controlprop uri-template=ssh://root@
+	on_step ctl set-controlprop uplink-port=eth0,flat=yes
+	on_step ctl set-controlprop vxlan-addr=10.77.0.0/24
+	on_step ctl set-clientprop controller=unix://
+	on_step ctl create-kel -p l2-type=vxlan,protection=none web
+	on_step ctl add-ipnet -p subnet=10.91.0.0/24 web/front
+	on_step ctl add-vport web/a
+	on_step ctl add-vport web/b
+	on_step ctl create-kel -p l2-type=flat,protection=none lan
+	on_step ctl add-ipnet -p subnet=10.93.0.0/24 lan/office
+	on_step ctl add-vport lan/a
+	on_step ctl add-vport lan/b
+	on_step ctl show-kel
+	on_step ctl show-vport -o name,kel,status,ipaddr,macaddr
+	echo
+	echo "== The hosts: where the controller is, then a VNIC for each guest"
+	on_step ha set-clientprop controller=ssh://root@kel-ctl
+	on_step hb set-clientprop controller=ssh://root@kel-ctl
+	on_step ha create-vnic --address web/a "$(guest a1)/eth0"
+	on_step hb create-vnic --address web/b "$(guest b1)/eth0"
+	on_step ha create-vnic --address lan/a "$(guest a3)/eth0"
+	on_step hb create-vnic --address lan/b "$(guest b3)/eth0"
+	on_step ha show-vnic
+	on_step hb show-vnic -o vnic,kel,vport,ipaddr,lower
+	on_step ctl show-vport -o name,kel,status,host,vnic,ipaddr
+	echo
+	echo "== The VXLAN kel has no multicast group: each host's link floods to the other"
+	echo "[kel-ha]\$ bridge fdb show dev kel-vxlan5000 | grep 00:00:00:00:00:00"
+	bridge -n "$(host_ns ha)" fdb show dev kel-vxlan5000 | grep 00:00:00:00:00:00
+	echo
+	echo "== A guest on kel-ha pings the guest on kel-hb, over VXLAN and over the flat kel"
+	local b_web b_lan
+	b_web=$(on ctl "$keladm_bin" show-vport -p -o ipaddr web/b | cut -d/ -f1)
+	b_lan=$(on ctl "$keladm_bin" show-vport -p -o ipaddr lan/b | cut -d/ -f1)
+	echo "[guest a1]\$ ping -c 3 $b_web"
+	ip netns exec "$(guest a1)" ping -c 3 -i 0.3 "$b_web"
+	echo "[guest a3]\$ ping -c 3 $b_lan"
+	ip netns exec "$(guest a3)" ping -c 3 -i 0.3 "$b_lan"
+	echo
+	echo "== A live bandwidth change from the controller, on the VNIC of web/a on kel-ha"
+	local burst="ping -q -c 300 -i 0.002 -s 1400 $b_web"
+	echo "[guest a1]\$ $burst"
+	ip netns exec "$(guest a1)" $burst | tail -2
+	on_step ctl set-vportprop -p maxbw=1M web/a
+	echo "[guest a1]\$ tc qdisc show dev eth0"
+	tc -n "$(guest a1)" qdisc show dev eth0
+	echo "[guest a1]\$ $burst     # the same 420 KB now take over 3 s"
+	ip netns exec "$(guest a1)" $burst | tail -2
+	on_step ctl set-vportprop -p maxbw= web/a
+	on_step ha show-vnic -o vnic,kel,ipackets,rbytes,opackets,obytes
+	echo
+	echo "== Tearing down: the last VNIC of the VNI on a host takes its VXLAN link along"
+	on_step ha delete-vnic "$(guest a1)/eth0"
+	on_step hb delete-vnic "$(guest b1)/eth0"
+	on_step ha delete-vnic "$(guest a3)/eth0"
+	on_step hb delete-vnic "$(guest b3)/eth0"
+	on_step ctl show-vport -o name,kel,status,host,vnic
+	echo
+	echo "Every namespace, process and file of the demonstration goes now."
+}
+
+controller_tour() {
 	root=$(mktemp -d /tmp/kel-demo-XXXXXX)
 	trap 'rm -rf "$root"' EXIT
 	mkdir -p "$root/etc/kel"

@@ -108,7 +108,7 @@ CONF
 }
 
 fabric_configure() {
-	local node
+	local node prop
 	on ctl "$keladm_bin" create-store
 	for prop in vlan-range=100-199 vxlan-range=5000-5999 uri-template=ssh://root@ \
 		uplink-port=eth0,flat=yes vxlan-addr=10.77.0.0/24 vxlan-mgroup=239.7.7.7; do
@@ -124,14 +124,14 @@ fabric_down() {
 	local ns
 	[ -n "$fabric_root" ] || return 0
 	for ns in $(for n in $fabric_nodes net; do host_ns "$n"; done) $(for g in $fabric_guests; do guest "$g"; done); do
-		ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null
+		ip netns pids "$ns" 2>/dev/null | xargs -r kill 2>/dev/null || true
 	done
-	wait 2>/dev/null
+	wait 2>/dev/null || true
 	for ns in $(for n in $fabric_nodes net; do host_ns "$n"; done) $(for g in $fabric_guests; do guest "$g"; done); do
-		ip netns del "$ns" 2>/dev/null
+		ip netns del "$ns" 2>/dev/null || true
 		rm -rf "/etc/netns/$ns"
 	done
-	[ -n "$fabric_made_netns_dir" ] && rmdir /etc/netns 2>/dev/null
+	if [ -n "$fabric_made_netns_dir" ]; then rmdir /etc/netns 2>/dev/null || true; fi
 	rm -rf "$fabric_root"
 	fabric_root=
 }
