@@ -82,7 +82,7 @@ fabric_tour() {
 	on_step ctl set-controlprop uplink-port=eth0,flat=yes
 	on_step ctl set-controlprop vxlan-addr=10.77.0.0/24
 	on_step ctl set-clientprop controller=unix://
-	on_step ctl create-kel -p l2-type=vxlan,protection=none web
+	on_step ctl create-kel -p l2-type=vxlan web
 	on_step ctl add-ipnet -p subnet=10.91.0.0/24 web/front
 	on_step ctl add-vport web/a
 	on_step ctl add-vport web/b

@@ -1,6 +1,6 @@
 // Link properties applied live on a host's link:
 //   maxbw=<bandwidth>    a token-bucket (tbf) root qdisc; "maxbw=" removes it
-//   priority=low|medium|high   the packets' priority, set on the link's ingress
+//   priority=low|medium|high   the priority of the packets the filters see
 //   cos=0-7              the 802.1p class on a VLAN link (every packet priority maps to
 //                        it); links without tags keep it and report it
 //   protection=<flags>   mac-nospoof, ip-nospoof, dhcp-nospoof, restricted; "" clears
@@ -9,11 +9,13 @@
 //                        link's own)
 //   iov=off              no SR-IOV virtual function: every link here is already so;
 //                        "on" is not supported
-// Filters act on the link's ingress, where the traffic of a VNIC's tenant enters the
-// host. Each link has one nftables table, "netdev kel_<link>", rebuilt from the link's
-// kept settings on every change.
+// Filters act on what a VNIC's guest sends, or on a plain link's ingress (see
+// Placement). Each link has one nftables table, "netdev kel_<link>" ("kel_<ns>/<link>"
+// for a VNIC in a guest's namespace), rebuilt from the link's kept settings on every
+// change.
 
 #include <arpa/inet.h>
+#include <net/if.h>
 #include <netlink/errno.h>
 #include <netlink/route/link.h>
 #include <netlink/route/link/vlan.h>
@@ -152,10 +154,29 @@ bool has_flag(const Props &props, const char *flag)
 	return false;
 }
 
-// The link's table, or its removal when nothing is left to filter; one atomic buffer.
-std::string ruleset(const std::string &link, const std::string &ownmac, const Props &props)
+// Where a link's filters sit. A VNIC (macvlan, macvtap) is guarded on what its guest
+// sends, out of the guest's reach: on its own transmit path when it sits in the host's
+// namespace (a VM's macvtap), or, when it sits in a guest's namespace, on the link it is
+// made over, in the host's namespace, for the frames that carry its address: a
+// bridge-mode VNIC hands frames for its neighbours to that link's receive path and all
+// others to its transmit path. Any other link (a veth's host end) is guarded on its
+// ingress, where its tenant's traffic enters the host.
+struct Placement {
+	std::string table;	// "kel_<link>", or "kel_<namespace>/<link>" for a guest's VNIC
+	std::vector<std::pair<std::string, std::string>> hooks;	// (hook, device)
+	std::string selector;	// which frames of the device are the VNIC's ("" all)
+	bool host_side = false;	// in the caller's namespace rather than the link's
+};
+
+std::string table_of(const std::string &ns, const std::string &link)
 {
-	const std::string table = "netdev kel_" + link;
+	return "kel_" + (ns.empty() ? link : ns + "/" + link);
+}
+
+// The link's table, or its removal when nothing is left to filter; one atomic buffer.
+std::string ruleset(const Placement &at, const std::string &ownmac, const Props &props)
+{
+	const std::string table = "netdev " + at.table;
 	std::string out = "table " + table + " {}\ndelete table " + table + "\n";
 	const auto prio = props.find("priority");
 	const bool priority = prio != props.end() && (prio->second == "low" || prio->second == "high");
@@ -172,7 +193,7 @@ std::string ruleset(const std::string &link, const std::string &ownmac, const Pr
 	out += "table " + table + " {\n";
 	out += "  set allowed4 { type ipv4_addr; flags interval;" + (v4.empty() ? "" : " elements = { " + v4 + " };") + " }\n";
 	out += "  set allowed6 { type ipv6_addr; flags interval;" + (v6.empty() ? "" : " elements = { " + v6 + " };") + " }\n";
-	out += "  chain ingress {\n    type filter hook ingress device \"" + link + "\" priority 0; policy accept;\n";
+	out += "  chain guard {\n";
 	if (priority)
 		out += std::string("    meta priority set ") + (prio->second == "high" ? "0000:0006" : "0000:0002") + "\n";
 	if (has_flag(props, "mac-nospoof")) {
@@ -188,8 +209,48 @@ std::string ruleset(const std::string &link, const std::string &ownmac, const Pr
 	}
 	if (has_flag(props, "dhcp-nospoof"))
 		out += "    udp sport { 67, 547 } counter drop\n";
-	out += "  }\n}\n";
+	out += "  }\n";
+	for (const auto &[hook, device] : at.hooks)
+		out += "  chain " + hook + " {\n    type filter hook " + hook + " device \"" + device +
+		    "\" priority 0; policy accept;\n    " + at.selector + "jump guard\n  }\n";
+	out += "}\n";
 	return out;
+}
+
+// Where the filters of `link` (in the handle's namespace) go.
+wexo_status_t placement_of(wexo_handle_t h, struct rtnl_link *link, const std::string &ownmac,
+    const Props &props, Placement *at)
+{
+	const std::string ifname = rtnl_link_get_name(link);
+	const std::string &ns = wexo_netns_name(h);
+	const char *kind = rtnl_link_get_type(link);
+	const bool vnic = kind != nullptr && (std::strcmp(kind, "macvlan") == 0 || std::strcmp(kind, "macvtap") == 0);
+	at->table = table_of(ns, ifname);
+	if (!vnic) {
+		at->hooks = {{"ingress", ifname}};
+		return WEXO_STATUS_OK;
+	}
+	int32_t nsid = -1;
+	if (rtnl_link_get_link_netnsid(link, &nsid) != 0 || nsid < 0) {
+		at->hooks = {{"egress", ifname}};
+		return WEXO_STATUS_OK;
+	}
+	// In a guest's namespace: its lower link is a link of the host's, the namespace the
+	// VNIC was made from, which is the caller's.
+	wexo_handle_t host = nullptr;
+	wexo_status_t st = wexo_open(&host);
+	char lower[IFNAMSIZ] = "";
+	if (st == WEXO_STATUS_OK)
+		st = wexo_datalink_id2info(host, static_cast<datalink_id_t>(rtnl_link_get_link(link)), nullptr, nullptr,
+		    nullptr, lower, sizeof(lower));
+	wexo_close(host);
+	if (st != WEXO_STATUS_OK)
+		return st;
+	auto mac = props.find("allowed-mac");
+	at->hooks = {{"egress", lower}, {"ingress", lower}};
+	at->selector = "ether saddr " + nft_mac(mac != props.end() ? mac->second : ownmac) + " ";
+	at->host_side = true;
+	return WEXO_STATUS_OK;
 }
 
 // The name a link's settings are kept under: "NAMESPACE/LINK" for a link in a named
@@ -200,10 +261,10 @@ std::string state_key(wexo_handle_t h, const std::string &ifname)
 	return ns.empty() ? ifname : ns + "/" + ifname;
 }
 
-// Runs `rules` in the handle's namespace, where the link is.
-wexo_status_t apply_nft(wexo_handle_t h, const std::string &rules)
+// Runs `rules` in the namespace of `nsfd`.
+wexo_status_t apply_nft(int nsfd, const std::string &rules)
 {
-	wexo::NetnsSwitch in(wexo_netns_fd(h));
+	wexo::NetnsSwitch in(nsfd);
 	if (!in.ok())
 		return WEXO_STATUS_DENIED;
 	struct nft_ctx *nft = nft_ctx_new(NFT_CTX_DEFAULT);
@@ -214,6 +275,19 @@ wexo_status_t apply_nft(wexo_handle_t h, const std::string &rules)
 	const int rc = nft_run_cmd_from_buffer(nft, rules.c_str());
 	nft_ctx_free(nft);
 	return rc == 0 ? WEXO_STATUS_OK : WEXO_STATUS_FAILED;
+}
+
+// Runs `rules` where the placement says: the link's namespace or the caller's.
+wexo_status_t apply_nft(wexo_handle_t h, const Placement &at, const std::string &rules)
+{
+	if (!at.host_side)
+		return apply_nft(wexo_netns_fd(h), rules);
+	wexo_handle_t host = nullptr;
+	wexo_status_t st = wexo_open(&host);
+	if (st == WEXO_STATUS_OK)
+		st = apply_nft(wexo_netns_fd(host), rules);
+	wexo_close(host);
+	return st;
 }
 
 wexo_status_t apply_maxbw(struct nl_sock *sock, int ifindex, const std::string &value)
@@ -258,8 +332,18 @@ wexo_status_t apply_cos(struct nl_sock *sock, struct rtnl_link *link, const std:
 
 void wexo_linkprop_forget(wexo_handle_t h, const char *ifname)
 {
-	// The link is gone: its table is left without a device, and its settings with it.
-	(void)apply_nft(h, std::string("delete table netdev kel_") + ifname + "\n");
+	// The link is gone: its table is left without a device, and its settings with it. A
+	// guest's VNIC had its table in the host's namespace.
+	const std::string &ns = wexo_netns_name(h);
+	const std::string table = "netdev " + table_of(ns, ifname);
+	const std::string drop = "table " + table + " {}\ndelete table " + table + "\n";
+	if (ns.empty()) {
+		(void)apply_nft(wexo_netns_fd(h), drop);
+	} else {
+		Placement host;
+		host.host_side = true;
+		(void)apply_nft(h, host, drop);
+	}
 	std::remove(state_path(state_key(h, ifname)).c_str());
 }
 
@@ -291,20 +375,22 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 		std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
 		ownmac = buf;
 	}
-	if (std::strcmp(name, "cos") == 0)
-		st = apply_cos(wexo_sock(h), link, value);
-	rtnl_link_put(link);
-	if (st != WEXO_STATUS_OK)
-		return st;
-
 	const std::string key = state_key(h, ifname);
 	Props props = load(key);
 	// "none" is no protection.
 	props[name] = std::strcmp(name, "protection") == 0 && std::strcmp(value, "none") == 0 ? "" : value;
+	Placement at;
+	if (std::strcmp(name, "cos") == 0)
+		st = apply_cos(wexo_sock(h), link, value);
+	else if (std::strcmp(name, "maxbw") != 0)
+		st = placement_of(h, link, ownmac, props, &at);
+	rtnl_link_put(link);
+	if (st != WEXO_STATUS_OK)
+		return st;
 	if (std::strcmp(name, "maxbw") == 0)
 		st = apply_maxbw(wexo_sock(h), static_cast<int>(id), value);
 	else if (std::strcmp(name, "cos") != 0)
-		st = apply_nft(h, ruleset(ifname, ownmac, props));	// cos was applied above
+		st = apply_nft(h, at, ruleset(at, ownmac, props));	// cos was applied above
 	if (st == WEXO_STATUS_OK && !save(key, props))
 		st = WEXO_STATUS_FAILED;
 	return st;

@@ -40,9 +40,10 @@ make_store
 "$keladm" set-controlprop vxlan-addr=10.84.0.0/24 >/dev/null
 "$keladm" create-kel -p l2-type=vxlan,vni=5100 web >/dev/null
 "$keladm" add-ipnet -p subnet=10.85.0.0/24 web/front >/dev/null
-# Filters on what the guests send come with their own change; these ports go without.
-"$keladm" add-vport -p ipaddr=10.85.0.11,maxbw=20M,protection=none web/vm1 >/dev/null
-"$keladm" add-vport -p ipaddr=10.85.0.12,protection=none web/vm2 >/dev/null
+# The ports keep the kel's default protection: mac-nospoof and ip-nospoof.
+"$keladm" add-vport -p ipaddr=10.85.0.11,maxbw=20M web/vm1 >/dev/null
+"$keladm" add-vport -p ipaddr=10.85.0.12 web/vm2 >/dev/null
+"$keladm" add-vport -p ipaddr=10.85.0.13 web/vm3 >/dev/null
 ip netns exec "$host" "$keld" 2>"$root/keld.log" &
 keld_pid=$!
 for _ in $(seq 100); do [ -S "$root/run/kel/keld.sock" ] && break; sleep 0.05; done
@@ -57,7 +58,34 @@ check "it carries the port's MAC address" \
 check "and the port's address, with the network's router" \
 	bash -c "ip -n '$g1' addr show eth0 | grep -q 'inet 10.85.0.11/24' && ip -n '$g1' route | grep -q 'default via 10.85.0.1'"
 check "and the port's link properties" bash -c "tc -n '$g1' qdisc show dev eth0 | grep -q 'tbf.*rate 20Mbit'"
-check "the guests reach each other" ip netns exec "$g1" ping -c 1 -W 2 10.85.0.12
+check "the guests reach each other, their protection letting replies in" ip netns exec "$g1" ping -c 1 -W 2 10.85.0.12
+
+# What a guest sends is guarded in the host's namespace, on the link its VNIC is made
+# over, where the guest cannot remove it.
+guard() { ip netns exec "$host" nft list table netdev "kel_$g1/eth0" 2>&1; }
+check "the guard of a VNIC in a guest namespace sits on its lower link in the host's" bash -c \
+	"$(declare -f guard); host='$host' g1='$g1'; guard | grep -q 'hook egress device \"kel-vxlan5100\"' &&
+	 guard | grep -q 'hook ingress device \"kel-vxlan5100\"' && ! ip netns exec '$g1' nft list tables | grep -q kel_"
+ip -n "$g1" addr add 10.85.0.99/24 dev eth0
+ip netns exec "$g1" nft flush ruleset	# whatever the guest does in its own namespace
+check "a guest sending from an address not its port's is dropped" \
+	bash -c "! ip netns exec '$g1' ping -c 2 -i 0.2 -W 1 -I 10.85.0.99 10.85.0.12 >/dev/null 2>&1"
+check "and counted by the rule that dropped it" bash -c \
+	"$(declare -f guard); host='$host' g1='$g1'; guard | grep -qE 'ip saddr != @allowed4 counter packets [1-9]'"
+check "while its port's own address still gets through" ip netns exec "$g1" ping -c 1 -W 2 -I 10.85.0.11 10.85.0.12
+ip -n "$g1" addr del 10.85.0.99/24 dev eth0
+
+# A VM's macvtap stays in the host's namespace: guarded on its own transmit path.
+status "a macvtap in the host's namespace" 0 create-vnic --macvtap web/vm3 vt0
+ip -n "$host" addr add 10.85.0.13/24 dev vt0
+ip -n "$host" addr add 10.85.0.98/24 dev vt0
+check "is guarded on its own egress" bash -c \
+	"ip netns exec '$host' nft list table netdev kel_vt0 | grep -q 'hook egress device \"vt0\"'"
+check "which drops what it sends from another address" \
+	bash -c "! ip netns exec '$host' ping -c 2 -i 0.2 -W 1 -I 10.85.0.98 10.85.0.12 >/dev/null 2>&1"
+check "and passes what it sends from its own" ip netns exec "$host" ping -c 1 -W 2 -I 10.85.0.13 10.85.0.12
+status "it goes" 0 delete-vnic vt0
+check "with its guard" bash -c "! ip netns exec '$host' nft list table netdev kel_vt0 2>/dev/null"
 check "the controller shows the binding" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status,vnic web/vm1)\" = 'bound:$g1/eth0' ]"
 expect "show-vnic lists this host's VNICs with their ports and lower link" \
@@ -84,6 +112,7 @@ check "and leaves no port bound and no link behind" \
 status "a guest namespace that does not exist fails" 1 create-vnic web/vm1 nosuchns-$$/eth0
 
 status "the first VNIC goes" 0 delete-vnic "$g1/eth0"
+check "with its guard in the host's namespace" bash -c "! ip netns exec '$host' nft list table netdev 'kel_$g1/eth0' 2>/dev/null"
 check "its port is free, the shared link stays" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status web/vm1)\" = free ] && ip -n '$host' link show kel-vxlan5100 >/dev/null"
 status "the last VNIC goes" 0 delete-vnic "$g2/eth0"

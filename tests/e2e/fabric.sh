@@ -29,9 +29,10 @@ pings() { ip netns exec "$(guest "$1")" ping -c 2 -i 0.2 -W 2 "$2" >/dev/null; }
 vm_pings() { ip netns exec "$(host_ns "$1")" ping -I vm42 -c 2 -i 0.2 -W 2 "$2" >/dev/null; }
 
 # The controller's fabric: a VXLAN kel with a multicast group, one without (the group
-# is unset before its VNICs come), a flat kel on the same uplink.
+# is unset before its VNICs come), a flat kel on the same uplink. The VXLAN kels keep
+# the default protection (mac-nospoof, ip-nospoof); the flat one goes without.
 fabric_configure
-quiet ctl create-kel -p l2-type=vxlan,protection=none web
+quiet ctl create-kel -p l2-type=vxlan web
 quiet ctl add-ipnet -p subnet=10.91.0.0/24 web/front
 quiet ctl add-vport -p ipaddr=10.91.0.11 web/a
 quiet ctl add-vport -p ipaddr=10.91.0.12 web/b
@@ -41,7 +42,7 @@ check "guests on two hosts reach each other over the VXLAN kel with a group" pin
 check "its links carry the group" bash -c "ip -n $(host_ns ha) -d link show kel-vxlan5000 | grep -q 'group 239.7.7.7'"
 
 quiet ctl set-controlprop vxlan-mgroup=
-quiet ctl create-kel -p l2-type=vxlan,protection=none db
+quiet ctl create-kel -p l2-type=vxlan db
 quiet ctl add-ipnet -p subnet=10.92.0.0/24 db/back
 quiet ctl add-vport -p ipaddr=10.92.0.11 db/a
 quiet ctl add-vport -p ipaddr=10.92.0.12 db/b
@@ -86,6 +87,16 @@ quiet ctl set-vportprop -p maxbw= web/a
 free=$(took_ms)
 check "and really caps a transfer (${capped}ms capped, ${free}ms without)" \
 	test "${capped:-0}" -ge 2500 -a "${free:-99999}" -le 1500
+
+# ip-nospoof: what a guest sends from an address that is not its port's is dropped on
+# its host, in the host's namespace, and counted there.
+ip -n "$(guest a1)" addr add 10.91.0.99/24 dev eth0
+check "ip-nospoof drops a guest's datagrams from an address not its port's" \
+	bash -c "! ip netns exec $(guest a1) ping -c 3 -i 0.2 -W 1 -I 10.91.0.99 10.91.0.12 >/dev/null 2>&1"
+drops=$(ip netns exec "$(host_ns ha)" nft list table netdev "kel_$(guest a1)/eth0" |
+	sed -n 's/.*ip saddr != @allowed4 counter packets \([0-9]*\).*/\1/p')
+check "and the drop counter on host A shows them ($drops)" test "${drops:-0}" -ge 3
+ip -n "$(guest a1)" addr del 10.91.0.99/24 dev eth0
 
 # Counters: the host's keld and the controller (over ssh) read what the kernel counts.
 kernel_tx() { ip netns exec "$(guest a1)" cat /sys/class/net/eth0/statistics/tx_packets; }
