@@ -1,5 +1,6 @@
-// The link a kel's VNIC is made over on its host: the uplink for VLAN and flat kels, or
-// the VXLAN link of the kel's VNI, made by the first VNIC that needs it.
+// The link a kel's VNIC is made over on its host: the uplink for flat kels, or a link of
+// the kel's own, made by the first VNIC that needs it: a VLAN link tagging the kel's ID
+// on the uplink, or the VXLAN link of the kel's VNI.
 #include <net/if.h>
 #include <sys/socket.h>
 
@@ -19,8 +20,7 @@ namespace {
 
 using Args = kel::Owned<wexo_arg_list_t, wexo_free_args>;
 
-// Tries to make the VXLAN link before taking the one another VNIC made: a concurrent
-// last disconnect may remove that one in between, and then the next try makes it anew.
+// How often a link is made before taking the one another VNIC made.
 constexpr int kCreateTries = 3;
 
 int wexo_error(wexo_status_t st)
@@ -48,16 +48,57 @@ int uplink(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_id_t 
 	return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
 }
 
+// Makes the link `name` with `create`, or shares the one another VNIC made. A
+// concurrent last disconnect may remove that one in between: then the next try makes it
+// anew.
+template <class Create>
+int make_or_share(wexo_handle_t handle, const char *name, datalink_id_t *linkid, Create &&create)
+{
+	wexo_status_t st = WEXO_STATUS_FAILED;
+	for (int i = 0; i < kCreateTries; i++) {
+		st = create();
+		if (st == WEXO_STATUS_EXIST)
+			st = wexo_name2info(handle, name, linkid, nullptr);
+		if (st != WEXO_STATUS_NOTFOUND)
+			break;
+	}
+	return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
+}
+
+// The kel's number ("vlanid" or "vni") from the controller's answer.
+int kel_number(const kelcntl_KELInfo *kel, const char *name, int *out)
+{
+	const char *text = kel_propattrset_lookup(kel->ekeli_props, kel->ekeli_props_count, name);
+	return text == nullptr ? protocol_error() : kel_str2int(text, out);
+}
+
+int vlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_id_t *linkid)
+{
+	datalink_id_t up = DATALINK_INVALID_LINKID;
+	int vid = 0;
+	int rc = uplink(handle, info, &up);
+	if (rc == KEL_SUCCESS)
+		rc = kel_number(info->ekelii_kelinfo, "vlanid", &vid);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	if (vid < 1 || vid > 4094)
+		return protocol_error();
+	char name[MAXLINKNAMELEN];
+	std::snprintf(name, sizeof(name), "kel-vlan%d", vid);
+	return make_or_share(handle, name, linkid, [&] {
+		return wexo_vlan_create(handle, name, up, static_cast<uint16_t>(vid), WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND,
+		    linkid);
+	});
+}
+
 int vxlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_id_t *linkid)
 {
 	kelcntl_KELInfo *kel = info->ekelii_kelinfo;
 	const char *localaddr = info->ekelii_vxlan_localaddr;
-	const char *vnitext = kel_propattrset_lookup(kel->ekeli_props, kel->ekeli_props_count, "vni");
-	if ((!is_set(info->ekelii_uplink_port) && !is_set(localaddr)) || vnitext == nullptr)
+	if (!is_set(info->ekelii_uplink_port) && !is_set(localaddr))
 		return protocol_error();
 	int vni = 0;
-	int rc = kel_str2int(vnitext, &vni);
-	if (rc != KEL_SUCCESS)
+	if (int rc = kel_number(kel, "vni", &vni); rc != KEL_SUCCESS)
 		return rc;
 	char name[MAXLINKNAMELEN];
 	kel_vxlan_linkname(vni, name, sizeof(name));
@@ -79,16 +120,10 @@ int vxlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_i
 	vxlan_kparams_t kp;
 	if ((st = kel_vxlan_props2kparams(handle, args.get(), &kp)) != WEXO_STATUS_OK)
 		return wexo_error(st);
-	for (int i = 0; i < kCreateTries; i++) {
+	return make_or_share(handle, name, linkid, [&] {
 		vxlan_kparams_t attempt = kp;
-		st = wexo_vxlan_create(handle, name, &attempt, args.get(), WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND, linkid);
-		// Another VNIC of the VNI made it: this one shares it.
-		if (st == WEXO_STATUS_EXIST)
-			st = wexo_name2info(handle, name, linkid, nullptr);
-		if (st != WEXO_STATUS_NOTFOUND)
-			break;
-	}
-	return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
+		return wexo_vxlan_create(handle, name, &attempt, args.get(), WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND, linkid);
+	});
 }
 
 }  // namespace
@@ -96,7 +131,7 @@ int vxlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_i
 void kel_vxlan_linkname(int vni, char *buf, size_t size)
 {
 	// A Linux link name has at most 15 characters: VNIs above 999999 get the short
-	// prefix, which keeps the "-" that marks links made for VNICs.
+	// prefix, which keeps the "kel-" that marks links made for VNICs.
 	const int n = std::snprintf(buf, size, "kel-vxlan%d", vni);
 	if (n >= IFNAMSIZ)
 		std::snprintf(buf, size, "kel-vx%d", vni);
@@ -114,6 +149,7 @@ int kel_setup_l2network(wexo_handle_t handle, datalink_id_t *linkid, kelcntl_KEL
 	kel_str2ntype(l2type, &type);
 	switch (type) {
 	case KEL_L2NTYPE_VLAN:
+		return vlan_link(handle, info, linkid);
 	case KEL_L2NTYPE_FLAT:
 		return uplink(handle, info, linkid);
 	case KEL_L2NTYPE_VXLAN:

@@ -156,11 +156,13 @@ int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extr
 	char name[MAXLINKNAMELEN];
 	int link = KEL_SUCCESS;
 	wexo_status_t st = wexo_datalink_id2info(handle, linkid, nullptr, &cls, nullptr, name, sizeof(name));
-	// Only the links made for VNICs have a "-" in their name; an uplink never goes.
-	if (st == WEXO_STATUS_OK && cls == DATALINK_CLASS_VXLAN && std::strchr(name, '-') != nullptr) {
-		st = wexo_vxlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND);
+	// Only the links made for VNICs are named "kel-..."; an uplink never goes.
+	const bool ours = st == WEXO_STATUS_OK && std::strncmp(name, "kel-", 4) == 0;
+	if (ours && (cls == DATALINK_CLASS_VXLAN || cls == DATALINK_CLASS_VLAN)) {
+		st = cls == DATALINK_CLASS_VXLAN ? wexo_vxlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND)
+		                                 : wexo_vlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND);
 		if (st == WEXO_STATUS_LINKBUSY)
-			st = WEXO_STATUS_OK;	// other VNICs of the VNI still use it
+			st = WEXO_STATUS_OK;	// other VNICs of the kel still use it
 	}
 	if (st != WEXO_STATUS_OK)
 		link = kel::compose_error(st, KEL_E_WEXO);

@@ -115,83 +115,6 @@ wexo_status_t describe(const char *name, const vxlan_kparams_t &kp, struct rtnl_
 	return wexo_from_nl(err);
 }
 
-// The ID under which the namespace of `h` knows the namespace `fd`; -1 when it has none
-// (then none of its links is made over one of that namespace's). `h` is spent after.
-int32_t peer_nsid(wexo_handle_t h, int fd)
-{
-	struct rtgenmsg g = {AF_UNSPEC};
-	struct nl_msg *m = nlmsg_alloc_simple(RTM_GETNSID, NLM_F_REQUEST);
-	int32_t nsid = -1;
-	// Without an acknowledgement, the answer is the one message to read. The handle is
-	// the asker's alone: its sequence numbers are off the track libnl keeps after this.
-	nl_socket_disable_auto_ack(wexo_sock(h));
-	const bool sent = m != nullptr && nlmsg_append(m, &g, sizeof(g), NLMSG_ALIGNTO) == 0 &&
-	    nla_put_u32(m, NETNSA_FD, static_cast<uint32_t>(fd)) == 0 && nl_send_auto(wexo_sock(h), m) >= 0;
-	nlmsg_free(m);
-	unsigned char *buf = nullptr;
-	struct sockaddr_nl peer;
-	const int n = sent ? nl_recv(wexo_sock(h), &peer, &buf, nullptr) : -1;
-	auto *hdr = reinterpret_cast<struct nlmsghdr *>(buf);
-	struct nlattr *tb[NETNSA_MAX + 1];
-	if (n > 0 && nlmsg_ok(hdr, n) && hdr->nlmsg_type == RTM_NEWNSID &&
-	    nlmsg_parse(hdr, sizeof(g), tb, NETNSA_MAX, nullptr) == 0 && tb[NETNSA_NSID] != nullptr)
-		nsid = nla_get_s32(tb[NETNSA_NSID]);
-	std::free(buf);
-	return nsid;
-}
-
-// Whether a link of `h`'s namespace is made over `id` or enslaved to it: in `home`'s
-// namespace itself (h == home), or from another one, which knows home's as `homeid`.
-wexo_status_t uppers_in(wexo_handle_t h, wexo_handle_t home, int32_t homeid, datalink_id_t id, bool *busy)
-{
-	struct nl_cache *cache = nullptr;
-	const int err = rtnl_link_alloc_cache(wexo_sock(h), AF_UNSPEC, &cache);
-	if (err < 0)
-		return wexo_from_nl(err);
-	for (struct nl_object *o = nl_cache_get_first(cache); o != nullptr && !*busy; o = nl_cache_get_next(o)) {
-		auto *link = reinterpret_cast<struct rtnl_link *>(o);
-		int32_t nsid = -1;
-		// A lower link in another namespace is that namespace's ifindex.
-		const bool elsewhere = rtnl_link_get_link_netnsid(link, &nsid) == 0 && nsid >= 0;
-		if (h == home)
-			*busy = (!elsewhere && rtnl_link_get_link(link) == static_cast<int>(id) &&
-			            rtnl_link_get_ifindex(link) != static_cast<int>(id)) ||
-			    rtnl_link_get_master(link) == static_cast<int>(id);
-		else
-			*busy = elsewhere && nsid == homeid && rtnl_link_get_link(link) == static_cast<int>(id);
-	}
-	nl_cache_free(cache);
-	return WEXO_STATUS_OK;
-}
-
-// Whether any link is made over `id` or enslaved to it: in its own namespace, or, for a
-// VNIC placed in a named namespace, there.
-wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
-{
-	*busy = false;
-	wexo_status_t st = uppers_in(h, h, -1, id, busy);
-	// The handle's namespace, as a descriptor the other namespaces can be asked about.
-	const int own = wexo_netns_fd(h);
-	const int home = own != -1 ? own : open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-	std::error_code ec;
-	for (const auto &entry : std::filesystem::directory_iterator("/run/netns", ec)) {
-		if (st != WEXO_STATUS_OK || *busy)
-			break;
-		const std::string name = entry.path().filename();
-		wexo_handle_t ask = nullptr, other = nullptr;
-		// A namespace that goes away meanwhile holds nothing.
-		const int32_t homeid = home != -1 && wexo_open_netns(name.c_str(), &ask) == WEXO_STATUS_OK
-		    ? peer_nsid(ask, home) : -1;
-		wexo_close(ask);
-		if (homeid >= 0 && wexo_open_netns(name.c_str(), &other) == WEXO_STATUS_OK)
-			st = uppers_in(other, h, homeid, id, busy);
-		wexo_close(other);
-	}
-	if (home != -1 && home != own)
-		close(home);
-	return st;
-}
-
 }  // namespace
 
 extern "C" {
@@ -263,33 +186,7 @@ wexo_status_t wexo_vxlan_create(wexo_handle_t h, const char *name, vxlan_kparams
 
 wexo_status_t wexo_vxlan_delete(wexo_handle_t h, datalink_id_t linkid, uint32_t flags)
 {
-	if (h == nullptr || linkid == DATALINK_INVALID_LINKID)
-		return WEXO_STATUS_BADARG;
-	if (!(flags & WEXO_OPT_ACTIVE))
-		return WEXO_STATUS_NOTSUP;
-	char name[IFNAMSIZ];
-	datalink_class_t cls;
-	wexo_status_t st = wexo_datalink_id2info(h, linkid, nullptr, &cls, nullptr, name, sizeof(name));
-	if (st != WEXO_STATUS_OK)
-		return st;
-	if (cls != DATALINK_CLASS_VXLAN)
-		return WEXO_STATUS_BADARG;
-	wexo::LinkLock lock(name);
-	if (!lock.held())
-		return WEXO_STATUS_DENIED;
-	// Looked up again under the lock: the ID must still be that link.
-	struct rtnl_link *link = nullptr;
-	if ((st = wexo_get_link(h, linkid, &link)) != WEXO_STATUS_OK)
-		return st;
-	bool busy = false;
-	if (std::strcmp(rtnl_link_get_name(link), name) != 0)
-		st = WEXO_STATUS_NOTFOUND;
-	else if ((st = has_uppers(h, linkid, &busy)) == WEXO_STATUS_OK && busy)
-		st = WEXO_STATUS_LINKBUSY;
-	if (st == WEXO_STATUS_OK)
-		st = wexo_from_nl(rtnl_link_delete(wexo_sock(h), link));
-	rtnl_link_put(link);
-	return st;
+	return wexo_ondemand_delete(h, linkid, flags, DATALINK_CLASS_VXLAN);
 }
 
 }  // extern "C"

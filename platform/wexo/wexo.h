@@ -48,6 +48,14 @@ wexo_status_t wexo_vxlan_create(wexo_handle_t handle, const char *name, vxlan_kp
 // with it). `flags` must hold WEXO_OPT_ACTIVE.
 wexo_status_t wexo_vxlan_delete(wexo_handle_t handle, datalink_id_t linkid, uint32_t flags);
 
+// Makes the VLAN link `name` tagging `vid` (1-4094) on `uplink`, up. WEXO_STATUS_EXIST,
+// with nothing changed, when a link of that name exists; WEXO_STATUS_NOTSUP when the
+// kernel has no VLAN links. `flags` must hold WEXO_OPT_ACTIVE.
+wexo_status_t wexo_vlan_create(wexo_handle_t handle, const char *name, datalink_id_t uplink, uint16_t vid,
+    uint32_t flags, datalink_id_t *linkidp);
+// Deletes it as wexo_vxlan_delete does a VXLAN link.
+wexo_status_t wexo_vlan_delete(wexo_handle_t handle, datalink_id_t linkid, uint32_t flags);
+
 // The link property kept for `id` ("" when unset).
 wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
     char *value, size_t size);

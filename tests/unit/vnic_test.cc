@@ -198,21 +198,49 @@ TEST_F(Vnics, VxlanOverTheUplinkJoinsTheGroupThere)
 	EXPECT_EQ(link_id("kel-vxlan5001"), 0u);
 }
 
-TEST_F(Vnics, FlatAndVlanKelsUseTheUplink)
+TEST_F(Vnics, FlatKelsUseTheUplink)
 {
 	make_kel("lan", "l2-type=flat", 1);
-	make_kel("vl", "l2-type=vlan", 1);
-	for (const char *kel : {"lan", "vl"}) {
-		SCOPED_TRACE(kel);
-		host_prop(std::string("uplink-port=up0") + (kel == std::string("lan") ? ",flat=yes" : ""));
-		Attach a;
-		connect(kel, "p1", "vn1", &a);
-		ASSERT_EQ(a.rc, KEL_SUCCESS);
-		EXPECT_EQ(a.link, link_id("up0"));
-		// The uplink is no link of ours to remove.
-		EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
-		EXPECT_EQ(link_id("up0"), a.link);
+	host_prop("uplink-port=up0,flat=yes");
+	Attach a;
+	connect("lan", "p1", "vn1", &a);
+	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	EXPECT_EQ(a.link, link_id("up0"));
+	// The uplink is no link of ours to remove.
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
+	EXPECT_EQ(link_id("up0"), a.link);
+}
+
+TEST_F(Vnics, VlanKelsGetATaggedLinkOnTheUplink)
+{
+	make_kel("vl", "l2-type=vlan,vlanid=150", 2);
+	host_prop("uplink-port=up0");
+	const std::string before = state();
+	Attach a, b;
+	connect("vl", "p1", "vn1", &a);
+	if (!NetNs::run("ip link add link up0 name probe.9 type vlan id 9")) {
+		// A kernel without VLAN links: the VNIC cannot be made, and nothing stays bound.
+		EXPECT_EQ(a.rc, kel::compose_error(WEXO_STATUS_NOTSUP, KEL_E_WEXO));
+		EXPECT_EQ(state(), before);
+		GTEST_SKIP() << "this kernel cannot make VLAN links";
 	}
+	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	ASSERT_EQ(a.link, link_id("kel-vlan150"));
+	const std::string link = out_of("ip -d link show kel-vlan150");
+	EXPECT_NE(link.find("kel-vlan150@up0"), std::string::npos) << link;
+	EXPECT_NE(link.find("vlan protocol 802.1Q id 150"), std::string::npos) << link;
+	ASSERT_TRUE(NetNs::run("ip link add vn1 link kel-vlan150 type macvlan mode bridge"));
+	connect("vl", "p2", "vn2", &b);
+	ASSERT_EQ(b.rc, KEL_SUCCESS);
+	EXPECT_EQ(b.link, a.link);	// shared
+	ASSERT_TRUE(NetNs::run("ip link add vn2 link kel-vlan150 type macvlan mode bridge"));
+	ASSERT_TRUE(NetNs::run("ip link del vn1"));
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
+	EXPECT_EQ(link_id("kel-vlan150"), a.link);	// vn2 is made over it
+	ASSERT_TRUE(NetNs::run("ip link del vn2"));
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn2", nullptr, b.link, 0), KEL_SUCCESS);
+	EXPECT_EQ(link_id("kel-vlan150"), 0u);
+	EXPECT_NE(link_id("up0"), 0u);
 }
 
 TEST_F(Vnics, NothingStaysBoundWhenTheLowerLinkCannotBeMade)
