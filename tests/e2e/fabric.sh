@@ -48,7 +48,10 @@ quiet ctl add-vport -p ipaddr=10.92.0.11 db/a
 quiet ctl add-vport -p ipaddr=10.92.0.12 db/b
 quiet ha create-vnic --address -p vmid=vm-42 db/a vm42
 quiet hb create-vnic --address db/b "$(guest b2)/eth0"
-check "and over the VXLAN kel without a group" vm_pings ha 10.92.0.12
+quiet ctl add-vport -p ipaddr=10.92.0.13 db/c
+quiet ha create-vnic --address db/c "$(guest a2)/eth0"
+check "and over the VXLAN kel without a group" pings a2 10.92.0.12
+check "as does a VM's VNIC in the host's own namespace" vm_pings ha 10.92.0.12
 check "whose links flood to each other's endpoint" bash -c \
 	"bridge -n $(host_ns ha) fdb show dev kel-vxlan5001 | grep -q '00:00:00:00:00:00 dst 10.77.0.3' &&
 	 bridge -n $(host_ns hb) fdb show dev kel-vxlan5001 | grep -q '00:00:00:00:00:00 dst 10.77.0.2'"
@@ -65,13 +68,15 @@ check "which carries its frames on the uplink itself" \
 # A VLAN kel is fabric_vlan.sh's part, skipped on kernels without VLAN links.
 
 # What the controller and the hosts show.
-check "show-vport on the controller shows both bindings with their hosts and VNICs" test \
+check "show-vport on the controller shows the bindings with their hosts and VNICs" test \
 	"$(keladm_on ctl show-vport -p -o name,status,host,vnic db)" = \
 	"a:bound:kel-ha:vm42
-b:bound:kel-hb:$(guest b2)/eth0"
+b:bound:kel-hb:$(guest b2)/eth0
+c:bound:kel-ha:$(guest a2)/eth0"
 check "show-vnic on each host shows its own" test \
 	"$(keladm_on ha show-vnic -p -o vnic,kel,vport,lower | sort)" = \
 	"$(guest a1)/eth0:web:a:kel-vxlan5000
+$(guest a2)/eth0:db:c:kel-vxlan5001
 $(guest a3)/eth0:lan:a:eth0
 vm42:db:a:kel-vxlan5001"
 
@@ -117,11 +122,13 @@ check "the port is migrating to host B" test \
 quiet ha delete-vnic vm42
 moved=$(keladm_on ctl show-vport -p -o status,host,vnic db/a)
 check "removing the VNIC on host A hands the port to host B ($moved)" test "$moved" = "bound:kel-hb:vm42"
+check "the migrated VM reaches the other guests again, on its new host and on the old" \
+	bash -c "$(declare -f vm_pings host_ns); fabric_tag=$fabric_tag; vm_pings hb 10.92.0.12 && vm_pings hb 10.92.0.13"
+quiet ha delete-vnic "$(guest a2)/eth0"
 check "host A's last VNIC of the VNI took its VXLAN link along" \
 	bash -c "! ip -n $(host_ns ha) link show kel-vxlan5001 2>/dev/null"
 check "and host B floods to nobody now" bash -c \
 	"! bridge -n $(host_ns hb) fdb show dev kel-vxlan5001 | grep -q '^00:00:00:00:00:00'"
-check "the migrated VM reaches the other guest again" vm_pings hb 10.92.0.12
 
 # Teardown through keladm: every port free, every made link gone.
 for v in "hb vm42" "hb $(guest b2)/eth0" "ha $(guest a1)/eth0" "hb $(guest b1)/eth0" \
@@ -133,4 +140,11 @@ left=$(keladm_on ctl show-vport -p -o name,kel,status,vnic | grep -v ':free:')
 check "every port is free again ($left)" test -z "$left"
 check "no VXLAN link remains on either host" bash -c \
 	"! ip -n $(host_ns ha) -o link show type vxlan | grep -q . && ! ip -n $(host_ns hb) -o link show type vxlan | grep -q ."
+
+# Nothing of the fabric stays behind.
+root=$fabric_root
+fabric_down
+trap - EXIT
+left=$(ip netns list | grep -- "-$fabric_tag"; pgrep -af "$root"; ls -d "$root" /etc/netns/*-"$fabric_tag" 2>/dev/null)
+check "no namespace, process, link or file remains" test -z "$left"
 exit $fail

@@ -5,7 +5,7 @@
 #   fabric_configure   the controller's store and every host's controller setting
 #   on NODE CMD...     runs CMD on ctl, ha or hb: in its namespace, with its host name,
 #                      hosts file and KEL_ROOT
-#   guest NAME         the namespace of guest NAME (a1 b1 b2 a3 b3)
+#   guest NAME         the namespace of guest NAME (a1 b1 a2 b2 a3 b3)
 #   fabric_down        stops everything and removes every namespace and file
 # Host names are kel-ctl, kel-ha and kel-hb, at 10.77.0.1-3 on the underlay.
 
@@ -13,7 +13,7 @@ fabric_tag=$$
 fabric_root=
 fabric_skip=
 fabric_nodes="ctl ha hb"
-fabric_guests="a1 b1 b2 a3 b3"
+fabric_guests="a1 b1 a2 b2 a3 b3"
 fabric_made_netns_dir=
 
 host_ns() { echo "kf$1-$fabric_tag"; }
@@ -30,7 +30,7 @@ on() {
 fabric_require() {
 	[ "$(id -u)" = 0 ] || { fabric_skip="needs root"; return 1; }
 	local tool
-	for tool in ip bridge tc nft ssh ssh-keygen /usr/sbin/sshd unshare ping; do
+	for tool in ip bridge tc nft ssh ssh-keygen /usr/sbin/sshd unshare ping sysctl pgrep; do
 		command -v "$tool" >/dev/null || { fabric_skip="$tool is not installed"; return 1; }
 	done
 }
