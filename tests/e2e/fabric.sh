@@ -15,14 +15,6 @@ fabric_require || exit 77
 fabric_up || { echo "SKIPPED: $fabric_skip"; exit 77; }
 trap fabric_down EXIT
 
-fail=0
-check() {
-	local what=$1; shift
-	if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
-}
-# quiet NODE KELADM-ARGS...: a keladm step whose output is not the point.
-quiet() { local node=$1; shift; on "$node" "$keladm_bin" "$@" >/dev/null || { echo "FAILED: keladm $* on $node"; fail=1; }; }
-keladm_on() { local node=$1; shift; on "$node" "$keladm_bin" "$@"; }
 pings() { ip netns exec "$(guest "$1")" ping -c 2 -i 0.2 -W 2 "$2" >/dev/null; }
 # The migrating VM's VNIC keeps its name, vm42, from host to host: it sits in the host's
 # own namespace, which stands in for the VM.

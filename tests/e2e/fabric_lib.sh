@@ -7,6 +7,9 @@
 #                      hosts file and KEL_ROOT
 #   guest NAME         the namespace of guest NAME (a1 b1 a2 b2 a3 b3)
 #   fabric_down        stops everything and removes every namespace and file
+#   check WHAT CMD...  a scenario's check: "ok: WHAT" or "FAILED: WHAT" (then fail=1)
+#   quiet NODE ARGS... a keladm step on NODE whose output is not the point
+#   keladm_on NODE ARGS...  keladm on NODE
 # Host names are kel-ctl, kel-ha and kel-hb, at 10.77.0.1-3 on the underlay.
 
 fabric_tag=$$
@@ -15,6 +18,21 @@ fabric_skip=
 fabric_nodes="ctl ha hb"
 fabric_guests="a1 b1 a2 b2 a3 b3"
 fabric_made_netns_dir=
+
+fail=0
+check() {
+	local what=$1
+	shift
+	if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
+}
+keladm_on() {
+	local node=$1
+	shift
+	on "$node" "$keladm_bin" "$@"
+}
+quiet() {
+	keladm_on "$@" >/dev/null || { echo "FAILED: keladm ${*:2} on $1"; fail=1; }
+}
 
 host_ns() { echo "kf$1-$fabric_tag"; }
 guest() { echo "kfg$1-$fabric_tag"; }

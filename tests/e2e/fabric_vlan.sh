@@ -20,13 +20,6 @@ ip netns del "$probe"
 fabric_up || { echo "SKIPPED: $fabric_skip"; exit 77; }
 trap fabric_down EXIT
 
-fail=0
-check() {
-	local what=$1; shift
-	if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
-}
-quiet() { local node=$1; shift; on "$node" "$keladm_bin" "$@" >/dev/null || { echo "FAILED: keladm $* on $node"; fail=1; }; }
-
 fabric_configure
 quiet ctl create-kel -p l2-type=vlan,vlanid=150 vl
 quiet ctl add-ipnet -p subnet=10.94.0.0/24 vl/net
