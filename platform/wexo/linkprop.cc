@@ -158,9 +158,12 @@ bool has_flag(const Props &props, const char *flag)
 // sends, out of the guest's reach: on its own transmit path when it sits in the host's
 // namespace (a VM's macvtap), or, when it sits in a guest's namespace, on the link it is
 // made over, in the host's namespace, for the frames that carry its address: a
-// bridge-mode VNIC hands frames for its neighbours to that link's receive path and all
-// others to its transmit path. Any other link (a veth's host end) is guarded on its
-// ingress, where its tenant's traffic enters the host.
+// bridge-mode VNIC hands unicast frames for its neighbours to that link's receive path
+// and all others to its transmit path. Broadcast copies to its neighbours bypass that
+// link, so the guest's namespace gets the same filters on the VNIC's own transmit path
+// as well: a guest without CAP_NET_ADMIN there cannot lift them, and one with it still
+// meets the host's. Any other link (a veth's host end) is guarded on its ingress, where
+// its tenant's traffic enters the host.
 struct Placement {
 	std::string table;	// "kel_<link>", or "kel_<namespace>/<link>" for a guest's VNIC
 	std::vector<std::pair<std::string, std::string>> hooks;	// (hook, device)
@@ -217,24 +220,23 @@ std::string ruleset(const Placement &at, const std::string &ownmac, const Props 
 	return out;
 }
 
-// Where the filters of `link` (in the handle's namespace) go.
+// Where the filters of `link` (in the handle's namespace) go: one place, or for a VNIC
+// in a guest's namespace, the host's and the guest's.
 wexo_status_t placement_of(wexo_handle_t h, struct rtnl_link *link, const std::string &ownmac,
-    const Props &props, Placement *at)
+    const Props &props, std::vector<Placement> *places)
 {
 	const std::string ifname = rtnl_link_get_name(link);
 	const std::string &ns = wexo_netns_name(h);
 	const char *kind = rtnl_link_get_type(link);
 	const bool vnic = kind != nullptr && (std::strcmp(kind, "macvlan") == 0 || std::strcmp(kind, "macvtap") == 0);
-	at->table = table_of(ns, ifname);
-	if (!vnic) {
-		at->hooks = {{"ingress", ifname}};
-		return WEXO_STATUS_OK;
-	}
+	Placement own;
+	own.table = table_of("", ifname);
 	int32_t nsid = -1;
-	if (rtnl_link_get_link_netnsid(link, &nsid) != 0 || nsid < 0) {
-		at->hooks = {{"egress", ifname}};
+	const bool guest = vnic && rtnl_link_get_link_netnsid(link, &nsid) == 0 && nsid >= 0;
+	own.hooks = {{vnic ? "egress" : "ingress", ifname}};
+	places->assign(1, own);
+	if (!guest)
 		return WEXO_STATUS_OK;
-	}
 	// In a guest's namespace: its lower link is a link of the host's, the namespace the
 	// VNIC was made from, which is the caller's.
 	wexo_handle_t host = nullptr;
@@ -247,9 +249,12 @@ wexo_status_t placement_of(wexo_handle_t h, struct rtnl_link *link, const std::s
 	if (st != WEXO_STATUS_OK)
 		return st;
 	auto mac = props.find("allowed-mac");
-	at->hooks = {{"egress", lower}, {"ingress", lower}};
-	at->selector = "ether saddr " + nft_mac(mac != props.end() ? mac->second : ownmac) + " ";
-	at->host_side = true;
+	Placement outside;
+	outside.table = table_of(ns, ifname);
+	outside.hooks = {{"egress", lower}, {"ingress", lower}};
+	outside.selector = "ether saddr " + nft_mac(mac != props.end() ? mac->second : ownmac) + " ";
+	outside.host_side = true;
+	places->insert(places->begin(), outside);
 	return WEXO_STATUS_OK;
 }
 
@@ -335,14 +340,14 @@ void wexo_linkprop_forget(wexo_handle_t h, const char *ifname)
 	// The link is gone: its table is left without a device, and its settings with it. A
 	// guest's VNIC had its table in the host's namespace.
 	const std::string &ns = wexo_netns_name(h);
-	const std::string table = "netdev " + table_of(ns, ifname);
-	const std::string drop = "table " + table + " {}\ndelete table " + table + "\n";
-	if (ns.empty()) {
-		(void)apply_nft(wexo_netns_fd(h), drop);
-	} else {
+	const auto drop = [](const std::string &name) {
+		return "table netdev " + name + " {}\ndelete table netdev " + name + "\n";
+	};
+	(void)apply_nft(wexo_netns_fd(h), drop(table_of("", ifname)));
+	if (!ns.empty()) {
 		Placement host;
 		host.host_side = true;
-		(void)apply_nft(h, host, drop);
+		(void)apply_nft(h, host, drop(table_of(ns, ifname)));
 	}
 	std::remove(state_path(state_key(h, ifname)).c_str());
 }
@@ -379,18 +384,19 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 	Props props = load(key);
 	// "none" is no protection.
 	props[name] = std::strcmp(name, "protection") == 0 && std::strcmp(value, "none") == 0 ? "" : value;
-	Placement at;
+	std::vector<Placement> places;
 	if (std::strcmp(name, "cos") == 0)
 		st = apply_cos(wexo_sock(h), link, value);
 	else if (std::strcmp(name, "maxbw") != 0)
-		st = placement_of(h, link, ownmac, props, &at);
+		st = placement_of(h, link, ownmac, props, &places);
 	rtnl_link_put(link);
 	if (st != WEXO_STATUS_OK)
 		return st;
 	if (std::strcmp(name, "maxbw") == 0)
 		st = apply_maxbw(wexo_sock(h), static_cast<int>(id), value);
-	else if (std::strcmp(name, "cos") != 0)
-		st = apply_nft(h, at, ruleset(at, ownmac, props));	// cos was applied above
+	for (const Placement &at : places)	// none for cos, applied above
+		if (st == WEXO_STATUS_OK)
+			st = apply_nft(h, at, ruleset(at, ownmac, props));
 	if (st == WEXO_STATUS_OK && !save(key, props))
 		st = WEXO_STATUS_FAILED;
 	return st;

@@ -7,7 +7,8 @@
 #                      hosts file and KEL_ROOT
 #   guest NAME         the namespace of guest NAME (a1 b1 a2 b2 a3 b3)
 #   fabric_down        stops everything and removes every namespace and file
-#   check WHAT CMD...  a scenario's check: "ok: WHAT" or "FAILED: WHAT" (then fail=1)
+#   check WHAT CMD...  a scenario's check: "ok: WHAT" or "FAILED: WHAT" (then fail=1);
+#                      "check WHAT fails CMD..." wants CMD to fail
 #   quiet NODE ARGS... a keladm step on NODE whose output is not the point
 #   keladm_on NODE ARGS...  keladm on NODE
 # Host names are kel-ctl, kel-ha and kel-hb, at 10.77.0.1-3 on the underlay.
@@ -25,6 +26,7 @@ check() {
 	shift
 	if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
 }
+fails() { ! "$@"; }
 keladm_on() {
 	local node=$1
 	shift
