@@ -59,18 +59,18 @@ constexpr const char *kCompatibleKeys[][7] = {
 
 using SetPtr = kel::AttrSetPtr;
 
-SetPtr new_set(int flags)
+int new_set(int flags, SetPtr *out)
 {
 	attrset_t *set = nullptr;
 	if (attrset_create(&set, flags) != 0)
-		throw std::bad_alloc();
-	return SetPtr(set);
+		return KEL_E_NOMEM;
+	out->reset(set);
+	return KEL_SUCCESS;
 }
 
-void add_string(attrset_t *set, const char *name, const char *value)
+int add_string(attrset_t *set, const char *name, const char *value)
 {
-	if (attrset_add_string(set, name, value) != 0)
-		throw std::bad_alloc();
+	return attrset_add_string(set, name, value) == 0 ? KEL_SUCCESS : KEL_E_NOMEM;
 }
 
 // Splits at every comma; empty pieces stay (they fail the value checks).
@@ -119,25 +119,28 @@ int normalise(const char *filter, attrset_t **out, const char *table)
 		*out = in.release();
 		return KEL_SUCCESS;
 	}
-	SetPtr norm = new_set(0);
-	for (attrset_entry_t *e = attrset_next_entry(in.get(), nullptr); e != nullptr;
+	SetPtr norm;
+	if ((rc = new_set(0, &norm)) != KEL_SUCCESS)
+		return rc;
+	for (attrset_entry_t *e = attrset_next_entry(in.get(), nullptr); e != nullptr && rc == KEL_SUCCESS;
 	     e = attrset_next_entry(in.get(), e)) {
 		const char *name = attrset_entry_name(e);
 		char *value = nullptr;
 		(void)attrset_entry_value_string(e, &value);
 		if (std::strcmp(name, "uuid") == 0) {
-			add_string(norm.get(), obj->word, value);
+			rc = add_string(norm.get(), obj->word, value);
 		} else if (kel_get_filter_entry(name) != nullptr) {
-			add_string(norm.get(), name, value);
+			rc = add_string(norm.get(), name, value);
 		} else if (kel_get_prop_entry(name, obj->proptype).ep_pname != nullptr) {
 			std::string pattern;
-			if ((rc = property_pattern(name, value, &pattern)) != KEL_SUCCESS)
-				return rc;
-			add_string(norm.get(), obj->propkey, pattern.c_str());
+			if ((rc = property_pattern(name, value, &pattern)) == KEL_SUCCESS)
+				rc = add_string(norm.get(), obj->propkey, pattern.c_str());
 		} else {
-			return KEL_E_INVALID_FILTER;
+			rc = KEL_E_INVALID_FILTER;
 		}
 	}
+	if (rc != KEL_SUCCESS)
+		return rc;
 	*out = norm.release();
 	return KEL_SUCCESS;
 }
@@ -150,12 +153,9 @@ int add_param(attrset_t *params, int n, const std::string &piece, uint32_t colty
 		int number;
 		if (int rc = kel_str2int(piece.c_str(), &number); rc != KEL_SUCCESS)
 			return rc;
-		if (attrset_add_int32(params, key.c_str(), number) != 0)
-			throw std::bad_alloc();
-		return KEL_SUCCESS;
+		return attrset_add_int32(params, key.c_str(), number) == 0 ? KEL_SUCCESS : KEL_E_NOMEM;
 	}
-	add_string(params, key.c_str(), piece.c_str());
-	return KEL_SUCCESS;
+	return add_string(params, key.c_str(), piece.c_str());
 }
 
 int build_clause(const char *filter, std::string *clause, SetPtr *params, const char *t1,
@@ -191,8 +191,11 @@ int build_clause(const char *filter, std::string *clause, SetPtr *params, const 
 			    std::to_string(n) + " ";
 			if (like) {
 				*clause += std::string("OR ") + column + " LIKE ?" + std::to_string(n + 1) + " ";
-				add_string(params->get(), std::to_string(n).c_str(), ("%" + piece + ",%").c_str());
-				add_string(params->get(), std::to_string(n + 1).c_str(), ("%" + piece).c_str());
+				if ((rc = add_string(params->get(), std::to_string(n).c_str(), ("%" + piece + ",%").c_str())) !=
+				        KEL_SUCCESS ||
+				    (rc = add_string(params->get(), std::to_string(n + 1).c_str(), ("%" + piece).c_str())) !=
+				        KEL_SUCCESS)
+					return rc;
 				n += 2;
 			} else {
 				if ((rc = add_param(params->get(), n, piece, entry->efe_coltype)) != KEL_SUCCESS)
@@ -293,13 +296,14 @@ int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_
 	if (size > 0)
 		clause[0] = '\0';
 	try {
-		SetPtr values = new_set(ATTRSET_UNIQUE_NAME);
+		SetPtr values;
+		int rc = new_set(ATTRSET_UNIQUE_NAME, &values);
+		if (rc != KEL_SUCCESS)
+			return rc;
 		std::string text;
-		if (filter != nullptr && *filter != '\0') {
-			int rc = build_clause(filter, &text, &values, table1, table2);
-			if (rc != KEL_SUCCESS)
-				return rc;
-		}
+		if (filter != nullptr && *filter != '\0' &&
+		    (rc = build_clause(filter, &text, &values, table1, table2)) != KEL_SUCCESS)
+			return rc;
 		if (text.size() >= size)
 			return KEL_E_NOSPACE;
 		std::memcpy(clause, text.c_str(), text.size() + 1);
@@ -377,28 +381,35 @@ boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op
 	if (op == nullptr)
 		op = "=";
 	try {
-		SetPtr params = new_set(ATTRSET_UNIQUE_NAME);
+		SetPtr params;
+		if (new_set(ATTRSET_UNIQUE_NAME, &params) != KEL_SUCCESS)
+			return B_FALSE;
 		std::string clause;
+		// Nothing leaves between va_start and va_end: a failure, or memory running out
+		// while the clause grows, ends the loop and is looked at after.
+		int rc = KEL_SUCCESS;
 		va_list ap;
 		va_start(ap, count);
-		for (int i = 0; i < count; i++) {
-			const char *column = va_arg(ap, const char *);
-			const auto type = static_cast<data_type_t>(va_arg(ap, int));
-			const int n = KEL_FILTER_FIRST_PARAM + i;
-			clause += std::string(" ") + (i == 0 ? "WHERE" : conj) + " " + column + " " + op +
-			    " ?" + std::to_string(n);
-			const std::string key = std::to_string(n);
-			if (type == DATA_TYPE_INT32) {
-				if (attrset_add_int32(params.get(), key.c_str(), va_arg(ap, int)) != 0)
-					throw std::bad_alloc();
-			} else {
-				KEL_ASSERT(kel::kAreaCore, type == DATA_TYPE_STRING);
-				const char *value = va_arg(ap, const char *);
-				add_string(params.get(), key.c_str(), value != nullptr ? value : "");
+		try {
+			for (int i = 0; i < count && rc == KEL_SUCCESS; i++) {
+				const char *column = va_arg(ap, const char *);
+				const auto type = static_cast<data_type_t>(va_arg(ap, int));
+				const std::string key = std::to_string(KEL_FILTER_FIRST_PARAM + i);
+				if (type == DATA_TYPE_INT32) {
+					if (attrset_add_int32(params.get(), key.c_str(), va_arg(ap, int)) != 0)
+						rc = KEL_E_NOMEM;
+				} else {
+					KEL_ASSERT(kel::kAreaCore, type == DATA_TYPE_STRING);
+					const char *value = va_arg(ap, const char *);
+					rc = add_string(params.get(), key.c_str(), value != nullptr ? value : "");
+				}
+				clause += std::string(" ") + (i == 0 ? "WHERE" : conj) + " " + column + " " + op + " ?" + key;
 			}
+		} catch (const std::bad_alloc &) {
+			rc = KEL_E_NOMEM;
 		}
 		va_end(ap);
-		if (clause.size() >= KEL_FILTER_CLAUSE_LEN)
+		if (rc != KEL_SUCCESS || clause.size() >= KEL_FILTER_CLAUSE_LEN)
 			return B_FALSE;
 		kel::Statement st;
 		if (st.prepare(h->edh_db, kel::SqlText("SELECT * FROM %s %s", table, clause.c_str()),

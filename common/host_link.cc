@@ -1,5 +1,6 @@
 #include "host_link.h"
 
+#include "error_code.h"
 #include "harl.h"
 
 namespace kel {
@@ -15,7 +16,7 @@ int HostLink::open(kel_dbhandle_t h, const char *host, const char *vnic)
 	if (int rc = kel_nuq_connection_to_kelnode(h, host, &conn_); rc != KEL_SUCCESS)
 		return rc;
 	if (int r = harl_Datalink__nuq_lookup(conn_, 1, &link_, 1, "name", vnic); r != 0)
-		return (r << 8) | KEL_E_NUQ;
+		return kel::compose_error(r, KEL_E_NUQ);
 	return KEL_SUCCESS;
 }
 

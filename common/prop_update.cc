@@ -11,6 +11,7 @@
 #include "allocator.h"
 #include "attrset_ptr.h"
 #include "c_boundary.h"
+#include "error_code.h"
 #include "filter.h"
 #include "names.h"
 #include "host_link.h"
@@ -370,9 +371,9 @@ int kel_host_set_one_linkprop(nuq_instance_t *link, attrset_t *kelprops, attrset
 		r = kel_set_allowed_ips(link, kelprops, vportprops, name, value, kLinkFlags, &err);
 	int rc = KEL_SUCCESS;
 	if (r == 1)
-		rc = ((err != nullptr ? err->dde_err : 0) << 8) | KEL_E_WEXO;
+		rc = kel::compose_error(err != nullptr ? err->dde_err : 0, KEL_E_WEXO);
 	else if (r != 0)
-		rc = (r << 8) | KEL_E_NUQ;
+		rc = kel::compose_error(r, KEL_E_NUQ);
 	harl_DatalinkError_free(err);
 	return rc;
 }

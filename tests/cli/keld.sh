@@ -10,6 +10,8 @@ sock=$root/run/kel/keld.sock
 
 "$keld" &
 pid=$!
+# Whatever happens below, the daemon does not outlive the scenario.
+trap 'kill "$pid" 2>/dev/null; wait "$pid" 2>/dev/null; rm -rf "$root"' EXIT
 for _ in $(seq 100); do [ -S "$sock" ] && break; sleep 0.05; done
 check "the socket appears" test -S "$sock"
 check "the pid file names the daemon" bash -c "[ \"\$(cat '$root/run/kel/keld.pid')\" = $pid ]"

@@ -251,7 +251,6 @@ TEST_F(StoreLockTest, FailedLockLeavesTheDepthAlone)
 
 TEST_F(StoreLockTest, UnbalancedUnlockIsAProgrammingError)
 {
-	GTEST_FLAG_SET(death_test_style, "threadsafe");
 	kel_dbhandle_t h = open(SQLITE_OPEN_READWRITE);
 	EXPECT_DEATH(kel_unlock(h), "edh->edh_cnt > 0, file common/libkel_util");
 	const int fd = h->edh_fd;
