@@ -16,6 +16,7 @@
 #include "range.h"
 #include "records.h"
 #include "sql.h"
+#include "names.h"
 
 const uint8_t vport_def_prefix[3] = {0x02, 0x08, 0x20};
 
@@ -63,9 +64,7 @@ int free_id(kel_dbhandle_t h, const IdPool &pool, int id)
 // "ipnet=<uuid>": selects the ipnet by its own key.
 std::string ipnet_filter(const uuid_t uu)
 {
-	char text[37];
-	uuid_unparse(uu, text);
-	return std::string("ipnet=") + text;
+	return "ipnet=" + kel::uuid_text(uu);
 }
 
 int kel_filter(const char *tenant, const char *kel, char (&filter)[kFilterLen])

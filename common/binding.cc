@@ -20,13 +20,6 @@ namespace {
 constexpr const char *kMigrating = "kel:migrating_to";
 constexpr const char *kDefaultProtection = "mac-nospoof,ip-nospoof";
 
-std::string uuid_text(const uuid_t uu)
-{
-	char text[kUuidTextLen];
-	uuid_unparse(uu, text);
-	return text;
-}
-
 // Writes the port's properties, keyed by its UUID: the one row, whatever filter found it.
 int write_props(kel_dbhandle_t h, kel_vport_t *vp)
 {
@@ -34,7 +27,7 @@ int write_props(kel_dbhandle_t h, kel_vport_t *vp)
 	int rc = kel_attrset2str(vp->evp_props, &text);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	const std::string filter = "vport=" + uuid_text(vp->evp_uuid);
+	const std::string filter = "vport=" + kel::uuid_text(vp->evp_uuid);
 	rc = kel_db_set_filtered_value(h, "vport_tbl", "vport_props", filter.c_str(), text, DATA_TYPE_STRING);
 	std::free(text);
 	return rc;
@@ -102,7 +95,7 @@ int existing_binding(kel_dbhandle_t h, const char *tenant, const char *vnic, con
     kel_t **found)
 {
 	*found = nullptr;
-	char filter[1024];
+	char filter[KEL_FILTER_LEN];
 	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "vnic", vnic,
 	    "host", host);
 	list_t list;
@@ -188,7 +181,7 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 	// Both go into a filter: a comma in either would add an alternative to it.
 	if (!kel_valid_zonevnicname(vnic) || !valid_hostname(host))
 		return KEL_E_INVALID_ARGS;
-	char filter[1024];
+	char filter[KEL_FILTER_LEN];
 	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "host", host, "vnic", vnic);
 	if (rc != KEL_SUCCESS)
 		return rc;
@@ -249,7 +242,7 @@ int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *
 		rc = write_props(h, vp);
 	// The old host letting go hands the port to the destination.
 	if (rc == KEL_SUCCESS && std::strcmp(vp->evp_hostname, host) == 0) {
-		const std::string filter = "vport=" + uuid_text(vp->evp_uuid);
+		const std::string filter = "vport=" + kel::uuid_text(vp->evp_uuid);
 		rc = kel_db_set_filtered_value(h, "vport_tbl", "vport_hostname", filter.c_str(), destination,
 		    DATA_TYPE_STRING);
 	}

@@ -144,7 +144,7 @@ int list_ctrlprops(kel_dbhandle_t h, const char *propnames, const char *host, li
 		rc = kel_db_get_filtered_common(h, "ctrl_tbl", nullptr, nullptr, nullptr, filter.c_str(),
 		    list, kel_dbrow2cproplist);
 	if (rc == KEL_SUCCESS && uuid) {
-		char value[37];
+		char value[KEL_UUID_TEXT_LEN];
 		rc = kel_tog_get_one_value(KEL_CONTROLLER_FMRI, "config", "uuid", VUR_TYPE_ASTRING, value,
 		    sizeof(value));
 		auto *rec = static_cast<kel_ctrlprop_t *>(std::calloc(1, sizeof(kel_ctrlprop_t)));

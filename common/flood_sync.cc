@@ -37,7 +37,7 @@ int read_kel(kel_dbhandle_t h, const char *tenant, const char *kelname, KelHosts
 	if (rc != KEL_SUCCESS && rc != KEL_E_NOTFOUND)
 		return rc;
 	const bool group = rc == KEL_SUCCESS && mgroup[0] != '\0' && !kel_address_unspecified(mgroup);
-	char filter[1024];
+	char filter[KEL_FILTER_LEN];
 	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", kelname)) !=
 	    KEL_SUCCESS)
 		return rc;
@@ -124,7 +124,7 @@ int kel_sync_vxlan_flood(kel_dbhandle_t h, const char *tenant, const char *kelna
 	if (h == nullptr || kelname == nullptr || !kel_valid_name(kelname) ||
 	    (tenant != nullptr && !kel_valid_name(tenant)))
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return sync(h, tenant != nullptr ? tenant : "sys-global", kelname); });
+	return kel::c_boundary([&] { return sync(h, tenant != nullptr ? tenant : KEL_DEFAULT_TENANT, kelname); });
 }
 
 }  // extern "C"

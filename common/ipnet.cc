@@ -130,9 +130,9 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
-	char uuidtext[kUuidTextLen];
+	char uuidtext[KEL_UUID_TEXT_LEN];
 	kel_take_uuid(set.get(), uuidtext);
-	char derived[kUuidTextLen];
+	char derived[KEL_UUID_TEXT_LEN];
 	if (name == nullptr) {
 		kel_uuidstr2name(uuidtext, derived, sizeof(derived));
 		name = derived;
@@ -146,8 +146,8 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	    (rc = kel_db_get_filtered_kellist(h, filter, &kels, 0)) != KEL_SUCCESS)
 		return rc;
 	auto *kel = static_cast<kel_t *>(list_head(&kels));
-	char keluuid[kUuidTextLen];
-	uuid_unparse(kel->kel_uuid, keluuid);
+	char keluuid[KEL_UUID_TEXT_LEN];
+	uuid_unparse_lower(kel->kel_uuid, keluuid);
 	const bool has_one = !list_is_empty(&kel->kel_ipnets);
 	kel_free_kellist(&kels);
 	if (has_one)
@@ -192,8 +192,8 @@ int remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, cons
 	if ((rc = kel_db_get_filtered_ipnetlist(h, filter, &nets, 0)) != KEL_SUCCESS)
 		return rc;
 	auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets));
-	char ipuuid[kUuidTextLen];
-	uuid_unparse(ip->ei_uuid, ipuuid);
+	char ipuuid[KEL_UUID_TEXT_LEN];
+	uuid_unparse_lower(ip->ei_uuid, ipuuid);
 	kel_free_ipnetlist(&nets);
 
 	list_t kels;

@@ -97,20 +97,20 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	if (name != nullptr && !valid_object_name(name, flags))
 		return KEL_E_INVALID_NAME;
 	if (tenant == nullptr)
-		tenant = kDefaultTenant;
+		tenant = KEL_DEFAULT_TENANT;
 	else if (!kel_valid_name(tenant))
 		return KEL_E_INVALID_NAME;
 	SetPtr set;
 	int rc = parse_props(props, KEL_PROPTYPE_KEL, &set);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	char uuidtext[kUuidTextLen];
+	char uuidtext[KEL_UUID_TEXT_LEN];
 	kel_take_uuid(set.get(), uuidtext);
 
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
-	char derived[kUuidTextLen];
+	char derived[KEL_UUID_TEXT_LEN];
 	if (name == nullptr) {
 		kel_uuidstr2name(uuidtext, derived, sizeof(derived));
 		name = derived;
@@ -180,7 +180,7 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	if (!kel_valid_name(name))
 		return KEL_E_INVALID_NAME;
 	if (tenant == nullptr)
-		tenant = kDefaultTenant;
+		tenant = KEL_DEFAULT_TENANT;
 	char filter[kFilterLen];
 	int rc = kel::names_filter(filter, tenant, name);
 	if (rc != KEL_SUCCESS)
@@ -196,8 +196,8 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	     vp = static_cast<kel_vport_t *>(list_next(&kel->kel_ports, vp)))
 		if (vp->evp_status == VPORT_STATUS_USED)
 			rc = KEL_E_VPORT_INUSE;
-	char keluuid[kUuidTextLen];
-	uuid_unparse(kel->kel_uuid, keluuid);
+	char keluuid[KEL_UUID_TEXT_LEN];
+	uuid_unparse_lower(kel->kel_uuid, keluuid);
 	kel::Transaction tx(h->edh_db);
 	if (rc == KEL_SUCCESS)
 		rc = tx.begin();
@@ -208,8 +208,8 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&kel->kel_ipnets));
 	     rc == KEL_SUCCESS && ip != nullptr;
 	     ip = static_cast<kel_ipnet_t *>(list_next(&kel->kel_ipnets, ip))) {
-		char ipuuid[kUuidTextLen];
-		uuid_unparse(ip->ei_uuid, ipuuid);
+		char ipuuid[KEL_UUID_TEXT_LEN];
+		uuid_unparse_lower(ip->ei_uuid, ipuuid);
 		rc = kel::exec(h->edh_db, "DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {ipuuid});
 	}
 	// The give-back is an UPDATE inside the transaction: a rollback undoes it too.

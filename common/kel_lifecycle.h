@@ -3,7 +3,6 @@
 
 #include "libkel.h"
 
-inline constexpr const char *kDefaultTenant = "sys-global";
 
 void kel_str2ntype(const char *str, kel_l2ntype_t *type);
 // The controller's "l2-type" text into buf and its type; KEL_E_INVALID_L2TYPE when it

@@ -163,6 +163,9 @@ typedef enum {
 /* Records. Each is one heap block owned by the caller; its property set, its owned
  * strings and the records on its lists belong to it. */
 #define KEL_NAME_LEN		128
+#define KEL_UUID_TEXT_LEN	37	/* a UUID's text, lower case, and its terminator */
+#define KEL_FILTER_LEN		1024	/* room for a filter text such as "tenant=t,kel=k" */
+#define KEL_DEFAULT_TENANT	"sys-global"	/* the tenant of objects given without one */
 #define KEL_VNICNAME_LEN	96
 #define KEL_HOSTNAME_LEN	1025
 #define KEL_SUBNET_LEN		50

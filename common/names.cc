@@ -44,7 +44,7 @@ void copy_name(char *out, const char *name)
 boolean_t kel_valid_uuidstr(const char *text)
 {
 	uuid_t uu;
-	if (text == nullptr || std::strlen(text) >= kUuidTextLen)
+	if (text == nullptr || std::strlen(text) >= KEL_UUID_TEXT_LEN)
 		return B_FALSE;
 	return uuid_parse(text, uu) == 0 ? B_TRUE : B_FALSE;
 }
@@ -94,22 +94,22 @@ void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size)
 	KEL_ASSERT(kel::kAreaUtil, size >= UUID_PRINTABLE_STRING_LENGTH - 4);
 	std::memset(buf, 0, size);
 	size_t n = 0;
-	for (size_t i = 0; uuidtext[i] != '\0' && i < kUuidTextLen - 1; i++)
+	for (size_t i = 0; uuidtext[i] != '\0' && i < KEL_UUID_TEXT_LEN - 1; i++)
 		if (uuidtext[i] != '-')
 			buf[n++] = uuidtext[i];
 }
 
-void kel_take_uuid(attrset_t *props, char (&text)[kUuidTextLen])
+void kel_take_uuid(attrset_t *props, char (&text)[KEL_UUID_TEXT_LEN])
 {
 	char *given = nullptr;
 	if (attrset_lookup_string(props, "uuid", &given) == 0) {
-		kel::copy_text(text, given, kUuidTextLen);
+		kel::copy_text(text, given, KEL_UUID_TEXT_LEN);
 		(void)attrset_remove(props, "uuid", DATA_TYPE_STRING);
 		return;
 	}
 	uuid_t uu;
 	uuid_generate_time(uu);
-	uuid_unparse(uu, text);
+	uuid_unparse_lower(uu, text);
 }
 
 boolean_t kel_valid_zonevnicname(const char *text)
@@ -191,3 +191,10 @@ boolean_t kel_valid_address(const char *text)
 }
 
 }  // extern "C"
+
+std::string kel::uuid_text(const uuid_t uu)
+{
+	char text[KEL_UUID_TEXT_LEN];
+	uuid_unparse_lower(uu, text);
+	return text;
+}

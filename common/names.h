@@ -5,9 +5,8 @@
 
 // Room for a name, the terminator included; names have at most 127 characters.
 inline constexpr unsigned kKelNameLen = 128;
-// A UUID text and its terminator.
-inline constexpr unsigned kUuidTextLen = 37;
-#define UUID_PRINTABLE_STRING_LENGTH 37
+// The size KEL_UUID_TEXT_LEN under the name the UUID-to-name assertion is written with.
+#define UUID_PRINTABLE_STRING_LENGTH KEL_UUID_TEXT_LEN
 
 boolean_t kel_valid_uuidstr(const char *text);
 boolean_t kel_valid_hrname(const char *text);
@@ -16,7 +15,10 @@ boolean_t kel_parse_name_common(const char *text, char *kelname, char *member);
 void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size);
 boolean_t kel_valid_zonevnicname(const char *text);
 
+#include <uuid/uuid.h>
+
 #include <initializer_list>
+#include <string>
 
 namespace kel {
 
@@ -30,8 +32,11 @@ inline bool names_valid(std::initializer_list<const char *> names)
 	return true;
 }
 
+// A UUID's text, lower case: the one spelling the store holds and SQL "=" compares.
+std::string uuid_text(const uuid_t uu);
+
 }  // namespace kel
 
 // An object's UUID text at creation: the "uuid" property given (and removed from
 // `props`), or a new time-based UUID.
-void kel_take_uuid(attrset_t *props, char (&text)[kUuidTextLen]);
+void kel_take_uuid(attrset_t *props, char (&text)[KEL_UUID_TEXT_LEN]);

@@ -44,7 +44,7 @@ ObjectFacts facts(void *object, kel_proptype_t type)
 }
 
 // The object's value of `name` (the catalogue's spelling, matched exactly), or NULL.
-const char *current(const ObjectFacts &obj, const char *name, char (&uuid)[37])
+const char *current(const ObjectFacts &obj, const char *name, char (&uuid)[KEL_UUID_TEXT_LEN])
 {
 	if (obj.kel != nullptr && std::strcmp(name, "kel") == 0)
 		return obj.kel;
@@ -117,7 +117,7 @@ int kel_build_proplist(void *object, list_t *list, const kel_prop_desc_t *desc, 
 	if (rec == nullptr)
 		return KEL_E_NOMEM;
 	kel::copy_text(rec->ep_propname, desc->ep_pname, sizeof(rec->ep_propname));
-	char uuid[37];
+	char uuid[KEL_UUID_TEXT_LEN];
 	if (const char *value = current(obj, desc->ep_pname, uuid); value != nullptr) {
 		if ((rec->ep_current = strdup(value)) == nullptr) {
 			kel_free_prop(rec);

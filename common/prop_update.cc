@@ -38,13 +38,6 @@ std::optional<std::string> lookup(attrset_t *set, const char *name)
 	return std::string(value);
 }
 
-std::string uuid_text(const uuid_t u)
-{
-	char text[37];
-	uuid_unparse_lower(u, text);
-	return text;
-}
-
 // The one "name=value" of an update, read and checked as every update begins.
 struct OneProp {
 	kel::AttrSetPtr set;
@@ -108,7 +101,7 @@ int store_props(kel_dbhandle_t h, attrset_t **set, const char *name, const char 
 		return rc;
 	TextPtr text(raw, std::free);
 	return kel::exec(h->edh_db, kel::SqlText("UPDATE %s set %s = ? WHERE %s = ?", table, column, key),
-	    {text.get(), uuid_text(uuid)});
+	    {text.get(), kel::uuid_text(uuid)});
 }
 
 // A range-set operation with a new result text: KEL_SUCCESS and *out, or its error.
@@ -274,7 +267,7 @@ int kel_db_validate_newpool(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *ne
 	*newavail = nullptr;
 	const int type = kel_ipnet_rangetype(ipnet->ei_af);
 	const std::string pool = lookup(ipnet->ei_props, "pool").value_or("");
-	const std::string filter = "ipnet=" + uuid_text(ipnet->ei_uuid);
+	const std::string filter = "ipnet=" + kel::uuid_text(ipnet->ei_uuid);
 	char *avail_raw = nullptr;
 	int rc = kel_db_get_filtered_value(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(),
 	    &avail_raw, -1, DATA_TYPE_STRING);
@@ -290,7 +283,7 @@ int kel_db_validate_newpool(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *ne
 		return rc;
 	// Addresses given to ports explicitly, outside the old pool, stay theirs.
 	list_t ports;
-	const std::string by_kel = "kel=" + uuid_text(ipnet->ei_keluuid);
+	const std::string by_kel = "kel=" + kel::uuid_text(ipnet->ei_keluuid);
 	rc = kel_db_get_filtered_vportlist(h, by_kel.c_str(), &ports, 0);
 	if (rc == KEL_E_VPORT_NOTFOUND) {
 		*newavail = result.release();
@@ -350,7 +343,7 @@ int kel_db_set_one_ipnetprop(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *n
 	// Both columns in one statement: the pool and what is left of it never disagree.
 	return kel::exec(h->edh_db,
 	    "UPDATE ipnet_tbl set ipnet_props = ?, ipnet_avail_pool_range = ? WHERE ipnet_uuid = ?",
-	    {text.get(), avail.get(), uuid_text(ipnet->ei_uuid)});
+	    {text.get(), avail.get(), kel::uuid_text(ipnet->ei_uuid)});
 }
 
 int kel_host_set_one_linkprop(nuq_instance_t *link, attrset_t *kelprops, attrset_t *vportprops,

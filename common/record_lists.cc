@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr const char *kDefaultTenant = "sys-global";
 constexpr size_t kFilterLen = 1024;
 
 // Builds one switch list over kel_tbl joined with `table2`.
@@ -37,7 +36,7 @@ int kel_not_found(kel_dbhandle_t h, const char *filter)
 	(void)attrset_lookup_string(set, "tenant", &tenant);
 	int rc = KEL_E_KEL_NOTFOUND;
 	if (kel != nullptr && vport != nullptr)
-		rc = kel_db_kel_exists(h, tenant != nullptr ? tenant : kDefaultTenant, kel)
+		rc = kel_db_kel_exists(h, tenant != nullptr ? tenant : KEL_DEFAULT_TENANT, kel)
 		    ? KEL_E_VPORT_NOTFOUND : KEL_E_KEL_NOTFOUND;
 	else if (vport != nullptr)
 		rc = KEL_E_VPORT_NOTFOUND;

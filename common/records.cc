@@ -31,7 +31,7 @@ void copy_text(char *dst, size_t size, sqlite3_stmt *stmt, int col)
 // UUID columns are cut to a UUID text's size before parsing.
 bool read_uuid(sqlite3_stmt *stmt, int col, uuid_t out)
 {
-	char text[kUuidTextLen];
+	char text[KEL_UUID_TEXT_LEN];
 	copy_text(text, sizeof(text), stmt, col);
 	return uuid_parse(text, out) == 0;
 }

@@ -87,8 +87,8 @@ int kel_db_upgrade_v2(kel_dbhandle_t h)
 		if (rc == KEL_SUCCESS)
 			rc = kel_attrset2str(ip->ei_props, &props);
 		if (rc == KEL_SUCCESS) {
-			char uu[37];
-			uuid_unparse(ip->ei_uuid, uu);
+			char uu[KEL_UUID_TEXT_LEN];
+			uuid_unparse_lower(ip->ei_uuid, uu);
 			const std::string filter = std::string("ipnet=") + uu;
 			rc = kel_db_set_filtered_value(h, "ipnet_tbl", "ipnet_props", filter.c_str(), props,
 			    DATA_TYPE_STRING);

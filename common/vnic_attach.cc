@@ -58,7 +58,7 @@ int lookup_kel(nuq_conn_t *conn, const char *tenant, const char *kelname, Instan
 {
 	nuq_instance_t *raw = nullptr;
 	const int r = kelcntl_KEL__nuq_lookup(conn, 0, &raw, 2, "name", kelname, "tenant",
-	    tenant != nullptr ? tenant : kDefaultTenant);
+	    tenant != nullptr ? tenant : KEL_DEFAULT_TENANT);
 	inst->reset(raw);
 	return r == NUQ_E_SUCCESS ? KEL_SUCCESS : nuq_error(r);
 }

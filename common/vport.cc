@@ -106,7 +106,7 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 		return rc;
 	if ((rc = kel_check_prop(set.get(), KEL_PROPTYPE_VPORT)) != KEL_SUCCESS)
 		return rc;
-	char given_addr[46], given_mac[18], uuidtext[kUuidTextLen];
+	char given_addr[46], given_mac[18], uuidtext[KEL_UUID_TEXT_LEN];
 	take(set.get(), "ipaddr", given_addr, sizeof(given_addr), "auto");
 	take(set.get(), "macaddr", given_mac, sizeof(given_mac), "auto");
 	kel_take_uuid(set.get(), uuidtext);
@@ -121,7 +121,7 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 		return rc;
 	if (!kel_db_kel_exists(h, tenant, kel))
 		return KEL_E_KEL_NOTFOUND;
-	char derived[kUuidTextLen];
+	char derived[KEL_UUID_TEXT_LEN];
 	if (name == nullptr) {
 		kel_uuidstr2name(uuidtext, derived, sizeof(derived));
 		name = derived;
@@ -151,8 +151,8 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 			rc = KEL_E_NOMEM;
 		if (rc == KEL_SUCCESS) {
 			// The network names its switch: reading the switch itself would read all its ports.
-			char keluuid[kUuidTextLen];
-			uuid_unparse(ip->ei_keluuid, keluuid);
+			char keluuid[KEL_UUID_TEXT_LEN];
+			uuid_unparse_lower(ip->ei_keluuid, keluuid);
 			if ((rc = pick_mac(h, mac_given ? &given : nullptr, mac)) == KEL_SUCCESS &&
 			    (rc = attrset_add_string(set.get(), "macaddr", mac) == 0 ? KEL_SUCCESS : KEL_E_NOMEM) ==
 			        KEL_SUCCESS &&
@@ -224,8 +224,8 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 			addr = std::string(ipaddr).substr(0, std::string(ipaddr).find('/'));
 		list_t nets;
 		char filter[kFilterLen];
-		char vpuuid[kUuidTextLen];
-		uuid_unparse(vp->evp_uuid, vpuuid);
+		char vpuuid[KEL_UUID_TEXT_LEN];
+		uuid_unparse_lower(vp->evp_uuid, vpuuid);
 		kel::Transaction tx(h->edh_db);
 		rc = tx.begin();
 		if (rc == KEL_SUCCESS && !addr.empty() &&
@@ -310,9 +310,9 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 	int rc = kel_attrset2str(vport->evp_props, &text);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	char vpuuid[kUuidTextLen], keluuid[kUuidTextLen];
-	uuid_unparse(vport->evp_uuid, vpuuid);
-	uuid_unparse(vport->evp_keluuid, keluuid);
+	char vpuuid[KEL_UUID_TEXT_LEN], keluuid[KEL_UUID_TEXT_LEN];
+	uuid_unparse_lower(vport->evp_uuid, vpuuid);
+	uuid_unparse_lower(vport->evp_keluuid, keluuid);
 	rc = kel::exec(h->edh_db,
 	    "UPDATE vport_tbl set vport_status = ?, vport_vnicname = ?, vport_hostname = ?, "
 	    "vport_props = ? WHERE vport_uuid = ? AND vport_keluuid = ?",

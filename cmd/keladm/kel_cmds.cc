@@ -116,8 +116,8 @@ int show_kel(std::span<char *> args)
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list kels", rc);
 	for (auto *k = static_cast<kel_t *>(list_head(&list)); k; k = static_cast<kel_t *>(list_next(&list, k))) {
-		char uu[37];
-		uuid_unparse(k->kel_uuid, uu);
+		char uu[KEL_UUID_TEXT_LEN];
+		uuid_unparse_lower(k->kel_uuid, uu);
 		std::string vports;
 		for (auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports)); vp;
 		     vp = static_cast<kel_vport_t *>(list_next(&k->kel_ports, vp)))

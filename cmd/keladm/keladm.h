@@ -14,7 +14,6 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 
-inline constexpr const char *kDefaultTenant = "sys-global";
 
 struct Subcommand {
 	const char *name;
@@ -35,7 +34,7 @@ int usage_error(const Subcommand &cmd, const std::string &problem);
 
 // The options every subcommand may take, as parsed by parse_options.
 struct Options {
-	std::string tenant = kDefaultTenant;
+	std::string tenant = KEL_DEFAULT_TENANT;
 	const char *host = nullptr;	// -h host (controller properties)
 	std::string props;	// -p name=value,... (subcommands that change things)
 	std::string fields;	// -o field,...

@@ -105,7 +105,7 @@ int show_prop(std::span<char *> args, const char *name, const Kind &kind)
 	} else if (!member_selection(cmd, opts, kind.parse, kind.member, kel, member)) {
 		return kExitUsage;
 	}
-	char filter[1024];
+	char filter[KEL_FILTER_LEN];
 	// Pairs with an empty value are left out: no KEL or member selects more.
 	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
 	    kel, kind.noun, member);

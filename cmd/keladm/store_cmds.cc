@@ -17,12 +17,12 @@ int create_store(std::span<char *> args)
 	if (rc != KEL_SUCCESS)
 		return fail("cannot create the configuration store", rc);
 	// A controller needs an identity; a new one gets one, an existing one keeps its own.
-	char uuid[37];
+	char uuid[KEL_UUID_TEXT_LEN];
 	rc = kel_get_controller_togprop("uuid", uuid, sizeof(uuid));
 	if (rc == KEL_E_NOTFOUND) {
 		uuid_t uu;
 		uuid_generate_time(uu);
-		uuid_unparse(uu, uuid);
+		uuid_unparse_lower(uu, uuid);
 		rc = kel_set_controller_togprop("uuid", uuid);
 	}
 	if (rc != KEL_SUCCESS)

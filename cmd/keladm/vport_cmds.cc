@@ -84,7 +84,7 @@ int show_vport(std::span<char *> args)
 	char kel[KEL_NAME_LEN], name[KEL_NAME_LEN];
 	if (!member_selection(cmd, opts, kel_parse_kelvportname, "VPORT", kel, name))
 		return kExitUsage;
-	char filter[1024];
+	char filter[KEL_FILTER_LEN];
 	// Pairs with an empty value are left out: no KEL or VPORT selects more.
 	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
 	    kel, "vport", name);
@@ -103,8 +103,8 @@ int show_vport(std::span<char *> args)
 		return fail("cannot list vports", rc);
 	for (auto *vp = static_cast<kel_vport_t *>(list_head(&list)); vp;
 	     vp = static_cast<kel_vport_t *>(list_next(&list, vp))) {
-		char uuid[37];
-		uuid_unparse(vp->evp_uuid, uuid);
+		char uuid[KEL_UUID_TEXT_LEN];
+		uuid_unparse_lower(vp->evp_uuid, uuid);
 		out.add({vp->evp_name, vp->evp_kelname, vp->evp_tenantname,
 		    vp->evp_status == VPORT_STATUS_USED ? "bound" : "free", vp->evp_hostname,
 		    vp->evp_vnicname, prop(vp->evp_props, "ipaddr"), prop(vp->evp_props, "macaddr"),

@@ -8,6 +8,7 @@
 
 #include "kelcntl.h"
 #include "libkel.h"
+#include "names.h"
 #include "log.h"
 #include "nuq_errors.h"
 
@@ -16,7 +17,6 @@ namespace {
 
 using nuq::Json;
 
-constexpr const char *kDefaultTenant = "sys-global";
 
 class Store {
 public:
@@ -41,13 +41,6 @@ nuq::Reply kel_error(int rc)
 {
 	char msg[256];
 	return nuq::Reply{NUQ_E_OBJECT, {{"ekele_err", rc}, {"ekele_errmsg", kel_errmsg(rc, msg, sizeof(msg))}}};
-}
-
-std::string uuid_text(const uuid_t u)
-{
-	char text[37];
-	uuid_unparse_lower(u, text);
-	return text;
 }
 
 nuq::Reply bad_args()
@@ -84,8 +77,8 @@ Json props(attrset_t *set)
 
 Json vport_json(kel_vport_t *v)
 {
-	return {{"evpi_name", v->evp_name}, {"evpi_uuid", uuid_text(v->evp_uuid)},
-	    {"evpi_kelname", v->evp_kelname}, {"evpi_keluuid", uuid_text(v->evp_keluuid)},
+	return {{"evpi_name", v->evp_name}, {"evpi_uuid", kel::uuid_text(v->evp_uuid)},
+	    {"evpi_kelname", v->evp_kelname}, {"evpi_keluuid", kel::uuid_text(v->evp_keluuid)},
 	    {"evpi_tenantname", v->evp_tenantname},
 	    {"evpi_status", v->evp_status == VPORT_STATUS_USED ? EVPS_USED : EVPS_FREE},
 	    {"evpi_vnicname", v->evp_vnicname}, {"evpi_props", props(v->evp_props)},
@@ -94,8 +87,8 @@ Json vport_json(kel_vport_t *v)
 
 Json ipnet_json(kel_ipnet_t *n)
 {
-	return {{"eipi_name", n->ei_name}, {"eipi_uuid", uuid_text(n->ei_uuid)},
-	    {"eipi_kelname", n->ei_kelname}, {"eipi_keluuid", uuid_text(n->ei_keluuid)},
+	return {{"eipi_name", n->ei_name}, {"eipi_uuid", kel::uuid_text(n->ei_uuid)},
+	    {"eipi_kelname", n->ei_kelname}, {"eipi_keluuid", kel::uuid_text(n->ei_keluuid)},
 	    {"eipi_tenantname", n->ei_tenantname}, {"eipi_props", props(n->ei_props)},
 	    {"eipi_start", n->ei_sastr}, {"eipi_end", n->ei_eastr},
 	    {"eipi_range", n->ei_availrange != nullptr ? n->ei_availrange : ""},
@@ -114,7 +107,7 @@ Json list_json(list_t *list, ToJson &&to_json)
 
 Json implinfo_json(kel_t *k)
 {
-	const Json kel = {{"ekeli_name", k->kel_name}, {"ekeli_uuid", uuid_text(k->kel_uuid)},
+	const Json kel = {{"ekeli_name", k->kel_name}, {"ekeli_uuid", kel::uuid_text(k->kel_uuid)},
 	    {"ekeli_tenantname", k->kel_tenantname}, {"ekeli_props", props(k->kel_props)},
 	    {"ekeli_status", k->kel_status == KEL_STATUS_BUSY ? EKELS_BUSY : EKELS_IDLE},
 	    {"ekeli_vports", list_json<kel_vport_t>(&k->kel_ports, vport_json)},
@@ -135,7 +128,7 @@ nuq::Interface kel_interface()
 		const std::string *given = nuq::text_member(keys, "tenant");
 		if (name == nullptr || (given == nullptr && (strict || nuq::member(keys, "tenant"))))
 			return false;
-		const std::string tenant = given != nullptr ? *given : kDefaultTenant;
+		const std::string tenant = given != nullptr ? *given : KEL_DEFAULT_TENANT;
 		Store store(KEL_DB_READONLY);
 		if (store.status() != KEL_SUCCESS ||
 		    !kel_db_kel_exists(store.get(), tenant.c_str(), name->c_str()))

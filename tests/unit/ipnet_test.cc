@@ -39,8 +39,8 @@ protected:
 			EXPECT_EQ(ip, nullptr);
 			return "error " + std::to_string(rc);
 		}
-		char uu[37];
-		uuid_unparse(ip->ei_uuid, uu);
+		char uu[KEL_UUID_TEXT_LEN];
+		uuid_unparse_lower(ip->ei_uuid, uu);
 		kel_free_ipnet(ip);
 		return "ok " + value("SELECT ipnet_avail_range || '|' || ipnet_avail_pool_range || '|' "
 		                     "|| ipnet_props FROM ipnet_tbl WHERE ipnet_uuid = ?",

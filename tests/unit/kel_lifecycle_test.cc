@@ -36,8 +36,8 @@ protected:
 			EXPECT_EQ(k, nullptr);
 			return "error " + std::to_string(rc);
 		}
-		char uu[37];
-		uuid_unparse(k->kel_uuid, uu);
+		char uu[KEL_UUID_TEXT_LEN];
+		uuid_unparse_lower(k->kel_uuid, uu);
 		kel_free_kel(k);
 		return "ok " + value("SELECT kel_props FROM kel_tbl WHERE kel_uuid = ?", {uu});
 	}

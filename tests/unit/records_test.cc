@@ -100,8 +100,8 @@ TEST_F(Records, SwitchFieldsAndProperties)
 	ASSERT_EQ(kel_list_count(&list), 1);
 	auto *k = static_cast<kel_t *>(list_head(&list));
 	EXPECT_STREQ(k->kel_tenantname, "t1");
-	char text[37];
-	uuid_unparse(k->kel_uuid, text);
+	char text[KEL_UUID_TEXT_LEN];
+	uuid_unparse_lower(k->kel_uuid, text);
 	EXPECT_EQ(text, uuid(1));
 	char *value = nullptr;
 	ASSERT_EQ(attrset_lookup_string(k->kel_props, "maxbw", &value), 0);
@@ -160,8 +160,8 @@ TEST_F(Records, PortAndNetworkLists)
 	EXPECT_STREQ(n->ei_subnet, "10.0.1.0/24");
 	EXPECT_STREQ(n->ei_sastr, "10.0.1.1");
 	EXPECT_STREQ(n->ei_availrange, "10.0.1.2-10.0.1.254");
-	char text[37];
-	uuid_unparse(n->ei_keluuid, text);
+	char text[KEL_UUID_TEXT_LEN];
+	uuid_unparse_lower(n->ei_keluuid, text);
 	EXPECT_EQ(text, uuid(2));
 	kel_free_ipnetlist(&nets);
 	EXPECT_EQ(kel_db_get_ipnetlist(h_, nullptr, nullptr, "n9", &nets, 0), KEL_E_IPNET_NOTFOUND);
