@@ -108,8 +108,7 @@ int stored_family(sa_family_t af)
 int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *name,
     const char *props, uint32_t flags, kel_ipnet_t **ipnetp)
 {
-	if (name != nullptr &&
-	    (!kel_valid_name(name) || (!(flags & KEL_NAME_DASH_OK) && std::strchr(name, '-'))))
+	if (name != nullptr && !kel::valid_new_name(name, flags))
 		return KEL_E_INVALID_NAME;
 	attrset_t *parsed = nullptr;
 	int rc = kel_str2attrset(props, &parsed, B_TRUE, ATTRSET_UNIQUE_NAME);

@@ -53,11 +53,6 @@ private:
 	int id_ = 0;
 };
 
-bool valid_object_name(const char *name, uint32_t flags)
-{
-	return kel_valid_name(name) && ((flags & KEL_NAME_DASH_OK) || std::strchr(name, '-') == nullptr);
-}
-
 // Parses the caller's properties into a unique-name set (an empty one for none) and
 // checks them against the catalogue for `type`.
 int parse_props(const char *props, kel_proptype_t type, SetPtr *out)
@@ -94,7 +89,7 @@ int take_id(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t type, IdHold *hold)
 int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props,
     uint32_t flags, kel_t **kelp)
 {
-	if (name != nullptr && !valid_object_name(name, flags))
+	if (name != nullptr && !kel::valid_new_name(name, flags))
 		return KEL_E_INVALID_NAME;
 	if (tenant == nullptr)
 		tenant = KEL_DEFAULT_TENANT;

@@ -17,6 +17,7 @@ boolean_t kel_valid_zonevnicname(const char *text);
 
 #include <uuid/uuid.h>
 
+#include <cstring>
 #include <initializer_list>
 #include <string>
 
@@ -30,6 +31,13 @@ inline bool names_valid(std::initializer_list<const char *> names)
 		if (name != nullptr && !kel_valid_name(name))
 			return false;
 	return true;
+}
+
+// Whether `name` may name a new kel, vport or ipnet: a valid name, and without a "-"
+// unless `flags` hold KEL_NAME_DASH_OK ("-" is how the library marks the names it makes).
+inline bool valid_new_name(const char *name, uint32_t flags)
+{
+	return kel_valid_name(name) && ((flags & KEL_NAME_DASH_OK) || std::strchr(name, '-') == nullptr);
 }
 
 // A UUID's text, lower case: the one spelling the store holds and SQL "=" compares.

@@ -53,6 +53,32 @@ struct DropComposed {
 	~DropComposed() { kel_drop_composed(state); }
 };
 
+// Commits one transaction on the group st->ess_pg, whose entries `fill` adds (false
+// when it cannot). A commit answering 0 means the group changed since the transaction
+// started: take the new state and try again, for as long as that happens. *fill_error
+// is the facility's error when `fill` failed, else 0.
+template <class Fill>
+int commit_until_current(kel_vur_state_t *st, Fill &&fill, int *fill_error)
+{
+	for (;;) {
+		int result = -1;
+		*fill_error = 0;
+		if (vur_transaction_start(st->ess_trans, st->ess_pg) == 0) {
+			if (fill())
+				result = vur_transaction_commit(st->ess_trans);
+			else
+				*fill_error = vur_error();
+		}
+		const int err = vur_error();
+		vur_transaction_reset(st->ess_trans);
+		if (result == 1)
+			return KEL_SUCCESS;
+		if (result == 0 && vur_pg_update(st->ess_pg) == 0)
+			continue;
+		return kel::compose_error(result == 0 ? vur_error() : err, KEL_E_VUR);
+	}
+}
+
 int set_existing_or_new(kel_vur_state_t *st, const char *pgname, const char *pname,
     vur_type_t type, const char *value)
 {
@@ -69,24 +95,12 @@ int set_existing_or_new(kel_vur_state_t *st, const char *pgname, const char *pna
 	if (filled != 0) {
 		rc = vur_failure();
 	} else {
-		// A commit answering 0 means the group changed since the transaction started:
-		// take the new state and try again, for as long as that happens.
-		for (;;) {
-			int result = -1;
-			if (vur_transaction_start(st->ess_trans, st->ess_pg) == 0 &&
-			    (vur_transaction_property_new(st->ess_trans, st->ess_tent, pname, type) == 0 ||
-			        vur_transaction_property_change(st->ess_trans, st->ess_tent, pname, type) == 0) &&
-			    vur_entry_add_value(st->ess_tent, val.get()) == 0)
-				result = vur_transaction_commit(st->ess_trans);
-			const int err = vur_error();
-			vur_transaction_reset(st->ess_trans);
-			if (result == 1)
-				break;
-			if (result == 0 && vur_pg_update(st->ess_pg) == 0)
-				continue;
-			rc = kel::compose_error(result == 0 ? vur_error() : err, KEL_E_VUR);
-			break;
-		}
+		int ignored;
+		rc = commit_until_current(st, [&] {
+			return (vur_transaction_property_new(st->ess_trans, st->ess_tent, pname, type) == 0 ||
+			           vur_transaction_property_change(st->ess_trans, st->ess_tent, pname, type) == 0) &&
+			    vur_entry_add_value(st->ess_tent, val.get()) == 0;
+		}, &ignored);
 	}
 	// A failed first write leaves no empty group behind.
 	if (rc != KEL_SUCCESS && created)
@@ -98,23 +112,12 @@ int delete_property(kel_vur_state_t *st, const char *pgname, const char *pname)
 {
 	if (vur_instance_get_pg(st->ess_inst, pgname, st->ess_pg) != 0)
 		return vur_error() == VUR_ERROR_NOT_FOUND ? KEL_SUCCESS : vur_failure();
-	for (;;) {
-		if (vur_transaction_start(st->ess_trans, st->ess_pg) != 0)
-			return vur_failure();
-		if (vur_transaction_property_delete(st->ess_trans, st->ess_tent, pname) != 0) {
-			const int err = vur_error();
-			vur_transaction_reset(st->ess_trans);
-			return err == VUR_ERROR_NOT_FOUND ? KEL_SUCCESS : kel::compose_error(err, KEL_E_VUR);
-		}
-		const int result = vur_transaction_commit(st->ess_trans);
-		const int err = vur_error();
-		vur_transaction_reset(st->ess_trans);
-		if (result == 1)
-			return KEL_SUCCESS;
-		if (result == 0 && vur_pg_update(st->ess_pg) == 0)
-			continue;
-		return kel::compose_error(result == 0 ? vur_error() : err, KEL_E_VUR);
-	}
+	int fill_error = 0;
+	const int rc = commit_until_current(st, [&] {
+		return vur_transaction_property_delete(st->ess_trans, st->ess_tent, pname) == 0;
+	}, &fill_error);
+	// A property that is not there is deleted already.
+	return fill_error == VUR_ERROR_NOT_FOUND ? KEL_SUCCESS : rc;
 }
 
 kel_togprop_t *new_togprop(const kel_tog_pdesc_t *row, const char *name, const char *value)

@@ -97,8 +97,7 @@ int draw_address(kel_dbhandle_t h, const kel_ipnet_t *ip, const char *given, cha
 int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
     const char *props, kel_vport_t **vportp, uint32_t flags)
 {
-	if (name != nullptr &&
-	    (!kel_valid_name(name) || (!(flags & KEL_NAME_DASH_OK) && std::strchr(name, '-'))))
+	if (name != nullptr && !kel::valid_new_name(name, flags))
 		return KEL_E_INVALID_NAME;
 	kel::AttrSetPtr set;
 	int rc = kel::read_props(props, &set);
