@@ -12,6 +12,10 @@ inline constexpr const char *kEtcDir = "/etc/kel";
 inline constexpr const char *kDbFile = "/etc/kel/kel.db";
 inline constexpr const char *kLockFile = "/etc/kel/kel.lock";
 inline constexpr const char *kRunDir = "/run/kel";
+inline constexpr const char *kSocketFile = "/run/kel/keld.sock";	// keld's interfaces
+inline constexpr const char *kPidFile = "/run/kel/keld.pid";	// the running keld
+inline constexpr const char *kLinksDir = "/run/kel/links";	// link locks and kept link properties
+inline constexpr const char *kServiceDir = "/etc/kel/svc";	// service settings, a file per instance
 
 // `absolute` (a path beginning with "/") placed under the configured root.
 std::string under_root(const char *absolute);

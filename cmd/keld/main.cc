@@ -34,8 +34,8 @@ constexpr const char *kUsage =
     "usage: keld            serve this host's interfaces on /run/kel/keld.sock\n"
     "       keld bridge [SOCKET]  relay standard input and output to the socket\n";
 
-std::string socket_path() { return kel::paths::under_root("/run/kel/keld.sock"); }
-std::string pid_path() { return kel::paths::under_root("/run/kel/keld.pid"); }
+std::string socket_path() { return kel::paths::under_root(kel::paths::kSocketFile); }
+std::string pid_path() { return kel::paths::under_root(kel::paths::kPidFile); }
 
 void say(int priority, const std::string &text)
 {

@@ -252,7 +252,7 @@ nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
 		if (nuq_uri_get_scheme(uri) == NUQS_UNIX) {
 			const std::string path = *nuq_uri_get_path(uri) != '\0'
 			    ? std::string(nuq_uri_get_path(uri))
-			    : kel::paths::under_root("/run/kel/keld.sock");
+			    : kel::paths::under_root(kel::paths::kSocketFile);
 			const int fd = connect_unix(path);
 			if (fd == -1)
 				return nullptr;

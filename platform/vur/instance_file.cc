@@ -197,7 +197,7 @@ std::string instance_path(const std::string &fmri)
 			return "";
 	if (instance.find('/') != std::string::npos)
 		return "";
-	return kel::paths::under_root("/etc/kel/svc/") + service + "/" + instance + ".conf";
+	return kel::paths::under_root(kel::paths::kServiceDir) + "/" + service + "/" + instance + ".conf";
 }
 
 int load(const std::string &path, InstanceFile *out)

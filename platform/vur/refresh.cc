@@ -25,7 +25,7 @@ bool is_keld(pid_t pid)
 extern "C" int tog_refresh_instance(const char *fmri)
 {
 	(void)fmri;	// one daemon serves every instance
-	std::ifstream pidfile(kel::paths::under_root("/run/kel/keld.pid"));
+	std::ifstream pidfile(kel::paths::under_root(kel::paths::kPidFile));
 	long pid = 0;
 	if (!(pidfile >> pid) || pid <= 0 || !is_keld(static_cast<pid_t>(pid)))
 		return 0;	// no daemon runs: nothing to refresh

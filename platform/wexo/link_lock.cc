@@ -12,7 +12,7 @@ namespace wexo {
 
 LinkLock::LinkLock(const std::string &link)
 {
-	const std::string dir = kel::paths::under_root("/run/kel/links");
+	const std::string dir = kel::paths::under_root(kel::paths::kLinksDir);
 	if (!kel::paths::make_dirs(dir, 0755))
 		return;
 	fd_ = open((dir + "/" + link + ".lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);

@@ -49,7 +49,7 @@ const char *const kProtections[] = {"mac-nospoof", "ip-nospoof", "dhcp-nospoof",
 
 std::string state_path(const std::string &link)
 {
-	return kel::paths::under_root("/run/kel/links/") + link + ".conf";
+	return kel::paths::under_root(kel::paths::kLinksDir) + "/" + link + ".conf";
 }
 
 Props load(const std::string &link)
