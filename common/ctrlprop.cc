@@ -14,6 +14,7 @@
 #include "service_config.h"
 #include "sql.h"
 #include "text.h"
+#include "schema.h"
 
 const kel_ctrlprop_desc_t kel_ctrlprop_table[] = {
 	{"uri-template", kel_set_uri_template, "ssh://", "rw", 3},
@@ -63,8 +64,8 @@ int kel_dbrow2cprop(sqlite3_stmt *stmt, kel_ctrlprop_t **out)
 	auto *rec = static_cast<kel_ctrlprop_t *>(std::calloc(1, sizeof(kel_ctrlprop_t)));
 	if (rec == nullptr)
 		return KEL_E_NOMEM;
-	const char *name = reinterpret_cast<const char *>(sqlite3_column_text(stmt, 1));
-	const char *host = reinterpret_cast<const char *>(sqlite3_column_text(stmt, 3));
+	const char *name = reinterpret_cast<const char *>(sqlite3_column_text(stmt, kel::schema::kCtrlPname));
+	const char *host = reinterpret_cast<const char *>(sqlite3_column_text(stmt, kel::schema::kCtrlHost));
 	kel::copy_text(rec->ecp_propname, name ? name : "", sizeof(rec->ecp_propname));
 	if (host != nullptr && *host != '\0') {
 		kel::copy_text(rec->ecp_host, host, sizeof(rec->ecp_host));
@@ -76,10 +77,10 @@ int kel_dbrow2cprop(sqlite3_stmt *stmt, kel_ctrlprop_t **out)
 		kel::copy_text(rec->ecp_defvalue, row->ecpd_defvalue, sizeof(rec->ecp_defvalue));
 	}
 	bool ok = true;
-	rec->ecp_propval = dup_column(stmt, 2, &ok);
-	rec->ecp_vlanrange = dup_column(stmt, 4, &ok);
-	rec->ecp_vxlanrange = dup_column(stmt, 5, &ok);
-	rec->ecp_flatrange = dup_column(stmt, 6, &ok);
+	rec->ecp_propval = dup_column(stmt, kel::schema::kCtrlPval, &ok);
+	rec->ecp_vlanrange = dup_column(stmt, kel::schema::kCtrlVlanRange, &ok);
+	rec->ecp_vxlanrange = dup_column(stmt, kel::schema::kCtrlVxlanRange, &ok);
+	rec->ecp_flatrange = dup_column(stmt, kel::schema::kCtrlFlatRange, &ok);
 	if (!ok) {
 		free_ctrlprop(rec);
 		return KEL_E_NOMEM;

@@ -46,9 +46,13 @@ struct SwitchCols {
 	int uuid, name, tenant;
 };
 
-constexpr SwitchCols kSwitchFirst = {0, 1, 2};		// switch lists
-constexpr SwitchCols kBehindPort = {7, 8, 9};		// port lists
-constexpr SwitchCols kBehindIpnet = {9, 10, 11};	// network lists
+using namespace kel::schema;
+
+constexpr SwitchCols kSwitchFirst = {kKelUuid, kKelName, kKelTenant};	// switch lists
+constexpr SwitchCols kBehindPort = {kVportColumns + kKelUuid, kVportColumns + kKelName,
+    kVportColumns + kKelTenant};	// port lists
+constexpr SwitchCols kBehindIpnet = {kIpnetColumns + kKelUuid, kIpnetColumns + kKelName,
+    kIpnetColumns + kKelTenant};	// network lists
 
 template <class T>
 T *zalloc()
@@ -103,13 +107,13 @@ int kel_dbrow2kel(sqlite3_stmt *stmt, kel_t **out)
 		return KEL_E_NOMEM;
 	kel_create_vportlist(&kel->kel_ports);
 	kel_create_ipnetlist(&kel->kel_ipnets);
-	if (!read_uuid(stmt, 0, kel->kel_uuid)) {
+	if (!read_uuid(stmt, kKelUuid, kel->kel_uuid)) {
 		kel_free_kel(kel);
 		return KEL_E_UUID;
 	}
-	copy_text(kel->kel_tenantname, sizeof(kel->kel_tenantname), stmt, 2);
-	copy_text(kel->kel_name, sizeof(kel->kel_name), stmt, 1);
-	if (int rc = read_props(stmt, 4, &kel->kel_props); rc != KEL_SUCCESS) {
+	copy_text(kel->kel_tenantname, sizeof(kel->kel_tenantname), stmt, kKelTenant);
+	copy_text(kel->kel_name, sizeof(kel->kel_name), stmt, kKelName);
+	if (int rc = read_props(stmt, kKelProps, &kel->kel_props); rc != KEL_SUCCESS) {
 		kel_free_kel(kel);
 		return rc;
 	}
@@ -120,26 +124,26 @@ int kel_dbrow2kel(sqlite3_stmt *stmt, kel_t **out)
 int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k)
 {
 	*out = nullptr;
-	if (sqlite3_column_type(stmt, k) == SQLITE_NULL)
+	if (sqlite3_column_type(stmt, k + kVportUuid) == SQLITE_NULL)
 		return KEL_E_NOTFOUND;	// a switch row without a port
 	kel_vport_t *vp = zalloc<kel_vport_t>();
 	if (vp == nullptr)
 		return KEL_E_NOMEM;
 	int rc = KEL_SUCCESS;
-	if (!read_uuid(stmt, k, vp->evp_uuid) || !read_uuid(stmt, k + 1, vp->evp_keluuid))
+	if (!read_uuid(stmt, k + kVportUuid, vp->evp_uuid) || !read_uuid(stmt, k + kVportKeluuid, vp->evp_keluuid))
 		rc = KEL_E_UUID;
 	if (rc == KEL_SUCCESS) {
-		copy_text(vp->evp_name, sizeof(vp->evp_name), stmt, k + 2);
-		rc = read_props(stmt, k + 3, &vp->evp_props);
+		copy_text(vp->evp_name, sizeof(vp->evp_name), stmt, k + kVportName);
+		rc = read_props(stmt, k + kVportProps, &vp->evp_props);
 	}
 	if (rc != KEL_SUCCESS) {
 		kel_free_vport(vp);
 		return rc;
 	}
-	vp->evp_status = sqlite3_column_int(stmt, k + 4) == VPORT_STATUS_USED ? VPORT_STATUS_USED
-	                                                                      : VPORT_STATUS_FREE;
-	copy_text(vp->evp_vnicname, sizeof(vp->evp_vnicname), stmt, k + 5);
-	copy_text(vp->evp_hostname, sizeof(vp->evp_hostname), stmt, k + 6);
+	vp->evp_status = sqlite3_column_int(stmt, k + kVportStatus) == VPORT_STATUS_USED ? VPORT_STATUS_USED
+	                                                                                 : VPORT_STATUS_FREE;
+	copy_text(vp->evp_vnicname, sizeof(vp->evp_vnicname), stmt, k + kVportVnic);
+	copy_text(vp->evp_hostname, sizeof(vp->evp_hostname), stmt, k + kVportHost);
 	const SwitchCols sw = k == 0 ? kBehindPort : kSwitchFirst;
 	copy_text(vp->evp_kelname, sizeof(vp->evp_kelname), stmt, sw.name);
 	copy_text(vp->evp_tenantname, sizeof(vp->evp_tenantname), stmt, sw.tenant);
@@ -150,7 +154,7 @@ int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k)
 int kel_dbrow2ipnet(sqlite3_stmt *stmt, kel_ipnet_t **out, int k)
 {
 	*out = nullptr;
-	if (sqlite3_column_type(stmt, k) == SQLITE_NULL)
+	if (sqlite3_column_type(stmt, k + kIpnetUuid) == SQLITE_NULL)
 		return KEL_E_NOTFOUND;	// a switch row without a network
 	kel_ipnet_t *ip = zalloc<kel_ipnet_t>();
 	if (ip == nullptr)
@@ -158,13 +162,13 @@ int kel_dbrow2ipnet(sqlite3_stmt *stmt, kel_ipnet_t **out, int k)
 	const SwitchCols sw = k == 0 ? kBehindIpnet : kSwitchFirst;
 	int rc = KEL_SUCCESS;
 	char *subnet = nullptr;
-	if (!read_uuid(stmt, k, ip->ei_uuid) || !read_uuid(stmt, sw.uuid, ip->ei_keluuid))
+	if (!read_uuid(stmt, k + kIpnetUuid, ip->ei_uuid) || !read_uuid(stmt, sw.uuid, ip->ei_keluuid))
 		rc = KEL_E_UUID;
 	if (rc == KEL_SUCCESS) {
-		copy_text(ip->ei_name, sizeof(ip->ei_name), stmt, k + 2);
-		rc = read_props(stmt, k + 3, &ip->ei_props);
+		copy_text(ip->ei_name, sizeof(ip->ei_name), stmt, k + kIpnetName);
+		rc = read_props(stmt, k + kIpnetProps, &ip->ei_props);
 	}
-	if (rc == KEL_SUCCESS && (ip->ei_availrange = strdup(text_or_empty(stmt, k + 7))) == nullptr)
+	if (rc == KEL_SUCCESS && (ip->ei_availrange = strdup(text_or_empty(stmt, k + kIpnetAvailRange))) == nullptr)
 		rc = KEL_E_NOMEM;
 	if (rc == KEL_SUCCESS && attrset_lookup_string(ip->ei_props, "subnet", &subnet) != 0)
 		rc = KEL_E_NOTFOUND;
@@ -184,7 +188,7 @@ int kel_dbrow2kellist(sqlite3_stmt *stmt, void *cbarg)
 {
 	auto *arg = static_cast<kel_kellist_cbarg_t *>(cbarg);
 	uuid_t uu;
-	if (!read_uuid(stmt, 0, uu))
+	if (!read_uuid(stmt, kKelUuid, uu))
 		return KEL_E_UUID;
 	const std::string key = kel_uuid_key(uu);
 	kel_t *kel = nullptr;

@@ -7,11 +7,12 @@
 #include <unordered_map>
 
 #include "libkel.h"
+#include "schema.h"
 
 typedef enum { KEL_VPORTINFO = 1, KEL_IPNETINFO = 2 } kel_infotype_t;
 
-// Column offset of a port or network read behind the six switch columns.
-inline constexpr int KEL_TBL_NCOLS = 6;
+// Column offset of a port or network read behind the switch's columns.
+inline constexpr int KEL_TBL_NCOLS = kel::schema::kKelColumns;
 
 // The grouping argument of the switch list's row callback. The index finds a switch
 // already on the list by its UUID bytes, so grouping costs O(1) per row.

@@ -16,8 +16,11 @@
 #include "store_handle.h"
 #include "text.h"
 #include "value_set.h"
+#include "schema.h"
 
 namespace {
+
+namespace schema = kel::schema;
 
 using kel::Value;
 using kel::ValueSet;
@@ -288,24 +291,22 @@ void Checker::check_ports()
 int Checker::check_ipnets()
 {
 	std::map<std::string, int> per_kel;
-	return kel::for_each_row(db_, "SELECT ipnet_uuid, ipnet_keluuid, ipnet_name, ipnet_props, ipnet_af, "
-	                              "ipnet_start_addr, ipnet_end_addr, ipnet_avail_range, "
-	                              "ipnet_avail_pool_range FROM ipnet_tbl", {}, [&](kel::Statement &st) {
-		const std::string uuid = col(st, 0), keluuid = col(st, 1);
+	return kel::for_each_row(db_, "SELECT * FROM ipnet_tbl", {}, [&](kel::Statement &st) {
+		const std::string uuid = col(st, schema::kIpnetUuid), keluuid = col(st, schema::kIpnetKeluuid);
 		const auto k = kels_.find(keluuid);
 		if (k == kels_.end()) {
-			problem("ipnet " + uuid, "network " + col(st, 2) + " belongs to no kel (" + keluuid + ")", true);
+			problem("ipnet " + uuid, "network " + col(st, schema::kIpnetName) + " belongs to no kel (" + keluuid + ")", true);
 			fix("DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {uuid});
 			return KEL_SUCCESS;
 		}
-		const std::string label = "ipnet " + k->second.tenant + "/" + k->second.name + "/" + col(st, 2);
+		const std::string label = "ipnet " + k->second.tenant + "/" + k->second.name + "/" + col(st, schema::kIpnetName);
 		if (++per_kel[keluuid] == 2)
 			problem(k->second.label(), "more than one network");
-		const int type = st.integer(4) == 2 ? KEL_RANGE_IPV4 : KEL_RANGE_IPV6;
+		const int type = st.integer(schema::kIpnetAf) == 2 ? KEL_RANGE_IPV4 : KEL_RANGE_IPV6;
 		std::map<std::string, std::string> props;
 		Value start, end;
-		if (!props_of(col(st, 3), &props) || !ValueSet::value_of(col(st, 5), type, &start) ||
-		    !ValueSet::value_of(col(st, 6), type, &end)) {
+		if (!props_of(col(st, schema::kIpnetProps), &props) || !ValueSet::value_of(col(st, schema::kIpnetStart), type, &start) ||
+		    !ValueSet::value_of(col(st, schema::kIpnetEnd), type, &end)) {
 			problem(label, "its properties or span do not read");
 			return KEL_SUCCESS;
 		}
@@ -315,8 +316,8 @@ int Checker::check_ipnets()
 		if (ValueSet::value_of(props["defrouter"], type, &r) && r != 0)
 			router.add(r);
 		if (!ValueSet::parse(props.count("pool") ? props["pool"].c_str() : nullptr, type, &pool) ||
-		    !ValueSet::parse(col(st, 7).c_str(), type, &avail) ||
-		    !ValueSet::parse(col(st, 8).c_str(), type, &avail_pool)) {
+		    !ValueSet::parse(col(st, schema::kIpnetAvailRange).c_str(), type, &avail) ||
+		    !ValueSet::parse(col(st, schema::kIpnetAvailPoolRange).c_str(), type, &avail_pool)) {
 			problem(label, "its pool or free addresses do not read");
 			return KEL_SUCCESS;
 		}
