@@ -36,14 +36,21 @@ struct kel_tog_pdesc_t {
 // The client settings, ended by a row whose name is NULL.
 extern const kel_tog_pdesc_t kel_tog_client_table[];
 
+// Opens the service instance `instance` (an FMRI such as KEL_NODE_FMRI) into *state,
+// which kel_vur_close releases (also after a failed open; NULL is accepted).
 int kel_vur_open(const char *instance, kel_vur_state_t *state);
 void kel_vur_close(kel_vur_state_t *state);
+// Reads the group `pgname` of the open instance, as composed from the instance and its
+// service, into state->ess_pg (with a property object in state->ess_prop):
+// KEL_E_NOTFOUND when there is no such group. kel_drop_composed releases what a read or
+// a write left in *state; the instance stays open.
 int kel_get_composed_properties(const char *pgname, kel_vur_state_t *state);
 void kel_drop_composed(kel_vur_state_t *state);
 // Reads property pgname/pname as text into buf: KEL_E_NOTFOUND when the group or the
 // property is missing, KEL_E_VUR with the repository's error otherwise.
 int kel_tog_get_value(kel_vur_state_t *state, const char *pgname, const char *pname,
     vur_type_t type, void *buf, size_t size);
+// The same on an instance opened and closed for the one read.
 int kel_tog_get_one_value(const char *instance, const char *pgname, const char *pname,
     vur_type_t type, void *buf, size_t size);
 // Writes `value` (text), or deletes the property when `value` is NULL. A write retries
@@ -51,8 +58,16 @@ int kel_tog_get_one_value(const char *instance, const char *pgname, const char *
 // removes the group again.
 int kel_tog_set_value(kel_vur_state_t *state, const char *pgname, const char *pname,
     vur_type_t type, void *value);
+// The same on an instance opened and closed for the one write (telling a running keld
+// is the caller's part).
 int kel_tog_set_one_value(const char *instance, const char *pgname, const char *pname,
     vur_type_t type, void *value);
+// The row of setting `name` in `table`; NULL when it has none.
 const kel_tog_pdesc_t *kel_get_tog_pdesc_entry(const kel_tog_pdesc_t *table, const char *name);
+// Appends a kel_togprop_t to `list` for each client setting of `instance` (only the node
+// instance has them) named in `names` (NULL: all), with its value or default.
 int kel_walk_togprop(const char *instance, attrset_t *names, list_t *list);
+// The setter of "controller": `descriptor` is its kel_tog_pdesc_t row, `value` the URI
+// text (unix:// or ssh://; "" resets it to the default). KEL_E_INVALID_URI for any
+// other text. The handle is unused: the setting is not in the store.
 int kel_set_controller(kel_dbhandle_t handle, void *descriptor, const char *pgname, void *value);
