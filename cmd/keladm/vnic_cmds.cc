@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "error_code.h"
 #include "keladm.h"
 #include "libkel_node.h"
 
@@ -14,7 +13,7 @@ namespace {
 
 int wexo_fail(const std::string &what, wexo_status_t st)
 {
-	return fail(what, kel::compose_error(st, KEL_E_WEXO));
+	return fail(what, KEL_WEXO_ERROR(st));
 }
 
 // "NAMESPACE/LINK" into its namespace ("" without one).
@@ -198,7 +197,7 @@ int delete_vnic(std::span<char *> args)
 	if (st != WEXO_STATUS_OK && st != WEXO_STATUS_NOTFOUND)
 		return wexo_fail("cannot remove VNIC '" + vnic + "'", st);
 	if (st == WEXO_STATUS_NOTFOUND)
-		warn("VNIC '" + vnic + "' is not on this host; releasing its port", kel::compose_error(st, KEL_E_WEXO));
+		warn("VNIC '" + vnic + "' is not on this host; releasing its port", KEL_WEXO_ERROR(st));
 	const int rc = kel_disconnect_vnic(host.get(), vnic.c_str(), nullptr, lower, 0);
 	// Without the VNIC there is no lower link to look at: the release is what counts.
 	if (rc != KEL_SUCCESS && !(st == WEXO_STATUS_NOTFOUND && (rc & 0xff) == KEL_E_WEXO))
