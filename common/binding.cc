@@ -11,6 +11,7 @@
 #include "filter.h"
 #include "kelnet.h"
 #include "names.h"
+#include "owners.h"
 #include "sql.h"
 #include "text.h"
 #include "vport.h"
@@ -98,19 +99,15 @@ int existing_binding(kel_dbhandle_t h, const char *tenant, const char *vnic, con
 	char filter[KEL_FILTER_LEN];
 	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "vnic", vnic,
 	    "host", host);
-	list_t list;
+	kel::RecordList<kel_t> kels;
 	if (rc == KEL_SUCCESS)
-		rc = kel_db_get_filtered_kellist(h, filter, &list, 0);
+		rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); });
 	if (rc == KEL_E_KEL_NOTFOUND || rc == KEL_E_VPORT_NOTFOUND)
 		return KEL_SUCCESS;
 	if (rc != KEL_SUCCESS)
 		return rc;
-	auto *k = static_cast<kel_t *>(list_head(&list));
-	if (!list_is_empty(&k->kel_ports)) {
-		list_remove(&list, k);
-		*found = k;
-	}
-	kel_free_kellist(&list);
+	if (kel_t *k = kels.front(); !list_is_empty(&k->kel_ports))
+		*found = kels.take(k);
 	return KEL_SUCCESS;
 }
 
@@ -188,24 +185,23 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
-	list_t list;
-	rc = kel_db_get_filtered_vportlist(h, filter, &list, 0);
+	kel::RecordList<kel_vport_t> ports;
+	const auto lister = [&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); };
+	rc = ports.read(lister);
 	if (rc != KEL_SUCCESS && extra != nullptr) {
 		if ((rc = kel_create_attrstr(filter, sizeof(filter), extra, 1, "vnic", vnic)) != KEL_SUCCESS)
 			return rc;
-		rc = kel_db_get_filtered_vportlist(h, filter, &list, 0);
+		rc = ports.read(lister);
 	}
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kel::Transaction tx(h->edh_db);
-	if ((rc = tx.begin()) != KEL_SUCCESS) {
-		kel_free_vportlist(&list);
+	if ((rc = tx.begin()) != KEL_SUCCESS)
 		return rc;
-	}
-	auto *vp = static_cast<kel_vport_t *>(list_head(&list));
+	kel_vport_t *vp = ports.front();
 	// The store these operations write never holds two ports of one VNIC and host, nor
 	// a free port under a VNIC; should it, nothing is changed.
-	if (kel_list_count(&list) != 1)
+	if (kel_list_count(ports.get()) != 1)
 		rc = KEL_E_FAILED;
 	else if (vp->evp_status != VPORT_STATUS_USED)
 		rc = KEL_E_VPORT_NOTFOUND;
@@ -214,7 +210,6 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 	else if ((rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) == KEL_SUCCESS &&
 	         kel_is_system_vport(vp->evp_name))
 		rc = kel_db_remove_system_vport(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name);
-	kel_free_vportlist(&list);
 	return rc != KEL_SUCCESS ? rc : tx.commit();
 }
 

@@ -41,10 +41,10 @@ int read_kel(kel_dbhandle_t h, const char *tenant, const char *kelname, KelHosts
 	if ((rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", tenant, "kel", kelname)) !=
 	    KEL_SUCCESS)
 		return rc;
-	list_t list;
-	if ((rc = kel_db_get_filtered_kellist(h, filter, &list, 0)) != KEL_SUCCESS)
+	kel::RecordList<kel_t> kels;
+	if ((rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); })) != KEL_SUCCESS)
 		return rc;
-	auto *k = static_cast<kel_t *>(list_head(&list));
+	kel_t *k = kels.front();
 	char *l2type = nullptr, *vni = nullptr;
 	out->flooded = attrset_lookup_string(k->kel_props, "l2-type", &l2type) == 0 &&
 	    std::strcmp(l2type, "vxlan") == 0 && attrset_lookup_string(k->kel_props, "vni", &vni) == 0 && !group;
@@ -59,7 +59,6 @@ int read_kel(kel_dbhandle_t h, const char *tenant, const char *kelname, KelHosts
 		if (attrset_lookup_string(vp->evp_props, "kel:migrating_to", &dest) == 0)
 			out->hosts.insert(dest);
 	}
-	kel_free_kellist(&list);
 	return KEL_SUCCESS;
 }
 

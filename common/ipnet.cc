@@ -18,6 +18,7 @@
 #include "sql.h"
 #include "subnet.h"
 #include "text.h"
+#include "owners.h"
 
 namespace {
 
@@ -140,16 +141,13 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	}
 
 	char filter[kFilterLen];
-	list_t kels;
+	kel::RecordList<kel_t> kels;
 	if ((rc = kel::names_filter(filter, tenant, kelname)) != KEL_SUCCESS ||
-	    (rc = kel_db_get_filtered_kellist(h, filter, &kels, 0)) != KEL_SUCCESS)
+	    (rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); })) != KEL_SUCCESS)
 		return rc;
-	auto *kel = static_cast<kel_t *>(list_head(&kels));
 	char keluuid[KEL_UUID_TEXT_LEN];
-	uuid_unparse_lower(kel->kel_uuid, keluuid);
-	const bool has_one = !list_is_empty(&kel->kel_ipnets);
-	kel_free_kellist(&kels);
-	if (has_one)
+	uuid_unparse_lower(kels.front()->kel_uuid, keluuid);
+	if (!list_is_empty(&kels.front()->kel_ipnets))
 		return KEL_E_ONE_IPNET;
 	if ((rc = kel_check_ipnet_overlap(h, &plan.span)) != KEL_SUCCESS)
 		return rc;
@@ -157,7 +155,7 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	char *text = nullptr;
 	if ((rc = kel_attrset2str(set.get(), &text)) != KEL_SUCCESS)
 		return rc;
-	std::unique_ptr<char, decltype(&std::free)> propstr(text, &std::free);
+	const kel::Text propstr(text);
 	rc = kel::exec(h->edh_db,
 	    "INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_name, ipnet_keluuid, ipnet_props, ipnet_af, "
 	    "ipnet_start_addr, ipnet_end_addr, ipnet_avail_range, ipnet_avail_pool_range) "
@@ -166,13 +164,13 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	        plan.span.ei_eastr, plan.avail, plan.avail_pool});
 	if (rc != KEL_SUCCESS)
 		return rc;
-	list_t nets;
-	if ((rc = kel_db_get_ipnetlist(h, tenant, kelname, name, &nets, 0)) != KEL_SUCCESS) {
+	kel::RecordList<kel_ipnet_t> nets;
+	if ((rc = nets.read([&](list_t *l) { return kel_db_get_ipnetlist(h, tenant, kelname, name, l, 0); })) !=
+	    KEL_SUCCESS) {
 		(void)kel_db_remove_ipnet(h, tenant, kelname, name, 0);
 		return rc;
 	}
-	*ipnetp = static_cast<kel_ipnet_t *>(list_remove_head(&nets));
-	kel_free_ipnetlist(&nets);
+	*ipnetp = nets.take(nets.front());
 	return KEL_SUCCESS;
 }
 
@@ -187,21 +185,17 @@ int remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, cons
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
-	list_t nets;
-	if ((rc = kel_db_get_filtered_ipnetlist(h, filter, &nets, 0)) != KEL_SUCCESS)
+	kel::RecordList<kel_ipnet_t> nets;
+	if ((rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); })) != KEL_SUCCESS)
 		return rc;
-	auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets));
 	char ipuuid[KEL_UUID_TEXT_LEN];
-	uuid_unparse_lower(ip->ei_uuid, ipuuid);
-	kel_free_ipnetlist(&nets);
+	uuid_unparse_lower(nets.front()->ei_uuid, ipuuid);
 
-	list_t kels;
+	kel::RecordList<kel_t> kels;
 	if ((rc = kel::names_filter(filter, tenant, kelname)) != KEL_SUCCESS ||
-	    (rc = kel_db_get_filtered_kellist(h, filter, &kels, 0)) != KEL_SUCCESS)
+	    (rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); })) != KEL_SUCCESS)
 		return rc;
-	const bool has_ports = !list_is_empty(&static_cast<kel_t *>(list_head(&kels))->kel_ports);
-	kel_free_kellist(&kels);
-	if (has_ports)
+	if (!list_is_empty(&kels.front()->kel_ports))
 		return KEL_E_IPNET_INUSE;
 	return kel::exec(h->edh_db, "DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {ipuuid});
 }

@@ -15,43 +15,13 @@
 #include "prop_catalogue.h"
 #include "sql.h"
 #include "text.h"
+#include "owners.h"
 
 namespace {
 
 constexpr size_t kFilterLen = 1024;
 
 using SetPtr = kel::AttrSetPtr;
-
-// The switch's ID while its creation is under way: given back when the holder goes out
-// of scope unless the switch was committed. The ID is drawn inside the transaction that
-// inserts the switch, so a rollback (or a crash) returns it anyway; the give-back is for
-// a failure that is not a rollback, inside a caller's transaction, and changes nothing
-// when the ID is already free.
-class IdHold {
-public:
-	explicit IdHold(kel_dbhandle_t h) : h_(h) {}
-	~IdHold()
-	{
-		if (type_ == KEL_L2NTYPE_VLAN)
-			(void)kel_db_free_vlanid(h_, id_);
-		else if (type_ == KEL_L2NTYPE_VXLAN)
-			(void)kel_db_free_vni(h_, id_);
-	}
-	IdHold(const IdHold &) = delete;
-	IdHold &operator=(const IdHold &) = delete;
-
-	void hold(kel_l2ntype_t type, int id)
-	{
-		type_ = type;
-		id_ = id;
-	}
-	void keep() { type_ = KEL_L2NTYPE_UNKNOWN; }
-
-private:
-	kel_dbhandle_t h_;
-	kel_l2ntype_t type_ = KEL_L2NTYPE_UNKNOWN;
-	int id_ = 0;
-};
 
 // Parses the caller's properties into a unique-name set (an empty one for none) and
 // checks them against the catalogue for `type`.
@@ -62,28 +32,29 @@ int parse_props(const char *props, kel_proptype_t type, SetPtr *out)
 }
 
 // The reserved or drawn ID of a VLAN or VXLAN switch; `key` is "vlanid" or "vni".
-int take_id(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t type, IdHold *hold)
+// *drawn is set once an ID is taken, even when a later step fails: the caller gives it
+// back.
+int take_id(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t type, int *id, bool *drawn)
 {
 	const bool vlan = type == KEL_L2NTYPE_VLAN;
 	const char *key = vlan ? "vlanid" : "vni";
 	if (attrset_exists(set, vlan ? "vni" : "vlanid"))
 		return KEL_E_L2TYPE_INCOMPAT;
 	char *given = nullptr;
-	int id = 0, rc;
+	int rc;
 	if (attrset_lookup_string(set, key, &given) == 0) {
-		if ((rc = kel_str2int(given, &id)) != KEL_SUCCESS)
+		if ((rc = kel_str2int(given, id)) != KEL_SUCCESS)
 			return rc;
-		rc = vlan ? kel_db_get_this_vlanid(h, id) : kel_db_get_this_vni(h, id);
-		if (rc == KEL_SUCCESS)
-			hold->hold(type, id);
+		rc = vlan ? kel_db_get_this_vlanid(h, *id) : kel_db_get_this_vni(h, *id);
+		*drawn = rc == KEL_SUCCESS;
 		return rc;
 	}
-	rc = vlan ? kel_db_get_next_vlanid(h, &id) : kel_db_get_next_vni(h, &id);
+	rc = vlan ? kel_db_get_next_vlanid(h, id) : kel_db_get_next_vni(h, id);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	hold->hold(type, id);
-	return attrset_add_string(set, key, std::to_string(id).c_str()) == 0 ? KEL_SUCCESS
-	                                                                    : KEL_E_NOMEM;
+	*drawn = true;
+	return attrset_add_string(set, key, std::to_string(*id).c_str()) == 0 ? KEL_SUCCESS
+	                                                                     : KEL_E_NOMEM;
 }
 
 int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props,
@@ -128,25 +99,34 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	kel::Transaction tx(h->edh_db);
 	if ((rc = tx.begin()) != KEL_SUCCESS)
 		return rc;
-	IdHold id(h);	// after tx: gives back inside the transaction, before its rollback
-	if (type != KEL_L2NTYPE_FLAT && (rc = take_id(h, set.get(), type, &id)) != KEL_SUCCESS)
-		return rc;
+	int drawn_id = 0;
+	bool drawn = false;
+	// After tx: gives the ID back inside the transaction, before its rollback.
+	kel::Hold id([&] {
+		(void)(type == KEL_L2NTYPE_VLAN ? kel_db_free_vlanid(h, drawn_id) : kel_db_free_vni(h, drawn_id));
+	});
+	if (type != KEL_L2NTYPE_FLAT) {
+		rc = take_id(h, set.get(), type, &drawn_id, &drawn);
+		if (drawn)
+			id.arm();
+		if (rc != KEL_SUCCESS)
+			return rc;
+	}
 
 	char *text = nullptr;
 	if ((rc = kel_attrset2str(set.get(), &text)) != KEL_SUCCESS)
 		return rc;
-	std::unique_ptr<char, decltype(&std::free)> propstr(text, &std::free);
-	list_t list;
+	const kel::Text propstr(text);
+	kel::RecordList<kel_t> made;
 	rc = kel::exec(h->edh_db,
 	    "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
 	    "VALUES (?, ?, ?, ?)",
 	    {uuidtext, name, tenant, text});
-	if (rc == KEL_SUCCESS && (rc = kel_db_get_kellist(h, tenant, name, &list, 0)) == KEL_SUCCESS) {
-		if ((rc = tx.commit()) == KEL_SUCCESS) {
-			*kelp = static_cast<kel_t *>(list_remove_head(&list));
-			id.keep();
-		}
-		kel_free_kellist(&list);
+	if (rc == KEL_SUCCESS)
+		rc = made.read([&](list_t *l) { return kel_db_get_kellist(h, tenant, name, l, 0); });
+	if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS) {
+		*kelp = made.take(made.front());
+		id.keep();
 	}
 	return rc;
 }
@@ -183,10 +163,10 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
-	list_t list;
-	if ((rc = kel_db_get_filtered_kellist(h, filter, &list, 0)) != KEL_SUCCESS)
+	kel::RecordList<kel_t> kels;
+	if ((rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); })) != KEL_SUCCESS)
 		return rc;
-	auto *kel = static_cast<kel_t *>(list_head(&list));
+	kel_t *kel = kels.front();
 	for (auto *vp = static_cast<kel_vport_t *>(list_head(&kel->kel_ports)); vp != nullptr;
 	     vp = static_cast<kel_vport_t *>(list_next(&kel->kel_ports, vp)))
 		if (vp->evp_status == VPORT_STATUS_USED)
@@ -212,7 +192,6 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 		rc = give_back_id(h, kel->kel_props);
 	if (rc == KEL_SUCCESS)
 		rc = tx.commit();
-	kel_free_kellist(&list);
 	return rc;
 }
 

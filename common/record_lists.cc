@@ -2,12 +2,14 @@
 #include <cstring>
 #include <new>
 #include <unordered_map>
+#include <vector>
 
 #include "c_boundary.h"
 #include "filter.h"
 #include "names.h"
 #include "records.h"
 #include "sql.h"
+#include "owners.h"
 
 namespace {
 
@@ -45,18 +47,23 @@ int kel_not_found(kel_dbhandle_t h, const char *filter)
 }
 
 // The switches of A that also came out of B, in A's order: B's record (with its
-// networks) takes A's ports. Switches on only one side are dropped.
-void assemble(list_t *a, list_t *b, list_t *out)
+// networks) takes A's ports. Switches on only one side are dropped. Everything that
+// allocates runs before `out` is made: it is made complete, or not at all (KEL_E_NOMEM).
+int assemble(list_t *a, list_t *b, list_t *out)
 {
-	std::unordered_map<std::string, kel_t *> in_b;
-	for (auto *k = static_cast<kel_t *>(list_head(b)); k; k = static_cast<kel_t *>(list_next(b, k)))
-		in_b.emplace(kel_uuid_key(k->kel_uuid), k);
+	std::vector<std::pair<kel_t *, kel_t *>> pairs;
+	try {
+		std::unordered_map<std::string, kel_t *> in_b;
+		for (auto *k = static_cast<kel_t *>(list_head(b)); k; k = static_cast<kel_t *>(list_next(b, k)))
+			in_b.emplace(kel_uuid_key(k->kel_uuid), k);
+		for (auto *ka = static_cast<kel_t *>(list_head(a)); ka; ka = static_cast<kel_t *>(list_next(a, ka)))
+			if (auto it = in_b.find(kel_uuid_key(ka->kel_uuid)); it != in_b.end())
+				pairs.emplace_back(ka, it->second);
+	} catch (const std::bad_alloc &) {
+		return KEL_E_NOMEM;
+	}
 	kel_create_kellist(out);
-	for (auto *ka = static_cast<kel_t *>(list_head(a)); ka; ka = static_cast<kel_t *>(list_next(a, ka))) {
-		auto it = in_b.find(kel_uuid_key(ka->kel_uuid));
-		if (it == in_b.end())
-			continue;
-		kel_t *kb = it->second;
+	for (auto [ka, kb] : pairs) {
 		list_remove(b, kb);
 		list_insert_tail(out, kb);
 		kb->kel_status = KEL_STATUS_IDLE;
@@ -66,16 +73,17 @@ void assemble(list_t *a, list_t *b, list_t *out)
 			list_insert_tail(&kb->kel_ports, vp);
 		}
 	}
+	return KEL_SUCCESS;
 }
 
 int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out)
 {
 	kel_kellist_cbarg_t with_ports, with_ipnets;
-	list_t a, b;
-	kel_create_kellist(&a);
-	kel_create_kellist(&b);
-	with_ports.evc_list = &a;
-	with_ipnets.evc_list = &b;
+	kel::RecordList<kel_t> a, b;
+	kel_create_kellist(a.own());
+	kel_create_kellist(b.own());
+	with_ports.evc_list = a.get();
+	with_ipnets.evc_list = b.get();
 	int rc;
 	{
 		kel::StoreLock lock(h);
@@ -87,14 +95,10 @@ int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out)
 			rc = switches_joined_with(h, filter, "ipnet_tbl", "ipnet_keluuid", KEL_IPNETINFO,
 			    &with_ipnets);
 		// The not-found test reads the store, so it runs before the lock goes.
-		if (rc == KEL_SUCCESS && list_is_empty(&a))
+		if (rc == KEL_SUCCESS && a.empty())
 			rc = kel_not_found(h, filter);
 	}
-	if (rc == KEL_SUCCESS)
-		assemble(&a, &b, out);
-	kel_free_kellist(&a);
-	kel_free_kellist(&b);
-	return rc;
+	return rc == KEL_SUCCESS ? assemble(a.get(), b.get(), out) : rc;
 }
 
 // A port or network list: `table` joined with kel_tbl, read by `reader`.
@@ -156,14 +160,13 @@ int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
 		return KEL_E_INVALID_NAME;
 	char filter[kFilterLen];
 	int rc = kel::names_filter(filter, tenant, kel, "vport", vport);
-	list_t list;
+	kel::RecordList<kel_t> kels;
 	if (rc == KEL_SUCCESS)
-		rc = kel_db_get_filtered_kellist(h, filter, &list, 0);
+		rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); });
 	if (rc != KEL_SUCCESS)
 		return rc;
 	// Names are unique per tenant and switch: one switch with one port came back.
-	*out = static_cast<kel_t *>(list_remove_head(&list));
-	kel_free_kellist(&list);
+	*out = kels.take(kels.front());
 	return KEL_SUCCESS;
 }
 

@@ -18,6 +18,7 @@
 #include "sql.h"
 #include "subnet.h"
 #include "text.h"
+#include "owners.h"
 
 namespace {
 
@@ -128,20 +129,23 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 		return KEL_E_EXISTS;
 	}
 	char filter[kFilterLen];
-	list_t nets;
+	kel::RecordList<kel_ipnet_t> nets;
 	if ((rc = kel::names_filter(filter, tenant, kel)) != KEL_SUCCESS)
 		return rc;
-	if ((rc = kel_db_get_filtered_ipnetlist(h, filter, &nets, 0)) != KEL_SUCCESS)
+	if ((rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); })) != KEL_SUCCESS)
 		return rc;
-	const auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets));
+	const kel_ipnet_t *ip = nets.front();
 	char addr[46];
 	bool drawn = false;
 	// The address is drawn in the transaction that inserts the port: a crash at any
-	// instant keeps both or neither. The give-back below is for a failure inside a
+	// instant keeps both or neither. The hold gives it back for a failure inside a
 	// caller's transaction, where this one's rollback is not a rollback.
 	kel::Transaction tx(h->edh_db);
+	kel::Hold address([&] { (void)kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr); });
 	if ((rc = tx.begin()) == KEL_SUCCESS)
 		rc = draw_address(h, ip, given_addr, addr, &drawn);
+	if (drawn)
+		address.arm();
 	if (rc == KEL_SUCCESS) {
 		const std::string ipaddr = std::string(addr) + "/" + std::to_string(ip->ei_prefixlen);
 		char mac[18];
@@ -162,13 +166,9 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 				    {uuidtext, keluuid, name, text, ""});
 			std::free(text);
 		}
-		// Whatever failed after the draw gives the address back.
-		if (rc != KEL_SUCCESS && drawn)
-			(void)kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr);
-		if (rc == KEL_SUCCESS)
-			rc = tx.commit();
+		if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS)
+			address.keep();
 	}
-	kel_free_ipnetlist(&nets);
 	if (rc != KEL_SUCCESS || vportp == nullptr)
 		return rc;
 	kel_t *k = nullptr;
@@ -221,7 +221,7 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 		std::string addr;
 		if (attrset_lookup_string(vp->evp_props, "ipaddr", &ipaddr) == 0)
 			addr = std::string(ipaddr).substr(0, std::string(ipaddr).find('/'));
-		list_t nets;
+		kel::RecordList<kel_ipnet_t> nets;
 		char filter[kFilterLen];
 		char vpuuid[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(vp->evp_uuid, vpuuid);
@@ -229,13 +229,12 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 		rc = tx.begin();
 		if (rc == KEL_SUCCESS && !addr.empty() &&
 		    (rc = kel::names_filter(filter, tenant, kel)) == KEL_SUCCESS &&
-		    (rc = kel_db_get_filtered_ipnetlist(h, filter, &nets, 0)) == KEL_SUCCESS) {
+		    (rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); })) ==
+		        KEL_SUCCESS) {
 			// The address goes back to the pools in the same transaction as the delete.
-			for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets)); rc == KEL_SUCCESS && ip;
-			     ip = static_cast<kel_ipnet_t *>(list_next(&nets, ip)))
-				if (!kel_is_defrouter(addr.c_str(), ip))
+			for (kel_ipnet_t *ip : nets)
+				if (rc == KEL_SUCCESS && !kel_is_defrouter(addr.c_str(), ip))
 					rc = kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr.c_str());
-			kel_free_ipnetlist(&nets);
 		}
 		if (rc == KEL_SUCCESS)
 			rc = kel::exec(h->edh_db, "DELETE FROM vport_tbl WHERE vport_uuid = ?", {vpuuid});
