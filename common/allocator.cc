@@ -17,6 +17,7 @@
 #include "records.h"
 #include "sql.h"
 #include "names.h"
+#include "owners.h"
 
 const uint8_t vport_def_prefix[3] = {0x02, 0x08, 0x20};
 
@@ -241,27 +242,23 @@ int kel_parse_port_mac(const char *given, uint8_t mac[6], char (&text)[18])
 
 int kel_check_ipnet_overlap(kel_dbhandle_t h, const kel_ipnet_t *ipnet)
 {
-	list_t list;
-	int rc = kel_db_get_filtered_ipnetlist(h, "", &list, 0);
+	kel::RecordList<kel_ipnet_t> nets;
+	int rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, "", l, 0); });
 	if (rc == KEL_E_IPNET_NOTFOUND)
 		return KEL_SUCCESS;
 	if (rc != KEL_SUCCESS)
 		return rc;
 	const sa_family_t af = ipnet->ei_af;
-	for (auto *n = static_cast<kel_ipnet_t *>(list_head(&list)); n != nullptr;
-	     n = static_cast<kel_ipnet_t *>(list_next(&list, n))) {
+	for (kel_ipnet_t *n : nets) {
 		if (n->ei_af != af)
 			continue;
 		const char *S = ipnet->ei_sastr, *E = ipnet->ei_eastr;
 		const char *s = n->ei_sastr, *e = n->ei_eastr;
 		if ((kel_ipcmp(af, S, s) >= 0 || kel_ipcmp(af, E, s) >= 0) &&
-		    (kel_ipcmp(af, S, e) <= 0 || kel_ipcmp(af, E, e) <= 0)) {
-			rc = KEL_E_IPNET_OVERLAP;
-			break;
-		}
+		    (kel_ipcmp(af, S, e) <= 0 || kel_ipcmp(af, E, e) <= 0))
+			return KEL_E_IPNET_OVERLAP;
 	}
-	kel_free_ipnetlist(&list);
-	return rc;
+	return KEL_SUCCESS;
 }
 
 int kel_valid_poolrange(const char *pool, const char *defrouter, const kel_ipnet_t *ipnet)

@@ -12,10 +12,11 @@
 #include "kel_assert.h"
 #include "range.h"
 #include "sql.h"
+#include "owners.h"
 
 namespace {
 
-using Text = std::unique_ptr<char, decltype(&std::free)>;
+using kel::Text;
 
 const char *min_id(bool vlan) { return vlan ? "1" : "0"; }
 const char *max_id(bool vlan) { return vlan ? "4094" : "16777215"; }
@@ -62,18 +63,16 @@ int normalise(const char *range, std::string *out)
 // The number of rows of `pname` (all hosts and global), and the value of the global one.
 int count_rows(kel_dbhandle_t h, const char *pname, int *count, std::string *global)
 {
-	list_t list;
-	int rc = kel_db_get_ctrlprop(h, pname, nullptr, &list);
+	kel::RecordList<kel_ctrlprop_t> rows;
+	int rc = rows.read([&](list_t *l) { return kel_db_get_ctrlprop(h, pname, nullptr, l); });
 	if (rc != KEL_SUCCESS)
 		return rc;
 	*count = 0;
-	for (auto *p = static_cast<kel_ctrlprop_t *>(list_head(&list)); p;
-	     p = static_cast<kel_ctrlprop_t *>(list_next(&list, p))) {
+	for (kel_ctrlprop_t *p : rows) {
 		(*count)++;
 		if (p->ecp_host[0] == '\0')
 			*global = p->ecp_propval;
 	}
-	kel_free_ctrlproplist(&list);
 	return KEL_SUCCESS;
 }
 
@@ -200,14 +199,15 @@ int kel_db_validate_subrange(kel_dbhandle_t h, const char *subrange, const char 
 int kel_check_host_subranges_compatibility(kel_dbhandle_t h, const char *subrange,
     boolean_t vlan, const char *host, const char *pname, const char *pval, const char *fullrange)
 {
-	list_t list;
-	int rc = kel_db_get_ctrlprop(h, pname, host != nullptr ? host : "", &list);
+	kel::RecordList<kel_ctrlprop_t> rows;
+	int rc = rows.read([&](list_t *l) { return kel_db_get_ctrlprop(h, pname, host != nullptr ? host : "", l); });
 	if (rc != KEL_SUCCESS)
 		return rc;
 	std::string remaining;
 	rc = diff(fullrange, subrange, &remaining);
-	for (auto *p = static_cast<kel_ctrlprop_t *>(list_head(&list)); rc == KEL_SUCCESS && p;
-	     p = static_cast<kel_ctrlprop_t *>(list_next(&list, p))) {
+	for (kel_ctrlprop_t *p : rows) {
+		if (rc != KEL_SUCCESS)
+			break;
 		if (std::strcmp(p->ecp_propval, pval) == 0)
 			continue;	// the row being set: its old sub-range is replaced
 		const char *theirs = vlan ? p->ecp_vlanrange : p->ecp_vxlanrange;
@@ -216,7 +216,6 @@ int kel_check_host_subranges_compatibility(kel_dbhandle_t h, const char *subrang
 		else
 			rc = diff(remaining, theirs, &remaining);
 	}
-	kel_free_ctrlproplist(&list);
 	if (rc == KEL_SUCCESS && !remaining.empty())
 		rc = KEL_E_RANGE_PARTIAL;
 	return rc;

@@ -15,15 +15,11 @@
 #include "range.h"
 #include "sql.h"
 #include "subnet.h"
+#include "owners.h"
 
 namespace {
 
 using kel::SqlText;
-
-struct OwnedText {
-	char *p = nullptr;
-	~OwnedText() { std::free(p); }
-};
 
 int read_global(kel_dbhandle_t h, const char *pname, char *buf, size_t size)
 {
@@ -49,45 +45,50 @@ bool parses_as(int af, const std::string &text)
 // Every configured "vxlan-addr" value (prefix cut off) must be of family `af`.
 int addrs_of_family(kel_dbhandle_t h, int af)
 {
-	list_t list;
-	int rc = kel_db_get_ctrlprop(h, "vxlan-addr", nullptr, &list);
+	kel::RecordList<kel_ctrlprop_t> rows;
+	int rc = rows.read([&](list_t *l) { return kel_db_get_ctrlprop(h, "vxlan-addr", nullptr, l); });
 	if (rc != KEL_SUCCESS)
 		return rc;
-	for (auto *p = static_cast<kel_ctrlprop_t *>(list_head(&list)); rc == KEL_SUCCESS && p;
-	     p = static_cast<kel_ctrlprop_t *>(list_next(&list, p))) {
+	for (kel_ctrlprop_t *p : rows) {
 		std::string addr = p->ecp_propval;
 		addr = addr.substr(0, addr.find('/'));
 		if (!kel_address_unspecified(addr.c_str()) && !parses_as(af, addr))
-			rc = KEL_E_MGROUP_IPVERS_MISMATCH;
+			return KEL_E_MGROUP_IPVERS_MISMATCH;
 	}
-	kel_free_ctrlproplist(&list);
-	return rc;
+	return KEL_SUCCESS;
 }
 
 // Checks a given sub-range (when there is one) and replaces it with its normalised form,
 // kept in `owned`. KEL_E_RANGE_PARTIAL goes to *warning.
-int check_subrange(kel_dbhandle_t h, char **range, OwnedText *owned, const char *fullrange,
+int check_subrange(kel_dbhandle_t h, char **range, kel::Text *owned, const char *fullrange,
     bool vlan, const char *host, const char *pname, const char *pval, int *warning)
 {
 	if (*range == nullptr || **range == '\0')
 		return KEL_SUCCESS;
+	char *norm = nullptr;
 	int rc = kel_db_validate_subrange(h, *range, fullrange, vlan ? B_TRUE : B_FALSE, host, pname,
-	    pval, &owned->p);
+	    pval, &norm);
+	owned->reset(norm);
 	if (rc == KEL_E_RANGE_PARTIAL)
 		*warning = rc;
 	else if (rc != KEL_SUCCESS)
 		return rc;
-	*range = owned->p;
+	*range = owned->get();
 	return KEL_SUCCESS;
 }
 
-int read_range(kel_dbhandle_t h, const char *pname, OwnedText *out)
+int read_range(kel_dbhandle_t h, const char *pname, kel::Text *out)
 {
 	const std::string filter = std::string("ctrl_pname=") + pname;
-	int rc = kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), &out->p, -1,
+	char *raw = nullptr;
+	int rc = kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), &raw, -1,
 	    DATA_TYPE_STRING);
-	if (rc == KEL_SUCCESS && out->p == nullptr && (out->p = strdup("")) == nullptr)
-		rc = KEL_E_NOMEM;
+	out->reset(raw);
+	if (rc == KEL_SUCCESS && raw == nullptr) {
+		out->reset(strdup(""));
+		if (*out == nullptr)
+			rc = KEL_E_NOMEM;
+	}
 	return rc;
 }
 
@@ -228,7 +229,7 @@ int kel_set_uplinkport(kel_dbhandle_t h, void *cbarg, const char *host)
 	auto *arg = static_cast<kel_ctrlprop_cbarg_t *>(cbarg);
 	const char *name = static_cast<const char *>(arg->ecc_arg);
 	int warning = KEL_SUCCESS, rc;
-	OwnedText vlanrange, vxlanrange, vlannorm, vxlannorm;
+	kel::Text vlanrange, vxlanrange, vlannorm, vxlannorm;
 	if (name != nullptr) {
 		if (!dlparse_drvppa(name, nullptr, 0, nullptr))
 			return KEL_E_INVALID_UPLINK;
@@ -237,13 +238,13 @@ int kel_set_uplinkport(kel_dbhandle_t h, void *cbarg, const char *host)
 			return rc;
 		// Without attributes the port carries the whole fabric, flat kels included.
 		if (!arg->ecc_vlanrange && !arg->ecc_vxlanrange && !arg->ecc_flatstr) {
-			arg->ecc_vlanrange = vlanrange.p;
-			arg->ecc_vxlanrange = vxlanrange.p;
+			arg->ecc_vlanrange = vlanrange.get();
+			arg->ecc_vxlanrange = vxlanrange.get();
 			arg->ecc_flatstr = const_cast<char *>("yes");
 		}
-		if ((rc = check_subrange(h, &arg->ecc_vlanrange, &vlannorm, vlanrange.p, true, host,
+		if ((rc = check_subrange(h, &arg->ecc_vlanrange, &vlannorm, vlanrange.get(), true, host,
 		         "uplink-port", name, &warning)) != KEL_SUCCESS ||
-		    (rc = check_subrange(h, &arg->ecc_vxlanrange, &vxlannorm, vxlanrange.p, false, host,
+		    (rc = check_subrange(h, &arg->ecc_vxlanrange, &vxlannorm, vxlanrange.get(), false, host,
 		         "uplink-port", name, &warning)) != KEL_SUCCESS)
 			return rc;
 		if (arg->ecc_flatstr != nullptr && *arg->ecc_flatstr != '\0' &&
@@ -261,7 +262,7 @@ int kel_set_addr(kel_dbhandle_t h, void *cbarg, const char *host)
 	auto *arg = static_cast<kel_ctrlprop_cbarg_t *>(cbarg);
 	const char *value = static_cast<const char *>(arg->ecc_arg);
 	int warning = KEL_SUCCESS, rc;
-	OwnedText fabric, norm;
+	kel::Text fabric, norm;
 	if (value != nullptr) {
 		int af;
 		if (std::strchr(value, '/') == nullptr) {
@@ -283,8 +284,8 @@ int kel_set_addr(kel_dbhandle_t h, void *cbarg, const char *host)
 		    (rc = read_range(h, "vxlan-range", &fabric)) != KEL_SUCCESS)
 			return rc;
 		if (arg->ecc_vxlanrange == nullptr)
-			arg->ecc_vxlanrange = fabric.p;
-		if ((rc = check_subrange(h, &arg->ecc_vxlanrange, &norm, fabric.p, false, host, "vxlan-addr",
+			arg->ecc_vxlanrange = fabric.get();
+		if ((rc = check_subrange(h, &arg->ecc_vxlanrange, &norm, fabric.get(), false, host, "vxlan-addr",
 		         value, &warning)) != KEL_SUCCESS)
 			return rc;
 	} else if (arg->ecc_vxlanrange != nullptr) {
@@ -314,13 +315,12 @@ int kel_db_get_uport_or_vaddr_hostprop(kel_dbhandle_t h, attrset_t *props, const
 	if (!by_vlan && !by_vni)
 		KEL_ASSERT(kel::kAreaCtrlProp, attrset_lookup_string(props, "l2-type", &l2type) == 0 &&
 		    std::strcmp(l2type, "flat") == 0);
-	list_t list;
-	int rc = kel_db_get_ctrlprop(h, pname, host != nullptr ? host : "", &list);
+	kel::RecordList<kel_ctrlprop_t> rows;
+	int rc = rows.read([&](list_t *l) { return kel_db_get_ctrlprop(h, pname, host != nullptr ? host : "", l); });
 	if (rc != KEL_SUCCESS)
 		return rc;
 	rc = KEL_E_NOTFOUND;
-	for (auto *p = static_cast<kel_ctrlprop_t *>(list_head(&list)); p;
-	     p = static_cast<kel_ctrlprop_t *>(list_next(&list, p))) {
+	for (kel_ctrlprop_t *p : rows) {
 		const bool fits = by_vlan ? serves(p->ecp_vlanrange, vlanid)
 		    : by_vni              ? serves(p->ecp_vxlanrange, vni)
 		                          : std::strcmp(p->ecp_flatrange, "0") == 0;
@@ -330,6 +330,5 @@ int kel_db_get_uport_or_vaddr_hostprop(kel_dbhandle_t h, attrset_t *props, const
 			break;
 		}
 	}
-	kel_free_ctrlproplist(&list);
 	return rc;
 }

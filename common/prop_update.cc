@@ -20,6 +20,7 @@
 #include "range.h"
 #include "sql.h"
 #include "text.h"
+#include "owners.h"
 
 namespace {
 
@@ -27,8 +28,8 @@ constexpr int kLinkFlags = 0x8001;	// the datalink manager's: apply now, not per
 constexpr size_t kTextLen = 1024;
 constexpr int kBindingAttempts = 3;	// times a port update follows a port that moves
 
-using KelPtr = std::unique_ptr<kel_t, decltype(&kel_free_kel)>;
-using TextPtr = std::unique_ptr<char, decltype(&std::free)>;
+using KelPtr = kel::Owned<kel_t, kel_free_kel>;
+using kel::Text;
 
 std::optional<std::string> lookup(attrset_t *set, const char *name)
 {
@@ -99,13 +100,13 @@ int store_props(kel_dbhandle_t h, attrset_t **set, const char *name, const char 
 	char *raw = nullptr;
 	if (int rc = with_value(set, name, value, &raw); rc != KEL_SUCCESS)
 		return rc;
-	TextPtr text(raw, std::free);
+	Text text(raw);
 	return kel::exec(h->edh_db, kel::SqlText("UPDATE %s set %s = ? WHERE %s = ?", table, column, key),
 	    {text.get(), kel::uuid_text(uuid)});
 }
 
 // A range-set operation with a new result text: KEL_SUCCESS and *out, or its error.
-int diff(const char *a, const char *b, int type, TextPtr *out)
+int diff(const char *a, const char *b, int type, Text *out)
 {
 	char *raw = nullptr;
 	int rc = kel_rsrc_range_diff(a, b, &raw, -1, type);
@@ -128,16 +129,15 @@ int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const
 	int rc = read_update(prop, KEL_PROPTYPE_KEL, &p);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	list_t kels;
-	KelPtr kel(nullptr, kel_free_kel);
+	KelPtr kel;
 	{
 		kel::StoreLock lock(h);
 		if ((rc = lock.status()) != KEL_SUCCESS)
 			return rc;
-		if ((rc = kel_db_get_kellist(h, tenant, kelname, &kels, 0)) != KEL_SUCCESS)
+		kel::RecordList<kel_t> kels;
+		if ((rc = kels.read([&](list_t *l) { return kel_db_get_kellist(h, tenant, kelname, l, 0); })) != KEL_SUCCESS)
 			return rc;
-		kel.reset(static_cast<kel_t *>(list_remove_head(&kels)));
-		kel_free_kellist(&kels);
+		kel.reset(kels.take(kels.front()));
 		if ((rc = kel_db_set_one_kelprop(h, kel.get(), p.name.c_str(), p.value.c_str(), flags)) != KEL_SUCCESS)
 			return rc;
 	}
@@ -181,7 +181,7 @@ int set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kelname, con
 		return rc;
 	const char *name = p.name.c_str();
 	const bool dlprop = (kel_get_prop_entry(name, KEL_PROPTYPE_VPORT).ep_flags & EPD_DLPROP) != 0;
-	KelPtr kel(nullptr, kel_free_kel);
+	KelPtr kel;
 	// The host is reached without the lock, and meanwhile the port may be unbound or move:
 	// a binding found changed once the lock is back starts the update over.
 	for (int attempt = 0; attempt < kBindingAttempts; attempt++) {
@@ -231,11 +231,12 @@ int set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kelname, con
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
-	list_t nets;
-	if ((rc = kel_db_get_ipnetlist(h, tenant, kelname, ipnet, &nets, 0)) != KEL_SUCCESS)
+	kel::RecordList<kel_ipnet_t> nets;
+	if ((rc = nets.read([&](list_t *l) { return kel_db_get_ipnetlist(h, tenant, kelname, ipnet, l, 0); })) !=
+	    KEL_SUCCESS)
 		return rc;
-	KEL_ASSERT(kel::kAreaProp, kel_list_count(&nets) == 1);
-	auto *ip = static_cast<kel_ipnet_t *>(list_head(&nets));
+	KEL_ASSERT(kel::kAreaProp, kel_list_count(nets.get()) == 1);
+	kel_ipnet_t *ip = nets.front();
 	rc = check_writable(p.name);
 	// Only a network's own properties (and extended ones) may be set on it: a switch's
 	// or a port's writable property named here would otherwise land in the network's
@@ -244,7 +245,6 @@ int set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kelname, con
 		rc = KEL_E_INVALID_PROP;
 	if (rc == KEL_SUCCESS)
 		rc = kel_db_set_one_ipnetprop(h, ip, p.name.c_str(), p.value.c_str(), flags);
-	kel_free_ipnetlist(&nets);
 	return rc;
 }
 
@@ -271,10 +271,10 @@ int kel_db_validate_newpool(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *ne
 	char *avail_raw = nullptr;
 	int rc = kel_db_get_filtered_value(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(),
 	    &avail_raw, -1, DATA_TYPE_STRING);
-	TextPtr avail(avail_raw, std::free);
+	Text avail(avail_raw);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	TextPtr in_use(nullptr, std::free), result(nullptr, std::free);
+	Text in_use, result;
 	if ((rc = diff(pool.c_str(), avail ? avail.get() : "", type, &in_use)) != KEL_SUCCESS)
 		return rc;
 	if (kel_rsrc_range_contains(newpool, in_use.get(), type) != KEL_SUCCESS)
@@ -282,26 +282,26 @@ int kel_db_validate_newpool(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *ne
 	if ((rc = diff(newpool, in_use.get(), type, &result)) != KEL_SUCCESS)
 		return rc;
 	// Addresses given to ports explicitly, outside the old pool, stay theirs.
-	list_t ports;
+	kel::RecordList<kel_vport_t> ports;
 	const std::string by_kel = "kel=" + kel::uuid_text(ipnet->ei_keluuid);
-	rc = kel_db_get_filtered_vportlist(h, by_kel.c_str(), &ports, 0);
+	rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, by_kel.c_str(), l, 0); });
 	if (rc == KEL_E_VPORT_NOTFOUND) {
 		*newavail = result.release();
 		return KEL_SUCCESS;
 	}
 	if (rc != KEL_SUCCESS)
 		return rc;
-	for (auto *vp = static_cast<kel_vport_t *>(list_head(&ports)); vp != nullptr && rc == KEL_SUCCESS;
-	     vp = static_cast<kel_vport_t *>(list_next(&ports, vp))) {
+	for (kel_vport_t *vp : ports) {
+		if (rc != KEL_SUCCESS)
+			break;
 		std::string addr = lookup(vp->evp_props, "ipaddr").value_or("");
 		addr = addr.substr(0, addr.find('/'));
 		if (!addr.empty() && kel_rsrc_range_contains(result.get(), addr.c_str(), type) == KEL_SUCCESS) {
-			TextPtr less(nullptr, std::free);
+			Text less;
 			if ((rc = diff(result.get(), addr.c_str(), type, &less)) == KEL_SUCCESS)
 				result = std::move(less);
 		}
 	}
-	kel_free_vportlist(&ports);
 	if (rc == KEL_SUCCESS)
 		*newavail = result.release();
 	return rc;
@@ -335,11 +335,11 @@ int kel_db_set_one_ipnetprop(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *n
 		if ((avail_raw = strdup(ipnet->ei_availrange != nullptr ? ipnet->ei_availrange : "")) == nullptr)
 			return KEL_E_NOMEM;
 	}
-	TextPtr avail(avail_raw, std::free);
+	Text avail(avail_raw);
 	char *text_raw = nullptr;
 	if ((rc = with_value(&ipnet->ei_props, name, stored, &text_raw)) != KEL_SUCCESS)
 		return rc;
-	TextPtr text(text_raw, std::free);
+	Text text(text_raw);
 	// Both columns in one statement: the pool and what is left of it never disagree.
 	return kel::exec(h->edh_db,
 	    "UPDATE ipnet_tbl set ipnet_props = ?, ipnet_avail_pool_range = ? WHERE ipnet_uuid = ?",

@@ -10,6 +10,8 @@
 #include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
+#include "names.h"
+#include "owners.h"
 
 namespace {
 
@@ -64,14 +66,15 @@ int run_all(kel_dbhandle_t h, const char *const *stmts)
 // without a router gets its whole span.
 int kel_db_upgrade_v2(kel_dbhandle_t h)
 {
-	list_t list;
-	int rc = kel_db_get_filtered_ipnetlist(h, "", &list, 0);
+	kel::RecordList<kel_ipnet_t> nets;
+	int rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, "", l, 0); });
 	if (rc == KEL_E_IPNET_NOTFOUND)
 		return KEL_SUCCESS;
 	if (rc != KEL_SUCCESS)
 		return rc;
-	for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&list)); rc == KEL_SUCCESS && ip;
-	     ip = static_cast<kel_ipnet_t *>(list_next(&list, ip))) {
+	for (kel_ipnet_t *ip : nets) {
+		if (rc != KEL_SUCCESS)
+			break;
 		const std::string span = std::string(ip->ei_sastr) + "-" + ip->ei_eastr;
 		char pool[1024];
 		char *router = nullptr;
@@ -83,19 +86,16 @@ int kel_db_upgrade_v2(kel_dbhandle_t h)
 			    ip->ei_af == AF_INET ? KEL_RANGE_IPV4 : KEL_RANGE_IPV6);
 		if (rc == KEL_SUCCESS && attrset_add_string(ip->ei_props, "pool", pool) != 0)
 			rc = KEL_E_NOMEM;
-		char *props = nullptr;
+		char *raw = nullptr;
 		if (rc == KEL_SUCCESS)
-			rc = kel_attrset2str(ip->ei_props, &props);
+			rc = kel_attrset2str(ip->ei_props, &raw);
+		const kel::Text props(raw);
 		if (rc == KEL_SUCCESS) {
-			char uu[KEL_UUID_TEXT_LEN];
-			uuid_unparse_lower(ip->ei_uuid, uu);
-			const std::string filter = std::string("ipnet=") + uu;
-			rc = kel_db_set_filtered_value(h, "ipnet_tbl", "ipnet_props", filter.c_str(), props,
+			const std::string filter = "ipnet=" + kel::uuid_text(ip->ei_uuid);
+			rc = kel_db_set_filtered_value(h, "ipnet_tbl", "ipnet_props", filter.c_str(), props.get(),
 			    DATA_TYPE_STRING);
 		}
-		std::free(props);
 	}
-	kel_free_ipnetlist(&list);
 	return rc;
 }
 
