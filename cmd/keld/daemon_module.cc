@@ -5,6 +5,7 @@
 
 #include "libkel.h"
 #include "nuq_errors.h"
+#include "owners.h"
 
 namespace keld {
 namespace {
@@ -20,12 +21,10 @@ std::string node_name()
 void DaemonState::reload()
 {
 	Settings fresh;
-	list_t list;
-	if (kel_get_client_togprop("controller", &list) == KEL_SUCCESS) {
-		if (auto *p = static_cast<kel_togprop_t *>(list_head(&list)))
-			fresh.controller = p->esp_propval;
-		kel_free_togproplist(&list);
-	}
+	kel::RecordList<kel_togprop_t> settings;
+	if (settings.read([](list_t *l) { return kel_get_client_togprop("controller", l); }) == KEL_SUCCESS &&
+	    !settings.empty())
+		fresh.controller = settings.front()->esp_propval;
 	std::lock_guard<std::mutex> hold(mutex_);
 	settings_ = fresh;
 	reloads_++;

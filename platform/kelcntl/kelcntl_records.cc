@@ -6,6 +6,7 @@
 #include <string>
 
 #include "kelcntl_wire.h"
+#include "owners.h"
 
 using nlohmann::json;
 
@@ -20,14 +21,12 @@ T *zeroed()
 	return p;
 }
 
-// Owns a record while it is being filled, so a throw part-way frees what was built.
+// A new record, owned while it is being filled, so a throw part-way frees what was built.
 template <class T, void (*Free)(T *)>
-struct Building {
-	T *p = zeroed<T>();
-	~Building() { Free(p); }
-	T *operator->() const { return p; }
-	T *release() { return std::exchange(p, nullptr); }
-};
+kel::Owned<T, Free> building()
+{
+	return kel::Owned<T, Free>(zeroed<T>());
+}
 
 char *text(const json &j, const char *key)
 {
@@ -81,7 +80,7 @@ void free_array(T **arr, int count)
 
 kelcntl_PropertyNV *nv_from(const json &j)
 {
-	Building<kelcntl_PropertyNV, kelcntl_PropertyNV_free> nv;
+	auto nv = building<kelcntl_PropertyNV, kelcntl_PropertyNV_free>();
 	nv->epnv_name = text(j, "epnv_name");
 	nv->epnv_value = text(j, "epnv_value");
 	return nv.release();
@@ -94,7 +93,7 @@ kelcntl_PropertyNV **props_from(const json &items, int *count)
 
 kelcntl_IPnetInfo *ipnet_from(const json &j)
 {
-	Building<kelcntl_IPnetInfo, kelcntl_IPnetInfo_free> n;
+	auto n = building<kelcntl_IPnetInfo, kelcntl_IPnetInfo_free>();
 	n->eipi_name = text(j, "eipi_name");
 	n->eipi_uuid = text(j, "eipi_uuid");
 	n->eipi_kelname = text(j, "eipi_kelname");
@@ -110,7 +109,7 @@ kelcntl_IPnetInfo *ipnet_from(const json &j)
 
 kelcntl_KELInfo *kel_from(const json &j)
 {
-	Building<kelcntl_KELInfo, kelcntl_KELInfo_free> k;
+	auto k = building<kelcntl_KELInfo, kelcntl_KELInfo_free>();
 	k->ekeli_name = text(j, "ekeli_name");
 	k->ekeli_uuid = text(j, "ekeli_uuid");
 	k->ekeli_tenantname = text(j, "ekeli_tenantname");
@@ -128,7 +127,7 @@ namespace kelcntl::wire {
 
 kelcntl_KELError *error_from(const json &j)
 {
-	Building<kelcntl_KELError, kelcntl_KELError_free> e;
+	auto e = building<kelcntl_KELError, kelcntl_KELError_free>();
 	e->ekele_err = static_cast<int>(integer(j, "ekele_err"));
 	e->ekele_errmsg = text(j, "ekele_errmsg");
 	return e.release();
@@ -136,7 +135,7 @@ kelcntl_KELError *error_from(const json &j)
 
 kelcntl_VPortInfo *vport_from(const json &j)
 {
-	Building<kelcntl_VPortInfo, kelcntl_VPortInfo_free> v;
+	auto v = building<kelcntl_VPortInfo, kelcntl_VPortInfo_free>();
 	v->evpi_name = text(j, "evpi_name");
 	v->evpi_uuid = text(j, "evpi_uuid");
 	v->evpi_kelname = text(j, "evpi_kelname");
@@ -156,7 +155,7 @@ kelcntl_VPortInfo **vports_from(const json &items, int *count)
 
 kelcntl_KELImplInfo *implinfo_from(const json &j)
 {
-	Building<kelcntl_KELImplInfo, kelcntl_KELImplInfo_free> i;
+	auto i = building<kelcntl_KELImplInfo, kelcntl_KELImplInfo_free>();
 	i->ekelii_kelinfo = kel_from(j.at("ekelii_kelinfo"));
 	i->ekelii_uplink_port = text(j, "ekelii_uplink_port");
 	i->ekelii_vxlan_localaddr = text(j, "ekelii_vxlan_localaddr");

@@ -9,6 +9,7 @@
 #include "kelcntl.h"
 #include "libkel.h"
 #include "names.h"
+#include "owners.h"
 #include "log.h"
 #include "nuq_errors.h"
 
@@ -148,16 +149,15 @@ nuq::Interface kel_interface()
 		Store store(KEL_DB_READWRITE);
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
-		kel_t *kel = nullptr;
+		kel_t *raw = nullptr;
 		const int rc = kel_db_assign_vport(store.get(), tenant.c_str(), name.c_str(), vport,
-		    vnic->c_str(), host->c_str(), extra, &kel);
+		    vnic->c_str(), host->c_str(), extra, &raw);
+		const kel::Owned<kel_t, kel_free_kel> kel(raw);
 		log_change(rc, "bind " + tenant + "/" + name + "/" + (vport != nullptr ? vport : "(system port)") +
 		        " to VNIC " + *vnic + " on host " + *host);
 		if (rc != KEL_SUCCESS)
 			return kel_error(rc);
-		nuq::Reply reply{NUQ_E_SUCCESS, implinfo_json(kel)};
-		kel_free_kel(kel);
-		return reply;
+		return nuq::Reply{NUQ_E_SUCCESS, implinfo_json(kel.get())};
 	};
 	// The port is found by its VNIC and host (or the filter in `extra`), not by the
 	// switch it was looked up on: that is how the node names what it is releasing.
@@ -211,14 +211,14 @@ nuq::Interface controller_interface()
 		Store store(KEL_DB_READONLY);
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
-		list_t list;
-		const int rc = kel_db_get_filtered_vportlist(store.get(), filter->c_str(), &list, 0);
+		kel::RecordList<kel_vport_t> ports;
+		const int rc =
+		    ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(store.get(), filter->c_str(), l, 0); });
 		if (rc == KEL_E_VPORT_NOTFOUND)
 			return nuq::Reply{NUQ_E_SUCCESS, Json::array()};
 		if (rc != KEL_SUCCESS)
 			return kel_error(rc);
-		nuq::Reply reply{NUQ_E_SUCCESS, list_json<kel_vport_t>(&list, vport_json)};
-		kel_free_vportlist(&list);
+		nuq::Reply reply{NUQ_E_SUCCESS, list_json<kel_vport_t>(ports.get(), vport_json)};
 		return reply;
 	};
 	return iface;
