@@ -24,14 +24,11 @@ constexpr const char *kDefaultProtection = "mac-nospoof,ip-nospoof";
 // Writes the port's properties, keyed by its UUID: the one row, whatever filter found it.
 int write_props(kel_dbhandle_t h, kel_vport_t *vp)
 {
-	char *text = nullptr;
-	int rc = kel_attrset2str(vp->evp_props, &text);
-	if (rc != KEL_SUCCESS)
+	kel::Text text;
+	if (int rc = kel::props_text(vp->evp_props, &text); rc != KEL_SUCCESS)
 		return rc;
 	const std::string filter = "vport=" + kel::uuid_text(vp->evp_uuid);
-	rc = kel_db_set_filtered_value(h, "vport_tbl", "vport_props", filter.c_str(), text, DATA_TYPE_STRING);
-	std::free(text);
-	return rc;
+	return kel_db_set_filtered_value(h, "vport_tbl", "vport_props", filter.c_str(), text.get(), DATA_TYPE_STRING);
 }
 
 // A global controller value into buf ("" when absent).

@@ -24,14 +24,8 @@ const char *max_id(bool vlan) { return vlan ? "4094" : "16777215"; }
 // ctrl_pval of the global row `pname` as a new string ("" for none).
 int read_global(kel_dbhandle_t h, const char *pname, std::string *out)
 {
-	char *text = nullptr;
 	const std::string filter = std::string("ctrl_pname=") + pname;
-	int rc = kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), &text, -1,
-	    DATA_TYPE_STRING);
-	if (rc == KEL_SUCCESS)
-		*out = text != nullptr ? text : "";
-	std::free(text);
-	return rc;
+	return kel_db_get_filtered_text(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), out);
 }
 
 int write_global(kel_dbhandle_t h, const char *pname, const char *value)
@@ -43,11 +37,11 @@ int write_global(kel_dbhandle_t h, const char *pname, const char *value)
 
 int diff(const std::string &a, const std::string &b, std::string *out)
 {
-	char *text = nullptr;
-	int rc = kel_rsrc_range_diff(a.c_str(), b.c_str(), &text, -1, KEL_RANGE_NUMBER);
+	char *raw = nullptr;
+	const int rc = kel_rsrc_range_diff(a.c_str(), b.c_str(), &raw, -1, KEL_RANGE_NUMBER);
+	const Text text(raw);
 	if (rc == KEL_SUCCESS)
-		*out = text;
-	std::free(text);
+		*out = text.get();
 	return rc;
 }
 

@@ -18,6 +18,7 @@
 #include "sql.h"
 #include "store_handle.h"
 #include "text.h"
+#include "owners.h"
 
 namespace {
 
@@ -335,6 +336,17 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 	} catch (const std::bad_alloc &) {
 		return KEL_E_NOMEM;
 	}
+}
+
+int kel_db_get_filtered_text(kel_dbhandle_t h, const char *table, const char *column,
+    const char *filter, std::string *out)
+{
+	char *raw = nullptr;
+	const int rc = kel_db_get_filtered_value(h, table, column, filter, &raw, -1, DATA_TYPE_STRING);
+	const kel::Text text(raw);
+	if (rc == KEL_SUCCESS)
+		*out = text != nullptr ? text.get() : "";
+	return rc;
 }
 
 int kel_db_get_filtered_value(kel_dbhandle_t h, const char *table, const char *column,

@@ -3,6 +3,8 @@
 // the stored property strings. Caller values are always bound as parameters.
 #pragma once
 
+#include <string>
+
 #include <sqlite3.h>
 
 #include <cstdint>
@@ -64,6 +66,9 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 // destlen < 0, else the text cut to destlen bytes. No row leaves `dest` untouched.
 int kel_db_get_filtered_value(kel_dbhandle_t h, const char *table, const char *column,
     const char *filter, void *dest, int destlen, data_type_t type);
+// The text of `column` of the first row the filter selects into *out ("" for NULL).
+int kel_db_get_filtered_text(kel_dbhandle_t h, const char *table, const char *column,
+    const char *filter, std::string *out);
 // Sets `column` of every row the filter selects (every row for an empty filter).
 int kel_db_set_filtered_value(kel_dbhandle_t h, const char *table, const char *column,
     const char *filter, const void *value, data_type_t type);

@@ -152,10 +152,10 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	if ((rc = kel_check_ipnet_overlap(h, &plan.span)) != KEL_SUCCESS)
 		return rc;
 
-	char *text = nullptr;
-	if ((rc = kel_attrset2str(set.get(), &text)) != KEL_SUCCESS)
+	kel::Text propstr;
+	if ((rc = kel::props_text(set.get(), &propstr)) != KEL_SUCCESS)
 		return rc;
-	const kel::Text propstr(text);
+	const char *text = propstr.get();
 	rc = kel::exec(h->edh_db,
 	    "INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_name, ipnet_keluuid, ipnet_props, ipnet_af, "
 	    "ipnet_start_addr, ipnet_end_addr, ipnet_avail_range, ipnet_avail_pool_range) "

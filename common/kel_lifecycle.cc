@@ -113,10 +113,10 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 			return rc;
 	}
 
-	char *text = nullptr;
-	if ((rc = kel_attrset2str(set.get(), &text)) != KEL_SUCCESS)
+	kel::Text propstr;
+	if ((rc = kel::props_text(set.get(), &propstr)) != KEL_SUCCESS)
 		return rc;
-	const kel::Text propstr(text);
+	const char *text = propstr.get();
 	kel::RecordList<kel_t> made;
 	rc = kel::exec(h->edh_db,
 	    "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "

@@ -29,6 +29,15 @@ using Owned = std::unique_ptr<T, FreeWith<Free>>;
 // A string the C library allocated (strdup, kel_attrset2str and the like).
 using Text = Owned<char, std::free>;
 
+// The text of a property set ("a=1,b=2") into *out, owned.
+inline int props_text(attrset_t *set, Text *out)
+{
+	char *raw = nullptr;
+	const int rc = kel_attrset2str(set, &raw);
+	out->reset(raw);
+	return rc;
+}
+
 // Which function frees a list of each kind of record.
 template <class T>
 struct ListFree;

@@ -36,13 +36,7 @@ std::vector<std::string> texts(const std::vector<KelRangeElement> &elems, int ty
 int read_pool(kel_dbhandle_t h, const char *table, const char *column, const char *filter,
     std::string *pool)
 {
-	char *text = nullptr;
-	int rc = kel_db_get_filtered_value(h, table, column, filter, &text, -1, DATA_TYPE_STRING);
-	if (rc != KEL_SUCCESS)
-		return rc;
-	*pool = text != nullptr ? text : "";
-	std::free(text);
-	return KEL_SUCCESS;
+	return kel_db_get_filtered_text(h, table, column, filter, pool);
 }
 
 int write_pool(kel_dbhandle_t h, const char *table, const char *column, const char *filter,

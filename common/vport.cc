@@ -149,7 +149,7 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	if (rc == KEL_SUCCESS) {
 		const std::string ipaddr = std::string(addr) + "/" + std::to_string(ip->ei_prefixlen);
 		char mac[18];
-		char *text = nullptr;
+		kel::Text text;
 		if (attrset_add_string(set.get(), "ipaddr", ipaddr.c_str()) != 0)
 			rc = KEL_E_NOMEM;
 		if (rc == KEL_SUCCESS) {
@@ -159,12 +159,11 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 			if ((rc = pick_mac(h, mac_given ? &given : nullptr, mac)) == KEL_SUCCESS &&
 			    (rc = attrset_add_string(set.get(), "macaddr", mac) == 0 ? KEL_SUCCESS : KEL_E_NOMEM) ==
 			        KEL_SUCCESS &&
-			    (rc = kel_attrset2str(set.get(), &text)) == KEL_SUCCESS)
+			    (rc = kel::props_text(set.get(), &text)) == KEL_SUCCESS)
 				rc = kel::exec(h->edh_db,
 				    "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
 				    "vport_hostname) VALUES(?, ?, ?, ?, ?)",
-				    {uuidtext, keluuid, name, text, ""});
-			std::free(text);
+				    {uuidtext, keluuid, name, text.get(), ""});
 		}
 		if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS)
 			address.keep();
@@ -304,8 +303,8 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 	else if (props != nullptr && attrset_lookup_string(props, "vmid", &vmid) == 0 &&
 	         attrset_add_string(vport->evp_props, "vmid", vmid) != 0)
 		return KEL_E_NOMEM;
-	char *text = nullptr;
-	int rc = kel_attrset2str(vport->evp_props, &text);
+	kel::Text text;
+	int rc = kel::props_text(vport->evp_props, &text);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	char vpuuid[KEL_UUID_TEXT_LEN], keluuid[KEL_UUID_TEXT_LEN];
@@ -314,8 +313,7 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 	rc = kel::exec(h->edh_db,
 	    "UPDATE vport_tbl set vport_status = ?, vport_vnicname = ?, vport_hostname = ?, "
 	    "vport_props = ? WHERE vport_uuid = ? AND vport_keluuid = ?",
-	    {static_cast<int>(status), vnicname, hostname, text, vpuuid, keluuid});
-	std::free(text);
+	    {static_cast<int>(status), vnicname, hostname, text.get(), vpuuid, keluuid});
 	return rc;
 }
 
