@@ -19,6 +19,8 @@
 namespace {
 
 constexpr const char *kMigrating = "kel:migrating_to";
+
+using KelPtr = kel::Owned<kel_t, kel_free_kel>;
 constexpr const char *kDefaultProtection = "mac-nospoof,ip-nospoof";
 
 // Writes the port's properties, keyed by its UUID: the one row, whatever filter found it.
@@ -139,9 +141,11 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 	kel::Transaction tx(h->edh_db);
 	if ((rc = tx.begin()) != KEL_SUCCESS)
 		return rc;
-	kel_t *k = nullptr;
-	if ((rc = existing_binding(h, tenant, vnic, host, &k)) != KEL_SUCCESS)
+	KelPtr k;
+	kel_t *raw = nullptr;
+	if ((rc = existing_binding(h, tenant, vnic, host, &raw)) != KEL_SUCCESS)
 		return rc;
+	k.reset(raw);
 	if (k == nullptr) {
 		char sysname[KEL_NAME_LEN];
 		const char *name = vportname;
@@ -150,23 +154,21 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 				return rc;
 			name = sysname;
 		}
-		if ((rc = kel_db_get_kelvport(h, tenant, kelname, name, &k)) != KEL_SUCCESS)
+		if ((rc = kel_db_get_kelvport(h, tenant, kelname, name, &raw)) != KEL_SUCCESS)
 			return rc;
-		rc = bind(h, k, vnic, host, set.get());
-		kel_free_kel(k);
-		k = nullptr;
-		if (rc == KEL_SUCCESS)
-			rc = kel_db_get_kelvport(h, tenant, kelname, name, &k);
+		k.reset(raw);
+		rc = bind(h, k.get(), vnic, host, set.get());
+		k.reset();
+		if (rc == KEL_SUCCESS && (rc = kel_db_get_kelvport(h, tenant, kelname, name, &raw)) == KEL_SUCCESS)
+			k.reset(raw);
 	}
 	if (rc == KEL_SUCCESS)
-		rc = fill_node_view(h, k, host);
+		rc = fill_node_view(h, k.get(), host);
 	if (rc == KEL_SUCCESS)
 		rc = tx.commit();
-	if (rc != KEL_SUCCESS) {
-		kel_free_kel(k);
+	if (rc != KEL_SUCCESS)
 		return rc;
-	}
-	*kelp = k;
+	*kelp = k.release();
 	return KEL_SUCCESS;
 }
 

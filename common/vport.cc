@@ -22,6 +22,8 @@
 
 namespace {
 
+using KelPtr = kel::Owned<kel_t, kel_free_kel>;
+
 constexpr size_t kFilterLen = 1024;
 
 // Takes `name` out of the set into `out` (cut to `size`), or leaves `fallback` there.
@@ -165,17 +167,19 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 				    "vport_hostname) VALUES(?, ?, ?, ?, ?)",
 				    {uuidtext, keluuid, name, text.get(), ""});
 		}
-		if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS)
+		// The record the caller asked for is read before the commit: a failure to read it
+		// fails the whole add, which then leaves nothing behind.
+		kel_t *raw = nullptr;
+		if (rc == KEL_SUCCESS && vportp != nullptr)
+			rc = kel_db_get_kelvport(h, tenant, kel, name, &raw);
+		const kel::Owned<kel_t, kel_free_kel> made(raw);
+		if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS) {
 			address.keep();
+			if (vportp != nullptr)
+				*vportp = static_cast<kel_vport_t *>(list_remove_head(&made->kel_ports));
+		}
 	}
-	if (rc != KEL_SUCCESS || vportp == nullptr)
-		return rc;
-	kel_t *k = nullptr;
-	if ((rc = kel_db_get_kelvport(h, tenant, kel, name, &k)) != KEL_SUCCESS)
-		return rc;
-	*vportp = static_cast<kel_vport_t *>(list_remove_head(&k->kel_ports));
-	kel_free_kel(k);
-	return KEL_SUCCESS;
+	return rc;
 }
 
 // NULL, or exactly "force=..."; true in *force for "force=yes".
@@ -207,9 +211,10 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 	int rc = lock.status();
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel_t *k = nullptr;
-	if (kel_db_get_kelvport(h, tenant, kel, name, &k) != KEL_SUCCESS)
+	kel_t *raw = nullptr;
+	if (kel_db_get_kelvport(h, tenant, kel, name, &raw) != KEL_SUCCESS)
 		return KEL_E_VPORT_NOTFOUND;
+	const KelPtr k(raw);
 	auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
 	bool force = false;
 	rc = parse_force(props, &force);
@@ -240,7 +245,6 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 		if (rc == KEL_SUCCESS)
 			rc = tx.commit();
 	}
-	kel_free_kel(k);
 	return rc;
 }
 
@@ -257,14 +261,16 @@ int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const cha
 {
 	if (!kel_valid_name(name))
 		return KEL_E_INVALID_NAME;
-	kel_t *k = nullptr;
+	KelPtr k;
 	int rc;
 	{
 		kel::StoreLock lock(h);
 		if ((rc = lock.status()) != KEL_SUCCESS)
 			return rc;
-		if ((rc = kel_db_get_kelvport(h, tenant, kel, name, &k)) != KEL_SUCCESS)
+		kel_t *raw = nullptr;
+		if ((rc = kel_db_get_kelvport(h, tenant, kel, name, &raw)) != KEL_SUCCESS)
 			return rc;
+		k.reset(raw);
 	}
 	auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
 	bool force = false;
@@ -286,7 +292,6 @@ int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const cha
 				rc = tx.commit();
 		}
 	}
-	kel_free_kel(k);
 	return rc;
 }
 

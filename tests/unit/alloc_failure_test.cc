@@ -1,0 +1,188 @@
+// Memory running out in the middle of a store operation: every allocation the operation
+// makes through operator new is made to fail in turn, and each time an operation that
+// fails must leave the store exactly as it was, with no drawn ID or address kept out of
+// its pool. The sanitizer build runs the same loop and finds any leak.
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <functional>
+#include <new>
+#include <string>
+
+#include "libkel.h"
+#include "paths.h"
+#include "store_fixture.h"
+
+namespace {
+
+// 0: disarmed; n > 0: the n-th operator new from now throws.
+std::atomic<long> countdown{0};
+std::atomic<bool> fired{false};
+
+void *allocate(std::size_t n)
+{
+	if (countdown.load(std::memory_order_relaxed) > 0 && countdown.fetch_sub(1) == 1) {
+		fired = true;
+		throw std::bad_alloc();
+	}
+	void *p = std::malloc(n != 0 ? n : 1);
+	if (p == nullptr)
+		throw std::bad_alloc();
+	return p;
+}
+
+}  // namespace
+
+// The test binary's own allocator: the library's objects are linked into it, so their
+// C++ allocations come here.
+void *operator new(std::size_t n) { return allocate(n); }
+void *operator new[](std::size_t n) { return allocate(n); }
+void *operator new(std::size_t n, const std::nothrow_t &) noexcept
+{
+	try {
+		return allocate(n);
+	} catch (const std::bad_alloc &) {
+		return nullptr;
+	}
+}
+void *operator new[](std::size_t n, const std::nothrow_t &t) noexcept { return operator new(n, t); }
+void operator delete(void *p) noexcept { std::free(p); }
+void operator delete[](void *p) noexcept { std::free(p); }
+void operator delete(void *p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
+
+namespace {
+
+class OutOfMemory : public kel::test::StoreFixture {
+protected:
+	void SetUp() override
+	{
+		StoreFixture::SetUp();
+		ASSERT_EQ(kel_db_set_ctrlprop(h_, "vlan-range=100-199", nullptr), KEL_SUCCESS);
+		ASSERT_EQ(kel_db_set_ctrlprop(h_, "vxlan-range=5000-5999", nullptr), KEL_SUCCESS);
+		ASSERT_EQ(kel_db_set_ctrlprop(h_, "uplink-port=eth0", nullptr), KEL_SUCCESS);
+		make_web("subnet=10.1.0.0/24", {"p1", "p2"});
+	}
+	void TearDown() override
+	{
+		countdown = 0;
+		StoreFixture::TearDown();
+	}
+
+	// The store file, to put back after an operation that got by without an allocation
+	// (a step it can do without) and changed the store.
+	std::string store_bytes()
+	{
+		std::ifstream in(kel::paths::under_root(kel::paths::kDbFile), std::ios::binary);
+		return std::string(std::istreambuf_iterator<char>(in), {});
+	}
+	void put_back(const std::string &bytes)
+	{
+		kel_db_close(h_);
+		std::ofstream(kel::paths::under_root(kel::paths::kDbFile), std::ios::binary | std::ios::trunc) << bytes;
+		ASSERT_EQ(kel_db_open(&h_, SQLITE_OPEN_READWRITE), KEL_SUCCESS);
+	}
+
+	// Runs `op` with its 1st, 2nd, ... allocation failing, until it runs through without
+	// reaching the failure; then it must have succeeded. An operation that fails must
+	// leave the store as it was: nothing written, no ID or address kept from its pool.
+	void each_allocation_fails(const char *what, const std::function<int()> &op)
+	{
+		for (long nth = 1;; nth++) {
+			ASSERT_LT(nth, 5000) << what << ": the operation never ran through";
+			const std::string before = dump();
+			const std::string bytes = store_bytes();
+			fired = false;
+			countdown = nth;
+			const int rc = op();
+			countdown = 0;
+			// A success, or one with a warning (a range left partly or not shared out),
+			// changed what it was asked to.
+			const bool done = rc == KEL_SUCCESS || rc == KEL_E_RANGE_PARTIAL || rc == KEL_E_RANGE_MANUAL;
+			if (!fired) {
+				EXPECT_TRUE(done) << what << ": " << rc;
+				return;
+			}
+			if (done)
+				put_back(bytes);
+			else
+				ASSERT_EQ(dump(), before) << what << ": allocation " << nth << " failed it (" << rc
+				                          << ") and changed the store";
+		}
+	}
+};
+
+TEST_F(OutOfMemory, StoreOperationsChangeNothingWhenMemoryRunsOut)
+{
+	const struct {
+		const char *what;
+		std::function<int(kel_dbhandle_t)> op;
+	} cases[] = {
+	    {"add a vport with a drawn address and MAC",
+	        [](kel_dbhandle_t h) {
+		        kel_vport_t *vp = nullptr;
+		        const int rc = kel_db_add_vport(h, "sys-global", "web", "p3", nullptr, &vp, 0);
+		        kel_free_vport(vp);
+		        return rc;
+	        }},
+	    {"create a VLAN kel with a drawn ID",
+	        [](kel_dbhandle_t h) {
+		        kel_t *k = nullptr;
+		        const int rc = kel_db_create_kel(h, nullptr, "db", "l2-type=vlan", 0, &k);
+		        kel_free_kel(k);
+		        return rc;
+	        }},
+	    {"add an ipnet",
+	        [](kel_dbhandle_t h) {
+		        kel_ipnet_t *ip = nullptr;
+		        const int rc = kel_db_add_ipnet(h, "sys-global", "db", "back", "subnet=10.2.0.0/24", &ip, 0);
+		        kel_free_ipnet(ip);
+		        return rc;
+	        }},
+	    {"bind a port",
+	        [](kel_dbhandle_t h) {
+		        kel_t *k = nullptr;
+		        const int rc = kel_db_assign_vport(h, "sys-global", "web", "p1", "vn1", "host-a", "vmid=7", &k);
+		        kel_free_kel(k);
+		        return rc;
+	        }},
+	    {"unbind it", [](kel_dbhandle_t h) { return kel_db_unassign_vport(h, "vn1", "host-a", nullptr); }},
+	    {"shrink the pool", [](kel_dbhandle_t h) {
+		     return kel_set_ipnetprop(h, "sys-global", "web", "n", "pool=10.1.0.2-10.1.0.99", 0);
+	     }},
+	    {"share the VLAN range between uplinks",
+	        [](kel_dbhandle_t h) {
+		        return kel_db_set_ctrlprop(h, "uplink-port=eth1,vlan-range=150-199", "host-a");
+	        }},
+	    {"change the fabric's VXLAN range",
+	        [](kel_dbhandle_t h) { return kel_db_set_ctrlprop(h, "vxlan-range=5000-6999", nullptr); }},
+	    {"remove a vport, giving its address back",
+	        [](kel_dbhandle_t h) { return kel_db_remove_vport(h, "sys-global", "web", "p2", nullptr, 0); }},
+	    {"delete a kel, giving its ID back",
+	        [](kel_dbhandle_t h) { return kel_db_delete_kel(h, "sys-global", "db", 0); }},
+	};
+	for (const auto &c : cases)
+		each_allocation_fails(c.what, [&] { return c.op(h_); });
+}
+
+TEST_F(OutOfMemory, ListingsLeakNothingWhenMemoryRunsOut)
+{
+	// What a failed listing allocated must be freed: the sanitizer build checks that.
+	each_allocation_fails("list kels with their ports and networks", [&] {
+		list_t kels;
+		const int rc = kel_db_get_filtered_kellist(h_, "tenant=sys-global", &kels, 0);
+		if (rc == KEL_SUCCESS)
+			kel_free_kellist(&kels);
+		return rc;
+	});
+	each_allocation_fails("list properties", [&] {
+		list_t props;
+		const int rc = kel_db_get_filtered_proplist(h_, "kel=web", nullptr, &props, KEL_PROPTYPE_VPORT);
+		if (rc == KEL_SUCCESS)
+			kel_free_proplist(&props);
+		return rc;
+	});
+}
+
+}  // namespace
