@@ -16,6 +16,7 @@
 #include "range.h"
 #include "records.h"
 #include "sql.h"
+#include "attrset_ptr.h"
 #include "names.h"
 #include "owners.h"
 
@@ -99,6 +100,7 @@ int kel_ipnpool_contains_addr(kel_dbhandle_t h, const char *filter, const char *
 	attrset_t *set = nullptr;
 	if ((rc = kel_str2attrset(props, &set, B_TRUE, ATTRSET_UNIQUE_NAME)) != KEL_SUCCESS)
 		return rc;
+	const kel::AttrSetPtr owned(set);
 	char *pool = nullptr;
 	if (attrset_lookup_string(set, "pool", &pool) != 0) {
 		*inpool = B_TRUE;	// an ipnet without a pool is all pool
@@ -109,7 +111,6 @@ int kel_ipnpool_contains_addr(kel_dbhandle_t h, const char *filter, const char *
 		else if (rc == KEL_E_RANGE_INUSE)
 			rc = KEL_SUCCESS;
 	}
-	attrset_free(set);
 	return rc;
 }
 
