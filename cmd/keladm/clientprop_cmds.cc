@@ -6,12 +6,8 @@
 
 namespace keladm {
 
-int set_clientprop(std::span<char *> args)
+int set_clientprop(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("set-clientprop");
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "set-clientprop takes one name=value");
 	int rc = kel_set_client_togprop(opts.operands[0]);
@@ -20,12 +16,8 @@ int set_clientprop(std::span<char *> args)
 	return kExitOk;
 }
 
-int show_clientprop(std::span<char *> args)
+int show_clientprop(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("show-clientprop");
-	Options opts;
-	if (!parse_options(cmd, args, kShow, &opts))
-		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "show-clientprop takes one list of names");
 	Output out;

@@ -6,12 +6,8 @@
 
 namespace keladm {
 
-int set_controlprop(std::span<char *> args)
+int set_controlprop(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("set-controlprop");
-	Options opts;
-	if (!parse_options(cmd, args, kChange | kHost, &opts))
-		return kExitUsage;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "set-controlprop takes one name=value[,attribute=value...]");
 	Store store;
@@ -30,12 +26,8 @@ int set_controlprop(std::span<char *> args)
 	return kExitOk;
 }
 
-int show_controlprop(std::span<char *> args)
+int show_controlprop(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("show-controlprop");
-	Options opts;
-	if (!parse_options(cmd, args, kShow | kHost, &opts))
-		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "show-controlprop takes one list of names");
 	Output out;

@@ -7,12 +7,8 @@
 
 namespace keladm {
 
-int add_ipnet(std::span<char *> args)
+int add_ipnet(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("add-ipnet");
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	Member m;
 	if (!one_member(cmd, opts, kel_parse_kelipnetname, "IPNET", &m))
 		return kExitUsage;
@@ -33,12 +29,8 @@ int add_ipnet(std::span<char *> args)
 	return kExitOk;
 }
 
-int remove_ipnet(std::span<char *> args)
+int remove_ipnet(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("remove-ipnet");
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	Member m;
 	if (!one_member(cmd, opts, kel_parse_kelipnetname, "IPNET", &m))
 		return kExitUsage;
@@ -52,12 +44,8 @@ int remove_ipnet(std::span<char *> args)
 	return kExitOk;
 }
 
-int show_ipnet(std::span<char *> args)
+int show_ipnet(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("show-ipnet");
-	Options opts;
-	if (!parse_options(cmd, args, kShow, &opts))
-		return kExitUsage;
 	Output out;
 	if (!out.configure({{"name"}, {"kel"}, {"tenant"}, {"subnet"}, {"defrouter"}, {"pool"},
 	                       {"available"}},

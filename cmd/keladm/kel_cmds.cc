@@ -31,12 +31,8 @@ std::string kel_filter(const Options &opts)
 
 }  // namespace
 
-int create_kel(std::span<char *> args)
+int create_kel(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("create-kel");
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "create-kel takes at most one name");
 	const char *name = opts.operands.empty() ? nullptr : opts.operands[0];
@@ -55,12 +51,8 @@ int create_kel(std::span<char *> args)
 	return kExitOk;
 }
 
-int delete_kel(std::span<char *> args)
+int delete_kel(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("delete-kel");
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "delete-kel takes one name");
 	Store store;
@@ -72,12 +64,8 @@ int delete_kel(std::span<char *> args)
 	return kExitOk;
 }
 
-int sync_flood(std::span<char *> args)
+int sync_flood(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("sync-flood");
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "sync-flood takes one kel name");
 	Store store;
@@ -89,12 +77,8 @@ int sync_flood(std::span<char *> args)
 	return kExitOk;
 }
 
-int show_kel(std::span<char *> args)
+int show_kel(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("show-kel");
-	Options opts;
-	if (!parse_options(cmd, args, kShow, &opts))
-		return kExitUsage;
 	Output out;
 	if (!out.configure({{"name"}, {"tenant"}, {"l2type"}, {"id"}, {"status"}, {"uuid"}, {"vports"}},
 	        opts.fields, opts.format))

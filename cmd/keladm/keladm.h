@@ -15,15 +15,15 @@ inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 
 
+struct Options;
+
 struct Subcommand {
 	const char *name;
 	const char *usage;	// operands and options after the name
 	const char *summary;	// one line for the overview
-	int (*run)(std::span<char *> args);	// args[0] is the subcommand's name
+	unsigned options;	// the OptionSet it takes; the dispatcher parses them
+	int (*run)(const Subcommand &cmd, const Options &opts);
 };
-
-// The subcommand called `name`; it must exist.
-const Subcommand &subcommand(const char *name);
 
 // Reports a failed library call as "keladm: <what>: <message of code>" and returns
 // kExitFailed.
@@ -54,6 +54,7 @@ enum OptionSet : unsigned {
 	kForce = 4,		// -f: go on although the object is in use
 	kNames = 8,		// -P name,...: which properties to show
 	kVnic = 16,		// --macvtap, --address: how a VNIC is made
+	kRaw = 1u << 31,	// none: every word after the name is an operand
 };
 
 // Parses `args` for subcommand `cmd`. Returns false after a usage message.
@@ -71,33 +72,33 @@ private:
 	kel_dbhandle_t handle_ = nullptr;
 };
 
-int create_store(std::span<char *> args);
-int create_kel(std::span<char *> args);
-int delete_kel(std::span<char *> args);
-int show_kel(std::span<char *> args);
-int sync_flood(std::span<char *> args);
-int add_ipnet(std::span<char *> args);
-int remove_ipnet(std::span<char *> args);
-int show_ipnet(std::span<char *> args);
-int add_vport(std::span<char *> args);
-int remove_vport(std::span<char *> args);
-int reset_vport(std::span<char *> args);
-int show_vport(std::span<char *> args);
-int set_clientprop(std::span<char *> args);
-int show_clientprop(std::span<char *> args);
-int set_controlprop(std::span<char *> args);
-int show_controlprop(std::span<char *> args);
-int upgrade_store(std::span<char *> args);
-int check_store(std::span<char *> args);
-int set_kelprop(std::span<char *> args);
-int set_vportprop(std::span<char *> args);
-int set_ipnetprop(std::span<char *> args);
-int show_kelprop(std::span<char *> args);
-int show_vportprop(std::span<char *> args);
-int show_ipnetprop(std::span<char *> args);
-int create_vnic(std::span<char *> args);
-int delete_vnic(std::span<char *> args);
-int show_vnic(std::span<char *> args);
+int create_store(const Subcommand &cmd, const Options &opts);
+int create_kel(const Subcommand &cmd, const Options &opts);
+int delete_kel(const Subcommand &cmd, const Options &opts);
+int show_kel(const Subcommand &cmd, const Options &opts);
+int sync_flood(const Subcommand &cmd, const Options &opts);
+int add_ipnet(const Subcommand &cmd, const Options &opts);
+int remove_ipnet(const Subcommand &cmd, const Options &opts);
+int show_ipnet(const Subcommand &cmd, const Options &opts);
+int add_vport(const Subcommand &cmd, const Options &opts);
+int remove_vport(const Subcommand &cmd, const Options &opts);
+int reset_vport(const Subcommand &cmd, const Options &opts);
+int show_vport(const Subcommand &cmd, const Options &opts);
+int set_clientprop(const Subcommand &cmd, const Options &opts);
+int show_clientprop(const Subcommand &cmd, const Options &opts);
+int set_controlprop(const Subcommand &cmd, const Options &opts);
+int show_controlprop(const Subcommand &cmd, const Options &opts);
+int upgrade_store(const Subcommand &cmd, const Options &opts);
+int check_store(const Subcommand &cmd, const Options &opts);
+int set_kelprop(const Subcommand &cmd, const Options &opts);
+int set_vportprop(const Subcommand &cmd, const Options &opts);
+int set_ipnetprop(const Subcommand &cmd, const Options &opts);
+int show_kelprop(const Subcommand &cmd, const Options &opts);
+int show_vportprop(const Subcommand &cmd, const Options &opts);
+int show_ipnetprop(const Subcommand &cmd, const Options &opts);
+int create_vnic(const Subcommand &cmd, const Options &opts);
+int delete_vnic(const Subcommand &cmd, const Options &opts);
+int show_vnic(const Subcommand &cmd, const Options &opts);
 
 // A member of a switch (an ipnet, a vport), named on the command line as KEL/NAME.
 struct Member {

@@ -22,18 +22,14 @@ constexpr Kind kKel = {"kel", nullptr, KEL_PROPTYPE_KEL, nullptr};
 constexpr Kind kVport = {"vport", "VPORT", KEL_PROPTYPE_VPORT, kel_parse_kelvportname};
 constexpr Kind kIpnet = {"ipnet", "IPNET", KEL_PROPTYPE_IPNET, kel_parse_kelipnetname};
 
-int set_prop(std::span<char *> args, const char *name, const Kind &kind)
+int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 {
-	const Subcommand &cmd = subcommand(name);
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	if (opts.props.empty())
-		return usage_error(cmd, std::string(name) + " needs -p name=value");
+		return usage_error(cmd, std::string(cmd.name) + " needs -p name=value");
 	Member m;
 	if (kind.member == nullptr) {
 		if (opts.operands.size() != 1)
-			return usage_error(cmd, std::string(name) + " takes one KEL");
+			return usage_error(cmd, std::string(cmd.name) + " takes one KEL");
 		m.kel = opts.operands[0];
 	} else if (!one_member(cmd, opts, kind.parse, kind.member, &m)) {
 		return kExitUsage;
@@ -84,12 +80,8 @@ int object_names(kel_dbhandle_t h, const char *filter, const Kind &kind, std::ve
 	return KEL_SUCCESS;
 }
 
-int show_prop(std::span<char *> args, const char *name, const Kind &kind)
+int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 {
-	const Subcommand &cmd = subcommand(name);
-	Options opts;
-	if (!parse_options(cmd, args, kShow | kNames, &opts))
-		return kExitUsage;
 	Output out;
 	if (!out.configure({{kind.noun}, {"property"}, {"permission"}, {"value"}, {"default"}, {"possible"}},
 	        opts.fields, opts.format))
@@ -97,7 +89,7 @@ int show_prop(std::span<char *> args, const char *name, const Kind &kind)
 	char kel[KEL_NAME_LEN] = "", member[KEL_NAME_LEN] = "";
 	if (kind.member == nullptr) {
 		if (opts.operands.size() > 1)
-			return usage_error(cmd, std::string(name) + " takes at most one KEL");
+			return usage_error(cmd, std::string(cmd.name) + " takes at most one KEL");
 		if (!opts.operands.empty() && !kel_valid_name(opts.operands[0]))
 			return usage_error(cmd, std::string("'") + opts.operands[0] + "' is not a kel name");
 		if (!opts.operands.empty())
@@ -143,34 +135,34 @@ int show_prop(std::span<char *> args, const char *name, const Kind &kind)
 
 }  // namespace
 
-int set_kelprop(std::span<char *> args)
+int set_kelprop(const Subcommand &cmd, const Options &opts)
 {
-	return set_prop(args, "set-kelprop", kKel);
+	return set_prop(cmd, opts, kKel);
 }
 
-int set_vportprop(std::span<char *> args)
+int set_vportprop(const Subcommand &cmd, const Options &opts)
 {
-	return set_prop(args, "set-vportprop", kVport);
+	return set_prop(cmd, opts, kVport);
 }
 
-int set_ipnetprop(std::span<char *> args)
+int set_ipnetprop(const Subcommand &cmd, const Options &opts)
 {
-	return set_prop(args, "set-ipnetprop", kIpnet);
+	return set_prop(cmd, opts, kIpnet);
 }
 
-int show_kelprop(std::span<char *> args)
+int show_kelprop(const Subcommand &cmd, const Options &opts)
 {
-	return show_prop(args, "show-kelprop", kKel);
+	return show_prop(cmd, opts, kKel);
 }
 
-int show_vportprop(std::span<char *> args)
+int show_vportprop(const Subcommand &cmd, const Options &opts)
 {
-	return show_prop(args, "show-vportprop", kVport);
+	return show_prop(cmd, opts, kVport);
 }
 
-int show_ipnetprop(std::span<char *> args)
+int show_ipnetprop(const Subcommand &cmd, const Options &opts)
 {
-	return show_prop(args, "show-ipnetprop", kIpnet);
+	return show_prop(cmd, opts, kIpnet);
 }
 
 }  // namespace keladm

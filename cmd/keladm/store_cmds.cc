@@ -9,10 +9,10 @@
 
 namespace keladm {
 
-int create_store(std::span<char *> args)
+int create_store(const Subcommand &cmd, const Options &opts)
 {
-	if (args.size() > 1)
-		return usage_error(subcommand("create-store"), "create-store takes no operands");
+	if (!opts.operands.empty())
+		return usage_error(cmd, "create-store takes no operands");
 	int rc = kel_db_create();
 	if (rc != KEL_SUCCESS)
 		return fail("cannot create the configuration store", rc);
@@ -30,21 +30,20 @@ int create_store(std::span<char *> args)
 	return kExitOk;
 }
 
-int upgrade_store(std::span<char *> args)
+int upgrade_store(const Subcommand &cmd, const Options &opts)
 {
-	if (args.size() > 1)
-		return usage_error(subcommand("upgrade-store"), "upgrade-store takes no operands");
+	if (!opts.operands.empty())
+		return usage_error(cmd, "upgrade-store takes no operands");
 	int rc = kel_db_upgrade();
 	if (rc != KEL_SUCCESS)
 		return fail("cannot upgrade the configuration store", rc);
 	return kExitOk;
 }
 
-int check_store(std::span<char *> args)
+int check_store(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("check-store");
-	const bool repair = args.size() == 2 && std::string(args[1]) == "--repair";
-	if (args.size() > 2 || (args.size() == 2 && !repair))
+	const bool repair = opts.operands.size() == 1 && std::string(opts.operands[0]) == "--repair";
+	if (opts.operands.size() > 1 || (opts.operands.size() == 1 && !repair))
 		return usage_error(cmd, "check-store takes only --repair");
 	Store store;
 	if (store.open(repair) != KEL_SUCCESS)

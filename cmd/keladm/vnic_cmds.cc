@@ -130,12 +130,8 @@ private:
 
 }  // namespace
 
-int create_vnic(std::span<char *> args)
+int create_vnic(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("create-vnic");
-	Options opts;
-	if (!parse_options(cmd, args, kChange | kVnic, &opts))
-		return kExitUsage;
 	if (opts.operands.size() != 2)
 		return usage_error(cmd, "give the kel (or KEL/VPORT) and the VNIC's name");
 	char kel[KEL_NAME_LEN], vport[KEL_NAME_LEN];
@@ -179,12 +175,8 @@ int create_vnic(std::span<char *> args)
 	return kExitOk;
 }
 
-int delete_vnic(std::span<char *> args)
+int delete_vnic(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("delete-vnic");
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "give the VNIC's name");
 	const std::string vnic = opts.operands[0];
@@ -205,12 +197,8 @@ int delete_vnic(std::span<char *> args)
 	return kExitOk;
 }
 
-int show_vnic(std::span<char *> args)
+int show_vnic(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("show-vnic");
-	Options opts;
-	if (!parse_options(cmd, args, kShow, &opts))
-		return kExitUsage;
 	Output out;
 	if (!out.configure({{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"}, {"lower"},
 	                       {"ipackets"}, {"rbytes"}, {"opackets"}, {"obytes"}},

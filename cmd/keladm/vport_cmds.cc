@@ -14,12 +14,8 @@ using VportChange = int (*)(kel_dbhandle_t, const char *, const char *, const ch
     const char *, uint32_t);
 
 // remove-vport and reset-vport: one KEL/VPORT, -f to go on although the port is bound.
-int change(std::span<char *> args, const char *name, VportChange op, const char *verb)
+int change(const Subcommand &cmd, const Options &opts, VportChange op, const char *verb)
 {
-	const Subcommand &cmd = subcommand(name);
-	Options opts;
-	if (!parse_options(cmd, args, kForce, &opts))
-		return kExitUsage;
 	Member m;
 	if (!one_member(cmd, opts, kel_parse_kelvportname, "VPORT", &m))
 		return kExitUsage;
@@ -36,12 +32,8 @@ int change(std::span<char *> args, const char *name, VportChange op, const char 
 
 }  // namespace
 
-int add_vport(std::span<char *> args)
+int add_vport(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("add-vport");
-	Options opts;
-	if (!parse_options(cmd, args, kChange, &opts))
-		return kExitUsage;
 	Member m;
 	if (!one_member(cmd, opts, kel_parse_kelvportname, "VPORT", &m))
 		return kExitUsage;
@@ -60,22 +52,18 @@ int add_vport(std::span<char *> args)
 	return kExitOk;
 }
 
-int remove_vport(std::span<char *> args)
+int remove_vport(const Subcommand &cmd, const Options &opts)
 {
-	return change(args, "remove-vport", kel_db_remove_vport, "remove");
+	return change(cmd, opts, kel_db_remove_vport, "remove");
 }
 
-int reset_vport(std::span<char *> args)
+int reset_vport(const Subcommand &cmd, const Options &opts)
 {
-	return change(args, "reset-vport", kel_db_reset_vport, "reset");
+	return change(cmd, opts, kel_db_reset_vport, "reset");
 }
 
-int show_vport(std::span<char *> args)
+int show_vport(const Subcommand &cmd, const Options &opts)
 {
-	const Subcommand &cmd = subcommand("show-vport");
-	Options opts;
-	if (!parse_options(cmd, args, kShow, &opts))
-		return kExitUsage;
 	Output out;
 	if (!out.configure({{"name"}, {"kel"}, {"tenant"}, {"status"}, {"host"}, {"vnic"},
 	                       {"ipaddr"}, {"macaddr"}, {"uuid"}},
