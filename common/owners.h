@@ -4,7 +4,10 @@
 //   Owned<T, Free>   one record, freed with its free function
 //   Text             a malloc'd string
 //   RecordList<T>    a list of kel_t, kel_vport_t, kel_ipnet_t, kel_prop_t,
-//                    kel_ctrlprop_t or kel_togprop_t records, read by a lister
+//                    kel_ctrlprop_t, kel_togprop_t or kel_store_problem_t records,
+//                    read by a lister
+//   each<T>          range-for over a list owned elsewhere
+// It is built on the public C API alone, so keladm uses it too.
 //   Hold<GiveBack>   a value drawn from a range or pool, given back unless kept
 #pragma once
 
@@ -53,6 +56,39 @@ template <>
 struct ListFree<kel_ctrlprop_t> { static void free(list_t *l) { kel_free_ctrlproplist(l); } };
 template <>
 struct ListFree<kel_togprop_t> { static void free(list_t *l) { kel_free_togproplist(l); } };
+template <>
+struct ListFree<kel_store_problem_t> { static void free(list_t *l) { kel_free_problemlist(l); } };
+
+// Walks the records of a list_t.
+template <class T>
+class ListIterator {
+public:
+	ListIterator(list_t *l, T *at) : l_(l), at_(at) {}
+	T *operator*() const { return at_; }
+	ListIterator &operator++()
+	{
+		at_ = static_cast<T *>(list_next(l_, at_));
+		return *this;
+	}
+	bool operator!=(const ListIterator &o) const { return at_ != o.at_; }
+
+private:
+	list_t *l_;
+	T *at_;
+};
+
+// Range-for over a list someone else owns, such as a kel's ports:
+//   for (kel_vport_t *vp : kel::each<kel_vport_t>(&k->kel_ports))
+template <class T>
+class each {
+public:
+	explicit each(list_t *l) : l_(l) {}
+	ListIterator<T> begin() const { return {l_, static_cast<T *>(list_head(l_))}; }
+	ListIterator<T> end() const { return {l_, nullptr}; }
+
+private:
+	list_t *l_;
+};
 
 // A list of records that a lister fills. It owns the list only once the lister has
 // succeeded (a failed lister leaves nothing to free), and frees it, records and all,
@@ -81,23 +117,8 @@ public:
 		return rc;
 	}
 
-	class iterator {
-	public:
-		iterator(list_t *l, T *at) : l_(l), at_(at) {}
-		T *operator*() const { return at_; }
-		iterator &operator++()
-		{
-			at_ = static_cast<T *>(list_next(l_, at_));
-			return *this;
-		}
-		bool operator!=(const iterator &o) const { return at_ != o.at_; }
-
-	private:
-		list_t *l_;
-		T *at_;
-	};
-	iterator begin() { return {&list_, owned_ ? static_cast<T *>(list_head(&list_)) : nullptr}; }
-	iterator end() { return {&list_, nullptr}; }
+	ListIterator<T> begin() { return {&list_, owned_ ? static_cast<T *>(list_head(&list_)) : nullptr}; }
+	ListIterator<T> end() { return {&list_, nullptr}; }
 
 	T *front() { return owned_ ? static_cast<T *>(list_head(&list_)) : nullptr; }
 	bool empty() { return front() == nullptr; }

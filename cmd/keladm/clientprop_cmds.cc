@@ -3,6 +3,7 @@
 #include <string>
 
 #include "keladm.h"
+#include "owners.h"
 
 namespace keladm {
 
@@ -24,14 +25,12 @@ int show_clientprop(const Subcommand &cmd, const Options &opts)
 	if (!out.configure({{"property"}, {"permission"}, {"value"}, {"default"}}, opts.fields,
 	        opts.format))
 		return kExitUsage;
-	list_t list;
-	int rc = kel_get_client_togprop(opts.operands.empty() ? nullptr : opts.operands[0], &list);
+	kel::RecordList<kel_togprop_t> settings;
+	int rc = settings.read([&](list_t *l) { return kel_get_client_togprop(opts.operands.empty() ? nullptr : opts.operands[0], l); });
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list client properties", rc);
-	for (auto *p = static_cast<kel_togprop_t *>(list_head(&list)); p;
-	     p = static_cast<kel_togprop_t *>(list_next(&list, p)))
+	for (kel_togprop_t *p : settings)
 		out.add({p->esp_propname, p->esp_perm, p->esp_propval, p->esp_defvalue});
-	kel_free_togproplist(&list);
 	out.print();
 	return kExitOk;
 }

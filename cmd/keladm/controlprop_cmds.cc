@@ -3,6 +3,7 @@
 #include <string>
 
 #include "keladm.h"
+#include "owners.h"
 
 namespace keladm {
 
@@ -38,18 +39,17 @@ int show_controlprop(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
-	list_t list;
-	int rc = kel_db_get_ctrlprop(store.get(), opts.operands.empty() ? nullptr : opts.operands[0],
-	    opts.host, &list);
+	kel::RecordList<kel_ctrlprop_t> rows;
+	int rc = rows.read([&](list_t *l) {
+		return kel_db_get_ctrlprop(store.get(), opts.operands.empty() ? nullptr : opts.operands[0], opts.host, l);
+	});
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list controller properties", rc);
 	auto text = [](const char *s) { return std::string(s != nullptr ? s : ""); };
-	for (auto *p = static_cast<kel_ctrlprop_t *>(list_head(&list)); p;
-	     p = static_cast<kel_ctrlprop_t *>(list_next(&list, p)))
+	for (kel_ctrlprop_t *p : rows)
 		out.add({p->ecp_propname, p->ecp_host, p->ecp_perm, text(p->ecp_propval), p->ecp_defvalue,
 		    text(p->ecp_vlanrange), text(p->ecp_vxlanrange),
 		    p->ecp_flatrange == nullptr ? "" : *p->ecp_flatrange ? "yes" : ""});
-	kel_free_ctrlproplist(&list);
 	out.print();
 	return kExitOk;
 }

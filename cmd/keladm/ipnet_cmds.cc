@@ -4,6 +4,7 @@
 #include <string>
 
 #include "keladm.h"
+#include "owners.h"
 
 namespace keladm {
 
@@ -57,19 +58,17 @@ int show_ipnet(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
-	list_t list;
-	int rc = kel_db_get_ipnetlist(store.get(), opts.tenant.c_str(), kel, name, &list, 0);
+	kel::RecordList<kel_ipnet_t> nets;
+	int rc = nets.read([&](list_t *l) { return kel_db_get_ipnetlist(store.get(), opts.tenant.c_str(), kel, name, l, 0); });
 	if (rc == KEL_E_IPNET_NOTFOUND && opts.operands.empty()) {
 		out.print();
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list ipnets", rc);
-	for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&list)); ip;
-	     ip = static_cast<kel_ipnet_t *>(list_next(&list, ip)))
+	for (kel_ipnet_t *ip : nets)
 		out.add({ip->ei_name, ip->ei_kelname, ip->ei_tenantname, ip->ei_subnet,
 		    prop(ip->ei_props, "defrouter"), prop(ip->ei_props, "pool"), ip->ei_availrange});
-	kel_free_ipnetlist(&list);
 	out.print();
 	return kExitOk;
 }

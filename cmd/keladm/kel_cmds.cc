@@ -5,6 +5,7 @@
 #include <string>
 
 #include "keladm.h"
+#include "owners.h"
 
 namespace keladm {
 namespace {
@@ -90,8 +91,9 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
-	list_t list;
-	int rc = kel_db_get_filtered_kellist(store.get(), kel_filter(opts).c_str(), &list, 0);
+	kel::RecordList<kel_t> kels;
+	const std::string filter = kel_filter(opts);
+	int rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(store.get(), filter.c_str(), l, 0); });
 	// An empty fabric is nothing to show, not a failure; a named switch that is not there is.
 	if (rc == KEL_E_KEL_NOTFOUND && opts.operands.empty()) {
 		out.print();
@@ -99,17 +101,15 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 	}
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list kels", rc);
-	for (auto *k = static_cast<kel_t *>(list_head(&list)); k; k = static_cast<kel_t *>(list_next(&list, k))) {
+	for (kel_t *k : kels) {
 		char uu[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(k->kel_uuid, uu);
 		std::string vports;
-		for (auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports)); vp;
-		     vp = static_cast<kel_vport_t *>(list_next(&k->kel_ports, vp)))
+		for (kel_vport_t *vp : kel::each<kel_vport_t>(&k->kel_ports))
 			vports += (vports.empty() ? "" : ",") + std::string(vp->evp_name);
 		out.add({k->kel_name, k->kel_tenantname, prop(k->kel_props, "l2-type"), kel_id(k->kel_props),
 		    k->kel_status == KEL_STATUS_BUSY ? "busy" : "idle", uu, vports});
 	}
-	kel_free_kellist(&list);
 	out.print();
 	return kExitOk;
 }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "keladm.h"
+#include "owners.h"
 
 namespace keladm {
 namespace {
@@ -54,28 +55,26 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 // The selected objects' names in the order the listing reports them.
 int object_names(kel_dbhandle_t h, const char *filter, const Kind &kind, std::vector<std::string> *out)
 {
-	list_t list;
-	int rc;
 	if (kind.type == KEL_PROPTYPE_KEL) {
-		if ((rc = kel_db_get_filtered_kellist(h, filter, &list, 0)) != KEL_SUCCESS)
+		kel::RecordList<kel_t> kels;
+		if (int rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); }); rc != KEL_SUCCESS)
 			return rc;
-		for (auto *k = static_cast<kel_t *>(list_head(&list)); k; k = static_cast<kel_t *>(list_next(&list, k)))
+		for (kel_t *k : kels)
 			out->push_back(k->kel_name);
-		kel_free_kellist(&list);
 	} else if (kind.type == KEL_PROPTYPE_VPORT) {
-		if ((rc = kel_db_get_filtered_vportlist(h, filter, &list, 0)) != KEL_SUCCESS)
+		kel::RecordList<kel_vport_t> ports;
+		if (int rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
+		    rc != KEL_SUCCESS)
 			return rc;
-		for (auto *v = static_cast<kel_vport_t *>(list_head(&list)); v;
-		     v = static_cast<kel_vport_t *>(list_next(&list, v)))
+		for (kel_vport_t *v : ports)
 			out->push_back(std::string(v->evp_kelname) + "/" + v->evp_name);
-		kel_free_vportlist(&list);
 	} else {
-		if ((rc = kel_db_get_filtered_ipnetlist(h, filter, &list, 0)) != KEL_SUCCESS)
+		kel::RecordList<kel_ipnet_t> nets;
+		if (int rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); });
+		    rc != KEL_SUCCESS)
 			return rc;
-		for (auto *n = static_cast<kel_ipnet_t *>(list_head(&list)); n;
-		     n = static_cast<kel_ipnet_t *>(list_next(&list, n)))
+		for (kel_ipnet_t *n : nets)
 			out->push_back(std::string(n->ei_kelname) + "/" + n->ei_name);
-		kel_free_ipnetlist(&list);
 	}
 	return KEL_SUCCESS;
 }
@@ -117,18 +116,19 @@ int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 		}
 		return fail(what, rc);
 	}
-	list_t list;
+	kel::RecordList<kel_prop_t> props;
 	const char *names = opts.names.empty() ? nullptr : opts.names.c_str();
-	if ((rc = kel_db_get_filtered_proplist(store.get(), filter, names, &list, kind.type)) != KEL_SUCCESS)
+	if ((rc = props.read([&](list_t *l) { return kel_db_get_filtered_proplist(store.get(), filter, names, l, kind.type); })) !=
+	    KEL_SUCCESS)
 		return fail(what, rc);
 	// Every object has the same number of records, in the objects' order.
-	const size_t per_object = std::max<size_t>(1, kel_list_count(&list) / std::max<size_t>(1, objects.size()));
+	const size_t per_object = std::max<size_t>(1, kel_list_count(props.get()) / std::max<size_t>(1, objects.size()));
 	size_t i = 0;
-	for (auto *p = static_cast<kel_prop_t *>(list_head(&list)); p;
-	     p = static_cast<kel_prop_t *>(list_next(&list, p)), i++)
+	for (kel_prop_t *p : props) {
 		out.add({objects[i / per_object], p->ep_propname, p->ep_perm,
 		    p->ep_current != nullptr ? p->ep_current : "", p->ep_default, p->ep_possible});
-	kel_free_proplist(&list);
+		i++;
+	}
 	out.print();
 	return kExitOk;
 }

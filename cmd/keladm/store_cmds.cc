@@ -5,6 +5,7 @@
 #include <string>
 
 #include "keladm.h"
+#include "owners.h"
 #include "libkel.h"
 
 namespace keladm {
@@ -48,19 +49,17 @@ int check_store(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(repair) != KEL_SUCCESS)
 		return kExitFailed;
-	list_t problems;
-	const int rc = kel_db_check_store(store.get(), repair ? KEL_CHECK_REPAIR : 0, &problems);
+	kel::RecordList<kel_store_problem_t> problems;
+	const int rc = problems.read([&](list_t *l) { return kel_db_check_store(store.get(), repair ? KEL_CHECK_REPAIR : 0, l); });
 	if (rc != KEL_SUCCESS)
 		return fail(repair ? "cannot repair the configuration store" : "cannot check the configuration store", rc);
 	// One line per problem; with --repair, whether it was put right.
 	bool left = false;
-	for (auto *p = static_cast<kel_store_problem_t *>(list_head(&problems)); p != nullptr;
-	     p = static_cast<kel_store_problem_t *>(list_next(&problems, p))) {
+	for (kel_store_problem_t *p : problems) {
 		const char *state = !repair ? "" : p->esp_repaired ? "repaired: " : "not repaired: ";
 		std::printf("%s%s: %s\n", state, p->esp_object, p->esp_text);
 		left = left || !p->esp_repaired;
 	}
-	kel_free_problemlist(&problems);
 	return left ? kExitFailed : kExitOk;
 }
 

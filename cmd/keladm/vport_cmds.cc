@@ -6,6 +6,7 @@
 #include <string>
 
 #include "keladm.h"
+#include "owners.h"
 
 namespace keladm {
 namespace {
@@ -81,16 +82,15 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
-	list_t list;
-	rc = kel_db_get_filtered_vportlist(store.get(), filter, &list, 0);
+	kel::RecordList<kel_vport_t> ports;
+	rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(store.get(), filter, l, 0); });
 	if (rc == KEL_E_VPORT_NOTFOUND && opts.operands.empty()) {
 		out.print();
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list vports", rc);
-	for (auto *vp = static_cast<kel_vport_t *>(list_head(&list)); vp;
-	     vp = static_cast<kel_vport_t *>(list_next(&list, vp))) {
+	for (kel_vport_t *vp : ports) {
 		char uuid[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(vp->evp_uuid, uuid);
 		out.add({vp->evp_name, vp->evp_kelname, vp->evp_tenantname,
@@ -98,7 +98,6 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 		    vp->evp_vnicname, prop(vp->evp_props, "ipaddr"), prop(vp->evp_props, "macaddr"),
 		    uuid});
 	}
-	kel_free_vportlist(&list);
 	out.print();
 	return kExitOk;
 }
