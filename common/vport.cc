@@ -97,44 +97,85 @@ int draw_address(kel_dbhandle_t h, const kel_ipnet_t *ip, const char *given, cha
 	    : KEL_SUCCESS;
 }
 
+// What a caller asks of a new port: its properties, and the address, MAC and UUID it
+// gives ("auto" for the first two when it leaves them to the fabric).
+struct PortRequest {
+	kel::AttrSetPtr set;
+	char addr[46], mac_text[18], uuid[KEL_UUID_TEXT_LEN];
+	GivenMac mac{nullptr, {}, {}};
+	bool mac_given = false;
+};
+
+// Step 1, before the lock: the caller's text read and checked.
+int read_request(const char *props, PortRequest *req)
+{
+	int rc = kel::read_props(props, &req->set);
+	if (rc != KEL_SUCCESS || (rc = kel_check_prop(req->set.get(), KEL_PROPTYPE_VPORT)) != KEL_SUCCESS)
+		return rc;
+	take(req->set.get(), "ipaddr", req->addr, sizeof(req->addr), "auto");
+	take(req->set.get(), "macaddr", req->mac_text, sizeof(req->mac_text), "auto");
+	kel_take_uuid(req->set.get(), req->uuid);
+	// A port's MAC is one Ethernet unicast address, kept in one spelling.
+	req->mac.text = req->mac_text;
+	req->mac_given = std::strcmp(req->mac_text, "auto") != 0;
+	return req->mac_given ? kel_parse_port_mac(req->mac_text, req->mac.bytes, req->mac.canonical) : KEL_SUCCESS;
+}
+
+// Step 2, under the lock: the switch exists and the name is free (a port given no name
+// takes one from its UUID, into `derived`).
+int check_name(kel_dbhandle_t h, const char *tenant, const char *kel, const PortRequest &req, const char **name,
+    char (&derived)[KEL_UUID_TEXT_LEN])
+{
+	if (!kel_db_kel_exists(h, tenant, kel))
+		return KEL_E_KEL_NOTFOUND;
+	if (*name == nullptr) {
+		kel_uuidstr2name(req.uuid, derived, sizeof(derived));
+		*name = derived;
+		return KEL_SUCCESS;
+	}
+	return kel_db_vport_exists(h, tenant, kel, *name) ? KEL_E_EXISTS : KEL_SUCCESS;
+}
+
+// Step 4, in the transaction after the address draw: the MAC picked and the row written.
+int insert_port(kel_dbhandle_t h, const kel_ipnet_t *ip, PortRequest *req, const char *addr, const char *name)
+{
+	const std::string ipaddr = std::string(addr) + "/" + std::to_string(ip->ei_prefixlen);
+	if (attrset_add_string(req->set.get(), "ipaddr", ipaddr.c_str()) != 0)
+		return KEL_E_NOMEM;
+	char mac[18];
+	int rc = pick_mac(h, req->mac_given ? &req->mac : nullptr, mac);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	if (attrset_add_string(req->set.get(), "macaddr", mac) != 0)
+		return KEL_E_NOMEM;
+	kel::Text text;
+	if ((rc = kel::props_text(req->set.get(), &text)) != KEL_SUCCESS)
+		return rc;
+	// The network names its switch: reading the switch itself would read all its ports.
+	return kel::exec(h->edh_db,
+	    "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
+	    "vport_hostname) VALUES(?, ?, ?, ?, ?)",
+	    {req->uuid, kel::uuid_text(ip->ei_keluuid), name, text.get(), ""});
+}
+
 int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
     const char *props, kel_vport_t **vportp, uint32_t flags)
 {
 	if (name != nullptr && !kel::valid_new_name(name, flags))
 		return KEL_E_INVALID_NAME;
-	kel::AttrSetPtr set;
-	int rc = kel::read_props(props, &set);
+	PortRequest req;
+	int rc = read_request(props, &req);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	if ((rc = kel_check_prop(set.get(), KEL_PROPTYPE_VPORT)) != KEL_SUCCESS)
-		return rc;
-	char given_addr[46], given_mac[18], uuidtext[KEL_UUID_TEXT_LEN];
-	take(set.get(), "ipaddr", given_addr, sizeof(given_addr), "auto");
-	take(set.get(), "macaddr", given_mac, sizeof(given_mac), "auto");
-	kel_take_uuid(set.get(), uuidtext);
-	// A port's MAC is one Ethernet unicast address, kept in one spelling.
-	GivenMac given{given_mac, {}, {}};
-	const bool mac_given = std::strcmp(given_mac, "auto") != 0;
-	if (mac_given && (rc = kel_parse_port_mac(given_mac, given.bytes, given.canonical)) != KEL_SUCCESS)
-		return rc;
-
 	kel::StoreLock lock(h);
-	if ((rc = lock.status()) != KEL_SUCCESS)
-		return rc;
-	if (!kel_db_kel_exists(h, tenant, kel))
-		return KEL_E_KEL_NOTFOUND;
 	char derived[KEL_UUID_TEXT_LEN];
-	if (name == nullptr) {
-		kel_uuidstr2name(uuidtext, derived, sizeof(derived));
-		name = derived;
-	} else if (kel_db_vport_exists(h, tenant, kel, name)) {
-		return KEL_E_EXISTS;
-	}
+	if ((rc = lock.status()) != KEL_SUCCESS || (rc = check_name(h, tenant, kel, req, &name, derived)) != KEL_SUCCESS)
+		return rc;
+	// Step 3: the switch's network, whose pool the address comes from.
 	char filter[kFilterLen];
 	kel::RecordList<kel_ipnet_t> nets;
-	if ((rc = kel::names_filter(filter, tenant, kel)) != KEL_SUCCESS)
-		return rc;
-	if ((rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); })) != KEL_SUCCESS)
+	if ((rc = kel::names_filter(filter, tenant, kel)) != KEL_SUCCESS ||
+	    (rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); })) != KEL_SUCCESS)
 		return rc;
 	const kel_ipnet_t *ip = nets.front();
 	char addr[46];
@@ -145,39 +186,21 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	kel::Transaction tx(h->edh_db);
 	kel::Hold address([&] { (void)kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr); });
 	if ((rc = tx.begin()) == KEL_SUCCESS)
-		rc = draw_address(h, ip, given_addr, addr, &drawn);
+		rc = draw_address(h, ip, req.addr, addr, &drawn);
 	if (drawn)
 		address.arm();
-	if (rc == KEL_SUCCESS) {
-		const std::string ipaddr = std::string(addr) + "/" + std::to_string(ip->ei_prefixlen);
-		char mac[18];
-		kel::Text text;
-		if (attrset_add_string(set.get(), "ipaddr", ipaddr.c_str()) != 0)
-			rc = KEL_E_NOMEM;
-		if (rc == KEL_SUCCESS) {
-			// The network names its switch: reading the switch itself would read all its ports.
-			char keluuid[KEL_UUID_TEXT_LEN];
-			uuid_unparse_lower(ip->ei_keluuid, keluuid);
-			if ((rc = pick_mac(h, mac_given ? &given : nullptr, mac)) == KEL_SUCCESS &&
-			    (rc = attrset_add_string(set.get(), "macaddr", mac) == 0 ? KEL_SUCCESS : KEL_E_NOMEM) ==
-			        KEL_SUCCESS &&
-			    (rc = kel::props_text(set.get(), &text)) == KEL_SUCCESS)
-				rc = kel::exec(h->edh_db,
-				    "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
-				    "vport_hostname) VALUES(?, ?, ?, ?, ?)",
-				    {uuidtext, keluuid, name, text.get(), ""});
-		}
-		// The record the caller asked for is read before the commit: a failure to read it
-		// fails the whole add, which then leaves nothing behind.
-		kel_t *raw = nullptr;
-		if (rc == KEL_SUCCESS && vportp != nullptr)
-			rc = kel_db_get_kelvport(h, tenant, kel, name, &raw);
-		const kel::Owned<kel_t, kel_free_kel> made(raw);
-		if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS) {
-			address.keep();
-			if (vportp != nullptr)
-				*vportp = static_cast<kel_vport_t *>(list_remove_head(&made->kel_ports));
-		}
+	if (rc == KEL_SUCCESS)
+		rc = insert_port(h, ip, &req, addr, name);
+	// Step 5: the record the caller asked for is read before the commit, so a failure to
+	// read it fails the whole add, which then leaves nothing behind.
+	kel_t *raw = nullptr;
+	if (rc == KEL_SUCCESS && vportp != nullptr)
+		rc = kel_db_get_kelvport(h, tenant, kel, name, &raw);
+	const KelPtr made(raw);
+	if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS) {
+		address.keep();
+		if (vportp != nullptr)
+			*vportp = static_cast<kel_vport_t *>(list_remove_head(&made->kel_ports));
 	}
 	return rc;
 }
