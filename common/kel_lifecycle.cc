@@ -57,9 +57,37 @@ int take_id(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t type, int *id, bool 
 	                                                                     : KEL_E_NOMEM;
 }
 
+// Step 2, under the lock: a switch given no name takes one from its UUID (into
+// `derived`); a name given must be free in the tenant.
+int pick_name(kel_dbhandle_t h, const char *tenant, const char *uuidtext, const char **name,
+    char (&derived)[KEL_UUID_TEXT_LEN])
+{
+	if (*name == nullptr) {
+		kel_uuidstr2name(uuidtext, derived, sizeof(derived));
+		*name = derived;
+		return KEL_SUCCESS;
+	}
+	return kel_db_kel_exists(h, tenant, *name) ? KEL_E_EXISTS : KEL_SUCCESS;
+}
+
+// Step 3: the L2 type asked for, or the fabric's, which the switch then records.
+int settle_l2type(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t *type)
+{
+	char *l2type = nullptr;
+	if (attrset_lookup_string(set, "l2-type", &l2type) == 0) {
+		kel_str2ntype(l2type, type);
+		return KEL_SUCCESS;
+	}
+	char ctrltype[32];
+	if (int rc = kel_get_l2type_info(h, type, ctrltype, sizeof(ctrltype)); rc != KEL_SUCCESS)
+		return rc;
+	return attrset_add_string(set, "l2-type", ctrltype) == 0 ? KEL_SUCCESS : KEL_E_NOMEM;
+}
+
 int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props,
     uint32_t flags, kel_t **kelp)
 {
+	// Step 1: the caller's names and properties.
 	if (name != nullptr && !kel::valid_new_name(name, flags))
 		return KEL_E_INVALID_NAME;
 	if (tenant == nullptr)
@@ -74,28 +102,13 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	kel_take_uuid(set.get(), uuidtext);
 
 	kel::StoreLock lock(h);
-	if ((rc = lock.status()) != KEL_SUCCESS)
-		return rc;
 	char derived[KEL_UUID_TEXT_LEN];
-	if (name == nullptr) {
-		kel_uuidstr2name(uuidtext, derived, sizeof(derived));
-		name = derived;
-	} else if (kel_db_kel_exists(h, tenant, name)) {
-		return KEL_E_EXISTS;
-	}
-
 	kel_l2ntype_t type = KEL_L2NTYPE_UNKNOWN;
-	char *l2type = nullptr;
-	if (attrset_lookup_string(set.get(), "l2-type", &l2type) == 0) {
-		kel_str2ntype(l2type, &type);
-	} else {
-		char ctrltype[32];
-		if ((rc = kel_get_l2type_info(h, &type, ctrltype, sizeof(ctrltype))) != KEL_SUCCESS)
-			return rc;
-		if (attrset_add_string(set.get(), "l2-type", ctrltype) != 0)
-			return KEL_E_NOMEM;
-	}
-	// Draw and insert commit together: a crash at any instant keeps both or neither.
+	if ((rc = lock.status()) != KEL_SUCCESS || (rc = pick_name(h, tenant, uuidtext, &name, derived)) != KEL_SUCCESS ||
+	    (rc = settle_l2type(h, set.get(), &type)) != KEL_SUCCESS)
+		return rc;
+	// Step 4: draw and insert commit together; a crash at any instant keeps both or
+	// neither.
 	kel::Transaction tx(h->edh_db);
 	if ((rc = tx.begin()) != KEL_SUCCESS)
 		return rc;
@@ -112,16 +125,16 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 		if (rc != KEL_SUCCESS)
 			return rc;
 	}
-
-	kel::Text propstr;
-	if ((rc = kel::props_text(set.get(), &propstr)) != KEL_SUCCESS)
+	kel::Text text;
+	if ((rc = kel::props_text(set.get(), &text)) != KEL_SUCCESS)
 		return rc;
-	const char *text = propstr.get();
-	kel::RecordList<kel_t> made;
 	rc = kel::exec(h->edh_db,
 	    "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
 	    "VALUES (?, ?, ?, ?)",
-	    {uuidtext, name, tenant, text});
+	    {uuidtext, name, tenant, text.get()});
+	// Step 5: the new switch read back before the commit, so that failing to read it
+	// leaves nothing behind.
+	kel::RecordList<kel_t> made;
 	if (rc == KEL_SUCCESS)
 		rc = made.read([&](list_t *l) { return kel_db_get_kellist(h, tenant, name, l, 0); });
 	if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS) {
