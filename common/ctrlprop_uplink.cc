@@ -99,70 +99,101 @@ bool row_exists(kel_dbhandle_t h, const char *pname, const char *value, const ch
 }
 
 // The rows of one property of one host, with their sub-ranges.
+// The row of (pname, value, host): the host's placeholder row takes the value, or a
+// new row is added unless there is one.
+int write_value_row(kel_dbhandle_t h, const char *host, const char *pname, const char *def, const char *value)
+{
+	const bool placeholder = kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 6, "ctrl_pname",
+	    DATA_TYPE_STRING, pname, "ctrl_host", DATA_TYPE_STRING, host, "ctrl_pval",
+	    DATA_TYPE_STRING, def, "ctrl_vlan_range", DATA_TYPE_STRING, "", "ctrl_vxlan_range",
+	    DATA_TYPE_STRING, "", "ctrl_flat_range", DATA_TYPE_STRING, "");
+	if (placeholder)
+		return kel::exec(h->edh_db,
+		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?",
+		        "ctrl_tbl", "ctrl_pval", "ctrl_pname", "ctrl_host", "ctrl_vlan_range",
+		        "ctrl_vxlan_range", "ctrl_flat_range"),
+		    {value, pname, host, "", "", ""});
+	if (row_exists(h, pname, value, host))
+		return KEL_SUCCESS;
+	return kel::exec(h->edh_db, SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl",
+	                                "ctrl_pname", "ctrl_pval", "ctrl_host"),
+	    {pname, value, host});
+}
+
+// The row's shares of the VLAN and VXLAN ranges, when given.
+int write_shares(kel_dbhandle_t h, const char *host, const char *pname, const char *value,
+    const kel_ctrlprop_cbarg_t *arg)
+{
+	const SqlText set_column_sql[] = {
+	    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? ", "ctrl_tbl",
+	        "ctrl_vlan_range", "ctrl_pname", "ctrl_pval", "ctrl_host"),
+	    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? ", "ctrl_tbl",
+	        "ctrl_vxlan_range", "ctrl_pname", "ctrl_pval", "ctrl_host")};
+	int rc = KEL_SUCCESS;
+	if (arg->ecc_vlanrange != nullptr)
+		rc = kel::exec(h->edh_db, set_column_sql[0], {arg->ecc_vlanrange, pname, value, host});
+	if (rc == KEL_SUCCESS && arg->ecc_vxlanrange != nullptr)
+		rc = kel::exec(h->edh_db, set_column_sql[1], {arg->ecc_vxlanrange, pname, value, host});
+	return rc;
+}
+
+// Whether the uplink row carries the flat kels; at most one port of a host does.
+int write_flat(kel_dbhandle_t h, const char *host, const char *value, const char *flat)
+{
+	const bool yes = std::strcmp(flat, "yes") == 0;
+	int rc = KEL_SUCCESS;
+	if (yes) {
+		const std::string filter = std::string("ctrl_host=") + host + ",ctrl_pname=uplink-port";
+		rc = kel_db_set_filtered_value(h, "ctrl_tbl", "ctrl_flat_range", filter.c_str(), "", DATA_TYPE_STRING);
+	}
+	if (rc == KEL_SUCCESS)
+		rc = kel::exec(h->edh_db,
+		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ?", "ctrl_tbl",
+		        "ctrl_flat_range", "ctrl_pname", "ctrl_pval", "ctrl_host"),
+		    {yes ? "0" : "", "uplink-port", value, host});
+	return rc;
+}
+
+// A row left serving nothing after a reset goes.
+int drop_if_empty(kel_dbhandle_t h, const char *host, const char *pname, const char *value)
+{
+	return kel::exec(h->edh_db,
+	    SqlText("DELETE FROM %s WHERE %s = ? AND %s == ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?",
+	        "ctrl_tbl", "ctrl_pname", "ctrl_pval", "ctrl_host", "ctrl_flat_range",
+	        "ctrl_vlan_range", "ctrl_vxlan_range"),
+	    {pname, value, host, "", "", ""});
+}
+
+// The fabric keeps a global row of the property, a placeholder at least.
+int keep_global_row(kel_dbhandle_t h, const char *pname, const char *def)
+{
+	if (kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_pname", DATA_TYPE_STRING, pname,
+	        "ctrl_host", DATA_TYPE_STRING, ""))
+		return KEL_SUCCESS;
+	return kel::exec(h->edh_db, SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl",
+	                                "ctrl_pname", "ctrl_pval", "ctrl_host"),
+	    {pname, def, ""});
+}
+
 int write_rows(kel_dbhandle_t h, const char *host, const char *pname, const char *def,
     kel_ctrlprop_cbarg_t *arg)
 {
-	sqlite3 *db = h->edh_db;
 	const char *value = static_cast<const char *>(arg->ecc_arg);
-	int rc = KEL_SUCCESS;
+	int rc;
 	if (value == nullptr) {
-		rc = kel::exec(db, SqlText("DELETE FROM %s WHERE %s = ? AND %s = ?", "ctrl_tbl",
-		                       "ctrl_pname", "ctrl_host"),
+		rc = kel::exec(h->edh_db, SqlText("DELETE FROM %s WHERE %s = ? AND %s = ?", "ctrl_tbl",
+		                              "ctrl_pname", "ctrl_host"),
 		    {pname, host});
 	} else {
-		const bool placeholder = kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 6, "ctrl_pname",
-		    DATA_TYPE_STRING, pname, "ctrl_host", DATA_TYPE_STRING, host, "ctrl_pval",
-		    DATA_TYPE_STRING, def, "ctrl_vlan_range", DATA_TYPE_STRING, "", "ctrl_vxlan_range",
-		    DATA_TYPE_STRING, "", "ctrl_flat_range", DATA_TYPE_STRING, "");
-		if (placeholder)
-			rc = kel::exec(db,
-			    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?",
-			        "ctrl_tbl", "ctrl_pval", "ctrl_pname", "ctrl_host", "ctrl_vlan_range",
-			        "ctrl_vxlan_range", "ctrl_flat_range"),
-			    {value, pname, host, "", "", ""});
-		else if (!row_exists(h, pname, value, host))
-			rc = kel::exec(db, SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl",
-			                       "ctrl_pname", "ctrl_pval", "ctrl_host"),
-			    {pname, value, host});
-		const SqlText set_column_sql[] = {
-		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? ", "ctrl_tbl",
-		        "ctrl_vlan_range", "ctrl_pname", "ctrl_pval", "ctrl_host"),
-		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? ", "ctrl_tbl",
-		        "ctrl_vxlan_range", "ctrl_pname", "ctrl_pval", "ctrl_host")};
-		if (rc == KEL_SUCCESS && arg->ecc_vlanrange != nullptr)
-			rc = kel::exec(db, set_column_sql[0], {arg->ecc_vlanrange, pname, value, host});
-		if (rc == KEL_SUCCESS && arg->ecc_vxlanrange != nullptr)
-			rc = kel::exec(db, set_column_sql[1], {arg->ecc_vxlanrange, pname, value, host});
-		if (rc == KEL_SUCCESS && arg->ecc_flatstr != nullptr) {
-			const bool yes = std::strcmp(arg->ecc_flatstr, "yes") == 0;
-			// At most one port of a host carries the flat kels.
-			if (yes) {
-				const std::string filter = std::string("ctrl_host=") + host + ",ctrl_pname=uplink-port";
-				rc = kel_db_set_filtered_value(h, "ctrl_tbl", "ctrl_flat_range", filter.c_str(), "",
-				    DATA_TYPE_STRING);
-			}
-			if (rc == KEL_SUCCESS)
-				rc = kel::exec(db,
-				    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ?", "ctrl_tbl",
-				        "ctrl_flat_range", "ctrl_pname", "ctrl_pval", "ctrl_host"),
-				    {yes ? "0" : "", "uplink-port", value, host});
-		}
-		if (rc == KEL_SUCCESS &&
-		    (arg->ecc_reset_vlanrange || arg->ecc_reset_vxlanrange || arg->ecc_reset_flat))
-			rc = kel::exec(db,
-			    SqlText("DELETE FROM %s WHERE %s = ? AND %s == ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?",
-			        "ctrl_tbl", "ctrl_pname", "ctrl_pval", "ctrl_host", "ctrl_flat_range",
-			        "ctrl_vlan_range", "ctrl_vxlan_range"),
-			    {pname, value, host, "", "", ""});
+		rc = write_value_row(h, host, pname, def, value);
+		if (rc == KEL_SUCCESS)
+			rc = write_shares(h, host, pname, value, arg);
+		if (rc == KEL_SUCCESS && arg->ecc_flatstr != nullptr)
+			rc = write_flat(h, host, value, arg->ecc_flatstr);
+		if (rc == KEL_SUCCESS && (arg->ecc_reset_vlanrange || arg->ecc_reset_vxlanrange || arg->ecc_reset_flat))
+			rc = drop_if_empty(h, host, pname, value);
 	}
-	// The fabric keeps a global row of the property, a placeholder at least.
-	if (rc == KEL_SUCCESS &&
-	    !kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_pname", DATA_TYPE_STRING, pname,
-	        "ctrl_host", DATA_TYPE_STRING, ""))
-		rc = kel::exec(db, SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl",
-		                       "ctrl_pname", "ctrl_pval", "ctrl_host"),
-		    {pname, def, ""});
-	return rc;
+	return rc == KEL_SUCCESS ? keep_global_row(h, pname, def) : rc;
 }
 
 // Whether a row's range column holds `id`.
