@@ -53,7 +53,7 @@ int add_entry(attrset_t *set, const char *name, T &&value) noexcept
 
 extern "C" {
 
-int attrset_create(attrset_t **setp, int flags)
+int attrset_create(attrset_t **setp, int flags) noexcept
 {
 	if (setp == nullptr)
 		return EINVAL;
@@ -68,12 +68,12 @@ int attrset_create(attrset_t **setp, int flags)
 	return 0;
 }
 
-void attrset_free(attrset_t *set)
+void attrset_free(attrset_t *set) noexcept
 {
 	delete set;
 }
 
-int attrset_add_string(attrset_t *set, const char *name, const char *value)
+int attrset_add_string(attrset_t *set, const char *name, const char *value) noexcept
 {
 	if (value == nullptr)
 		return EINVAL;
@@ -84,12 +84,12 @@ int attrset_add_string(attrset_t *set, const char *name, const char *value)
 	}
 }
 
-int attrset_add_int32(attrset_t *set, const char *name, int32_t value)
+int attrset_add_int32(attrset_t *set, const char *name, int32_t value) noexcept
 {
 	return add_entry(set, name, value);
 }
 
-int attrset_lookup_string(attrset_t *set, const char *name, char **valuep)
+int attrset_lookup_string(attrset_t *set, const char *name, char **valuep) noexcept
 {
 	if (set == nullptr || name == nullptr || valuep == nullptr)
 		return EINVAL;
@@ -105,7 +105,7 @@ int attrset_lookup_string(attrset_t *set, const char *name, char **valuep)
 	return ENOENT;
 }
 
-boolean_t attrset_exists(attrset_t *set, const char *name)
+boolean_t attrset_exists(attrset_t *set, const char *name) noexcept
 {
 	if (set == nullptr || name == nullptr)
 		return B_FALSE;
@@ -115,7 +115,7 @@ boolean_t attrset_exists(attrset_t *set, const char *name)
 	return B_FALSE;
 }
 
-int attrset_remove(attrset_t *set, const char *name, data_type_t type)
+int attrset_remove(attrset_t *set, const char *name, data_type_t type) noexcept
 {
 	if (set == nullptr || name == nullptr)
 		return EINVAL;
@@ -124,7 +124,7 @@ int attrset_remove(attrset_t *set, const char *name, data_type_t type)
 	return removed == 0 ? ENOENT : 0;
 }
 
-attrset_entry_t *attrset_next_entry(attrset_t *set, attrset_entry_t *entry)
+attrset_entry_t *attrset_next_entry(attrset_t *set, attrset_entry_t *entry) noexcept
 {
 	if (set == nullptr || set->entries.empty())
 		return nullptr;
@@ -134,17 +134,17 @@ attrset_entry_t *attrset_next_entry(attrset_t *set, attrset_entry_t *entry)
 	return next == set->entries.end() ? nullptr : &*next;
 }
 
-const char *attrset_entry_name(attrset_entry_t *entry)
+const char *attrset_entry_name(attrset_entry_t *entry) noexcept
 {
 	return entry == nullptr ? nullptr : entry->name.c_str();
 }
 
-data_type_t attrset_entry_type(attrset_entry_t *entry)
+data_type_t attrset_entry_type(attrset_entry_t *entry) noexcept
 {
 	return entry->type();
 }
 
-int attrset_entry_value_string(attrset_entry_t *entry, char **valuep)
+int attrset_entry_value_string(attrset_entry_t *entry, char **valuep) noexcept
 {
 	if (entry == nullptr || valuep == nullptr)
 		return EINVAL;
@@ -155,7 +155,7 @@ int attrset_entry_value_string(attrset_entry_t *entry, char **valuep)
 	return 0;
 }
 
-int attrset_entry_value_int32(attrset_entry_t *entry, int32_t *valuep)
+int attrset_entry_value_int32(attrset_entry_t *entry, int32_t *valuep) noexcept
 {
 	if (entry == nullptr || valuep == nullptr)
 		return EINVAL;

@@ -80,7 +80,7 @@ int read_pairs(char *text, SetBuilder &out)
 
 extern "C" {
 
-int kel_str2attrset(const char *text, attrset_t **out, boolean_t values, int flags)
+int kel_str2attrset(const char *text, attrset_t **out, boolean_t values, int flags) noexcept
 {
 	if (text == nullptr || out == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -107,7 +107,7 @@ int kel_str2attrset(const char *text, attrset_t **out, boolean_t values, int fla
 	return rc;
 }
 
-int kel_attrset2str(attrset_t *set, char **out)
+int kel_attrset2str(attrset_t *set, char **out) noexcept
 {
 	if (out == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -138,7 +138,7 @@ int kel_attrset2str(attrset_t *set, char **out)
 	return KEL_SUCCESS;
 }
 
-int kel_create_attrstr(char *buf, size_t size, const char *tail, int count, ...)
+int kel_create_attrstr(char *buf, size_t size, const char *tail, int count, ...) noexcept
 {
 	if (buf == nullptr || size == 0)
 		return KEL_E_NOSPACE;
@@ -166,7 +166,7 @@ int kel_create_attrstr(char *buf, size_t size, const char *tail, int count, ...)
 	return KEL_SUCCESS;
 }
 
-attrset_t *kel_create_attrset(int count, ...)
+attrset_t *kel_create_attrset(int count, ...) noexcept
 {
 	attrset_t *set = nullptr;
 	if (attrset_create(&set, ATTRSET_UNIQUE_NAME) != 0)
@@ -186,7 +186,7 @@ attrset_t *kel_create_attrset(int count, ...)
 	return set;
 }
 
-int kel_attrset_count(attrset_t *set)
+int kel_attrset_count(attrset_t *set) noexcept
 {
 	int count = 0;
 	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr;
@@ -195,7 +195,7 @@ int kel_attrset_count(attrset_t *set)
 	return count;
 }
 
-int kel_str2int(const char *text, int *out)
+int kel_str2int(const char *text, int *out) noexcept
 {
 	if (text == nullptr || out == nullptr)
 		return KEL_E_INVALID_ARGS;

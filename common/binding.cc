@@ -246,7 +246,7 @@ int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *
 extern "C" {
 
 int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, const char *vnic, const char *host, const char *props, kel_t **kelp)
+    const char *vport, const char *vnic, const char *host, const char *props, kel_t **kelp) noexcept
 {
 	if (kelp == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -257,7 +257,7 @@ int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 }
 
 int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
-    const char *filter)
+    const char *filter) noexcept
 {
 	if (h == nullptr || vnic == nullptr || host == nullptr)
 		return KEL_E_INVALID_ARGS;

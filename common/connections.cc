@@ -98,7 +98,7 @@ int kel_get_hostname(char *buf, uint_t size)
 
 extern "C" {
 
-int kel_nuq_connection_to_controller(nuq_conn_t **conn)
+int kel_nuq_connection_to_controller(nuq_conn_t **conn) noexcept
 {
 	if (conn == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -111,7 +111,7 @@ int kel_nuq_connection_to_controller(nuq_conn_t **conn)
 	});
 }
 
-int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn)
+int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn) noexcept
 {
 	if (conn == nullptr || h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -120,7 +120,7 @@ int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_co
 	return kel::c_boundary([&] { return connection_to_kelnode(h, hostname, conn); });
 }
 
-int kel_nuq_connection_to_self(nuq_conn_t **conn)
+int kel_nuq_connection_to_self(nuq_conn_t **conn) noexcept
 {
 	if (conn == nullptr)
 		return KEL_E_INVALID_ARGS;

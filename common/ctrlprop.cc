@@ -292,14 +292,14 @@ int kel_db_set_one_hostprop(kel_dbhandle_t h, const char *host, const char *pnam
 
 extern "C" {
 
-int kel_db_get_ctrlprop(kel_dbhandle_t h, const char *propnames, const char *host, list_t *list)
+int kel_db_get_ctrlprop(kel_dbhandle_t h, const char *propnames, const char *host, list_t *list) noexcept
 {
 	if (h == nullptr || list == nullptr)
 		return KEL_E_INVALID_ARGS;
 	return kel::c_boundary([&] { return list_ctrlprops(h, propnames, host, list); });
 }
 
-void kel_free_ctrlproplist(list_t *list)
+void kel_free_ctrlproplist(list_t *list) noexcept
 {
 	if (list == nullptr)
 		return;
@@ -308,7 +308,7 @@ void kel_free_ctrlproplist(list_t *list)
 	list_destroy(list);
 }
 
-int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host)
+int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host) noexcept
 {
 	if (h == nullptr || propstr == nullptr)
 		return KEL_E_INVALID_ARGS;

@@ -141,7 +141,7 @@ const char *facility_text(int reason, int status, char (&scratch)[kWexoStrSize])
 
 }  // namespace
 
-extern "C" const char *kel_errmsg(int code, char *buf, uint_t len)
+extern "C" const char *kel_errmsg(int code, char *buf, uint_t len) noexcept
 {
 	const int reason = KEL_ERR_REASON(code);
 	const int status = KEL_ERR_STATUS(code);

@@ -445,7 +445,7 @@ boolean_t kel_is_compatible_filter(const char *key, kel_type_t type)
 
 extern "C" {
 
-int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t proptype)
+int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t proptype) noexcept
 {
 	if (filter == nullptr || *filter == '\0')
 		return KEL_SUCCESS;
@@ -464,7 +464,7 @@ int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t p
 	return KEL_SUCCESS;
 }
 
-void kel_filterstr2regex(char *text)
+void kel_filterstr2regex(char *text) noexcept
 {
 	for (char *p = text; p != nullptr && *p != '\0'; p++)
 		if (*p == ',')

@@ -118,7 +118,7 @@ int sync(kel_dbhandle_t h, const char *tenant, const char *kelname)
 
 extern "C" {
 
-int kel_sync_vxlan_flood(kel_dbhandle_t h, const char *tenant, const char *kelname)
+int kel_sync_vxlan_flood(kel_dbhandle_t h, const char *tenant, const char *kelname) noexcept
 {
 	if (h == nullptr || kelname == nullptr || !kel_valid_name(kelname) ||
 	    (tenant != nullptr && !kel_valid_name(tenant)))

@@ -211,7 +211,7 @@ boolean_t kel_db_ipnet_exists(kel_dbhandle_t h, const char *tenant, const char *
 extern "C" {
 
 int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_ipnet_t **ipnetp, uint32_t flags)
+    const char *props, kel_ipnet_t **ipnetp, uint32_t flags) noexcept
 {
 	if (ipnetp == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -224,7 +224,7 @@ int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 }
 
 int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, uint32_t)
+    const char *name, uint32_t) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;

@@ -237,7 +237,7 @@ int kel_get_l2type_info(kel_dbhandle_t h, kel_l2ntype_t *type, char *buf, int bu
 extern "C" {
 
 int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name,
-    const char *props, uint32_t flags, kel_t **kelp)
+    const char *props, uint32_t flags, kel_t **kelp) noexcept
 {
 	if (kelp == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -247,7 +247,7 @@ int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name,
 	return kel::c_boundary([&] { return create_kel(h, tenant, name, props, flags, kelp); });
 }
 
-int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, uint32_t)
+int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, uint32_t) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;

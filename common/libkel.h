@@ -19,6 +19,13 @@
 #include <sys/socket.h>
 #include <uuid/uuid.h>
 
+/* Nothing the library exports throws: in C++ its declarations say so. */
+#ifdef __cplusplus
+#define KEL_NOEXCEPT noexcept
+#else
+#define KEL_NOEXCEPT
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -52,22 +59,22 @@ typedef struct list {
 } list_t;
 
 /* Prepares an empty list of records of `size` bytes with their node at `offset`. */
-void list_create(list_t *list, size_t size, size_t offset);
+void list_create(list_t *list, size_t size, size_t offset) KEL_NOEXCEPT;
 /* Ends a list's use; the list must be empty. */
-void list_destroy(list_t *list);
-void list_insert_tail(list_t *list, void *object);
+void list_destroy(list_t *list) KEL_NOEXCEPT;
+void list_insert_tail(list_t *list, void *object) KEL_NOEXCEPT;
 /* The first record, or NULL for an empty list. */
-void *list_head(list_t *list);
+void *list_head(list_t *list) KEL_NOEXCEPT;
 /* The record after `object`, or NULL at the end. */
-void *list_next(list_t *list, void *object);
+void *list_next(list_t *list, void *object) KEL_NOEXCEPT;
 /* Unlinks `object`, which must be on the list. */
-void list_remove(list_t *list, void *object);
+void list_remove(list_t *list, void *object) KEL_NOEXCEPT;
 /* Unlinks and returns the first record, or NULL for an empty list. */
-void *list_remove_head(list_t *list);
+void *list_remove_head(list_t *list) KEL_NOEXCEPT;
 /* Non-zero when the list holds no record. */
-int list_is_empty(list_t *list);
+int list_is_empty(list_t *list) KEL_NOEXCEPT;
 /* The number of records on the list; 0 for an empty list. */
-int kel_list_count(list_t *list);
+int kel_list_count(list_t *list) KEL_NOEXCEPT;
 
 /*
  * Attribute sets: ordered sets of named, typed entries (strings and 32-bit
@@ -81,21 +88,21 @@ typedef struct attrset_entry attrset_entry_t;
 /* Creation flag: adding a name first removes every entry of that name. */
 #define ATTRSET_UNIQUE_NAME 1
 
-int attrset_create(attrset_t **setp, int flags);
-void attrset_free(attrset_t *set);
-int attrset_add_string(attrset_t *set, const char *name, const char *value);
-int attrset_add_int32(attrset_t *set, const char *name, int32_t value);
+int attrset_create(attrset_t **setp, int flags) KEL_NOEXCEPT;
+void attrset_free(attrset_t *set) KEL_NOEXCEPT;
+int attrset_add_string(attrset_t *set, const char *name, const char *value) KEL_NOEXCEPT;
+int attrset_add_int32(attrset_t *set, const char *name, int32_t value) KEL_NOEXCEPT;
 /* The string value of `name`; it stays owned by the set. */
-int attrset_lookup_string(attrset_t *set, const char *name, char **valuep);
-boolean_t attrset_exists(attrset_t *set, const char *name);
+int attrset_lookup_string(attrset_t *set, const char *name, char **valuep) KEL_NOEXCEPT;
+boolean_t attrset_exists(attrset_t *set, const char *name) KEL_NOEXCEPT;
 /* Removes every entry with that name and type; ENOENT when there was none. */
-int attrset_remove(attrset_t *set, const char *name, data_type_t type);
+int attrset_remove(attrset_t *set, const char *name, data_type_t type) KEL_NOEXCEPT;
 /* The entry after `entry`, the first one for NULL; NULL at the end or for no set. */
-attrset_entry_t *attrset_next_entry(attrset_t *set, attrset_entry_t *entry);
-const char *attrset_entry_name(attrset_entry_t *entry);
-data_type_t attrset_entry_type(attrset_entry_t *entry);
-int attrset_entry_value_string(attrset_entry_t *entry, char **valuep);
-int attrset_entry_value_int32(attrset_entry_t *entry, int32_t *valuep);
+attrset_entry_t *attrset_next_entry(attrset_t *set, attrset_entry_t *entry) KEL_NOEXCEPT;
+const char *attrset_entry_name(attrset_entry_t *entry) KEL_NOEXCEPT;
+data_type_t attrset_entry_type(attrset_entry_t *entry) KEL_NOEXCEPT;
+int attrset_entry_value_string(attrset_entry_t *entry, char **valuep) KEL_NOEXCEPT;
+int attrset_entry_value_int32(attrset_entry_t *entry, int32_t *valuep) KEL_NOEXCEPT;
 
 /*
  * Property-string codec. A property string is name=value entries joined by commas,
@@ -109,43 +116,43 @@ int attrset_entry_value_int32(attrset_entry_t *entry, int32_t *valuep);
  * empty value). KEL_E_INVALID_ARGS for a trailing comma, white space only, or a
  * name=value text with a leading piece that has no '='.
  */
-int kel_str2attrset(const char *text, attrset_t **out, boolean_t values, int flags);
+int kel_str2attrset(const char *text, attrset_t **out, boolean_t values, int flags) KEL_NOEXCEPT;
 /* Writes a set of string entries as a new text (freed by the caller); entries with the
  * empty value are left out, and NULL gives "". */
-int kel_attrset2str(attrset_t *set, char **out);
+int kel_attrset2str(attrset_t *set, char **out) KEL_NOEXCEPT;
 /*
  * Composes name=value pairs (`count` pairs of const char * name and value; a pair with
  * no name, no value or an empty value is skipped) into `buf`, followed by `tail` when
  * given. KEL_E_NOSPACE when the text and its terminator do not fit in `size` bytes.
  */
-int kel_create_attrstr(char *buf, size_t size, const char *tail, int count, ...);
+int kel_create_attrstr(char *buf, size_t size, const char *tail, int count, ...) KEL_NOEXCEPT;
 /* A new unique-name set of `count` triples (const char *name, data_type_t type,
  * const char *value), strings only; a triple without a value adds nothing. NULL when
  * memory ran out. */
-attrset_t *kel_create_attrset(int count, ...);
+attrset_t *kel_create_attrset(int count, ...) KEL_NOEXCEPT;
 /* The number of entries of a set. */
-int kel_attrset_count(attrset_t *set);
+int kel_attrset_count(attrset_t *set) KEL_NOEXCEPT;
 /* A base-10 integer (strtol's syntax, nothing after it); "" reads as 0. */
-int kel_str2int(const char *text, int *out);
+int kel_str2int(const char *text, int *out) KEL_NOEXCEPT;
 
 /*
  * Names. A name is a UUID text or a human-readable name: 1 to 127 characters, each an
  * ASCII letter or digit, '_', '-' or '.'. A compound name is "kel/member".
  */
-boolean_t kel_valid_name(const char *text);
+boolean_t kel_valid_name(const char *text) KEL_NOEXCEPT;
 /* KEL_SUCCESS or KEL_E_INVALID_NAME; *is_uuid tells whether the name is a UUID text. */
-int kel_parse_name(const char *text, boolean_t *is_uuid);
+int kel_parse_name(const char *text, boolean_t *is_uuid) KEL_NOEXCEPT;
 /* Split a compound name into its kel part and its member part (128-byte outputs, each
  * optional). Without '/', the kel part is empty. */
-boolean_t kel_parse_kelvportname(const char *text, char *kelname, char *vportname);
-boolean_t kel_parse_kelipnetname(const char *text, char *kelname, char *ipnetname);
+boolean_t kel_parse_kelvportname(const char *text, char *kelname, char *vportname) KEL_NOEXCEPT;
+boolean_t kel_parse_kelipnetname(const char *text, char *kelname, char *ipnetname) KEL_NOEXCEPT;
 /* Whether a vport name is a system vport's ("sys-vport" and a number). */
-boolean_t kel_is_system_vport(const char *vportname);
+boolean_t kel_is_system_vport(const char *vportname) KEL_NOEXCEPT;
 /* Whether an address text (with or without "/prefix") is 0.0.0.0 or ::. A text that is
  * not an IP address gives B_FALSE. */
-boolean_t kel_address_unspecified(const char *text);
+boolean_t kel_address_unspecified(const char *text) KEL_NOEXCEPT;
 /* Whether the address part of a text (before any '/') resolves on this host. */
-boolean_t kel_valid_address(const char *text);
+boolean_t kel_valid_address(const char *text) KEL_NOEXCEPT;
 
 /* Object kinds: bits for property catalogue lookups, and plain kinds. */
 typedef enum {
@@ -333,7 +340,7 @@ extern const char *const kel_errlist[KEL_NUM_REASONS];
  * "QARN_OST_OSLIB": either `buf` itself or a string owned by the message
  * catalogue. Never fails; the caller keeps `buf` alive while using the result.
  */
-const char *kel_errmsg(int code, char *buf, uint_t len);
+const char *kel_errmsg(int code, char *buf, uint_t len) KEL_NOEXCEPT;
 
 /*
  * The configuration store: "/etc/kel/kel.db" and its lock file
@@ -351,24 +358,24 @@ typedef struct kel_dbhandle *kel_dbhandle_t;
  * is NULL and the code is KEL_E_NOMEM, an SQLite code under KEL_E_SQL, or an
  * errno under KEL_E_SYSTEM (lock file missing or inaccessible).
  */
-int kel_db_open(kel_dbhandle_t *handlep, int flags);
+int kel_db_open(kel_dbhandle_t *handlep, int flags) KEL_NOEXCEPT;
 /* Closes a handle; NULL is accepted. */
-void kel_db_close(kel_dbhandle_t handle);
+void kel_db_close(kel_dbhandle_t handle) KEL_NOEXCEPT;
 /* B_TRUE when the store's database file exists. */
-boolean_t kel_db_exists(void);
+boolean_t kel_db_exists(void) KEL_NOEXCEPT;
 /*
  * Creates the store (both files, mode 0600, owner 16, group 65, schema version 3)
  * unless the database file exists, in which case nothing is touched. The
  * directory "/etc/kel" must exist. A failed creation leaves neither file behind.
  */
-int kel_db_create(void);
+int kel_db_create(void) KEL_NOEXCEPT;
 /*
  * Brings a store of schema version 1 or 2 to version 3 in one transaction; a version-3
  * store is left as it is. KEL_E_DB_VERSION for a store newer than this library,
  * KEL_E_NOTFOUND for one without a usable version; either is left untouched, and so is
  * a store whose upgrade fails.
  */
-int kel_db_upgrade(void);
+int kel_db_upgrade(void) KEL_NOEXCEPT;
 
 /*
  * Checking the store against the invariants every operation keeps: each ID range's free
@@ -394,8 +401,8 @@ typedef struct kel_store_problem {
 	boolean_t esp_repaired;			/* put right by this call */
 } kel_store_problem_t;
 
-int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems);
-void kel_free_problemlist(list_t *problems);
+int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems) KEL_NOEXCEPT;
+void kel_free_problemlist(list_t *problems) KEL_NOEXCEPT;
 
 /*
  * Store lists. Each takes the store lock itself. On success the caller owns the list's
@@ -409,24 +416,24 @@ void kel_free_problemlist(list_t *problems);
  * filter named a port of an existing switch or a port alone.
  */
 int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out,
-    uint32_t flags);
+    uint32_t flags) KEL_NOEXCEPT;
 /* Switches named `name` (of `tenant`, when given). */
 int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out,
-    uint32_t flags);
+    uint32_t flags) KEL_NOEXCEPT;
 /* One switch carrying exactly its port `vport`. */
 int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, kel_t **out);
+    const char *vport, kel_t **out) KEL_NOEXCEPT;
 /* Whether `tenant` has a switch `name` (a name or a UUID text). */
-boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name);
+boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name) KEL_NOEXCEPT;
 /* Ports that match; none is KEL_E_VPORT_NOTFOUND. */
 int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out,
-    uint32_t flags);
+    uint32_t flags) KEL_NOEXCEPT;
 /* Networks that match; none is KEL_E_IPNET_NOTFOUND. */
 int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *out,
-    uint32_t flags);
+    uint32_t flags) KEL_NOEXCEPT;
 /* Networks by tenant, switch and network name; each may be NULL or empty. */
 int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *ipnet, list_t *out, uint32_t flags);
+    const char *ipnet, list_t *out, uint32_t flags) KEL_NOEXCEPT;
 
 /* L2 network types of a switch. */
 typedef enum {
@@ -447,10 +454,10 @@ typedef enum {
  * in the store, and no ID stays drawn, when it fails.
  */
 int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name,
-    const char *props, uint32_t flags, kel_t **kelp);
+    const char *props, uint32_t flags, kel_t **kelp) KEL_NOEXCEPT;
 /* Deletes a switch with its ports and network and gives its ID back; refused with
  * KEL_E_VPORT_INUSE while a port is bound. */
-int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, uint32_t flags);
+int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, uint32_t flags) KEL_NOEXCEPT;
 
 /*
  * Adds the IP network of switch `kel`. `props` must give "subnet" and may give
@@ -458,10 +465,10 @@ int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, ui
  * (default: every address left), "uuid" and extended properties.
  */
 int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_ipnet_t **ipnetp, uint32_t flags);
+    const char *props, kel_ipnet_t **ipnetp, uint32_t flags) KEL_NOEXCEPT;
 /* Removes a network; refused with KEL_E_IPNET_INUSE while its switch has ports. */
 int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, uint32_t flags);
+    const char *name, uint32_t flags) KEL_NOEXCEPT;
 
 /* One controller property, fabric-wide or of one host, as listed. */
 typedef struct kel_ctrlprop_s {
@@ -482,15 +489,15 @@ typedef struct kel_ctrlprop_s {
  * "vxlan-addr", "uplink-port". Lists those named in `propnames` (comma-separated; NULL for
  * all), for one host or (host NULL) every row with the fabric's "uuid" last.
  */
-int kel_db_get_ctrlprop(kel_dbhandle_t h, const char *propnames, const char *host, list_t *list);
-void kel_free_ctrlproplist(list_t *list);
+int kel_db_get_ctrlprop(kel_dbhandle_t h, const char *propnames, const char *host, list_t *list) KEL_NOEXCEPT;
+void kel_free_ctrlproplist(list_t *list) KEL_NOEXCEPT;
 /*
  * Sets one property from "name=value" (an empty value resets it), fabric-wide or for
  * `host`. "uplink-port=net0" may carry vlan-range=, vxlan-range= and flat=yes|no;
  * "vxlan-addr=..." may carry vxlan-range=. KEL_E_RANGE_PARTIAL and KEL_E_RANGE_MANUAL
  * are warnings returned after the change was made.
  */
-int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host);
+int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host) KEL_NOEXCEPT;
 
 /*
  * Connections for remote administration. A node reaches its controller through its
@@ -500,11 +507,11 @@ int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host)
 typedef struct nuq_conn nuq_conn_t;
 
 /* KEL_E_CTRL_CONNECT when the setting is empty, not a URI, or nobody answers. */
-int kel_nuq_connection_to_controller(nuq_conn_t **conn);
+int kel_nuq_connection_to_controller(nuq_conn_t **conn) KEL_NOEXCEPT;
 /* KEL_E_HOST_CONNECT when the host cannot be reached. */
-int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn);
+int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn) KEL_NOEXCEPT;
 /* Closes a connection; NULL is accepted. */
-void nuq_disconnect(nuq_conn_t *conn);
+void nuq_disconnect(nuq_conn_t *conn) KEL_NOEXCEPT;
 
 /* One client setting of this host, as listed. */
 typedef struct kel_togprop_s {
@@ -521,14 +528,14 @@ typedef struct kel_togprop_s {
  * "ssh://[user@]host[:port][/path]" otherwise; empty when not configured).
  */
 /* Sets one setting from "name=value" and asks the running daemon to re-read it. */
-int kel_set_client_togprop(const char *propstr);
+int kel_set_client_togprop(const char *propstr) KEL_NOEXCEPT;
 /* Lists the settings named in `propnames` (comma-separated; NULL for all) into a list
  * that it creates; free it with kel_free_togproplist. */
-int kel_get_client_togprop(const char *propnames, list_t *list);
-void kel_free_togproplist(list_t *list);
+int kel_get_client_togprop(const char *propnames, list_t *list) KEL_NOEXCEPT;
+void kel_free_togproplist(list_t *list) KEL_NOEXCEPT;
 /* The controller's identity: `name` must be "uuid" (else KEL_E_INVALID_CTRLPROP). */
-int kel_set_controller_togprop(const char *name, const char *value);
-int kel_get_controller_togprop(const char *name, char *buf, size_t size);
+int kel_set_controller_togprop(const char *name, const char *value) KEL_NOEXCEPT;
+int kel_get_controller_togprop(const char *name, char *buf, size_t size) KEL_NOEXCEPT;
 
 /* Flag for removing ports: a system vport may be removed (the library's own use). */
 #define KEL_SYSTEM_VPORT_OK	0x1
@@ -540,18 +547,18 @@ int kel_get_controller_togprop(const char *name, char *buf, size_t size);
  * Remove and reset take NULL or "force=yes", which overrides the in-use refusal.
  */
 boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport);
+    const char *vport) KEL_NOEXCEPT;
 int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_vport_t **vportp, uint32_t flags);
+    const char *props, kel_vport_t **vportp, uint32_t flags) KEL_NOEXCEPT;
 int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, const char *props, uint32_t flags);
+    const char *name, const char *props, uint32_t flags) KEL_NOEXCEPT;
 /* Frees a bound port whose VNIC is gone (checked on its host unless "force=yes"). */
 int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, const char *props, uint32_t flags);
+    const char *name, const char *props, uint32_t flags) KEL_NOEXCEPT;
 /* A port named "sys-vport" and the kel's next number; `name` gets it (128 bytes). */
-int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name);
+int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name) KEL_NOEXCEPT;
 int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name);
+    const char *name) KEL_NOEXCEPT;
 
 /*
  * Binding ports to VNICs. kel_db_assign_vport binds `vport` (NULL: a new system port) of
@@ -561,10 +568,10 @@ int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char 
  * and the port carry the same "vmid": then the port starts migrating to `host`.
  */
 int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, const char *vnic, const char *host, const char *props, kel_t **kelp);
+    const char *vport, const char *vnic, const char *host, const char *props, kel_t **kelp) KEL_NOEXCEPT;
 /* Unbinds the port bound to `vnic` on `host` (or, failing that, found with `filter`). */
 int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
-    const char *filter);
+    const char *filter) KEL_NOEXCEPT;
 /*
  * Joins the hosts of VXLAN kel `kel` when the fabric has no multicast group: each host
  * with a port of the kel bound (or migrating) there gets the VXLAN endpoints of the
@@ -572,17 +579,17 @@ int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
  * when some host could not be reached or updated: the others were updated, only adding
  * to their lists, and a later call completes them.
  */
-int kel_sync_vxlan_flood(kel_dbhandle_t h, const char *tenant, const char *kel);
+int kel_sync_vxlan_flood(kel_dbhandle_t h, const char *tenant, const char *kel) KEL_NOEXCEPT;
 
 /* Free a record, or a whole list (its records and the list's use); NULL is accepted. */
-void kel_free_kel(kel_t *kel);
-void kel_free_kellist(void *list);
-void kel_free_vport(kel_vport_t *vport);
-void kel_free_vportlist(void *list);
-void kel_free_ipnet(kel_ipnet_t *ipnet);
-void kel_free_ipnetlist(void *list);
-void kel_free_prop(kel_prop_t *prop);
-void kel_free_proplist(void *list);
+void kel_free_kel(kel_t *kel) KEL_NOEXCEPT;
+void kel_free_kellist(void *list) KEL_NOEXCEPT;
+void kel_free_vport(kel_vport_t *vport) KEL_NOEXCEPT;
+void kel_free_vportlist(void *list) KEL_NOEXCEPT;
+void kel_free_ipnet(kel_ipnet_t *ipnet) KEL_NOEXCEPT;
+void kel_free_ipnetlist(void *list) KEL_NOEXCEPT;
+void kel_free_prop(kel_prop_t *prop) KEL_NOEXCEPT;
+void kel_free_proplist(void *list) KEL_NOEXCEPT;
 
 /*
  * Properties. kel_db_get_filtered_proplist lists, for each object of `type` that `filter`
@@ -591,10 +598,10 @@ void kel_free_proplist(void *list);
  * with kel_free_proplist.
  */
 int kel_db_get_filtered_proplist(kel_dbhandle_t h, const char *filter, const char *names,
-    list_t *list, kel_proptype_t type);
+    list_t *list, kel_proptype_t type) KEL_NOEXCEPT;
 /* The value of the first element named exactly `name` in a remote property array. */
 struct kelcntl_PropertyNV;
-char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const char *name);
+char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const char *name) KEL_NOEXCEPT;
 /*
  * Changing one writable property ("name=value"; an empty value clears it). A switch's
  * change reaches every bound port without its own value, live on the port's host
@@ -603,18 +610,18 @@ char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const
  * must keep every address in use; an empty pool means the whole span.
  */
 int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *prop,
-    uint32_t flags);
+    uint32_t flags) KEL_NOEXCEPT;
 int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, const char *prop, uint32_t flags);
+    const char *vport, const char *prop, uint32_t flags) KEL_NOEXCEPT;
 int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *ipnet, const char *prop, uint32_t flags);
+    const char *ipnet, const char *prop, uint32_t flags) KEL_NOEXCEPT;
 
 /* Filters. */
 /* KEL_E_INVALID_FILTER unless every name is a property of `proptype` or a key that
  * suits objects of `type`; KEL_E_INVALID_ARGS for a malformed text. */
-int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t proptype);
+int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t proptype) KEL_NOEXCEPT;
 /* Turns "a,b,c" into "a|b|c" in place. */
-void kel_filterstr2regex(char *text);
+void kel_filterstr2regex(char *text) KEL_NOEXCEPT;
 
 #ifdef __cplusplus
 }

@@ -73,23 +73,23 @@ typedef enum {
  * one ("ip netns" names, /run/netns/NAME). */
 typedef struct wexo_handle *wexo_handle_t;
 
-wexo_status_t wexo_open(wexo_handle_t *handlep);
+wexo_status_t wexo_open(wexo_handle_t *handlep) KEL_NOEXCEPT;
 /* NULL or "" is the caller's namespace; WEXO_STATUS_NOTFOUND for a namespace that does
  * not exist. */
-wexo_status_t wexo_open_netns(const char *netns, wexo_handle_t *handlep);
+wexo_status_t wexo_open_netns(const char *netns, wexo_handle_t *handlep) KEL_NOEXCEPT;
 /* NULL is accepted. */
-void wexo_close(wexo_handle_t handle);
+void wexo_close(wexo_handle_t handle) KEL_NOEXCEPT;
 /* The ID and class of the link `name`; either out parameter may be NULL. */
 wexo_status_t wexo_name2info(wexo_handle_t handle, const char *name, datalink_id_t *idp,
-    datalink_class_t *classp);
+    datalink_class_t *classp) KEL_NOEXCEPT;
 /* The flags (IFF_*), class, media (ARPHRD_*) and name of link `id`; any out
  * parameter may be NULL; the name is cut to `namelen` bytes. */
 wexo_status_t wexo_datalink_id2info(wexo_handle_t handle, datalink_id_t id, uint32_t *flagsp,
-    datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen);
+    datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen) KEL_NOEXCEPT;
 /* Sets one link property live ("" as value resets it): maxbw, priority, cos,
  * protection, allowed-ips, allowed-mac, iov (only "off"). */
 wexo_status_t wexo_set_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
-    const char *value);
+    const char *value) KEL_NOEXCEPT;
 /* VNICs: a link made over a lower link, in bridge mode so that the VNICs of one lower
  * link reach one another. A macvtap gives a virtual machine its tap device. */
 typedef enum {
@@ -102,20 +102,20 @@ typedef enum {
  * as "2:8:20:a:b:c"; NULL: one of the kernel's), up. *idp is its ID in its own namespace.
  * WEXO_STATUS_EXIST when a link of that name is there. */
 wexo_status_t wexo_vnic_create(wexo_handle_t handle, const char *name, datalink_id_t lower,
-    wexo_vnic_kind_t kind, const char *mac, datalink_id_t *idp);
+    wexo_vnic_kind_t kind, const char *mac, datalink_id_t *idp) KEL_NOEXCEPT;
 /* Deletes the VNIC `name` ("LINK" or "NAMESPACE/LINK"), with the link properties kept
  * for it; *lowerp (when given) gets the link it was made over. */
-wexo_status_t wexo_vnic_delete(wexo_handle_t handle, const char *name, datalink_id_t *lowerp);
+wexo_status_t wexo_vnic_delete(wexo_handle_t handle, const char *name, datalink_id_t *lowerp) KEL_NOEXCEPT;
 /* The link the VNIC `name` ("LINK" or "NAMESPACE/LINK") was made over, as a link of the
  * handle's namespace. */
-wexo_status_t wexo_vnic_lower(wexo_handle_t handle, const char *name, datalink_id_t *lowerp);
+wexo_status_t wexo_vnic_lower(wexo_handle_t handle, const char *name, datalink_id_t *lowerp) KEL_NOEXCEPT;
 /* Gives link `id` of the handle's namespace the address `addr` with `prefixlen`, and,
  * when `router` is not NULL, a default route through it. */
 wexo_status_t wexo_link_set_ipaddr(wexo_handle_t handle, datalink_id_t id, const char *addr,
-    uint32_t prefixlen, const char *router);
+    uint32_t prefixlen, const char *router) KEL_NOEXCEPT;
 
 /* The text of a status, written into `buf` (1024 bytes) and returned. */
-const char *wexo_status2str(wexo_status_t status, char *buf);
+const char *wexo_status2str(wexo_status_t status, char *buf) KEL_NOEXCEPT;
 
 /*
  * Argument lists: "name=value" pairs joined by commas, where a piece without "=" is a
@@ -128,14 +128,14 @@ typedef struct wexo_arg_list wexo_arg_list_t;
  * names without values. WEXO_STATUS_BADVAL for an empty name, a repeated name, or a
  * value before any name. */
 wexo_status_t wexo_parse_link_props(const char *text, wexo_arg_list_t **listp,
-    boolean_t novalues);
+    boolean_t novalues) KEL_NOEXCEPT;
 /* NULL is accepted. */
-void wexo_free_args(wexo_arg_list_t *list);
-uint_t wexo_arg_count(const wexo_arg_list_t *list);
+void wexo_free_args(wexo_arg_list_t *list) KEL_NOEXCEPT;
+uint_t wexo_arg_count(const wexo_arg_list_t *list) KEL_NOEXCEPT;
 /* The name and the whole value text ("" without a value) of pair `i`, owned by the
  * list; NULL when `i` is out of range. */
-const char *wexo_arg_name(const wexo_arg_list_t *list, uint_t i);
-const char *wexo_arg_value(const wexo_arg_list_t *list, uint_t i);
+const char *wexo_arg_name(const wexo_arg_list_t *list, uint_t i) KEL_NOEXCEPT;
+const char *wexo_arg_value(const wexo_arg_list_t *list, uint_t i) KEL_NOEXCEPT;
 
 /* An IP address: IPv4 is kept as an IPv4-mapped IPv6 address (::ffff:a.b.c.d). */
 typedef struct mac_ipaddr_s {
@@ -279,23 +279,23 @@ void kelcntl_KELImplInfo_free(kelcntl_KELImplInfo *info);
  */
 int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
     const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
-    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo, uint32_t flags);
+    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo, uint32_t flags) KEL_NOEXCEPT;
 /* Releases the port of `vnicname` on this host (or, when none, the one `extra` selects)
  * and removes the lower link `linkid` when it is a VXLAN link that nothing else uses.
  * The release's error comes first, then the link's. */
 int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid, uint32_t flags);
+    datalink_id_t linkid, uint32_t flags) KEL_NOEXCEPT;
 /* The ports bound to `vnicname` on this host, as the controller knows them (none: *count
  * 0). Free with kelcntl_VPortInfo_array_free. */
-int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count);
+int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count) KEL_NOEXCEPT;
 /* Every port bound to a VNIC of this host, as the controller knows them (none: *count 0).
  * Free with kelcntl_VPortInfo_array_free. */
-int kel_get_host_vnicinfo(kelcntl_VPortInfo ***array, int *count);
+int kel_get_host_vnicinfo(kelcntl_VPortInfo ***array, int *count) KEL_NOEXCEPT;
 /* A connection to this host's own keld, through its socket (for kel_get_vnicstat). */
-int kel_nuq_connection_to_self(nuq_conn_t **conn);
+int kel_nuq_connection_to_self(nuq_conn_t **conn) KEL_NOEXCEPT;
 /* The counters of `vnicname` on the host that `conn` reaches (see
  * kel_nuq_connection_to_kelnode); fields the host does not count are 0. */
-int kel_get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats);
+int kel_get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats) KEL_NOEXCEPT;
 
 #ifdef __cplusplus
 }

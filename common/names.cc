@@ -119,14 +119,14 @@ boolean_t kel_valid_zonevnicname(const char *text)
 
 extern "C" {
 
-boolean_t kel_valid_name(const char *text)
+boolean_t kel_valid_name(const char *text) noexcept
 {
 	if (text == nullptr || *text == '\0')
 		return B_FALSE;
 	return kel_valid_uuidstr(text) || kel_valid_hrname(text) ? B_TRUE : B_FALSE;
 }
 
-int kel_parse_name(const char *text, boolean_t *is_uuid)
+int kel_parse_name(const char *text, boolean_t *is_uuid) noexcept
 {
 	if (is_uuid != nullptr)
 		*is_uuid = B_FALSE;
@@ -140,17 +140,17 @@ int kel_parse_name(const char *text, boolean_t *is_uuid)
 	return kel_valid_hrname(text) ? KEL_SUCCESS : KEL_E_INVALID_NAME;
 }
 
-boolean_t kel_parse_kelvportname(const char *text, char *kelname, char *vportname)
+boolean_t kel_parse_kelvportname(const char *text, char *kelname, char *vportname) noexcept
 {
 	return kel_parse_name_common(text, kelname, vportname);
 }
 
-boolean_t kel_parse_kelipnetname(const char *text, char *kelname, char *ipnetname)
+boolean_t kel_parse_kelipnetname(const char *text, char *kelname, char *ipnetname) noexcept
 {
 	return kel_parse_name_common(text, kelname, ipnetname);
 }
 
-boolean_t kel_is_system_vport(const char *vportname)
+boolean_t kel_is_system_vport(const char *vportname) noexcept
 {
 	KEL_ASSERT(kel::kAreaUtil, vportname != NULL);
 	return std::strncmp(vportname, kSystemVportPrefix, sizeof(kSystemVportPrefix) - 1) == 0
@@ -159,7 +159,7 @@ boolean_t kel_is_system_vport(const char *vportname)
 
 // A text that is not an IPv4 or IPv6 address is not the unspecified address: the answer
 // is B_FALSE rather than a stop, since a bad stored value must not end the caller.
-boolean_t kel_address_unspecified(const char *text)
+boolean_t kel_address_unspecified(const char *text) noexcept
 {
 	if (text == nullptr)
 		return B_FALSE;
@@ -177,7 +177,7 @@ boolean_t kel_address_unspecified(const char *text)
 	return sockaddrunspec(reinterpret_cast<struct sockaddr *>(&ss)) ? B_TRUE : B_FALSE;
 }
 
-boolean_t kel_valid_address(const char *text)
+boolean_t kel_valid_address(const char *text) noexcept
 {
 	if (text == nullptr)
 		return B_FALSE;

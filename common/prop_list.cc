@@ -185,14 +185,14 @@ int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *bu
 extern "C" {
 
 int kel_db_get_filtered_proplist(kel_dbhandle_t h, const char *filter, const char *names,
-    list_t *list, kel_proptype_t type)
+    list_t *list, kel_proptype_t type) noexcept
 {
 	if (h == nullptr || list == nullptr)
 		return KEL_E_INVALID_ARGS;
 	return kel::c_boundary([&] { return list_props(h, filter, names, list, type); });
 }
 
-char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const char *name)
+char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const char *name) noexcept
 {
 	for (int i = 0; name != nullptr && i < count; i++)
 		if (props[i] != nullptr && props[i]->epnv_name != nullptr && std::strcmp(props[i]->epnv_name, name) == 0)

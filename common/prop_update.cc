@@ -401,7 +401,7 @@ int kel_set_allowed_ips(nuq_instance_t *link, attrset_t *kelprops, attrset_t *vp
 extern "C" {
 
 int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *prop,
-    uint32_t flags)
+    uint32_t flags) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -411,7 +411,7 @@ int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const
 }
 
 int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport,
-    const char *prop, uint32_t flags)
+    const char *prop, uint32_t flags) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -421,7 +421,7 @@ int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, con
 }
 
 int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *ipnet,
-    const char *prop, uint32_t flags)
+    const char *prop, uint32_t flags) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;

@@ -133,7 +133,7 @@ const char *any_if_empty(const char *name)
 
 extern "C" {
 
-int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t)
+int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t) noexcept
 {
 	if (h == nullptr || out == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -141,7 +141,7 @@ int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *ou
 }
 
 int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out,
-    uint32_t flags)
+    uint32_t flags) noexcept
 {
 	if (name == nullptr)
 		return KEL_E_INVALID_NAME;
@@ -151,7 +151,7 @@ int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, l
 }
 
 int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, kel_t **out)
+    const char *vport, kel_t **out) noexcept
 {
 	if (out == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -170,7 +170,7 @@ int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
 	return KEL_SUCCESS;
 }
 
-boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name)
+boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name) noexcept
 {
 	if (h == nullptr || name == nullptr)
 		return B_FALSE;
@@ -183,7 +183,7 @@ boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *na
 	    tenant, is_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, name);
 }
 
-int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t)
+int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t) noexcept
 {
 	if (h == nullptr || out == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -193,7 +193,7 @@ int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *
 	});
 }
 
-int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t)
+int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t) noexcept
 {
 	if (h == nullptr || out == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -204,7 +204,7 @@ int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *
 }
 
 int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *ipnet, list_t *out, uint32_t flags)
+    const char *ipnet, list_t *out, uint32_t flags) noexcept
 {
 	if (out == nullptr)
 		return KEL_E_INVALID_ARGS;

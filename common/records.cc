@@ -242,7 +242,7 @@ int kel_dbrow2ipnetlist(sqlite3_stmt *stmt, void *list)
 
 extern "C" {
 
-void kel_free_vport(kel_vport_t *vp)
+void kel_free_vport(kel_vport_t *vp) noexcept
 {
 	if (vp == nullptr)
 		return;
@@ -250,7 +250,7 @@ void kel_free_vport(kel_vport_t *vp)
 	std::free(vp);
 }
 
-void kel_free_ipnet(kel_ipnet_t *ip)
+void kel_free_ipnet(kel_ipnet_t *ip) noexcept
 {
 	if (ip == nullptr)
 		return;
@@ -259,7 +259,7 @@ void kel_free_ipnet(kel_ipnet_t *ip)
 	std::free(ip);
 }
 
-void kel_free_prop(kel_prop_t *prop)
+void kel_free_prop(kel_prop_t *prop) noexcept
 {
 	if (prop == nullptr)
 		return;
@@ -267,7 +267,7 @@ void kel_free_prop(kel_prop_t *prop)
 	std::free(prop);
 }
 
-void kel_free_kel(kel_t *kel)
+void kel_free_kel(kel_t *kel) noexcept
 {
 	if (kel == nullptr)
 		return;
@@ -277,22 +277,22 @@ void kel_free_kel(kel_t *kel)
 	std::free(kel);
 }
 
-void kel_free_kellist(void *list)
+void kel_free_kellist(void *list) noexcept
 {
 	free_list<kel_t, kel_free_kel>(list);
 }
 
-void kel_free_vportlist(void *list)
+void kel_free_vportlist(void *list) noexcept
 {
 	free_list<kel_vport_t, kel_free_vport>(list);
 }
 
-void kel_free_ipnetlist(void *list)
+void kel_free_ipnetlist(void *list) noexcept
 {
 	free_list<kel_ipnet_t, kel_free_ipnet>(list);
 }
 
-void kel_free_proplist(void *list)
+void kel_free_proplist(void *list) noexcept
 {
 	free_list<kel_prop_t, kel_free_prop>(list);
 }

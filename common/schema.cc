@@ -167,7 +167,7 @@ int create_store()
 
 }  // namespace
 
-extern "C" int kel_db_create(void)
+extern "C" int kel_db_create(void) noexcept
 {
 	return kel::c_boundary(create_store);
 }

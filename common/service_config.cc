@@ -339,7 +339,7 @@ int kel_walk_togprop(const char *instance, attrset_t *names, list_t *list)
 
 extern "C" {
 
-int kel_set_client_togprop(const char *propstr)
+int kel_set_client_togprop(const char *propstr) noexcept
 {
 	if (propstr == nullptr || std::strlen(propstr) >= kSettingLen)
 		return KEL_E_INVALID_PROP;
@@ -360,7 +360,7 @@ int kel_set_client_togprop(const char *propstr)
 	return tog_refresh_instance(KEL_NODE_FMRI) == 0 ? KEL_SUCCESS : vur_failure();
 }
 
-int kel_get_client_togprop(const char *propnames, list_t *list)
+int kel_get_client_togprop(const char *propnames, list_t *list) noexcept
 {
 	if (list == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -384,7 +384,7 @@ int kel_get_client_togprop(const char *propnames, list_t *list)
 	return rc;
 }
 
-void kel_free_togproplist(list_t *list)
+void kel_free_togproplist(list_t *list) noexcept
 {
 	if (list == nullptr)
 		return;
@@ -393,7 +393,7 @@ void kel_free_togproplist(list_t *list)
 	list_destroy(list);
 }
 
-int kel_set_controller_togprop(const char *name, const char *value)
+int kel_set_controller_togprop(const char *name, const char *value) noexcept
 {
 	if (name == nullptr || std::strcmp(name, "uuid") != 0)
 		return KEL_E_INVALID_CTRLPROP;
@@ -403,7 +403,7 @@ int kel_set_controller_togprop(const char *name, const char *value)
 	});
 }
 
-int kel_get_controller_togprop(const char *name, char *buf, size_t size)
+int kel_get_controller_togprop(const char *name, char *buf, size_t size) noexcept
 {
 	if (name == nullptr || std::strcmp(name, "uuid") != 0)
 		return KEL_E_INVALID_CTRLPROP;

@@ -418,7 +418,7 @@ void free_problem(kel_store_problem_t *p)
 
 extern "C" {
 
-int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems)
+int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems) noexcept
 {
 	if (h == nullptr || problems == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -447,7 +447,7 @@ int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems)
 	return rc;
 }
 
-void kel_free_problemlist(list_t *problems)
+void kel_free_problemlist(list_t *problems) noexcept
 {
 	if (problems == nullptr)
 		return;

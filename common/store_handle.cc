@@ -14,7 +14,7 @@ static_assert(KEL_DB_READONLY == SQLITE_OPEN_READONLY && KEL_DB_READWRITE == SQL
 
 extern "C" {
 
-int kel_db_open(kel_dbhandle_t *handlep, int flags)
+int kel_db_open(kel_dbhandle_t *handlep, int flags) noexcept
 {
 	if (handlep == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -53,7 +53,7 @@ int kel_db_open(kel_dbhandle_t *handlep, int flags)
 	return KEL_SUCCESS;
 }
 
-void kel_db_close(kel_dbhandle_t edh)
+void kel_db_close(kel_dbhandle_t edh) noexcept
 {
 	if (edh == nullptr)
 		return;
@@ -65,7 +65,7 @@ void kel_db_close(kel_dbhandle_t edh)
 	std::free(edh);
 }
 
-boolean_t kel_db_exists(void)
+boolean_t kel_db_exists(void) noexcept
 {
 	try {
 		const std::string db = kel::paths::under_root(kel::paths::kDbFile);

@@ -153,7 +153,7 @@ int upgrade()
 
 }  // namespace
 
-extern "C" int kel_db_upgrade(void)
+extern "C" int kel_db_upgrade(void) noexcept
 {
 	return kel::c_boundary(upgrade);
 }

@@ -255,7 +255,7 @@ extern "C" {
 
 int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
     const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
-    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo, uint32_t)
+    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo, uint32_t) noexcept
 {
 	KEL_ASSERT(kel::kAreaNuq, implinfo != NULL && proplist != NULL && linkid != NULL);
 	*implinfo = nullptr;
@@ -271,7 +271,7 @@ int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelna
 }
 
 int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid, uint32_t)
+    datalink_id_t linkid, uint32_t) noexcept
 {
 	KEL_ASSERT(kel::kAreaNuq, vnicname != NULL);
 	if (handle == nullptr || !kel_valid_zonevnicname(vnicname))
@@ -279,7 +279,7 @@ int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *
 	return kel::c_boundary([&] { return disconnect_vnic(handle, vnicname, extra, linkid); });
 }
 
-int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count)
+int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count) noexcept
 {
 	if (array == nullptr || count == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -290,7 +290,7 @@ int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *coun
 	return kel::c_boundary([&] { return get_vnicinfo(vnicname, array, count); });
 }
 
-int kel_get_host_vnicinfo(kelcntl_VPortInfo ***array, int *count)
+int kel_get_host_vnicinfo(kelcntl_VPortInfo ***array, int *count) noexcept
 {
 	if (array == nullptr || count == nullptr)
 		return KEL_E_INVALID_ARGS;

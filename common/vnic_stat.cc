@@ -50,7 +50,7 @@ int get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats)
 
 extern "C" {
 
-int kel_get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats)
+int kel_get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats) noexcept
 {
 	if (stats == nullptr)
 		return KEL_E_INVALID_ARGS;

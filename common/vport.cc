@@ -348,7 +348,7 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 extern "C" {
 
 boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport)
+    const char *vport) noexcept
 {
 	if (h == nullptr || kel == nullptr || vport == nullptr)
 		return B_FALSE;
@@ -364,7 +364,7 @@ boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *
 }
 
 int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_vport_t **vportp, uint32_t flags)
+    const char *props, kel_vport_t **vportp, uint32_t flags) noexcept
 {
 	if (vportp != nullptr)
 		*vportp = nullptr;
@@ -376,7 +376,7 @@ int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 }
 
 int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, const char *props, uint32_t flags)
+    const char *name, const char *props, uint32_t flags) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -386,7 +386,7 @@ int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 }
 
 int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, const char *props, uint32_t)
+    const char *name, const char *props, uint32_t) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -395,7 +395,7 @@ int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 	return kel::c_boundary([&] { return reset_vport(h, tenant, kel, name, props); });
 }
 
-int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name)
+int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name) noexcept
 {
 	if (h == nullptr || name == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -416,7 +416,7 @@ int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *ke
 }
 
 int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name)
+    const char *name) noexcept
 {
 	if (h == nullptr || name == nullptr)
 		return KEL_E_INVALID_ARGS;

@@ -288,7 +288,7 @@ nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
 	}
 }
 
-void nuq_disconnect(nuq_conn_t *conn)
+void nuq_disconnect(nuq_conn_t *conn) noexcept
 {
 	if (conn == nullptr)
 		return;

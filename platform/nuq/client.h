@@ -17,7 +17,7 @@ typedef struct nuq_instance nuq_instance_t;
 // authenticates by its own means). An ssh connection is proven by one exchange before it
 // is returned. NULL on failure.
 nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *credentials);
-void nuq_disconnect(nuq_conn_t *conn);
+void nuq_disconnect(nuq_conn_t *conn) noexcept;
 // Looks up the object of `interface` named by `nkeys` (name, value) string pairs: with
 // `strict` every key of the object must be given, else any object that matches those
 // given. 0 and *out, or an error number.

@@ -42,7 +42,7 @@ wexo_status_t parse(const std::string &text, bool novalues, wexo_arg_list &out)
 
 extern "C" {
 
-wexo_status_t wexo_parse_link_props(const char *text, wexo_arg_list_t **listp, boolean_t novalues)
+wexo_status_t wexo_parse_link_props(const char *text, wexo_arg_list_t **listp, boolean_t novalues) noexcept
 {
 	if (listp == nullptr)
 		return WEXO_STATUS_BADARG;
@@ -67,22 +67,22 @@ wexo_status_t wexo_parse_link_props(const char *text, wexo_arg_list_t **listp, b
 	return WEXO_STATUS_OK;
 }
 
-void wexo_free_args(wexo_arg_list_t *list)
+void wexo_free_args(wexo_arg_list_t *list) noexcept
 {
 	delete list;
 }
 
-uint_t wexo_arg_count(const wexo_arg_list_t *list)
+uint_t wexo_arg_count(const wexo_arg_list_t *list) noexcept
 {
 	return list != nullptr ? static_cast<uint_t>(list->args.size()) : 0;
 }
 
-const char *wexo_arg_name(const wexo_arg_list_t *list, uint_t i)
+const char *wexo_arg_name(const wexo_arg_list_t *list, uint_t i) noexcept
 {
 	return i < wexo_arg_count(list) ? list->args[i].first.c_str() : nullptr;
 }
 
-const char *wexo_arg_value(const wexo_arg_list_t *list, uint_t i)
+const char *wexo_arg_value(const wexo_arg_list_t *list, uint_t i) noexcept
 {
 	return i < wexo_arg_count(list) ? list->args[i].second.c_str() : nullptr;
 }

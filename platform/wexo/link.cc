@@ -88,12 +88,12 @@ const std::string &wexo_netns_name(wexo_handle_t h)
 
 extern "C" {
 
-wexo_status_t wexo_open(wexo_handle_t *handlep)
+wexo_status_t wexo_open(wexo_handle_t *handlep) noexcept
 {
 	return wexo_open_netns(nullptr, handlep);
 }
 
-wexo_status_t wexo_open_netns(const char *netns, wexo_handle_t *handlep)
+wexo_status_t wexo_open_netns(const char *netns, wexo_handle_t *handlep) noexcept
 {
 	if (handlep == nullptr)
 		return WEXO_STATUS_BADARG;
@@ -124,7 +124,7 @@ wexo_status_t wexo_open_netns(const char *netns, wexo_handle_t *handlep)
 	return WEXO_STATUS_OK;
 }
 
-void wexo_close(wexo_handle_t h)
+void wexo_close(wexo_handle_t h) noexcept
 {
 	if (h == nullptr)
 		return;
@@ -135,7 +135,7 @@ void wexo_close(wexo_handle_t h)
 }
 
 wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *idp,
-    datalink_class_t *classp)
+    datalink_class_t *classp) noexcept
 {
 	if (name == nullptr || *name == '\0')
 		return WEXO_STATUS_BADARG;
@@ -152,7 +152,7 @@ wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *i
 }
 
 wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t *flagsp,
-    datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen)
+    datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen) noexcept
 {
 	if (id == DATALINK_INVALID_LINKID)
 		return WEXO_STATUS_BADARG;
@@ -194,7 +194,7 @@ wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *s
 	return WEXO_STATUS_OK;
 }
 
-const char *wexo_status2str(wexo_status_t status, char *buf)
+const char *wexo_status2str(wexo_status_t status, char *buf) noexcept
 {
 	const char *text = "unknown datalink error";
 	switch (status) {

@@ -355,7 +355,7 @@ void wexo_linkprop_forget(wexo_handle_t h, const char *ifname)
 extern "C" {
 
 wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *name,
-    const char *value)
+    const char *value) noexcept
 {
 	if (name == nullptr || value == nullptr)
 		return WEXO_STATUS_BADARG;

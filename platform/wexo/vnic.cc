@@ -76,7 +76,7 @@ wexo_status_t find_vnic(const VnicHandle &vh, const std::string &link, struct rt
 extern "C" {
 
 wexo_status_t wexo_vnic_create(wexo_handle_t h, const char *name, datalink_id_t lower,
-    wexo_vnic_kind_t kind, const char *mac, datalink_id_t *idp)
+    wexo_vnic_kind_t kind, const char *mac, datalink_id_t *idp) noexcept
 {
 	std::string ns, link;
 	if (h == nullptr || idp == nullptr || lower == DATALINK_INVALID_LINKID || !split_name(name, &ns, &link) ||
@@ -117,7 +117,7 @@ wexo_status_t wexo_vnic_create(wexo_handle_t h, const char *name, datalink_id_t 
 	return st;
 }
 
-wexo_status_t wexo_vnic_delete(wexo_handle_t h, const char *name, datalink_id_t *lowerp)
+wexo_status_t wexo_vnic_delete(wexo_handle_t h, const char *name, datalink_id_t *lowerp) noexcept
 {
 	if (lowerp != nullptr)
 		*lowerp = DATALINK_INVALID_LINKID;
@@ -140,7 +140,7 @@ wexo_status_t wexo_vnic_delete(wexo_handle_t h, const char *name, datalink_id_t 
 	return WEXO_STATUS_OK;
 }
 
-wexo_status_t wexo_vnic_lower(wexo_handle_t h, const char *name, datalink_id_t *lowerp)
+wexo_status_t wexo_vnic_lower(wexo_handle_t h, const char *name, datalink_id_t *lowerp) noexcept
 {
 	if (lowerp == nullptr)
 		return WEXO_STATUS_BADARG;
@@ -159,7 +159,7 @@ wexo_status_t wexo_vnic_lower(wexo_handle_t h, const char *name, datalink_id_t *
 }
 
 wexo_status_t wexo_link_set_ipaddr(wexo_handle_t h, datalink_id_t id, const char *addr,
-    uint32_t prefixlen, const char *router)
+    uint32_t prefixlen, const char *router) noexcept
 {
 	if (h == nullptr || id == DATALINK_INVALID_LINKID || addr == nullptr)
 		return WEXO_STATUS_BADARG;
