@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "c_boundary.h"
-#include "client.h"
+#include "nuq_types.h"
 #include "ctrlprop.h"
 #include "kel_assert.h"
 #include "libkel_node.h"

@@ -1,7 +1,7 @@
 // A bound port's VNIC on its host, reached through the host's datalink interface.
 #pragma once
 
-#include "client.h"
+#include "nuq_types.h"
 #include "libkel.h"
 
 namespace kel {

@@ -2,7 +2,7 @@
 // properties of bound ports, live on the ports' hosts.
 #pragma once
 
-#include "client.h"
+#include "nuq_types.h"
 #include "harl.h"
 #include "libkel.h"
 

@@ -1,12 +1,12 @@
-// The datalink manager's remote interface, "harl.Datalink": a host's datalinks, found by
+// The datalink manager's remote interface, "harl.Datalink", as its clients call it (keld's
+// module is in harl_server.h): a host's datalinks, found by
 // their "name", with their statistics and live link properties. Calls return 0, 1 when
 // the host answered with a datalink error record, or a remote administration error.
 #pragma once
 
 #include <cstdint>
 
-#include "client.h"
-#include "server.h"
+#include "nuq_types.h"
 
 extern "C" {
 
@@ -58,9 +58,3 @@ int harl_Datalink_getFlood(nuq_instance_t *inst, std::string *local, std::vector
 int harl_Datalink_setFlood(nuq_instance_t *inst, const std::vector<std::string> &remotes, bool only_add,
     harl_DatalinkError **err);
 
-namespace harl {
-
-// The server side, for keld: the host's datalinks in keld's network namespace.
-nuq::Interface datalink_interface();
-
-}  // namespace harl

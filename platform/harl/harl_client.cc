@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "client.h"
 #include "harl.h"
 #include "nuq_errors.h"
 #include "request.h"

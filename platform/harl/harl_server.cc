@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "harl.h"
+#include "harl_server.h"
 #include "kelnet.h"
 #include "log.h"
 #include "nuq_errors.h"

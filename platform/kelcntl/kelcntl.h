@@ -7,9 +7,8 @@
 // administration error.
 #pragma once
 
-#include "client.h"
+#include "nuq_types.h"
 #include "libkel_node.h"
-#include "server.h"
 
 extern "C" {
 
@@ -35,10 +34,3 @@ int kelcntl_KELController_getVPortInfo(nuq_instance_t *inst, const char *filter,
 
 }
 
-namespace kelcntl {
-
-// The server side, for keld on the controller: each call opens the store for itself.
-nuq::Interface kel_interface();
-nuq::Interface controller_interface();
-
-}  // namespace kelcntl

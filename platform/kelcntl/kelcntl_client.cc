@@ -2,6 +2,7 @@
 #include <cstdarg>
 #include <new>
 
+#include "client.h"
 #include "kelcntl_wire.h"
 #include "nuq_errors.h"
 

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "kelcntl.h"
+#include "kelcntl_server.h"
 #include "libkel.h"
 #include "names.h"
 #include "owners.h"

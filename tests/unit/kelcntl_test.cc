@@ -7,7 +7,7 @@
 #include <string>
 #include <thread>
 
-#include "kelcntl.h"
+#include "kelcntl_server.h"
 #include "libkel.h"
 #include "nuq_errors.h"
 #include "nuq_uri.h"

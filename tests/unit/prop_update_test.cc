@@ -12,6 +12,7 @@
 #include "fault.h"
 #include "libkel.h"
 #include "harl.h"
+#include "server.h"
 #include "netns.h"
 #include "nuq_errors.h"
 #include "nuq_uri.h"
