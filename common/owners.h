@@ -108,10 +108,14 @@ public:
 	RecordList(const RecordList &) = delete;
 	RecordList &operator=(const RecordList &) = delete;
 
-	// Runs `lister` on the list and keeps it when it answers KEL_SUCCESS.
+	// Runs `lister` on the list and keeps it when it answers KEL_SUCCESS. A list read
+	// before is freed first, so a second read (a fallback filter) leaks nothing.
 	template <class Lister>
 	int read(Lister &&lister)
 	{
+		if (owned_)
+			ListFree<T>::free(&list_);
+		owned_ = false;
 		const int rc = lister(&list_);
 		owned_ = rc == KEL_SUCCESS;
 		return rc;

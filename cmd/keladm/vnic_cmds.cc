@@ -7,6 +7,7 @@
 
 #include "keladm.h"
 #include "libkel_node.h"
+#include "owners.h"
 
 namespace keladm {
 namespace {
@@ -212,8 +213,9 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 	Handle host;
 	const wexo_status_t opened = host.open("");
 	// Counters come from this host's keld, which reaches VNICs in every namespace.
-	nuq_conn_t *self = nullptr;
-	const int connected = kel_nuq_connection_to_self(&self);
+	nuq_conn_t *raw = nullptr;
+	const int connected = kel_nuq_connection_to_self(&raw);
+	const kel::Owned<nuq_conn_t, nuq_disconnect> self(raw);
 	if (connected != KEL_SUCCESS)
 		warn("no counters: cannot reach this host's keld", connected);
 	bool found = opts.operands.empty();
@@ -227,7 +229,7 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 			(void)wexo_datalink_id2info(host.get(), id, nullptr, nullptr, nullptr, lower, sizeof(lower));
 		std::vector<std::string> counters(4);
 		link_stat_t st;
-		if (self != nullptr && kel_get_vnicstat(self, vp->evpi_vnicname, &st) == KEL_SUCCESS)
+		if (self != nullptr && kel_get_vnicstat(self.get(), vp->evpi_vnicname, &st) == KEL_SUCCESS)
 			counters = {std::to_string(st.ls_ipackets), std::to_string(st.ls_rbytes),
 			    std::to_string(st.ls_opackets), std::to_string(st.ls_obytes)};
 		out.add({vp->evpi_vnicname, vp->evpi_kelname, vp->evpi_name, vp->evpi_tenantname,
@@ -235,7 +237,6 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 		    remote_prop(vp->evpi_props, vp->evpi_props_count, "ipaddr"), lower, counters[0], counters[1],
 		    counters[2], counters[3]});
 	}
-	nuq_disconnect(self);
 	if (!found)
 		return fail("no VNIC '" + std::string(opts.operands[0]) + "' is bound on this host", KEL_E_VPORT_NOTFOUND);
 	out.print();
