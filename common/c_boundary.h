@@ -6,19 +6,36 @@
 #include <utility>
 
 #include "libkel.h"
+#include "libkel_node.h"
 
 namespace kel {
 
-template <class Body>
-int c_boundary(Body &&body) noexcept
+// Runs `body`; a bad_alloc becomes `nomem` and any other exception `failed`, the codes of
+// the caller's family.
+template <class Code, class Body>
+Code c_boundary_as(Code nomem, Code failed, Body &&body) noexcept
 {
 	try {
 		return std::forward<Body>(body)();
 	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
+		return nomem;
 	} catch (...) {
-		return KEL_E_FAILED;
+		return failed;
 	}
+}
+
+// The library's calls, whose codes are KEL_E_*.
+template <class Body>
+int c_boundary(Body &&body) noexcept
+{
+	return c_boundary_as<int>(KEL_E_NOMEM, KEL_E_FAILED, std::forward<Body>(body));
+}
+
+// The datalink calls, whose codes are WEXO_STATUS_*.
+template <class Body>
+wexo_status_t wexo_boundary(Body &&body) noexcept
+{
+	return c_boundary_as<wexo_status_t>(WEXO_STATUS_NOMEM, WEXO_STATUS_FAILED, std::forward<Body>(body));
 }
 
 }  // namespace kel

@@ -192,9 +192,3 @@ boolean_t kel_valid_address(const char *text) noexcept
 
 }  // extern "C"
 
-std::string kel::uuid_text(const uuid_t uu)
-{
-	char text[KEL_UUID_TEXT_LEN];
-	uuid_unparse_lower(uu, text);
-	return text;
-}

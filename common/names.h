@@ -21,6 +21,8 @@ boolean_t kel_valid_zonevnicname(const char *text);
 #include <initializer_list>
 #include <string>
 
+#include "uuid_text.h"
+
 namespace kel {
 
 // Whether every name a caller gave is a valid name or UUID text; NULL stands for a name
@@ -39,9 +41,6 @@ inline bool valid_new_name(const char *name, uint32_t flags)
 {
 	return kel_valid_name(name) && ((flags & KEL_NAME_DASH_OK) || std::strchr(name, '-') == nullptr);
 }
-
-// A UUID's text, lower case: the one spelling the store holds and SQL "=" compares.
-std::string uuid_text(const uuid_t uu);
 
 }  // namespace kel
 

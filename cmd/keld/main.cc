@@ -20,8 +20,8 @@
 #include <thread>
 
 #include "daemon_module.h"
-#include "harl_server.h"
-#include "kelcntl_server.h"
+#include "harl_module.h"
+#include "kelcntl_module.h"
 #include "log.h"
 #include "notify.h"
 #include "paths.h"

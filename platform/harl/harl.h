@@ -1,5 +1,5 @@
 // The datalink manager's remote interface, "harl.Datalink", as its clients call it (keld's
-// module is in harl_server.h): a host's datalinks, found by
+// module is beside keld, cmd/keld/harl_module.h): a host's datalinks, found by
 // their "name", with their statistics and live link properties. Calls return 0, 1 when
 // the host answered with a datalink error record, or a remote administration error.
 #pragma once

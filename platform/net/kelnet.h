@@ -35,7 +35,7 @@ bool dlparse_drvppa(const char *name, char *driver, size_t driverlen, uint32_t *
 // both of letters, digits, '_', '-' and '.', and neither is "." or "..". The parts go
 // to `link` and `ns` (the namespace empty when none was given), each when given.
 bool dlparse_zonelinkname(const char *name, char *link, size_t linklen, char *ns,
-    size_t nslen);
+    size_t nslen) noexcept;
 
 // Whether `sa` holds the unspecified address of its family (0.0.0.0 or ::). False for
 // any other address and for families other than IPv4 and IPv6.

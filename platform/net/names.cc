@@ -108,7 +108,7 @@ bool dlparse_drvppa(const char *name, char *driver, size_t driverlen, uint32_t *
 	return true;
 }
 
-bool dlparse_zonelinkname(const char *name, char *link, size_t linklen, char *ns, size_t nslen)
+bool dlparse_zonelinkname(const char *name, char *link, size_t linklen, char *ns, size_t nslen) noexcept
 {
 	if (name == nullptr)
 		return false;

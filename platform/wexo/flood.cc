@@ -11,9 +11,14 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <vector>
 
+#include "c_boundary.h"
 #include "link_internal.h"
 #include "wexo.h"
 
@@ -84,10 +89,8 @@ wexo_status_t change_entry(wexo_handle_t h, datalink_id_t id, const std::string 
 	return wexo_from_nl(err);
 }
 
-}  // namespace
-
-wexo_status_t wexo_vxlan_get_flood(wexo_handle_t h, datalink_id_t id, std::string *local,
-    std::vector<std::string> *remotes)
+// The list as the kernel holds it, sorted.
+wexo_status_t read_flood(wexo_handle_t h, datalink_id_t id, std::string *local, std::vector<std::string> *remotes)
 {
 	remotes->clear();
 	wexo_status_t st = vxlan_local(h, id, local);
@@ -97,6 +100,7 @@ wexo_status_t wexo_vxlan_get_flood(wexo_handle_t h, datalink_id_t id, std::strin
 	// Forwarding entries are AF_BRIDGE's: a plain dump of neighbours leaves them out.
 	if (int err = rtnl_neigh_alloc_cache_flags(wexo_sock(h), &cache, NL_CACHE_AF_ITER); err != 0)
 		return wexo_from_nl(err);
+	std::unique_ptr<struct nl_cache, void (*)(struct nl_cache *)> owned(cache, nl_cache_free);
 	for (struct nl_object *o = nl_cache_get_first(cache); o != nullptr; o = nl_cache_get_next(o)) {
 		auto *n = reinterpret_cast<struct rtnl_neigh *>(o);
 		struct nl_addr *mac = rtnl_neigh_get_lladdr(n);
@@ -107,24 +111,60 @@ wexo_status_t wexo_vxlan_get_flood(wexo_handle_t h, datalink_id_t id, std::strin
 			continue;
 		remotes->push_back(addr_text(dst));
 	}
-	nl_cache_free(cache);
 	std::sort(remotes->begin(), remotes->end());
 	return WEXO_STATUS_OK;
 }
 
-wexo_status_t wexo_vxlan_set_flood(wexo_handle_t h, datalink_id_t id,
-    const std::vector<std::string> &remotes, bool only_add)
+}  // namespace
+
+wexo_status_t wexo_vxlan_get_flood(wexo_handle_t h, datalink_id_t id, wexo_flood_t *flood) noexcept
 {
-	std::string local;
-	std::vector<std::string> have;
-	wexo_status_t st = wexo_vxlan_get_flood(h, id, &local, &have);
-	for (const std::string &r : remotes)
-		if (st == WEXO_STATUS_OK && std::find(have.begin(), have.end(), r) == have.end())
-			st = change_entry(h, id, r, true);
-	if (only_add)
-		return st;
-	for (const std::string &r : have)
-		if (st == WEXO_STATUS_OK && std::find(remotes.begin(), remotes.end(), r) == remotes.end())
-			st = change_entry(h, id, r, false);
+	*flood = wexo_flood_t{};
+	const wexo_status_t st = kel::wexo_boundary([&]() -> wexo_status_t {
+		std::string local;
+		std::vector<std::string> remotes;
+		if (const wexo_status_t rc = read_flood(h, id, &local, &remotes); rc != WEXO_STATUS_OK)
+			return rc;
+		std::snprintf(flood->wf_local, sizeof(flood->wf_local), "%s", local.c_str());
+		flood->wf_remotes = static_cast<char **>(std::calloc(remotes.size() + 1, sizeof(char *)));
+		if (flood->wf_remotes == nullptr)
+			return WEXO_STATUS_NOMEM;
+		for (const std::string &r : remotes) {
+			if ((flood->wf_remotes[flood->wf_count] = strdup(r.c_str())) == nullptr)
+				return WEXO_STATUS_NOMEM;
+			flood->wf_count++;
+		}
+		return WEXO_STATUS_OK;
+	});
+	if (st != WEXO_STATUS_OK)
+		wexo_free_flood(flood);
 	return st;
+}
+
+void wexo_free_flood(wexo_flood_t *flood) noexcept
+{
+	for (size_t i = 0; i < flood->wf_count; i++)
+		std::free(flood->wf_remotes[i]);
+	std::free(flood->wf_remotes);
+	*flood = wexo_flood_t{};
+}
+
+wexo_status_t wexo_vxlan_set_flood(wexo_handle_t h, datalink_id_t id, const char *const *remotes, size_t count,
+    boolean_t only_add) noexcept
+{
+	return kel::wexo_boundary([&] {
+		const std::vector<std::string> want(remotes, remotes + count);
+		std::string local;
+		std::vector<std::string> have;
+		wexo_status_t st = read_flood(h, id, &local, &have);
+		for (const std::string &r : want)
+			if (st == WEXO_STATUS_OK && std::find(have.begin(), have.end(), r) == have.end())
+				st = change_entry(h, id, r, true);
+		if (only_add)
+			return st;
+		for (const std::string &r : have)
+			if (st == WEXO_STATUS_OK && std::find(want.begin(), want.end(), r) == want.end())
+				st = change_entry(h, id, r, false);
+		return st;
+	});
 }

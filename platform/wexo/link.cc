@@ -172,7 +172,7 @@ wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t 
 	return WEXO_STATUS_OK;
 }
 
-wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *stats)
+wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *stats) noexcept
 {
 	if (id == 0 || stats == nullptr)
 		return WEXO_STATUS_BADARG;

@@ -4,10 +4,10 @@
 // this header adds what only the library and keld use.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <vector>
 
 #include "libkel_node.h"
 
@@ -26,7 +26,7 @@ typedef struct wexo_stats {
 	uint64_t ws_multircv;
 } wexo_stats_t;
 
-wexo_status_t wexo_link_stats(wexo_handle_t handle, datalink_id_t id, wexo_stats_t *stats);
+wexo_status_t wexo_link_stats(wexo_handle_t handle, datalink_id_t id, wexo_stats_t *stats) KEL_NOEXCEPT;
 
 // The properties of `args` that belong to links of `dlclass` into *props: for
 // DATALINK_CLASS_VXLAN a mac_vxlan_props_t ("vni", "addr" with an optional prefix
@@ -60,14 +60,22 @@ wexo_status_t wexo_vlan_delete(wexo_handle_t handle, datalink_id_t linkid, uint3
 wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
     char *value, size_t size);
 
-}
+// The flood list of a VXLAN link: its own endpoint (wf_local, "" when unset) and the
+// remote endpoints broadcast and unknown frames are copied to (wf_remotes, sorted).
+typedef struct wexo_flood {
+	char wf_local[INET6_ADDRSTRLEN];
+	size_t wf_count;
+	char **wf_remotes;
+} wexo_flood_t;
 
-// The flood list of VXLAN link `id`: its local endpoint (*local, "" when unset) and the
-// remote endpoints broadcast and unknown frames are copied to, sorted. WEXO_STATUS_BADARG
-// for a link that is not a VXLAN link.
-wexo_status_t wexo_vxlan_get_flood(wexo_handle_t handle, datalink_id_t id, std::string *local,
-    std::vector<std::string> *remotes);
-// Makes the flood list of link `id` exactly `remotes` (addresses), or, with `only_add`,
-// adds those missing and removes none.
-wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id,
-    const std::vector<std::string> &remotes, bool only_add);
+// The flood list of VXLAN link `id` into *flood, to be freed with wexo_free_flood (also
+// after a failure). WEXO_STATUS_BADARG for a link that is not a VXLAN link.
+wexo_status_t wexo_vxlan_get_flood(wexo_handle_t handle, datalink_id_t id, wexo_flood_t *flood) KEL_NOEXCEPT;
+void wexo_free_flood(wexo_flood_t *flood) KEL_NOEXCEPT;
+// Makes the flood list of link `id` exactly the `count` addresses of `remotes`, or, with
+// `only_add`, adds those missing and removes none. WEXO_STATUS_BADVAL for a remote that
+// is not a whole address.
+wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id, const char *const *remotes,
+    size_t count, boolean_t only_add) KEL_NOEXCEPT;
+
+}

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "netns.h"
+#include "flood_lists.h"
 #include "wexo.h"
 
 namespace {
@@ -47,7 +48,7 @@ protected:
 	{
 		std::string local;
 		Remotes r;
-		EXPECT_EQ(wexo_vxlan_get_flood(h_, vx_, &local, &r), WEXO_STATUS_OK);
+		EXPECT_EQ(kel::test::get_flood(h_, vx_, &local, &r), WEXO_STATUS_OK);
 		EXPECT_EQ(local, "10.79.0.1");
 		return r;
 	}
@@ -73,10 +74,10 @@ TEST_F(Flood, ListsAreSetExactlyOrOnlyAddedTo)
 	    {{}, false, {}},
 	};
 	for (const auto &s : steps) {
-		ASSERT_EQ(wexo_vxlan_set_flood(h_, vx_, s.set, s.only_add), WEXO_STATUS_OK);
+		ASSERT_EQ(kel::test::set_flood(h_, vx_, s.set, s.only_add), WEXO_STATUS_OK);
 		EXPECT_EQ(flood(), s.want);
 	}
-	ASSERT_EQ(wexo_vxlan_set_flood(h_, vx_, {"10.79.0.7"}, false), WEXO_STATUS_OK);
+	ASSERT_EQ(kel::test::set_flood(h_, vx_, {"10.79.0.7"}, false), WEXO_STATUS_OK);
 	// The kernel holds exactly one all-zero entry, towards the one remote.
 	const std::string fdb = fdb_of("vx0");
 	EXPECT_NE(fdb.find("00:00:00:00:00:00 dst 10.79.0.7"), std::string::npos) << fdb;
@@ -86,8 +87,8 @@ TEST_F(Flood, ListsAreSetExactlyOrOnlyAddedTo)
 TEST_F(Flood, LearnedAndOtherEntriesAreLeftAlone)
 {
 	ASSERT_TRUE(NetNs::run("bridge fdb add 02:08:20:00:00:09 dev vx0 dst 10.79.0.9"));
-	ASSERT_EQ(wexo_vxlan_set_flood(h_, vx_, {"10.79.0.2"}, false), WEXO_STATUS_OK);
-	ASSERT_EQ(wexo_vxlan_set_flood(h_, vx_, {}, false), WEXO_STATUS_OK);
+	ASSERT_EQ(kel::test::set_flood(h_, vx_, {"10.79.0.2"}, false), WEXO_STATUS_OK);
+	ASSERT_EQ(kel::test::set_flood(h_, vx_, {}, false), WEXO_STATUS_OK);
 	EXPECT_EQ(flood(), Remotes{});
 	EXPECT_NE(fdb_of("vx0").find("02:08:20:00:00:09 dst 10.79.0.9"), std::string::npos);
 }
@@ -95,14 +96,14 @@ TEST_F(Flood, LearnedAndOtherEntriesAreLeftAlone)
 TEST_F(Flood, BadRemotesAndOtherLinksAreRefused)
 {
 	for (const char *bad : {"10.79.0", "10.79.0.0/24", "fast", ""})
-		EXPECT_EQ(wexo_vxlan_set_flood(h_, vx_, {bad}, false), WEXO_STATUS_BADVAL) << bad;
+		EXPECT_EQ(kel::test::set_flood(h_, vx_, {bad}, false), WEXO_STATUS_BADVAL) << bad;
 	EXPECT_EQ(flood(), Remotes{});
 	datalink_id_t veth = 0;
 	ASSERT_EQ(wexo_name2info(h_, "up0", &veth, nullptr), WEXO_STATUS_OK);
 	std::string local;
 	Remotes r;
-	EXPECT_EQ(wexo_vxlan_get_flood(h_, veth, &local, &r), WEXO_STATUS_BADARG);
-	EXPECT_EQ(wexo_vxlan_set_flood(h_, veth, {"10.79.0.2"}, false), WEXO_STATUS_BADARG);
+	EXPECT_EQ(kel::test::get_flood(h_, veth, &local, &r), WEXO_STATUS_BADARG);
+	EXPECT_EQ(kel::test::set_flood(h_, veth, {"10.79.0.2"}, false), WEXO_STATUS_BADARG);
 }
 
 }  // namespace

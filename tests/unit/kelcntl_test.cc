@@ -7,7 +7,8 @@
 #include <string>
 #include <thread>
 
-#include "kelcntl_server.h"
+#include "kelcntl.h"
+#include "kelcntl_module.h"
 #include "libkel.h"
 #include "nuq_errors.h"
 #include "nuq_uri.h"

@@ -14,6 +14,7 @@
 
 #include "connections.h"
 #include "error_code.h"
+#include "flood_lists.h"
 #include "libkel_node.h"
 #include "netns.h"
 #include "nuq_errors.h"
@@ -442,7 +443,7 @@ std::vector<std::string> flood_of(wexo_handle_t h, datalink_id_t link)
 {
 	std::string local;
 	std::vector<std::string> remotes;
-	EXPECT_EQ(wexo_vxlan_get_flood(h, link, &local, &remotes), WEXO_STATUS_OK);
+	EXPECT_EQ(kel::test::get_flood(h, link, &local, &remotes), WEXO_STATUS_OK);
 	return remotes;
 }
 
@@ -459,7 +460,7 @@ TEST_F(Vnics, FloodListsFollowTheHostsOfTheKel)
 	connect("db", "p1", "vn1", &a);
 	ASSERT_EQ(a.rc, KEL_SUCCESS);
 	// An entry left by a host that went away unseen.
-	ASSERT_EQ(wexo_vxlan_set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
+	ASSERT_EQ(kel::test::set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
 	EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, "db"), KEL_SUCCESS);
 	EXPECT_EQ(flood_of(wh_, a.link), Remotes{});
 
@@ -469,7 +470,7 @@ TEST_F(Vnics, FloodListsFollowTheHostsOfTheKel)
 	kel_t *k = nullptr;
 	ASSERT_EQ(kel_db_assign_vport(h_, "sys-global", "db", "p2", "vm9", "localhost", nullptr, &k), KEL_SUCCESS);
 	kel_free_kel(k);
-	ASSERT_EQ(wexo_vxlan_set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
+	ASSERT_EQ(kel::test::set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
 	EXPECT_EQ(kel_sync_vxlan_flood(h_, "sys-global", "db"), KEL_E_HOST_CONNECT);
 	EXPECT_EQ(flood_of(wh_, a.link), Remotes{"10.80.0.77"});
 	// Once every host answers, the list is what the store says again.
@@ -479,7 +480,7 @@ TEST_F(Vnics, FloodListsFollowTheHostsOfTheKel)
 
 	// With a group the kel floods by multicast: its lists are not ours.
 	ASSERT_EQ(kel_db_set_ctrlprop(h_, "vxlan-mgroup=239.1.1.1", nullptr), KEL_SUCCESS);
-	ASSERT_EQ(wexo_vxlan_set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
+	ASSERT_EQ(kel::test::set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
 	EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, "db"), KEL_SUCCESS);
 	EXPECT_EQ(flood_of(wh_, a.link), Remotes{"10.80.0.77"});
 

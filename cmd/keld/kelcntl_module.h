@@ -2,7 +2,6 @@
 // operations, for the nodes' clients (kelcntl.h).
 #pragma once
 
-#include "kelcntl.h"
 #include "server.h"
 
 namespace kelcntl {

@@ -1,7 +1,6 @@
 // keld's "harl.Datalink" module: the host's datalinks, served to the interface's clients.
 #pragma once
 
-#include "harl.h"
 #include "server.h"
 
 namespace harl {

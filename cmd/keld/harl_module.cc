@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "harl_server.h"
+#include "harl_module.h"
+#include "harl.h"
 #include "kelnet.h"
 #include "log.h"
 #include "nuq_errors.h"
@@ -101,9 +102,11 @@ nuq::Interface datalink_interface()
 	// frames to, for the controller to join the hosts of a kel without a group.
 	iface.methods["getFlood"] = [](const nuq::Json &keys, const nuq::Json &) {
 		return with_link(keys, [](wexo_handle_t h, datalink_id_t id) {
-			std::string local;
-			std::vector<std::string> remotes;
-			const wexo_status_t st = wexo_vxlan_get_flood(h, id, &local, &remotes);
+			wexo_flood_t flood;
+			const wexo_status_t st = wexo_vxlan_get_flood(h, id, &flood);
+			const std::vector<std::string> remotes(flood.wf_remotes, flood.wf_remotes + flood.wf_count);
+			const std::string local = flood.wf_local;
+			wexo_free_flood(&flood);
 			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, {{"local", local}, {"remotes", remotes}}}
 			                            : datalink_error(st);
 		});
@@ -114,15 +117,15 @@ nuq::Interface datalink_interface()
 		if (list == nullptr || !list->is_array() || list->size() > kMaxRemotes || add == nullptr ||
 		    !add->is_boolean())
 			return nuq::Reply{NUQ_E_BADARGS, nullptr};
-		std::vector<std::string> remotes;
+		std::vector<const char *> remotes;
 		for (const nuq::Json &r : *list) {
 			if (!r.is_string())
 				return nuq::Reply{NUQ_E_BADARGS, nullptr};
-			remotes.push_back(r.get<std::string>());
+			remotes.push_back(r.get_ref<const std::string &>().c_str());
 		}
 		const std::string &link = keys.at("name").get_ref<const std::string &>();
 		nuq::Reply reply = with_link(keys, [&](wexo_handle_t h, datalink_id_t id) {
-			const wexo_status_t st = wexo_vxlan_set_flood(h, id, remotes, add->get<bool>());
+			const wexo_status_t st = wexo_vxlan_set_flood(h, id, remotes.data(), remotes.size(), add->get<bool>() ? B_TRUE : B_FALSE);
 			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
 		});
 		nuq::log::write(reply.status == NUQ_E_SUCCESS ? nuq::log::kInfo : nuq::log::kErr,

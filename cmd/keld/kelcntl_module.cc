@@ -6,9 +6,10 @@
 
 #include <string>
 
-#include "kelcntl_server.h"
+#include "kelcntl_module.h"
+#include "kelcntl.h"
 #include "libkel.h"
-#include "names.h"
+#include "uuid_text.h"
 #include "owners.h"
 #include "log.h"
 #include "nuq_errors.h"
