@@ -8,6 +8,7 @@
 #include <string>
 #include <variant>
 
+#include "c_boundary.h"
 #include "libkel.h"
 
 struct attrset_entry {
@@ -34,7 +35,8 @@ int add_entry(attrset_t *set, const char *name, T &&value) noexcept
 {
 	if (set == nullptr || name == nullptr)
 		return EINVAL;
-	try {
+	// Sets answer in errno codes.
+	return kel::c_boundary_as(ENOMEM, EIO, [&] {
 		// Build the new entry before dropping the old ones, so that a failed add
 		// leaves the set as it was.
 		std::list<attrset_entry> fresh;
@@ -44,9 +46,7 @@ int add_entry(attrset_t *set, const char *name, T &&value) noexcept
 			set->entries.remove_if([&](const attrset_entry &e) { return e.name == name; });
 		set->entries.splice(set->entries.end(), fresh);
 		return 0;
-	} catch (const std::bad_alloc &) {
-		return ENOMEM;
-	}
+	});
 }
 
 }  // namespace
@@ -77,11 +77,7 @@ int attrset_add_string(attrset_t *set, const char *name, const char *value) noex
 {
 	if (value == nullptr)
 		return EINVAL;
-	try {
-		return add_entry(set, name, std::string(value));
-	} catch (const std::bad_alloc &) {
-		return ENOMEM;
-	}
+	return kel::c_boundary_as(ENOMEM, EIO, [&] { return add_entry(set, name, std::string(value)); });
 }
 
 int attrset_add_int32(attrset_t *set, const char *name, int32_t value) noexcept

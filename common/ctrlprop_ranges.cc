@@ -18,6 +18,7 @@ namespace {
 
 using kel::Text;
 
+// The bounds of IDs in the VLAN range (`vlan`) or the VXLAN range.
 const char *min_id(bool vlan) { return vlan ? "1" : "0"; }
 const char *max_id(bool vlan) { return vlan ? "4094" : "16777215"; }
 

@@ -81,12 +81,14 @@ class Checker {
 public:
 	explicit Checker(kel_dbhandle_t h) : h_(h), db_(h->edh_db) {}
 
+	// Checks every invariant and lists a problem for each break; with `repair`, then
+	// applies the fixes found, all in one transaction.
 	int run(bool repair);
 	const std::vector<Problem> &problems() const { return problems_; }
 
 private:
 	int read();
-	void check_ids(bool vlan);
+	void check_ids(bool vlan);	// the VLAN range (`vlan`) or the VXLAN range
 	void check_shares(bool vlan, const ValueSet &range);
 	void check_port_numbers();
 	void check_ports();

@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 
+#include "c_boundary.h"
 #include "error_code.h"
 #include "paths.h"
 
@@ -27,23 +28,16 @@ int kel_db_open(kel_dbhandle_t *handlep, int flags) noexcept
 	edh->edh_mode = flags;
 	pthread_mutex_init(&edh->edh_cntmutex, nullptr);
 
-	int rc = KEL_SUCCESS;
-	try {
+	const int rc = kel::c_boundary([&] {
 		const std::string db = kel::paths::under_root(kel::paths::kDbFile);
 		const std::string lock = kel::paths::under_root(kel::paths::kLockFile);
-		int sqlrc = sqlite3_open_v2(db.c_str(), &edh->edh_db, flags, nullptr);
-		if (sqlrc != SQLITE_OK) {
-			rc = kel::sql_error(sqlrc);
-		} else {
-			// Never O_CREAT: a store whose lock file is gone must not be used.
-			int mode = (flags & SQLITE_OPEN_READWRITE) ? O_RDWR : O_RDONLY;
-			edh->edh_fd = open(lock.c_str(), mode | O_CLOEXEC);
-			if (edh->edh_fd == -1)
-				rc = kel::last_sys_error();
-		}
-	} catch (const std::bad_alloc &) {
-		rc = KEL_E_NOMEM;
-	}
+		if (int sqlrc = sqlite3_open_v2(db.c_str(), &edh->edh_db, flags, nullptr); sqlrc != SQLITE_OK)
+			return kel::sql_error(sqlrc);
+		// Never O_CREAT: a store whose lock file is gone must not be used.
+		const int mode = (flags & SQLITE_OPEN_READWRITE) ? O_RDWR : O_RDONLY;
+		edh->edh_fd = open(lock.c_str(), mode | O_CLOEXEC);
+		return edh->edh_fd == -1 ? kel::last_sys_error() : KEL_SUCCESS;
+	});
 
 	if (rc != KEL_SUCCESS) {
 		kel_db_close(edh);
@@ -67,12 +61,10 @@ void kel_db_close(kel_dbhandle_t edh) noexcept
 
 boolean_t kel_db_exists(void) noexcept
 {
-	try {
+	return kel::c_boundary_as(B_FALSE, B_FALSE, [] {
 		const std::string db = kel::paths::under_root(kel::paths::kDbFile);
 		return access(db.c_str(), F_OK) == 0 ? B_TRUE : B_FALSE;
-	} catch (const std::bad_alloc &) {
-		return B_FALSE;
-	}
+	});
 }
 
 }  // extern "C"

@@ -64,7 +64,8 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, 
 class Store {
 public:
 	~Store() { kel_db_close(handle_); }
-	// Opens the store; on failure reports it and returns its code.
+	// Opens the store for writing (`write`) or for reading only; on failure reports it
+	// and returns its code.
 	int open(bool write);
 	kel_dbhandle_t get() const { return handle_; }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "c_boundary.h"
 #include "wexo.h"
 
 struct wexo_arg_list {
@@ -12,6 +13,7 @@ struct wexo_arg_list {
 
 namespace {
 
+// Reads `text` into `out` as wexo_parse_link_props does; `novalues` takes bare names.
 wexo_status_t parse(const std::string &text, bool novalues, wexo_arg_list &out)
 {
 	size_t start = 0;
@@ -52,13 +54,9 @@ wexo_status_t wexo_parse_link_props(const char *text, wexo_arg_list_t **listp, b
 	auto *list = new (std::nothrow) wexo_arg_list;
 	if (list == nullptr)
 		return WEXO_STATUS_NOMEM;
-	wexo_status_t st;
-	try {
-		// An empty text is an empty list.
-		st = *text == '\0' ? WEXO_STATUS_OK : parse(text, novalues == B_TRUE, *list);
-	} catch (const std::bad_alloc &) {
-		st = WEXO_STATUS_NOMEM;
-	}
+	// An empty text is an empty list.
+	const wexo_status_t st = kel::wexo_boundary(
+	    [&] { return *text == '\0' ? WEXO_STATUS_OK : parse(text, novalues == B_TRUE, *list); });
 	if (st != WEXO_STATUS_OK) {
 		delete list;
 		return st;

@@ -33,6 +33,7 @@
 
 #include "bandwidth.h"
 #include "kelnet.h"
+#include "c_boundary.h"
 #include "link_internal.h"
 #include "netns_switch.h"
 #include "paths.h"
@@ -357,49 +358,51 @@ extern "C" {
 wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *name,
     const char *value) noexcept
 {
-	if (name == nullptr || value == nullptr)
-		return WEXO_STATUS_BADARG;
-	bool known = false;
-	for (const char *p : kProperties)
-		known = known || std::strcmp(p, name) == 0;
-	if (std::strcmp(name, "iov") == 0)
-		return *value == '\0' || std::strcmp(value, "off") == 0 ? WEXO_STATUS_OK : WEXO_STATUS_NOTSUP;
-	if (!known)
-		return WEXO_STATUS_NOTSUP;
-	if (!valid_value(name, value))
-		return WEXO_STATUS_BADVAL;
-	struct rtnl_link *link = nullptr;
-	wexo_status_t st = wexo_get_link(h, id, &link);
-	if (st != WEXO_STATUS_OK)
+	return kel::wexo_boundary([&]() -> wexo_status_t {
+		if (name == nullptr || value == nullptr)
+			return WEXO_STATUS_BADARG;
+		bool known = false;
+		for (const char *p : kProperties)
+			known = known || std::strcmp(p, name) == 0;
+		if (std::strcmp(name, "iov") == 0)
+			return *value == '\0' || std::strcmp(value, "off") == 0 ? WEXO_STATUS_OK : WEXO_STATUS_NOTSUP;
+		if (!known)
+			return WEXO_STATUS_NOTSUP;
+		if (!valid_value(name, value))
+			return WEXO_STATUS_BADVAL;
+		struct rtnl_link *link = nullptr;
+		wexo_status_t st = wexo_get_link(h, id, &link);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		const std::string ifname = rtnl_link_get_name(link);
+		std::string ownmac;
+		if (struct nl_addr *a = rtnl_link_get_addr(link); a != nullptr && nl_addr_get_len(a) == 6) {
+			const auto *b = static_cast<const unsigned char *>(nl_addr_get_binary_addr(a));
+			char buf[18];
+			std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
+			ownmac = buf;
+		}
+		const std::string key = state_key(h, ifname);
+		Props props = load(key);
+		// "none" is no protection.
+		props[name] = std::strcmp(name, "protection") == 0 && std::strcmp(value, "none") == 0 ? "" : value;
+		std::vector<Placement> places;
+		if (std::strcmp(name, "cos") == 0)
+			st = apply_cos(wexo_sock(h), link, value);
+		else if (std::strcmp(name, "maxbw") != 0)
+			st = placement_of(h, link, ownmac, props, &places);
+		rtnl_link_put(link);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		if (std::strcmp(name, "maxbw") == 0)
+			st = apply_maxbw(wexo_sock(h), static_cast<int>(id), value);
+		for (const Placement &at : places)	// none for cos, applied above
+			if (st == WEXO_STATUS_OK)
+				st = apply_nft(h, at, ruleset(at, ownmac, props));
+		if (st == WEXO_STATUS_OK && !save(key, props))
+			st = WEXO_STATUS_FAILED;
 		return st;
-	const std::string ifname = rtnl_link_get_name(link);
-	std::string ownmac;
-	if (struct nl_addr *a = rtnl_link_get_addr(link); a != nullptr && nl_addr_get_len(a) == 6) {
-		const auto *b = static_cast<const unsigned char *>(nl_addr_get_binary_addr(a));
-		char buf[18];
-		std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
-		ownmac = buf;
-	}
-	const std::string key = state_key(h, ifname);
-	Props props = load(key);
-	// "none" is no protection.
-	props[name] = std::strcmp(name, "protection") == 0 && std::strcmp(value, "none") == 0 ? "" : value;
-	std::vector<Placement> places;
-	if (std::strcmp(name, "cos") == 0)
-		st = apply_cos(wexo_sock(h), link, value);
-	else if (std::strcmp(name, "maxbw") != 0)
-		st = placement_of(h, link, ownmac, props, &places);
-	rtnl_link_put(link);
-	if (st != WEXO_STATUS_OK)
-		return st;
-	if (std::strcmp(name, "maxbw") == 0)
-		st = apply_maxbw(wexo_sock(h), static_cast<int>(id), value);
-	for (const Placement &at : places)	// none for cos, applied above
-		if (st == WEXO_STATUS_OK)
-			st = apply_nft(h, at, ruleset(at, ownmac, props));
-	if (st == WEXO_STATUS_OK && !save(key, props))
-		st = WEXO_STATUS_FAILED;
-	return st;
+	});
 }
 
 wexo_status_t wexo_get_linkprop(wexo_handle_t h, datalink_id_t id, const char *name,

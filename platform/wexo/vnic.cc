@@ -14,6 +14,7 @@
 #include <string>
 
 #include "kelnet.h"
+#include "c_boundary.h"
 #include "link_internal.h"
 #include "netns_switch.h"
 #include "wexo.h"
@@ -78,133 +79,141 @@ extern "C" {
 wexo_status_t wexo_vnic_create(wexo_handle_t h, const char *name, datalink_id_t lower,
     wexo_vnic_kind_t kind, const char *mac, datalink_id_t *idp) noexcept
 {
-	std::string ns, link;
-	if (h == nullptr || idp == nullptr || lower == DATALINK_INVALID_LINKID || !split_name(name, &ns, &link) ||
-	    (kind != WEXO_VNIC_MACVLAN && kind != WEXO_VNIC_MACVTAP))
-		return WEXO_STATUS_BADARG;
-	*idp = DATALINK_INVALID_LINKID;
-	struct nl_addr *addr = nullptr;
-	if (mac != nullptr && (addr = mac_address(mac)) == nullptr)
-		return WEXO_STATUS_BADVAL;
-	VnicHandle vh(h, ns);
-	if (vh.status() != WEXO_STATUS_OK) {
+	return kel::wexo_boundary([&]() -> wexo_status_t {
+		std::string ns, link;
+		if (h == nullptr || idp == nullptr || lower == DATALINK_INVALID_LINKID || !split_name(name, &ns, &link) ||
+		    (kind != WEXO_VNIC_MACVLAN && kind != WEXO_VNIC_MACVTAP))
+			return WEXO_STATUS_BADARG;
+		*idp = DATALINK_INVALID_LINKID;
+		struct nl_addr *addr = nullptr;
+		if (mac != nullptr && (addr = mac_address(mac)) == nullptr)
+			return WEXO_STATUS_BADVAL;
+		VnicHandle vh(h, ns);
+		if (vh.status() != WEXO_STATUS_OK) {
+			nl_addr_put(addr);
+			return vh.status();
+		}
+		struct rtnl_link *l = kind == WEXO_VNIC_MACVTAP ? rtnl_link_macvtap_alloc() : rtnl_link_macvlan_alloc();
+		if (l == nullptr) {
+			nl_addr_put(addr);
+			return WEXO_STATUS_NOMEM;
+		}
+		int err = kind == WEXO_VNIC_MACVTAP
+		    ? rtnl_link_macvtap_set_mode(l, rtnl_link_macvtap_str2mode("bridge"))
+		    : rtnl_link_macvlan_set_mode(l, rtnl_link_macvlan_str2mode("bridge"));
+		rtnl_link_set_name(l, link.c_str());
+		rtnl_link_set_link(l, static_cast<int>(lower));
+		rtnl_link_set_flags(l, IFF_UP);
+		if (addr != nullptr)
+			rtnl_link_set_addr(l, addr);
+		// Made straight inside its namespace: it is never seen, half set up, in the host's.
+		if (vh.get() != h)
+			rtnl_link_set_ns_fd(l, wexo_netns_fd(vh.get()));
+		if (err == 0)
+			err = rtnl_link_add(wexo_sock(h), l, NLM_F_CREATE | NLM_F_EXCL);
+		rtnl_link_put(l);
 		nl_addr_put(addr);
-		return vh.status();
-	}
-	struct rtnl_link *l = kind == WEXO_VNIC_MACVTAP ? rtnl_link_macvtap_alloc() : rtnl_link_macvlan_alloc();
-	if (l == nullptr) {
-		nl_addr_put(addr);
-		return WEXO_STATUS_NOMEM;
-	}
-	int err = kind == WEXO_VNIC_MACVTAP
-	    ? rtnl_link_macvtap_set_mode(l, rtnl_link_macvtap_str2mode("bridge"))
-	    : rtnl_link_macvlan_set_mode(l, rtnl_link_macvlan_str2mode("bridge"));
-	rtnl_link_set_name(l, link.c_str());
-	rtnl_link_set_link(l, static_cast<int>(lower));
-	rtnl_link_set_flags(l, IFF_UP);
-	if (addr != nullptr)
-		rtnl_link_set_addr(l, addr);
-	// Made straight inside its namespace: it is never seen, half set up, in the host's.
-	if (vh.get() != h)
-		rtnl_link_set_ns_fd(l, wexo_netns_fd(vh.get()));
-	if (err == 0)
-		err = rtnl_link_add(wexo_sock(h), l, NLM_F_CREATE | NLM_F_EXCL);
-	rtnl_link_put(l);
-	nl_addr_put(addr);
-	wexo_status_t st = wexo_from_nl(err);
-	if (st == WEXO_STATUS_OK)
-		st = wexo_name2info(vh.get(), link.c_str(), idp, nullptr);
-	return st;
+		wexo_status_t st = wexo_from_nl(err);
+		if (st == WEXO_STATUS_OK)
+			st = wexo_name2info(vh.get(), link.c_str(), idp, nullptr);
+		return st;
+	});
 }
 
 wexo_status_t wexo_vnic_delete(wexo_handle_t h, const char *name, datalink_id_t *lowerp) noexcept
 {
-	if (lowerp != nullptr)
-		*lowerp = DATALINK_INVALID_LINKID;
-	std::string ns, link;
-	if (h == nullptr || !split_name(name, &ns, &link))
-		return WEXO_STATUS_BADARG;
-	VnicHandle vh(h, ns);
-	struct rtnl_link *l = nullptr;
-	wexo_status_t st = find_vnic(vh, link, &l);
-	if (st != WEXO_STATUS_OK)
-		return st;
-	const datalink_id_t lower = static_cast<datalink_id_t>(rtnl_link_get_link(l));
-	st = wexo_from_nl(rtnl_link_delete(wexo_sock(vh.get()), l));
-	rtnl_link_put(l);
-	if (st != WEXO_STATUS_OK)
-		return st;
-	wexo_linkprop_forget(vh.get(), link.c_str());
-	if (lowerp != nullptr)
-		*lowerp = lower;
-	return WEXO_STATUS_OK;
+	return kel::wexo_boundary([&]() -> wexo_status_t {
+		if (lowerp != nullptr)
+			*lowerp = DATALINK_INVALID_LINKID;
+		std::string ns, link;
+		if (h == nullptr || !split_name(name, &ns, &link))
+			return WEXO_STATUS_BADARG;
+		VnicHandle vh(h, ns);
+		struct rtnl_link *l = nullptr;
+		wexo_status_t st = find_vnic(vh, link, &l);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		const datalink_id_t lower = static_cast<datalink_id_t>(rtnl_link_get_link(l));
+		st = wexo_from_nl(rtnl_link_delete(wexo_sock(vh.get()), l));
+		rtnl_link_put(l);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		wexo_linkprop_forget(vh.get(), link.c_str());
+		if (lowerp != nullptr)
+			*lowerp = lower;
+		return WEXO_STATUS_OK;
+	});
 }
 
 wexo_status_t wexo_vnic_lower(wexo_handle_t h, const char *name, datalink_id_t *lowerp) noexcept
 {
-	if (lowerp == nullptr)
-		return WEXO_STATUS_BADARG;
-	*lowerp = DATALINK_INVALID_LINKID;
-	std::string ns, link;
-	if (h == nullptr || !split_name(name, &ns, &link))
-		return WEXO_STATUS_BADARG;
-	VnicHandle vh(h, ns);
-	struct rtnl_link *l = nullptr;
-	const wexo_status_t st = find_vnic(vh, link, &l);
-	if (st != WEXO_STATUS_OK)
-		return st;
-	*lowerp = static_cast<datalink_id_t>(rtnl_link_get_link(l));
-	rtnl_link_put(l);
-	return WEXO_STATUS_OK;
+	return kel::wexo_boundary([&]() -> wexo_status_t {
+		if (lowerp == nullptr)
+			return WEXO_STATUS_BADARG;
+		*lowerp = DATALINK_INVALID_LINKID;
+		std::string ns, link;
+		if (h == nullptr || !split_name(name, &ns, &link))
+			return WEXO_STATUS_BADARG;
+		VnicHandle vh(h, ns);
+		struct rtnl_link *l = nullptr;
+		const wexo_status_t st = find_vnic(vh, link, &l);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		*lowerp = static_cast<datalink_id_t>(rtnl_link_get_link(l));
+		rtnl_link_put(l);
+		return WEXO_STATUS_OK;
+	});
 }
 
 wexo_status_t wexo_link_set_ipaddr(wexo_handle_t h, datalink_id_t id, const char *addr,
     uint32_t prefixlen, const char *router) noexcept
 {
-	if (h == nullptr || id == DATALINK_INVALID_LINKID || addr == nullptr)
-		return WEXO_STATUS_BADARG;
-	struct nl_addr *local = nullptr, *gw = nullptr;
-	const std::string text = std::string(addr) + "/" + std::to_string(prefixlen);
-	if (nl_addr_parse(text.c_str(), AF_UNSPEC, &local) != 0)
-		return WEXO_STATUS_BADVAL;
-	if (router != nullptr && (nl_addr_parse(router, nl_addr_get_family(local), &gw) != 0 ||
-	                             nl_addr_get_prefixlen(gw) != nl_addr_get_len(gw) * 8)) {
+	return kel::wexo_boundary([&]() -> wexo_status_t {
+		if (h == nullptr || id == DATALINK_INVALID_LINKID || addr == nullptr)
+			return WEXO_STATUS_BADARG;
+		struct nl_addr *local = nullptr, *gw = nullptr;
+		const std::string text = std::string(addr) + "/" + std::to_string(prefixlen);
+		if (nl_addr_parse(text.c_str(), AF_UNSPEC, &local) != 0)
+			return WEXO_STATUS_BADVAL;
+		if (router != nullptr && (nl_addr_parse(router, nl_addr_get_family(local), &gw) != 0 ||
+		                             nl_addr_get_prefixlen(gw) != nl_addr_get_len(gw) * 8)) {
+			nl_addr_put(local);
+			nl_addr_put(gw);
+			return WEXO_STATUS_BADVAL;
+		}
+		struct rtnl_addr *a = rtnl_addr_alloc();
+		int err = a == nullptr ? -NLE_NOMEM : 0;
+		if (err == 0) {
+			rtnl_addr_set_ifindex(a, static_cast<int>(id));
+			err = rtnl_addr_set_local(a, local);
+		}
+		if (err == 0)
+			err = rtnl_addr_add(wexo_sock(h), a, 0);
+		rtnl_addr_put(a);
+		if (err == 0 && gw != nullptr) {
+			struct rtnl_route *r = rtnl_route_alloc();
+			struct rtnl_nexthop *nh = rtnl_route_nh_alloc();
+			struct nl_addr *any = nullptr;
+			err = r == nullptr || nh == nullptr ? -NLE_NOMEM
+			    : nl_addr_parse(nl_addr_get_family(gw) == AF_INET6 ? "::/0" : "0.0.0.0/0", AF_UNSPEC, &any);
+			if (err == 0) {
+				rtnl_route_set_family(r, static_cast<uint8_t>(nl_addr_get_family(gw)));
+				rtnl_route_set_dst(r, any);
+				rtnl_route_nh_set_gateway(nh, gw);
+				rtnl_route_nh_set_ifindex(nh, static_cast<int>(id));
+				rtnl_route_add_nexthop(r, nh);
+				nh = nullptr;	// the route owns it now
+				err = rtnl_route_add(wexo_sock(h), r, NLM_F_CREATE | NLM_F_EXCL);
+			}
+			if (nh != nullptr)
+				rtnl_route_nh_free(nh);
+			rtnl_route_put(r);
+			nl_addr_put(any);
+		}
 		nl_addr_put(local);
 		nl_addr_put(gw);
-		return WEXO_STATUS_BADVAL;
-	}
-	struct rtnl_addr *a = rtnl_addr_alloc();
-	int err = a == nullptr ? -NLE_NOMEM : 0;
-	if (err == 0) {
-		rtnl_addr_set_ifindex(a, static_cast<int>(id));
-		err = rtnl_addr_set_local(a, local);
-	}
-	if (err == 0)
-		err = rtnl_addr_add(wexo_sock(h), a, 0);
-	rtnl_addr_put(a);
-	if (err == 0 && gw != nullptr) {
-		struct rtnl_route *r = rtnl_route_alloc();
-		struct rtnl_nexthop *nh = rtnl_route_nh_alloc();
-		struct nl_addr *any = nullptr;
-		err = r == nullptr || nh == nullptr ? -NLE_NOMEM
-		    : nl_addr_parse(nl_addr_get_family(gw) == AF_INET6 ? "::/0" : "0.0.0.0/0", AF_UNSPEC, &any);
-		if (err == 0) {
-			rtnl_route_set_family(r, static_cast<uint8_t>(nl_addr_get_family(gw)));
-			rtnl_route_set_dst(r, any);
-			rtnl_route_nh_set_gateway(nh, gw);
-			rtnl_route_nh_set_ifindex(nh, static_cast<int>(id));
-			rtnl_route_add_nexthop(r, nh);
-			nh = nullptr;	// the route owns it now
-			err = rtnl_route_add(wexo_sock(h), r, NLM_F_CREATE | NLM_F_EXCL);
-		}
-		if (nh != nullptr)
-			rtnl_route_nh_free(nh);
-		rtnl_route_put(r);
-		nl_addr_put(any);
-	}
-	nl_addr_put(local);
-	nl_addr_put(gw);
-	return wexo_from_nl(err);
+		return wexo_from_nl(err);
+	});
 }
 
 }  // extern "C"
