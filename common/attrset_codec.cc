@@ -221,14 +221,20 @@ bool kel::parse_long(const char *text, long *value)
 
 namespace kel {
 
-int read_props(const char *text, AttrSetPtr *out)
+int read_props(const char *text, AttrSetPtr *out, const PropsCodes &codes)
 {
+	if (text == nullptr && codes.null_text != KEL_SUCCESS)
+		return codes.null_text;
 	attrset_t *set = nullptr;
 	int rc = kel_str2attrset(text != nullptr ? text : "", &set, B_TRUE, ATTRSET_UNIQUE_NAME);
 	if (rc == KEL_E_INVALID_ARGS)
-		return KEL_E_INVALID_PROP;
+		return codes.malformed;
 	if (rc != KEL_SUCCESS)
 		return rc;
+	if (set == nullptr && codes.empty != KEL_SUCCESS)
+		return codes.empty;
+	// An empty text is a valid, empty set: it may lack what the operation needs, but it
+	// is not malformed.
 	if (set == nullptr && attrset_create(&set, ATTRSET_UNIQUE_NAME) != 0)
 		return KEL_E_NOMEM;
 	out->reset(set);

@@ -130,11 +130,10 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 	    (vportname != nullptr && !kel_valid_name(vportname)) || !kel_valid_zonevnicname(vnic) ||
 	    host == nullptr || !valid_hostname(host))
 		return KEL_E_INVALID_ARGS;
-	attrset_t *parsed = nullptr;
-	int rc = props != nullptr ? kel_str2attrset(props, &parsed, B_TRUE, ATTRSET_UNIQUE_NAME) : KEL_SUCCESS;
+	kel::AttrSetPtr set;
+	int rc = kel::read_props(props, &set, {.malformed = KEL_E_INVALID_ARGS});
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel::AttrSetPtr set(parsed);
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;

@@ -168,16 +168,14 @@ int set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host)
 {
 	if (host != nullptr && (*host == '\0' || !valid_hostname(host)))
 		return KEL_E_INVALID_HOSTNAME;
-	attrset_t *parsed = nullptr;
-	int rc = kel_str2attrset(propstr, &parsed, B_TRUE, ATTRSET_UNIQUE_NAME);
+	SetPtr props;
+	int rc = kel::read_props(propstr, &props,
+	    {.null_text = KEL_E_INVALID_ARGS, .malformed = KEL_E_INVALID_ARGS, .empty = KEL_E_INVALID_ARGS});
 	if (rc != KEL_SUCCESS)
 		return rc;
-	if (parsed == nullptr)
-		return KEL_E_INVALID_ARGS;	// a text that names no property
-	SetPtr props(parsed);
 	char *pname = nullptr, *pval = nullptr;
 	kel_ctrlprop_cbarg_t cbarg;
-	if ((rc = kel_parse_ctrlprop(parsed, &pname, &pval, &cbarg)) != KEL_SUCCESS)
+	if ((rc = kel_parse_ctrlprop(props.get(), &pname, &pval, &cbarg)) != KEL_SUCCESS)
 		return rc;
 	const kel_ctrlprop_desc_t *row = kel_get_controller_pdesc_entry(pname, host ? B_TRUE : B_FALSE);
 	if (row == nullptr)

@@ -111,16 +111,12 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 {
 	if (name != nullptr && !kel::valid_new_name(name, flags))
 		return KEL_E_INVALID_NAME;
-	attrset_t *parsed = nullptr;
-	int rc = kel_str2attrset(props, &parsed, B_TRUE, ATTRSET_UNIQUE_NAME);
-	if (rc == KEL_E_INVALID_ARGS)
-		return KEL_E_INVALID_PROP;
+	// An ipnet needs a text (its subnet is in it): none is a bad one, while an empty one
+	// lacks the subnet.
+	SetPtr set;
+	int rc = kel::read_props(props, &set, {.null_text = KEL_E_INVALID_PROP});
 	if (rc != KEL_SUCCESS)
 		return rc;
-	// An empty text is a valid, empty set: it lacks the subnet, it is not malformed.
-	if (parsed == nullptr && attrset_create(&parsed, ATTRSET_UNIQUE_NAME) != 0)
-		return KEL_E_NOMEM;
-	SetPtr set(parsed);
 	if ((rc = kel_check_prop(set.get(), KEL_PROPTYPE_IPNET)) != KEL_SUCCESS)
 		return rc;
 	IpnetPlan plan;

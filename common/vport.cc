@@ -211,12 +211,11 @@ int parse_force(const char *props, bool *force)
 	*force = false;
 	if (props == nullptr)
 		return KEL_SUCCESS;
-	attrset_t *parsed = nullptr;
-	if (kel_str2attrset(props, &parsed, B_TRUE, ATTRSET_UNIQUE_NAME) != KEL_SUCCESS)
-		return KEL_E_INVALID_PROP;
-	kel::AttrSetPtr set(parsed);
+	kel::AttrSetPtr set;
+	if (int rc = kel::read_props(props, &set, {.empty = KEL_E_INVALID_PROP}); rc != KEL_SUCCESS)
+		return rc;
 	char *value = nullptr;
-	if (set == nullptr || kel_attrset_count(set.get()) != 1 ||
+	if (kel_attrset_count(set.get()) != 1 ||
 	    attrset_lookup_string(set.get(), "force", &value) != 0)
 		return KEL_E_INVALID_PROP;
 	*force = std::strcmp(value, "yes") == 0;

@@ -1,3 +1,4 @@
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -215,3 +216,54 @@ TEST_F(Vports, ResetAsksTheHostWhetherTheVnicIsGone)
 }
 
 }  // namespace
+
+// Each operation answers a property text it cannot take with the code its callers know,
+// through the one reader: none, an empty one and a malformed one.
+TEST_F(Vports, BadPropertyTextsAnswerEachOperationsOwnCode)
+{
+	using Op = std::function<int(const char *)>;
+	const Op add_vport = [&](const char *p) {
+		kel_vport_t *vp = nullptr;
+		const int rc = kel_db_add_vport(h_, "sys-global", "web", "q", p, &vp, 0);
+		kel_free_vport(vp);
+		if (rc == KEL_SUCCESS)
+			EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "q", nullptr, 0), KEL_SUCCESS);
+		return rc;
+	};
+	const Op add_ipnet = [&](const char *p) {
+		kel_ipnet_t *ip = nullptr;
+		const int rc = kel_db_add_ipnet(h_, "sys-global", "bare", "m", p, &ip, 0);
+		kel_free_ipnet(ip);
+		return rc;
+	};
+	const Op assign = [&](const char *p) {
+		kel_t *k = nullptr;
+		const int rc = kel_db_assign_vport(h_, "sys-global", "web", "p", "vn0", "hosta", p, &k);
+		kel_free_kel(k);
+		if (rc == KEL_SUCCESS)
+			EXPECT_EQ(kel_db_unassign_vport(h_, "vn0", "hosta", nullptr), KEL_SUCCESS);
+		return rc;
+	};
+	const struct {
+		const char *what;
+		Op op;
+		int if_malformed, if_empty, if_null;
+	} ops[] = {
+	    {"add-vport", add_vport, KEL_E_INVALID_PROP, KEL_SUCCESS, KEL_SUCCESS},
+	    {"add-ipnet", add_ipnet, KEL_E_INVALID_PROP, KEL_E_ARGS_REQUIRED, KEL_E_INVALID_PROP},
+	    {"set-ctrlprop", [&](const char *p) { return kel_db_set_ctrlprop(h_, p, nullptr); }, KEL_E_INVALID_ARGS,
+	        KEL_E_INVALID_ARGS, KEL_E_INVALID_ARGS},
+	    {"assign-vport", assign, KEL_E_INVALID_ARGS, KEL_SUCCESS, KEL_SUCCESS},
+	    // Last: without a text it removes the port.
+	    {"remove-vport", [&](const char *p) { return kel_db_remove_vport(h_, "sys-global", "web", "p", p, 0); },
+	        KEL_E_INVALID_PROP, KEL_E_INVALID_PROP, KEL_SUCCESS},
+	};
+	ASSERT_EQ(add("p"), "ok 10.0.0.2/24");
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uplink-port=net0", "hosta"), KEL_SUCCESS);
+	for (const auto &o : ops) {
+		SCOPED_TRACE(o.what);
+		EXPECT_EQ(o.op("x,y=1"), o.if_malformed);
+		EXPECT_EQ(o.op(""), o.if_empty);
+		EXPECT_EQ(o.op(nullptr), o.if_null);
+	}
+}
