@@ -47,6 +47,8 @@ public:
 	ScratchStore &operator=(const ScratchStore &) = delete;
 
 	kel_dbhandle_t get() const { return h_; }
+	// The scratch tree ($KEL_ROOT), for files a benchmark keeps beside the store.
+	const std::string &root() const { return root_; }
 
 private:
 	std::string root_;

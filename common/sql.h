@@ -61,11 +61,12 @@ int bind_values(sqlite3_stmt *stmt, SqlValues values);
 class Statement {
 public:
 	Statement() = default;
-	~Statement() { kel_sqlite3_finalize(stmt_); }
+	~Statement();
 	Statement(const Statement &) = delete;
 	Statement &operator=(const Statement &) = delete;
 
-	// Prepares `sql` and binds `values`; a statement held before is finalized first.
+	// Prepares `sql` (or takes the store's kept statement for it) and binds `values`; a
+	// statement held before is handed back first.
 	int prepare(sqlite3 *db, const SqlText &sql, SqlValues values = {});
 	// KEL_E_CONTINUE with a row ready, KEL_SUCCESS when done, or an error.
 	int step() { return kel_sqlite3_step(stmt_); }

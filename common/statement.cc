@@ -7,6 +7,7 @@
 #include "fault.h"
 #include "kel_assert.h"
 #include "sql.h"
+#include "statement_cache.h"
 
 namespace {
 
@@ -172,9 +173,24 @@ int bind_values(sqlite3_stmt *stmt, SqlValues values)
 	return KEL_SUCCESS;
 }
 
+Statement::~Statement()
+{
+	statement_cache::give_back(stmt_);
+}
+
 int Statement::prepare(sqlite3 *db, const SqlText &sql, SqlValues values)
 {
-	kel_sqlite3_finalize(stmt_);
+	statement_cache::give_back(stmt_);
+	stmt_ = nullptr;
+	if (sql.c_str() != nullptr && (stmt_ = statement_cache::take(db, sql.c_str())) != nullptr) {
+		// The fault hook counts every statement run, kept or new.
+		if (int injected = kel::fault::next_statement_fault()) {
+			statement_cache::give_back(stmt_);
+			stmt_ = nullptr;
+			return injected;
+		}
+		return bind_values(stmt_, values);
+	}
 	int rc = prepare_text(db, &stmt_, sql.c_str());
 	return rc != KEL_SUCCESS ? rc : bind_values(stmt_, values);
 }

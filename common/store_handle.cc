@@ -8,6 +8,7 @@
 
 #include "c_boundary.h"
 #include "error_code.h"
+#include "statement_cache.h"
 #include "paths.h"
 
 static_assert(KEL_DB_READONLY == SQLITE_OPEN_READONLY && KEL_DB_READWRITE == SQLITE_OPEN_READWRITE,
@@ -36,7 +37,10 @@ int kel_db_open(kel_dbhandle_t *handlep, int flags) noexcept
 		// Never O_CREAT: a store whose lock file is gone must not be used.
 		const int mode = (flags & SQLITE_OPEN_READWRITE) ? O_RDWR : O_RDONLY;
 		edh->edh_fd = open(lock.c_str(), mode | O_CLOEXEC);
-		return edh->edh_fd == -1 ? kel::last_sys_error() : KEL_SUCCESS;
+		if (edh->edh_fd == -1)
+			return kel::last_sys_error();
+		kel::statement_cache::attach(edh->edh_db);
+		return KEL_SUCCESS;
 	});
 
 	if (rc != KEL_SUCCESS) {
@@ -52,6 +56,7 @@ void kel_db_close(kel_dbhandle_t edh) noexcept
 	if (edh == nullptr)
 		return;
 	pthread_mutex_destroy(&edh->edh_cntmutex);
+	kel::statement_cache::detach(edh->edh_db);
 	sqlite3_close(edh->edh_db);
 	// Closing the descriptor also drops any record lock this process holds on the file.
 	if (edh->edh_fd != -1)

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 #include <random>
 #include <string>
@@ -42,6 +43,11 @@ protected:
 		ASSERT_EQ(kel_db_assign_vport(h_, "sys-global", "web", nullptr, "vn1", "node1", nullptr, &bound),
 		    KEL_SUCCESS);
 		kel_free_kel(bound);
+		ASSERT_EQ(kel_db_assign_vport(h_, "sys-global", "web", "p2", "vn5", "node1", nullptr, &bound), KEL_SUCCESS);
+		kel_free_kel(bound);
+		kel_t *bare = nullptr;
+		ASSERT_EQ(kel_db_create_kel(h_, nullptr, "bare", "l2-type=flat", 0, &bare), KEL_SUCCESS);
+		kel_free_kel(bare);
 	}
 
 	void make_kel(const char *name, const char *props, const char *net)
@@ -122,6 +128,28 @@ const std::vector<std::pair<const char *, Writer>> &writers()
 			 return kel_set_ipnetprop(h, "sys-global", "web", "web-net", "pool=10.0.0.2-10.0.0.120", 0);
 		 }},
 		{"change the VLAN range", [](kel_dbhandle_t h) { return kel_db_set_ctrlprop(h, "vlan-range=100-249", nullptr); }},
+		{"add a network", [](kel_dbhandle_t h) {
+			 kel_ipnet_t *ip = nullptr;
+			 const int rc = kel_db_add_ipnet(h, "sys-global", "bare", "bare-net", "subnet=10.9.0.0/24", &ip,
+			     KEL_NAME_DASH_OK);
+			 kel_free_ipnet(ip);
+			 return rc;
+		 }},
+		{"remove a network", [](kel_dbhandle_t h) { return kel_db_remove_ipnet(h, "sys-global", "six", "six-net", 0); }},
+		{"bind a named port", [](kel_dbhandle_t h) {
+			 kel_t *k = nullptr;
+			 const int rc = kel_db_assign_vport(h, "sys-global", "web", "p1", "vn3", "node1", nullptr, &k);
+			 kel_free_kel(k);
+			 return rc;
+		 }},
+		{"unbind a named port", [](kel_dbhandle_t h) { return kel_db_unassign_vport(h, "vn5", "node1", nullptr); }},
+		{"reset a bound port", [](kel_dbhandle_t h) {
+			 return kel_db_reset_vport(h, "sys-global", "web", "p2", "force=yes", 0);
+		 }},
+		{"set a port property", [](kel_dbhandle_t h) {
+			 return kel_set_vportprop(h, "sys-global", "web", "p1", "maxbw=10", 0);
+		 }},
+		{"set a kel property", [](kel_dbhandle_t h) { return kel_set_kelprop(h, "sys-global", "six", "priority=high", 0); }},
 	};
 	return all;
 }
@@ -157,6 +185,30 @@ TEST_F(CrashSafety, ACrashBeforeAnyStatementLosesNothing)
 		}
 		EXPECT_EQ(completed, 1) << what << " never completed";
 		EXPECT_GT(crashes, 0) << what;
+	}
+}
+
+// Each writer commits exactly once: what it draws and what it writes go to disk in one
+// durable commit, which is both what makes a crash lose nothing and what an add costs.
+TEST_F(CrashSafety, EachWriterCommitsOnce)
+{
+	for (const auto &[what, write] : writers()) {
+		SCOPED_TRACE(what);
+		const std::string db = db_path();
+		ASSERT_EQ(system(("cp -p " + db + " " + db + ".orig").c_str()), 0);
+		const pid_t pid = fork();
+		if (pid == 0) {
+			kel_dbhandle_t h = nullptr;
+			if (kel_db_open(&h, KEL_DB_READWRITE) != KEL_SUCCESS)
+				_exit(100);
+			int commits = 0;
+			sqlite3_commit_hook(h->edh_db, [](void *n) { ++*static_cast<int *>(n); return 0; }, &commits);
+			_exit(write(h) == KEL_SUCCESS ? std::min(commits, 99) : 101);
+		}
+		EXPECT_EQ(kel::test::wait_exit(pid), 1) << "commits (100, 101: the writer failed)";
+		kel_db_close(h_);
+		ASSERT_EQ(system(("mv " + db + ".orig " + db + " && rm -f " + db + "-journal").c_str()), 0);
+		ASSERT_EQ(kel_db_open(&h_, KEL_DB_READWRITE), KEL_SUCCESS);
 	}
 }
 

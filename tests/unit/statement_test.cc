@@ -1,5 +1,9 @@
 #include <sqlite3.h>
 
+#include <unistd.h>
+
+#include <cstdlib>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -7,6 +11,7 @@
 #include "libkel.h"
 #include "sql.h"
 #include "statement.h"
+#include "statement_cache.h"
 #include "test_support.h"
 
 namespace {
@@ -236,3 +241,76 @@ TEST_F(StatementTest, UnknownTypeTagIsAProgrammingError)
 }
 
 }  // namespace
+
+namespace {
+
+int first_column(sqlite3 *db, const char *sql, kel::SqlValues values, int *type)
+{
+	kel::Statement st;
+	EXPECT_EQ(st.prepare(db, sql, values), KEL_SUCCESS);
+	EXPECT_EQ(st.step(), KEL_E_CONTINUE);
+	*type = sqlite3_column_type(st.get(), 0);
+	return st.integer(0);
+}
+
+}  // namespace
+
+// Kept statements come back for the same text only, one user at a time, without the last
+// user's bindings; a connection that does not keep them finalizes them as before.
+TEST_F(StatementTest, KeptStatementsAreLentOnceAndComeBackClean)
+{
+	EXPECT_EQ(sqlite3_next_stmt(db_, nullptr), nullptr) << "not kept unless attached";
+	kel::statement_cache::attach(db_);
+	sqlite3_stmt *first = nullptr, *second = nullptr;
+	{
+		kel::Statement a, b;
+		ASSERT_EQ(a.prepare(db_, "SELECT 1"), KEL_SUCCESS);
+		ASSERT_EQ(b.prepare(db_, "SELECT 1"), KEL_SUCCESS);
+		first = a.get();
+		second = b.get();
+		EXPECT_NE(first, second) << "a statement in use is never lent again";
+	}
+	std::optional<kel::Statement> c(std::in_place), other(std::in_place);
+	ASSERT_EQ(c->prepare(db_, "SELECT 1"), KEL_SUCCESS);
+	EXPECT_TRUE(c->get() == first || c->get() == second);
+	ASSERT_EQ(other->prepare(db_, "SELECT 2"), KEL_SUCCESS);
+	EXPECT_NE(other->get(), first);
+	EXPECT_NE(other->get(), second);
+
+	int type = 0;
+	EXPECT_EQ(first_column(db_, "SELECT ?", {7}, &type), 7);
+	first_column(db_, "SELECT ?", {}, &type);
+	EXPECT_EQ(type, SQLITE_NULL) << "the last user's binding stayed";
+
+	// Detached while two are lent: those are finalized by their users, the rest at once.
+	kel::statement_cache::detach(db_);
+	c.reset();
+	other.reset();
+	EXPECT_EQ(sqlite3_next_stmt(db_, nullptr), nullptr);
+}
+
+// A statement handed back in the middle of its rows must not keep the store's read lock:
+// another process could then never commit.
+TEST(StatementCache, AStatementLeftMidReadHoldsNoLock)
+{
+	char path[] = "/tmp/kel-stmt-XXXXXX";
+	const int fd = mkstemp(path);
+	ASSERT_NE(fd, -1);
+	close(fd);
+	sqlite3 *reader = nullptr, *writer = nullptr;
+	ASSERT_EQ(sqlite3_open(path, &reader), SQLITE_OK);
+	ASSERT_EQ(sqlite3_open(path, &writer), SQLITE_OK);
+	ASSERT_EQ(kel::exec(reader, "CREATE TABLE t (x)"), KEL_SUCCESS);
+	ASSERT_EQ(kel::exec(reader, "INSERT INTO t VALUES (1), (2), (3)"), KEL_SUCCESS);
+	kel::statement_cache::attach(reader);
+	{
+		kel::Statement st;
+		ASSERT_EQ(st.prepare(reader, "SELECT x FROM t"), KEL_SUCCESS);
+		ASSERT_EQ(st.step(), KEL_E_CONTINUE);
+	}
+	EXPECT_EQ(kel::exec(writer, "INSERT INTO t VALUES (4)"), KEL_SUCCESS);
+	kel::statement_cache::detach(reader);
+	EXPECT_EQ(sqlite3_close(reader), SQLITE_OK);
+	EXPECT_EQ(sqlite3_close(writer), SQLITE_OK);
+	unlink(path);
+}

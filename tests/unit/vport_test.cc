@@ -226,8 +226,9 @@ TEST_F(Vports, BadPropertyTextsAnswerEachOperationsOwnCode)
 		kel_vport_t *vp = nullptr;
 		const int rc = kel_db_add_vport(h_, "sys-global", "web", "q", p, &vp, 0);
 		kel_free_vport(vp);
-		if (rc == KEL_SUCCESS)
+		if (rc == KEL_SUCCESS) {
 			EXPECT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "q", nullptr, 0), KEL_SUCCESS);
+		}
 		return rc;
 	};
 	const Op add_ipnet = [&](const char *p) {
@@ -240,8 +241,9 @@ TEST_F(Vports, BadPropertyTextsAnswerEachOperationsOwnCode)
 		kel_t *k = nullptr;
 		const int rc = kel_db_assign_vport(h_, "sys-global", "web", "p", "vn0", "hosta", p, &k);
 		kel_free_kel(k);
-		if (rc == KEL_SUCCESS)
+		if (rc == KEL_SUCCESS) {
 			EXPECT_EQ(kel_db_unassign_vport(h_, "vn0", "hosta", nullptr), KEL_SUCCESS);
+		}
 		return rc;
 	};
 	const struct {
