@@ -1,6 +1,5 @@
 #include "connections.h"
 
-#include <libxml/uri.h>
 #include <netdb.h>
 #include <sys/utsname.h>
 
@@ -8,6 +7,7 @@
 #include <cstring>
 
 #include "c_boundary.h"
+#include "xml_uri.h"
 #include "nuq_types.h"
 #include "ctrlprop.h"
 #include "kel_assert.h"
@@ -59,7 +59,7 @@ int kel_connect_uri(const char *uri, nuq_conn_t **conn)
 
 int kel_host_uri(const char *tmpl, const char *hostname, char *buf, size_t size)
 {
-	xmlURIPtr uri = xmlParseURI(tmpl);
+	const kel::xml_uri::Ptr uri = kel::xml_uri::parse(tmpl);
 	if (uri == nullptr)
 		return KEL_E_NOMEM;
 	const bool user = uri->user != nullptr && *uri->user != '\0';
@@ -73,12 +73,11 @@ int kel_host_uri(const char *tmpl, const char *hostname, char *buf, size_t size)
 		n = std::snprintf(buf, size, "ssh://%s%s%s", user ? uri->user : "", user ? "@" : "",
 		    hostname);
 	}
-	xmlFreeURI(uri);
 	return n >= 0 && static_cast<size_t>(n) < size ? KEL_SUCCESS : KEL_E_NOSPACE;
 }
 
 // The canonical name of the node name, as the name service knows it.
-int kel_get_hostname(char *buf, uint_t size)
+int kel_get_hostname(char *buf, uint_t size) noexcept
 {
 	if (size > 0)
 		buf[0] = '\0';

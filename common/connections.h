@@ -12,4 +12,4 @@ int kel_connect_uri(const char *uri, nuq_conn_t **conn);
 // KEL_E_NOSPACE when the URI does not fit.
 int kel_host_uri(const char *tmpl, const char *hostname, char *buf, size_t size);
 // This host's canonical name, as it reports itself to the controller.
-int kel_get_hostname(char *buf, uint_t size);
+extern "C" int kel_get_hostname(char *buf, uint_t size) noexcept;	// exported for libkel_node.so

@@ -1,6 +1,5 @@
 // The fabric's L2 type, its VLAN and VXLAN ID ranges, the host URI template, and the
 // checks on the sub-ranges that uplink ports and VXLAN endpoints carry.
-#include <libxml/uri.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +9,7 @@
 #include "ctrlprop.h"
 #include "filter.h"
 #include "kel_assert.h"
+#include "xml_uri.h"
 #include "range.h"
 #include "sql.h"
 #include "owners.h"
@@ -157,11 +157,10 @@ int kel_set_uri_template(kel_dbhandle_t h, void *cbarg, const char *host)
 	const auto *arg = static_cast<kel_ctrlprop_cbarg_t *>(cbarg);
 	const char *value = static_cast<const char *>(arg->ecc_arg);
 	if (value != nullptr) {
-		xmlURIPtr uri = xmlParseURI(value);
+		const kel::xml_uri::Ptr uri = kel::xml_uri::parse(value);
 		const bool ok = uri != nullptr && uri->scheme != nullptr && uri->server == nullptr &&
 		    uri->path == nullptr &&
 		    (std::strncmp(value, "unix://", 7) == 0 || std::strncmp(value, "ssh://", 6) == 0);
-		xmlFreeURI(uri);
 		if (!ok)
 			return KEL_E_INVALID_URI_TEMPLATE;
 	} else if (host == nullptr) {

@@ -107,12 +107,12 @@ const char *facility_text(int reason, int status, char (&scratch)[kWexoStrSize])
 	const char *text = nullptr;
 	switch (reason) {
 	case KEL_E_WEXO:
-		if (wexo_status2str != nullptr)
-			text = wexo_status2str(status, scratch);
+		if (auto fn = node_text(wexo_status2str, "wexo_status2str"))
+			text = fn(status, scratch);
 		break;
 	case KEL_E_FENU:
-		if (fenu_status2str != nullptr)
-			text = fenu_status2str(status);
+		if (auto fn = node_text(fenu_status2str, "fenu_status2str"))
+			text = fn(status);
 		break;
 	case KEL_E_NUQ:
 		if (nuq_err_string != nullptr)

@@ -210,19 +210,6 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 
 }  // namespace
 
-void kel_str2ntype(const char *str, kel_l2ntype_t *type)
-{
-	*type = KEL_L2NTYPE_UNKNOWN;
-	if (str == nullptr)
-		return;
-	if (std::strcmp(str, "vlan") == 0)
-		*type = KEL_L2NTYPE_VLAN;
-	else if (std::strcmp(str, "vxlan") == 0)
-		*type = KEL_L2NTYPE_VXLAN;
-	else if (std::strcmp(str, "flat") == 0)
-		*type = KEL_L2NTYPE_FLAT;
-}
-
 int kel_get_l2type_info(kel_dbhandle_t h, kel_l2ntype_t *type, char *buf, int buflen)
 {
 	buf[0] = '\0';

@@ -128,15 +128,6 @@ int vxlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_i
 
 }  // namespace
 
-void kel_vxlan_linkname(int vni, char *buf, size_t size)
-{
-	// A Linux link name has at most 15 characters: VNIs above 999999 get the short
-	// prefix, which keeps the "kel-" that marks links made for VNICs.
-	const int n = std::snprintf(buf, size, "kel-vxlan%d", vni);
-	if (n >= IFNAMSIZ)
-		std::snprintf(buf, size, "kel-vx%d", vni);
-}
-
 int kel_setup_l2network(wexo_handle_t handle, datalink_id_t *linkid, kelcntl_KELImplInfo *info)
 {
 	KEL_ASSERT(kel::kAreaNuq, linkid != NULL);

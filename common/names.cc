@@ -112,11 +112,6 @@ void kel_take_uuid(attrset_t *props, char (&text)[KEL_UUID_TEXT_LEN])
 	uuid_unparse_lower(uu, text);
 }
 
-boolean_t kel_valid_zonevnicname(const char *text)
-{
-	return dlparse_zonelinkname(text, nullptr, 0, nullptr, 0) ? B_TRUE : B_FALSE;
-}
-
 extern "C" {
 
 boolean_t kel_valid_name(const char *text) noexcept

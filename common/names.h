@@ -13,7 +13,6 @@ boolean_t kel_valid_hrname(const char *text);
 boolean_t kel_parse_name_common(const char *text, char *kelname, char *member);
 // The UUID text without its hyphens; `size` must be at least 33.
 void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size);
-boolean_t kel_valid_zonevnicname(const char *text);
 
 #include <uuid/uuid.h>
 
@@ -21,7 +20,14 @@ boolean_t kel_valid_zonevnicname(const char *text);
 #include <initializer_list>
 #include <string>
 
+#include "kelnet.h"
 #include "uuid_text.h"
+
+// A VNIC's name, with its network namespace when it has one ("ns/vnic0").
+inline boolean_t kel_valid_zonevnicname(const char *text)
+{
+	return dlparse_zonelinkname(text, nullptr, 0, nullptr, 0) ? B_TRUE : B_FALSE;
+}
 
 namespace kel {
 

@@ -159,7 +159,9 @@ int kel_get_props(void *object, list_t *list, attrset_t *names, kel_proptype_t t
 	                        : kel_get_all_props(object, list, type);
 }
 
-int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *buf, size_t size)
+namespace {
+
+int inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *buf, size_t size)
 {
 	std::string text;
 	for (const kel_prop_desc_t *row = kel_prop_table; row->ep_pname != nullptr; row++) {
@@ -180,6 +182,13 @@ int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *bu
 		return KEL_E_NOSPACE;
 	std::memcpy(buf, text.c_str(), text.size() + 1);
 	return KEL_SUCCESS;
+}
+
+}  // namespace
+
+int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *buf, size_t size) noexcept
+{
+	return kel::c_boundary([&] { return inherit_dlprops(kel, vport, buf, size); });
 }
 
 extern "C" {

@@ -16,4 +16,5 @@ int kel_build_proplist(void *object, list_t *list, const kel_prop_desc_t *desc, 
 // The link properties a port's VNIC gets: for each link property, the port's value, else
 // its switch's ("protection=none" left out), as "name=value,...". KEL_E_NOSPACE, with
 // `buf` empty, when the text would not fit `size`.
-int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *buf, size_t size);
+// Exported for libkel_node.so.
+extern "C" int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *buf, size_t size) noexcept;

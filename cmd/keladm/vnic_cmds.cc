@@ -7,6 +7,7 @@
 
 #include "keladm.h"
 #include "libkel_node.h"
+#include "node_calls.h"
 #include "owners.h"
 
 namespace keladm {
@@ -40,18 +41,18 @@ public:
 		if (done_)
 			return;
 		if (made_)
-			(void)wexo_vnic_delete(h_, vnic_.c_str(), nullptr);
+			(void)node().wexo_vnic_delete(h_, vnic_.c_str(), nullptr);
 		if (bound_)
-			(void)kel_disconnect_vnic(h_, vnic_.c_str(), nullptr, lower_, 0);
-		wexo_free_args(props_);
-		kelcntl_KELImplInfo_free(info_);
+			(void)node().kel_disconnect_vnic(h_, vnic_.c_str(), nullptr, lower_, 0);
+		node().wexo_free_args(props_);
+		node().kelcntl_KELImplInfo_free(info_);
 	}
 	Attachment(const Attachment &) = delete;
 	Attachment &operator=(const Attachment &) = delete;
 
 	int connect(const Options &opts, const std::string &kel, const char *vport)
 	{
-		const int rc = kel_connect_vnic(h_, opts.tenant.c_str(), kel.c_str(), vport, vnic_.c_str(), &props_,
+		const int rc = node().kel_connect_vnic(h_, opts.tenant.c_str(), kel.c_str(), vport, vnic_.c_str(), &props_,
 		    opts.props.empty() ? nullptr : opts.props.c_str(), &lower_, &info_, 0);
 		bound_ = rc == KEL_SUCCESS;
 		return rc;
@@ -59,17 +60,17 @@ public:
 	wexo_status_t make(wexo_vnic_kind_t kind)
 	{
 		const std::string mac = remote_prop(port()->evpi_props, port()->evpi_props_count, "macaddr");
-		const wexo_status_t st = wexo_vnic_create(h_, vnic_.c_str(), lower_, kind, mac.empty() ? nullptr : mac.c_str(), &id_);
+		const wexo_status_t st = node().wexo_vnic_create(h_, vnic_.c_str(), lower_, kind, mac.empty() ? nullptr : mac.c_str(), &id_);
 		made_ = st == WEXO_STATUS_OK;
 		return st;
 	}
 	// The port's link properties, through the call keld uses for live changes.
 	int apply(wexo_handle_t vh)
 	{
-		for (uint_t i = 0; i < wexo_arg_count(props_); i++) {
-			const wexo_status_t st = wexo_set_linkprop(vh, id_, wexo_arg_name(props_, i), wexo_arg_value(props_, i));
+		for (uint_t i = 0; i < node().wexo_arg_count(props_); i++) {
+			const wexo_status_t st = node().wexo_set_linkprop(vh, id_, node().wexo_arg_name(props_, i), node().wexo_arg_value(props_, i));
 			if (st != WEXO_STATUS_OK)
-				return wexo_fail(std::string("cannot set ") + wexo_arg_name(props_, i) + " on VNIC '" + vnic_ + "'", st);
+				return wexo_fail(std::string("cannot set ") + node().wexo_arg_name(props_, i) + " on VNIC '" + vnic_ + "'", st);
 		}
 		return kExitOk;
 	}
@@ -87,7 +88,7 @@ public:
 		const uint32_t plen = slash == std::string::npos ? 32 : std::stoul(subnet.substr(slash + 1));
 		const std::string addr = ip.substr(0, ip.find('/'));
 		const bool routed = !router.empty() && router != "0.0.0.0" && router != "::";
-		const wexo_status_t st = wexo_link_set_ipaddr(vh, id_, addr.c_str(), plen, routed ? router.c_str() : nullptr);
+		const wexo_status_t st = node().wexo_link_set_ipaddr(vh, id_, addr.c_str(), plen, routed ? router.c_str() : nullptr);
 		return st == WEXO_STATUS_OK ? kExitOk : wexo_fail("cannot give VNIC '" + vnic_ + "' its address", st);
 	}
 	void keep() { done_ = true; }
@@ -108,8 +109,8 @@ private:
 // A datalink handle, closed on scope exit.
 class Handle {
 public:
-	~Handle() { wexo_close(h_); }
-	wexo_status_t open(const std::string &netns) { return wexo_open_netns(netns.c_str(), &h_); }
+	~Handle() { node().wexo_close(h_); }
+	wexo_status_t open(const std::string &netns) { return node().wexo_open_netns(netns.c_str(), &h_); }
 	wexo_handle_t get() const { return h_; }
 
 private:
@@ -119,8 +120,8 @@ private:
 // The ports bound to this host's VNICs, freed on scope exit.
 class HostPorts {
 public:
-	~HostPorts() { kelcntl_VPortInfo_array_free(array_, count_); }
-	int fetch() { return kel_get_host_vnicinfo(&array_, &count_); }
+	~HostPorts() { node().kelcntl_VPortInfo_array_free(array_, count_); }
+	int fetch() { return node().kel_get_host_vnicinfo(&array_, &count_); }
 	kelcntl_VPortInfo **begin() const { return array_; }
 	kelcntl_VPortInfo **end() const { return array_ + count_; }
 
@@ -133,6 +134,8 @@ private:
 
 int create_vnic(const Subcommand &cmd, const Options &opts)
 {
+	if (!load_node_calls())
+		return kExitFailed;
 	if (opts.operands.size() != 2)
 		return usage_error(cmd, "give the kel (or KEL/VPORT) and the VNIC's name");
 	char kel[KEL_NAME_LEN], vport[KEL_NAME_LEN];
@@ -155,7 +158,7 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 	// The controller answers a VNIC it already knows with that VNIC's binding: a name
 	// that is taken must be refused before, or undoing would release the other's port.
 	const std::string link = vnic.substr(vnic.find('/') + 1);
-	if (wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK)
+	if (node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK)
 		return wexo_fail("cannot make VNIC '" + vnic + "'", WEXO_STATUS_EXIST);
 	Attachment a(host.get(), vnic);
 	if (int rc = a.connect(opts, kel, vport[0] != '\0' ? vport : nullptr); rc != KEL_SUCCESS)
@@ -169,7 +172,7 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 			return rc;
 	a.keep();
 	char lower[MAXLINKNAMELEN] = "";
-	(void)wexo_datalink_id2info(host.get(), a.lower(), nullptr, nullptr, nullptr, lower, sizeof(lower));
+	(void)node().wexo_datalink_id2info(host.get(), a.lower(), nullptr, nullptr, nullptr, lower, sizeof(lower));
 	std::printf("created VNIC %s on %s/%s over %s (%s, %s)\n", vnic.c_str(), kel, a.port()->evpi_name, lower,
 	    remote_prop(a.port()->evpi_props, a.port()->evpi_props_count, "macaddr").c_str(),
 	    remote_prop(a.port()->evpi_props, a.port()->evpi_props_count, "ipaddr").c_str());
@@ -178,6 +181,8 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 
 int delete_vnic(const Subcommand &cmd, const Options &opts)
 {
+	if (!load_node_calls())
+		return kExitFailed;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "give the VNIC's name");
 	const std::string vnic = opts.operands[0];
@@ -186,12 +191,12 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 		return wexo_fail("cannot open this host's datalinks", st);
 	// The VNIC goes first: the link under it can only go once nothing is made over it.
 	datalink_id_t lower = DATALINK_INVALID_LINKID;
-	const wexo_status_t st = wexo_vnic_delete(host.get(), vnic.c_str(), &lower);
+	const wexo_status_t st = node().wexo_vnic_delete(host.get(), vnic.c_str(), &lower);
 	if (st != WEXO_STATUS_OK && st != WEXO_STATUS_NOTFOUND)
 		return wexo_fail("cannot remove VNIC '" + vnic + "'", st);
 	if (st == WEXO_STATUS_NOTFOUND)
 		warn("VNIC '" + vnic + "' is not on this host; releasing its port", KEL_WEXO_ERROR(st));
-	const int rc = kel_disconnect_vnic(host.get(), vnic.c_str(), nullptr, lower, 0);
+	const int rc = node().kel_disconnect_vnic(host.get(), vnic.c_str(), nullptr, lower, 0);
 	// Without the VNIC there is no lower link to look at: the release is what counts.
 	if (rc != KEL_SUCCESS && !(st == WEXO_STATUS_NOTFOUND && (rc & 0xff) == KEL_E_WEXO))
 		return fail("cannot release the port of VNIC '" + vnic + "'", rc);
@@ -200,6 +205,8 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 
 int show_vnic(const Subcommand &cmd, const Options &opts)
 {
+	if (!load_node_calls())
+		return kExitFailed;
 	Output out;
 	if (!out.configure({{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"}, {"lower"},
 	                       {"ipackets"}, {"rbytes"}, {"opackets"}, {"obytes"}},
@@ -225,11 +232,11 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 		found = true;
 		char lower[MAXLINKNAMELEN] = "";
 		datalink_id_t id = DATALINK_INVALID_LINKID;
-		if (opened == WEXO_STATUS_OK && wexo_vnic_lower(host.get(), vp->evpi_vnicname, &id) == WEXO_STATUS_OK)
-			(void)wexo_datalink_id2info(host.get(), id, nullptr, nullptr, nullptr, lower, sizeof(lower));
+		if (opened == WEXO_STATUS_OK && node().wexo_vnic_lower(host.get(), vp->evpi_vnicname, &id) == WEXO_STATUS_OK)
+			(void)node().wexo_datalink_id2info(host.get(), id, nullptr, nullptr, nullptr, lower, sizeof(lower));
 		std::vector<std::string> counters(4);
 		link_stat_t st;
-		if (self != nullptr && kel_get_vnicstat(self.get(), vp->evpi_vnicname, &st) == KEL_SUCCESS)
+		if (self != nullptr && node().kel_get_vnicstat(self.get(), vp->evpi_vnicname, &st) == KEL_SUCCESS)
 			counters = {std::to_string(st.ls_ipackets), std::to_string(st.ls_rbytes),
 			    std::to_string(st.ls_opackets), std::to_string(st.ls_obytes)};
 		out.add({vp->evpi_vnicname, vp->evpi_kelname, vp->evpi_name, vp->evpi_tenantname,

@@ -179,7 +179,7 @@ fenu_status_t fenu_get_addrinfo(mac_ipaddr_t *addr, mac_ipaddr_t *mask, uint32_t
 	return FENU_SUCCESS;
 }
 
-const char *fenu_status2str(int status)
+const char *fenu_status2str(int status) noexcept
 {
 	switch (status) {
 	case FENU_SUCCESS: return "success";

@@ -44,6 +44,6 @@ boolean_t fenu_is_ip(fenu_handle_t h, const char *ifname);
 // *mask, its interface to *ifindex (each when given) and *linkid.
 fenu_status_t fenu_get_addrinfo(mac_ipaddr_t *addr, mac_ipaddr_t *mask, uint32_t plen,
     int *ifindex, datalink_id_t *linkid, boolean_t by_interface, int family);
-const char *fenu_status2str(int status);
+const char *fenu_status2str(int status) noexcept;
 
 }

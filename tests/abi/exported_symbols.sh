@@ -1,9 +1,10 @@
 #!/bin/sh
 # The shared object exports exactly the symbols its version script lists, each under
-# QARNprivate_1.1, and has its SONAME. Usage: exported_symbols.sh LIBKEL.so libkel.map
+# QARNprivate_1.1, and has its SONAME. Usage: exported_symbols.sh LIB.so LIB.map SONAME
 set -eu
 lib=$1
 map=$2
+soname=$3
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 
@@ -23,6 +24,6 @@ if ! diff -u "$tmp/wanted" "$tmp/names"; then
 	echo "exports differ from $map (- listed but missing, + exported but not listed)"
 	status=1
 fi
-readelf -d "$lib" | grep -q 'SONAME.*\[libkel\.so\.1\]' || { echo "SONAME is not libkel.so.1"; status=1; }
+readelf -d "$lib" | grep SONAME | grep -qF "[$soname]" || { echo "SONAME is not $soname"; status=1; }
 [ $status -eq 0 ] && echo "exports match $map: $(wc -l <"$tmp/wanted") symbols"
 exit $status

@@ -33,7 +33,7 @@ pc=$(find "$tmp/dest" -name libkel.pc | head -1)
 prefix=$(sed -n 's/^prefix=//p' "$pc")
 root=$tmp/dest$prefix
 export PKG_CONFIG_PATH=$(dirname "$pc")
-flags=$(pkg-config --define-variable=prefix="$root" --cflags --libs libkel)
+flags=$(pkg-config --define-variable=prefix="$root" --cflags --libs libkel_node)
 check "the program builds against the installed headers alone" \
 	cc -std=c99 -Wall -Wextra -pedantic -Werror -o "$tmp/attach" "$source" $flags
 libdir=$(pkg-config --define-variable=prefix="$root" --variable=libdir libkel)

@@ -1,0 +1,47 @@
+#!/bin/bash
+# keladm as operators run it, one process per command. In a scratch store with one flat
+# kel and a /8 network, adds N ports with `keladm add-vport` and prints the mean cost of
+# the first and of the last 100 adds, then the fixed cost of starting keladm (`keladm
+# help`) against a bare process (/bin/true), all as JSON lines. Every add has its address
+# drawn and durable when keladm returns.
+# Usage: keladm_bench.sh KELADM [N...]   (default N: 1000 5000)
+set -euo pipefail
+keladm=$(realpath "$1")
+shift
+sizes=("$@")
+[ ${#sizes[@]} -eq 0 ] && sizes=(1000 5000)
+
+# Microseconds since the epoch, from bash itself: no process per reading.
+now_us() { echo $((${EPOCHREALTIME/./})); }
+
+# mean_us N COMMAND...: the mean cost of running COMMAND N times.
+mean_us() {
+	local n=$1 t0 i
+	shift
+	t0=$(now_us)
+	for ((i = 0; i < n; i++)); do "$@" >/dev/null; done
+	echo $((($(now_us) - t0) / n))
+}
+
+for n in "${sizes[@]}"; do
+	root=$(mktemp -d /tmp/kel-keladm-bench-XXXXXX)
+	export KEL_ROOT=$root
+	mkdir -p "$root/etc/kel"
+	"$keladm" create-store >/dev/null
+	"$keladm" set-controlprop uplink-port=net0 >/dev/null
+	"$keladm" create-kel -p l2-type=flat web >/dev/null
+	"$keladm" add-ipnet -p subnet=10.0.0.0/8 web/n >/dev/null
+	batch=$((n < 100 ? n : 100))
+	t0=$(now_us)
+	for ((i = 0; i < n; i++)); do
+		[ $i -eq $((n - batch)) ] && t_end=$(now_us)
+		"$keladm" add-vport "web/p$i" >/dev/null
+		[ $i -eq $((batch - 1)) ] && start=$((($(now_us) - t0) / batch))
+	done
+	end=$((($(now_us) - t_end) / batch))
+	echo "{\"ports\": $n, \"op\": \"keladm add-vport\", \"start_us\": $start, \"end_us\": $end}"
+	rm -rf "$root"
+done
+bare=$(mean_us 300 /bin/true)
+help=$(mean_us 300 "$keladm" help)
+echo "{\"op\": \"start\", \"bare_us\": $bare, \"keladm_help_us\": $help, \"fixed_us\": $((help - bare))}"

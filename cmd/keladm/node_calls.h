@@ -1,0 +1,28 @@
+// The node side's calls, for the VNIC commands. keladm links libkel.so only and loads
+// libkel_node.so when a VNIC command first needs it, so that every other command starts
+// without netlink, nftables and what they pull in.
+#pragma once
+
+#include "libkel_node.h"
+
+namespace keladm {
+
+#define KELADM_NODE_CALLS(X)                                                                    \
+	X(kel_connect_vnic) X(kel_disconnect_vnic) X(kel_get_host_vnicinfo) X(kel_get_vnicstat)    \
+	X(kelcntl_KELImplInfo_free) X(kelcntl_VPortInfo_array_free) X(wexo_arg_count) X(wexo_arg_name) \
+	X(wexo_arg_value) X(wexo_close) X(wexo_datalink_id2info) X(wexo_free_args)                  \
+	X(wexo_link_set_ipaddr) X(wexo_name2info) X(wexo_open_netns) X(wexo_set_linkprop)           \
+	X(wexo_vnic_create) X(wexo_vnic_delete) X(wexo_vnic_lower)
+
+struct NodeCalls {
+#define KELADM_NODE_FIELD(name) decltype(&::name) name = nullptr;
+	KELADM_NODE_CALLS(KELADM_NODE_FIELD)
+#undef KELADM_NODE_FIELD
+};
+
+// Loads the node side on first use; false after saying why it could not be loaded.
+bool load_node_calls();
+// The calls; only after load_node_calls succeeded.
+const NodeCalls &node();
+
+}  // namespace keladm
