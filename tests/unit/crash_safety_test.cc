@@ -63,6 +63,21 @@ protected:
 		kel_free_ipnet(ip);
 	}
 
+	// A copy of the store's file, for restore_store to put back: a child then works on
+	// the store SetUp made, and the next child starts from it again.
+	void save_store()
+	{
+		const std::string db = db_path();
+		ASSERT_EQ(system(("cp -p " + db + " " + db + ".orig").c_str()), 0);
+	}
+	void restore_store()
+	{
+		const std::string db = db_path();
+		kel_db_close(h_);
+		ASSERT_EQ(system(("mv " + db + ".orig " + db + " && rm -f " + db + "-journal").c_str()), 0);
+		ASSERT_EQ(kel_db_open(&h_, KEL_DB_READWRITE), KEL_SUCCESS);
+	}
+
 	// What kel_db_check_store finds, one line per problem ("" for none).
 	std::string problems()
 	{
@@ -161,10 +176,7 @@ TEST_F(CrashSafety, ACrashBeforeAnyStatementLosesNothing)
 		int completed = 0, crashes = 0;
 		for (int nth = 1; completed == 0 && nth < 200; nth++) {
 			SCOPED_TRACE(std::string(what) + ", dying before statement " + std::to_string(nth));
-			// The child works on a copy of the store's files, so that every run starts
-			// from the same store.
-			const std::string db = db_path();
-			ASSERT_EQ(system(("cp -p " + db + " " + db + ".orig").c_str()), 0);
+			save_store();
 			const pid_t pid = fork();
 			if (pid == 0) {
 				kel_dbhandle_t h = nullptr;
@@ -178,10 +190,7 @@ TEST_F(CrashSafety, ACrashBeforeAnyStatementLosesNothing)
 			completed = status == 0;
 			crashes += status == kDied;
 			EXPECT_EQ(problems(), "");
-			// Back to the store as SetUp left it, for the next instant.
-			kel_db_close(h_);
-			ASSERT_EQ(system(("mv " + db + ".orig " + db + " && rm -f " + db + "-journal").c_str()), 0);
-			ASSERT_EQ(kel_db_open(&h_, KEL_DB_READWRITE), KEL_SUCCESS);
+			restore_store();
 		}
 		EXPECT_EQ(completed, 1) << what << " never completed";
 		EXPECT_GT(crashes, 0) << what;
@@ -194,8 +203,7 @@ TEST_F(CrashSafety, EachWriterCommitsOnce)
 {
 	for (const auto &[what, write] : writers()) {
 		SCOPED_TRACE(what);
-		const std::string db = db_path();
-		ASSERT_EQ(system(("cp -p " + db + " " + db + ".orig").c_str()), 0);
+		save_store();
 		const pid_t pid = fork();
 		if (pid == 0) {
 			kel_dbhandle_t h = nullptr;
@@ -206,9 +214,7 @@ TEST_F(CrashSafety, EachWriterCommitsOnce)
 			_exit(write(h) == KEL_SUCCESS ? std::min(commits, 99) : 101);
 		}
 		EXPECT_EQ(kel::test::wait_exit(pid), 1) << "commits (100, 101: the writer failed)";
-		kel_db_close(h_);
-		ASSERT_EQ(system(("mv " + db + ".orig " + db + " && rm -f " + db + "-journal").c_str()), 0);
-		ASSERT_EQ(kel_db_open(&h_, KEL_DB_READWRITE), KEL_SUCCESS);
+		restore_store();
 	}
 }
 
