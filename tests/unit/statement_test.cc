@@ -215,21 +215,34 @@ TEST_F(StatementTest, FailedCommitRollsBack)
 	EXPECT_EQ(rows(), Rows{});
 }
 
+// Two connections to one scratch database file, as two processes would hold them.
+struct TwoConnections {
+	TwoConnections()
+	{
+		const int fd = mkstemp(path);
+		if (fd != -1)
+			close(fd);
+		ok = fd != -1 && sqlite3_open(path, &a) == SQLITE_OK && sqlite3_open(path, &b) == SQLITE_OK;
+	}
+	~TwoConnections()
+	{
+		kel::statement_cache::detach(a);
+		sqlite3_close(b);
+		sqlite3_close(a);
+		unlink(path);
+	}
+	char path[32] = "/tmp/kel-stmt-XXXXXX";
+	sqlite3 *a = nullptr, *b = nullptr;
+	bool ok = false;
+};
+
 TEST_F(StatementTest, BusyStoreIsReportedAtOnce)
 {
-	char path[] = "/tmp/kel-busy-XXXXXX";
-	int fd = mkstemp(path);
-	ASSERT_NE(fd, -1);
-	close(fd);
-	sqlite3 *a = nullptr, *b = nullptr;
-	ASSERT_EQ(sqlite3_open(path, &a), SQLITE_OK);
-	ASSERT_EQ(sqlite3_open(path, &b), SQLITE_OK);
-	ASSERT_EQ(kel::exec(a, "CREATE TABLE x (v)"), KEL_SUCCESS);
-	ASSERT_EQ(kel::exec(a, "BEGIN EXCLUSIVE TRANSACTION"), KEL_SUCCESS);
-	EXPECT_EQ(kel::exec(b, "SELECT * FROM x"), SQLITE_BUSY * 256 + KEL_E_SQL);
-	sqlite3_close(b);
-	sqlite3_close(a);
-	unlink(path);
+	TwoConnections db;
+	ASSERT_TRUE(db.ok);
+	ASSERT_EQ(kel::exec(db.a, "CREATE TABLE x (v)"), KEL_SUCCESS);
+	ASSERT_EQ(kel::exec(db.a, "BEGIN EXCLUSIVE TRANSACTION"), KEL_SUCCESS);
+	EXPECT_EQ(kel::exec(db.b, "SELECT * FROM x"), SQLITE_BUSY * 256 + KEL_E_SQL);
 }
 
 TEST_F(StatementTest, UnknownTypeTagIsAProgrammingError)
@@ -293,24 +306,15 @@ TEST_F(StatementTest, KeptStatementsAreLentOnceAndComeBackClean)
 // another process could then never commit.
 TEST(StatementCache, AStatementLeftMidReadHoldsNoLock)
 {
-	char path[] = "/tmp/kel-stmt-XXXXXX";
-	const int fd = mkstemp(path);
-	ASSERT_NE(fd, -1);
-	close(fd);
-	sqlite3 *reader = nullptr, *writer = nullptr;
-	ASSERT_EQ(sqlite3_open(path, &reader), SQLITE_OK);
-	ASSERT_EQ(sqlite3_open(path, &writer), SQLITE_OK);
-	ASSERT_EQ(kel::exec(reader, "CREATE TABLE t (x)"), KEL_SUCCESS);
-	ASSERT_EQ(kel::exec(reader, "INSERT INTO t VALUES (1), (2), (3)"), KEL_SUCCESS);
-	kel::statement_cache::attach(reader);
+	TwoConnections db;
+	ASSERT_TRUE(db.ok);
+	ASSERT_EQ(kel::exec(db.a, "CREATE TABLE t (x)"), KEL_SUCCESS);
+	ASSERT_EQ(kel::exec(db.a, "INSERT INTO t VALUES (1), (2), (3)"), KEL_SUCCESS);
+	kel::statement_cache::attach(db.a);
 	{
 		kel::Statement st;
-		ASSERT_EQ(st.prepare(reader, "SELECT x FROM t"), KEL_SUCCESS);
+		ASSERT_EQ(st.prepare(db.a, "SELECT x FROM t"), KEL_SUCCESS);
 		ASSERT_EQ(st.step(), KEL_E_CONTINUE);
 	}
-	EXPECT_EQ(kel::exec(writer, "INSERT INTO t VALUES (4)"), KEL_SUCCESS);
-	kel::statement_cache::detach(reader);
-	EXPECT_EQ(sqlite3_close(reader), SQLITE_OK);
-	EXPECT_EQ(sqlite3_close(writer), SQLITE_OK);
-	unlink(path);
+	EXPECT_EQ(kel::exec(db.b, "INSERT INTO t VALUES (4)"), KEL_SUCCESS);
 }
