@@ -407,7 +407,7 @@ void kel_free_problemlist(list_t *problems) KEL_NOEXCEPT;
 /*
  * Store lists. Each takes the store lock itself. On success the caller owns the list's
  * records and frees them with the matching kel_free_*list; on failure there is nothing
- * to free. `flags` is reserved: pass 0.
+ * to free. `flags` is 0, or KEL_LIST_NO_MEMBERS where said below.
  */
 
 /*
@@ -434,6 +434,29 @@ int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *
 /* Networks by tenant, switch and network name; each may be NULL or empty. */
 int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
     const char *ipnet, list_t *out, uint32_t flags) KEL_NOEXCEPT;
+
+/*
+ * Listing large stores without holding them in memory.
+ *
+ * KEL_LIST_NO_MEMBERS, as the flags of kel_db_get_filtered_kellist: the switches come
+ * with empty kel_ports and kel_ipnets, so listing them costs what the switches cost, not
+ * what their ports do. kel_status is still KEL_STATUS_BUSY when a port of the switch is
+ * bound, and a filter that names ports or networks still selects by them.
+ */
+#define KEL_LIST_NO_MEMBERS	0x1u
+/* KEL_WALK_NO_PROPS, as the flags of kel_db_walk_vports: evp_props stays NULL. */
+#define KEL_WALK_NO_PROPS	0x2u
+
+typedef int kel_vport_walk_fn_t(const kel_vport_t *vport, void *arg);
+/*
+ * Hands each port that matches `filter` to `fn`, one at a time, in the order of
+ * kel_db_get_filtered_vportlist: the record belongs to the library and is gone once `fn`
+ * returns. A non-zero return of `fn` ends the walk and becomes the walk's result. None
+ * matched: KEL_E_VPORT_NOTFOUND. The store lock is held until the walk ends (shared for a
+ * read-only handle), so `fn` should collect rather than wait on anything slow.
+ */
+int kel_db_walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags,
+    kel_vport_walk_fn_t *fn, void *arg) KEL_NOEXCEPT;
 
 /* L2 network types of a switch. */
 typedef enum {

@@ -14,6 +14,7 @@
 #include "allocator.h"
 #include "kelnet.h"
 #include "mac_index.h"
+#include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
 
@@ -37,6 +38,14 @@ bool found(sqlite3 *db, const kel::SqlText &sql, kel::SqlValues values)
 	return any && rc == KEL_E_CONTINUE;
 }
 
+// The plain meaning: a LIKE over every port.
+boolean_t scan(kel_dbhandle_t h, const std::string &pattern)
+{
+	return found(h->edh_db, "SELECT 1 FROM vport_tbl WHERE vport_props LIKE ?1 LIMIT 1", {pattern})
+	    ? B_TRUE
+	    : B_FALSE;
+}
+
 }  // namespace
 
 boolean_t kel_db_macaddr_exists(kel_dbhandle_t h, const char *mac)
@@ -48,12 +57,16 @@ boolean_t kel_db_macaddr_exists(kel_dbhandle_t h, const char *mac)
 	    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
 	const std::string pattern = "%" + text + "%";
 	if (!keyable(text))
-		return found(h->edh_db, "SELECT 1 FROM vport_tbl WHERE vport_props LIKE ?1 LIMIT 1",
-		           {pattern})
-		    ? B_TRUE
-		    : B_FALSE;
+		return scan(h, pattern);
+	// A store made before the tails were kept has neither them nor their triggers: the
+	// plain scan answers there until the store is upgraded.
+	bool have_tails = false;
+	if (kel::schema::has_table(h->edh_db, "vport_colon_tbl", &have_tails) != KEL_SUCCESS || !have_tails)
+		return scan(h, pattern);
 	const std::string tail = text.substr(text.find(':'));
-	return found(h->edh_db, KEL_SQL_MAC_TAKEN, {tail, tail + "g", pattern}) ? B_TRUE : B_FALSE;
+	std::string kept = tail.substr(0, kel::schema::kKeptTail), past = kept;
+	past.back()++;	// a colon or a hex digit: never the last character there is
+	return found(h->edh_db, KEL_SQL_MAC_TAKEN, {tail, tail + "g", pattern, kept, past}) ? B_TRUE : B_FALSE;
 }
 
 namespace {

@@ -28,18 +28,51 @@
 	KEL_SQL_COLONS(KEL_SQL_MACVAL) " IS NOT 5 OR trim(" KEL_SQL_MACVAL                       \
 	", '0123456789abcdef:') <> '')))"
 
+// For those ports, vport_colon_tbl holds what follows each colon of the lower-cased
+// property string (kKeptTail characters from the colon on): a text occurs in the string
+// only where its tail from its first colon starts one of these, so a range lookup on the
+// tails finds every candidate, and LIKE decides. Triggers keep the rows in step with
+// every write of vport_props, so no writer has to remember them; a port that the key
+// answers for has none. `source` is a row source with vport_uuid and vport_props.
+#define KEL_SQL_KEPT_TAIL "24"
+#define KEL_SQL_COLON_ROWS(source)                                                          \
+	"INSERT INTO vport_colon_tbl (colon_vport, colon_pos, colon_tail) "                    \
+	"WITH RECURSIVE at(u, t, i) AS (SELECT vport_uuid, lower(vport_props), "              \
+	"instr(lower(vport_props), ':') FROM " source " WHERE " KEL_SQL_MAC_UNKEYED           \
+	" UNION ALL SELECT u, t, i + instr(substr(t, i + 1), ':') FROM at "                   \
+	"WHERE instr(substr(t, i + 1), ':') > 0) "                                            \
+	"SELECT u, i, substr(t, i, " KEL_SQL_KEPT_TAIL ") FROM at WHERE i > 0"
+#define KEL_SQL_NEW_ROW "(SELECT new.vport_uuid AS vport_uuid, new.vport_props AS vport_props)"
+
 // Taken by a port of either kind: ?1 and ?2 bound the key (the text's tail from its first
 // colon, and that tail followed by 'g': the key's next characters, if any, are hex digits),
-// ?3 is the LIKE pattern that decides.
+// ?3 is the LIKE pattern that decides, ?4 and ?5 bound the kept tails (the text's tail cut
+// to the kept length, and the same with its last character raised by one).
 #define KEL_SQL_MAC_TAKEN                                                               \
 	"SELECT 1 FROM vport_tbl WHERE " KEL_SQL_MACKEY " >= ?1 AND " KEL_SQL_MACKEY      \
 	" < ?2 AND vport_props LIKE ?3 "                                                 \
-	"UNION ALL SELECT 1 FROM vport_tbl WHERE " KEL_SQL_MAC_UNKEYED                    \
-	" AND vport_props LIKE ?3 LIMIT 1"
+	"UNION ALL SELECT 1 FROM vport_colon_tbl JOIN vport_tbl ON vport_uuid = colon_vport " \
+	"WHERE colon_tail >= ?4 AND colon_tail < ?5 AND vport_props LIKE ?3 LIMIT 1"
 
 namespace kel::schema {
+inline constexpr int kKeptTail = 24;	// KEL_SQL_KEPT_TAIL
 inline constexpr const char kMacKeyIndex[] =
     "CREATE INDEX vport_mackey_idx ON vport_tbl (" KEL_SQL_MACKEY ")";
-inline constexpr const char kMacUnkeyedIndex[] =
-    "CREATE INDEX vport_macunkeyed_idx ON vport_tbl (vport_props) WHERE " KEL_SQL_MAC_UNKEYED;
+// The tails' table and what keeps it: created together, or not at all.
+inline constexpr const char *const kColonTails[] = {
+	"CREATE TABLE vport_colon_tbl (colon_vport CHAR(36) NOT NULL, colon_pos INTEGER NOT NULL, "
+	"colon_tail TEXT NOT NULL, PRIMARY KEY (colon_vport, colon_pos)) WITHOUT ROWID",
+	"CREATE INDEX vport_colon_tail_idx ON vport_colon_tbl (colon_tail)",
+	"CREATE TRIGGER vport_colon_ins AFTER INSERT ON vport_tbl BEGIN "
+	KEL_SQL_COLON_ROWS(KEL_SQL_NEW_ROW) "; END",
+	"CREATE TRIGGER vport_colon_upd AFTER UPDATE OF vport_uuid, vport_props ON vport_tbl "
+	"WHEN old.vport_props IS NOT new.vport_props OR old.vport_uuid IS NOT new.vport_uuid BEGIN "
+	"DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; "
+	KEL_SQL_COLON_ROWS(KEL_SQL_NEW_ROW) "; END",
+	"CREATE TRIGGER vport_colon_del AFTER DELETE ON vport_tbl BEGIN "
+	"DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; END",
+	nullptr,
+};
+// Fills the table for the ports a store already has.
+inline constexpr const char kColonTailsFill[] = KEL_SQL_COLON_ROWS("vport_tbl");
 }  // namespace kel::schema

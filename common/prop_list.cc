@@ -63,7 +63,8 @@ int read_objects(kel_dbhandle_t h, const char *filter, list_t *objects, kel_prop
 {
 	switch (type) {
 	case KEL_PROPTYPE_KEL:
-		return kel_db_get_filtered_kellist(h, filter, objects, 0);
+		// A switch's properties are its own: its ports are not read.
+		return kel_db_get_filtered_kellist(h, filter, objects, KEL_LIST_NO_MEMBERS);
 	case KEL_PROPTYPE_VPORT:
 		return kel_db_get_filtered_vportlist(h, filter, objects, 0);
 	case KEL_PROPTYPE_IPNET:

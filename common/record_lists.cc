@@ -4,12 +4,15 @@
 #include <unordered_map>
 #include <vector>
 
+#include "attrset_ptr.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "names.h"
 #include "records.h"
 #include "sql.h"
 #include "owners.h"
+#include "store_handle.h"
+#include "uuid_text.h"
 
 namespace {
 
@@ -76,8 +79,118 @@ int assemble(list_t *a, list_t *b, list_t *out)
 	return KEL_SUCCESS;
 }
 
-int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out)
+// Whether every key of `filter` selects on kel_tbl's own columns, so that the switches it
+// selects can be read without joining their ports or networks.
+bool selects_switches_only(const char *filter)
 {
+	if (filter == nullptr || *filter == '\0')
+		return true;
+	attrset_t *raw = nullptr;
+	if (kel_fstr2fattrset(filter, &raw, "kel_tbl") != KEL_SUCCESS)
+		return false;	// the joined path reports what is wrong with it
+	kel::AttrSetPtr keys(raw);
+	for (attrset_entry_t *e = attrset_next_entry(keys.get(), nullptr); e != nullptr;
+	     e = attrset_next_entry(keys.get(), e)) {
+		const kel_filter_entry_t *entry = kel_get_filter_entry(attrset_entry_name(e));
+		if (entry == nullptr || std::strcmp(entry->efe_tblname, "kel_tbl") != 0)
+			return false;
+	}
+	return true;
+}
+
+// A switch read alone: BUSY when one of its ports is bound (an index of bound ports
+// answers that without reading the switch's other ports).
+int switch_alone(sqlite3_stmt *stmt, void *list)
+{
+	kel_t *kel = nullptr;
+	int rc = kel_dbrow2kel(stmt, &kel);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	list_insert_tail(static_cast<list_t *>(list), kel);
+	bool bound = false;
+	rc = kel::for_each_row(sqlite3_db_handle(stmt),
+	    "SELECT 1 FROM vport_tbl WHERE vport_keluuid = ? AND vport_status = 1 LIMIT 1",
+	    {kel::uuid_text(kel->kel_uuid)}, [&](kel::Statement &) {
+		    bound = true;
+		    return KEL_SUCCESS;
+	    });
+	kel->kel_status = bound ? KEL_STATUS_BUSY : KEL_STATUS_IDLE;
+	return rc;
+}
+
+// The switches without their members, for a filter on switches alone.
+int switches_alone(kel_dbhandle_t h, const char *filter, list_t *out)
+{
+	kel::RecordList<kel_t> kels;
+	kel_create_kellist(kels.own());
+	kel::StoreLock lock(h);
+	int rc = lock.status();
+	if (rc == KEL_SUCCESS)
+		rc = kel_db_get_filtered_common(h, "kel_tbl", nullptr, nullptr, nullptr, filter,
+		    kels.get(), switch_alone);
+	if (rc == KEL_SUCCESS && kels.empty())
+		rc = kel_not_found(h, filter);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	kel_create_kellist(out);
+	while (void *k = list_remove_head(kels.get()))
+		list_insert_tail(out, k);
+	return KEL_SUCCESS;
+}
+
+// Drops the ports and networks of every listed switch.
+void drop_members(list_t *kels)
+{
+	for (auto *k = static_cast<kel_t *>(list_head(kels)); k; k = static_cast<kel_t *>(list_next(kels, k))) {
+		while (auto *vp = static_cast<kel_vport_t *>(list_remove_head(&k->kel_ports)))
+			kel_free_vport(vp);
+		while (auto *ip = static_cast<kel_ipnet_t *>(list_remove_head(&k->kel_ipnets)))
+			kel_free_ipnet(ip);
+	}
+}
+
+// One port at a time to the caller's function.
+struct Walk {
+	kel_vport_walk_fn_t *fn;
+	void *arg;
+	bool with_props;
+	bool any = false;
+	int verdict = 0;
+};
+
+int walk_row(sqlite3_stmt *stmt, void *p)
+{
+	auto *walk = static_cast<Walk *>(p);
+	kel_vport_t *vp = nullptr;
+	if (int rc = kel_dbrow2vport(stmt, &vp, 0, walk->with_props); rc != KEL_SUCCESS)
+		return rc;
+	walk->any = true;
+	walk->verdict = walk->fn(vp, walk->arg);
+	kel_free_vport(vp);
+	// Any code but KEL_SUCCESS stops the row loop; the walk then answers the verdict.
+	return walk->verdict != 0 ? KEL_E_CONTINUE : KEL_SUCCESS;
+}
+
+int walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags, kel_vport_walk_fn_t *fn, void *arg)
+{
+	Walk walk{fn, arg, (flags & KEL_WALK_NO_PROPS) == 0};
+	kel::StoreLock lock(h);
+	if (int rc = lock.status(); rc != KEL_SUCCESS)
+		return rc;
+	const int rc = kel_db_get_filtered_common(h, "vport_tbl", "kel_tbl", "vport_keluuid", "kel_uuid",
+	    filter, &walk, walk_row);
+	if (walk.verdict != 0)
+		return walk.verdict;
+	if (rc == KEL_SUCCESS && !walk.any)
+		return KEL_E_VPORT_NOTFOUND;
+	return rc;
+}
+
+int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags)
+{
+	const bool no_members = (flags & KEL_LIST_NO_MEMBERS) != 0;
+	if (no_members && selects_switches_only(filter))
+		return switches_alone(h, filter, out);
 	kel_kellist_cbarg_t with_ports, with_ipnets;
 	kel::RecordList<kel_t> a, b;
 	kel_create_kellist(a.own());
@@ -98,7 +211,9 @@ int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out)
 		if (rc == KEL_SUCCESS && a.empty())
 			rc = kel_not_found(h, filter);
 	}
-	return rc == KEL_SUCCESS ? assemble(a.get(), b.get(), out) : rc;
+	if (rc == KEL_SUCCESS && (rc = assemble(a.get(), b.get(), out)) == KEL_SUCCESS && no_members)
+		drop_members(out);
+	return rc;
 }
 
 // A port or network list: `table` joined with kel_tbl, read by `reader`.
@@ -133,11 +248,11 @@ const char *any_if_empty(const char *name)
 
 extern "C" {
 
-int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t) noexcept
+int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) noexcept
 {
 	if (h == nullptr || out == nullptr)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return filtered_kellist(h, filter, out); });
+	return kel::c_boundary([&] { return filtered_kellist(h, filter, out, flags); });
 }
 
 int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out,
@@ -191,6 +306,14 @@ int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *
 		return member_list(h, filter, out, "vport_tbl", "vport_keluuid", kel_dbrow2vportlist,
 		    kel_create_vportlist, kel_free_vportlist, KEL_E_VPORT_NOTFOUND);
 	});
+}
+
+int kel_db_walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags,
+    kel_vport_walk_fn_t *fn, void *arg) noexcept
+{
+	if (h == nullptr || fn == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] { return walk_vports(h, filter, flags, fn, arg); });
 }
 
 int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t) noexcept

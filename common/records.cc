@@ -121,7 +121,7 @@ int kel_dbrow2kel(sqlite3_stmt *stmt, kel_t **out)
 	return KEL_SUCCESS;
 }
 
-int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k)
+int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k, bool with_props)
 {
 	*out = nullptr;
 	if (sqlite3_column_type(stmt, k + kVportUuid) == SQLITE_NULL)
@@ -134,7 +134,8 @@ int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k)
 		rc = KEL_E_UUID;
 	if (rc == KEL_SUCCESS) {
 		copy_text(vp->evp_name, sizeof(vp->evp_name), stmt, k + kVportName);
-		rc = read_props(stmt, k + kVportProps, &vp->evp_props);
+		if (with_props)
+			rc = read_props(stmt, k + kVportProps, &vp->evp_props);
 	}
 	if (rc != KEL_SUCCESS) {
 		kel_free_vport(vp);

@@ -23,7 +23,8 @@ struct kel_kellist_cbarg_t {
 };
 
 int kel_dbrow2kel(sqlite3_stmt *stmt, kel_t **out);
-int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int offset);
+// `with_props` false leaves evp_props NULL: a listing that shows no property skips parsing.
+int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int offset, bool with_props = true);
 int kel_dbrow2ipnet(sqlite3_stmt *stmt, kel_ipnet_t **out, int offset);
 int kel_dbrow2kellist(sqlite3_stmt *stmt, void *cbarg);
 int kel_dbrow2vportlist(sqlite3_stmt *stmt, void *list);

@@ -92,12 +92,23 @@ const char *const kel_indexstmts[] = {
 	"CREATE INDEX vport_keluuid_idx ON vport_tbl (vport_keluuid)",
 	"CREATE INDEX vport_name_idx ON vport_tbl (vport_name)",
 	"CREATE INDEX vport_vnicname_idx ON vport_tbl (vport_vnicname)",
+	// Whether a switch is busy, without reading its free ports: only bound ports are in it.
+	"CREATE INDEX vport_bound_idx ON vport_tbl (vport_keluuid) WHERE vport_status = 1",
 	"CREATE INDEX ipnet_keluuid_idx ON ipnet_tbl (ipnet_keluuid)",
 	"CREATE INDEX ipnet_name_idx ON ipnet_tbl (ipnet_name)",
 	kMacKeyIndex,
-	kMacUnkeyedIndex,
 	nullptr,
 };
+
+int has_table(sqlite3 *db, const char *name, bool *found)
+{
+	*found = false;
+	return kel::for_each_row(db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?",
+	    {name}, [&](kel::Statement &) {
+		    *found = true;
+		    return KEL_SUCCESS;
+	    });
+}
 
 }  // namespace kel::schema
 
@@ -126,7 +137,8 @@ int create_schema()
 	{
 		kel::Transaction tx(handle->edh_db);
 		rc = tx.begin();
-		for (const char *const *stmts : {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts})
+		for (const char *const *stmts :
+		    {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts, kel::schema::kColonTails})
 			for (int i = 0; rc == KEL_SUCCESS && stmts[i] != nullptr; i++)
 				rc = kel_sqlite3_exec(handle->edh_db, "%s", 1, stmts[i], 0);
 		if (rc == KEL_SUCCESS)

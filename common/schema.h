@@ -1,6 +1,8 @@
 // The store's schema, version 3.
 #pragma once
 
+#include <sqlite3.h>
+
 namespace kel::schema {
 
 inline constexpr int kVersion = 3;
@@ -54,5 +56,9 @@ inline constexpr int kCtrlFlatRange = 6;
 // Indexes for the lookups by name and by owning switch, run after kel_sqlstmts in the
 // same transaction; ended by a null entry. They add no table, column, view or row.
 extern const char *const kel_indexstmts[];
+
+// Whether the store has the table `name` (the library's own tables came later than the
+// store's: a current store may have been made without one).
+int has_table(sqlite3 *db, const char *name, bool *found);
 
 }  // namespace kel::schema

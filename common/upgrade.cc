@@ -7,6 +7,7 @@
 #include "c_boundary.h"
 #include "filter.h"
 #include "range.h"
+#include "mac_index.h"
 #include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
@@ -116,6 +117,30 @@ int stored_version(kel_dbhandle_t h, int *version)
 	return KEL_SUCCESS;
 }
 
+// The lookups this build keeps beside the store's tables: the indexes, and the MAC
+// tails with their triggers (made and filled together, or left alone when present).
+// An index that an older build made and this one no longer reads goes.
+int ensure_lookups(kel_dbhandle_t h)
+{
+	int rc = KEL_SUCCESS;
+	for (int i = 0; rc == KEL_SUCCESS && kel::schema::kel_indexstmts[i] != nullptr; i++) {
+		const std::string stmt = std::string(kel::schema::kel_indexstmts[i])
+		    .replace(0, 12, "CREATE INDEX IF NOT EXISTS");
+		rc = kel_sqlite3_exec(h->edh_db, "%s", 1, stmt.c_str(), 0);
+	}
+	if (rc == KEL_SUCCESS)
+		rc = kel::exec(h->edh_db, "DROP INDEX IF EXISTS vport_macunkeyed_idx");
+	bool kept = false;
+	if (rc == KEL_SUCCESS)
+		rc = kel::schema::has_table(h->edh_db, "vport_colon_tbl", &kept);
+	if (rc == KEL_SUCCESS && !kept) {
+		rc = run_all(h, kel::schema::kColonTails);
+		if (rc == KEL_SUCCESS)
+			rc = kel::exec(h->edh_db, kel::schema::kColonTailsFill);
+	}
+	return rc;
+}
+
 int upgrade()
 {
 	kel_dbhandle_t h = nullptr;
@@ -126,7 +151,7 @@ int upgrade()
 		kel::StoreLock lock(h);
 		int version = 0;
 		if ((rc = lock.status()) == KEL_SUCCESS && (rc = stored_version(h, &version)) == KEL_SUCCESS &&
-		    version < kel::schema::kVersion) {
+		    version <= kel::schema::kVersion) {
 			kel::Transaction tx(h->edh_db);
 			rc = tx.begin();
 			for (int i = version; rc == KEL_SUCCESS && kel_db_upgrade_stmts[i].version != -1; i++) {
@@ -135,12 +160,10 @@ int upgrade()
 				if (rc == KEL_SUCCESS && step.fn != nullptr)
 					rc = step.fn(h);
 			}
-			// Upgraded stores get the lookup indexes new ones are made with.
-			for (int i = 0; rc == KEL_SUCCESS && kel::schema::kel_indexstmts[i] != nullptr; i++) {
-				const std::string stmt = std::string(kel::schema::kel_indexstmts[i])
-				    .replace(0, 12, "CREATE INDEX IF NOT EXISTS");
-				rc = kel_sqlite3_exec(h->edh_db, "%s", 1, stmt.c_str(), 0);
-			}
+			// A current store made by an older build gets them too: its tables are
+			// already what they should be.
+			if (rc == KEL_SUCCESS)
+				rc = ensure_lookups(h);
 			if (rc == KEL_SUCCESS)
 				rc = tx.commit();
 		} else if (rc == KEL_SUCCESS && version > kel::schema::kVersion) {

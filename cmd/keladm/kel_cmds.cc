@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <string>
+#include <unordered_map>
 
 #include "keladm.h"
 #include "owners.h"
@@ -11,6 +12,11 @@ namespace keladm {
 namespace {
 
 // The switch's VLAN ID or VNI, "--" for a flat switch.
+std::string uuid_key(const uuid_t uu)
+{
+	return std::string(reinterpret_cast<const char *>(uu), sizeof(uuid_t));
+}
+
 std::string kel_id(attrset_t *props)
 {
 	const std::string type = prop(props, "l2-type");
@@ -93,7 +99,9 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 		return kExitFailed;
 	kel::RecordList<kel_t> kels;
 	const std::string filter = kel_filter(opts);
-	int rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(store.get(), filter.c_str(), l, 0); });
+	int rc = kels.read([&](list_t *l) {
+		return kel_db_get_filtered_kellist(store.get(), filter.c_str(), l, KEL_LIST_NO_MEMBERS);
+	});
 	// An empty fabric is nothing to show, not a failure; a named switch that is not there is.
 	if (rc == KEL_E_KEL_NOTFOUND && opts.operands.empty()) {
 		out.print();
@@ -101,14 +109,37 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 	}
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list kels", rc);
+	// The ports' names, read one port at a time and only for the column that lists them.
+	std::unordered_map<std::string, std::string> vports;
+	if (out.shows("vports")) {
+		auto each = [](const kel_vport_t *vp, void *arg) {
+			std::string &names = (*static_cast<std::unordered_map<std::string, std::string> *>(arg))[uuid_key(vp->evp_keluuid)];
+			names += (names.empty() ? "" : ",") + std::string(vp->evp_name);
+			return 0;
+		};
+		rc = kel_db_walk_vports(store.get(), filter.c_str(), KEL_WALK_NO_PROPS, each, &vports);
+		if (rc != KEL_SUCCESS && rc != KEL_E_VPORT_NOTFOUND)
+			return fail("cannot list kels", rc);
+	}
 	for (kel_t *k : kels) {
-		char uu[KEL_UUID_TEXT_LEN];
-		uuid_unparse_lower(k->kel_uuid, uu);
-		std::string vports;
-		for (kel_vport_t *vp : kel::each<kel_vport_t>(&k->kel_ports))
-			vports += (vports.empty() ? "" : ",") + std::string(vp->evp_name);
-		out.add({k->kel_name, k->kel_tenantname, prop(k->kel_props, "l2-type"), kel_id(k->kel_props),
-		    k->kel_status == KEL_STATUS_BUSY ? "busy" : "idle", uu, vports});
+		out.add_with([&](size_t field) -> std::string {
+			switch (field) {
+			case 0: return k->kel_name;
+			case 1: return k->kel_tenantname;
+			case 2: return prop(k->kel_props, "l2-type");
+			case 3: return kel_id(k->kel_props);
+			case 4: return k->kel_status == KEL_STATUS_BUSY ? "busy" : "idle";
+			case 5: {
+				char uu[KEL_UUID_TEXT_LEN];
+				uuid_unparse_lower(k->kel_uuid, uu);
+				return uu;
+			}
+			default: {
+				auto names = vports.find(uuid_key(k->kel_uuid));
+				return names != vports.end() ? names->second : "";
+			}
+			}
+		});
 	}
 	out.print();
 	return kExitOk;

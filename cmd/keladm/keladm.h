@@ -119,7 +119,7 @@ bool member_selection(const Subcommand &cmd, const Options &opts, MemberParser p
 inline std::string prop(attrset_t *props, const char *name)
 {
 	char *value = nullptr;
-	return attrset_lookup_string(props, name, &value) == 0 ? value : "";
+	return props != nullptr && attrset_lookup_string(props, name, &value) == 0 ? value : "";
 }
 
 // Reports a warning (a change made, with something the operator should know).

@@ -57,7 +57,8 @@ int object_names(kel_dbhandle_t h, const char *filter, const Kind &kind, std::ve
 {
 	if (kind.type == KEL_PROPTYPE_KEL) {
 		kel::RecordList<kel_t> kels;
-		if (int rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); }); rc != KEL_SUCCESS)
+		if (int rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_NO_MEMBERS); });
+		    rc != KEL_SUCCESS)
 			return rc;
 		for (kel_t *k : kels)
 			out->push_back(k->kel_name);

@@ -82,22 +82,36 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
-	kel::RecordList<kel_vport_t> ports;
-	rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(store.get(), filter, l, 0); });
+	// One port at a time into the output's text; the addresses are read from the
+	// properties only when a column shows one.
+	const uint32_t flags = out.shows("ipaddr") || out.shows("macaddr") ? 0 : KEL_WALK_NO_PROPS;
+	auto each = [](const kel_vport_t *vp, void *arg) {
+		static_cast<Output *>(arg)->add_with([vp](size_t field) -> std::string {
+			switch (field) {
+			case 0: return vp->evp_name;
+			case 1: return vp->evp_kelname;
+			case 2: return vp->evp_tenantname;
+			case 3: return vp->evp_status == VPORT_STATUS_USED ? "bound" : "free";
+			case 4: return vp->evp_hostname;
+			case 5: return vp->evp_vnicname;
+			case 6: return prop(vp->evp_props, "ipaddr");
+			case 7: return prop(vp->evp_props, "macaddr");
+			default: {
+				char uuid[KEL_UUID_TEXT_LEN];
+				uuid_unparse_lower(vp->evp_uuid, uuid);
+				return uuid;
+			}
+			}
+		});
+		return 0;
+	};
+	rc = kel_db_walk_vports(store.get(), filter, flags, each, &out);
 	if (rc == KEL_E_VPORT_NOTFOUND && opts.operands.empty()) {
 		out.print();
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list vports", rc);
-	for (kel_vport_t *vp : ports) {
-		char uuid[KEL_UUID_TEXT_LEN];
-		uuid_unparse_lower(vp->evp_uuid, uuid);
-		out.add({vp->evp_name, vp->evp_kelname, vp->evp_tenantname,
-		    vp->evp_status == VPORT_STATUS_USED ? "bound" : "free", vp->evp_hostname,
-		    vp->evp_vnicname, prop(vp->evp_props, "ipaddr"), prop(vp->evp_props, "macaddr"),
-		    uuid});
-	}
 	out.print();
 	return kExitOk;
 }

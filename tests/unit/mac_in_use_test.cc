@@ -18,16 +18,24 @@ protected:
 		add_kel(1, "k");
 	}
 
-	void store(const std::vector<const char *> &props)
+	// Replaces every port by ports with these property strings: inserted with them, or
+	// (`by_update`) inserted with others and then given them, as a property write does.
+	void store(const std::vector<const char *> &props, bool by_update = false)
 	{
 		sql("DELETE FROM vport_tbl");
 		int id = 100;
 		for (const char *p : props) {
-			if (p == nullptr)
+			if (p == nullptr) {
 				sql("INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props) "
 				    "VALUES ('" + uuid(id++) + "', '" + uuid(1) + "', 'n', NULL)");
-			else
+			} else if (by_update) {
+				add_vport(id, 1, "p", "ipaddr=fd00::1:2:3:4:5:6");
+				ASSERT_EQ(kel::exec(h_->edh_db, "UPDATE vport_tbl SET vport_props = ? WHERE vport_uuid = ?",
+				              {std::string(p), uuid(id++)}),
+				    KEL_SUCCESS);
+			} else {
 				add_vport(id++, 1, "p", p);
+			}
 		}
 	}
 
@@ -57,6 +65,7 @@ TEST_F(MacInUse, AgreesWithTheFullScanOnEdgeCases)
 	    "kel:migrating_to=h2,macaddr=2:8:20:a:b:d5",	// a colon in a name
 	    "allowed-macaddr=2:8:20:a:b:d6",			// a name that ends in macaddr
 	    "macaddr=,note=2:8:20:a:b:d7",			// an empty macaddr value
+	    "ipaddr=1:2:3:4:5:6abcdefabcdefabcdefabcdef0123",	// a tail longer than is kept
 	    nullptr,
 	});
 	const std::vector<std::string> probes = {
@@ -67,7 +76,8 @@ TEST_F(MacInUse, AgreesWithTheFullScanOnEdgeCases)
 	    "2:8:20:a:b:d6", "2:8:20:a:b:d7", "2:8:20:a:b:d8", "20:a:b:d3:ef", ":8:20:a:b:", "b:cd",
 	    "2:8:20:a:b:c_", "2:8:20:%", "", "ab:cd:ef:01:23:45", "2:8:20:a:b:c", "8:20:a:b:c:d",
 	    "4:5:6:7::", "3:4:5:6:7:", "5:6:7:8:9:a", "4:5:6:7:8:9", "2:8:20:a:b:da", "e80::2:8:20",
-	    "0::2:8:20", "1:2:3:4:5:6",
+	    "0::2:8:20", "1:2:3:4:5:6", "1:2:3:4:5:6abcdefabcdefabcdefabcdef0123",
+	    "2:3:4:5:6abcdefabcdefabcdefabcdef012", "1:2:3:4:5:6abcdefabcdefabcdefabcdef0124",
 	};
 	for (const std::string &mac : probes)
 		EXPECT_EQ(kel_db_macaddr_exists(h_, mac.c_str()) == B_TRUE, reference(mac)) << mac;
@@ -108,7 +118,7 @@ TEST_F(MacInUse, AgreesWithTheFullScanOnRandomStores)
 		std::vector<const char *> raw;
 		for (const std::string &p : props)
 			raw.push_back(p.c_str());
-		store(raw);
+		store(raw, round % 2 == 1);
 		for (int probe = 0; probe < 40; probe++) {
 			std::string m;
 			const std::string &from = props[pick(static_cast<int>(props.size()))];
@@ -127,15 +137,37 @@ TEST_F(MacInUse, QueryUsesItsIndexes)
 	std::string plan;
 	ASSERT_EQ(kel::for_each_row(h_->edh_db,
 	              (std::string("EXPLAIN QUERY PLAN ") + KEL_SQL_MAC_TAKEN).c_str(),
-	              {"a", "b", "c"},
+	              {"a", "b", "c", "d", "e"},
 	              [&](kel::Statement &st) {
 		              plan += std::string(st.text(3)) + "\n";
 		              return KEL_SUCCESS;
 	              }),
 	    KEL_SUCCESS);
-	for (const char *index : {"vport_mackey_idx", "vport_macunkeyed_idx"})
+	for (const char *index : {"vport_mackey_idx", "vport_colon_tail_idx"})
 		EXPECT_NE(plan.find(index), std::string::npos) << index << "\n" << plan;
 	EXPECT_EQ(plan.find("SCAN vport_tbl\n"), std::string::npos) << plan;
+}
+
+// A store made before the tails were kept answers by scanning every port, and its upgrade
+// gives it the tails, filled as the triggers would have filled them.
+TEST_F(MacInUse, AStoreWithoutTheTailsScansUntilUpgraded)
+{
+	store({"ipaddr=fe80::2:8:20:a:b:c/64", "macaddr=2:8:20:a:b:d", "vmid=q1:2:3:4:5:6z"});
+	const std::string kept = value("SELECT group_concat(colon_vport || colon_pos || colon_tail, '|') "
+	                               "FROM vport_colon_tbl");
+	ASSERT_NE(kept, "");
+	for (const char *drop : {"DROP TRIGGER vport_colon_ins", "DROP TRIGGER vport_colon_upd",
+	         "DROP TRIGGER vport_colon_del", "DROP TABLE vport_colon_tbl"})
+		sql(drop);
+	for (const char *mac : {"2:8:20:a:b:c", "1:2:3:4:5:6", "2:8:20:a:b:d", "2:8:20:a:b:e"})
+		EXPECT_EQ(kel_db_macaddr_exists(h_, mac) == B_TRUE, reference(mac)) << mac;
+	kel_db_close(h_);
+	h_ = nullptr;
+	ASSERT_EQ(kel_db_upgrade(), KEL_SUCCESS);
+	ASSERT_EQ(kel_db_open(&h_, SQLITE_OPEN_READWRITE), KEL_SUCCESS);
+	EXPECT_EQ(value("SELECT group_concat(colon_vport || colon_pos || colon_tail, '|') FROM vport_colon_tbl"), kept);
+	add_vport(200, 1, "late", "ipaddr=fe80::7:7:7:7:7:7/64");
+	EXPECT_TRUE(kel_db_macaddr_exists(h_, "7:7:7:7:7:7"));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "libkel.h"
+#include "owners.h"
 #include "records.h"
 #include "store_fixture.h"
 
@@ -32,10 +33,10 @@ protected:
 	}
 
 	// The switch list for `filter`: its summary, or "error N".
-	std::string kels(const char *filter)
+	std::string kels(const char *filter, uint32_t flags = 0)
 	{
 		list_t list;
-		int rc = kel_db_get_filtered_kellist(h_, filter, &list, 0);
+		int rc = kel_db_get_filtered_kellist(h_, filter, &list, flags);
 		EXPECT_EQ(h_->edh_cnt, 0) << "store lock left held";
 		if (rc != KEL_SUCCESS)
 			return "error " + std::to_string(rc);
@@ -82,7 +83,57 @@ TEST_F(Records, SwitchListGroupsPortsAndNetworks)
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.filter);
 		EXPECT_EQ(kels(c.filter), c.want);
+		// Without members: the same switches, order, status and errors, nothing inside.
+		std::string bare = c.want;
+		for (size_t open = bare.find('['); open != std::string::npos; open = bare.find('[', open + 1))
+			bare.replace(open + 1, bare.find(']', open) - open - 1, "|");
+		EXPECT_EQ(kels(c.filter, KEL_LIST_NO_MEMBERS), bare);
 	}
+}
+
+// The walk hands over the ports the list would hold, in its order, and stops when told.
+TEST_F(Records, PortWalkMatchesThePortList)
+{
+	fabric();
+	add_vport(13, 1, "p3", "macaddr=2:8:20:0:0:1");
+	struct Seen {
+		std::string names;
+		int stop_after = 0;
+		bool props = false;
+	};
+	auto each = [](const kel_vport_t *vp, void *arg) {
+		auto *seen = static_cast<Seen *>(arg);
+		seen->names += std::string(seen->names.empty() ? "" : ",") + vp->evp_kelname + "/" + vp->evp_name;
+		seen->props = seen->props || vp->evp_props != nullptr;
+		return --seen->stop_after == 0 ? 99 : 0;
+	};
+	for (const char *filter : {"", "vport=p1", "kel=k1", "host=host-a", "tenant=t2"}) {
+		SCOPED_TRACE(filter);
+		std::string listed;
+		list_t ports;
+		const int rc = kel_db_get_filtered_vportlist(h_, filter, &ports, 0);
+		if (rc == KEL_SUCCESS) {
+			for (auto *vp : kel::each<kel_vport_t>(&ports))
+				listed += std::string(listed.empty() ? "" : ",") + vp->evp_kelname + "/" + vp->evp_name;
+			kel_free_vportlist(&ports);
+		}
+		Seen seen;
+		EXPECT_EQ(kel_db_walk_vports(h_, filter, 0, each, &seen), rc);
+		EXPECT_EQ(seen.names, listed);
+		EXPECT_EQ(h_->edh_cnt, 0) << "store lock left held";
+	}
+	Seen two{"", 2};
+	EXPECT_EQ(kel_db_walk_vports(h_, "", 0, each, &two), 99);
+	EXPECT_EQ(two.names, "k1/p1,k1/p2");
+	EXPECT_EQ(h_->edh_cnt, 0);
+	Seen bare;
+	ASSERT_EQ(kel_db_walk_vports(h_, "vport=p3", KEL_WALK_NO_PROPS, each, &bare), KEL_SUCCESS);
+	EXPECT_FALSE(bare.props);
+	Seen full;
+	ASSERT_EQ(kel_db_walk_vports(h_, "vport=p3", 0, each, &full), KEL_SUCCESS);
+	EXPECT_TRUE(full.props);
+	EXPECT_EQ(kel_db_walk_vports(h_, "bogus=1", 0, each, &full), KEL_E_INVALID_FILTER);
+	EXPECT_EQ(kel_db_walk_vports(h_, "", 0, nullptr, nullptr), KEL_E_INVALID_ARGS);
 }
 
 TEST_F(Records, EmptyStoreIsKelNotFound)

@@ -9,6 +9,7 @@
 
 #include "fault.h"
 #include "libkel.h"
+#include "mac_index.h"
 #include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
@@ -111,10 +112,11 @@ TEST_F(SchemaTest, ColumnOrderIsTheFileFormat)
 		    "') ORDER BY cid";
 		EXPECT_EQ(query(sql.c_str()), c.columns);
 	}
-	// Only the lookup indexes are added; no table or view beyond the five and the two.
+	// Beyond the five tables and the two views: the lookup indexes, and the MAC tails'
+	// table with its index and the three triggers that keep it.
 	EXPECT_EQ(query("SELECT type, count(*) FROM sqlite_master WHERE name NOT LIKE 'sqlite_%' "
 	                "GROUP BY type ORDER BY type"),
-	    (Rows{"index|8", "table|5", "view|2"}));
+	    (Rows{"index|9", "table|6", "trigger|3", "view|2"}));
 	// The views put the second table's columns after the first's.
 	EXPECT_EQ(query("SELECT count(*) FROM pragma_table_info('kel_vport_view')"), Rows{"13"});
 	EXPECT_EQ(query("SELECT count(*) FROM pragma_table_info('kel_ipnet_view')"), Rows{"15"});
@@ -163,12 +165,13 @@ TEST_F(SchemaTest, AnExistingStoreIsNeverTouched)
 
 TEST_F(SchemaTest, EveryFailingStatementLeavesNoFilesBehind)
 {
-	// BEGIN, the creation and index statements, COMMIT.
+	// BEGIN, the creation, index and MAC tail statements, COMMIT.
 	int statements = 2;
-	for (const char *const *stmts : {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts})
+	for (const char *const *stmts :
+	    {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts, kel::schema::kColonTails})
 		for (int i = 0; stmts[i] != nullptr; i++)
 			statements++;
-	ASSERT_EQ(statements, 2 + 9 + 8);
+	ASSERT_EQ(statements, 2 + 9 + 8 + 5);
 	const int injected = SQLITE_IOERR * 256 + KEL_E_SQL;
 	for (int nth = 1; nth <= statements; nth++) {
 		SCOPED_TRACE(nth);

@@ -100,7 +100,7 @@ TEST_F(Upgrade, FromVersionOne)
 	EXPECT_EQ(value("SELECT ctrl_pval || '@' || ctrl_host FROM ctrl_tbl WHERE ctrl_pname = 'uri-template'"),
 	    "ssh://@");
 	EXPECT_EQ(value("SELECT ctrl_flat_range FROM ctrl_tbl WHERE ctrl_pname = 'l2-type'"), "");
-	EXPECT_EQ(value("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name LIKE '%_idx'"), "8");
+	EXPECT_EQ(value("SELECT count(*) FROM sqlite_master WHERE type = 'index' AND name LIKE '%_idx'"), "9");
 
 	// The upgraded store works: its records read, and a second upgrade changes nothing.
 	kel_dbhandle_t h = nullptr;
