@@ -22,6 +22,17 @@ constexpr size_t kUriLen = 1024;
 
 int connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn)
 {
+	char uri[kUriLen];
+	int rc = kel_kelnode_uri(h, hostname, uri, sizeof(uri));
+	if (rc != KEL_SUCCESS)
+		return rc;
+	return kel_connect_uri(uri, conn) == KEL_SUCCESS ? KEL_SUCCESS : KEL_E_HOST_CONNECT;
+}
+
+}  // namespace
+
+int kel_kelnode_uri(kel_dbhandle_t h, const char *hostname, char *uri, size_t size)
+{
 	char tmpl[kUriLen];
 	{
 		// The lock covers reading the template, not the connecting.
@@ -37,14 +48,8 @@ int connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **c
 		if (rc != KEL_SUCCESS)
 			return rc;
 	}
-	char uri[kUriLen];
-	int rc = kel_host_uri(tmpl, hostname, uri, sizeof(uri));
-	if (rc != KEL_SUCCESS)
-		return rc;
-	return kel_connect_uri(uri, conn) == KEL_SUCCESS ? KEL_SUCCESS : KEL_E_HOST_CONNECT;
+	return kel_host_uri(tmpl, hostname, uri, size);
 }
-
-}  // namespace
 
 int kel_connect_uri(const char *uri, nuq_conn_t **conn)
 {

@@ -7,12 +7,17 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "allocator.h"
 #include "attrset_ptr.h"
 #include "c_boundary.h"
 #include "error_code.h"
+#include "fan_out.h"
 #include "filter.h"
+#include "harl.h"
+#include "connections.h"
 #include "names.h"
 #include "host_link.h"
 #include "kel_assert.h"
@@ -122,6 +127,39 @@ std::string link_value(const OneProp &p, kel_t *kel)
 	return lookup(kel->kel_props, p.name.c_str()).value_or("");
 }
 
+// One host's part of a switch property change: the VNICs of its bound ports, reached
+// over one connection.
+struct HostShare {
+	std::string host;
+	std::vector<const kel_vport_t *> ports;
+	std::string uri;	// empty: the host's URI could not be made
+	bool failed = false;
+};
+
+// Sets the property on every VNIC of the share; runs on a thread of its own, so it
+// touches neither the store nor anything another share uses, and throws nothing.
+void reach_host(HostShare *share, attrset_t *kelprops, const char *name, const char *value,
+    uint32_t flags) noexcept
+{
+	nuq_conn_t *conn = nullptr;
+	try {
+		if (share->uri.empty() || kel_connect_uri(share->uri.c_str(), &conn) != KEL_SUCCESS) {
+			share->failed = true;
+			return;
+		}
+		for (const kel_vport_t *vp : share->ports) {
+			nuq_instance_t *link = nullptr;
+			if (harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", vp->evp_vnicname) != 0 ||
+			    kel_host_set_one_linkprop(link, kelprops, vp->evp_props, name, value, flags) != KEL_SUCCESS)
+				share->failed = true;
+			nuq_instance_rele(link);
+		}
+	} catch (const std::bad_alloc &) {
+		share->failed = true;
+	}
+	nuq_disconnect(conn);
+}
+
 int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *prop,
     uint32_t flags)
 {
@@ -145,18 +183,33 @@ int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const
 	// in the store.
 	if ((kel_get_prop_entry(p.name.c_str(), KEL_PROPTYPE_KEL).ep_flags & EPD_DLPROP) == 0)
 		return KEL_SUCCESS;
-	bool failed = false;
+	// The bound ports that take the switch's value, by host: each host is reached once,
+	// and the hosts all at once.
+	std::vector<HostShare> shares;
+	std::unordered_map<std::string, size_t> by_host;
 	for (auto *vp = static_cast<kel_vport_t *>(list_head(&kel->kel_ports)); vp != nullptr;
 	     vp = static_cast<kel_vport_t *>(list_next(&kel->kel_ports, vp))) {
 		if (vp->evp_status != VPORT_STATUS_USED || lookup(vp->evp_props, p.name.c_str()))
 			continue;
-		kel::HostLink link;
-		if (link.open(h, vp->evp_hostname, vp->evp_vnicname) != KEL_SUCCESS ||
-		    kel_host_set_one_linkprop(link.get(), kel->kel_props, vp->evp_props, p.name.c_str(),
-		        p.value.c_str(), flags) != KEL_SUCCESS)
-			failed = true;
+		auto [at, added] = by_host.emplace(vp->evp_hostname, shares.size());
+		if (added) {
+			shares.emplace_back();
+			shares.back().host = vp->evp_hostname;
+		}
+		shares[at->second].ports.push_back(vp);
 	}
-	return failed ? KEL_E_PROP_PARTIAL : KEL_SUCCESS;
+	for (HostShare &share : shares) {
+		char uri[kTextLen];
+		if (kel_kelnode_uri(h, share.host.c_str(), uri, sizeof(uri)) == KEL_SUCCESS)
+			share.uri = uri;
+	}
+	kel::fan_out(shares.size(), [&](size_t i) {
+		reach_host(&shares[i], kel->kel_props, p.name.c_str(), p.value.c_str(), flags);
+	});
+	for (const HostShare &share : shares)
+		if (share.failed)
+			return KEL_E_PROP_PARTIAL;
+	return KEL_SUCCESS;
 }
 
 // The switch with its one port, under the lock: KEL_E_KEL_NOTFOUND or KEL_E_VPORT_NOTFOUND.

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -18,6 +19,7 @@
 #include "nuq_errors.h"
 #include "paths.h"
 #include "request.h"
+#include "ssh_share.h"
 #include "wire.h"
 
 using nlohmann::json;
@@ -66,20 +68,15 @@ int connect_unix(const std::string &path)
 }
 
 // Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire.
+// posix_spawn rather than fork: callers may reach several hosts from several threads.
 pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child)
 {
-	int down[2], up[2];
-	if (pipe2(down, O_CLOEXEC) != 0)
-		return -1;
-	if (pipe2(up, O_CLOEXEC) != 0) {
-		close(down[0]);
-		close(down[1]);
-		return -1;
-	}
 	std::string target = nuq_uri_get_host(uri);
 	if (*nuq_uri_get_user(uri) != '\0')
 		target = std::string(nuq_uri_get_user(uri)) + "@" + target;
 	std::vector<std::string> argv = {"ssh", "-T", "-o", "BatchMode=yes"};
+	for (std::string &option : nuq::ssh_share_options())
+		argv.push_back(std::move(option));
 	// The fabric's own ssh settings (keys, known hosts, options), when it has them.
 	if (const char *config = secure_getenv("KEL_SSH_CONFIG"); config != nullptr && *config) {
 		argv.push_back("-F");
@@ -98,12 +95,23 @@ pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child)
 	for (std::string &a : argv)
 		args.push_back(a.data());
 	args.push_back(nullptr);
-	const pid_t pid = fork();
-	if (pid == 0) {
-		dup2(down[0], STDIN_FILENO);
-		dup2(up[1], STDOUT_FILENO);
-		execvp("ssh", args.data());
-		_exit(127);
+
+	int down[2], up[2];
+	if (pipe2(down, O_CLOEXEC) != 0)
+		return -1;
+	if (pipe2(up, O_CLOEXEC) != 0) {
+		close(down[0]);
+		close(down[1]);
+		return -1;
+	}
+	posix_spawn_file_actions_t actions;
+	pid_t pid = -1;
+	if (posix_spawn_file_actions_init(&actions) == 0) {
+		if (posix_spawn_file_actions_adddup2(&actions, down[0], STDIN_FILENO) == 0 &&
+		    posix_spawn_file_actions_adddup2(&actions, up[1], STDOUT_FILENO) == 0 &&
+		    posix_spawnp(&pid, "ssh", &actions, nullptr, args.data(), environ) != 0)
+			pid = -1;
+		posix_spawn_file_actions_destroy(&actions);
 	}
 	close(down[0]);
 	close(up[1]);

@@ -20,6 +20,8 @@ root=$(mktemp -d /tmp/kel-e2e-XXXXXX)
 sshd_pid=
 keld_pid=
 cleanup() {
+	# The controller's shared ssh connections outlive their calls: they go first.
+	ip netns pids "$ctl" 2>/dev/null | xargs -r kill 2>/dev/null
 	[ -n "$keld_pid" ] && kill "$keld_pid" 2>/dev/null
 	[ -n "$sshd_pid" ] && kill "$sshd_pid" 2>/dev/null
 	wait 2>/dev/null
@@ -80,6 +82,7 @@ Host *
   ConnectTimeout 10
 CONF
 export KEL_SSH_CONFIG=$root/ssh_config
+export KEL_ROOT=$root/ctl	# where the controller keeps its ssh control sockets
 uri=ssh://root@10.78.0.2$sock
 remote() { ip netns exec "$ctl" "$call" "$uri" harl.Datalink "$@"; }
 setprop() { remote setProperty name=kn "{\"text\": \"$1\", \"flags\": 32769}"; }
@@ -118,5 +121,9 @@ check "clearing protection over ssh" setprop "protection="
 ip -n "$ctl" route replace 10.78.0.0/24 dev kc src 10.78.0.99
 send 3
 check "then they pass again" test $(($(noports) - after_spoofed)) -ge 3
+# Every call above went over the one connection the first call opened.
+check "the calls shared one ssh connection" test "$(grep -c 'Accepted publickey' "$root/sshd.log")" -eq 1
+check "through a socket only its owner may use" bash -c \
+	"[ \"\$(stat -c %a '$root/ctl/run/kel/ssh-0')\" = 700 ] && ls '$root/ctl/run/kel/ssh-0' | grep -q ."
 [ "$fail" = 0 ] || { echo "--- sshd log"; cat "$root/sshd.log"; }
 exit $fail

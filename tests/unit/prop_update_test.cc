@@ -1,5 +1,7 @@
 // Property updates: the checks every update makes, the store, and for bound ports the
 // live state of the VNIC on a host (a namespace with its own keld).
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -9,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "fan_out.h"
 #include "fault.h"
 #include "libkel.h"
 #include "harl.h"
@@ -259,6 +262,7 @@ protected:
 
 	std::vector<std::string> calls;
 	std::function<void(const std::string &vnic)> on_lookup;
+	std::mutex lookups_;	// for what on_lookup keeps
 
 private:
 	std::mutex mutex_;
@@ -315,6 +319,44 @@ TEST_F(RecordingHost, APortThatMovesMeanwhileIsFollowed)
 	EXPECT_NE(props("vport", "p1").find("maxbw=6M"), std::string::npos);
 	on_lookup = nullptr;
 	kel_db_close(other);
+}
+
+// A switch change reaches every bound port once, over one connection per host, several
+// hosts at a time but never more than the bound; a host that cannot be reached costs
+// only its own ports.
+TEST_F(RecordingHost, ASwitchChangeReachesItsHostsTogether)
+{
+	const std::string keluuid = value("SELECT kel_uuid FROM kel_tbl WHERE kel_name = 'web'");
+	std::vector<std::string> want;
+	for (int i = 0; i < 24; i++) {
+		const std::string host = "h" + std::to_string(i), vnic = "v" + std::to_string(i);
+		ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", host.c_str()), KEL_SUCCESS);
+		for (const std::string &name : {vnic, vnic + "b"}) {
+			ASSERT_EQ(kel::exec(h_->edh_db,
+			              "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
+			              "vport_status, vport_vnicname, vport_hostname) VALUES (?, ?, ?, '', 1, ?, ?)",
+			              {uuid(1000 + static_cast<int>(want.size())), keluuid, "q" + name, name, host}),
+			    KEL_SUCCESS);
+			want.push_back(name + " maxbw=30M");
+		}
+	}
+	bind("p1", "gone.invalid", "vx");	// the fabric's ssh:// reaches nobody here
+	int in_flight = 0, most = 0;
+	on_lookup = [&](const std::string &) {
+		{
+			std::lock_guard<std::mutex> hold(lookups_);
+			most = std::max(most, ++in_flight);
+		}
+		std::this_thread::sleep_for(std::chrono::milliseconds(20));
+		std::lock_guard<std::mutex> hold(lookups_);
+		--in_flight;
+	};
+	EXPECT_EQ(kelprop("maxbw=30M"), KEL_E_PROP_PARTIAL);
+	std::sort(calls.begin(), calls.end());
+	std::sort(want.begin(), want.end());
+	EXPECT_EQ(calls, want);
+	EXPECT_GT(most, 1);
+	EXPECT_LE(most, static_cast<int>(kel::kMaxParallelHosts));
 }
 
 }  // namespace
