@@ -107,7 +107,7 @@ sqlite3 "$root/ctl/etc/kel/kel.db" \
 	"UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h' || substr(vport_name, 2),
 	 vport_vnicname = 'b' || substr(vport_name, 2)"
 
-now_us() { echo $((${EPOCHREALTIME/./})); }
+. "$(dirname "$0")/bench_lib.sh"
 # ms LABEL ARGS...: one keladm call, timed; a failed call stops the bench.
 ms() {
 	local label=$1 t0 us
@@ -115,7 +115,7 @@ ms() {
 	t0=$(now_us)
 	adm "$@" >/dev/null || { echo "hosts_bench: keladm $* failed" >&2; cat "$root/keld.log" "$root/sshd.log" >&2; exit 1; }
 	us=$(($(now_us) - t0))
-	echo "{\"hosts\": $hosts, \"op\": \"$label\", \"ms\": $((us / 1000)).$(printf %03d $((us % 1000)))}"
+	echo "{\"hosts\": $hosts, \"op\": \"$label\", \"ms\": $(ms_text $us)}"
 }
 
 ms "vport property, first call to its host" set-vportprop -p maxbw=11M one/p0
@@ -127,7 +127,7 @@ ip netns exec "$ctl" "$nuq_call" "ssh://root@h0$root/node/run/kel/keld.sock" har
 t0=$(now_us)
 ip netns exec "$ctl" "$nuq_call" "ssh://root@h0$root/node/run/kel/keld.sock" harl.Datalink getStat name=b0 >/dev/null
 us=$(($(now_us) - t0))
-echo "{\"hosts\": $hosts, \"op\": \"one call on the shared connection\", \"ms\": $((us / 1000)).$(printf %03d $((us % 1000)))}"
+echo "{\"hosts\": $hosts, \"op\": \"one call on the shared connection\", \"ms\": $(ms_text $us)}"
 
 # The fan-out: hosts that each take a tenth of a second to answer (the time a real
 # host's network and work would take, without using this machine's two cores), then

@@ -11,8 +11,7 @@ shift
 sizes=("$@")
 [ ${#sizes[@]} -eq 0 ] && sizes=(1000 5000)
 
-# Microseconds since the epoch, from bash itself: no process per reading.
-now_us() { echo $((${EPOCHREALTIME/./})); }
+. "$(dirname "$0")/bench_lib.sh"
 
 # mean_us N COMMAND...: the mean cost of running COMMAND N times.
 mean_us() {
@@ -24,13 +23,7 @@ mean_us() {
 }
 
 for n in "${sizes[@]}"; do
-	root=$(mktemp -d /tmp/kel-keladm-bench-XXXXXX)
-	export KEL_ROOT=$root
-	mkdir -p "$root/etc/kel"
-	"$keladm" create-store >/dev/null
-	"$keladm" set-controlprop uplink-port=net0 >/dev/null
-	"$keladm" create-kel -p l2-type=flat web >/dev/null
-	"$keladm" add-ipnet -p subnet=10.0.0.0/8 web/n >/dev/null
+	scratch_store "$keladm" keladm-bench
 	batch=$((n < 100 ? n : 100))
 	t0=$(now_us)
 	for ((i = 0; i < n; i++)); do

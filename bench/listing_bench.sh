@@ -13,7 +13,7 @@ sizes=("$@")
 [ ${#sizes[@]} -eq 0 ] && sizes=(100000)
 [ -x /usr/bin/time ] || { echo "listing_bench: needs GNU time (apt-get install time)" >&2; exit 77; }
 
-now_us() { echo $((${EPOCHREALTIME/./})); }
+. "$(dirname "$0")/bench_lib.sh"
 
 # measure LABEL ARGS...: the best wall time of three runs of keladm ARGS (output thrown
 # away), and the peak resident memory of a fourth run under GNU time.
@@ -28,17 +28,11 @@ measure() {
 		((us < best_us)) && best_us=$us
 	done
 	kib=$( { /usr/bin/time -f '%M' "$keladm" "$@" >/dev/null; } 2>&1)
-	echo "{\"ports\": $n, \"op\": \"$label\", \"ms\": $((best_us / 1000)).$(printf %03d $((best_us % 1000))), \"peak_kib\": $kib}"
+	echo "{\"ports\": $n, \"op\": \"$label\", \"ms\": $(ms_text $best_us), \"peak_kib\": $kib}"
 }
 
 for n in "${sizes[@]}"; do
-	root=$(mktemp -d /tmp/kel-listing-bench-XXXXXX)
-	export KEL_ROOT=$root
-	mkdir -p "$root/etc/kel"
-	"$keladm" create-store >/dev/null
-	"$keladm" set-controlprop uplink-port=net0 >/dev/null
-	"$keladm" create-kel -p l2-type=flat web >/dev/null
-	"$keladm" add-ipnet -p subnet=10.0.0.0/8 web/n >/dev/null
+	scratch_store "$keladm" listing-bench
 	for i in $(seq 1 20); do "$keladm" create-kel -p l2-type=flat "k$i" >/dev/null; done
 	before=$(stat -c %s "$root/etc/kel/kel.db")
 	"$fill" web "$n"
