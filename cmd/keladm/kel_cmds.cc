@@ -11,12 +11,13 @@
 namespace keladm {
 namespace {
 
-// The switch's VLAN ID or VNI, "--" for a flat switch.
+// The 16 UUID bytes as a map key: a port names its switch by UUID.
 std::string uuid_key(const uuid_t uu)
 {
 	return std::string(reinterpret_cast<const char *>(uu), sizeof(uuid_t));
 }
 
+// The switch's VLAN ID or VNI, "--" for a flat switch.
 std::string kel_id(attrset_t *props)
 {
 	const std::string type = prop(props, "l2-type");
