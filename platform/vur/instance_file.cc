@@ -6,11 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 
 #include "paths.h"
+#include "text_file.h"
 
 namespace vur {
 namespace {
@@ -67,27 +65,41 @@ std::string trim(const std::string &s)
 	return s.substr(b, s.find_last_not_of(" \t") - b + 1);
 }
 
-std::string serialise(const InstanceFile &file, const std::string &path)
+// The directory part of `path` ("." when there is none), and its last component.
+std::string parent_of(const std::string &path)
 {
-	std::ostringstream out;
-	out << "# Service configuration (" << std::filesystem::path(path).filename().string()
-	    << "), kept by libkel. Lines read \"name type = value\" within [group] sections.\n";
-	out << "generation = " << file.generation << "\n";
-	for (const Group &g : file.groups) {
-		out << "\n[" << g.name << "]\n";
-		out << "type = " << g.type << "\n";
-		out << "generation = " << g.generation << "\n";
-		for (const Property &p : g.props)
-			out << p.name << " " << type_name(p.type) << " = " << escape(p.value) << "\n";
-	}
-	return out.str();
+	const size_t slash = path.rfind('/');
+	return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
 }
 
-bool parse(std::istream &in, InstanceFile *file)
+std::string file_name(const std::string &path)
 {
-	std::string line;
+	return path.substr(path.rfind('/') + 1);
+}
+
+std::string serialise(const InstanceFile &file, const std::string &path)
+{
+	std::string out = "# Service configuration (" + file_name(path) +
+	    "), kept by libkel. Lines read \"name type = value\" within [group] sections.\n";
+	out += "generation = " + std::to_string(file.generation) + "\n";
+	for (const Group &g : file.groups) {
+		out += "\n[" + g.name + "]\n";
+		out += "type = " + g.type + "\n";
+		out += "generation = " + std::to_string(g.generation) + "\n";
+		for (const Property &p : g.props)
+			out += p.name + " " + type_name(p.type) + " = " + escape(p.value) + "\n";
+	}
+	return out;
+}
+
+bool parse(const std::string &text, InstanceFile *file)
+{
 	Group *group = nullptr;
-	while (std::getline(in, line)) {
+	for (size_t at = 0, end; at < text.size(); at = end + 1) {
+		end = text.find('\n', at);
+		if (end == std::string::npos)
+			end = text.size();
+		const std::string line = text.substr(at, end - at);
 		if (trim(line).empty() || line[0] == '#')
 			continue;
 		if (line[0] == '[') {
@@ -154,7 +166,7 @@ int write_atomically(const std::string &path, const std::string &text)
 		return VUR_ERROR_BACKEND_ACCESS;
 	}
 	// The rename is durable once the directory is.
-	const int dir = open(std::filesystem::path(path).parent_path().c_str(), O_RDONLY | O_CLOEXEC);
+	const int dir = open(parent_of(path).c_str(), O_RDONLY | O_CLOEXEC);
 	if (dir != -1) {
 		(void)fsync(dir);
 		close(dir);
@@ -203,11 +215,11 @@ std::string instance_path(const std::string &fmri)
 int load(const std::string &path, InstanceFile *out)
 {
 	*out = InstanceFile{};
-	std::ifstream in(path);
-	if (!in)
+	std::string text;
+	if (!kel::read_text_file(path, &text))
 		return errno == ENOENT ? VUR_ERROR_NONE : VUR_ERROR_BACKEND_ACCESS;
 	try {
-		return parse(in, out) ? VUR_ERROR_NONE : VUR_ERROR_BACKEND_ACCESS;
+		return parse(text, out) ? VUR_ERROR_NONE : VUR_ERROR_BACKEND_ACCESS;
 	} catch (const std::exception &) {
 		return VUR_ERROR_BACKEND_ACCESS;	// a number that does not read
 	}
@@ -215,7 +227,7 @@ int load(const std::string &path, InstanceFile *out)
 
 int update(const std::string &path, const std::function<int(InstanceFile &)> &change)
 {
-	if (!kel::paths::make_dirs(std::filesystem::path(path).parent_path(), 0755))
+	if (!kel::paths::make_dirs(parent_of(path), 0755))
 		return errno == EACCES ? VUR_ERROR_PERMISSION_DENIED : VUR_ERROR_BACKEND_ACCESS;
 	LockFile lock(path + ".lock");
 	if (!lock.lock())

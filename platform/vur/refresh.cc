@@ -2,11 +2,12 @@
 #include <signal.h>
 
 #include <cerrno>
-#include <fstream>
+#include <cstdlib>
 #include <string>
 
 #include "instance_file.h"
 #include "paths.h"
+#include "text_file.h"
 #include "vur.h"
 
 namespace {
@@ -15,9 +16,19 @@ namespace {
 // number, and that one must not get our signal.
 bool is_keld(pid_t pid)
 {
-	std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
 	std::string name;
-	return std::getline(comm, name) && name == "keld";
+	return kel::read_text_file("/proc/" + std::to_string(pid) + "/comm", &name) && name == "keld\n";
+}
+
+// The number in the daemon's pid file, or 0 when there is none to read.
+pid_t recorded_pid()
+{
+	std::string text;
+	if (!kel::read_text_file(kel::paths::under_root(kel::paths::kPidFile), &text))
+		return 0;
+	char *end = nullptr;
+	const long pid = std::strtol(text.c_str(), &end, 10);
+	return end != text.c_str() && pid > 0 && pid <= 4194304 ? static_cast<pid_t>(pid) : 0;
 }
 
 }  // namespace
@@ -25,11 +36,10 @@ bool is_keld(pid_t pid)
 extern "C" int tog_refresh_instance(const char *fmri)
 {
 	(void)fmri;	// one daemon serves every instance
-	std::ifstream pidfile(kel::paths::under_root(kel::paths::kPidFile));
-	long pid = 0;
-	if (!(pidfile >> pid) || pid <= 0 || !is_keld(static_cast<pid_t>(pid)))
+	const pid_t pid = recorded_pid();
+	if (pid == 0 || !is_keld(pid))
 		return 0;	// no daemon runs: nothing to refresh
-	if (kill(static_cast<pid_t>(pid), SIGHUP) == 0 || errno == ESRCH)
+	if (kill(pid, SIGHUP) == 0 || errno == ESRCH)
 		return 0;
 	vur::set_error(errno == EPERM ? VUR_ERROR_PERMISSION_DENIED : VUR_ERROR_BACKEND_ACCESS);
 	return -1;
