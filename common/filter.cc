@@ -424,7 +424,8 @@ boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op
 		if (rc != KEL_SUCCESS || clause.size() >= KEL_FILTER_CLAUSE_LEN)
 			return B_FALSE;
 		kel::Statement st;
-		if (st.prepare(h->edh_db, kel::SqlText("SELECT * FROM %s %s", table, clause.c_str()),
+		// One row or none, and no columns: a view's would all be built by the prepare.
+		if (st.prepare(h->edh_db, kel::SqlText("SELECT 1 FROM %s %s LIMIT 1", table, clause.c_str()),
 		        {params.get()}) != KEL_SUCCESS)
 			return B_FALSE;
 		return st.step() == KEL_E_CONTINUE ? B_TRUE : B_FALSE;

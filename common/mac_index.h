@@ -7,12 +7,14 @@
 // The port's property string, lower-cased (LIKE ignores ASCII case) and framed by commas
 // so that every property, the first included, starts after a ','.
 #define KEL_SQL_PROPS "(',' || lower(vport_props) || ',')"
-#define KEL_SQL_MACPOS "instr(" KEL_SQL_PROPS ", ',macaddr=')"
-#define KEL_SQL_AFTER_MAC "substr(" KEL_SQL_PROPS ", " KEL_SQL_MACPOS " + 9)"
-// The first macaddr value, or NULL.
-#define KEL_SQL_MACVAL                                                                   \
-	"(CASE WHEN " KEL_SQL_MACPOS " > 0 THEN substr(" KEL_SQL_AFTER_MAC ", 1, instr(" \
-	KEL_SQL_AFTER_MAC ", ',') - 1) END)"
+// The first macaddr value in `s`, a property string framed by commas, or NULL.
+#define KEL_SQL_MACPOS_IN(s) "instr(" s ", ',macaddr=')"
+#define KEL_SQL_AFTER_MAC_IN(s) "substr(" s ", " KEL_SQL_MACPOS_IN(s) " + 9)"
+#define KEL_SQL_MACVAL_IN(s)                                                                   \
+	"(CASE WHEN " KEL_SQL_MACPOS_IN(s) " > 0 THEN substr(" KEL_SQL_AFTER_MAC_IN(s) ", 1, instr(" \
+	KEL_SQL_AFTER_MAC_IN(s) ", ',') - 1) END)"
+// The port's first macaddr value, or NULL.
+#define KEL_SQL_MACVAL KEL_SQL_MACVAL_IN(KEL_SQL_PROPS)
 #define KEL_SQL_COLONS(x) "(length(" x ") - length(replace(" x ", ':', '')))"
 
 // The macaddr value from its first colon on: the lookup key of the equality path.
@@ -23,10 +25,10 @@
 // (IPv6 addresses, free-form values). Every other port has fewer than five colons, so
 // cannot hold such a text, or holds it only inside its macaddr value, aligned colon for
 // colon, which puts the text's tail at the start of the key.
-#define KEL_SQL_MAC_UNKEYED                                                                  \
-	"(" KEL_SQL_COLONS("vport_props") " > 5 OR (" KEL_SQL_COLONS("vport_props") " = 5 AND (" \
-	KEL_SQL_COLONS(KEL_SQL_MACVAL) " IS NOT 5 OR trim(" KEL_SQL_MACVAL                       \
-	", '0123456789abcdef:') <> '')))"
+// `t` is the lower-cased property string and `m` its macaddr value.
+#define KEL_SQL_MAC_UNKEYED(t, m)                                                        \
+	"(" KEL_SQL_COLONS(t) " > 5 OR (" KEL_SQL_COLONS(t) " = 5 AND (" KEL_SQL_COLONS(m)   \
+	" IS NOT 5 OR trim(" m ", '0123456789abcdef:') <> '')))"
 
 // For those ports, vport_colon_tbl holds what follows each colon of the lower-cased
 // property string (kKeptTail characters from the colon on): a text occurs in the string
@@ -35,10 +37,16 @@
 // every write of vport_props, so no writer has to remember them; a port that the key
 // answers for has none. `source` is a row source with vport_uuid and vport_props.
 #define KEL_SQL_KEPT_TAIL "24"
+//
+// The text of the triggers is what every process that writes a port parses and compiles,
+// so each value is spelled once and named: the property string framed (s) and lower-cased
+// (t), and its macaddr value (m).
 #define KEL_SQL_COLON_ROWS(source)                                                          \
 	"INSERT INTO vport_colon_tbl (colon_vport, colon_pos, colon_tail) "                    \
-	"WITH RECURSIVE at(u, t, i) AS (SELECT vport_uuid, lower(vport_props), "              \
-	"instr(lower(vport_props), ':') FROM " source " WHERE " KEL_SQL_MAC_UNKEYED           \
+	"WITH RECURSIVE p(u, t, m) AS (SELECT u, t, " KEL_SQL_MACVAL_IN("s") " FROM "          \
+	"(SELECT vport_uuid AS u, lower(vport_props) AS t, ',' || lower(vport_props) || ',' AS s " \
+	"FROM " source ")), "                                                                 \
+	"at(u, t, i) AS (SELECT u, t, instr(t, ':') FROM p WHERE " KEL_SQL_MAC_UNKEYED("t", "m") \
 	" UNION ALL SELECT u, t, i + instr(substr(t, i + 1), ':') FROM at "                   \
 	"WHERE instr(substr(t, i + 1), ':') > 0) "                                            \
 	"SELECT u, i, substr(t, i, " KEL_SQL_KEPT_TAIL ") FROM at WHERE i > 0"

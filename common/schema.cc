@@ -102,12 +102,16 @@ const char *const kel_indexstmts[] = {
 
 int has_table(sqlite3 *db, const char *name, bool *found)
 {
+	// Asked of the schema SQLite has already read, rather than by a query of its own: an
+	// add asks this once, and preparing a statement costs a short-lived process more than
+	// the answer. Without a column, SQLite answers whether the table exists; a missing table
+	// is its plain error, anything else a failure to read the schema.
 	*found = false;
-	return kel::for_each_row(db, "SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?",
-	    {name}, [&](kel::Statement &) {
-		    *found = true;
-		    return KEL_SUCCESS;
-	    });
+	const int sqlrc = sqlite3_table_column_metadata(db, "main", name, nullptr, nullptr, nullptr,
+	    nullptr, nullptr, nullptr);
+	if (sqlrc == SQLITE_OK)
+		*found = true;
+	return sqlrc == SQLITE_OK || sqlrc == SQLITE_ERROR ? KEL_SUCCESS : kel::sql_error(sqlrc);
 }
 
 }  // namespace kel::schema

@@ -2,6 +2,7 @@
 #include <uuid/uuid.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "c_boundary.h"
@@ -117,6 +118,43 @@ int stored_version(kel_dbhandle_t h, int *version)
 	return KEL_SUCCESS;
 }
 
+// The name a "CREATE TRIGGER name ..." statement gives.
+std::string trigger_name(const char *create)
+{
+	const std::string text(create);
+	const size_t from = std::strlen("CREATE TRIGGER ");
+	return text.substr(from, text.find(' ', from) - from);
+}
+
+// The tails' triggers as this build spells them: one an older build spelled otherwise
+// is made anew, and the tails are then filled again, so that they are what these
+// triggers would have kept.
+int renew_triggers(kel_dbhandle_t h)
+{
+	int rc = KEL_SUCCESS;
+	bool renewed = false;
+	for (const char *const *stmt = kel::schema::kColonTails; rc == KEL_SUCCESS && *stmt != nullptr; stmt++) {
+		if (std::strncmp(*stmt, "CREATE TRIGGER ", 15) != 0)
+			continue;
+		const std::string name = trigger_name(*stmt);
+		bool same = false;
+		rc = kel::for_each_row(h->edh_db, "SELECT sql FROM sqlite_master WHERE type = 'trigger' AND name = ?",
+		    {name}, [&](kel::Statement &st) {
+			    same = st.text(0) != nullptr && std::strcmp(st.text(0), *stmt) == 0;
+			    return KEL_SUCCESS;
+		    });
+		if (rc != KEL_SUCCESS || same)
+			continue;
+		rc = kel_sqlite3_exec(h->edh_db, "DROP TRIGGER IF EXISTS %s", 1, name.c_str(), 0);
+		if (rc == KEL_SUCCESS)
+			rc = kel_sqlite3_exec(h->edh_db, "%s", 1, *stmt, 0);
+		renewed = true;
+	}
+	if (rc == KEL_SUCCESS && renewed && (rc = kel::exec(h->edh_db, "DELETE FROM vport_colon_tbl")) == KEL_SUCCESS)
+		rc = kel::exec(h->edh_db, kel::schema::kColonTailsFill);
+	return rc;
+}
+
 // The lookups this build keeps beside the store's tables: the indexes, and the MAC
 // tails with their triggers (made and filled together, or left alone when present).
 // An index that an older build made and this one no longer reads goes.
@@ -137,6 +175,8 @@ int ensure_lookups(kel_dbhandle_t h)
 		rc = run_all(h, kel::schema::kColonTails);
 		if (rc == KEL_SUCCESS)
 			rc = kel::exec(h->edh_db, kel::schema::kColonTailsFill);
+	} else if (rc == KEL_SUCCESS) {
+		rc = renew_triggers(h);
 	}
 	return rc;
 }

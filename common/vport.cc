@@ -192,15 +192,16 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	if (rc == KEL_SUCCESS)
 		rc = insert_port(h, ip, &req, addr, name);
 	// Step 5: the record the caller asked for is read before the commit, so a failure to
-	// read it fails the whole add, which then leaves nothing behind.
-	kel_t *raw = nullptr;
-	if (rc == KEL_SUCCESS && vportp != nullptr)
-		rc = kel_db_get_kelvport(h, tenant, kel, name, &raw);
-	const KelPtr made(raw);
+	// read it fails the whole add, which then leaves nothing behind. The port alone, with
+	// its switch's names: one statement, where the switch's record would take two.
+	kel::RecordList<kel_vport_t> made;
+	if (rc == KEL_SUCCESS && vportp != nullptr &&
+	    (rc = kel::names_filter(filter, tenant, kel, "vport", name)) == KEL_SUCCESS)
+		rc = made.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
 	if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS) {
 		address.keep();
 		if (vportp != nullptr)
-			*vportp = static_cast<kel_vport_t *>(list_remove_head(&made->kel_ports));
+			*vportp = made.take(made.front());
 	}
 	return rc;
 }

@@ -170,4 +170,31 @@ TEST_F(MacInUse, AStoreWithoutTheTailsScansUntilUpgraded)
 	EXPECT_TRUE(kel_db_macaddr_exists(h_, "7:7:7:7:7:7"));
 }
 
+// Triggers an older build spelled otherwise are made anew by the upgrade, and the tails
+// they missed are filled: a trigger left as it was would keep failing every later port.
+TEST_F(MacInUse, TheUpgradeRenewsTriggersSpelledOtherwise)
+{
+	store({"ipaddr=fe80::2:8:20:a:b:c/64", "vmid=q1:2:3:4:5:6z"});
+	const std::string tails = "SELECT group_concat(colon_vport || colon_pos || colon_tail, '|') "
+	                          "FROM (SELECT * FROM vport_colon_tbl ORDER BY 1, 2)";
+	const std::string ours = value("SELECT group_concat(sql, '|') FROM (SELECT sql FROM sqlite_master "
+	                               "WHERE type = 'trigger' ORDER BY name)");
+	sql("DROP TRIGGER vport_colon_ins");
+	sql("CREATE TRIGGER vport_colon_ins AFTER INSERT ON vport_tbl BEGIN SELECT 1; END");
+	add_vport(200, 1, "missed", "ipaddr=fe80::7:7:7:7:7:7/64");
+	EXPECT_FALSE(kel_db_macaddr_exists(h_, "7:7:7:7:7:7")) << "the stand-in trigger kept tails";
+	kel_db_close(h_);
+	h_ = nullptr;
+	ASSERT_EQ(kel_db_upgrade(), KEL_SUCCESS);
+	ASSERT_EQ(kel_db_open(&h_, SQLITE_OPEN_READWRITE), KEL_SUCCESS);
+	EXPECT_EQ(value("SELECT group_concat(sql, '|') FROM (SELECT sql FROM sqlite_master "
+	                "WHERE type = 'trigger' ORDER BY name)"),
+	    ours);
+	EXPECT_TRUE(kel_db_macaddr_exists(h_, "7:7:7:7:7:7"));
+	const std::string after = value(tails);
+	sql("DELETE FROM vport_colon_tbl");
+	sql(kel::schema::kColonTailsFill);
+	EXPECT_EQ(value(tails), after);
+}
+
 }  // namespace
