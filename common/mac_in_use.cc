@@ -64,9 +64,17 @@ boolean_t kel_db_macaddr_exists(kel_dbhandle_t h, const char *mac)
 	if (kel::schema::has_table(h->edh_db, "vport_colon_tbl", &have_tails) != KEL_SUCCESS || !have_tails)
 		return scan(h, pattern);
 	const std::string tail = text.substr(text.find(':'));
+	bool like = false;
+	const int rc = kel::for_each_row(h->edh_db, KEL_SQL_MAC_BY_KEY, {tail, tail + "g", pattern},
+	    [&](kel::Statement &st) {
+		    like = st.integer(1) != 0;
+		    return like ? KEL_E_CONTINUE : KEL_SUCCESS;
+	    });
+	if (like || (rc != KEL_SUCCESS && rc != KEL_E_CONTINUE))
+		return like ? B_TRUE : B_FALSE;
 	std::string kept = tail.substr(0, kel::schema::kKeptTail), past = kept;
 	past.back()++;	// a colon or a hex digit: never the last character there is
-	return found(h->edh_db, KEL_SQL_MAC_TAKEN, {tail, tail + "g", pattern, kept, past}) ? B_TRUE : B_FALSE;
+	return found(h->edh_db, KEL_SQL_MAC_BY_TAIL, {kept, past, pattern}) ? B_TRUE : B_FALSE;
 }
 
 namespace {
@@ -98,8 +106,9 @@ boolean_t kel_db_macaddr_value_taken(kel_dbhandle_t h, const uint8_t *mac)
 {
 	bool taken = false;
 	for (const std::string &key : key_spellings(mac)) {
-		const int rc = kel::for_each_row(h->edh_db,
-		    "SELECT " KEL_SQL_MACVAL " FROM vport_tbl WHERE " KEL_SQL_MACKEY " = ?1", {key},
+		// The key's range, not the key alone: the statement is the text test's, and the
+		// longer keys it also finds parse to other addresses.
+		const int rc = kel::for_each_row(h->edh_db, KEL_SQL_MAC_BY_KEY, {key, key + "g", ""},
 		    [&](kel::Statement &st) {
 			    int len = 0;
 			    unsigned char *theirs = st.text(0) != nullptr ? _link_aton(st.text(0), &len) : nullptr;

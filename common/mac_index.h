@@ -52,15 +52,21 @@
 	"SELECT u, i, substr(t, i, " KEL_SQL_KEPT_TAIL ") FROM at WHERE i > 0"
 #define KEL_SQL_NEW_ROW "(SELECT new.vport_uuid AS vport_uuid, new.vport_props AS vport_props)"
 
-// Taken by a port of either kind: ?1 and ?2 bound the key (the text's tail from its first
-// colon, and that tail followed by 'g': the key's next characters, if any, are hex digits),
-// ?3 is the LIKE pattern that decides, ?4 and ?5 bound the kept tails (the text's tail cut
-// to the kept length, and the same with its last character raised by one).
-#define KEL_SQL_MAC_TAKEN                                                               \
-	"SELECT 1 FROM vport_tbl WHERE " KEL_SQL_MACKEY " >= ?1 AND " KEL_SQL_MACKEY      \
-	" < ?2 AND vport_props LIKE ?3 "                                                 \
-	"UNION ALL SELECT 1 FROM vport_colon_tbl JOIN vport_tbl ON vport_uuid = colon_vport " \
-	"WHERE colon_tail >= ?4 AND colon_tail < ?5 AND vport_props LIKE ?3 LIMIT 1"
+// The two lookups behind both questions, text and value. A short-lived process prepares
+// each statement once, and the key's expression is most of what it parses, so one
+// statement serves both: the ports whose key lies in [?1, ?2), with their macaddr value
+// and whether their property string is LIKE ?3. For a text, ?1 is its tail from its
+// first colon and ?2 that tail followed by 'g' (the key's next characters, if any, are
+// hex digits); for a value, the same for each spelling of its key.
+#define KEL_SQL_MAC_BY_KEY                                                                \
+	"SELECT " KEL_SQL_MACVAL ", vport_props LIKE ?3 FROM vport_tbl WHERE " KEL_SQL_MACKEY \
+	" >= ?1 AND " KEL_SQL_MACKEY " < ?2"
+// The ports the key cannot answer for, through their kept tails: ?1 is the text's tail
+// cut to the kept length, ?2 the same with its last character raised by one, ?3 the LIKE
+// pattern that decides.
+#define KEL_SQL_MAC_BY_TAIL                                                               \
+	"SELECT 1 FROM vport_colon_tbl JOIN vport_tbl ON vport_uuid = colon_vport "         \
+	"WHERE colon_tail >= ?1 AND colon_tail < ?2 AND vport_props LIKE ?3 LIMIT 1"
 
 namespace kel::schema {
 inline constexpr int kKeptTail = 24;	// KEL_SQL_KEPT_TAIL

@@ -168,8 +168,14 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kel::StoreLock lock(h);
+	if ((rc = lock.status()) != KEL_SUCCESS)
+		return rc;
+	// The address is drawn in the transaction that inserts the port: a crash at any
+	// instant keeps both or neither. The checks read in it too, so the store is opened
+	// for reading once, not once per check.
+	kel::Transaction tx(h->edh_db);
 	char derived[KEL_UUID_TEXT_LEN];
-	if ((rc = lock.status()) != KEL_SUCCESS || (rc = check_name(h, tenant, kel, req, &name, derived)) != KEL_SUCCESS)
+	if ((rc = tx.begin()) != KEL_SUCCESS || (rc = check_name(h, tenant, kel, req, &name, derived)) != KEL_SUCCESS)
 		return rc;
 	// Step 3: the switch's network, whose pool the address comes from.
 	char filter[kFilterLen];
@@ -180,13 +186,10 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	const kel_ipnet_t *ip = nets.front();
 	char addr[46];
 	bool drawn = false;
-	// The address is drawn in the transaction that inserts the port: a crash at any
-	// instant keeps both or neither. The hold gives it back for a failure inside a
-	// caller's transaction, where this one's rollback is not a rollback.
-	kel::Transaction tx(h->edh_db);
+	// The hold gives the address back for a failure inside a caller's transaction, where
+	// this one's rollback is not a rollback.
 	kel::Hold address([&] { (void)kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr); });
-	if ((rc = tx.begin()) == KEL_SUCCESS)
-		rc = draw_address(h, ip, req.addr, addr, &drawn);
+	rc = draw_address(h, ip, req.addr, addr, &drawn);
 	if (drawn)
 		address.arm();
 	if (rc == KEL_SUCCESS)
