@@ -22,8 +22,7 @@ int show_clientprop(const Subcommand &cmd, const Options &opts)
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "show-clientprop takes one list of names");
 	Output out;
-	if (!out.configure({{"property"}, {"permission"}, {"value"}, {"default"}}, opts.fields,
-	        opts.format))
+	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
 	kel::RecordList<kel_togprop_t> settings;
 	int rc = settings.read([&](list_t *l) { return kel_get_client_togprop(opts.operands.empty() ? nullptr : opts.operands[0], l); });

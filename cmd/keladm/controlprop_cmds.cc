@@ -1,5 +1,6 @@
 // Controller properties: set-controlprop, show-controlprop.
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "keladm.h"
@@ -32,9 +33,7 @@ int show_controlprop(const Subcommand &cmd, const Options &opts)
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "show-controlprop takes one list of names");
 	Output out;
-	if (!out.configure({{"property"}, {"host"}, {"permission"}, {"value"}, {"default"},
-	                       {"vlan-range"}, {"vxlan-range"}, {"flat"}},
-	        opts.fields, opts.format))
+	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
@@ -46,10 +45,15 @@ int show_controlprop(const Subcommand &cmd, const Options &opts)
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list controller properties", rc);
 	auto text = [](const char *s) { return std::string(s != nullptr ? s : ""); };
+	// Whether an uplink carries flat kels is yes or no; other properties have no say.
+	auto flat = [](const kel_ctrlprop_t *p) -> std::string {
+		if (p->ecp_flatrange != nullptr && *p->ecp_flatrange != '\0')
+			return "yes";
+		return std::strcmp(p->ecp_propname, "uplink-port") == 0 ? "no" : "";
+	};
 	for (kel_ctrlprop_t *p : rows)
 		out.add({p->ecp_propname, p->ecp_host, p->ecp_perm, text(p->ecp_propval), p->ecp_defvalue,
-		    text(p->ecp_vlanrange), text(p->ecp_vxlanrange),
-		    p->ecp_flatrange == nullptr ? "" : *p->ecp_flatrange ? "yes" : ""});
+		    text(p->ecp_vlanrange), text(p->ecp_vxlanrange), flat(p)});
 	out.print();
 	return kExitOk;
 }

@@ -7,9 +7,29 @@
 #include "owners.h"
 
 namespace keladm {
+namespace {
+
+// Field `field` of kIpnetFields for network `ip`.
+std::string ipnet_field(const kel_ipnet_t *ip, size_t field)
+{
+	switch (field) {
+	case 0: return ip->ei_name;
+	case 1: return ip->ei_kelname;
+	case 2: return ip->ei_tenantname;
+	case 3: return ip->ei_subnet;
+	case 4: return prop(ip->ei_props, "defrouter");
+	case 5: return prop(ip->ei_props, "pool");
+	default: return ip->ei_availrange;
+	}
+}
+
+}  // namespace
 
 int add_ipnet(const Subcommand &cmd, const Options &opts)
 {
+	Output out;
+	if (opts.echo && !out.configure(cmd.fields, opts.fields, opts.format))
+		return kExitUsage;
 	Member m;
 	if (!one_member(cmd, opts, kel_parse_kelipnetname, "IPNET", &m))
 		return kExitUsage;
@@ -19,14 +39,31 @@ int add_ipnet(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
-	kel_ipnet_t *ip = nullptr;
+	kel_ipnet_t *made = nullptr;
 	int rc = kel_db_add_ipnet(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(),
-	    opts.props.c_str(), &ip, KEL_NAME_DASH_OK);
+	    opts.props.c_str(), &made, KEL_NAME_DASH_OK);
+	kel::Owned<kel_ipnet_t, kel_free_ipnet> ip(made);
+	kel::RecordList<kel_ipnet_t> there;
+	if (rc == KEL_E_EXISTS && opts.may_exist &&
+	    there.read([&](list_t *l) {
+		    return kel_db_get_ipnetlist(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(), l, 0);
+	    }) == KEL_SUCCESS) {
+		// The one there is what a script goes on with.
+		if (opts.echo) {
+			out.add_with([&](size_t f) { return ipnet_field(*there.begin(), f); });
+			out.print();
+		}
+		return kExitOk;
+	}
 	if (rc != KEL_SUCCESS)
 		return fail("cannot add ipnet '" + kel + "/" + name + "'", rc);
-	std::printf("added ipnet %s/%s (%s, router %s, pool %s)\n", kel.c_str(), ip->ei_name,
-	    ip->ei_subnet, prop(ip->ei_props, "defrouter").c_str(), prop(ip->ei_props, "pool").c_str());
-	kel_free_ipnet(ip);
+	if (opts.echo) {
+		out.add_with([&](size_t f) { return ipnet_field(ip.get(), f); });
+		out.print();
+	} else {
+		std::printf("added ipnet %s/%s (%s, router %s, pool %s)\n", kel.c_str(), ip->ei_name,
+		    ip->ei_subnet, prop(ip->ei_props, "defrouter").c_str(), prop(ip->ei_props, "pool").c_str());
+	}
 	return kExitOk;
 }
 
@@ -40,6 +77,8 @@ int remove_ipnet(const Subcommand &cmd, const Options &opts)
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
 	int rc = kel_db_remove_ipnet(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(), 0);
+	if (opts.if_exists && (rc == KEL_E_IPNET_NOTFOUND || rc == KEL_E_KEL_NOTFOUND))
+		return kExitOk;
 	if (rc != KEL_SUCCESS)
 		return fail("cannot remove ipnet '" + kel + "/" + name + "'", rc);
 	return kExitOk;
@@ -48,9 +87,7 @@ int remove_ipnet(const Subcommand &cmd, const Options &opts)
 int show_ipnet(const Subcommand &cmd, const Options &opts)
 {
 	Output out;
-	if (!out.configure({{"name"}, {"kel"}, {"tenant"}, {"subnet"}, {"defrouter"}, {"pool"},
-	                       {"available"}},
-	        opts.fields, opts.format))
+	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
 	char kel[KEL_NAME_LEN], name[KEL_NAME_LEN];
 	if (!member_selection(cmd, opts, kel_parse_kelipnetname, "IPNET", kel, name))
@@ -67,8 +104,7 @@ int show_ipnet(const Subcommand &cmd, const Options &opts)
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list ipnets", rc);
 	for (kel_ipnet_t *ip : nets)
-		out.add({ip->ei_name, ip->ei_kelname, ip->ei_tenantname, ip->ei_subnet,
-		    prop(ip->ei_props, "defrouter"), prop(ip->ei_props, "pool"), ip->ei_availrange});
+		out.add_with([&](size_t f) { return ipnet_field(ip, f); });
 	out.print();
 	return kExitOk;
 }

@@ -25,6 +25,24 @@ std::string kel_id(attrset_t *props)
 	return type == "flat" || id.empty() ? "--" : id;
 }
 
+// Field `field` of kKelFields for switch `k`, whose ports are `vports`.
+std::string kel_field(const kel_t *k, size_t field, const std::string &vports)
+{
+	switch (field) {
+	case 0: return k->kel_name;
+	case 1: return k->kel_tenantname;
+	case 2: return prop(k->kel_props, "l2-type");
+	case 3: return kel_id(k->kel_props);
+	case 4: return k->kel_status == KEL_STATUS_BUSY ? "busy" : "idle";
+	case 5: {
+		char uu[KEL_UUID_TEXT_LEN];
+		uuid_unparse_lower(k->kel_uuid, uu);
+		return uu;
+	}
+	default: return vports;
+	}
+}
+
 // "kel=a,b" for the names given (with the tenant), or the tenant alone.
 std::string kel_filter(const Options &opts)
 {
@@ -41,21 +59,42 @@ std::string kel_filter(const Options &opts)
 
 int create_kel(const Subcommand &cmd, const Options &opts)
 {
+	Output out;
+	if (opts.echo && !out.configure(cmd.fields, opts.fields, opts.format))
+		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "create-kel takes at most one name");
 	const char *name = opts.operands.empty() ? nullptr : opts.operands[0];
 	Store store;
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
-	kel_t *kel = nullptr;
+	kel_t *made = nullptr;
 	// Operators name switches "web-1": the CLI always allows '-' in names.
 	int rc = kel_db_create_kel(store.get(), opts.tenant.c_str(), name,
-	    opts.props.empty() ? nullptr : opts.props.c_str(), KEL_NAME_DASH_OK, &kel);
+	    opts.props.empty() ? nullptr : opts.props.c_str(), KEL_NAME_DASH_OK, &made);
+	kel::Owned<kel_t, kel_free_kel> kel(made);
+	if (rc == KEL_E_EXISTS && opts.may_exist && name != nullptr) {
+		// The one there is what a script goes on with.
+		kel::RecordList<kel_t> there;
+		if (there.read([&](list_t *l) {
+			    return kel_db_get_kellist(store.get(), opts.tenant.c_str(), name, l, KEL_LIST_NO_MEMBERS);
+		    }) == KEL_SUCCESS) {
+			if (opts.echo) {
+				out.add_with([&](size_t f) { return kel_field(*there.begin(), f, ""); });
+				out.print();
+			}
+			return kExitOk;
+		}
+	}
 	if (rc != KEL_SUCCESS)
 		return fail(std::string("cannot create kel") + (name ? std::string(" '") + name + "'" : ""), rc);
-	std::printf("created kel %s (%s %s)\n", kel->kel_name, prop(kel->kel_props, "l2-type").c_str(),
-	    kel_id(kel->kel_props).c_str());
-	kel_free_kel(kel);
+	if (opts.echo) {
+		out.add_with([&](size_t f) { return kel_field(kel.get(), f, ""); });
+		out.print();
+	} else {
+		std::printf("created kel %s (%s %s)\n", kel->kel_name, prop(kel->kel_props, "l2-type").c_str(),
+		    kel_id(kel->kel_props).c_str());
+	}
 	return kExitOk;
 }
 
@@ -67,6 +106,8 @@ int delete_kel(const Subcommand &cmd, const Options &opts)
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
 	int rc = kel_db_delete_kel(store.get(), opts.tenant.c_str(), opts.operands[0], 0);
+	if (rc == KEL_E_KEL_NOTFOUND && opts.if_exists)
+		return kExitOk;
 	if (rc != KEL_SUCCESS)
 		return fail(std::string("cannot delete kel '") + opts.operands[0] + "'", rc);
 	return kExitOk;
@@ -88,8 +129,7 @@ int sync_flood(const Subcommand &cmd, const Options &opts)
 int show_kel(const Subcommand &cmd, const Options &opts)
 {
 	Output out;
-	if (!out.configure({{"name"}, {"tenant"}, {"l2type"}, {"id"}, {"status"}, {"uuid"}, {"vports"}},
-	        opts.fields, opts.format))
+	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
 	// The names become alternatives of one filter key: each must be one name.
 	for (const char *name : opts.operands)
@@ -123,24 +163,8 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 			return fail("cannot list kels", rc);
 	}
 	for (kel_t *k : kels) {
-		out.add_with([&](size_t field) -> std::string {
-			switch (field) {
-			case 0: return k->kel_name;
-			case 1: return k->kel_tenantname;
-			case 2: return prop(k->kel_props, "l2-type");
-			case 3: return kel_id(k->kel_props);
-			case 4: return k->kel_status == KEL_STATUS_BUSY ? "busy" : "idle";
-			case 5: {
-				char uu[KEL_UUID_TEXT_LEN];
-				uuid_unparse_lower(k->kel_uuid, uu);
-				return uu;
-			}
-			default: {
-				auto names = vports.find(uuid_key(k->kel_uuid));
-				return names != vports.end() ? names->second : "";
-			}
-			}
-		});
+		auto names = vports.find(uuid_key(k->kel_uuid));
+		out.add_with([&](size_t f) { return kel_field(k, f, names != vports.end() ? names->second : ""); });
 	}
 	out.print();
 	return kExitOk;

@@ -1,6 +1,7 @@
 // keladm's subcommands and the conventions they share.
 #pragma once
 
+#include <cstdio>
 #include <span>
 #include <string>
 
@@ -23,7 +24,34 @@ struct Subcommand {
 	const char *summary;	// one line for the overview
 	unsigned options;	// the OptionSet it takes; the dispatcher parses them
 	int (*run)(const Subcommand &cmd, const Options &opts);
+	// What `keladm help NAME` adds: the fields -o chooses from (what the command prints,
+	// in order), the properties it takes ("name=VALUES" then what they mean, one a line)
+	// and an example.
+	std::span<const Field> fields = {};
+	const char *props = nullptr;
+	const char *example = nullptr;
 };
+
+// What each listing prints, in order: the fields -o chooses from. Create and add commands
+// print the new object with its listing's fields.
+inline constexpr Field kKelFields[] = {{"name"}, {"tenant"}, {"l2type"}, {"id", Kind::Number}, {"status"},
+    {"uuid"}, {"vports", Kind::List}};
+inline constexpr Field kIpnetFields[] = {{"name"}, {"kel"}, {"tenant"}, {"subnet"}, {"defrouter"}, {"pool"},
+    {"available"}};
+inline constexpr Field kVportFields[] = {{"name"}, {"kel"}, {"tenant"}, {"status"}, {"host"}, {"vnic"},
+    {"ipaddr"}, {"macaddr"}, {"uuid"}};
+inline constexpr Field kClientpropFields[] = {{"property"}, {"permission"}, {"value"}, {"default"}};
+inline constexpr Field kControlpropFields[] = {{"property"}, {"host"}, {"permission"}, {"value"},
+    {"default"}, {"vlan-range"}, {"vxlan-range"}, {"flat", Kind::Flag}};
+inline constexpr Field kKelpropFields[] = {{"kel"}, {"property"}, {"permission"}, {"value"}, {"default"},
+    {"possible", Kind::List}};
+inline constexpr Field kVportpropFields[] = {{"vport"}, {"property"}, {"permission"}, {"value"},
+    {"default"}, {"possible", Kind::List}};
+inline constexpr Field kIpnetpropFields[] = {{"ipnet"}, {"property"}, {"permission"}, {"value"},
+    {"default"}, {"possible", Kind::List}};
+inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"},
+    {"lower"}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
+    {"obytes", Kind::Number}};
 
 // Reports a failed library call as "keladm: <what>: <message of code>" and returns
 // kExitFailed.
@@ -38,27 +66,41 @@ struct Options {
 	const char *host = nullptr;	// -h host (controller properties)
 	std::string props;	// -p name=value,... (subcommands that change things)
 	std::string fields;	// -o field,...
-	Format format = Format::Table;	// -p (show-*), --json
+	Format format = Format::Table;	// -p / --parseable, --json
+	bool echo = false;	// create and add: print the new object's fields, not a sentence
 	std::string names;	// -P name,...
 	bool force = false;	// -f
 	bool macvtap = false;	// --macvtap (create-vnic)
 	bool address = false;	// --address (create-vnic)
+	bool may_exist = false;	// --may-exist: an object of that name is success
+	bool if_exists = false;	// --if-exists: no such object is success
+	bool repair = false;	// --repair (check-store)
 	std::span<char *> operands;
 };
 
-// Which options a subcommand takes besides -T tenant.
+// Which options a subcommand takes (always --help).
 enum OptionSet : unsigned {
-	kChange = 0,		// -p name=value,...
-	kShow = 1,		// -o fields, -p parseable, --json
-	kHost = 2,		// -h host (and no -h for help; --help still works)
-	kForce = 4,		// -f: go on although the object is in use
-	kNames = 8,		// -P name,...: which properties to show
-	kVnic = 16,		// --macvtap, --address: how a VNIC is made
-	kRaw = 1u << 31,	// none: every word after the name is an operand
+	kNone = 0,
+	kTenant = 1,		// -T tenant
+	kChange = 2,		// -p name=value,...
+	kShow = 4,		// -o fields, -p / --parseable, --json
+	kEcho = 8,		// -o fields, --parseable, --json: print what was made
+	kHost = 16,		// -h host (and no -h for help; --help still works)
+	kForce = 32,		// -f: go on although the object is in use
+	kNames = 64,		// -P name,...: which properties to show
+	kVnic = 128,		// --macvtap, --address: how a VNIC is made
+	kMayExist = 256,	// --may-exist
+	kIfExists = 512,	// --if-exists
+	kRepair = 1024,		// --repair
 };
 
-// Parses `args` for subcommand `cmd`. Returns false after a usage message.
-bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, Options *opts);
+// Parses `args` for subcommand `cmd`: options may stand before, between and after the
+// operands, and "--" ends them. Returns false after a usage message; `help` is set when
+// --help was asked for.
+bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts, bool *help);
+
+// keladm help's text for one subcommand.
+void print_help(FILE *out, const Subcommand &cmd);
 
 // An open store handle, closed on scope exit.
 class Store {

@@ -11,66 +11,146 @@ namespace {
 
 int help(const Subcommand &cmd, const Options &opts);
 
+// The property lines of `keladm help`: "NAME=VALUES", a tab, what it means.
+#define KELADM_LINK_PROPS                                                                       \
+	"protection=WORD,...\tmac-nospoof, ip-nospoof, dhcp-nospoof, restricted, or none alone\n" \
+	"\t(default: mac-nospoof,ip-nospoof)\n"                                                     \
+	"maxbw=BANDWIDTH\ta bandwidth cap: 500 or 500M is 500 Mbit/s (no unit means Mbit/s);\n"     \
+	"\tK, M and G are decimal bits per second (1.5G is 1,500,000,000)\n"                        \
+	"priority=low|medium|high\t(default: medium)\n"
+#define KELADM_EXTENDED_PROP "NAME:NAME=TEXT\tone of your own: any name holding ':'\n"
+
 const Subcommand kSubcommands[] = {
-	{"help", "[SUBCOMMAND]", "describe keladm or one of its subcommands", kRaw, help},
-	{"create-store", "", "create the configuration store if it does not exist", kRaw, create_store},
-	{"create-kel", "[-T tenant] [-p prop=value,...] [NAME]", "create a kel (virtual switch)",
-	    kChange, create_kel},
-	{"delete-kel", "[-T tenant] NAME", "delete a kel with its vports and ipnet", kChange, delete_kel},
-	{"show-kel", "[-T tenant] [-o field,...] [-p | --json] [NAME...]",
-	    "show kels: name, tenant, l2type, id, status, uuid, vports", kShow, show_kel},
-	{"sync-flood", "[-T tenant] KEL",
-	    "give the hosts of a VXLAN kel without a multicast group each other's endpoints again",
-	    kChange, sync_flood},
-	{"add-ipnet", "[-T tenant] -p subnet=ADDR/PREFIX[,defrouter=ADDR][,pool=RANGE] KEL/IPNET",
-	    "add the IP network of a kel", kChange, add_ipnet},
-	{"remove-ipnet", "[-T tenant] KEL/IPNET", "remove the IP network of a kel", kChange, remove_ipnet},
-	{"show-ipnet", "[-T tenant] [-o field,...] [-p | --json] [KEL[/IPNET]]",
-	    "show ipnets: name, kel, tenant, subnet, defrouter, pool, available", kShow, show_ipnet},
-	{"add-vport", "[-T tenant] [-p ipaddr=ADDR,macaddr=MAC,...] KEL/VPORT",
-	    "add a port to a kel, with an address from its pool and a MAC address", kChange, add_vport},
-	{"remove-vport", "[-T tenant] [-f] KEL/VPORT",
-	    "remove a port and give its address back (-f: even while bound)", kForce, remove_vport},
-	{"reset-vport", "[-T tenant] [-f] KEL/VPORT",
-	    "free a bound port whose VNIC is gone from its host (-f: without asking the host)",
-	    kForce, reset_vport},
-	{"show-vport", "[-T tenant] [-o field,...] [-p | --json] [KEL[/VPORT]]",
-	    "show vports: name, kel, tenant, status, host, vnic, ipaddr, macaddr, uuid", kShow, show_vport},
-	{"set-clientprop", "controller=URI", "set where this host finds the controller",
-	    kChange, set_clientprop},
-	{"show-clientprop", "[-o field,...] [-p | --json] [name,...]",
-	    "show this host's client properties: property, permission, value, default",
-	    kShow, show_clientprop},
-	{"set-controlprop", "[-h host] name=value[,attribute=value...]",
-	    "set a controller property, fabric-wide or for one host", kChange | kHost, set_controlprop},
-	{"show-controlprop", "[-h host] [-o field,...] [-p | --json] [name,...]",
-	    "show controller properties: property, host, value, default, permission, ranges",
-	    kShow | kHost, show_controlprop},
-	{"set-kelprop", "[-T tenant] -p name=value KEL",
-	    "change one property of a kel, live on the hosts of its bound vports", kChange, set_kelprop},
-	{"set-vportprop", "[-T tenant] -p name=value KEL/VPORT",
-	    "change one property of a vport, live on its host when it is bound", kChange, set_vportprop},
-	{"set-ipnetprop", "[-T tenant] -p name=value KEL/IPNET",
-	    "change one property of an ipnet (pool: keeping every address in use)", kChange, set_ipnetprop},
-	{"show-kelprop", "[-T tenant] [-P name,...] [-o field,...] [-p | --json] [KEL]",
-	    "show kel properties: kel, property, permission, value, default, possible", kShow | kNames, show_kelprop},
-	{"show-vportprop", "[-T tenant] [-P name,...] [-o field,...] [-p | --json] [KEL[/VPORT]]",
-	    "show vport properties: vport, property, permission, value, default, possible",
-	    kShow | kNames, show_vportprop},
-	{"show-ipnetprop", "[-T tenant] [-P name,...] [-o field,...] [-p | --json] [KEL[/IPNET]]",
-	    "show ipnet properties: ipnet, property, permission, value, default, possible",
-	    kShow | kNames, show_ipnetprop},
-	{"create-vnic", "[-T tenant] [-p vmid=ID,...] [--macvtap] [--address] KEL[/VPORT] [NAMESPACE/]VNIC",
-	    "on a host: bind a port to a new VNIC over the kel's link here (in NAMESPACE when given)",
-	    kChange | kVnic, create_vnic},
-	{"delete-vnic", "[NAMESPACE/]VNIC", "on a host: remove a VNIC and release its port", kChange, delete_vnic},
-	{"show-vnic", "[-o field,...] [-p | --json] [[NAMESPACE/]VNIC]",
-	    "on a host: show its bound VNICs: vnic, kel, vport, tenant, macaddr, ipaddr, lower, counters",
-	    kShow, show_vnic},
-	{"upgrade-store", "", "bring an older configuration store to the current schema",
-	    kRaw, upgrade_store},
-	{"check-store", "[--repair]",
-	    "check the store's invariants (--repair: put back what leaked)", kRaw, check_store},
+	{.name = "help", .usage = "[SUBCOMMAND]", .summary = "describe keladm or one of its subcommands",
+	    .options = kNone, .run = help, .example = "keladm help add-vport"},
+	{.name = "create-store", .usage = "", .summary = "create the configuration store if it does not exist",
+	    .options = kNone, .run = create_store, .example = "keladm create-store"},
+	{.name = "create-kel", .usage = "[-T tenant] [-p prop=value,...] [--may-exist] [NAME]",
+	    .summary = "create a kel (virtual switch)", .options = kTenant | kChange | kEcho | kMayExist,
+	    .run = create_kel, .fields = kKelFields,
+	    .props = "l2-type=vlan|vxlan|flat\thow it carries traffic (default: the controller's l2-type)\n"
+	             "vlanid=1-4094\ta VLAN kel's ID (default: the lowest free one of vlan-range)\n"
+	             "vni=0-16777215\ta VXLAN kel's VNI (default: the lowest free one of vxlan-range)\n"
+	             KELADM_LINK_PROPS KELADM_EXTENDED_PROP,
+	    .example = "keladm create-kel -T acme -p l2-type=vxlan,maxbw=1G db\n"
+	               "keladm create-kel --may-exist --json -o name,id web"},
+	{.name = "delete-kel", .usage = "[-T tenant] [--if-exists] NAME",
+	    .summary = "delete a kel with its vports and ipnet", .options = kTenant | kIfExists, .run = delete_kel,
+	    .example = "keladm delete-kel -T acme db"},
+	{.name = "show-kel", .usage = "[-T tenant] [-o field,...] [-p | --json] [NAME...]",
+	    .summary = "show kels: name, tenant, l2type, id, status, uuid, vports", .options = kTenant | kShow,
+	    .run = show_kel, .fields = kKelFields, .example = "keladm show-kel -p -o name,id web db"},
+	{.name = "sync-flood", .usage = "[-T tenant] KEL",
+	    .summary = "give the hosts of a VXLAN kel without a multicast group each other's endpoints again",
+	    .options = kTenant, .run = sync_flood, .example = "keladm sync-flood db"},
+	{.name = "add-ipnet", .usage = "[-T tenant] -p subnet=ADDR/PREFIX[,defrouter=ADDR][,pool=RANGE] [--may-exist] KEL/IPNET",
+	    .summary = "add the IP network of a kel", .options = kTenant | kChange | kEcho | kMayExist,
+	    .run = add_ipnet, .fields = kIpnetFields,
+	    .props = "subnet=ADDRESS/PREFIX\tthe network, IPv4 or IPv6 (required)\n"
+	             "defrouter=ADDRESS\tits router (default: its first usable address; 0.0.0.0 or ::\n"
+	             "\tfor none)\n"
+	             "pool=RANGE\tthe addresses ports draw from, as 10.1.0.10-10.1.0.99,10.1.0.200\n"
+	             "\t(default: every usable address but the router)\n",
+	    .example = "keladm add-ipnet -p subnet=10.1.0.0/24,pool=10.1.0.100-10.1.0.199 web/front"},
+	{.name = "remove-ipnet", .usage = "[-T tenant] [--if-exists] KEL/IPNET",
+	    .summary = "remove the IP network of a kel", .options = kTenant | kIfExists, .run = remove_ipnet,
+	    .example = "keladm remove-ipnet web/front"},
+	{.name = "show-ipnet", .usage = "[-T tenant] [-o field,...] [-p | --json] [KEL[/IPNET]]",
+	    .summary = "show ipnets: name, kel, tenant, subnet, defrouter, pool, available",
+	    .options = kTenant | kShow, .run = show_ipnet, .fields = kIpnetFields,
+	    .example = "keladm show-ipnet -o name,subnet,available web"},
+	{.name = "add-vport", .usage = "[-T tenant] [-p ipaddr=ADDR,macaddr=MAC,...] [--may-exist] KEL/VPORT",
+	    .summary = "add a port to a kel, with an address from its pool and a MAC address",
+	    .options = kTenant | kChange | kEcho | kMayExist, .run = add_vport, .fields = kVportFields,
+	    .props = "ipaddr=ADDRESS\tits address (default: the lowest free one of the pool)\n"
+	             "macaddr=MAC\tits MAC address (default: a new one, never handed out twice)\n"
+	             "cos=0-7\tits class of service, as an 802.1p priority (default: 0)\n"
+	             KELADM_LINK_PROPS KELADM_EXTENDED_PROP,
+	    .example = "keladm add-vport web/vm1\n"
+	               "keladm add-vport --parseable -o ipaddr,macaddr -p maxbw=100M web/vm2"},
+	{.name = "remove-vport", .usage = "[-T tenant] [-f] [--if-exists] KEL/VPORT",
+	    .summary = "remove a port and give its address back (-f: even while bound)",
+	    .options = kTenant | kForce | kIfExists, .run = remove_vport, .example = "keladm remove-vport web/vm1"},
+	{.name = "reset-vport", .usage = "[-T tenant] [-f] KEL/VPORT",
+	    .summary = "free a bound port whose VNIC is gone from its host (-f: without asking the host)",
+	    .options = kTenant | kForce, .run = reset_vport, .example = "keladm reset-vport -f web/vm1"},
+	{.name = "show-vport", .usage = "[-T tenant] [-o field,...] [-p | --json] [KEL[/VPORT]]",
+	    .summary = "show vports: name, kel, tenant, status, host, vnic, ipaddr, macaddr, uuid",
+	    .options = kTenant | kShow, .run = show_vport, .fields = kVportFields,
+	    .example = "keladm show-vport -o name,status,host,ipaddr web"},
+	{.name = "set-clientprop", .usage = "controller=URI", .summary = "set where this host finds the controller",
+	    .options = kNone, .run = set_clientprop,
+	    .props = "controller=URI\tunix:// (this host), or ssh://[USER@]HOST[:PORT]\n",
+	    .example = "keladm set-clientprop controller=ssh://root@ctl"},
+	{.name = "show-clientprop", .usage = "[-o field,...] [-p | --json] [name,...]",
+	    .summary = "show this host's client properties: property, permission, value, default",
+	    .options = kShow, .run = show_clientprop, .fields = kClientpropFields,
+	    .example = "keladm show-clientprop controller"},
+	{.name = "set-controlprop", .usage = "[-h host] name=value[,attribute=value...]",
+	    .summary = "set a controller property, fabric-wide or for one host", .options = kHost,
+	    .run = set_controlprop,
+	    .props = "l2-type=vlan|vxlan|flat\tthe L2 type of kels made without one (default: vlan)\n"
+	             "vlan-range=RANGE\tthe VLAN IDs kels draw from, as 100-199,300 (-h: this host's share)\n"
+	             "vxlan-range=RANGE\tthe VNIs VXLAN kels draw from (-h: this host's share)\n"
+	             "vxlan-mgroup=ADDRESS\ta multicast group for VXLAN kels (default: 0.0.0.0, none)\n"
+	             "vxlan-ipvers=v4|v6\tthe IP version of VXLAN endpoints (default: v4)\n"
+	             "vxlan-addr=ADDRESS/PREFIX\twhere each host finds its VXLAN endpoint address\n"
+	             "\t(-h HOST: that host's; ,vxlan-range=RANGE: with its VNIs)\n"
+	             "uplink-port=LINK\tthe hosts' uplink (-h HOST: that host's);\n"
+	             "\t,flat=yes: it carries flat kels; ,vlan-range=RANGE, ,vxlan-range=RANGE\n"
+	             "uri-template=URI\thow the controller reaches a host's keld (default: ssh://)\n"
+	             "uuid\tthe controller's identity: read only\n",
+	    .example = "keladm set-controlprop vlan-range=100-199\n"
+	               "keladm set-controlprop -h host-a uplink-port=eth1,vlan-range=100-149"},
+	{.name = "show-controlprop", .usage = "[-h host] [-o field,...] [-p | --json] [name,...]",
+	    .summary = "show controller properties: property, host, value, default, permission, ranges",
+	    .options = kHost | kShow, .run = show_controlprop, .fields = kControlpropFields,
+	    .example = "keladm show-controlprop -h host-a uplink-port"},
+	{.name = "set-kelprop", .usage = "[-T tenant] -p name=value KEL",
+	    .summary = "change one property of a kel, live on the hosts of its bound vports",
+	    .options = kTenant | kChange, .run = set_kelprop, .props = KELADM_LINK_PROPS KELADM_EXTENDED_PROP,
+	    .example = "keladm set-kelprop -p maxbw=200M web"},
+	{.name = "set-vportprop", .usage = "[-T tenant] -p name=value KEL/VPORT",
+	    .summary = "change one property of a vport, live on its host when it is bound",
+	    .options = kTenant | kChange, .run = set_vportprop,
+	    .props = "cos=0-7\tits class of service, as an 802.1p priority (default: 0)\n"
+	             KELADM_LINK_PROPS KELADM_EXTENDED_PROP,
+	    .example = "keladm set-vportprop -p maxbw=50M web/vm1"},
+	{.name = "set-ipnetprop", .usage = "[-T tenant] -p name=value KEL/IPNET",
+	    .summary = "change one property of an ipnet (pool: keeping every address in use)",
+	    .options = kTenant | kChange, .run = set_ipnetprop,
+	    .props = "pool=RANGE\tthe addresses ports draw from; every address in use stays in it\n"
+	             KELADM_EXTENDED_PROP,
+	    .example = "keladm set-ipnetprop -p pool=10.1.0.2-10.1.0.200 web/front"},
+	{.name = "show-kelprop", .usage = "[-T tenant] [-P name,...] [-o field,...] [-p | --json] [KEL]",
+	    .summary = "show kel properties: kel, property, permission, value, default, possible",
+	    .options = kTenant | kShow | kNames, .run = show_kelprop, .fields = kKelpropFields,
+	    .example = "keladm show-kelprop -P maxbw,priority web"},
+	{.name = "show-vportprop", .usage = "[-T tenant] [-P name,...] [-o field,...] [-p | --json] [KEL[/VPORT]]",
+	    .summary = "show vport properties: vport, property, permission, value, default, possible",
+	    .options = kTenant | kShow | kNames, .run = show_vportprop, .fields = kVportpropFields,
+	    .example = "keladm show-vportprop -P maxbw web/vm1"},
+	{.name = "show-ipnetprop", .usage = "[-T tenant] [-P name,...] [-o field,...] [-p | --json] [KEL[/IPNET]]",
+	    .summary = "show ipnet properties: ipnet, property, permission, value, default, possible",
+	    .options = kTenant | kShow | kNames, .run = show_ipnetprop, .fields = kIpnetpropFields,
+	    .example = "keladm show-ipnetprop web/front"},
+	{.name = "create-vnic", .usage = "[-T tenant] [-p vmid=ID,...] [--macvtap] [--address] KEL[/VPORT] [NAMESPACE/]VNIC",
+	    .summary = "on a host: bind a port to a new VNIC over the kel's link here (in NAMESPACE when given)",
+	    .options = kTenant | kChange | kVnic, .run = create_vnic,
+	    .props = "vmid=ID\tthe virtual machine's ID: a second host's VNIC with the same vmid\n"
+	             "\ttakes the port along when the VM migrates\n",
+	    .example = "keladm create-vnic --address web guest1/eth0\n"
+	               "keladm create-vnic --macvtap -p vmid=42 web/vm2 vm2"},
+	{.name = "delete-vnic", .usage = "[NAMESPACE/]VNIC", .summary = "on a host: remove a VNIC and release its port",
+	    .options = kNone, .run = delete_vnic, .example = "keladm delete-vnic guest1/eth0"},
+	{.name = "show-vnic", .usage = "[-o field,...] [-p | --json] [[NAMESPACE/]VNIC]",
+	    .summary = "on a host: show its bound VNICs: vnic, kel, vport, tenant, macaddr, ipaddr, lower, counters",
+	    .options = kShow, .run = show_vnic, .fields = kVnicFields,
+	    .example = "keladm show-vnic -o vnic,kel,vport,ipaddr,rbytes"},
+	{.name = "upgrade-store", .usage = "", .summary = "bring an older configuration store to the current schema",
+	    .options = kNone, .run = upgrade_store, .example = "keladm upgrade-store"},
+	{.name = "check-store", .usage = "[--repair]", .summary = "check the store's invariants (--repair: put back what leaked)",
+	    .options = kRepair, .run = check_store, .example = "keladm check-store --repair"},
 };
 
 const Subcommand *find(const char *name)
@@ -100,13 +180,16 @@ int help(const Subcommand &, const Options &opts)
 		print_overview(stdout);
 		return kExitOk;
 	}
+	if (opts.operands.size() > 1) {
+		std::fprintf(stderr, "keladm: help takes one subcommand\n");
+		return kExitUsage;
+	}
 	const Subcommand *cmd = find(opts.operands[0]);
 	if (cmd == nullptr) {
 		std::fprintf(stderr, "keladm: unknown subcommand '%s'\n", opts.operands[0]);
 		return kExitUsage;
 	}
-	print_usage(stdout, *cmd);
-	std::printf("%s\n", cmd->summary);
+	print_help(stdout, *cmd);
 	return kExitOk;
 }
 
@@ -141,6 +224,10 @@ int main(int argc, char **argv)
 		print_overview(stderr);
 		return kExitUsage;
 	}
+	if (std::strcmp(argv[1], "--version") == 0) {
+		std::printf("keladm %s\n", KEL_VERSION);
+		return kExitOk;
+	}
 	if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)
 		return help(*find("help"), Options{});
 	const Subcommand *cmd = find(argv[1]);
@@ -152,9 +239,12 @@ int main(int argc, char **argv)
 	// Every subcommand's options are parsed here, by the set its row names.
 	const std::span<char *> args(argv + 1, static_cast<size_t>(argc - 1));
 	Options opts;
-	if (cmd->options == kRaw)
-		opts.operands = args.subspan(1);
-	else if (!parse_options(*cmd, args, cmd->options, &opts))
+	bool asked_help = false;
+	if (!parse_options(*cmd, args, &opts, &asked_help))
 		return kExitUsage;
+	if (asked_help) {
+		print_help(stdout, *cmd);
+		return kExitOk;
+	}
 	return cmd->run(*cmd, opts);
 }

@@ -1,93 +1,191 @@
 #include <getopt.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "keladm.h"
 
 namespace keladm {
+namespace {
 
-bool parse_options(const Subcommand &cmd, std::span<char *> args, unsigned set, Options *opts)
+// Long options without a short form: what getopt_long returns for each.
+enum LongOption : int {
+	kOptJson = 1000,
+	kOptParseable,
+	kOptHelp,
+	kOptMacvtap,
+	kOptAddress,
+	kOptMayExist,
+	kOptIfExists,
+	kOptRepair,
+};
+
+// Every option, the set that brings it and its line in `keladm help NAME`.
+struct OptionDoc {
+	unsigned set;
+	const char *spelling;
+	const char *text;
+};
+
+constexpr OptionDoc kOptionDocs[] = {
+	{kTenant, "-T TENANT", "the tenant whose objects are meant (default: " KEL_DEFAULT_TENANT ")"},
+	{kChange, "-p PROP=VALUE,...", "properties, as listed below"},
+	{kHost, "-h HOST", "for this host only (default: the whole fabric)"},
+	{kForce, "-f", "remove-vport: even while bound; reset-vport: without asking the host"},
+	{kNames, "-P PROP,...", "only these properties"},
+	{kVnic, "--macvtap", "make a macvtap, for a virtual machine (default: a macvlan)"},
+	{kVnic, "--address", "give the VNIC the port's address and its network's default router"},
+	{kMayExist, "--may-exist", "an object of that name already there is success, not an error"},
+	{kIfExists, "--if-exists", "no such object is success, not an error"},
+	{kRepair, "--repair", "put back what an older version leaked"},
+	{kShow | kEcho, "-o FIELD,...", "the fields to print, in this order (fields below)"},
+	{kShow, "-p, --parseable", "one line per object, fields joined by ':' (escaped as \\: when more than one)"},
+	{kEcho, "--parseable", "print the new object as show's -p does, not as a sentence"},
+	{kShow | kEcho, "--json", "a JSON array: numbers, lists, true/false as such; null where absent"},
+};
+
+// Calls fn with each line of `text`, without its newline.
+template <class Fn>
+void each_line(const char *text, Fn &&fn)
 {
-	const bool show = (set & kShow) != 0;
-	static const struct option kLong[] = {
-		{"json", no_argument, nullptr, 'j'},
-		{"help", no_argument, nullptr, 'h'},
-		{"macvtap", no_argument, nullptr, 'm'},
-		{"address", no_argument, nullptr, 'a'},
-		{nullptr, 0, nullptr, 0},
+	while (*text != '\0') {
+		const size_t len = std::strcspn(text, "\n");
+		fn(std::string_view(text, len));
+		text += len + (text[len] != '\0');
+	}
+}
+
+bool refuse(const Subcommand &cmd, const std::string &problem)
+{
+	usage_error(cmd, problem);
+	return false;
+}
+
+}  // namespace
+
+bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts, bool *help)
+{
+	const unsigned set = cmd.options;
+	const bool show = (set & kShow) != 0, output = (set & (kShow | kEcho)) != 0;
+	std::vector<struct option> longs = {{"help", no_argument, nullptr, kOptHelp}};
+	auto offer = [&](bool when, const char *name, int value) {
+		if (when)
+			longs.push_back({name, no_argument, nullptr, value});
 	};
-	optind = 0;	// start afresh: rescans from args[1]
-	opterr = 0;
-	std::string optstring = show ? "+:T:o:p" : "+:T:p:";
+	offer(output, "json", kOptJson);
+	offer(output, "parseable", kOptParseable);
+	offer(set & kVnic, "macvtap", kOptMacvtap);
+	offer(set & kVnic, "address", kOptAddress);
+	offer(set & kMayExist, "may-exist", kOptMayExist);
+	offer(set & kIfExists, "if-exists", kOptIfExists);
+	offer(set & kRepair, "repair", kOptRepair);
+	longs.push_back({nullptr, 0, nullptr, 0});
+
+	// No leading '+': options may follow the operands, and a word that begins with '-' is
+	// always an option (an unknown one is refused), never a name; "--" ends the options.
+	std::string optstring = ":";
 	optstring += (set & kHost) ? "h:" : "h";
+	if (set & kTenant)
+		optstring += "T:";
+	if (show)
+		optstring += "p";
+	else if (set & kChange)
+		optstring += "p:";
+	if (output)
+		optstring += "o:";
 	if (set & kForce)
 		optstring += "f";
 	if (set & kNames)
 		optstring += "P:";
+
+	bool parseable = false, json = false;
+	*help = false;
+	optind = 0;	// start afresh: rescans from args[1]
+	opterr = 0;
 	int c;
-	while ((c = getopt_long(static_cast<int>(args.size()), args.data(), optstring.c_str(), kLong,
+	while ((c = getopt_long(static_cast<int>(args.size()), args.data(), optstring.c_str(), longs.data(),
 	            nullptr)) != -1) {
 		switch (c) {
 		case 'T':
 			// The tenant goes into filters, where a comma would add an alternative.
-			if (!kel_valid_name(optarg)) {
-				usage_error(cmd, std::string("'") + optarg + "' is not a tenant name");
-				return false;
-			}
+			if (!kel_valid_name(optarg))
+				return refuse(cmd, std::string("'") + optarg + "' is not a tenant name");
 			opts->tenant = optarg;
 			break;
-		case 'f':
-			opts->force = true;
-			break;
-		case 'm':
-		case 'a':
-			if (!(set & kVnic)) {
-				usage_error(cmd, std::string("unknown option ") + args[optind - 1]);
-				return false;
-			}
-			(c == 'm' ? opts->macvtap : opts->address) = true;
-			break;
-		case 'P':
-			opts->names = optarg;
-			break;
-		case 'o':
-			opts->fields = optarg;
-			break;
+		case 'f': opts->force = true; break;
+		case kOptMacvtap: opts->macvtap = true; break;
+		case kOptAddress: opts->address = true; break;
+		case kOptMayExist: opts->may_exist = true; break;
+		case kOptIfExists: opts->if_exists = true; break;
+		case kOptRepair: opts->repair = true; break;
+		case 'P': opts->names = optarg; break;
+		case 'o': opts->fields = optarg; break;
 		case 'p':
-			if (show)
-				opts->format = Format::Parseable;
-			else
-				opts->props = optarg;
-			break;
-		case 'j':
 			if (!show) {
-				usage_error(cmd, "--json is for show-* subcommands");
-				return false;
+				opts->props = optarg;
+				break;
 			}
-			opts->format = Format::Json;
-			break;
+			[[fallthrough]];
+		case kOptParseable: parseable = true; break;
+		case kOptJson: json = true; break;
 		case 'h':
 			if (set & kHost) {
 				opts->host = optarg;
 				break;
 			}
-			std::printf("usage: keladm %s %s\n%s\n", cmd.name, cmd.usage, cmd.summary);
-			std::exit(kExitOk);
+			[[fallthrough]];
+		case kOptHelp: *help = true; return true;
 		case ':':
-			usage_error(cmd, std::string("option -") + static_cast<char>(optopt) +
-			        " needs a value");
-			return false;
+			return refuse(cmd, optopt ? std::string("option -") + static_cast<char>(optopt) + " needs a value"
+			                          : std::string("option ") + args[optind - 1] + " needs a value");
 		default:
-			usage_error(cmd, optopt ? std::string("unknown option -") + static_cast<char>(optopt)
-			                        : std::string("unknown option ") + args[optind - 1]);
-			return false;
+			return refuse(cmd, optopt ? std::string("unknown option -") + static_cast<char>(optopt)
+			                          : std::string("unknown option ") + args[optind - 1]);
 		}
 	}
+	// Two ways to print are one too many: say so rather than pick one.
+	if (parseable && json)
+		return refuse(cmd, "choose one of " + std::string(show ? "-p" : "--parseable") + " and --json");
+	opts->format = json ? Format::Json : parseable ? Format::Parseable : Format::Table;
+	opts->echo = (set & kEcho) && (json || parseable || !opts->fields.empty());
 	opts->operands = args.subspan(static_cast<size_t>(optind));
 	return true;
+}
+
+void print_help(FILE *out, const Subcommand &cmd)
+{
+	std::fprintf(out, "usage: keladm %s%s%s\n%s\n", cmd.name, *cmd.usage ? " " : "", cmd.usage, cmd.summary);
+	std::fprintf(out, "\noptions:\n");
+	for (const OptionDoc &doc : kOptionDocs)
+		if (doc.set & cmd.options)
+			std::fprintf(out, "  %-19s %s\n", doc.spelling, doc.text);
+	std::fprintf(out, "  %-19s %s\n", "--help", "this text");
+	if (cmd.props != nullptr) {
+		std::fprintf(out, "\nproperties:\n");
+		// "NAME=VALUES\tMEANING", in two columns.
+		each_line(cmd.props, [&](std::string_view line) {
+			const size_t tab = line.find('\t');
+			const std::string_view name = line.substr(0, tab);
+			const std::string_view text = tab == std::string_view::npos ? "" : line.substr(tab + 1);
+			std::fprintf(out, "  %-27.*s %.*s\n", static_cast<int>(name.size()), name.data(),
+			    static_cast<int>(text.size()), text.data());
+		});
+	}
+	if (!cmd.fields.empty()) {
+		std::fprintf(out, "\nfields (-o):");
+		for (const Field &f : cmd.fields)
+			std::fprintf(out, " %s", f.name);
+		std::fprintf(out, "\n");
+	}
+	if (cmd.example != nullptr) {
+		std::fprintf(out, "\nexample:\n");
+		each_line(cmd.example, [&](std::string_view line) {
+			std::fprintf(out, "  %.*s\n", static_cast<int>(line.size()), line.data());
+		});
+	}
 }
 
 int Store::open(bool write)

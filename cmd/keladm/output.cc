@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstring>
@@ -28,27 +29,96 @@ std::string escape_colons(std::string_view v)
 	return out;
 }
 
+// The length of the well-formed UTF-8 sequence at the start of `v`, or 0.
+size_t utf8_length(std::string_view v)
+{
+	const auto byte = [&](size_t i) { return static_cast<unsigned char>(v[i]); };
+	const unsigned char c = byte(0);
+	size_t len;
+	unsigned min;
+	if (c < 0x80)
+		return 1;
+	else if (c >= 0xc2 && c <= 0xdf)
+		len = 2, min = 0x80;
+	else if (c >= 0xe0 && c <= 0xef)
+		len = 3, min = 0x800;
+	else if (c >= 0xf0 && c <= 0xf4)
+		len = 4, min = 0x10000;
+	else
+		return 0;
+	if (v.size() < len)
+		return 0;
+	unsigned code = c & (0x7f >> len);
+	for (size_t i = 1; i < len; i++) {
+		if ((byte(i) & 0xc0) != 0x80)
+			return 0;
+		code = code << 6 | (byte(i) & 0x3f);
+	}
+	// No overlong forms, no surrogates, nothing past U+10FFFF.
+	return code >= min && !(code >= 0xd800 && code <= 0xdfff) && code <= 0x10ffff ? len : 0;
+}
+
+// A JSON string of `v`. Values come from the store and from callers, so they may hold any
+// bytes: a byte that does not start a well-formed UTF-8 sequence becomes U+FFFD, and the
+// output is valid UTF-8 whatever the input.
 std::string json_string(std::string_view v)
 {
 	std::string out = "\"";
-	for (unsigned char c : v) {
+	while (!v.empty()) {
+		const unsigned char c = static_cast<unsigned char>(v[0]);
+		size_t len = 1;
 		if (c == '"' || c == '\\') {
 			out += '\\';
 			out += static_cast<char>(c);
-		} else if (c < 0x20) {
+		} else if (c < 0x20 || c == 0x7f) {
 			char buf[8];
 			std::snprintf(buf, sizeof(buf), "\\u%04x", c);
 			out += buf;
+		} else if ((len = utf8_length(v)) == 0) {
+			out += "\\ufffd";
+			len = 1;
 		} else {
-			out += static_cast<char>(c);
+			out.append(v.substr(0, len));
 		}
+		v.remove_prefix(len);
 	}
 	return out + "\"";
 }
 
+bool whole_number(std::string_view v)
+{
+	if (v.empty() || v.size() > 20)
+		return false;
+	for (char c : v)
+		if (c < '0' || c > '9')
+			return false;
+	return v.size() == 1 || v[0] != '0';
+}
+
+// A field's value in JSON, typed by its kind.
+std::string json_value(Kind kind, std::string_view v)
+{
+	if (kind == Kind::List) {
+		std::string out = "[";
+		for (size_t pos = 0; !v.empty() && pos <= v.size();) {
+			const size_t comma = std::min(v.find(',', pos), v.size());
+			out += (pos ? ", " : "") + json_string(v.substr(pos, comma - pos));
+			pos = comma + 1;
+		}
+		return out + "]";
+	}
+	if (v.empty() || v == "--")
+		return "null";
+	if (kind == Kind::Number)
+		return whole_number(v) ? std::string(v) : "null";
+	if (kind == Kind::Flag)
+		return v == "yes" ? "true" : v == "no" ? "false" : "null";
+	return json_string(v);
+}
+
 }  // namespace
 
-bool Output::configure(const std::vector<Field> &all, const std::string &chosen, Format format)
+bool Output::configure(std::span<const Field> all, const std::string &chosen, Format format)
 {
 	all_ = all;
 	format_ = format;
@@ -142,16 +212,18 @@ void Output::print() const
 			first = false;
 			for (size_t c = 0; c < columns_.size(); c++)
 				std::printf("%s%s: %s", c ? ", " : "", json_string(all_[columns_[c]].name).c_str(),
-				    json_string(row[c]).c_str());
+				    json_value(all_[columns_[c]].kind, row[c]).c_str());
 			std::printf("}");
 		});
 		std::printf("]\n");
 		return;
 	}
 	if (format_ == Format::Parseable) {
+		// With one field there is no separator to tell apart: its value is printed as it is.
+		const bool escape = columns_.size() > 1;
 		each_row([&](const std::vector<std::string_view> &row) {
 			for (size_t c = 0; c < columns_.size(); c++)
-				std::printf("%s%s", c ? ":" : "", escape_colons(row[c]).c_str());
+				std::printf("%s%s", c ? ":" : "", escape ? escape_colons(row[c]).c_str() : std::string(row[c]).c_str());
 			std::printf("\n");
 		});
 		return;

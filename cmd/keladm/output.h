@@ -2,6 +2,7 @@
 // JSON (--json); -o picks and orders the fields.
 #pragma once
 
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -10,8 +11,18 @@ namespace keladm {
 
 enum class Format { Table, Parseable, Json };
 
+// What a field's text stands for, so that --json can give it its type. In every kind an
+// empty text (and "--", which tables print for "none") is an absent value: null.
+enum class Kind {
+	Text,		// a string
+	Number,		// a whole number
+	List,		// comma-separated items: an array of strings ([] when empty)
+	Flag,		// "yes" or "no": true or false
+};
+
 struct Field {
 	const char *name;	// as -o names it; the header is its upper-case form
+	Kind kind = Kind::Text;
 };
 
 // Records are kept as the text of the chosen fields only, packed into large blocks, until
@@ -21,7 +32,7 @@ class Output {
 public:
 	// `all` lists every field a command knows; `chosen` is -o's text (empty: all).
 	// Returns false (after saying why on stderr) for an unknown field.
-	bool configure(const std::vector<Field> &all, const std::string &chosen, Format format);
+	bool configure(std::span<const Field> all, const std::string &chosen, Format format);
 	// Whether the field named `name` is printed: what no field needs is not worked out.
 	bool shows(const char *name) const;
 	// One record: a value for every field of `all`, in that order.
@@ -44,7 +55,7 @@ private:
 	template <class OnRow>
 	void each_row(OnRow &&on_row) const;
 
-	std::vector<Field> all_;
+	std::span<const Field> all_;
 	std::vector<size_t> columns_;	// indexes into all_, in print order
 	Format format_ = Format::Table;
 	std::vector<size_t> width_;	// per printed column, for the table

@@ -83,8 +83,7 @@ int object_names(kel_dbhandle_t h, const char *filter, const Kind &kind, std::ve
 int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 {
 	Output out;
-	if (!out.configure({{kind.noun}, {"property"}, {"permission"}, {"value"}, {"default"}, {"possible"}},
-	        opts.fields, opts.format))
+	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
 	char kel[KEL_NAME_LEN] = "", member[KEL_NAME_LEN] = "";
 	if (kind.member == nullptr) {

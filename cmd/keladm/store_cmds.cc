@@ -43,9 +43,9 @@ int upgrade_store(const Subcommand &cmd, const Options &opts)
 
 int check_store(const Subcommand &cmd, const Options &opts)
 {
-	const bool repair = opts.operands.size() == 1 && std::string(opts.operands[0]) == "--repair";
-	if (opts.operands.size() > 1 || (opts.operands.size() == 1 && !repair))
-		return usage_error(cmd, "check-store takes only --repair");
+	const bool repair = opts.repair;
+	if (!opts.operands.empty())
+		return usage_error(cmd, "check-store takes no operands");
 	Store store;
 	if (store.open(repair) != KEL_SUCCESS)
 		return kExitFailed;

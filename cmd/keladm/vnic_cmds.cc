@@ -208,9 +208,7 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 	if (!load_node_calls())
 		return kExitFailed;
 	Output out;
-	if (!out.configure({{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"}, {"lower"},
-	                       {"ipackets"}, {"rbytes"}, {"opackets"}, {"obytes"}},
-	        opts.fields, opts.format))
+	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "give at most one VNIC");

@@ -26,15 +26,50 @@ int change(const Subcommand &cmd, const Options &opts, VportChange op, const cha
 		return kExitFailed;
 	const int rc = op(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(),
 	    opts.force ? "force=yes" : nullptr, 0);
+	if (opts.if_exists && (rc == KEL_E_VPORT_NOTFOUND || rc == KEL_E_KEL_NOTFOUND))
+		return kExitOk;
 	if (rc != KEL_SUCCESS)
 		return fail(std::string("cannot ") + verb + " vport '" + kel + "/" + vport + "'", rc);
 	return kExitOk;
+}
+
+// Field `field` of kVportFields for port `vp`.
+std::string vport_field(const kel_vport_t *vp, size_t field)
+{
+	switch (field) {
+	case 0: return vp->evp_name;
+	case 1: return vp->evp_kelname;
+	case 2: return vp->evp_tenantname;
+	case 3: return vp->evp_status == VPORT_STATUS_USED ? "bound" : "free";
+	case 4: return vp->evp_hostname;
+	case 5: return vp->evp_vnicname;
+	case 6: return prop(vp->evp_props, "ipaddr");
+	case 7: return prop(vp->evp_props, "macaddr");
+	default: {
+		char uuid[KEL_UUID_TEXT_LEN];
+		uuid_unparse_lower(vp->evp_uuid, uuid);
+		return uuid;
+	}
+	}
+}
+
+// The port `name` of `kel` as it is in the store, into `out`.
+int read_vport(kel_dbhandle_t h, const Options &opts, const std::string &kel, const std::string &name,
+    kel::RecordList<kel_vport_t> *out)
+{
+	char filter[KEL_FILTER_LEN];
+	const int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
+	    kel.c_str(), "vport", name.c_str());
+	return rc != KEL_SUCCESS ? rc : out->read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
 }
 
 }  // namespace
 
 int add_vport(const Subcommand &cmd, const Options &opts)
 {
+	Output out;
+	if (opts.echo && !out.configure(cmd.fields, opts.fields, opts.format))
+		return kExitUsage;
 	Member m;
 	if (!one_member(cmd, opts, kel_parse_kelvportname, "VPORT", &m))
 		return kExitUsage;
@@ -42,14 +77,28 @@ int add_vport(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
-	kel_vport_t *vp = nullptr;
+	kel_vport_t *made = nullptr;
 	const int rc = kel_db_add_vport(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(),
-	    opts.props.empty() ? nullptr : opts.props.c_str(), &vp, KEL_NAME_DASH_OK);
+	    opts.props.empty() ? nullptr : opts.props.c_str(), &made, KEL_NAME_DASH_OK);
+	kel::Owned<kel_vport_t, kel_free_vport> vp(made);
+	kel::RecordList<kel_vport_t> there;
+	if (rc == KEL_E_EXISTS && opts.may_exist && read_vport(store.get(), opts, kel, name, &there) == KEL_SUCCESS) {
+		// The one there is what a script goes on with.
+		if (opts.echo) {
+			out.add_with([&](size_t f) { return vport_field(*there.begin(), f); });
+			out.print();
+		}
+		return kExitOk;
+	}
 	if (rc != KEL_SUCCESS)
 		return fail("cannot add vport '" + kel + "/" + name + "'", rc);
-	std::printf("added vport %s/%s (%s, %s)\n", kel.c_str(), vp->evp_name,
-	    prop(vp->evp_props, "ipaddr").c_str(), prop(vp->evp_props, "macaddr").c_str());
-	kel_free_vport(vp);
+	if (opts.echo) {
+		out.add_with([&](size_t f) { return vport_field(vp.get(), f); });
+		out.print();
+	} else {
+		std::printf("added vport %s/%s (%s, %s)\n", kel.c_str(), vp->evp_name,
+		    prop(vp->evp_props, "ipaddr").c_str(), prop(vp->evp_props, "macaddr").c_str());
+	}
 	return kExitOk;
 }
 
@@ -66,9 +115,7 @@ int reset_vport(const Subcommand &cmd, const Options &opts)
 int show_vport(const Subcommand &cmd, const Options &opts)
 {
 	Output out;
-	if (!out.configure({{"name"}, {"kel"}, {"tenant"}, {"status"}, {"host"}, {"vnic"},
-	                       {"ipaddr"}, {"macaddr"}, {"uuid"}},
-	        opts.fields, opts.format))
+	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
 	char kel[KEL_NAME_LEN], name[KEL_NAME_LEN];
 	if (!member_selection(cmd, opts, kel_parse_kelvportname, "VPORT", kel, name))
@@ -86,23 +133,7 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 	// properties only when a column shows one.
 	const uint32_t flags = out.shows("ipaddr") || out.shows("macaddr") ? 0 : KEL_WALK_NO_PROPS;
 	auto each = [](const kel_vport_t *vp, void *arg) {
-		static_cast<Output *>(arg)->add_with([vp](size_t field) -> std::string {
-			switch (field) {
-			case 0: return vp->evp_name;
-			case 1: return vp->evp_kelname;
-			case 2: return vp->evp_tenantname;
-			case 3: return vp->evp_status == VPORT_STATUS_USED ? "bound" : "free";
-			case 4: return vp->evp_hostname;
-			case 5: return vp->evp_vnicname;
-			case 6: return prop(vp->evp_props, "ipaddr");
-			case 7: return prop(vp->evp_props, "macaddr");
-			default: {
-				char uuid[KEL_UUID_TEXT_LEN];
-				uuid_unparse_lower(vp->evp_uuid, uuid);
-				return uuid;
-			}
-			}
-		});
+		static_cast<Output *>(arg)->add_with([vp](size_t f) { return vport_field(vp, f); });
 		return 0;
 	};
 	rc = kel_db_walk_vports(store.get(), filter, flags, each, &out);

@@ -32,7 +32,8 @@ namespace {
 
 constexpr const char *kUsage =
     "usage: keld            serve this host's interfaces on /run/kel/keld.sock\n"
-    "       keld bridge [SOCKET]  relay standard input and output to the socket\n";
+    "       keld bridge [SOCKET]  relay standard input and output to the socket\n"
+    "       keld --version  print keld's version\n";
 
 std::string socket_path() { return kel::paths::under_root(kel::paths::kSocketFile); }
 std::string pid_path() { return kel::paths::under_root(kel::paths::kPidFile); }
@@ -196,6 +197,10 @@ int main(int argc, char **argv)
 		return bridge(argc == 3 ? argv[2] : nullptr);
 	if (argc == 1)
 		return serve();
+	if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+		std::printf("keld %s\n", KELD_VERSION);
+		return 0;
+	}
 	const bool help = std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0;
 	std::fputs(kUsage, help ? stdout : stderr);
 	return help ? 0 : 2;

@@ -16,7 +16,7 @@ db:vxlan:5000:idle
 app:vlan:102:idle" show-kel -p -o name,l2type,id,status
 expect "another tenant's kels" "NAME   L2TYPE  ID
 lan-1  flat    --" show-kel -T acme -o name,l2type,id
-expect "one kel as JSON" '[{"name": "db", "id": "5000"}]' show-kel --json -o name,id db
+expect "one kel as JSON, its ID a number" '[{"name": "db", "id": 5000}]' show-kel --json -o name,id db
 expect "an unknown field" "keladm: unknown field 'colour'; fields are: name tenant l2type id status uuid vports" \
 	show-kel -o colour
 status "which is a usage error" 2 show-kel -o colour

@@ -37,5 +37,5 @@ done
 check "the store is as it was" test "$(dump)" = "$before"
 expect "a tenant list is a usage error" \
 	"keladm: 'nosuch,acme' is not a tenant name
-usage: keladm delete-kel [-T tenant] NAME" delete-kel -T nosuch,acme db
+usage: keladm delete-kel [-T tenant] [--if-exists] NAME" delete-kel -T nosuch,acme db
 exit $fail

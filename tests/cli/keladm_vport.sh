@@ -34,7 +34,7 @@ sqlite3 "$root/etc/kel/kel.db" \
 expect "a bound port, parseable" "p1:bound:h1:vn0" show-vport -p -o name,status,host,vnic web/p1
 expect "removing a bound port" "keladm: cannot remove vport 'web/p1': vport in use" remove-vport web/p1
 check "reset -f frees it without asking" "$keladm" reset-vport -f web/p1
-expect "it is free" '[{"name": "p1", "status": "free", "host": ""}]' show-vport --json -o name,status,host web/p1
+expect "it is free, on no host" '[{"name": "p1", "status": "free", "host": null}]' show-vport --json -o name,status,host web/p1
 check "remove-vport" "$keladm" remove-vport web/p1
 expect "the address is back" "added vport web/p5 (10.1.0.2/24, aa:0:0:0:0:9)" add-vport -p macaddr=aa:0:0:0:0:9 web/p5
 expect "removing it again" "keladm: cannot remove vport 'web/p1': vport not found" remove-vport web/p1

@@ -17,6 +17,9 @@ check "the socket appears" test -S "$sock"
 check "the pid file names the daemon" bash -c "[ \"\$(cat '$root/run/kel/keld.pid')\" = $pid ]"
 
 info() { "$call" unix:// kel.Daemon info; }
+version=$("$keld" --version | sed -n 's/^keld //p')
+check "keld --version is the version the daemon reports" bash -c \
+	"[ -n '$version' ] && '$call' unix:// kel.Daemon info | grep -q '\"version\":\"$version\"'"
 check "it answers over unix://" bash -c "'$call' unix:// kel.Daemon info | grep -q '\"reloads\":1'"
 check "set-clientprop refreshes it" "$keladm" set-clientprop controller=ssh://ctl.example
 for _ in $(seq 100); do info | grep -q '"reloads":2' && break; sleep 0.05; done
