@@ -56,7 +56,7 @@ int add_ipnet(const Subcommand &cmd, const Options &opts)
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail("cannot add ipnet '" + kel + "/" + name + "'", rc);
+		return fail_here(store.get(), opts, "cannot add ipnet '" + kel + "/" + name + "'", rc, kel);
 	if (opts.echo) {
 		out.add_with([&](size_t f) { return ipnet_field(ip.get(), f); });
 		out.print();
@@ -80,7 +80,7 @@ int remove_ipnet(const Subcommand &cmd, const Options &opts)
 	if (opts.if_exists && (rc == KEL_E_IPNET_NOTFOUND || rc == KEL_E_KEL_NOTFOUND))
 		return kExitOk;
 	if (rc != KEL_SUCCESS)
-		return fail("cannot remove ipnet '" + kel + "/" + name + "'", rc);
+		return fail_here(store.get(), opts, "cannot remove ipnet '" + kel + "/" + name + "'", rc, kel, "ipnet", name);
 	return kExitOk;
 }
 
@@ -96,13 +96,14 @@ int show_ipnet(const Subcommand &cmd, const Options &opts)
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_ipnet_t> nets;
-	int rc = nets.read([&](list_t *l) { return kel_db_get_ipnetlist(store.get(), opts.tenant.c_str(), kel, name, l, 0); });
+	const std::string tenant = listed_tenant(opts);
+	int rc = nets.read([&](list_t *l) { return kel_db_get_ipnetlist(store.get(), tenant.c_str(), kel, name, l, 0); });
 	if (rc == KEL_E_IPNET_NOTFOUND && opts.operands.empty()) {
 		out.print();
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail("cannot list ipnets", rc);
+		return fail_here(store.get(), opts, "cannot list ipnets", rc, kel, "ipnet", name);
 	for (kel_ipnet_t *ip : nets)
 		out.add_with([&](size_t f) { return ipnet_field(ip, f); });
 	out.print();

@@ -46,9 +46,9 @@ std::string kel_field(const kel_t *k, size_t field, const std::string &vports)
 // "kel=a,b" for the names given (with the tenant), or the tenant alone.
 std::string kel_filter(const Options &opts)
 {
-	std::string filter = "tenant=" + opts.tenant;
+	std::string filter = opts.all_tenants ? "" : "tenant=" + opts.tenant;
 	if (!opts.operands.empty()) {
-		filter += ",kel=";
+		filter += filter.empty() ? "kel=" : ",kel=";
 		for (size_t i = 0; i < opts.operands.size(); i++)
 			filter += std::string(i ? "," : "") + opts.operands[i];
 	}
@@ -109,7 +109,8 @@ int delete_kel(const Subcommand &cmd, const Options &opts)
 	if (rc == KEL_E_KEL_NOTFOUND && opts.if_exists)
 		return kExitOk;
 	if (rc != KEL_SUCCESS)
-		return fail(std::string("cannot delete kel '") + opts.operands[0] + "'", rc);
+		return fail_here(store.get(), opts, std::string("cannot delete kel '") + opts.operands[0] + "'", rc,
+		    opts.operands[0]);
 	return kExitOk;
 }
 
@@ -122,7 +123,8 @@ int sync_flood(const Subcommand &cmd, const Options &opts)
 		return kExitFailed;
 	const int rc = kel_sync_vxlan_flood(store.get(), opts.tenant.c_str(), opts.operands[0]);
 	if (rc != KEL_SUCCESS)
-		return fail(std::string("cannot join every host of kel '") + opts.operands[0] + "'", rc);
+		return fail_here(store.get(), opts, std::string("cannot join every host of kel '") + opts.operands[0] + "'",
+		    rc, opts.operands[0]);
 	return kExitOk;
 }
 
@@ -149,7 +151,7 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail("cannot list kels", rc);
+		return fail_here(store.get(), opts, "cannot list kels", rc, opts.operands.size() == 1 ? opts.operands[0] : "");
 	// The ports' names, read one port at a time and only for the column that lists them.
 	std::unordered_map<std::string, std::string> vports;
 	if (out.shows("vports")) {

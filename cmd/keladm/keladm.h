@@ -43,12 +43,13 @@ inline constexpr Field kVportFields[] = {{"name"}, {"kel"}, {"tenant"}, {"status
 inline constexpr Field kClientpropFields[] = {{"property"}, {"permission"}, {"value"}, {"default"}};
 inline constexpr Field kControlpropFields[] = {{"property"}, {"host"}, {"permission"}, {"value"},
     {"default"}, {"vlan-range"}, {"vxlan-range"}, {"flat", Kind::Flag}};
-inline constexpr Field kKelpropFields[] = {{"kel"}, {"property"}, {"permission"}, {"value"}, {"default"},
-    {"possible", Kind::List}};
-inline constexpr Field kVportpropFields[] = {{"vport"}, {"property"}, {"permission"}, {"value"},
-    {"default"}, {"possible", Kind::List}};
-inline constexpr Field kIpnetpropFields[] = {{"ipnet"}, {"property"}, {"permission"}, {"value"},
-    {"default"}, {"possible", Kind::List}};
+// The property listings name their objects' tenant only with -T all (or when asked).
+inline constexpr Field kKelpropFields[] = {{"kel"}, {"tenant", Kind::Text, true}, {"property"},
+    {"permission"}, {"value"}, {"default"}, {"possible", Kind::List}};
+inline constexpr Field kVportpropFields[] = {{"vport"}, {"tenant", Kind::Text, true}, {"property"},
+    {"permission"}, {"value"}, {"default"}, {"possible", Kind::List}};
+inline constexpr Field kIpnetpropFields[] = {{"ipnet"}, {"tenant", Kind::Text, true}, {"property"},
+    {"permission"}, {"value"}, {"default"}, {"possible", Kind::List}};
 inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"},
     {"lower"}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
     {"obytes", Kind::Number}};
@@ -63,6 +64,7 @@ int usage_error(const Subcommand &cmd, const std::string &problem);
 // The options every subcommand may take, as parsed by parse_options.
 struct Options {
 	std::string tenant = KEL_DEFAULT_TENANT;
+	bool all_tenants = false;	// -T all (show commands): every tenant's objects
 	const char *host = nullptr;	// -h host (controller properties)
 	std::string props;	// -p name=value,... (subcommands that change things)
 	std::string fields;	// -o field,...
@@ -81,7 +83,7 @@ struct Options {
 // Which options a subcommand takes (always --help).
 enum OptionSet : unsigned {
 	kNone = 0,
-	kTenant = 1,		// -T tenant
+	kTenant = 1,		// -T tenant (-T all with kShow)
 	kChange = 2,		// -p name=value,...
 	kShow = 4,		// -o fields, -p / --parseable, --json
 	kEcho = 8,		// -o fields, --parseable, --json: print what was made
@@ -142,6 +144,18 @@ int show_ipnetprop(const Subcommand &cmd, const Options &opts);
 int create_vnic(const Subcommand &cmd, const Options &opts);
 int delete_vnic(const Subcommand &cmd, const Options &opts);
 int show_vnic(const Subcommand &cmd, const Options &opts);
+
+// The tenant a listing's filter names: "" (every tenant) for -T all.
+inline std::string listed_tenant(const Options &opts)
+{
+	return opts.all_tenants ? "" : opts.tenant;
+}
+
+// fail(what, code), and when the code says the object named is not in the tenant given,
+// a second line naming the tenants that do have it. `member_key` ("vport", "ipnet") and
+// `member` name a member of switch `kel`; NULL and "" for the switch itself.
+int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, int code,
+    const std::string &kel, const char *member_key = nullptr, const std::string &member = "");
 
 // A member of a switch (an ipnet, a vport), named on the command line as KEL/NAME.
 struct Member {

@@ -31,7 +31,7 @@ struct OptionDoc {
 };
 
 constexpr OptionDoc kOptionDocs[] = {
-	{kTenant, "-T TENANT", "the tenant whose objects are meant (default: " KEL_DEFAULT_TENANT ")"},
+	{kTenant, "-T TENANT", "the tenant meant (default: " KEL_DEFAULT_TENANT "; show commands: all)"},
 	{kChange, "-p PROP=VALUE,...", "properties, as listed below"},
 	{kHost, "-h HOST", "for this host only (default: the whole fabric)"},
 	{kForce, "-f", "remove-vport: even while bound; reset-vport: without asking the host"},
@@ -110,6 +110,14 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 	            nullptr)) != -1) {
 		switch (c) {
 		case 'T':
+			// "all" is every tenant, for listings; keladm makes nothing in a tenant of
+			// that name, so that the word never means two things.
+			if (std::strcmp(optarg, "all") == 0) {
+				if (!show)
+					return refuse(cmd, "-T all is for show commands: name one tenant");
+				opts->all_tenants = true;
+				break;
+			}
 			// The tenant goes into filters, where a comma would add an alternative.
 			if (!kel_valid_name(optarg))
 				return refuse(cmd, std::string("'") + optarg + "' is not a tenant name");

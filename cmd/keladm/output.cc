@@ -118,14 +118,15 @@ std::string json_value(Kind kind, std::string_view v)
 
 }  // namespace
 
-bool Output::configure(std::span<const Field> all, const std::string &chosen, Format format)
+bool Output::configure(std::span<const Field> all, const std::string &chosen, Format format, const char *also)
 {
 	all_ = all;
 	format_ = format;
 	columns_.clear();
 	if (chosen.empty()) {
 		for (size_t i = 0; i < all.size(); i++)
-			columns_.push_back(i);
+			if (!all[i].on_request || (also != nullptr && std::strcmp(all[i].name, also) == 0))
+				columns_.push_back(i);
 	} else {
 		size_t pos = 0;
 		while (pos <= chosen.size()) {

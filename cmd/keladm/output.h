@@ -23,6 +23,7 @@ enum class Kind {
 struct Field {
 	const char *name;	// as -o names it; the header is its upper-case form
 	Kind kind = Kind::Text;
+	bool on_request = false;	// printed only when -o names it, or as configure's `also`
 };
 
 // Records are kept as the text of the chosen fields only, packed into large blocks, until
@@ -30,9 +31,11 @@ struct Field {
 // held while a slow reader of the output catches up.
 class Output {
 public:
-	// `all` lists every field a command knows; `chosen` is -o's text (empty: all).
-	// Returns false (after saying why on stderr) for an unknown field.
-	bool configure(std::span<const Field> all, const std::string &chosen, Format format);
+	// `all` lists every field a command knows; `chosen` is -o's text (empty: every field
+	// but those on request, and the field named `also`). Returns false (after saying why
+	// on stderr) for an unknown field.
+	bool configure(std::span<const Field> all, const std::string &chosen, Format format,
+	    const char *also = nullptr);
 	// Whether the field named `name` is printed: what no field needs is not worked out.
 	bool shows(const char *name) const;
 	// One record: a value for every field of `all`, in that order.

@@ -48,12 +48,19 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	if (rc == KEL_E_PROP_PARTIAL)
 		return fail("set '" + opts.props + "' on kel '" + object + "' (stored; some hosts missed it)", rc);
 	if (rc != KEL_SUCCESS)
-		return fail("cannot set '" + opts.props + "' on " + kind.noun + " '" + object + "'", rc);
+		return fail_here(store.get(), opts, "cannot set '" + opts.props + "' on " + kind.noun + " '" + object + "'", rc,
+		    m.kel, kind.member ? kind.noun : nullptr, m.name);
 	return kExitOk;
 }
 
-// The selected objects' names in the order the listing reports them.
-int object_names(kel_dbhandle_t h, const char *filter, const Kind &kind, std::vector<std::string> *out)
+// An object a property listing reports on: its name as the first column shows it, and
+// its tenant.
+struct Object {
+	std::string name, tenant;
+};
+
+// The selected objects in the order the listing reports them.
+int objects_of(kel_dbhandle_t h, const char *filter, const Kind &kind, std::vector<Object> *out)
 {
 	if (kind.type == KEL_PROPTYPE_KEL) {
 		kel::RecordList<kel_t> kels;
@@ -61,21 +68,21 @@ int object_names(kel_dbhandle_t h, const char *filter, const Kind &kind, std::ve
 		    rc != KEL_SUCCESS)
 			return rc;
 		for (kel_t *k : kels)
-			out->push_back(k->kel_name);
+			out->push_back({k->kel_name, k->kel_tenantname});
 	} else if (kind.type == KEL_PROPTYPE_VPORT) {
 		kel::RecordList<kel_vport_t> ports;
 		if (int rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
 		    rc != KEL_SUCCESS)
 			return rc;
 		for (kel_vport_t *v : ports)
-			out->push_back(std::string(v->evp_kelname) + "/" + v->evp_name);
+			out->push_back({std::string(v->evp_kelname) + "/" + v->evp_name, v->evp_tenantname});
 	} else {
 		kel::RecordList<kel_ipnet_t> nets;
 		if (int rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); });
 		    rc != KEL_SUCCESS)
 			return rc;
 		for (kel_ipnet_t *n : nets)
-			out->push_back(std::string(n->ei_kelname) + "/" + n->ei_name);
+			out->push_back({std::string(n->ei_kelname) + "/" + n->ei_name, n->ei_tenantname});
 	}
 	return KEL_SUCCESS;
 }
@@ -83,7 +90,7 @@ int object_names(kel_dbhandle_t h, const char *filter, const Kind &kind, std::ve
 int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 {
 	Output out;
-	if (!out.configure(cmd.fields, opts.fields, opts.format))
+	if (!out.configure(cmd.fields, opts.fields, opts.format, opts.all_tenants ? "tenant" : nullptr))
 		return kExitUsage;
 	char kel[KEL_NAME_LEN] = "", member[KEL_NAME_LEN] = "";
 	if (kind.member == nullptr) {
@@ -98,7 +105,7 @@ int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	}
 	char filter[KEL_FILTER_LEN];
 	// Pairs with an empty value are left out: no KEL or member selects more.
-	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", listed_tenant(opts).c_str(), "kel",
 	    kel, kind.noun, member);
 	const std::string what = std::string("cannot list ") + kind.noun + " properties";
 	if (rc != KEL_SUCCESS)
@@ -106,15 +113,15 @@ int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
-	std::vector<std::string> objects;
-	if ((rc = object_names(store.get(), filter, kind, &objects)) != KEL_SUCCESS) {
+	std::vector<Object> objects;
+	if ((rc = objects_of(store.get(), filter, kind, &objects)) != KEL_SUCCESS) {
 		// Nothing to show is an empty table unless an object was named.
 		if (opts.operands.empty() && (rc == KEL_E_KEL_NOTFOUND || rc == KEL_E_VPORT_NOTFOUND ||
 		                                 rc == KEL_E_IPNET_NOTFOUND)) {
 			out.print();
 			return kExitOk;
 		}
-		return fail(what, rc);
+		return fail_here(store.get(), opts, what, rc, kel, kind.member ? kind.noun : nullptr, member);
 	}
 	kel::RecordList<kel_prop_t> props;
 	const char *names = opts.names.empty() ? nullptr : opts.names.c_str();
@@ -125,8 +132,9 @@ int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	const size_t per_object = std::max<size_t>(1, kel_list_count(props.get()) / std::max<size_t>(1, objects.size()));
 	size_t i = 0;
 	for (kel_prop_t *p : props) {
-		out.add({objects[i / per_object], p->ep_propname, p->ep_perm,
-		    p->ep_current != nullptr ? p->ep_current : "", p->ep_default, p->ep_possible});
+		const Object &o = objects[i / per_object];
+		out.add({o.name, o.tenant, p->ep_propname, p->ep_perm, p->ep_current != nullptr ? p->ep_current : "",
+		    p->ep_default, p->ep_possible});
 		i++;
 	}
 	out.print();

@@ -29,7 +29,8 @@ int change(const Subcommand &cmd, const Options &opts, VportChange op, const cha
 	if (opts.if_exists && (rc == KEL_E_VPORT_NOTFOUND || rc == KEL_E_KEL_NOTFOUND))
 		return kExitOk;
 	if (rc != KEL_SUCCESS)
-		return fail(std::string("cannot ") + verb + " vport '" + kel + "/" + vport + "'", rc);
+		return fail_here(store.get(), opts, std::string("cannot ") + verb + " vport '" + kel + "/" + vport + "'", rc,
+		    kel, "vport", vport);
 	return kExitOk;
 }
 
@@ -91,7 +92,7 @@ int add_vport(const Subcommand &cmd, const Options &opts)
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail("cannot add vport '" + kel + "/" + name + "'", rc);
+		return fail_here(store.get(), opts, "cannot add vport '" + kel + "/" + name + "'", rc, kel);
 	if (opts.echo) {
 		out.add_with([&](size_t f) { return vport_field(vp.get(), f); });
 		out.print();
@@ -122,7 +123,7 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 		return kExitUsage;
 	char filter[KEL_FILTER_LEN];
 	// Pairs with an empty value are left out: no KEL or VPORT selects more.
-	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", listed_tenant(opts).c_str(), "kel",
 	    kel, "vport", name);
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list vports", rc);
@@ -142,7 +143,7 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail("cannot list vports", rc);
+		return fail_here(store.get(), opts, "cannot list vports", rc, kel, "vport", name);
 	out.print();
 	return kExitOk;
 }
