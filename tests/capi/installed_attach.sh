@@ -38,8 +38,8 @@ check "the program builds against the installed headers alone" \
 	cc -std=c99 -Wall -Wextra -pedantic -Werror -o "$tmp/attach" "$source" $flags
 libdir=$(pkg-config --define-variable=prefix="$root" --variable=libdir libkel)
 export LD_LIBRARY_PATH=$libdir
-keld=$(find "$root" -name keld -type f | head -1)
-keladm=$(find "$root" -name keladm -type f | head -1)
+keld=$(find "$root" -name keld -type f -perm -u+x | head -1)
+keladm=$(find "$root" -name keladm -type f -perm -u+x | head -1)
 
 ip netns add "$ns" 2>/dev/null || skip "network namespaces cannot be made here"
 ip -n "$ns" link set lo up
