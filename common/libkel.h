@@ -533,8 +533,40 @@ typedef struct nuq_conn nuq_conn_t;
 int kel_nuq_connection_to_controller(nuq_conn_t **conn) KEL_NOEXCEPT;
 /* KEL_E_HOST_CONNECT when the host cannot be reached. */
 int kel_nuq_connection_to_kelnode(kel_dbhandle_t h, const char *hostname, nuq_conn_t **conn) KEL_NOEXCEPT;
+/* A connection to this host's own keld, through its socket (for kel_get_vnicstat and
+ * kel_get_hostinfo). */
+int kel_nuq_connection_to_self(nuq_conn_t **conn) KEL_NOEXCEPT;
 /* Closes a connection; NULL is accepted. */
 void nuq_disconnect(nuq_conn_t *conn) KEL_NOEXCEPT;
+
+/* What a host's daemon says of itself. */
+typedef struct kel_hostinfo {
+	char ehi_host[256];		/* its node name */
+	char ehi_version[32];
+	int64_t ehi_pid;
+	uint64_t ehi_uptime;		/* seconds since it started */
+	uint64_t ehi_reloads;		/* configuration reads, the first at start included */
+	char ehi_controller[1024];	/* its "controller" client setting ("" when unset) */
+	int ehi_controller_rc;		/* with KEL_HOSTINFO_CHECK: KEL_SUCCESS when it reached
+					   its controller, else why not; otherwise KEL_E_NOTSUP */
+} kel_hostinfo_t;
+
+/* For kel_get_hostinfo: the daemon first tries to reach its own controller. */
+#define KEL_HOSTINFO_CHECK	0x1u
+
+/*
+ * Asks the daemon at the other end of `conn` (kel_nuq_connection_to_kelnode,
+ * kel_nuq_connection_to_self) about itself, into `*info`. KEL_E_NUQ (with the transport's
+ * status) when it does not answer as a daemon should; `*info` is cleared on failure.
+ * With KEL_HOSTINFO_CHECK the call lasts as long as that daemon's own attempt.
+ */
+int kel_get_hostinfo(nuq_conn_t *conn, uint32_t flags, kel_hostinfo_t *info) KEL_NOEXCEPT;
+/*
+ * Whether this host reaches its controller: connects as its "controller" setting says and
+ * finds the controller's object there. KEL_SUCCESS; KEL_E_CTRL_CONNECT when the setting is
+ * empty or nobody answers; KEL_E_NUQ when what answers is no controller.
+ */
+int kel_check_controller(void) KEL_NOEXCEPT;
 
 /* One client setting of this host, as listed. */
 typedef struct kel_togprop_s {

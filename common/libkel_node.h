@@ -291,8 +291,6 @@ int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *coun
 /* Every port bound to a VNIC of this host, as the controller knows them (none: *count 0).
  * Free with kelcntl_VPortInfo_array_free. */
 int kel_get_host_vnicinfo(kelcntl_VPortInfo ***array, int *count) KEL_NOEXCEPT;
-/* A connection to this host's own keld, through its socket (for kel_get_vnicstat). */
-int kel_nuq_connection_to_self(nuq_conn_t **conn) KEL_NOEXCEPT;
 /* The counters of `vnicname` on the host that `conn` reaches (see
  * kel_nuq_connection_to_kelnode); fields the host does not count are 0. */
 int kel_get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats) KEL_NOEXCEPT;

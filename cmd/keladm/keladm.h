@@ -50,9 +50,16 @@ inline constexpr Field kVportpropFields[] = {{"vport"}, {"tenant", Kind::Text, t
     {"permission"}, {"value"}, {"default"}, {"possible", Kind::List}};
 inline constexpr Field kIpnetpropFields[] = {{"ipnet"}, {"tenant", Kind::Text, true}, {"property"},
     {"permission"}, {"value"}, {"default"}, {"possible", Kind::List}};
+inline constexpr Field kHostFields[] = {{"host"}, {"answers", Kind::Flag}, {"version"},
+    {"uptime", Kind::Number}, {"reloads", Kind::Number}, {"controller"}, {"reaches", Kind::Flag},
+    {"problem"}};
 inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"},
     {"lower"}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
     {"obytes", Kind::Number}};
+
+// The text of a library code in keladm's words: the library's message, but for the few
+// that name its internal facilities.
+std::string message(int code);
 
 // Reports a failed library call as "keladm: <what>: <message of code>" and returns
 // kExitFailed.
@@ -109,8 +116,8 @@ class Store {
 public:
 	~Store() { kel_db_close(handle_); }
 	// Opens the store for writing (`write`) or for reading only; on failure reports it
-	// and returns its code.
-	int open(bool write);
+	// (unless not to `report`) and returns its code.
+	int open(bool write, bool report = true);
 	kel_dbhandle_t get() const { return handle_; }
 
 private:
@@ -144,6 +151,7 @@ int show_ipnetprop(const Subcommand &cmd, const Options &opts);
 int create_vnic(const Subcommand &cmd, const Options &opts);
 int delete_vnic(const Subcommand &cmd, const Options &opts);
 int show_vnic(const Subcommand &cmd, const Options &opts);
+int show_host(const Subcommand &cmd, const Options &opts);
 
 // The tenant a listing's filter names: "" (every tenant) for -T all.
 inline std::string listed_tenant(const Options &opts)

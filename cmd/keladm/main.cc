@@ -147,6 +147,10 @@ const Subcommand kSubcommands[] = {
 	    .summary = "on a host: show its bound VNICs: vnic, kel, vport, tenant, macaddr, ipaddr, lower, counters",
 	    .options = kShow, .run = show_vnic, .fields = kVnicFields,
 	    .example = "keladm show-vnic -o vnic,kel,vport,ipaddr,rbytes"},
+	{.name = "show-host", .usage = "[-o field,...] [-p | --json] [HOST]",
+	    .summary = "ask keld how it is: here, and on the controller every host the fabric knows (or HOST)",
+	    .options = kShow, .run = show_host, .fields = kHostFields,
+	    .example = "keladm show-host\nkeladm show-host -o host,answers,reaches,problem host-a"},
 	{.name = "upgrade-store", .usage = "", .summary = "bring an older configuration store to the current schema",
 	    .options = kNone, .run = upgrade_store, .example = "keladm upgrade-store"},
 	{.name = "check-store", .usage = "[--repair]", .summary = "check the store's invariants (--repair: put back what leaked)",
@@ -195,17 +199,40 @@ int help(const Subcommand &, const Options &opts)
 
 }  // namespace
 
+std::string message(int code)
+{
+	// The library names its internal facilities in a few messages; an operator is told what
+	// they do instead. The facility's own text, after the ": ", stays as it is.
+	static const struct {
+		int reason;
+		const char *words;
+	} kOwnWords[] = {
+		{KEL_E_INVALID_URI, "invalid URI (unix:// or ssh://[USER@]HOST[:PORT][/SOCKET])"},
+		{KEL_E_WEXO, "datalink error"},
+		{KEL_E_FENU, "IP interface error"},
+		{KEL_E_URI_NOTSUP, "URI not supported (unix:// or ssh:// only)"},
+		{KEL_E_NUQ, "remote call failed"},
+		{KEL_E_VUR, "service configuration error"},
+	};
+	char buf[1024];
+	std::string text = kel_errmsg(code, buf, sizeof(buf));
+	for (const auto &own : kOwnWords) {
+		const std::string library = kel_errlist[own.reason];
+		if ((code & 0xff) == own.reason && text.compare(0, library.size(), library) == 0)
+			return own.words + text.substr(library.size());
+	}
+	return text;
+}
+
 int fail(const std::string &what, int code)
 {
-	char buf[1024];
-	std::fprintf(stderr, "keladm: %s: %s\n", what.c_str(), kel_errmsg(code, buf, sizeof(buf)));
+	std::fprintf(stderr, "keladm: %s: %s\n", what.c_str(), message(code).c_str());
 	return kExitFailed;
 }
 
 void warn(const std::string &what, int code)
 {
-	char buf[1024];
-	std::fprintf(stderr, "keladm: warning: %s: %s\n", what.c_str(), kel_errmsg(code, buf, sizeof(buf)));
+	std::fprintf(stderr, "keladm: warning: %s: %s\n", what.c_str(), message(code).c_str());
 }
 
 int usage_error(const Subcommand &cmd, const std::string &problem)

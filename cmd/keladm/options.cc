@@ -196,10 +196,10 @@ void print_help(FILE *out, const Subcommand &cmd)
 	}
 }
 
-int Store::open(bool write)
+int Store::open(bool write, bool report)
 {
 	int rc = kel_db_open(&handle_, write ? KEL_DB_READWRITE : KEL_DB_READONLY);
-	if (rc != KEL_SUCCESS)
+	if (rc != KEL_SUCCESS && report)
 		fail("cannot open the configuration store", rc);
 	return rc;
 }

@@ -48,10 +48,15 @@ nuq::Interface daemon_interface(const DaemonState &state)
 		*found = {{"host", host}};
 		return true;
 	};
-	iface.methods["info"] = [&state](const nuq::Json &, const nuq::Json &) {
-		return nuq::Reply{NUQ_E_SUCCESS,
-		    {{"version", KELD_VERSION}, {"pid", getpid()}, {"reloads", state.reloads()},
-		        {"controller", state.settings().controller}}};
+	iface.methods["info"] = [&state](const nuq::Json &, const nuq::Json &args) {
+		nuq::Json info = {{"host", node_name()}, {"version", KELD_VERSION}, {"pid", getpid()},
+		    {"uptime", state.uptime()}, {"reloads", state.reloads()}, {"controller", state.settings().controller}};
+		// Reaching the controller takes as long as the transport does: only when asked, and
+		// only from a host that has one to reach.
+		const nuq::Json *check = nuq::member(args, "check");
+		if (check != nullptr && check->is_boolean() && *check && !state.settings().controller.empty())
+			info["controller_rc"] = kel_check_controller();
+		return nuq::Reply{NUQ_E_SUCCESS, info};
 	};
 	return iface;
 }

@@ -28,6 +28,8 @@ struct nuq_conn {
 	int in = -1;		// replies come from here
 	int out = -1;		// requests go there (the same socket for unix://)
 	pid_t relay = -1;	// the ssh process, for ssh://
+	int relay_errors = -1;	// what it writes to its standard error (non-blocking)
+	std::string host;	// where it goes, to name in what it says
 	nuq::LineReader reader{-1};
 	std::mutex mutex;	// one call at a time per connection
 	long next_id = 1;
@@ -67,9 +69,11 @@ int connect_unix(const std::string &path)
 	return fd;
 }
 
-// Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire.
-// posix_spawn rather than fork: callers may reach several hosts from several threads.
-pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child)
+// Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire, and
+// what it says on its standard error comes to *errors_from_child, to be passed on with
+// the host's name (relay_errors). posix_spawn rather than fork: callers may reach several
+// hosts from several threads.
+pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child, int *errors_from_child)
 {
 	std::string target = nuq_uri_get_host(uri);
 	if (*nuq_uri_get_user(uri) != '\0')
@@ -96,7 +100,7 @@ pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child)
 		args.push_back(a.data());
 	args.push_back(nullptr);
 
-	int down[2], up[2];
+	int down[2], up[2], err[2];
 	if (pipe2(down, O_CLOEXEC) != 0)
 		return -1;
 	if (pipe2(up, O_CLOEXEC) != 0) {
@@ -104,25 +108,61 @@ pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child)
 		close(down[1]);
 		return -1;
 	}
+	if (pipe2(err, O_CLOEXEC) != 0) {
+		for (int fd : {down[0], down[1], up[0], up[1]})
+			close(fd);
+		return -1;
+	}
 	posix_spawn_file_actions_t actions;
 	pid_t pid = -1;
 	if (posix_spawn_file_actions_init(&actions) == 0) {
 		if (posix_spawn_file_actions_adddup2(&actions, down[0], STDIN_FILENO) == 0 &&
 		    posix_spawn_file_actions_adddup2(&actions, up[1], STDOUT_FILENO) == 0 &&
+		    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO) == 0 &&
 		    posix_spawnp(&pid, "ssh", &actions, nullptr, args.data(), environ) != 0)
 			pid = -1;
 		posix_spawn_file_actions_destroy(&actions);
 	}
 	close(down[0]);
 	close(up[1]);
+	close(err[1]);
 	if (pid == -1) {
 		close(down[1]);
 		close(up[0]);
+		close(err[0]);
 		return -1;
 	}
+	// Read when the connection ends: ssh says little, well within a pipe's room, and a
+	// shared connection's master leaves the pipe when it goes to the background.
+	(void)fcntl(err[0], F_SETFL, O_NONBLOCK);
 	*to_child = down[1];
 	*from_child = up[0];
+	*errors_from_child = err[0];
 	return pid;
+}
+
+// Passes on what the connection's ssh said, each line named with its host, so that an
+// operator sees whose message it is; a caller's terminal never gets ssh's bare words.
+void relay_errors(nuq_conn_t *conn)
+{
+	std::string text;
+	char buf[4096];
+	ssize_t n;
+	while ((n = read(conn->relay_errors, buf, sizeof(buf))) > 0)
+		text.append(buf, static_cast<size_t>(n));
+	for (size_t pos = 0; pos < text.size();) {
+		size_t end = text.find('\n', pos);
+		if (end == std::string::npos)
+			end = text.size();
+		std::string line = text.substr(pos, end - pos);
+		if (!line.empty() && line.back() == '\r')
+			line.pop_back();
+		if (!line.empty()) {
+			const std::string out = "ssh to " + conn->host + ": " + line + "\n";
+			(void)!write(STDERR_FILENO, out.data(), out.size());
+		}
+		pos = end + 1;
+	}
 }
 
 // Sends one request and waits for its reply; the connection's mutex is held.
@@ -271,19 +311,22 @@ nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
 		}
 		if (*nuq_uri_get_host(uri) == '\0')
 			return nullptr;	// an ssh template without a host reaches nobody
-		int to_child = -1, from_child = -1;
-		const pid_t pid = start_relay(uri, &to_child, &from_child);
+		int to_child = -1, from_child = -1, errors = -1;
+		const pid_t pid = start_relay(uri, &to_child, &from_child, &errors);
 		if (pid == -1)
 			return nullptr;
 		nuq_conn_t *conn = nuq::connect_fds(from_child, to_child);
 		if (conn == nullptr) {
 			close(to_child);
 			close(from_child);
+			close(errors);
 			kill(pid, SIGTERM);
 			waitpid(pid, nullptr, 0);
 			return nullptr;
 		}
 		conn->relay = pid;
+		conn->relay_errors = errors;
+		conn->host = nuq_uri_get_host(uri);
 		// Starting ssh proves nothing about the far end: one exchange does.
 		json pong;
 		if (exchange(conn, "ping", json::object(), &pong, nullptr) != NUQ_E_SUCCESS) {
@@ -311,6 +354,14 @@ void nuq_disconnect(nuq_conn_t *conn) noexcept
 			kill(conn->relay, SIGTERM);
 			waitpid(conn->relay, &status, 0);
 		}
+	}
+	if (conn->relay_errors != -1) {
+		try {
+			relay_errors(conn);
+		} catch (const std::bad_alloc &) {
+			// Without memory ssh's words are lost; the connection still goes.
+		}
+		close(conn->relay_errors);
 	}
 	delete conn;
 }

@@ -12,7 +12,7 @@ expect "JSON" '[{"property": "controller", "value": "ssh://ops@ctl.example"}]' \
 check "the setting lives in the service configuration" \
 	grep -q '^controller astring = ssh://ops@ctl.example$' "$root/etc/kel/svc/network/kel/default.conf"
 expect "other schemes are refused" \
-	"keladm: cannot set 'controller=http://ctl': invalid NUQ URI specified" set-clientprop controller=http://ctl
+	"keladm: cannot set 'controller=http://ctl': invalid URI (unix:// or ssh://[USER@]HOST[:PORT][/SOCKET])" set-clientprop controller=http://ctl
 expect "unknown settings are refused" \
 	"keladm: cannot set 'colour=blue': invalid property specified" set-clientprop colour=blue
 expect "listing an unknown name" \

@@ -107,7 +107,7 @@ expect "a port in use is refused" \
 	"keladm: cannot bind a port of kel 'web' to VNIC '$g1/eth1': vport in use" \
 	create-vnic web/vm1 "$g1/eth1"
 expect "a VNIC name that is taken is refused" \
-	"keladm: cannot make VNIC '$g2/eth0': error while handling libwexo: datalink already exists" \
+	"keladm: cannot make VNIC '$g2/eth0': datalink error: datalink already exists" \
 	create-vnic web "$g2/eth0"
 check "and leaves no port bound and no link behind" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o name,status,vnic web | grep -v '^sys-vport')\" = \"$before\" ] && ! ip -n '$g1' link show eth1 2>/dev/null"

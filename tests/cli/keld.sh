@@ -30,6 +30,34 @@ check "keld bridge relays a request" bash -c "echo '$req' | '$keld' bridge | gre
 check "bridge to a named socket" bash -c "echo '$req' | '$keld' bridge '$sock' | grep -q result"
 check "a lookup of another host's object fails" bash -c "'$call' unix:// kel.Daemon info host=elsewhere | grep -q '^error 2:'"
 
+# show-host: this host's keld, then every host the controller knows, each asked whether
+# it reaches its controller.
+me=$(uname -n)
+expect "show-host on a node, its controller unreachable" "$me:yes:$version:ssh\://ctl.example:no" \
+	show-host -p -o host,answers,version,controller,reaches
+status "which is a failure" 1 show-host
+"$keladm" set-clientprop controller=unix:// >/dev/null
+for _ in $(seq 100); do info | grep -q '"controller":"unix://"' && break; sleep 0.05; done
+expect "no store here: unix:// is no controller" 'no:controller\: remote call failed\: remote object not found' \
+	show-host -p -o reaches,problem
+"$keladm" create-store
+"$keladm" set-controlprop uri-template=unix:// >/dev/null
+"$keladm" set-controlprop -h near uplink-port=eth1 >/dev/null
+"$keladm" set-controlprop -h far uplink-port=eth1 >/dev/null
+"$keladm" set-controlprop -h far uri-template=ssh:// >/dev/null
+printf 'Host *\n  ProxyCommand /bin/false\n' >"$root/ssh_config"
+export KEL_SSH_CONFIG=$root/ssh_config KEL_SSH_PERSIST=0
+check "the controller asks every host it knows" bash -c \
+	"[ \"\$('$keladm' show-host -p -o host,answers,reaches 2>/dev/null)\" = '$me:yes:yes
+far:no:
+near:yes:yes' ]"
+check "and says why one does not answer" bash -c \
+	"'$keladm' show-host -p -o problem far 2>/dev/null | grep -qx 'KEL controller failed connecting to a host'"
+check "ssh's own words come named with their host" bash -c \
+	"'$keladm' show-host far 2>&1 >/dev/null | grep -v '^ssh to far: ' | { ! grep -q .; }"
+expect "one host, as JSON" '[{"host": "near", "answers": true, "uptime": 0, "reaches": true}]' \
+	show-host --json -o host,answers,uptime,reaches near
+
 "$keld" >/dev/null 2>&1; rc=$?
 check "a second keld refuses to start" test $rc -eq 1
 

@@ -1,0 +1,140 @@
+// Hosts' daemons: show-host asks keld how it is, here and, on the controller, on every
+// host the fabric knows.
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <span>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "keladm.h"
+#include "owners.h"
+
+namespace keladm {
+namespace {
+
+// At most this many hosts are asked at once: each answer mostly waits on the network.
+constexpr size_t kAskedAtOnce = 16;
+
+struct HostRow {
+	std::string host;
+	int rc = KEL_SUCCESS;	// why the host's keld did not answer
+	kel_hostinfo_t info{};
+};
+
+// Field `field` of kHostFields for `row`.
+std::string host_field(const HostRow &row, size_t field)
+{
+	const kel_hostinfo_t &i = row.info;
+	const bool up = row.rc == KEL_SUCCESS, checked = up && i.ehi_controller_rc != KEL_E_NOTSUP;
+	switch (field) {
+	case 0: return row.host;
+	case 1: return up ? "yes" : "no";
+	case 2: return up ? i.ehi_version : "";
+	case 3: return up ? std::to_string(i.ehi_uptime) : "";
+	case 4: return up ? std::to_string(i.ehi_reloads) : "";
+	case 5: return up ? i.ehi_controller : "";
+	case 6: return !checked ? "" : i.ehi_controller_rc == KEL_SUCCESS ? "yes" : "no";
+	default:
+		if (!up)
+			return message(row.rc);
+		return checked && i.ehi_controller_rc != KEL_SUCCESS ? "controller: " + message(i.ehi_controller_rc) : "";
+	}
+}
+
+// Asks the keld at the other end of `conn` (opened with code `opened`) into `row`.
+void ask(int opened, nuq_conn_t *raw, HostRow *row)
+{
+	const kel::Owned<nuq_conn_t, nuq_disconnect> conn(raw);
+	row->rc = opened != KEL_SUCCESS ? opened : kel_get_hostinfo(conn.get(), KEL_HOSTINFO_CHECK, &row->info);
+}
+
+// Asks each host of `rows` through the controller's way of reaching it, several at once.
+// Each asker opens the store for itself: a handle serves one thread at a time.
+void ask_hosts(std::span<HostRow> rows)
+{
+	for (size_t first = 0; first < rows.size(); first += kAskedAtOnce) {
+		std::vector<std::thread> askers;
+		for (size_t i = first; i < std::min(rows.size(), first + kAskedAtOnce); i++)
+			askers.emplace_back([&row = rows[i]] {
+				Store store;
+				nuq_conn_t *conn = nullptr;
+				int rc = store.open(false, false);
+				if (rc == KEL_SUCCESS)
+					rc = kel_nuq_connection_to_kelnode(store.get(), row.host.c_str(), &conn);
+				ask(rc, conn, &row);
+			});
+		for (std::thread &t : askers)
+			t.join();
+	}
+}
+
+// The hosts the store knows: those with settings of their own and those ports are bound on.
+int known_hosts(kel_dbhandle_t h, std::set<std::string> *out)
+{
+	kel::RecordList<kel_ctrlprop_t> props;
+	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); }); rc != KEL_SUCCESS)
+		return rc;
+	for (kel_ctrlprop_t *p : props)
+		if (*p->ecp_host != '\0')
+			out->insert(p->ecp_host);
+	auto each = [](const kel_vport_t *vp, void *arg) {
+		if (vp->evp_status == VPORT_STATUS_USED && *vp->evp_hostname != '\0')
+			static_cast<std::set<std::string> *>(arg)->insert(vp->evp_hostname);
+		return 0;
+	};
+	const int rc = kel_db_walk_vports(h, nullptr, KEL_WALK_NO_PROPS, each, out);
+	return rc == KEL_E_VPORT_NOTFOUND ? KEL_SUCCESS : rc;
+}
+
+}  // namespace
+
+int show_host(const Subcommand &cmd, const Options &opts)
+{
+	Output out;
+	if (!out.configure(cmd.fields, opts.fields, opts.format))
+		return kExitUsage;
+	if (opts.operands.size() > 1)
+		return usage_error(cmd, "show-host takes at most one host");
+	std::vector<HostRow> rows;
+	if (!opts.operands.empty()) {
+		// Another host is reached the way the controller reaches it.
+		if (!kel_db_exists())
+			return fail("cannot reach host '" + std::string(opts.operands[0]) +
+			        "': only the controller knows how; run show-host there, or without a host here",
+			    KEL_E_NOTFOUND);
+		rows.push_back({opts.operands[0]});
+		ask_hosts(rows);
+	} else {
+		HostRow self;
+		nuq_conn_t *conn = nullptr;
+		const int opened = kel_nuq_connection_to_self(&conn);
+		ask(opened, conn, &self);
+		self.host = self.rc == KEL_SUCCESS ? self.info.ehi_host : "localhost";
+		rows.push_back(self);
+		if (kel_db_exists()) {
+			Store store;
+			if (store.open(false) != KEL_SUCCESS)
+				return kExitFailed;
+			std::set<std::string> hosts;
+			if (int rc = known_hosts(store.get(), &hosts); rc != KEL_SUCCESS)
+				return fail("cannot list the fabric's hosts", rc);
+			hosts.erase(self.host);
+			for (const std::string &h : hosts)
+				rows.push_back({h});
+			ask_hosts(std::span<HostRow>(rows).subspan(1));
+		}
+	}
+	for (const HostRow &row : rows)
+		out.add_with([&](size_t f) { return host_field(row, f); });
+	out.print();
+	// A host that does not answer, or cannot reach its controller, is a failure to report.
+	const bool sound = std::all_of(rows.begin(), rows.end(), [](const HostRow &r) {
+		return r.rc == KEL_SUCCESS && (r.info.ehi_controller_rc == KEL_SUCCESS || r.info.ehi_controller_rc == KEL_E_NOTSUP);
+	});
+	return sound ? kExitOk : kExitFailed;
+}
+
+}  // namespace keladm
