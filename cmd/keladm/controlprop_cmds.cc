@@ -23,8 +23,12 @@ int set_controlprop(const Subcommand &cmd, const Options &opts)
 		warn("set " + what, rc);
 		return kExitOk;
 	}
-	if (rc != KEL_SUCCESS)
-		return fail("cannot set " + what, rc);
+	if (rc != KEL_SUCCESS) {
+		fail("cannot set " + what, rc);
+		if (rc == KEL_E_RANGE_INUSE && opts.host == nullptr)
+			say_outside_ids(store.get(), opts.operands[0]);
+		return kExitFailed;
+	}
 	return kExitOk;
 }
 

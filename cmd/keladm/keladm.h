@@ -165,6 +165,12 @@ inline std::string listed_tenant(const Options &opts)
 int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, int code,
     const std::string &kel, const char *member_key = nullptr, const std::string &member = "");
 
+// After a change refused with KEL_E_RANGE_INUSE, a line naming the values in use that the
+// new range leaves out: the addresses of `kel`'s ports outside `pool`, or the kels' VLAN
+// IDs or VNIs outside a fabric-wide "vlan-range=..." or "vxlan-range=..." `setting`.
+void say_outside_pool(kel_dbhandle_t h, const Options &opts, const std::string &kel, const std::string &pool);
+void say_outside_ids(kel_dbhandle_t h, const std::string &setting);
+
 // A member of a switch (an ipnet, a vport), named on the command line as KEL/NAME.
 struct Member {
 	std::string kel, name;

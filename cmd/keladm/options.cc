@@ -1,5 +1,7 @@
 #include <getopt.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -7,6 +9,7 @@
 #include <vector>
 
 #include "keladm.h"
+#include "paths.h"
 
 namespace keladm {
 namespace {
@@ -199,8 +202,18 @@ void print_help(FILE *out, const Subcommand &cmd)
 int Store::open(bool write, bool report)
 {
 	int rc = kel_db_open(&handle_, write ? KEL_DB_READWRITE : KEL_DB_READONLY);
-	if (rc != KEL_SUCCESS && report)
-		fail("cannot open the configuration store", rc);
+	if (rc == KEL_SUCCESS || !report)
+		return rc;
+	// Say where, and the two causes an operator meets most in words of their own.
+	const std::string path = kel::paths::under_root(kel::paths::kDbFile);
+	if (!kel_db_exists())
+		std::fprintf(stderr, "keladm: no configuration store at %s: this host is not the controller, "
+		                     "or keladm create-store has not made it yet\n", path.c_str());
+	else if (access(path.c_str(), write ? R_OK | W_OK : R_OK) != 0 && errno == EACCES)
+		std::fprintf(stderr, "keladm: cannot open the configuration store %s: permission denied: "
+		                     "run keladm as root\n", path.c_str());
+	else
+		fail("cannot open the configuration store " + path, rc);
 	return rc;
 }
 

@@ -47,6 +47,11 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	const std::string object = m.kel + (m.name.empty() ? "" : "/" + m.name);
 	if (rc == KEL_E_PROP_PARTIAL)
 		return fail("set '" + opts.props + "' on kel '" + object + "' (stored; some hosts missed it)", rc);
+	if (rc == KEL_E_RANGE_INUSE && kind.type == KEL_PROPTYPE_IPNET && opts.props.rfind("pool=", 0) == 0) {
+		fail("cannot set '" + opts.props + "' on ipnet '" + object + "'", rc);
+		say_outside_pool(store.get(), opts, m.kel, opts.props.substr(5));
+		return kExitFailed;
+	}
 	if (rc != KEL_SUCCESS)
 		return fail_here(store.get(), opts, "cannot set '" + opts.props + "' on " + kind.noun + " '" + object + "'", rc,
 		    m.kel, kind.member ? kind.noun : nullptr, m.name);

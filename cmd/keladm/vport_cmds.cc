@@ -11,26 +11,77 @@
 namespace keladm {
 namespace {
 
-using VportChange = int (*)(kel_dbhandle_t, const char *, const char *, const char *,
-    const char *, uint32_t);
+// The port `name` of `kel` as it is in the store, into `out`.
+int read_vport(kel_dbhandle_t h, const Options &opts, const std::string &kel, const std::string &name,
+    kel::RecordList<kel_vport_t> *out)
+{
+	char filter[KEL_FILTER_LEN];
+	const int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
+	    kel.c_str(), "vport", name.c_str());
+	return rc != KEL_SUCCESS ? rc : out->read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
+}
+
+// Where a bound port is, as the lines about it say it: "VNIC vn0 on host h1".
+std::string where(const kel_vport_t *vp)
+{
+	return std::string("VNIC ") + vp->evp_vnicname + " on host " + vp->evp_hostname;
+}
 
 // remove-vport and reset-vport: one KEL/VPORT, -f to go on although the port is bound.
-int change(const Subcommand &cmd, const Options &opts, VportChange op, const char *verb)
+// What the port was before is read first, so that a refusal can say where it is bound,
+// and a reset what it did.
+int change(const Subcommand &cmd, const Options &opts, bool reset)
 {
 	Member m;
 	if (!one_member(cmd, opts, kel_parse_kelvportname, "VPORT", &m))
 		return kExitUsage;
-	const std::string &kel = m.kel, &vport = m.name;
+	const std::string &kel = m.kel, &vport = m.name, object = kel + "/" + vport;
 	Store store;
 	if (store.open(true) != KEL_SUCCESS)
 		return kExitFailed;
-	const int rc = op(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(),
-	    opts.force ? "force=yes" : nullptr, 0);
+	kel::RecordList<kel_vport_t> before;
+	const kel_vport_t *was = read_vport(store.get(), opts, kel, vport, &before) == KEL_SUCCESS &&
+	        before.begin() != before.end() && (*before.begin())->evp_status == VPORT_STATUS_USED
+	    ? *before.begin()
+	    : nullptr;
+	// Without -f a reset asks the port's host whether its VNIC is still there, and frees
+	// the port when the host does not answer: find out first whether it will.
+	bool host_answers = true;
+	if (reset && was != nullptr && !opts.force) {
+		nuq_conn_t *conn = nullptr;
+		host_answers = kel_nuq_connection_to_kelnode(store.get(), was->evp_hostname, &conn) == KEL_SUCCESS;
+		nuq_disconnect(conn);
+	}
+	const char *force = opts.force ? "force=yes" : nullptr;
+	const int rc = reset ? kel_db_reset_vport(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(), force, 0)
+	                     : kel_db_remove_vport(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(), force, 0);
 	if (opts.if_exists && (rc == KEL_E_VPORT_NOTFOUND || rc == KEL_E_KEL_NOTFOUND))
 		return kExitOk;
+	if (rc == KEL_E_VPORT_INUSE && was != nullptr) {
+		fail(std::string("cannot ") + (reset ? "reset" : "remove") + " vport '" + object + "'", rc);
+		if (reset)
+			std::fprintf(stderr, "keladm: its %s is still there: delete it there (keladm delete-vnic %s), "
+			                     "or give -f to free the port all the same\n",
+			    where(was).c_str(), was->evp_vnicname);
+		else
+			std::fprintf(stderr, "keladm: it is bound to %s: delete the VNIC there (keladm delete-vnic %s) "
+			                     "or give -f; if the VNIC is gone, keladm reset-vport %s frees the port\n",
+			    where(was).c_str(), was->evp_vnicname, object.c_str());
+		return kExitFailed;
+	}
 	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts, std::string("cannot ") + verb + " vport '" + kel + "/" + vport + "'", rc,
-		    kel, "vport", vport);
+		return fail_here(store.get(), opts, std::string("cannot ") + (reset ? "reset" : "remove") + " vport '" +
+		        object + "'", rc, kel, "vport", vport);
+	if (reset && was == nullptr)
+		std::printf("vport %s was free already\n", object.c_str());
+	else if (reset && opts.force)
+		std::printf("freed vport %s, bound to %s, without asking the host (-f)\n", object.c_str(), where(was).c_str());
+	else if (reset && host_answers)
+		std::printf("freed vport %s: %s is gone\n", object.c_str(), where(was).c_str());
+	else if (reset)
+		warn("freed vport '" + object + "' without asking host " + was->evp_hostname +
+		        ", which did not answer; if VNIC " + was->evp_vnicname + " is still there, delete it there",
+		    KEL_E_HOST_CONNECT);
 	return kExitOk;
 }
 
@@ -52,16 +103,6 @@ std::string vport_field(const kel_vport_t *vp, size_t field)
 		return uuid;
 	}
 	}
-}
-
-// The port `name` of `kel` as it is in the store, into `out`.
-int read_vport(kel_dbhandle_t h, const Options &opts, const std::string &kel, const std::string &name,
-    kel::RecordList<kel_vport_t> *out)
-{
-	char filter[KEL_FILTER_LEN];
-	const int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
-	    kel.c_str(), "vport", name.c_str());
-	return rc != KEL_SUCCESS ? rc : out->read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
 }
 
 }  // namespace
@@ -105,12 +146,12 @@ int add_vport(const Subcommand &cmd, const Options &opts)
 
 int remove_vport(const Subcommand &cmd, const Options &opts)
 {
-	return change(cmd, opts, kel_db_remove_vport, "remove");
+	return change(cmd, opts, false);
 }
 
 int reset_vport(const Subcommand &cmd, const Options &opts)
 {
-	return change(cmd, opts, kel_db_reset_vport, "reset");
+	return change(cmd, opts, true);
 }
 
 int show_vport(const Subcommand &cmd, const Options &opts)

@@ -7,9 +7,22 @@ make_store
 
 expect "ranges and what is left of them" "vlan-range:100-102
 vlan-range-avail:101-102" show-controlprop -p -o property,value vlan-range,vlan-range-avail
-expect "a range must keep the IDs in use" \
-	"keladm: cannot set 'vlan-range=101-102': range doesn't contain all allocated resource" \
+"$keladm" create-kel -T acme -p vlanid=102 app >/dev/null
+"$keladm" create-kel -p l2-type=vxlan db >/dev/null
+expect "a range must keep the IDs in use, and says which" \
+	"keladm: cannot set 'vlan-range=101-102': range doesn't contain all allocated resource
+keladm: VLAN IDs in use outside 101-102: 100 (kel sys-global/web)" \
 	set-controlprop vlan-range=101-102
+expect "in every tenant" \
+	"keladm: cannot set 'vlan-range=101,103-110': range doesn't contain all allocated resource
+keladm: VLAN IDs in use outside 101,103-110: 100 (kel sys-global/web), 102 (kel acme/app)" \
+	set-controlprop vlan-range=101,103-110
+expect "VNIs too" \
+	"keladm: cannot set 'vxlan-range=5001-5999': range doesn't contain all allocated resource
+keladm: VNIs in use outside 5001-5999: 5000 (kel sys-global/db)" \
+	set-controlprop vxlan-range=5001-5999
+"$keladm" delete-kel -T acme app
+"$keladm" delete-kel db
 check "widening it" "$keladm" set-controlprop vlan-range=100-110
 expect "avail follows" "101-110" show-controlprop -p -o value vlan-range-avail
 expect "read-only properties" "keladm: cannot set 'vlan-range-avail=1': property is read-only" \

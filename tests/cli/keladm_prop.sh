@@ -32,9 +32,14 @@ status "-p is required" 2 set-kelprop web
 status "a port is KEL/VPORT" 2 set-vportprop -p cos=1 p1
 
 # p1 and p2 hold .10 and .11: a pool without them is refused, one with them is taken.
-expect "a pool that drops addresses in use" \
-	"keladm: cannot set 'pool=10.1.0.12-10.1.0.30' on ipnet 'web/n': range doesn't contain all allocated resource" \
+expect "a pool that drops addresses in use, and which" \
+	"keladm: cannot set 'pool=10.1.0.12-10.1.0.30' on ipnet 'web/n': range doesn't contain all allocated resource
+keladm: addresses in use outside 10.1.0.12-10.1.0.30: 10.1.0.10 (vport p1), 10.1.0.11 (vport p2)" \
 	set-ipnetprop -p pool=10.1.0.12-10.1.0.30 web/n
+expect "one of them" \
+	"keladm: cannot set 'pool=10.1.0.11-10.1.0.30' on ipnet 'web/n': range doesn't contain all allocated resource
+keladm: addresses in use outside 10.1.0.11-10.1.0.30: 10.1.0.10 (vport p1)" \
+	set-ipnetprop -p pool=10.1.0.11-10.1.0.30 web/n
 check "a wider pool" "$keladm" set-ipnetprop -p pool=10.1.0.10-10.1.0.30 web/n
 expect "the new pool" "10.1.0.10-10.1.0.30" show-ipnet -p -o pool web/n
 check "what is left of it" bash -c \
@@ -42,4 +47,12 @@ check "what is left of it" bash -c \
 expect "a switch's property on a network" "keladm: cannot set 'maxbw=1M' on ipnet 'web/n': invalid property specified" \
 	set-ipnetprop -p maxbw=1M web/n
 expect "an unknown switch" "keladm: cannot list kel properties: kel not found" show-kelprop nope
+"$keladm" create-kel -p l2-type=flat v6 >/dev/null
+"$keladm" add-ipnet -p subnet=fd00::/120 v6/n6 >/dev/null
+"$keladm" add-vport v6/a >/dev/null
+"$keladm" add-vport v6/b >/dev/null
+expect "an IPv6 pool that drops an address in use" \
+	"keladm: cannot set 'pool=fd00::3-fd00::ff' on ipnet 'v6/n6': range doesn't contain all allocated resource
+keladm: addresses in use outside fd00::3-fd00::ff: fd00::2 (vport a)" \
+	set-ipnetprop -p pool=fd00::3-fd00::ff v6/n6
 exit $fail

@@ -8,6 +8,9 @@ expect "create-store without /etc/kel says why" \
 status "and fails with status 1" 1 create-store
 
 mkdir -p "$root/etc/kel"
+expect "a command without a store says where it looked" \
+	"keladm: no configuration store at $root/etc/kel/kel.db: this host is not the controller, or keladm create-store has not made it yet" \
+	show-kel
 check "create-store succeeds" "$keladm" create-store
 check "store files exist" test -f "$root/etc/kel/kel.db" -a -f "$root/etc/kel/kel.lock"
 check "create-store again leaves the store alone" "$keladm" create-store
@@ -16,6 +19,12 @@ status "an unknown subcommand is a usage error" 2 no-such-thing
 check "help lists every subcommand" bash -c \
 	"[ \$('$keladm' help | grep -cE '^  (create-store|create-kel|delete-kel|show-kel|add-ipnet|remove-ipnet|show-ipnet|set-clientprop|show-clientprop|set-controlprop|show-controlprop|upgrade-store) ') -eq 12 ]"
 check "help for one subcommand" bash -c "'$keladm' help create-store | grep -q '^usage: keladm create-store'"
+
+# A user who may not open the store is told so, with the store's path.
+chmod 755 "$root"
+got=$(setpriv --reuid=65534 --regid=65534 --clear-groups "$keladm" show-kel 2>&1)
+check "a user who may not is told so" test "$got" = \
+	"keladm: cannot open the configuration store $root/etc/kel/kel.db: permission denied: run keladm as root"
 
 # check-store: silent on a sound store, names each problem, repairs what leaked.
 "$keladm" set-controlprop vlan-range=100-109 >/dev/null

@@ -32,8 +32,20 @@ expect "show-kel lists a kel's ports" "web:p1,gw,p2,p3" show-kel -p -o name,vpor
 sqlite3 "$root/etc/kel/kel.db" \
 	"UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h1', vport_vnicname = 'vn0' WHERE vport_name = 'p1'"
 expect "a bound port, parseable" "p1:bound:h1:vn0" show-vport -p -o name,status,host,vnic web/p1
-expect "removing a bound port" "keladm: cannot remove vport 'web/p1': vport in use" remove-vport web/p1
-check "reset -f frees it without asking" "$keladm" reset-vport -f web/p1
+expect "removing a bound port says where it is bound, and the ways out" \
+	"keladm: cannot remove vport 'web/p1': vport in use
+keladm: it is bound to VNIC vn0 on host h1: delete the VNIC there (keladm delete-vnic vn0) or give -f; if the VNIC is gone, keladm reset-vport web/p1 frees the port" \
+	remove-vport web/p1
+expect "reset -f frees it without asking, and says so" \
+	"freed vport web/p1, bound to VNIC vn0 on host h1, without asking the host (-f)" reset-vport -f web/p1
+expect "a free port" "vport web/p1 was free already" reset-vport web/p1
+# Hosts are reached through this host's socket, where no keld listens: h1 does not answer.
+"$keladm" set-controlprop uri-template=unix:// >/dev/null
+sqlite3 "$root/etc/kel/kel.db" \
+	"UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h1', vport_vnicname = 'vn0' WHERE vport_name = 'p1'"
+expect "a reset whose host does not answer says what it did" \
+	"keladm: warning: freed vport 'web/p1' without asking host h1, which did not answer; if VNIC vn0 is still there, delete it there: KEL controller failed connecting to a host" \
+	reset-vport web/p1
 expect "it is free, on no host" '[{"name": "p1", "status": "free", "host": null}]' show-vport --json -o name,status,host web/p1
 check "remove-vport" "$keladm" remove-vport web/p1
 expect "the address is back" "added vport web/p5 (10.1.0.2/24, aa:0:0:0:0:9)" add-vport -p macaddr=aa:0:0:0:0:9 web/p5
