@@ -44,27 +44,29 @@ std::string host_field(const HostRow &row, size_t field)
 	}
 }
 
-// Asks the keld at the other end of `conn` (opened with code `opened`) into `row`.
-void ask(int opened, nuq_conn_t *raw, HostRow *row)
+// Asks the keld at the other end of `conn` (opened with code `opened`) into `row`; with
+// `check`, whether it reaches its controller too.
+void ask(int opened, nuq_conn_t *raw, HostRow *row, bool check = true)
 {
 	const kel::Owned<nuq_conn_t, nuq_disconnect> conn(raw);
-	row->rc = opened != KEL_SUCCESS ? opened : kel_get_hostinfo(conn.get(), KEL_HOSTINFO_CHECK, &row->info);
+	row->rc = opened != KEL_SUCCESS ? opened
+	                                : kel_get_hostinfo(conn.get(), check ? KEL_HOSTINFO_CHECK : 0, &row->info);
 }
 
 // Asks each host of `rows` through the controller's way of reaching it, several at once.
 // Each asker opens the store for itself: a handle serves one thread at a time.
-void ask_hosts(std::span<HostRow> rows)
+void ask_hosts(std::span<HostRow> rows, bool check = true)
 {
 	for (size_t first = 0; first < rows.size(); first += kAskedAtOnce) {
 		std::vector<std::thread> askers;
 		for (size_t i = first; i < std::min(rows.size(), first + kAskedAtOnce); i++)
-			askers.emplace_back([&row = rows[i]] {
+			askers.emplace_back([&row = rows[i], check] {
 				Store store;
 				nuq_conn_t *conn = nullptr;
 				int rc = store.open(false, false);
 				if (rc == KEL_SUCCESS)
 					rc = kel_nuq_connection_to_kelnode(store.get(), row.host.c_str(), &conn);
-				ask(rc, conn, &row);
+				ask(rc, conn, &row, check);
 			});
 		for (std::thread &t : askers)
 			t.join();
@@ -90,6 +92,19 @@ int known_hosts(kel_dbhandle_t h, std::set<std::string> *out)
 }
 
 }  // namespace
+
+std::vector<std::string> hosts_not_answering(const std::set<std::string> &hosts)
+{
+	std::vector<HostRow> rows;
+	for (const std::string &h : hosts)
+		rows.push_back({h});
+	ask_hosts(rows, false);
+	std::vector<std::string> out;
+	for (const HostRow &row : rows)
+		if (row.rc != KEL_SUCCESS)
+			out.push_back(row.host);
+	return out;
+}
 
 int show_host(const Subcommand &cmd, const Options &opts)
 {

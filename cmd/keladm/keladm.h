@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdio>
+#include <set>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "libkel.h"
 #include "output.h"
@@ -164,6 +166,9 @@ inline std::string listed_tenant(const Options &opts)
 // `member` name a member of switch `kel`; NULL and "" for the switch itself.
 int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, int code,
     const std::string &kel, const char *member_key = nullptr, const std::string &member = "");
+
+// Of `hosts`, those whose keld does not answer now (several are asked at once).
+std::vector<std::string> hosts_not_answering(const std::set<std::string> &hosts);
 
 // After a change refused with KEL_E_RANGE_INUSE, a line naming the values in use that the
 // new range leaves out: the addresses of `kel`'s ports outside `pool`, or the kels' VLAN

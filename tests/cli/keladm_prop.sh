@@ -47,6 +47,15 @@ check "what is left of it" bash -c \
 expect "a switch's property on a network" "keladm: cannot set 'maxbw=1M' on ipnet 'web/n': invalid property specified" \
 	set-ipnetprop -p maxbw=1M web/n
 expect "an unknown switch" "keladm: cannot list kel properties: kel not found" show-kelprop nope
+# Live changes whose hosts do not answer name them. Hosts are reached through this
+# host's socket, where no keld listens.
+"$keladm" set-controlprop uri-template=unix:// >/dev/null
+sqlite3 "$root/etc/kel/kel.db" "UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h' || substr(vport_name, 2),
+	vport_vnicname = 'vn' || substr(vport_name, 2) WHERE vport_name IN ('p1', 'p2')"
+expect "a port's host" "keladm: cannot set 'maxbw=5M' on vport 'web/p1': KEL controller failed connecting to a host
+keladm: host that did not answer: h1; set the property again once it is back" set-vportprop -p maxbw=5M web/p1
+expect "a kel's hosts" "keladm: set 'maxbw=5M' on kel 'web' (stored; some hosts missed it): could not set kel property on all vports
+keladm: hosts that did not answer: h1, h2; set the property again once they are back" set-kelprop -p maxbw=5M web
 "$keladm" create-kel -p l2-type=flat v6 >/dev/null
 "$keladm" add-ipnet -p subnet=fd00::/120 v6/n6 >/dev/null
 "$keladm" add-vport v6/a >/dev/null
