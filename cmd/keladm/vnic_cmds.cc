@@ -32,6 +32,43 @@ std::string remote_prop(kelcntl_PropertyNV **props, int count, const char *name)
 	return v != nullptr ? v : "";
 }
 
+// Field `field` of kVnicFields for the VNIC of port `vp`, over `lower`, with its four
+// counters ("" when unknown).
+std::string vnic_field(const kelcntl_VPortInfo *vp, const std::string &lower, const std::vector<std::string> &counters,
+    size_t field)
+{
+	switch (field) {
+	case 0: return vp->evpi_vnicname;
+	case 1: return vp->evpi_kelname;
+	case 2: return vp->evpi_name;
+	case 3: return vp->evpi_tenantname;
+	case 4: return remote_prop(vp->evpi_props, vp->evpi_props_count, "macaddr");
+	case 5: return remote_prop(vp->evpi_props, vp->evpi_props_count, "ipaddr");
+	case 6: return lower;
+	default: return field - 7 < counters.size() ? counters[field - 7] : "";
+	}
+}
+
+// The name of the link `id` on the host ("" when it has none).
+std::string link_name(wexo_handle_t h, datalink_id_t id)
+{
+	char name[MAXLINKNAMELEN] = "";
+	(void)node().wexo_datalink_id2info(h, id, nullptr, nullptr, nullptr, name, sizeof(name));
+	return name;
+}
+
+// The ports bound to VNIC `vnic` of this host, freed on scope exit.
+class VnicPorts {
+public:
+	~VnicPorts() { node().kelcntl_VPortInfo_array_free(array_, count_); }
+	int fetch(const std::string &vnic) { return node().kel_get_vnicinfo(vnic.c_str(), &array_, &count_); }
+	const kelcntl_VPortInfo *first() const { return count_ > 0 ? array_[0] : nullptr; }
+
+private:
+	kelcntl_VPortInfo **array_ = nullptr;
+	int count_ = 0;
+};
+
 // What create-vnic has done so far, undone in reverse unless it was all done.
 class Attachment {
 public:
@@ -150,6 +187,9 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 		return usage_error(cmd, std::string("'") + target + "' is not a kel name");
 	}
 	const std::string vnic = opts.operands[1];
+	Output out;
+	if (opts.echo && !out.configure(cmd.fields, opts.fields, opts.format))
+		return kExitUsage;
 	Handle host, guest;
 	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)
 		return wexo_fail("cannot open this host's datalinks", st);
@@ -158,8 +198,23 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 	// The controller answers a VNIC it already knows with that VNIC's binding: a name
 	// that is taken must be refused before, or undoing would release the other's port.
 	const std::string link = vnic.substr(vnic.find('/') + 1);
-	if (node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK)
+	if (node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK) {
+		// --may-exist: the VNIC there, bound to a port of this kel (the one named), is it.
+		VnicPorts bound;
+		const kelcntl_VPortInfo *vp = opts.may_exist && bound.fetch(vnic) == KEL_SUCCESS ? bound.first() : nullptr;
+		if (vp != nullptr && opts.tenant == vp->evpi_tenantname && std::strcmp(vp->evpi_kelname, kel) == 0 &&
+		    (vport[0] == '\0' || std::strcmp(vp->evpi_name, vport) == 0)) {
+			if (opts.echo) {
+				datalink_id_t id = DATALINK_INVALID_LINKID;
+				const std::string lower = node().wexo_vnic_lower(host.get(), vnic.c_str(), &id) == WEXO_STATUS_OK
+				    ? link_name(host.get(), id) : "";
+				out.add_with([&](size_t f) { return vnic_field(vp, lower, {}, f); });
+				out.print();
+			}
+			return kExitOk;
+		}
 		return wexo_fail("cannot make VNIC '" + vnic + "'", WEXO_STATUS_EXIST);
+	}
 	Attachment a(host.get(), vnic);
 	if (int rc = a.connect(opts, kel, vport[0] != '\0' ? vport : nullptr); rc != KEL_SUCCESS)
 		return fail("cannot bind a port of kel '" + std::string(kel) + "' to VNIC '" + vnic + "'", rc);
@@ -171,9 +226,13 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 		if (int rc = a.address(guest.get()); rc != kExitOk)
 			return rc;
 	a.keep();
-	char lower[MAXLINKNAMELEN] = "";
-	(void)node().wexo_datalink_id2info(host.get(), a.lower(), nullptr, nullptr, nullptr, lower, sizeof(lower));
-	std::printf("created VNIC %s on %s/%s over %s (%s, %s)\n", vnic.c_str(), kel, a.port()->evpi_name, lower,
+	const std::string lower = link_name(host.get(), a.lower());
+	if (opts.echo) {
+		out.add_with([&](size_t f) { return vnic_field(a.port(), lower, {}, f); });
+		out.print();
+		return kExitOk;
+	}
+	std::printf("created VNIC %s on %s/%s over %s (%s, %s)\n", vnic.c_str(), kel, a.port()->evpi_name, lower.c_str(),
 	    remote_prop(a.port()->evpi_props, a.port()->evpi_props_count, "macaddr").c_str(),
 	    remote_prop(a.port()->evpi_props, a.port()->evpi_props_count, "ipaddr").c_str());
 	return kExitOk;
@@ -194,8 +253,15 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 	const wexo_status_t st = node().wexo_vnic_delete(host.get(), vnic.c_str(), &lower);
 	if (st != WEXO_STATUS_OK && st != WEXO_STATUS_NOTFOUND)
 		return wexo_fail("cannot remove VNIC '" + vnic + "'", st);
-	if (st == WEXO_STATUS_NOTFOUND)
+	if (st == WEXO_STATUS_NOTFOUND) {
+		// Neither a VNIC here nor a port bound to one of that name: nothing to delete, which
+		// --if-exists takes for success.
+		VnicPorts bound;
+		if (bound.fetch(vnic) == KEL_SUCCESS && bound.first() == nullptr)
+			return opts.if_exists ? kExitOk
+			                      : fail("no VNIC '" + vnic + "' on this host, and no port bound to one", KEL_E_VPORT_NOTFOUND);
 		warn("VNIC '" + vnic + "' is not on this host; releasing its port", KEL_WEXO_ERROR(st));
+	}
 	const int rc = node().kel_disconnect_vnic(host.get(), vnic.c_str(), nullptr, lower, 0);
 	// Without the VNIC there is no lower link to look at: the release is what counts.
 	if (rc != KEL_SUCCESS && !(st == WEXO_STATUS_NOTFOUND && (rc & 0xff) == KEL_E_WEXO))
@@ -228,19 +294,16 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 		if (!opts.operands.empty() && std::strcmp(vp->evpi_vnicname, opts.operands[0]) != 0)
 			continue;
 		found = true;
-		char lower[MAXLINKNAMELEN] = "";
+		std::string lower;
 		datalink_id_t id = DATALINK_INVALID_LINKID;
 		if (opened == WEXO_STATUS_OK && node().wexo_vnic_lower(host.get(), vp->evpi_vnicname, &id) == WEXO_STATUS_OK)
-			(void)node().wexo_datalink_id2info(host.get(), id, nullptr, nullptr, nullptr, lower, sizeof(lower));
+			lower = link_name(host.get(), id);
 		std::vector<std::string> counters(4);
 		link_stat_t st;
 		if (self != nullptr && node().kel_get_vnicstat(self.get(), vp->evpi_vnicname, &st) == KEL_SUCCESS)
 			counters = {std::to_string(st.ls_ipackets), std::to_string(st.ls_rbytes),
 			    std::to_string(st.ls_opackets), std::to_string(st.ls_obytes)};
-		out.add({vp->evpi_vnicname, vp->evpi_kelname, vp->evpi_name, vp->evpi_tenantname,
-		    remote_prop(vp->evpi_props, vp->evpi_props_count, "macaddr"),
-		    remote_prop(vp->evpi_props, vp->evpi_props_count, "ipaddr"), lower, counters[0], counters[1],
-		    counters[2], counters[3]});
+		out.add_with([&](size_t f) { return vnic_field(vp, lower, counters, f); });
 	}
 	if (!found)
 		return fail("no VNIC '" + std::string(opts.operands[0]) + "' is bound on this host", KEL_E_VPORT_NOTFOUND);

@@ -53,6 +53,11 @@ expect "a VNIC is made in a guest namespace over the kel's VXLAN link" \
 	"created VNIC $g1/eth0 on web/vm1 over kel-vxlan5100 ($mac1, 10.85.0.11/24)" \
 	create-vnic --address web/vm1 "$g1/eth0"
 status "a second one, as a macvtap" 0 create-vnic --address --macvtap web/vm2 "$g2/eth0"
+expect "--may-exist: the VNIC there, bound to the kel's port, is success, echoed" "$g1/eth0:vm1:kel-vxlan5100" \
+	create-vnic --may-exist --parseable -o vnic,vport,lower web "$g1/eth0"
+expect "but not when it is another port's" \
+	"keladm: cannot make VNIC '$g1/eth0': datalink error: datalink already exists" \
+	create-vnic --may-exist web/vm2 "$g1/eth0"
 check "it carries the port's MAC address" \
 	bash -c "ip -n '$g1' link show eth0 | grep -qi 'link/ether 02:08:20'"
 check "and the port's address, with the network's router" \
@@ -78,7 +83,9 @@ check "while its port's own address still gets through" ip netns exec "$g1" ping
 ip -n "$g1" addr del 10.85.0.99/24 dev eth0
 
 # A VM's macvtap stays in the host's namespace: guarded on its own transmit path.
-status "a macvtap in the host's namespace" 0 create-vnic --macvtap web/vm3 vt0
+expect "a macvtap in the host's namespace, echoed as JSON" \
+	'[{"vnic": "vt0", "vport": "vm3", "lower": "kel-vxlan5100", "ipackets": null}]' \
+	create-vnic --macvtap --json -o vnic,vport,lower,ipackets web/vm3 vt0
 ip -n "$host" addr add 10.85.0.13/24 dev vt0
 ip -n "$host" addr add 10.85.0.98/24 dev vt0
 check "is guarded on its own egress" bash -c \
@@ -112,6 +119,8 @@ expect "a VNIC name that is taken is refused" \
 check "and leaves no port bound and no link behind" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o name,status,vnic web | grep -v '^sys-vport')\" = \"$before\" ] && ! ip -n '$g1' link show eth1 2>/dev/null"
 status "a guest namespace that does not exist fails" 1 create-vnic web/vm1 nosuchns-$$/eth0
+expect "delete-vnic --if-exists: nothing there is success" "" delete-vnic --if-exists nosuch0
+status "without it, a failure" 1 delete-vnic nosuch0
 
 status "the first VNIC goes" 0 delete-vnic "$g1/eth0"
 check "with its guard in the host's namespace" bash -c "! ip netns exec '$host' nft list table netdev 'kel_$g1/eth0' 2>/dev/null"
