@@ -171,6 +171,9 @@ private:
 
 int create_vnic(const Subcommand &cmd, const Options &opts)
 {
+	Output out;
+	if (opts.echo && !out.configure(cmd.fields, opts.fields, opts.format))
+		return kExitUsage;
 	if (!load_node_calls())
 		return kExitFailed;
 	if (opts.operands.size() != 2)
@@ -187,9 +190,6 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 		return usage_error(cmd, std::string("'") + target + "' is not a kel name");
 	}
 	const std::string vnic = opts.operands[1];
-	Output out;
-	if (opts.echo && !out.configure(cmd.fields, opts.fields, opts.format))
-		return kExitUsage;
 	Handle host, guest;
 	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)
 		return wexo_fail("cannot open this host's datalinks", st);
