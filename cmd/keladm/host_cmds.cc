@@ -106,6 +106,33 @@ std::vector<std::string> hosts_not_answering(const std::set<std::string> &hosts)
 	return out;
 }
 
+void say_silent_hosts(kel_dbhandle_t h, const Options &opts, const std::string &kel, const std::string &vport,
+    const char *redo)
+{
+	char filter[KEL_FILTER_LEN];
+	if (kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel", kel.c_str(),
+	        "vport", vport.c_str()) != KEL_SUCCESS)
+		return;
+	std::set<std::string> hosts;
+	auto each = [](const kel_vport_t *vp, void *arg) {
+		if (vp->evp_status == VPORT_STATUS_USED)
+			static_cast<std::set<std::string> *>(arg)->insert(vp->evp_hostname);
+		return 0;
+	};
+	if (kel_db_walk_vports(h, filter, KEL_WALK_NO_PROPS, each, &hosts) != KEL_SUCCESS || hosts.empty())
+		return;
+	const std::vector<std::string> silent = hosts_not_answering(hosts);
+	std::string list;
+	for (const std::string &host : silent)
+		list += (list.empty() ? "" : ", ") + host;
+	if (silent.empty())
+		std::fprintf(stderr, "keladm: every host of it answers now: a host's link refused the change (its keld's "
+		                     "log says why)\n");
+	else
+		std::fprintf(stderr, "keladm: host%s that did not answer: %s; %s once %s back\n", silent.size() > 1 ? "s" : "",
+		    list.c_str(), redo, silent.size() > 1 ? "they are" : "it is");
+}
+
 int show_host(const Subcommand &cmd, const Options &opts)
 {
 	Output out;

@@ -43,6 +43,26 @@ std::string kel_field(const kel_t *k, size_t field, const std::string &vports)
 	}
 }
 
+// After a kel was refused for its bound ports: which are bound where.
+void say_bound_ports(kel_dbhandle_t h, const Options &opts, const std::string &kel)
+{
+	char filter[KEL_FILTER_LEN];
+	if (kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", opts.tenant.c_str(), "kel", kel.c_str()) !=
+	    KEL_SUCCESS)
+		return;
+	std::string list;
+	auto each = [](const kel_vport_t *vp, void *arg) {
+		if (vp->evp_status == VPORT_STATUS_USED) {
+			std::string &l = *static_cast<std::string *>(arg);
+			l += (l.empty() ? "" : ", ") + std::string(vp->evp_name) + " (VNIC " + vp->evp_vnicname + " on " +
+			    vp->evp_hostname + ")";
+		}
+		return 0;
+	};
+	if (kel_db_walk_vports(h, filter, KEL_WALK_NO_PROPS, each, &list) == KEL_SUCCESS && !list.empty())
+		std::fprintf(stderr, "keladm: its bound vports: %s; delete their VNICs first\n", list.c_str());
+}
+
 // "kel=a,b" for the names given (with the tenant), or the tenant alone.
 std::string kel_filter(const Options &opts)
 {
@@ -108,6 +128,11 @@ int delete_kel(const Subcommand &cmd, const Options &opts)
 	int rc = kel_db_delete_kel(store.get(), opts.tenant.c_str(), opts.operands[0], 0);
 	if (rc == KEL_E_KEL_NOTFOUND && opts.if_exists)
 		return kExitOk;
+	if (rc == KEL_E_VPORT_INUSE) {
+		fail(std::string("cannot delete kel '") + opts.operands[0] + "'", rc);
+		say_bound_ports(store.get(), opts, opts.operands[0]);
+		return kExitFailed;
+	}
 	if (rc != KEL_SUCCESS)
 		return fail_here(store.get(), opts, std::string("cannot delete kel '") + opts.operands[0] + "'", rc,
 		    opts.operands[0]);
@@ -122,6 +147,11 @@ int sync_flood(const Subcommand &cmd, const Options &opts)
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
 	const int rc = kel_sync_vxlan_flood(store.get(), opts.tenant.c_str(), opts.operands[0]);
+	if (rc == KEL_E_HOST_CONNECT) {
+		fail(std::string("cannot join every host of kel '") + opts.operands[0] + "'", rc);
+		say_silent_hosts(store.get(), opts, opts.operands[0], "", "run sync-flood again");
+		return kExitFailed;
+	}
 	if (rc != KEL_SUCCESS)
 		return fail_here(store.get(), opts, std::string("cannot join every host of kel '") + opts.operands[0] + "'",
 		    rc, opts.operands[0]);

@@ -169,6 +169,11 @@ int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, in
 
 // Of `hosts`, those whose keld does not answer now (several are asked at once).
 std::vector<std::string> hosts_not_answering(const std::set<std::string> &hosts);
+// After a change some hosts missed: a line naming those of the hosts of `kel`'s bound
+// ports (of its port `vport` alone, when given) that do not answer now, and what to `redo`
+// once they are back.
+void say_silent_hosts(kel_dbhandle_t h, const Options &opts, const std::string &kel, const std::string &vport,
+    const char *redo);
 
 // After a change refused with KEL_E_RANGE_INUSE, a line naming the values in use that the
 // new range leaves out: the addresses of `kel`'s ports outside `pool`, or the kels' VLAN

@@ -5,6 +5,7 @@
 
 #include "keladm.h"
 #include "libkel.h"
+#include "owners.h"
 
 namespace keladm {
 namespace {
@@ -228,6 +229,16 @@ std::string message(int code)
 int fail(const std::string &what, int code)
 {
 	std::fprintf(stderr, "keladm: %s: %s\n", what.c_str(), message(code).c_str());
+	// The controller is reached as this host's setting says: name it, and how to change it.
+	if ((code & 0xff) == KEL_E_CTRL_CONNECT) {
+		kel::RecordList<kel_togprop_t> setting;
+		if (setting.read([](list_t *l) { return kel_get_client_togprop("controller", l); }) == KEL_SUCCESS &&
+		    !setting.empty()) {
+			const char *uri = setting.front()->esp_propval;
+			std::fprintf(stderr, "keladm: this host's controller is %s%s%s (keladm set-clientprop controller=URI)\n",
+			    *uri ? "'" : "", *uri ? uri : "not set", *uri ? "'" : "");
+		}
+	}
 	return kExitFailed;
 }
 

@@ -2,7 +2,6 @@
 // Ports and networks are named with their switch as KEL/NAME.
 #include <algorithm>
 #include <cstdio>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -23,34 +22,6 @@ struct Kind {
 constexpr Kind kKel = {"kel", nullptr, KEL_PROPTYPE_KEL, nullptr};
 constexpr Kind kVport = {"vport", "VPORT", KEL_PROPTYPE_VPORT, kel_parse_kelvportname};
 constexpr Kind kIpnet = {"ipnet", "IPNET", KEL_PROPTYPE_IPNET, kel_parse_kelipnetname};
-
-// After a live change some hosts missed: which of the hosts of `kel`'s bound ports (or of
-// its port `vport` alone) do not answer now.
-void say_missed(kel_dbhandle_t h, const Options &opts, const std::string &kel, const std::string &vport)
-{
-	char filter[KEL_FILTER_LEN];
-	if (kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel", kel.c_str(),
-	        "vport", vport.c_str()) != KEL_SUCCESS)
-		return;
-	std::set<std::string> hosts;
-	auto each = [](const kel_vport_t *vp, void *arg) {
-		if (vp->evp_status == VPORT_STATUS_USED)
-			static_cast<std::set<std::string> *>(arg)->insert(vp->evp_hostname);
-		return 0;
-	};
-	if (kel_db_walk_vports(h, filter, KEL_WALK_NO_PROPS, each, &hosts) != KEL_SUCCESS || hosts.empty())
-		return;
-	const std::vector<std::string> silent = hosts_not_answering(hosts);
-	std::string list;
-	for (const std::string &host : silent)
-		list += (list.empty() ? "" : ", ") + host;
-	if (silent.empty())
-		std::fprintf(stderr, "keladm: every host of it answers now: a host's link refused the change (its keld's "
-		                     "log says why)\n");
-	else
-		std::fprintf(stderr, "keladm: host%s that did not answer: %s; set the property again once %s back\n",
-		    silent.size() > 1 ? "s" : "", list.c_str(), silent.size() > 1 ? "they are" : "it is");
-}
 
 int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 {
@@ -78,7 +49,7 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 		fail(rc == KEL_E_PROP_PARTIAL ? "set '" + opts.props + "' on kel '" + object + "' (stored; some hosts missed it)"
 		                              : "cannot set '" + opts.props + "' on vport '" + object + "'",
 		    rc);
-		say_missed(store.get(), opts, m.kel, m.name);
+		say_silent_hosts(store.get(), opts, m.kel, m.name, "set the property again");
 		return kExitFailed;
 	}
 	if (rc == KEL_E_RANGE_INUSE && kind.type == KEL_PROPTYPE_IPNET && opts.props.rfind("pool=", 0) == 0) {

@@ -56,6 +56,16 @@ expect "a port's host" "keladm: cannot set 'maxbw=5M' on vport 'web/p1': KEL con
 keladm: host that did not answer: h1; set the property again once it is back" set-vportprop -p maxbw=5M web/p1
 expect "a kel's hosts" "keladm: set 'maxbw=5M' on kel 'web' (stored; some hosts missed it): could not set kel property on all vports
 keladm: hosts that did not answer: h1, h2; set the property again once they are back" set-kelprop -p maxbw=5M web
+expect "a kel with bound ports says which, and where" "keladm: cannot delete kel 'web': vport in use
+keladm: its bound vports: p1 (VNIC vn1 on h1), p2 (VNIC vn2 on h2); delete their VNICs first" delete-kel web
+"$keladm" set-controlprop vxlan-range=5000-5009 >/dev/null
+"$keladm" create-kel -p l2-type=vxlan vx >/dev/null
+"$keladm" add-ipnet -p subnet=10.9.0.0/24 vx/n9 >/dev/null
+"$keladm" add-vport vx/a >/dev/null
+sqlite3 "$root/etc/kel/kel.db" "UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h3', vport_vnicname = 'vn3'
+	WHERE vport_name = 'a'"
+expect "sync-flood names the hosts it could not reach" "keladm: cannot join every host of kel 'vx': KEL controller failed connecting to a host
+keladm: host that did not answer: h3; run sync-flood again once it is back" sync-flood vx
 "$keladm" create-kel -p l2-type=flat v6 >/dev/null
 "$keladm" add-ipnet -p subnet=fd00::/120 v6/n6 >/dev/null
 "$keladm" add-vport v6/a >/dev/null
