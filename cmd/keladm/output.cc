@@ -171,7 +171,15 @@ void Output::put(size_t column, std::string_view value)
 {
 	// Values are C texts: a '\0' would end one early, so none is kept.
 	value = value.substr(0, value.find('\0'));
+	const size_t start = row_.size();
 	row_.append(value);
+	// A value may come from any caller of the store: on a terminal a control character
+	// (an escape sequence) would act rather than show, so tables and lines show '?'.
+	// JSON escapes them itself.
+	if (format_ != Format::Json)
+		for (size_t i = start; i < row_.size(); i++)
+			if (static_cast<unsigned char>(row_[i]) < 0x20 || row_[i] == 0x7f)
+				row_[i] = '?';
 	row_ += '\0';
 	width_[column] = std::max(width_[column], value.size());
 }

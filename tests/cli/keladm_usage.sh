@@ -80,6 +80,9 @@ sqlite3 "$db" "UPDATE vport_tbl SET vport_props = 'ipaddr=' || CAST(X'31FF32C3A9
 json=$("$keladm" show-vport --json -o ipaddr web/p1)
 check "JSON is valid UTF-8 whatever the store holds" bash -c "iconv -f UTF-8 -t UTF-8 <<<'$json' >/dev/null"
 check "bad bytes become U+FFFD" test "$json" = '[{"ipaddr": "1\ufffd2é\ufffd\ufffd"}]'
+sqlite3 "$db" "UPDATE vport_tbl SET vport_props = 'ipaddr=' || CAST(X'311B5B326A0A32' AS TEXT) WHERE vport_name = 'p1'"
+expect "control characters never reach a terminal" "1?[2j?2" show-vport -p -o ipaddr web/p1
+expect "and are escaped in JSON" '[{"ipaddr": "1\u001b[2j\u000a2"}]' show-vport --json -o ipaddr web/p1
 sqlite3 "$db" "UPDATE vport_tbl SET vport_props = '$props' WHERE vport_name = 'p1'"
 
 # -p escapes ':' only where it separates fields.
