@@ -55,6 +55,8 @@ inline constexpr Field kIpnetpropFields[] = {{"ipnet"}, {"tenant", Kind::Text, t
 inline constexpr Field kHostFields[] = {{"host"}, {"answers", Kind::Flag}, {"version"},
     {"uptime", Kind::Number}, {"reloads", Kind::Number}, {"controller"}, {"reaches", Kind::Flag},
     {"problem"}};
+inline constexpr Field kUsageFields[] = {{"resource"}, {"owner"}, {"range"}, {"total", Kind::Number},
+    {"used", Kind::Number}, {"free", Kind::Number}, {"percent", Kind::Decimal}, {"high", Kind::Flag}};
 inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"},
     {"lower"}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
     {"obytes", Kind::Number}};
@@ -86,6 +88,7 @@ struct Options {
 	bool may_exist = false;	// --may-exist: an object of that name is success
 	bool if_exists = false;	// --if-exists: no such object is success
 	bool repair = false;	// --repair (check-store)
+	double threshold = 90;	// --threshold PERCENT (show-usage): what counts as nearly full
 	std::span<char *> operands;
 };
 
@@ -103,6 +106,7 @@ enum OptionSet : unsigned {
 	kMayExist = 256,	// --may-exist
 	kIfExists = 512,	// --if-exists
 	kRepair = 1024,		// --repair
+	kThreshold = 2048,	// --threshold PERCENT
 };
 
 // Parses `args` for subcommand `cmd`: options may stand before, between and after the
@@ -154,6 +158,7 @@ int create_vnic(const Subcommand &cmd, const Options &opts);
 int delete_vnic(const Subcommand &cmd, const Options &opts);
 int show_vnic(const Subcommand &cmd, const Options &opts);
 int show_host(const Subcommand &cmd, const Options &opts);
+int show_usage(const Subcommand &cmd, const Options &opts);
 
 // The tenant a listing's filter names: "" (every tenant) for -T all.
 inline std::string listed_tenant(const Options &opts)

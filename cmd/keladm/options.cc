@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -24,6 +25,7 @@ enum LongOption : int {
 	kOptMayExist,
 	kOptIfExists,
 	kOptRepair,
+	kOptThreshold,
 };
 
 // Every option, the set that brings it and its line in `keladm help NAME`.
@@ -44,6 +46,7 @@ constexpr OptionDoc kOptionDocs[] = {
 	{kMayExist, "--may-exist", "an object of that name already there is success, not an error"},
 	{kIfExists, "--if-exists", "no such object is success, not an error"},
 	{kRepair, "--repair", "put back what an older version leaked"},
+	{kThreshold, "--threshold PERCENT", "flag what is used this much or more (default: 90)"},
 	{kShow | kEcho, "-o FIELD,...", "the fields to print, in this order (fields below)"},
 	{kShow, "-p, --parseable", "one line per object, fields joined by ':' (escaped as \\: when more than one)"},
 	{kEcho, "--parseable", "print the new object as show's -p does, not as a sentence"},
@@ -85,6 +88,8 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 	offer(set & kMayExist, "may-exist", kOptMayExist);
 	offer(set & kIfExists, "if-exists", kOptIfExists);
 	offer(set & kRepair, "repair", kOptRepair);
+	if (set & kThreshold)
+		longs.push_back({"threshold", required_argument, nullptr, kOptThreshold});
 	longs.push_back({nullptr, 0, nullptr, 0});
 
 	// No leading '+': options may follow the operands, and a word that begins with '-' is
@@ -132,6 +137,13 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 		case kOptMayExist: opts->may_exist = true; break;
 		case kOptIfExists: opts->if_exists = true; break;
 		case kOptRepair: opts->repair = true; break;
+		case kOptThreshold: {
+			char *end = nullptr;
+			opts->threshold = std::strtod(optarg, &end);
+			if (end == optarg || *end != '\0' || !(opts->threshold >= 0 && opts->threshold <= 100))
+				return refuse(cmd, std::string("--threshold takes a percentage from 0 to 100, not '") + optarg + "'");
+			break;
+		}
 		case 'P': opts->names = optarg; break;
 		case 'o': opts->fields = optarg; break;
 		case 'p':

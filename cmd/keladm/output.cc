@@ -87,7 +87,7 @@ std::string json_string(std::string_view v)
 
 bool whole_number(std::string_view v)
 {
-	if (v.empty() || v.size() > 20)
+	if (v.empty() || v.size() > 39)	// 2^128 has 39 digits: address counts reach that
 		return false;
 	for (char c : v)
 		if (c < '0' || c > '9')
@@ -111,6 +111,13 @@ std::string json_value(Kind kind, std::string_view v)
 		return "null";
 	if (kind == Kind::Number)
 		return whole_number(v) ? std::string(v) : "null";
+	if (kind == Kind::Decimal) {
+		const size_t dot = v.find('.');
+		const bool ok = whole_number(v.substr(0, dot)) &&
+		    (dot == std::string_view::npos ||
+		        (dot + 1 < v.size() && v.substr(dot + 1).find_first_not_of("0123456789") == std::string_view::npos));
+		return ok ? std::string(v) : "null";
+	}
 	if (kind == Kind::Flag)
 		return v == "yes" ? "true" : v == "no" ? "false" : "null";
 	return json_string(v);

@@ -16,6 +16,7 @@ enum class Format { Table, Parseable, Json };
 enum class Kind {
 	Text,		// a string
 	Number,		// a whole number
+	Decimal,	// a number that may have a fraction
 	List,		// comma-separated items: an array of strings ([] when empty)
 	Flag,		// "yes" or "no": true or false
 };
