@@ -15,6 +15,7 @@
 #include "sql.h"
 #include "text.h"
 #include "vport.h"
+#include "vport_counters.h"
 
 namespace {
 
@@ -171,7 +172,16 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 	return KEL_SUCCESS;
 }
 
-int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *extra)
+// Adds the counters of the VNIC going away to those `vp` keeps (written with its properties).
+int keep_counters(kel_vport_t *vp, const kel_vport_counters_t &last)
+{
+	if (vp->evp_props == nullptr && attrset_create(&vp->evp_props, ATTRSET_UNIQUE_NAME) != 0)
+		return KEL_E_NOMEM;
+	return kel::add_counters_gone(vp->evp_props, last);
+}
+
+int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *extra,
+    const kel_vport_counters_t *last)
 {
 	// Both go into a filter: a comma in either would add an alternative to it.
 	if (!kel_valid_zonevnicname(vnic) || !valid_hostname(host))
@@ -203,11 +213,15 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 		rc = KEL_E_FAILED;
 	else if (vp->evp_status != VPORT_STATUS_USED)
 		rc = KEL_E_VPORT_NOTFOUND;
-	else if (attrset_exists(vp->evp_props, kMigrating))
-		rc = kel_db_clear_vport_migration(h, vp, host, filter);
-	else if ((rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) == KEL_SUCCESS &&
-	         kel_is_system_vport(vp->evp_name))
-		rc = kel_db_remove_system_vport(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name);
+	// The VNIC's counters join the port's in the same transaction as the unbinding: kept
+	// exactly when the port is let go, whichever way it goes below.
+	else if (last == nullptr || (rc = keep_counters(vp, *last)) == KEL_SUCCESS) {
+		if (attrset_exists(vp->evp_props, kMigrating))
+			rc = kel_db_clear_vport_migration(h, vp, host, filter);
+		else if ((rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) == KEL_SUCCESS &&
+		         kel_is_system_vport(vp->evp_name))
+			rc = kel_db_remove_system_vport(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name);
+	}
 	return rc != KEL_SUCCESS ? rc : tx.commit();
 }
 
@@ -258,9 +272,15 @@ int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
     const char *filter) noexcept
 {
+	return kel_db_unassign_vport_counted(h, vnic, host, filter, nullptr);
+}
+
+int kel_db_unassign_vport_counted(kel_dbhandle_t h, const char *vnic, const char *host, const char *filter,
+    const kel_vport_counters_t *last) noexcept
+{
 	if (h == nullptr || vnic == nullptr || host == nullptr)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return unassign(h, vnic, host, filter); });
+	return kel::c_boundary([&] { return unassign(h, vnic, host, filter, last); });
 }
 
 }  // extern "C"

@@ -627,6 +627,31 @@ int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 /* Unbinds the port bound to `vnic` on `host` (or, failing that, found with `filter`). */
 int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
     const char *filter) KEL_NOEXCEPT;
+
+/* A port's traffic counters. */
+typedef struct kel_vport_counters {
+	uint64_t evc_ipackets;
+	uint64_t evc_rbytes;
+	uint64_t evc_opackets;
+	uint64_t evc_obytes;
+} kel_vport_counters_t;
+
+/*
+ * kel_db_unassign_vport, with `last` (NULL: none) the counters the VNIC going away carried:
+ * they are added, in the unbinding's own transaction, to the counters the port keeps of its
+ * VNICs that are gone (hidden property "kel:counters_gone"). A migration's old host
+ * letting go thus hands its counters over with the port.
+ */
+int kel_db_unassign_vport_counted(kel_dbhandle_t h, const char *vnic, const char *host,
+    const char *filter, const kel_vport_counters_t *last) KEL_NOEXCEPT;
+/*
+ * A port's traffic in all: what its VNICs that are gone carried, plus what its VNIC reports
+ * now when it is bound (asked of its host, without the store lock held). KEL_E_KEL_NOTFOUND,
+ * KEL_E_VPORT_NOTFOUND, or the host's code (KEL_E_HOST_CONNECT, KEL_E_NUQ, KEL_E_WEXO) when
+ * the VNIC cannot be read; `*total` is cleared on failure.
+ */
+int kel_db_get_vport_counters(kel_dbhandle_t h, const char *tenant, const char *kel,
+    const char *vport, kel_vport_counters_t *total) KEL_NOEXCEPT;
 /*
  * Joins the hosts of VXLAN kel `kel` when the fabric has no multicast group: each host
  * with a port of the kel bound (or migrating) there gets the VXLAN endpoints of the

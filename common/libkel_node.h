@@ -285,6 +285,13 @@ int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelna
  * The release's error comes first, then the link's. */
 int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
     datalink_id_t linkid, uint32_t flags) KEL_NOEXCEPT;
+/*
+ * kel_disconnect_vnic, with `last` the counters the VNIC carried (NULL: none): the
+ * controller adds them to the port's, so that its traffic counters survive the VNIC. Read
+ * them (kel_get_vnicstat) just before removing the VNIC.
+ */
+int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, const char *extra,
+    datalink_id_t linkid, const kel_vport_counters_t *last, uint32_t flags) KEL_NOEXCEPT;
 /* The ports bound to `vnicname` on this host, as the controller knows them (none: *count
  * 0). Free with kelcntl_VPortInfo_array_free. */
 int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count) KEL_NOEXCEPT;

@@ -14,7 +14,8 @@ int kel_assign_vport(const char *tenant, const char *kelname, const char *vportn
     kelcntl_KELImplInfo **implinfo);
 // Releases the port of `vnicname` on `hostname` (with `extra`: the port "vnic" and
 // `extra` select); KEL_SUCCESS when none is bound.
-int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra);
+int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra,
+    const kel_vport_counters_t *last = nullptr);
 // The ports the controller lists for `filter`.
 int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,
     int *count);

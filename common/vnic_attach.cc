@@ -145,13 +145,13 @@ int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
 }
 
 int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid)
+    datalink_id_t linkid, const kel_vport_counters_t *last)
 {
 	char host[kHostLen];
 	int rc = kel_get_hostname(host, sizeof(host));
 	if (rc != KEL_SUCCESS)
 		return rc;
-	const int unassigned = kel_unassign_vport(vnicname, host, extra);
+	const int unassigned = kel_unassign_vport(vnicname, host, extra, last);
 	datalink_class_t cls;
 	char name[MAXLINKNAMELEN];
 	int link = KEL_SUCCESS;
@@ -206,7 +206,8 @@ int kel_assign_vport(const char *tenant, const char *kelname, const char *vportn
 	return method_result(r, KelError(err));
 }
 
-int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra)
+int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra,
+    const kel_vport_counters_t *last)
 {
 	char filter[kPropLen];
 	int rc = extra != nullptr
@@ -231,7 +232,7 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kelcntl_KELError *err = nullptr;
-	const int r = kelcntl_KEL_unAssignVPort(kel.get(), vnicname, hostname, extra, &err);
+	const int r = kelcntl_KEL_unAssignVPort(kel.get(), vnicname, hostname, extra, last, &err);
 	rc = method_result(r, KelError(err));
 	if (rc == KEL_SUCCESS)
 		sync_flood(kel.get());
@@ -271,12 +272,18 @@ int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelna
 }
 
 int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid, uint32_t) noexcept
+    datalink_id_t linkid, uint32_t flags) noexcept
+{
+	return kel_disconnect_vnic_counted(handle, vnicname, extra, linkid, nullptr, flags);
+}
+
+int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, const char *extra,
+    datalink_id_t linkid, const kel_vport_counters_t *last, uint32_t) noexcept
 {
 	KEL_ASSERT(kel::kAreaNuq, vnicname != NULL);
 	if (handle == nullptr || !kel_valid_zonevnicname(vnicname))
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return disconnect_vnic(handle, vnicname, extra, linkid); });
+	return kel::c_boundary([&] { return disconnect_vnic(handle, vnicname, extra, linkid, last); });
 }
 
 int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count) noexcept

@@ -40,8 +40,10 @@ inline constexpr Field kKelFields[] = {{"name"}, {"tenant"}, {"l2type"}, {"id", 
     {"uuid"}, {"vports", Kind::List}};
 inline constexpr Field kIpnetFields[] = {{"name"}, {"kel"}, {"tenant"}, {"subnet"}, {"defrouter"}, {"pool"},
     {"available"}};
+// A port's counters are its VNICs' in all, asked of its host: only when -o names them.
 inline constexpr Field kVportFields[] = {{"name"}, {"kel"}, {"tenant"}, {"status"}, {"host"}, {"vnic"},
-    {"ipaddr"}, {"macaddr"}, {"uuid"}};
+    {"ipaddr"}, {"macaddr"}, {"uuid"}, {"ipackets", Kind::Number, true}, {"rbytes", Kind::Number, true},
+    {"opackets", Kind::Number, true}, {"obytes", Kind::Number, true}};
 inline constexpr Field kClientpropFields[] = {{"property"}, {"permission"}, {"value"}, {"default"}};
 inline constexpr Field kControlpropFields[] = {{"property"}, {"host"}, {"permission"}, {"value"},
     {"default"}, {"vlan-range"}, {"vxlan-range"}, {"flat", Kind::Flag}};

@@ -248,6 +248,21 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 	Handle host;
 	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)
 		return wexo_fail("cannot open this host's datalinks", st);
+	// Its counters are read just before it goes, for its port to keep: this host's keld
+	// reads them in whatever namespace the VNIC is. A VNIC whose counters cannot be read
+	// still goes, its traffic uncounted.
+	kel_vport_counters_t last{};
+	bool counted = false;
+	{
+		nuq_conn_t *raw = nullptr;
+		const int connected = kel_nuq_connection_to_self(&raw);
+		const kel::Owned<nuq_conn_t, nuq_disconnect> self(raw);
+		link_stat_t st;
+		if (connected == KEL_SUCCESS && node().kel_get_vnicstat(self.get(), vnic.c_str(), &st) == KEL_SUCCESS) {
+			last = {st.ls_ipackets, st.ls_rbytes, st.ls_opackets, st.ls_obytes};
+			counted = true;
+		}
+	}
 	// The VNIC goes first: the link under it can only go once nothing is made over it.
 	datalink_id_t lower = DATALINK_INVALID_LINKID;
 	const wexo_status_t st = node().wexo_vnic_delete(host.get(), vnic.c_str(), &lower);
@@ -262,7 +277,7 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 			                      : fail("no VNIC '" + vnic + "' on this host, and no port bound to one", KEL_E_VPORT_NOTFOUND);
 		warn("VNIC '" + vnic + "' is not on this host; releasing its port", KEL_WEXO_ERROR(st));
 	}
-	const int rc = node().kel_disconnect_vnic(host.get(), vnic.c_str(), nullptr, lower, 0);
+	const int rc = node().kel_disconnect_vnic_counted(host.get(), vnic.c_str(), nullptr, lower, counted ? &last : nullptr, 0);
 	// Without the VNIC there is no lower link to look at: the release is what counts.
 	if (rc != KEL_SUCCESS && !(st == WEXO_STATUS_NOTFOUND && (rc & 0xff) == KEL_E_WEXO))
 		return fail("cannot release the port of VNIC '" + vnic + "'", rc);

@@ -85,8 +85,9 @@ int change(const Subcommand &cmd, const Options &opts, bool reset)
 	return kExitOk;
 }
 
-// Field `field` of kVportFields for port `vp`.
-std::string vport_field(const kel_vport_t *vp, size_t field)
+// Field `field` of kVportFields for port `vp`, whose counters are `counters` (NULL: not
+// known).
+std::string vport_field(const kel_vport_t *vp, size_t field, const kel_vport_counters_t *counters = nullptr)
 {
 	switch (field) {
 	case 0: return vp->evp_name;
@@ -97,12 +98,40 @@ std::string vport_field(const kel_vport_t *vp, size_t field)
 	case 5: return vp->evp_vnicname;
 	case 6: return prop(vp->evp_props, "ipaddr");
 	case 7: return prop(vp->evp_props, "macaddr");
-	default: {
+	case 8: {
 		char uuid[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(vp->evp_uuid, uuid);
 		return uuid;
 	}
+	default: {
+		if (counters == nullptr)
+			return "";
+		const uint64_t values[] = {counters->evc_ipackets, counters->evc_rbytes, counters->evc_opackets,
+			counters->evc_obytes};
+		return std::to_string(values[field - 9]);
 	}
+	}
+}
+
+// show-vport with counters: the ports are read first, then each one's counters are asked
+// of its host with the store released, so that no host's answer holds up a writer.
+int show_counted_vports(kel_dbhandle_t h, const char *filter, Output *out)
+{
+	kel::RecordList<kel_vport_t> ports;
+	if (int rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); }); rc != KEL_SUCCESS)
+		return rc;
+	std::string silent;
+	for (kel_vport_t *vp : ports) {
+		kel_vport_counters_t c{};
+		const int rc = kel_db_get_vport_counters(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name, &c);
+		if (rc != KEL_SUCCESS)
+			silent += (silent.empty() ? "" : ", ") + std::string(vp->evp_kelname) + "/" + vp->evp_name + " (" +
+			    message(rc) + ")";
+		out->add_with([&](size_t f) { return vport_field(vp, f, rc == KEL_SUCCESS ? &c : nullptr); });
+	}
+	if (!silent.empty())
+		std::fprintf(stderr, "keladm: warning: no counters for %s\n", silent.c_str());
+	return KEL_SUCCESS;
 }
 
 }  // namespace
@@ -171,6 +200,15 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 	Store store;
 	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
+	if (out.shows("ipackets") || out.shows("rbytes") || out.shows("opackets") || out.shows("obytes")) {
+		rc = show_counted_vports(store.get(), filter, &out);
+		if (rc == KEL_E_VPORT_NOTFOUND && opts.operands.empty())
+			rc = KEL_SUCCESS;
+		if (rc != KEL_SUCCESS)
+			return fail_here(store.get(), opts, "cannot list vports", rc, kel, "vport", name);
+		out.print();
+		return kExitOk;
+	}
 	// One port at a time into the output's text; the addresses are read from the
 	// properties only when a column shows one.
 	const uint32_t flags = out.shows("ipaddr") || out.shows("macaddr") ? 0 : KEL_WALK_NO_PROPS;

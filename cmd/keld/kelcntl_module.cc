@@ -45,6 +45,28 @@ nuq::Reply kel_error(int rc)
 	return nuq::Reply{NUQ_E_OBJECT, {{"ekele_err", rc}, {"ekele_errmsg", kel_errmsg(rc, msg, sizeof(msg))}}};
 }
 
+// The optional "counters" of an unbinding: four unsigned numbers, or absent (*counted
+// false). Anything else is refused rather than half read.
+bool read_counters(const Json &args, kel_vport_counters_t *out, bool *counted)
+{
+	const Json *c = nuq::member(args, "counters");
+	*counted = c != nullptr && !c->is_null();
+	if (!*counted)
+		return true;
+	const struct {
+		const char *name;
+		uint64_t *to;
+	} fields[] = {{"ipackets", &out->evc_ipackets}, {"rbytes", &out->evc_rbytes}, {"opackets", &out->evc_opackets},
+		{"obytes", &out->evc_obytes}};
+	for (const auto &f : fields) {
+		const Json *n = nuq::member(*c, f.name);
+		if (n == nullptr || !n->is_number_unsigned())
+			return false;
+		*f.to = n->get<uint64_t>();
+	}
+	return true;
+}
+
 nuq::Reply bad_args()
 {
 	return nuq::Reply{NUQ_E_BADARGS, nullptr};
@@ -166,12 +188,16 @@ nuq::Interface kel_interface()
 		const std::string *vnic = nuq::text_member(args, "vnicname");
 		const std::string *host = nuq::text_member(args, "hostname");
 		const char *extra = nullptr;
-		if (vnic == nullptr || host == nullptr || !nuq::optional_text(args, "extra", &extra))
+		kel_vport_counters_t last{};
+		bool counted = false;
+		if (vnic == nullptr || host == nullptr || !nuq::optional_text(args, "extra", &extra) ||
+		    !read_counters(args, &last, &counted))
 			return bad_args();
 		Store store(KEL_DB_READWRITE);
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
-		const int rc = kel_db_unassign_vport(store.get(), vnic->c_str(), host->c_str(), extra);
+		const int rc = kel_db_unassign_vport_counted(store.get(), vnic->c_str(), host->c_str(), extra,
+		    counted ? &last : nullptr);
 		log_change(rc, "unbind VNIC " + *vnic + " on host " + *host);
 		return rc == KEL_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, Json::object()} : kel_error(rc);
 	};

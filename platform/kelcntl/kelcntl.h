@@ -20,9 +20,10 @@ int kelcntl_KEL__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst,
 int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
     const char *vportname, const char *extra, kelcntl_KELImplInfo **implinfo,
     kelcntl_KELError **err);
-// Unbinds the port of `vnicname` on `hostname`; `extra` as the unbinding's filter.
+// Unbinds the port of `vnicname` on `hostname`; `extra` as the unbinding's filter; `last`
+// (NULL: none) the counters the VNIC carried, for the port to keep.
 int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
-    const char *extra, kelcntl_KELError **err);
+    const char *extra, const kel_vport_counters_t *last, kelcntl_KELError **err);
 // Joins the switch's hosts again when it is a VXLAN switch without a multicast group
 // (each host's VXLAN link floods to the others).
 int kelcntl_KEL_syncFlood(nuq_instance_t *inst, kelcntl_KELError **err);

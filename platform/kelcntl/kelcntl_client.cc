@@ -80,13 +80,15 @@ int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const ch
 }
 
 int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
-    const char *extra, kelcntl_KELError **err)
+    const char *extra, const kel_vport_counters_t *last, kelcntl_KELError **err)
 {
 	if (vnicname == nullptr || hostname == nullptr)
 		return NUQ_E_BADARGS;
-	return call(inst, "unAssignVPort",
-	    {{"vnicname", vnicname}, {"hostname", hostname}, {"extra", text_or_null(extra)}}, err,
-	    [](const json &) {});
+	json args = {{"vnicname", vnicname}, {"hostname", hostname}, {"extra", text_or_null(extra)}};
+	if (last != nullptr)
+		args["counters"] = {{"ipackets", last->evc_ipackets}, {"rbytes", last->evc_rbytes},
+		    {"opackets", last->evc_opackets}, {"obytes", last->evc_obytes}};
+	return call(inst, "unAssignVPort", args, err, [](const json &) {});
 }
 
 int kelcntl_KEL_syncFlood(nuq_instance_t *inst, kelcntl_KELError **err)

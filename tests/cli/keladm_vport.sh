@@ -50,5 +50,17 @@ expect "it is free, on no host" '[{"name": "p1", "status": "free", "host": null}
 check "remove-vport" "$keladm" remove-vport web/p1
 expect "the address is back" "added vport web/p5 (10.1.0.2/24, aa:0:0:0:0:9)" add-vport -p macaddr=aa:0:0:0:0:9 web/p5
 expect "removing it again" "keladm: cannot remove vport 'web/p1': vport not found" remove-vport web/p1
+# A port's counters are what its VNICs that are gone carried (kept by the controller) plus
+# its VNIC's now: a free port has only the first. They are shown only when asked for.
+sqlite3 "$root/etc/kel/kel.db" \
+	"UPDATE vport_tbl SET vport_props = vport_props || ',kel:counters_gone=1/200/3/400' WHERE vport_name = 'p5'"
+expect "a free port's counters" "p5:1:200:3:400" show-vport -p -o name,ipackets,rbytes,opackets,obytes web/p5
+expect "as numbers" '[{"ipackets": 1, "obytes": 400}]' show-vport --json -o ipackets,obytes web/p5
+check "and not unless asked" bash -c "! '$keladm' show-vport web/p5 | grep -q 400"
+sqlite3 "$root/etc/kel/kel.db" \
+	"UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h1', vport_vnicname = 'vn5' WHERE vport_name = 'p5'"
+expect "a bound port whose host does not answer has none, and says why" \
+	"keladm: warning: no counters for web/p5 (KEL controller failed connecting to a host)
+p5:" show-vport -p -o name,ipackets web/p5
 status "-f is for remove and reset" 2 add-vport -f web/p6
 exit $fail

@@ -116,11 +116,22 @@ check "counters from the host ($from_host) and the controller ($from_ctl) are th
 quiet hb create-vnic --address -p vmid=vm-42 db/a vm42
 check "the port is migrating to host B" test \
 	"$(keladm_on ctl show-vport -p -o host db/a)" = kel-ha
+on_a=$(keladm_on ha show-vnic -p -o opackets vm42)
 quiet ha delete-vnic vm42
 moved=$(keladm_on ctl show-vport -p -o status,host,vnic db/a)
 check "removing the VNIC on host A hands the port to host B ($moved)" test "$moved" = "bound:kel-hb:vm42"
 check "the migrated VM reaches the other guests again, on its new host and on the old" \
 	bash -c "$(declare -f vm_pings host_ns); fabric_tag=$fabric_tag; vm_pings hb 10.92.0.12 && vm_pings hb 10.92.0.13"
+# Its counters survive the move: host A's went to the controller with the port, and the
+# port's total is those plus what host B's VNIC counts now.
+gone=$(keladm_on ctl show-vportprop -p -o value -P kel:counters_gone db/a | cut -d/ -f3)
+b_before=$(keladm_on hb show-vnic -p -o opackets vm42)
+total=$(keladm_on ctl show-vport -p -o opackets db/a)
+b_after=$(keladm_on hb show-vnic -p -o opackets vm42)
+check "host A's counters stayed with the port ($gone sent there, $on_a seen before it went)" \
+	test "${gone:-0}" -ge "${on_a:-1}" -a "$on_a" -ge 2
+check "the port's total is host A's plus host B's ($total = $gone + $b_before..$b_after)" \
+	test "${total:-0}" -ge $((gone + b_before)) -a "${total:-0}" -le $((gone + b_after)) -a "$b_before" -ge 2
 quiet ha delete-vnic "$(guest a2)/eth0"
 check "host A's last VNIC of the VNI took its VXLAN link along" \
 	bash -c "! ip -n $(host_ns ha) link show kel-vxlan5001 2>/dev/null"

@@ -221,6 +221,48 @@ TEST_F(Bindings, AVirtualMachineTakesItsPortAlong)
 	EXPECT_EQ(ports(), "p1=- p2=-");
 }
 
+// A port's counters survive its VNICs: each one's, handed over as it lets go (the old
+// host completing a move, a failed move's destination, a plain unbinding), adds to what
+// the port keeps, and a port read while free reports just that.
+TEST_F(Bindings, CountersOfVnicsThatAreGoneStayWithThePort)
+{
+	// What the port keeps, as stored.
+	auto gone = [&] {
+		const std::string props = value("SELECT vport_props FROM vport_tbl WHERE vport_name = 'p1'");
+		const size_t at = props.find("kel:counters_gone=");
+		return at == std::string::npos ? "none" : props.substr(at + 18, props.find(',', at) - at - 18);
+	};
+	const kel_vport_counters_t on_h1 = {5, 500, 6, 600}, on_h2 = {1, 100, 2, 200}, back = {7, 700, 8, 800};
+	ASSERT_EQ(bind("p1", "vn0", "h1", "vmid=vm7"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	ASSERT_EQ(bind("p1", "vn0", "h2", "vmid=vm7"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(kel_db_unassign_vport_counted(h_, "vn0", "h1", nullptr, &on_h1), KEL_SUCCESS);
+	EXPECT_EQ(ports(), "p1=h2:vn0 p2=-");
+	EXPECT_EQ(gone(), "5/500/6/600") << "the move's old host handed its counters over";
+	// Nothing bound to that VNIC there: nothing is kept.
+	EXPECT_EQ(kel_db_unassign_vport_counted(h_, "vn0", "h1", nullptr, &back), KEL_E_VPORT_NOTFOUND);
+	EXPECT_EQ(gone(), "5/500/6/600");
+	// A move back that fails: its destination lets go, with what its VNIC carried.
+	ASSERT_EQ(bind("p1", "vn0", "h1", "vmid=vm7"), "p1@h2:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(kel_db_unassign_vport_counted(h_, "vn0", "h1", "vport=p1", &back), KEL_SUCCESS);
+	EXPECT_EQ(ports(), "p1=h2:vn0 p2=-");
+	EXPECT_EQ(gone(), "12/1200/14/1400");
+	// While bound, the total needs the host, which is not there to ask.
+	kel_vport_counters_t total = {9, 9, 9, 9};
+	EXPECT_EQ(kel_db_get_vport_counters(h_, "sys-global", "web", "p1", &total) & 0xff, KEL_E_HOST_CONNECT);
+	EXPECT_EQ(total.evc_ipackets + total.evc_rbytes + total.evc_opackets + total.evc_obytes, 0u) << "cleared";
+	EXPECT_EQ(kel_db_unassign_vport_counted(h_, "vn0", "h2", nullptr, &on_h2), KEL_SUCCESS);
+	EXPECT_EQ(ports(), "p1=- p2=-");
+	ASSERT_EQ(kel_db_get_vport_counters(h_, "sys-global", "web", "p1", &total), KEL_SUCCESS);
+	EXPECT_EQ(std::to_string(total.evc_ipackets) + "/" + std::to_string(total.evc_rbytes) + "/" +
+	        std::to_string(total.evc_opackets) + "/" + std::to_string(total.evc_obytes),
+	    "13/1300/16/1600") << "a free port's total is what is gone";
+	// A hand-edited value that is no four numbers counts as none, and never stops an unbinding.
+	sql("UPDATE vport_tbl SET vport_props = 'kel:counters_gone=1/-2/3/4' WHERE vport_name = 'p1'");
+	ASSERT_EQ(bind("p1", "vn0", "h1"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(kel_db_unassign_vport_counted(h_, "vn0", "h1", nullptr, &on_h2), KEL_SUCCESS);
+	EXPECT_EQ(gone(), "1/100/2/200");
+}
+
 TEST_F(Bindings, AFailedMigrationLeavesThePortWhereItWas)
 {
 	ASSERT_EQ(bind("p1", "vn0", "h1", "vmid=vm7"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
@@ -257,7 +299,9 @@ TEST_F(Bindings, AFailedUnbindChangesNothing)
 	const std::string got = bind(nullptr, "vn0", "h1");
 	ASSERT_EQ(got.rfind("sys-", 0), 0u) << got;
 	const std::string before = ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl");
-	kel::test::for_each_failing_statement([&] { return kel_db_unassign_vport(h_, "vn0", "h1", nullptr); },
+	// With counters handed over, which a failed unbinding keeps no more than its other changes.
+	const kel_vport_counters_t last = {1, 2, 3, 4};
+	kel::test::for_each_failing_statement([&] { return kel_db_unassign_vport_counted(h_, "vn0", "h1", nullptr, &last); },
 	    [&](int, int rc) {
 		    ASSERT_NE(rc, KEL_SUCCESS);
 		    EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);

@@ -7,6 +7,7 @@
 #include <string>
 #include <thread>
 
+#include "client.h"
 #include "kelcntl.h"
 #include "kelcntl_module.h"
 #include "libkel.h"
@@ -162,14 +163,14 @@ TEST_F(Controller, SystemPortsAndUnbindingOverTheTransport)
 	EXPECT_STREQ(ports[0]->evpi_tenantname, "acme");
 	kelcntl_VPortInfo_array_free(ports, count);
 
-	ASSERT_EQ(kelcntl_KEL_unAssignVPort(inst, "vn5", "h1", nullptr, &err), 0);
+	ASSERT_EQ(kelcntl_KEL_unAssignVPort(inst, "vn5", "h1", nullptr, nullptr, &err), 0);
 	// Unbinding a system port removes it; finding nothing is an empty answer.
 	ASSERT_EQ(kelcntl_KELController_getVPortInfo(ctl, "vnic=vn5", &ports, &count, &err), 0);
 	EXPECT_EQ(count, 0);
 	kelcntl_VPortInfo_array_free(ports, count);
 	EXPECT_EQ(rows("vport_tbl"), 1);
 	const std::string unbind_free = error([&](kelcntl_KELError **e) {
-		return kelcntl_KEL_unAssignVPort(inst, "vn5", "h1", "vport=p1", e);
+		return kelcntl_KEL_unAssignVPort(inst, "vn5", "h1", "vport=p1", nullptr, e);
 	});
 	EXPECT_EQ(unbind_free, message(KEL_E_VPORT_NOTFOUND));
 	const std::string bad_filter = error([&](kelcntl_KELError **e) {
@@ -177,6 +178,49 @@ TEST_F(Controller, SystemPortsAndUnbindingOverTheTransport)
 	});
 	EXPECT_EQ(bad_filter, message(KEL_E_INVALID_FILTER));
 	EXPECT_EQ(ports, nullptr);
+	nuq_instance_rele(ctl);
+	nuq_instance_rele(inst);
+}
+
+// The counters a VNIC carried travel with its unbinding and stay with the port, adding up
+// over its VNICs; what is not four unsigned numbers is refused and changes nothing.
+TEST_F(Controller, AnUnbindingHandsItsCountersToThePort)
+{
+	nuq_instance_t *inst = kel();
+	ASSERT_NE(inst, nullptr);
+	kelcntl_KELError *err = nullptr;
+	const kel_vport_counters_t first = {1, 2, 3, 4}, second = {10, 20, 30, 40};
+	kel_vport_counters_t total{};
+	for (const kel_vport_counters_t *last : {&first, &second}) {
+		kelcntl_KELImplInfo *info = nullptr;
+		ASSERT_EQ(kelcntl_KEL_assignVPort(inst, "vn7", "h1", "p1", nullptr, &info, &err), 0);
+		kelcntl_KELImplInfo_free(info);
+		ASSERT_EQ(kelcntl_KEL_unAssignVPort(inst, "vn7", "h1", nullptr, last, &err), 0);
+	}
+	ASSERT_EQ(kel_db_get_vport_counters(h_, "acme", "web", "p1", &total), KEL_SUCCESS);
+	EXPECT_EQ(total.evc_ipackets, 11u);
+	EXPECT_EQ(total.evc_rbytes, 22u);
+	EXPECT_EQ(total.evc_opackets, 33u);
+	EXPECT_EQ(total.evc_obytes, 44u);
+
+	kelcntl_KELImplInfo *info = nullptr;
+	ASSERT_EQ(kelcntl_KEL_assignVPort(inst, "vn7", "h1", "p1", nullptr, &info, &err), 0);
+	kelcntl_KELImplInfo_free(info);
+	nuq_instance_t *ctl = nullptr;
+	ASSERT_EQ(kelcntl_KELController__nuq_lookup(conn_, 0, &ctl, 0), 0);
+	for (const nuq::Json &bad : {nuq::Json{{"ipackets", -1}, {"rbytes", 0}, {"opackets", 0}, {"obytes", 0}},
+	         nuq::Json{{"ipackets", 1}}, nuq::Json("1/2/3/4")}) {
+		SCOPED_TRACE(bad.dump());
+		nuq::Json result, error;
+		EXPECT_EQ(nuq::call(inst, "unAssignVPort", {{"vnicname", "vn7"}, {"hostname", "h1"}, {"counters", bad}},
+		              &result, &error),
+		    NUQ_E_BADARGS);
+		kelcntl_VPortInfo **ports = nullptr;
+		int count = 0;
+		ASSERT_EQ(kelcntl_KELController_getVPortInfo(ctl, "vnic=vn7,host=h1", &ports, &count, &err), 0);
+		EXPECT_EQ(count, 1) << "the port stays bound";
+		kelcntl_VPortInfo_array_free(ports, count);
+	}
 	nuq_instance_rele(ctl);
 	nuq_instance_rele(inst);
 }
