@@ -126,12 +126,30 @@ fabric_tour() {
 	tc -n "$(guest a1)" qdisc show dev eth0
 	echo "[guest a1]\$ $burst     # the same 420 KB now take over 3 s"
 	ip netns exec "$(guest a1)" $burst | tail -2
-	on_step ctl set-vportprop -p maxbw= web/a
 	on_step ha show-vnic -o vnic,kel,ipackets,rbytes,opackets,obytes
+	echo
+	echo "== Drift: the cap taken off by hand on kel-ha; verify finds it, --repair puts it back"
+	echo "[kel-ha]\$ tc qdisc del dev eth0 root     # in guest a1"
+	tc -n "$(guest a1)" qdisc del dev eth0 root
+	on_step ctl verify -o object,host,what,store,found web/a || true
+	on_step ctl verify --repair web/a || true
+	on_step ctl verify web/a
+	on_step ctl set-vportprop -p maxbw= web/a
+	echo
+	echo "== Capacity: how full each range, host share and pool is"
+	on_step ctl show-usage -T all
+	echo
+	echo "== Counters that survive their VNIC: web/b's guest sends, its VNIC goes, the port keeps them"
+	echo "[guest b1]\$ ping -c 3 $(on ctl "$keladm_bin" show-vport -p -o ipaddr web/a | cut -d/ -f1)"
+	ip netns exec "$(guest b1)" ping -q -c 3 -i 0.2 "$(on ctl "$keladm_bin" show-vport -p -o ipaddr web/a | cut -d/ -f1)" | tail -1
+	on_step ctl show-vport -o name,host,ipackets,opackets web/b
+	on_step hb delete-vnic "$(guest b1)/eth0"
+	on_step ctl show-vport -o name,status,ipackets,opackets web/b
+	on_step ha show-host
+	on_step ctl show-host
 	echo
 	echo "== Tearing down: the last VNIC of the VNI on a host takes its VXLAN link along"
 	on_step ha delete-vnic "$(guest a1)/eth0"
-	on_step hb delete-vnic "$(guest b1)/eth0"
 	on_step ha delete-vnic "$(guest a3)/eth0"
 	on_step hb delete-vnic "$(guest b3)/eth0"
 	on_step ctl show-vport -o name,kel,status,host,vnic

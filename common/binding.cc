@@ -60,8 +60,10 @@ int host_or_global(kel_dbhandle_t h, attrset_t *props, const char *host, const c
 	return rc;
 }
 
+}  // namespace
+
 // What the node needs to plumb the VNIC: protection's default, uplink, VXLAN settings.
-int fill_node_view(kel_dbhandle_t h, kel_t *k, const char *host)
+int kel_fill_node_view(kel_dbhandle_t h, kel_t *k, const char *host)
 {
 	if (k->kel_props == nullptr && attrset_create(&k->kel_props, ATTRSET_UNIQUE_NAME) != 0)
 		return KEL_E_NOMEM;
@@ -90,6 +92,8 @@ int fill_node_view(kel_dbhandle_t h, kel_t *k, const char *host)
 		return KEL_E_UPLINK_REQUIRED;
 	return KEL_SUCCESS;
 }
+
+namespace {
 
 // The binding of `vnic` on `host` in the tenant, if there is one: *found is the kel.
 int existing_binding(kel_dbhandle_t h, const char *tenant, const char *vnic, const char *host,
@@ -163,7 +167,7 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 			k.reset(raw);
 	}
 	if (rc == KEL_SUCCESS)
-		rc = fill_node_view(h, k.get(), host);
+		rc = kel_fill_node_view(h, k.get(), host);
 	if (rc == KEL_SUCCESS)
 		rc = tx.commit();
 	if (rc != KEL_SUCCESS)

@@ -18,6 +18,7 @@
 #include "owners.h"
 #include "sql.h"
 #include "vnic.h"
+#include "flood_sync.h"
 
 namespace {
 
@@ -62,14 +63,26 @@ int read_kel(kel_dbhandle_t h, const char *tenant, const char *kelname, KelHosts
 	return KEL_SUCCESS;
 }
 
-// One host of the kel and what its link said.
-struct Member {
-	std::string host;
-	kel::HostLink link;
-	bool reached = false;	// its keld answered
-	bool has_link = false;	// and it has the kel's link: not before its first VNIC
-	std::string local;
-};
+// Asks each host of `kel` for its link's flood list: one Member a host, in host order.
+// *complete is false when some host's keld did not answer.
+void ask_members(kel_dbhandle_t h, const KelHosts &kel, std::vector<kel::FloodMember> *members, bool *complete)
+{
+	*complete = true;
+	// Members hold their connections: the vector is made at its size, never copied.
+	std::vector<kel::FloodMember> fresh(kel.hosts.size());
+	members->swap(fresh);
+	auto m = members->begin();
+	for (const std::string &host : kel.hosts) {
+		m->host = host;
+		const int opened = m->link.open(h, host.c_str(), kel.link);
+		m->reached = opened == KEL_SUCCESS || (opened & 0xff) == KEL_E_NUQ;
+		m->has_link = opened == KEL_SUCCESS &&
+		    harl_Datalink_getFlood(m->link.get(), &m->local, &m->remotes, nullptr) == NUQ_E_SUCCESS &&
+		    !m->local.empty();
+		*complete = *complete && m->reached;
+		++m;
+	}
+}
 
 int sync(kel_dbhandle_t h, const char *tenant, const char *kelname)
 {
@@ -82,31 +95,16 @@ int sync(kel_dbhandle_t h, const char *tenant, const char *kelname)
 	}
 	if (!kel.flooded)
 		return KEL_SUCCESS;
-	std::vector<Member> members(kel.hosts.size());
+	std::vector<kel::FloodMember> members;
 	bool complete = true;
-	auto m = members.begin();
-	for (const std::string &host : kel.hosts) {
-		m->host = host;
-		const int opened = m->link.open(h, host.c_str(), kel.link);
-		m->reached = opened == KEL_SUCCESS || (opened & 0xff) == KEL_E_NUQ;
-		std::vector<std::string> remotes;
-		m->has_link = opened == KEL_SUCCESS &&
-		    harl_Datalink_getFlood(m->link.get(), &m->local, &remotes, nullptr) == NUQ_E_SUCCESS &&
-		    !m->local.empty();
-		complete = complete && m->reached;
-		++m;
-	}
+	ask_members(h, kel, &members, &complete);
 	// A host that did not answer may have an endpoint in the others' lists: then they
 	// are only added to, and nothing is taken away until every host answers again.
-	for (Member &to : members) {
+	for (kel::FloodMember &to : members) {
 		if (!to.has_link)
 			continue;
-		std::vector<std::string> remotes;
-		for (const Member &from : members)
-			if (&from != &to && from.has_link && from.local != to.local)
-				remotes.push_back(from.local);
 		harl_DatalinkError *raw = nullptr;
-		const int r = harl_Datalink_setFlood(to.link.get(), remotes, !complete, &raw);
+		const int r = harl_Datalink_setFlood(to.link.get(), kel::flood_wanted(members, to), !complete, &raw);
 		DatalinkError err(raw);
 		if (r != NUQ_E_SUCCESS)
 			complete = false;
@@ -115,6 +113,35 @@ int sync(kel_dbhandle_t h, const char *tenant, const char *kelname)
 }
 
 }  // namespace
+
+namespace kel {
+
+std::vector<std::string> flood_wanted(const std::vector<FloodMember> &members, const FloodMember &to)
+{
+	std::vector<std::string> remotes;
+	for (const FloodMember &from : members)
+		if (&from != &to && from.has_link && from.local != to.local)
+			remotes.push_back(from.local);
+	return remotes;
+}
+
+int read_flood(kel_dbhandle_t h, const char *tenant, const char *kelname, std::vector<FloodMember> *members)
+{
+	KelHosts kel;
+	{
+		StoreLock lock(h);
+		int rc = lock.status();
+		if (rc != KEL_SUCCESS || (rc = read_kel(h, tenant, kelname, &kel)) != KEL_SUCCESS)
+			return rc;
+	}
+	members->clear();
+	bool complete = true;
+	if (kel.flooded)
+		ask_members(h, kel, members, &complete);
+	return KEL_SUCCESS;
+}
+
+}  // namespace kel
 
 extern "C" {
 

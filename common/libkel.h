@@ -405,6 +405,36 @@ int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems) KEL_N
 void kel_free_problemlist(list_t *problems) KEL_NOEXCEPT;
 
 /*
+ * Drift between the store and the hosts. kel_db_verify compares, for every bound port
+ * that `filter` selects ("tenant=", "kel=", "vport=", "host=" keys; NULL: all), what the
+ * store says with what the port's host has: that its VNIC is there with the port's MAC
+ * address, over the link the kel needs (the uplink; the kel's VLAN link; its VXLAN link
+ * with the VNI, an endpoint in the host's endpoint subnet and the fabric's group), with
+ * the bandwidth cap, protection filters, allowed addresses and priority the port inherits
+ * in force; and for VXLAN kels without a group, that each host's link floods to the
+ * kel's other hosts. One kel_drift_t a difference, or a host that did not answer. With
+ * KEL_VERIFY_REPAIR it also applies the link properties and flood lists again, and marks
+ * what it put right; what it cannot (a missing VNIC, another lower link or address) is
+ * left to the operator. The hosts are asked without the store lock held. Free the list
+ * with kel_free_driftlist.
+ */
+#define KEL_VERIFY_REPAIR	0x1
+
+typedef struct kel_drift {
+	list_node_t edr_node;
+	char edr_object[3 * KEL_NAME_LEN];	/* "tenant/kel/vport", or "tenant/kel" for a flood list */
+	char edr_host[256];
+	char edr_what[32];		/* "vnic", "mac", "lower", "maxbw", "protection", "allowed-ips",
+					   "priority", "flood" or "host" (it did not answer) */
+	char edr_store[1024];		/* what the store says */
+	char edr_found[1024];		/* what the host has */
+	boolean_t edr_repaired;		/* put right by this call */
+} kel_drift_t;
+
+int kel_db_verify(kel_dbhandle_t h, const char *filter, uint32_t flags, list_t *drifts) KEL_NOEXCEPT;
+void kel_free_driftlist(list_t *drifts) KEL_NOEXCEPT;
+
+/*
  * Store lists. Each takes the store lock itself. On success the caller owns the list's
  * records and frees them with the matching kel_free_*list; on failure there is nothing
  * to free. `flags` is 0, or KEL_LIST_NO_MEMBERS where said below.

@@ -58,6 +58,8 @@ template <>
 struct ListFree<kel_togprop_t> { static void free(list_t *l) { kel_free_togproplist(l); } };
 template <>
 struct ListFree<kel_store_problem_t> { static void free(list_t *l) { kel_free_problemlist(l); } };
+template <>
+struct ListFree<kel_drift_t> { static void free(list_t *l) { kel_free_driftlist(l); } };
 
 // Walks the records of a list_t.
 template <class T>

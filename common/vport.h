@@ -14,3 +14,8 @@ int kel_db_set_vport_migration(kel_dbhandle_t h, kel_vport_t *vport, const char 
 // destination; the destination letting go leaves it where it was.
 int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vport, const char *host,
     const char *filter);
+
+// Completes switch `k` with what a node on `host` needs to plumb a VNIC: the default
+// protection when it has none, the host's uplink port and, for VXLAN, its endpoint,
+// multicast group and IP version. KEL_E_UPLINK_REQUIRED when the host has neither.
+int kel_fill_node_view(kel_dbhandle_t h, kel_t *k, const char *host);

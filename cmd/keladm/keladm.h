@@ -59,6 +59,8 @@ inline constexpr Field kHostFields[] = {{"host"}, {"answers", Kind::Flag}, {"ver
     {"problem"}};
 inline constexpr Field kUsageFields[] = {{"resource"}, {"owner"}, {"range"}, {"total", Kind::Number},
     {"used", Kind::Number}, {"free", Kind::Number}, {"percent", Kind::Decimal}, {"high", Kind::Flag}};
+inline constexpr Field kDriftFields[] = {{"object"}, {"host"}, {"what"}, {"store"}, {"found"},
+    {"repaired", Kind::Flag}};
 inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"},
     {"lower"}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
     {"obytes", Kind::Number}};
@@ -161,6 +163,7 @@ int delete_vnic(const Subcommand &cmd, const Options &opts);
 int show_vnic(const Subcommand &cmd, const Options &opts);
 int show_host(const Subcommand &cmd, const Options &opts);
 int show_usage(const Subcommand &cmd, const Options &opts);
+int verify(const Subcommand &cmd, const Options &opts);
 
 // The tenant a listing's filter names: "" (every tenant) for -T all.
 inline std::string listed_tenant(const Options &opts)

@@ -98,6 +98,21 @@ nuq::Interface datalink_interface()
 		        (reply.status == NUQ_E_SUCCESS ? "" : ": failed: " + nuq::dump_line(reply.value)));
 		return reply;
 	};
+	// What is in force on the link, read back from the kernel, for the controller to
+	// compare with what its store says.
+	iface.methods["getState"] = [](const nuq::Json &keys, const nuq::Json &) {
+		return with_link(keys, [](wexo_handle_t h, datalink_id_t id) {
+			wexo_link_state_t s;
+			const wexo_status_t st = wexo_link_state(h, id, &s);
+			if (st != WEXO_STATUS_OK)
+				return datalink_error(st);
+			return nuq::Reply{NUQ_E_SUCCESS,
+			    {{"mac", s.wls_mac}, {"lower", s.wls_lower}, {"lower_kind", s.wls_lower_kind},
+			        {"lower_id", s.wls_lower_id}, {"local", s.wls_local}, {"group", s.wls_group},
+			        {"maxbw", s.wls_maxbw}, {"filtered", s.wls_filtered == B_TRUE}, {"filters", s.wls_filters},
+			        {"allowed", s.wls_allowed}}};
+		});
+	};
 	// The flood list of a VXLAN link: its own endpoint and those it copies broadcast
 	// frames to, for the controller to join the hosts of a kel without a group.
 	iface.methods["getFlood"] = [](const nuq::Json &keys, const nuq::Json &) {

@@ -58,3 +58,17 @@ int harl_Datalink_getFlood(nuq_instance_t *inst, std::string *local, std::vector
 int harl_Datalink_setFlood(nuq_instance_t *inst, const std::vector<std::string> &remotes, bool only_add,
     harl_DatalinkError **err);
 
+
+// What is in force on the link, as its host reads it back (see wexo_link_state): its
+// address, the link under it, its bandwidth cap and the filters of its table.
+struct HarlLinkState {
+	std::string mac;
+	std::string lower, lower_kind;	// the link it is made over, and that link's kind
+	uint32_t lower_id = 0;		// a VXLAN lower link's VNI, a VLAN lower link's ID
+	std::string local, group;	// a VXLAN lower link's endpoint and multicast group
+	uint64_t maxbw = 0;		// bits per second; 0 for no cap
+	bool filtered = false;		// whether its filter table is there
+	std::string filters;		// what the table's rules are for, comma-separated
+	std::string allowed;		// the addresses its filters allow, comma-separated
+};
+int harl_Datalink_getState(nuq_instance_t *inst, HarlLinkState *state, harl_DatalinkError **err);

@@ -152,3 +152,38 @@ int harl_Datalink_setFlood(nuq_instance_t *inst, const std::vector<std::string> 
 		*err = error_record(error);
 	return rc;
 }
+
+int harl_Datalink_getState(nuq_instance_t *inst, HarlLinkState *state, harl_DatalinkError **err)
+{
+	if (err != nullptr)
+		*err = nullptr;
+	*state = HarlLinkState{};
+	nlohmann::json result, error;
+	const int rc = nuq::call(inst, "getState", nlohmann::json::object(), &result, &error);
+	if (rc == NUQ_E_OBJECT && err != nullptr)
+		*err = error_record(error);
+	if (rc != NUQ_E_SUCCESS)
+		return rc;
+	// From another host: every member must be there with its type, or none is taken.
+	const struct {
+		const char *name;
+		std::string *to;
+	} texts[] = {{"mac", &state->mac}, {"lower", &state->lower}, {"lower_kind", &state->lower_kind},
+		{"local", &state->local}, {"group", &state->group}, {"filters", &state->filters},
+		{"allowed", &state->allowed}};
+	for (const auto &t : texts) {
+		const std::string *v = nuq::text_member(result, t.name);
+		if (v == nullptr)
+			return NUQ_E_PROTOCOL;
+		*t.to = *v;
+	}
+	const nlohmann::json *id = nuq::member(result, "lower_id"), *maxbw = nuq::member(result, "maxbw"),
+	                     *filtered = nuq::member(result, "filtered");
+	if (id == nullptr || !id->is_number_unsigned() || id->get<uint64_t>() > UINT32_MAX || maxbw == nullptr ||
+	    !maxbw->is_number_unsigned() || filtered == nullptr || !filtered->is_boolean())
+		return NUQ_E_PROTOCOL;
+	state->lower_id = id->get<uint32_t>();
+	state->maxbw = maxbw->get<uint64_t>();
+	state->filtered = filtered->get<bool>();
+	return NUQ_E_SUCCESS;
+}

@@ -19,6 +19,8 @@
 #include <netlink/errno.h>
 #include <netlink/route/link.h>
 #include <netlink/route/link/vlan.h>
+#include <netlink/route/link/vxlan.h>
+#include <netlink/route/qdisc/tbf.h>
 #include <netlink/route/qdisc.h>
 #include <nftables/libnftables.h>
 
@@ -198,21 +200,25 @@ std::string ruleset(const Placement &at, const std::string &ownmac, const Props 
 	out += "  set allowed4 { type ipv4_addr; flags interval;" + (v4.empty() ? "" : " elements = { " + v4 + " };") + " }\n";
 	out += "  set allowed6 { type ipv6_addr; flags interval;" + (v6.empty() ? "" : " elements = { " + v6 + " };") + " }\n";
 	out += "  chain guard {\n";
+	// Each rule is named by a comment ("kel:" and what it is for), by which
+	// wexo_link_state reads back what is in force.
 	if (priority)
-		out += std::string("    meta priority set ") + (prio->second == "high" ? "0000:0006" : "0000:0002") + "\n";
+		out += std::string("    meta priority set ") + (prio->second == "high" ? "0000:0006" : "0000:0002") +
+		    " comment \"kel:priority=" + prio->second + "\"\n";
 	if (has_flag(props, "mac-nospoof")) {
 		auto mac = props.find("allowed-mac");
-		out += "    ether saddr != " + nft_mac(mac != props.end() ? mac->second : ownmac) + " counter drop\n";
+		out += "    ether saddr != " + nft_mac(mac != props.end() ? mac->second : ownmac) +
+		    " counter drop comment \"kel:mac-nospoof\"\n";
 	}
 	if (has_flag(props, "restricted"))
-		out += "    ether type != { ip, ip6, arp } counter drop\n";
+		out += "    ether type != { ip, ip6, arp } counter drop comment \"kel:restricted\"\n";
 	if (has_flag(props, "ip-nospoof")) {
-		out += "    ether type ip ip saddr != @allowed4 counter drop\n";
-		out += "    ether type arp arp saddr ip != @allowed4 counter drop\n";
-		out += "    ether type ip6 ip6 saddr != fe80::/10 ip6 saddr != @allowed6 counter drop\n";
+		out += "    ether type ip ip saddr != @allowed4 counter drop comment \"kel:ip-nospoof\"\n";
+		out += "    ether type arp arp saddr ip != @allowed4 counter drop comment \"kel:ip-nospoof\"\n";
+		out += "    ether type ip6 ip6 saddr != fe80::/10 ip6 saddr != @allowed6 counter drop comment \"kel:ip-nospoof\"\n";
 	}
 	if (has_flag(props, "dhcp-nospoof"))
-		out += "    udp sport { 67, 547 } counter drop\n";
+		out += "    udp sport { 67, 547 } counter drop comment \"kel:dhcp-nospoof\"\n";
 	out += "  }\n";
 	for (const auto &[hook, device] : at.hooks)
 		out += "  chain " + hook + " {\n    type filter hook " + hook + " device \"" + device +
@@ -267,8 +273,8 @@ std::string state_key(wexo_handle_t h, const std::string &ifname)
 	return ns.empty() ? ifname : ns + "/" + ifname;
 }
 
-// Runs `rules` in the namespace of `nsfd`.
-wexo_status_t apply_nft(int nsfd, const std::string &rules)
+// Runs `rules` in the namespace of `nsfd`; what nft prints goes to *output when given.
+wexo_status_t apply_nft(int nsfd, const std::string &rules, std::string *output = nullptr)
 {
 	wexo::NetnsSwitch in(nsfd);
 	if (!in.ok())
@@ -279,6 +285,8 @@ wexo_status_t apply_nft(int nsfd, const std::string &rules)
 	nft_ctx_buffer_output(nft);
 	nft_ctx_buffer_error(nft);
 	const int rc = nft_run_cmd_from_buffer(nft, rules.c_str());
+	if (rc == 0 && output != nullptr)
+		*output = nft_ctx_get_output_buffer(nft);
 	nft_ctx_free(nft);
 	return rc == 0 ? WEXO_STATUS_OK : WEXO_STATUS_FAILED;
 }
@@ -332,6 +340,121 @@ wexo_status_t apply_cos(struct nl_sock *sock, struct rtnl_link *link, const std:
 		err = rtnl_link_change(sock, link, change, 0);
 	rtnl_link_put(change);
 	return err == 0 ? WEXO_STATUS_OK : wexo_from_nl(err);
+}
+
+// The text of the nft listing between "{" and its matching "}" after `from` ("" when
+// there is none before the end of the block `from` opens).
+std::string braces_after(const std::string &text, size_t from)
+{
+	const size_t open = text.find('{', from);
+	if (open == std::string::npos)
+		return "";
+	int depth = 0;
+	for (size_t i = open; i < text.size(); i++) {
+		if (text[i] == '{')
+			depth++;
+		else if (text[i] == '}' && --depth == 0)
+			return text.substr(open + 1, i - open - 1);
+	}
+	return "";
+}
+
+// What a listing of a link's table says is in force: the "kel:" comments of its rules,
+// and the elements of its two address sets, each comma-separated.
+void read_filters(const std::string &listing, wexo_link_state_t *out)
+{
+	std::string filters, allowed;
+	for (size_t at = listing.find("comment \"kel:"); at != std::string::npos;
+	     at = listing.find("comment \"kel:", at + 1)) {
+		const size_t start = at + 13, end = listing.find('"', start);
+		const std::string what = listing.substr(start, end - start);
+		if (("," + filters + ",").find("," + what + ",") == std::string::npos)
+			filters += (filters.empty() ? "" : ",") + what;
+	}
+	for (const char *set : {"set allowed4 ", "set allowed6 "}) {
+		const size_t at = listing.find(set);
+		const std::string body = at == std::string::npos ? "" : braces_after(listing, at);
+		const size_t elements = body.find("elements = ");
+		if (elements == std::string::npos)
+			continue;
+		for (char c : braces_after(body, elements))
+			if (c != ' ' && c != '\t' && c != '\n')
+				allowed += c;
+		allowed += ",";
+	}
+	if (!allowed.empty())
+		allowed.pop_back();
+	std::snprintf(out->wls_filters, sizeof(out->wls_filters), "%s", filters.c_str());
+	std::snprintf(out->wls_allowed, sizeof(out->wls_allowed), "%s", allowed.c_str());
+}
+
+// An address of a VXLAN link as text, without a prefix length ("" when unset).
+std::string address_text(struct nl_addr *a)
+{
+	char buf[INET6_ADDRSTRLEN + 8] = "";
+	if (a == nullptr || nl_addr_iszero(a))
+		return "";
+	nl_addr2str(a, buf, sizeof(buf));
+	std::string text = buf;
+	return text.substr(0, text.find('/'));
+}
+
+// The link under `link` (in the handle's namespace, or the host's for a guest's VNIC):
+// its name, kind, VXLAN or VLAN ID and VXLAN endpoints, into *out.
+wexo_status_t read_lower(wexo_handle_t h, struct rtnl_link *link, wexo_link_state_t *out)
+{
+	const int lower = rtnl_link_get_link(link);
+	if (lower <= 0)
+		return WEXO_STATUS_OK;
+	int32_t nsid = -1;
+	const bool guest = rtnl_link_get_link_netnsid(link, &nsid) == 0 && nsid >= 0;
+	wexo_handle_t host = nullptr;
+	wexo_status_t st = guest ? wexo_open(&host) : WEXO_STATUS_OK;
+	struct rtnl_link *l = nullptr;
+	if (st == WEXO_STATUS_OK)
+		st = wexo_get_link(guest ? host : h, static_cast<datalink_id_t>(lower), &l);
+	if (st == WEXO_STATUS_OK) {
+		std::snprintf(out->wls_lower, sizeof(out->wls_lower), "%s", rtnl_link_get_name(l));
+		const char *kind = rtnl_link_get_type(l);
+		std::snprintf(out->wls_lower_kind, sizeof(out->wls_lower_kind), "%s", kind != nullptr ? kind : "");
+		uint32_t vni = 0;
+		if (rtnl_link_is_vxlan(l) && rtnl_link_vxlan_get_id(l, &vni) == 0) {
+			out->wls_lower_id = vni;
+			struct nl_addr *a = nullptr;
+			if (rtnl_link_vxlan_get_local(l, &a) == 0) {
+				std::snprintf(out->wls_local, sizeof(out->wls_local), "%s", address_text(a).c_str());
+				nl_addr_put(a);
+			}
+			a = nullptr;
+			if (rtnl_link_vxlan_get_group(l, &a) == 0) {
+				std::snprintf(out->wls_group, sizeof(out->wls_group), "%s", address_text(a).c_str());
+				nl_addr_put(a);
+			}
+		} else if (rtnl_link_is_vlan(l)) {
+			out->wls_lower_id = static_cast<uint32_t>(rtnl_link_vlan_get_id(l));
+		}
+		rtnl_link_put(l);
+	}
+	wexo_close(host);
+	return st;
+}
+
+// The root qdisc's rate when it is a tbf, in bits per second; 0 when there is none.
+uint64_t read_maxbw(struct nl_sock *sock, int ifindex)
+{
+	struct nl_cache *cache = nullptr;
+	if (rtnl_qdisc_alloc_cache(sock, &cache) != 0)
+		return 0;
+	uint64_t bps = 0;
+	struct rtnl_qdisc *q = rtnl_qdisc_get_by_parent(cache, ifindex, TC_H_ROOT);
+	if (q != nullptr) {
+		const char *kind = rtnl_tc_get_kind(TC_CAST(q));
+		if (kind != nullptr && std::strcmp(kind, "tbf") == 0)
+			bps = static_cast<uint64_t>(static_cast<uint32_t>(rtnl_qdisc_tbf_get_rate(q))) * 8;
+		rtnl_qdisc_put(q);
+	}
+	nl_cache_free(cache);
+	return bps;
 }
 
 }  // namespace
@@ -402,6 +525,44 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *n
 		if (st == WEXO_STATUS_OK && !save(key, props))
 			st = WEXO_STATUS_FAILED;
 		return st;
+	});
+}
+
+wexo_status_t wexo_link_state(wexo_handle_t h, datalink_id_t id, wexo_link_state_t *state) noexcept
+{
+	return kel::wexo_boundary([&]() -> wexo_status_t {
+		if (state == nullptr)
+			return WEXO_STATUS_BADARG;
+		std::memset(state, 0, sizeof(*state));
+		struct rtnl_link *link = nullptr;
+		wexo_status_t st = wexo_get_link(h, id, &link);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		if (struct nl_addr *a = rtnl_link_get_addr(link); a != nullptr && nl_addr_get_len(a) == 6) {
+			const auto *b = static_cast<const unsigned char *>(nl_addr_get_binary_addr(a));
+			std::snprintf(state->wls_mac, sizeof(state->wls_mac), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2],
+			    b[3], b[4], b[5]);
+		}
+		st = read_lower(h, link, state);
+		std::vector<Placement> places;
+		if (st == WEXO_STATUS_OK)
+			st = placement_of(h, link, state->wls_mac, Props{}, &places);
+		rtnl_link_put(link);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		state->wls_maxbw = read_maxbw(wexo_sock(h), static_cast<int>(id));
+		// The first placement is the one the guest cannot reach: what is in force there is
+		// what counts. A table that cannot be listed is not there.
+		const Placement &at = places.front();
+		std::string listing;
+		wexo_handle_t host = nullptr;
+		const int nsfd = !at.host_side ? wexo_netns_fd(h) : wexo_open(&host) == WEXO_STATUS_OK ? wexo_netns_fd(host) : -2;
+		if (nsfd != -2 && apply_nft(nsfd, "list table netdev " + at.table + "\n", &listing) == WEXO_STATUS_OK) {
+			state->wls_filtered = B_TRUE;
+			read_filters(listing, state);
+		}
+		wexo_close(host);
+		return WEXO_STATUS_OK;
 	});
 }
 

@@ -28,6 +28,26 @@ typedef struct wexo_stats {
 
 wexo_status_t wexo_link_stats(wexo_handle_t handle, datalink_id_t id, wexo_stats_t *stats) KEL_NOEXCEPT;
 
+// What is in force on a link, read back from the kernel, for the controller to compare
+// with what the store says.
+typedef struct wexo_link_state {
+	char wls_mac[18];		// its address, "xx:xx:xx:xx:xx:xx"
+	char wls_lower[16];		// the link it is made over ("" for none)
+	char wls_lower_kind[16];	// that link's kind: "vxlan", "vlan", ... ("" for a device)
+	uint32_t wls_lower_id;		// a VXLAN lower link's VNI, a VLAN lower link's ID
+	char wls_local[46];		// a VXLAN lower link's endpoint ("" unset)
+	char wls_group[46];		// and multicast group ("" none)
+	uint64_t wls_maxbw;		// a root tbf's rate in bits per second; 0 for none
+	boolean_t wls_filtered;		// whether its filter table is there
+	char wls_filters[256];		// what the table's rules are for: their "kel:" comments,
+					// comma-separated ("mac-nospoof,ip-nospoof,priority=high")
+	char wls_allowed[1024];		// the elements of its allowed address sets, comma-separated
+} wexo_link_state_t;
+
+// Reads what is in force on link `id` into *state: for a VNIC in a guest's namespace,
+// the filters in the host's namespace, which the guest cannot reach.
+wexo_status_t wexo_link_state(wexo_handle_t handle, datalink_id_t id, wexo_link_state_t *state) KEL_NOEXCEPT;
+
 // The properties of `args` that belong to links of `dlclass` into *props: for
 // DATALINK_CLASS_VXLAN a mac_vxlan_props_t ("vni", "addr" with an optional prefix
 // length, "mgroup", "ipvers", "interface"), with the mask bits of those given. Other

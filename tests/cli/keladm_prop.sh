@@ -66,6 +66,9 @@ sqlite3 "$root/etc/kel/kel.db" "UPDATE vport_tbl SET vport_status = 1, vport_hos
 	WHERE vport_name = 'a'"
 expect "sync-flood names the hosts it could not reach" "keladm: cannot join every host of kel 'vx': KEL controller failed connecting to a host
 keladm: host that did not answer: h3; run sync-flood again once it is back" sync-flood vx
+expect "verify names the ports whose host does not answer" "sys-global/web/p1:h1:host:the host did not answer
+sys-global/web/p2:h2:host:the host did not answer" verify -p -o object,host,what,found web
+status "and fails" 1 verify web
 "$keladm" create-kel -p l2-type=flat v6 >/dev/null
 "$keladm" add-ipnet -p subnet=fd00::/120 v6/n6 >/dev/null
 "$keladm" add-vport v6/a >/dev/null

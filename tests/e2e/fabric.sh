@@ -111,6 +111,40 @@ check "counters from the host ($from_host) and the controller ($from_ctl) are th
 	test "$before" -ge 4 -a "$from_host" -ge "$before" -a "$from_host" -le "$after" \
 	-a "${from_ctl:-0}" -ge "$before" -a "${from_ctl:-0}" -le "$after"
 
+# Drift: what a host has in force is compared with what the store says. A cap removed by
+# hand, a VNIC's filters flushed (a VM's in the host's namespace, a guest's in the host's
+# for its namespace), a flood entry deleted are found, and put back. (The kel web's links
+# kept the group they were made with, which the fabric no longer has: verify says so, and
+# leaves it to the operator; only db and lan are looked at here.)
+quiet ctl set-vportprop -p maxbw=20M db/a
+verify() { keladm_on ctl verify "$@" db; keladm_on ctl verify "$@" lan; }
+silently() { "$@" >/dev/null 2>&1; }
+clean=$(verify 2>&1)
+check "a fabric as the store says has nothing to report ($clean)" test -z "$clean"
+tc -n "$(host_ns ha)" qdisc del dev vm42 root
+ip netns exec "$(host_ns ha)" nft flush chain netdev kel_vm42 guard
+ip netns exec "$(host_ns hb)" nft flush chain netdev "kel_$(guest b2)/eth0" guard
+bridge -n "$(host_ns ha)" fdb del 00:00:00:00:00:00 dev kel-vxlan5001 dst 10.77.0.3
+drift=$(verify -p -o object,host,what,store,found)
+check "verify finds the cap taken away" grep -qx 'sys-global/db/a:kel-ha:maxbw:20M (20000000 bit/s):none' <<<"$drift"
+check "and the filters flushed" grep -qx 'sys-global/db/a:kel-ha:protection:ip-nospoof,mac-nospoof:none' <<<"$drift"
+check "also of a guest's VNIC" grep -qx 'sys-global/db/b:kel-hb:protection:ip-nospoof,mac-nospoof:none' <<<"$drift"
+check "and the flood entry deleted" grep -qx 'sys-global/db:kel-ha:flood:floods to 10.77.0.3:floods to nobody' <<<"$drift"
+check "and nothing else ($drift)" test "$(wc -l <<<"$drift")" -eq 4
+check "it exits 1 when it finds any" fails silently keladm_on ctl verify db
+repaired=$(keladm_on ctl verify --repair -p -o object,what,repaired db)
+check "--repair puts them all back ($repaired)" test "$repaired" = "sys-global/db/a:maxbw:yes
+sys-global/db/a:protection:yes
+sys-global/db/b:protection:yes
+sys-global/db:flood:yes"
+check "the cap is there again" bash -c "tc -n $(host_ns ha) qdisc show dev vm42 | grep -q 'tbf.*rate 20Mbit'"
+clean=$(verify 2>&1)
+check "and verify finds nothing more ($clean)" test -z "$clean"
+web=$(keladm_on ctl verify -p -o object,what web)
+check "the kel whose links kept an old group is reported, not repaired ($web)" \
+	grep -q '^sys-global/web/a:lower$' <<<"$web"
+quiet ctl set-vportprop -p maxbw= db/a
+
 # Migration: db/a, bound on host A with a vmid, is bound on host B by the same vmid; A
 # letting its VNIC go completes the move.
 quiet hb create-vnic --address -p vmid=vm-42 db/a vm42

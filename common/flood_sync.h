@@ -1,0 +1,30 @@
+// The flood lists of a VXLAN kel without a multicast group, as its hosts' links have them:
+// what sync-flood sets and verify compares.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host_link.h"
+#include "libkel.h"
+
+namespace kel {
+
+// One host of the kel and what its link said.
+struct FloodMember {
+	std::string host;
+	HostLink link;
+	bool reached = false;	// its keld answered
+	bool has_link = false;	// and it has the kel's link: not before its first VNIC
+	std::string local;	// the link's own endpoint
+	std::vector<std::string> remotes;	// the endpoints it floods to
+};
+
+// The endpoints `to` should flood to: every other member's with a link.
+std::vector<std::string> flood_wanted(const std::vector<FloodMember> &members, const FloodMember &to);
+
+// For a VXLAN kel without a group, each of its hosts with what its link says, in host
+// order; none for any other kel.
+int read_flood(kel_dbhandle_t h, const char *tenant, const char *kel, std::vector<FloodMember> *members);
+
+}  // namespace kel
