@@ -14,6 +14,8 @@ namespace {
 constexpr size_t kNamed = 10;
 
 struct Outside {
+	explicit Outside(const ValueRanges *r) : range(r) {}
+
 	const ValueRanges *range;
 	std::string list;
 	size_t count = 0;
@@ -45,7 +47,7 @@ void say_outside_pool(kel_dbhandle_t h, const Options &opts, const std::string &
 	if (kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "tenant", opts.tenant.c_str(), "kel", kel.c_str()) !=
 	    KEL_SUCCESS)
 		return;
-	Outside out{&range};
+	Outside out(&range);
 	auto each = [](const kel_vport_t *vp, void *arg) {
 		const std::string ip = prop(vp->evp_props, "ipaddr");
 		if (!ip.empty())
@@ -72,7 +74,7 @@ void say_outside_ids(kel_dbhandle_t h, const std::string &setting)
 	    KEL_SUCCESS)
 		return;
 	const bool vxlan = name == "vxlan-range";
-	Outside out{&range};
+	Outside out(&range);
 	for (kel_t *k : kels)
 		if (prop(k->kel_props, "l2-type") == (vxlan ? "vxlan" : "vlan"))
 			out.add(prop(k->kel_props, vxlan ? "vni" : "vlanid"), std::string("kel ") + k->kel_tenantname + "/" + k->kel_name);

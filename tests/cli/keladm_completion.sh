@@ -40,5 +40,6 @@ completes "set-vportprop -p maxbw=5M,pri" "5M,priority="
 completes "show-kelprop -P maxbw,pr" "maxbw,priority maxbw,protection"
 completes "set-controlprop -h host" "host-a"
 completes "set-controlprop -h host-a upl" "uplink-port="
+completes "verify w" "web/p1 web/q1 web wax"
 completes "no-such-thing x" ""
 exit $fail

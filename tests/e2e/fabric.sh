@@ -144,6 +144,11 @@ web=$(keladm_on ctl verify -p -o object,what web)
 check "the kel whose links kept an old group is reported, not repaired ($web)" \
 	grep -q '^sys-global/web/a:lower$' <<<"$web"
 quiet ctl set-vportprop -p maxbw= db/a
+usage=$(keladm_on ctl show-usage -p -o resource,owner,total,used | grep -E '^(vxlan-range|pool)')
+check "show-usage counts the two VNIs and the addresses each pool gave out ($usage)" test "$usage" = "vxlan-range::1000:2
+pool:sys-global/web/front:253:2
+pool:sys-global/db/back:253:3
+pool:sys-global/lan/office:253:2"
 
 # Migration: db/a, bound on host A with a vmid, is bound on host B by the same vmid; A
 # letting its VNIC go completes the move.
