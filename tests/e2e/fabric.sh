@@ -144,6 +144,22 @@ web=$(keladm_on ctl verify -p -o object,what web)
 check "the kel whose links kept an old group is reported, not repaired ($web)" \
 	grep -q '^sys-global/web/a:lower$' <<<"$web"
 quiet ctl set-vportprop -p maxbw= db/a
+# A kel property change that a host missed, its keld down, is the first thing verify
+# finds once the host is back, and --repair applies it there.
+hb_sock=$fabric_root/hb/run/kel/keld.sock
+kill -TERM "$(cat "$fabric_root/hb/run/kel/keld.pid")"
+for _ in $(seq 100); do [ -S "$hb_sock" ] || break; sleep 0.05; done
+partial=$(keladm_on ctl set-kelprop -p priority=high db 2>&1)
+check "a change host B misses is stored, and said to be partial ($partial)" grep -q 'some hosts missed it' <<<"$partial"
+on hb "$keld" 2>>"$fabric_root/hb/keld.log" &
+for _ in $(seq 100); do [ -S "$hb_sock" ] && break; sleep 0.05; done
+missed=$(keladm_on ctl verify -p -o object,host,what,store,found db)
+check "verify finds what host B missed ($missed)" test "$missed" = "sys-global/db/b:kel-hb:priority:high:medium"
+repaired=$(keladm_on ctl verify --repair -p -o what,repaired db)
+check "and --repair applies it there ($repaired)" test "$repaired" = "priority:yes"
+clean=$(keladm_on ctl verify db 2>&1)
+check "after which host B has it ($clean)" test -z "$clean"
+quiet ctl set-kelprop -p priority= db
 usage=$(keladm_on ctl show-usage -p -o resource,owner,total,used | grep -E '^(vxlan-range|pool)')
 check "show-usage counts the two VNIs and the addresses each pool gave out ($usage)" test "$usage" = "vxlan-range::1000:2
 pool:sys-global/web/front:253:2
