@@ -31,7 +31,8 @@ int verify(const Subcommand &cmd, const Options &opts)
 	    rc != KEL_SUCCESS)
 		return fail("cannot verify", rc);
 	Store store;
-	if (store.open(opts.repair) != KEL_SUCCESS)
+	// Nothing in the store changes, --repair or not: what it puts back is on the hosts.
+	if (store.open(false) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_drift_t> drifts;
 	const int rc = drifts.read([&](list_t *l) {
