@@ -1,12 +1,14 @@
 // Drift between the store and the hosts: what each bound port's host has in force, read
 // back through its keld, against what the store says it should have; and, asked to, the
 // link properties and flood lists applied again.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <map>
+#include <new>
 #include <set>
 #include <string>
 #include <vector>
@@ -15,6 +17,7 @@
 #include "c_boundary.h"
 #include "connections.h"
 #include "error_code.h"
+#include "fan_out.h"
 #include "flood_sync.h"
 #include "harl.h"
 #include "kelnet.h"
@@ -319,13 +322,27 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 			}
 		}
 	}
-	for (const auto &[host, uri] : uris) {
-		std::vector<const Port *> here;
+	// Every host at once, as a kel property change reaches them: each share touches only
+	// its own ports and results, and what the shares found is told in host order.
+	std::vector<std::pair<std::string, std::string>> hosts(uris.begin(), uris.end());
+	std::vector<std::vector<const Port *>> shares(hosts.size());
+	for (size_t i = 0; i < hosts.size(); i++)
 		for (const Port &p : bound)
-			if (host == p.vp->evp_hostname)
-				here.push_back(&p);
-		verify_host(uri, here, repair, out);
-	}
+			if (hosts[i].first == p.vp->evp_hostname)
+				shares[i].push_back(&p);
+	std::vector<std::vector<Drift>> found(hosts.size());
+	std::vector<char> failed(hosts.size(), 0);
+	kel::fan_out(hosts.size(), [&](size_t i) noexcept {
+		try {
+			verify_host(hosts[i].second, shares[i], repair, &found[i]);
+		} catch (const std::bad_alloc &) {
+			failed[i] = 1;
+		}
+	});
+	if (std::find(failed.begin(), failed.end(), 1) != failed.end())
+		return KEL_E_NOMEM;
+	for (std::vector<Drift> &f : found)
+		out->insert(out->end(), f.begin(), f.end());
 	for (const auto &[tenant, kel] : flooded)
 		if (int rc = verify_flood(h, tenant.c_str(), kel.c_str(), repair, out); rc != KEL_SUCCESS)
 			return rc;
