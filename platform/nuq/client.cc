@@ -132,8 +132,8 @@ pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child, int *err
 		close(err[0]);
 		return -1;
 	}
-	// Read when the connection ends: ssh says little, well within a pipe's room, and a
-	// shared connection's master leaves the pipe when it goes to the background.
+	// Read before each exchange and when the connection ends; a shared connection's
+	// master leaves the pipe when it goes to the background.
 	(void)fcntl(err[0], F_SETFL, O_NONBLOCK);
 	*to_child = down[1];
 	*from_child = up[0];
@@ -171,6 +171,10 @@ int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *
 {
 	if (conn->broken)
 		return NUQ_E_CLOSED;
+	// What ssh said since the last exchange is passed on now, so that a talkative ssh
+	// (a configuration asking for its debug output) never fills the pipe and stalls.
+	if (conn->relay_errors != -1)
+		relay_errors(conn);
 	const long id = conn->next_id++;
 	const json req = {{"jsonrpc", "2.0"}, {"id", id}, {"method", op}, {"params", params}};
 	// A server that turned this connection away has answered and closed it: the write
