@@ -543,10 +543,12 @@ wexo_status_t wexo_link_state(wexo_handle_t h, datalink_id_t id, wexo_link_state
 			std::snprintf(state->wls_mac, sizeof(state->wls_mac), "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2],
 			    b[3], b[4], b[5]);
 		}
-		st = read_lower(h, link, state);
+		// A lower link that cannot be read (a veth's peer in a namespace of its own) is
+		// reported as none: the rest of what is in force still is.
+		if (read_lower(h, link, state) != WEXO_STATUS_OK)
+			state->wls_lower[0] = state->wls_lower_kind[0] = '\0';
 		std::vector<Placement> places;
-		if (st == WEXO_STATUS_OK)
-			st = placement_of(h, link, state->wls_mac, Props{}, &places);
+		st = placement_of(h, link, state->wls_mac, Props{}, &places);
 		rtnl_link_put(link);
 		if (st != WEXO_STATUS_OK)
 			return st;

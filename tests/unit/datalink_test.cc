@@ -306,6 +306,41 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	EXPECT_EQ(keld.stop(), 0);
 }
 
+// What keld reads back of a link is what was applied to it, and a change made by hand
+// shows: the bandwidth cap, the filters (by their rules' comments) and the allowed set.
+TEST_F(Datalinks, KeldReadsBackWhatIsInForce)
+{
+	kel::test::Keld keld(a_.name());
+	ASSERT_GT(keld.pid(), 0);
+	nuq_conn_t *conn = kel::test::connect_keld();
+	ASSERT_NE(conn, nullptr);
+	nuq_instance_t *link = nullptr;
+	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "va"), 0);
+	HarlLinkState state;
+	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
+	EXPECT_EQ(state.maxbw, 0u);
+	EXPECT_FALSE(state.filtered);
+	EXPECT_EQ(state.mac.size(), 17u) << state.mac;
+	for (const char *text : {"maxbw=20M", "priority=high", "allowed-ips=10.0.0.5", "protection=mac-nospoof,ip-nospoof"})
+		ASSERT_EQ(harl_Datalink_setProperty(link, text, 0x8001, nullptr), 0) << text;
+	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
+	EXPECT_EQ(state.maxbw, 20000000u);
+	EXPECT_TRUE(state.filtered);
+	EXPECT_EQ(state.filters, "priority=high,mac-nospoof,ip-nospoof");
+	EXPECT_EQ(state.allowed, "10.0.0.5");
+	// By hand: the cap and the rules go, the table stays.
+	ASSERT_TRUE(a_.exec("tc qdisc del dev va root"));
+	ASSERT_TRUE(a_.exec("nft flush chain netdev kel_va guard"));
+	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
+	EXPECT_EQ(state.maxbw, 0u);
+	EXPECT_TRUE(state.filtered);
+	EXPECT_EQ(state.filters, "");
+	EXPECT_EQ(state.allowed, "10.0.0.5");
+	nuq_instance_rele(link);
+	nuq_disconnect(conn);
+	EXPECT_EQ(keld.stop(), 0);
+}
+
 TEST_F(Datalinks, ClassOfServiceOnVlanLinks)
 {
 	if (!a_.exec("ip link add link va name va.10 type vlan id 10"))
