@@ -218,12 +218,12 @@ fuzz() {
 	local seconds=${1:-10}
 	CC=clang CXX=clang++ build build-fuzz -DKEL_FUZZ=ON -DKEL_TESTS=OFF
 	local target work
-	for target in attrset ipnet link_addr bandwidth range filter dispatch link_args; do
+	for target in attrset ipnet link_addr bandwidth range filter dispatch link_args link_filter; do
 		work=$(mktemp -d)
 		cp tests/fuzz/corpus/$target/* "$work/"
 		# Requests are longer than the texts the other targets read.
 		local max_len=256
-		[ "$target" = dispatch ] && max_len=4096
+		case $target in dispatch | link_filter) max_len=4096 ;; esac
 		echo "== fuzz_$target for ${seconds}s"
 		(cd build-fuzz && ./tests/fuzz/fuzz_$target -max_total_time="$seconds" \
 			-max_len="$max_len" -print_final_stats=1 "$work" 2>&1 |

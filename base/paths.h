@@ -15,6 +15,10 @@ inline constexpr const char *kRunDir = "/run/kel";
 inline constexpr const char *kSocketFile = "/run/kel/keld.sock";	// keld's interfaces
 inline constexpr const char *kPidFile = "/run/kel/keld.pid";	// the running keld
 inline constexpr const char *kLinksDir = "/run/kel/links";	// link locks and kept link properties
+// What the fabric made on this host, a file per link: the VNICs bound through the
+// library, and the links made on demand under them. Only root writes there.
+inline constexpr const char *kVnicsDir = "/run/kel/vnics";
+inline constexpr const char *kLowersDir = "/run/kel/lowers";
 inline constexpr const char *kServiceDir = "/etc/kel/svc";	// service settings, a file per instance
 
 // `absolute` (a path beginning with "/") placed under the configured root.

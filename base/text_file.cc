@@ -1,9 +1,12 @@
 #include "text_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 
 namespace kel {
 
@@ -39,6 +42,30 @@ bool read_text_file(const std::string &path, std::string *out)
 		else if (errno != EINTR)
 			return false;
 	}
+}
+
+bool replace_text_file(const std::string &path, const std::string &text, mode_t mode)
+{
+	// "~" is in no name the fabric gives a file, so a reader of the folder can tell.
+	std::string tmp = path + "~XXXXXX";
+	const int fd = mkostemp(tmp.data(), O_CLOEXEC);
+	if (fd == -1)
+		return false;
+	bool ok = fchmod(fd, mode) == 0;
+	for (size_t done = 0; ok && done < text.size();) {
+		const ssize_t n = write(fd, text.data() + done, text.size() - done);
+		if (n > 0)
+			done += static_cast<size_t>(n);
+		else if (n == -1 && errno != EINTR)
+			ok = false;
+	}
+	ok = close(fd) == 0 && ok;
+	if (ok && std::rename(tmp.c_str(), path.c_str()) == 0)
+		return true;
+	const int saved = errno;
+	unlink(tmp.c_str());
+	errno = saved;
+	return false;
 }
 
 }  // namespace kel

@@ -46,6 +46,7 @@ typedef int wexo_status_t;
 #define WEXO_STATUS_NOADDR	9	/* a VXLAN endpoint address this host does not hold */
 #define WEXO_STATUS_DBNOTFOUND	12	/* the IP interface configuration cannot be read */
 #define WEXO_STATUS_LINKBUSY	25	/* other links are made over it */
+#define WEXO_STATUS_NOTFABRIC	26	/* a link the fabric did not make: left alone */
 #define WEXO_STATUS_BADVXLANIF	105	/* a VXLAN interface that is not an IP interface */
 
 /* The libkel code of a datalink status: KEL_E_WEXO with the status above the low byte. */

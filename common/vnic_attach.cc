@@ -23,6 +23,8 @@ constexpr size_t kHostLen = 256;
 constexpr size_t kPropLen = 1024;
 // How much of the port's "ipaddr" the VNIC's allowed address takes.
 constexpr size_t kAllowedIpLen = 50;
+// How often the lower link is made before giving up on concurrent releases removing it.
+constexpr int kOwnTries = 3;
 
 using Conn = kel::Owned<nuq_conn_t, nuq_disconnect>;
 using Instance = kel::Owned<nuq_instance_t, nuq_instance_rele>;
@@ -98,6 +100,25 @@ int vnic_props(kelcntl_KELImplInfo *info, char *buf, size_t size)
 	return kel_create_attrstr(buf, size, inherited, 2, "allowed-ips", allowed, "iov", "off");
 }
 
+// The lower link, with the VNIC recorded over it as the fabric's: from then on the link
+// is in use (no other VNIC's release removes it), lets the port's address out, and keld
+// acts on the VNIC. A release that removed the link between its making and the record
+// leaves it to be made again.
+int prepare_lower(wexo_handle_t handle, const char *vnicname, kelcntl_KELImplInfo *info, datalink_id_t *lower)
+{
+	const kelcntl_VPortInfo *vport = info->ekelii_kelinfo->ekeli_vports[0];
+	const char *mac = kel_propattrset_lookup(vport->evpi_props, vport->evpi_props_count, "macaddr");
+	if (mac == nullptr)
+		return nuq_error(NUQ_E_PROTOCOL);	// every port has one
+	wexo_status_t st = WEXO_STATUS_NOTFOUND;
+	for (int i = 0; i < kOwnTries && st == WEXO_STATUS_NOTFOUND; i++) {
+		if (int rc = kel_setup_l2network(handle, lower, info); rc != KEL_SUCCESS)
+			return rc;
+		st = wexo_vnic_own(handle, vnicname, mac, *lower);
+	}
+	return st == WEXO_STATUS_OK ? KEL_SUCCESS : kel::compose_error(st, KEL_E_WEXO);
+}
+
 int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
     const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
     const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo)
@@ -121,7 +142,7 @@ int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
 	Args owned(args);
 	datalink_id_t lower = DATALINK_INVALID_LINKID;
 	if (rc == KEL_SUCCESS)
-		rc = kel_setup_l2network(handle, &lower, info.get());
+		rc = prepare_lower(handle, vnicname, info.get(), &lower);
 	if (rc != KEL_SUCCESS) {
 		// Nothing stays bound to a VNIC that cannot be made; the first error is the one
 		// the caller needs.
@@ -152,17 +173,25 @@ int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extr
 	if (rc != KEL_SUCCESS)
 		return rc;
 	const int unassigned = kel_unassign_vport(vnicname, host, extra, last);
+	// The VNIC is gone (its maker deletes it first): its lower link no longer lets its
+	// address out, nor counts it as a user.
+	wexo_status_t st = wexo_vnic_disown(handle, vnicname);
 	datalink_class_t cls;
-	char name[MAXLINKNAMELEN];
+	char name[MAXLINKNAMELEN] = "";
 	int link = KEL_SUCCESS;
-	wexo_status_t st = wexo_datalink_id2info(handle, linkid, nullptr, &cls, nullptr, name, sizeof(name));
-	// Only the links made for VNICs are named "kel-..."; an uplink never goes.
+	if (st == WEXO_STATUS_OK)
+		st = wexo_datalink_id2info(handle, linkid, nullptr, &cls, nullptr, name, sizeof(name));
+	// Only the links made for VNICs are named "kel-..."; an uplink never goes. One that is
+	// not there any more went with the release of another VNIC of the kel.
+	if (st == WEXO_STATUS_NOTFOUND)
+		st = WEXO_STATUS_OK;
 	const bool ours = st == WEXO_STATUS_OK && std::strncmp(name, "kel-", 4) == 0;
 	if (ours && (cls == DATALINK_CLASS_VXLAN || cls == DATALINK_CLASS_VLAN)) {
 		st = cls == DATALINK_CLASS_VXLAN ? wexo_vxlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND)
 		                                 : wexo_vlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND);
-		if (st == WEXO_STATUS_LINKBUSY)
-			st = WEXO_STATUS_OK;	// other VNICs of the kel still use it
+		// Other VNICs of the kel still use it, or a release of another removed it first.
+		if (st == WEXO_STATUS_LINKBUSY || st == WEXO_STATUS_NOTFOUND)
+			st = WEXO_STATUS_OK;
 	}
 	if (st != WEXO_STATUS_OK)
 		link = kel::compose_error(st, KEL_E_WEXO);

@@ -18,6 +18,9 @@ namespace {
 // More remotes than a kel could have hosts is a hostile caller, not a fabric.
 constexpr size_t kMaxRemotes = 4096;
 
+// Refusals any member of the kel group can cause at will are logged a few at a time.
+nuq::log::Limiter refusals(10, std::chrono::seconds(10));
+
 // A datalink failure as the method's error record.
 nuq::Reply datalink_error(wexo_status_t st)
 {
@@ -37,13 +40,19 @@ wexo_status_t find_link(const std::string &name, wexo_handle_t *h, datalink_id_t
 	return st == WEXO_STATUS_OK ? wexo_name2info(*h, link, id, nullptr) : st;
 }
 
-// Runs `body` with an open handle and the link named by `keys`.
+// Runs `body` with an open handle and the link named by `keys`, when the fabric made that
+// link on this host: a VNIC bound through the library, or a link made on demand under
+// one. Any other (the host's own uplink, a link in a namespace the fabric never touched,
+// one an administrator made) keld leaves alone, whoever asks.
 template <class Body>
 nuq::Reply with_link(const nuq::Json &keys, Body &&body)
 {
 	wexo_handle_t h = nullptr;
 	datalink_id_t id = 0;
-	const wexo_status_t st = find_link(keys.at("name").get<std::string>(), &h, &id);
+	const std::string &name = keys.at("name").get_ref<const std::string &>();
+	wexo_status_t st = find_link(name, &h, &id);
+	if (st == WEXO_STATUS_OK && (st = wexo_link_owned(h, id, name.c_str())) == WEXO_STATUS_NOTFABRIC)
+		nuq::log::write_limited(refusals, nuq::log::kWarning, "refused to act on link " + name + ": the fabric did not make it");
 	nuq::Reply reply = st == WEXO_STATUS_OK ? body(h, id) : datalink_error(st);
 	wexo_close(h);
 	return reply;

@@ -47,4 +47,13 @@ bool Limiter::allow(unsigned long *suppressed)
 	return true;
 }
 
+void write_limited(Limiter &limiter, int priority, const std::string &text)
+{
+	unsigned long suppressed = 0;
+	if (!limiter.allow(&suppressed))
+		return;
+	write(priority, suppressed == 0 ? text
+	                                : text + " (and " + std::to_string(suppressed) + " more like it not logged)");
+}
+
 }  // namespace nuq::log

@@ -37,4 +37,7 @@ private:
 	unsigned long dropped_ = 0;
 };
 
+// Writes one line at `priority` when `limiter` lets it, saying how many were not.
+void write_limited(Limiter &limiter, int priority, const std::string &text);
+
 }  // namespace nuq::log

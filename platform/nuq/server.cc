@@ -41,16 +41,6 @@ constexpr const char kFailedReply[] =
 log::Limiter refusals(10, std::chrono::seconds(10));
 log::Limiter accept_failures(5, std::chrono::seconds(10));
 
-void log_limited(log::Limiter &limiter, int priority, const std::string &text)
-{
-	unsigned long suppressed = 0;
-	if (!limiter.allow(&suppressed))
-		return;
-	log::write(priority, suppressed == 0 ? text
-	                                     : text + " (and " + std::to_string(suppressed) +
-	                                           " more like it not logged)");
-}
-
 // Answers a connection that will not be served, without reading anything it sent, and
 // closes it. The send never waits: a caller that does not read loses the answer.
 void turn_away(int fd, int err)
@@ -250,7 +240,7 @@ void Server::run()
 		// reports it at once: retrying at once would spin. Wait, longer each time.
 		if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
 			backoff = std::min(backoff == 0 ? 10 : backoff * 2, 1000);
-			log_limited(accept_failures, log::kErr,
+			log::write_limited(accept_failures, log::kErr,
 			    std::string("cannot accept a connection: ") + std::strerror(errno) + "; retrying in " +
 			        std::to_string(backoff) + " ms");
 			pause(backoff);
@@ -266,14 +256,14 @@ void Server::admit(int fd)
 {
 	Caller caller;
 	if (!peer_of(fd, &caller)) {
-		log_limited(refusals, log::kWarning, "refused a caller the kernel cannot name");
+		log::write_limited(refusals, log::kWarning, "refused a caller the kernel cannot name");
 		turn_away(fd, NUQ_E_DENIED);
 		return;
 	}
 	std::unique_lock<std::mutex> hold(mutex_);
 	if (!authorised(caller, group_)) {
 		hold.unlock();
-		log_limited(refusals, log::kWarning,
+		log::write_limited(refusals, log::kWarning,
 		    "refused " + who(caller) + ": neither root nor a member of the kel group");
 		turn_away(fd, NUQ_E_DENIED);
 		return;
@@ -285,7 +275,7 @@ void Server::admit(int fd)
 		if (held == 0)
 			per_uid_.erase(caller.uid);
 		hold.unlock();
-		log_limited(refusals, log::kWarning,
+		log::write_limited(refusals, log::kWarning,
 		    "turned away " + who(caller) + ": it holds " + std::to_string(held) +
 		        " connections, all callers but root " + std::to_string(all));
 		turn_away(fd, NUQ_E_BUSY);
@@ -311,7 +301,7 @@ void Server::admit(int fd)
 		if (!root)
 			users_--;
 		hold.unlock();
-		log_limited(accept_failures, log::kErr, "cannot start a thread for " + who(caller));
+		log::write_limited(accept_failures, log::kErr, "cannot start a thread for " + who(caller));
 		turn_away(fd, NUQ_E_SYSTEM);
 	}
 }

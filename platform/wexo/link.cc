@@ -1,9 +1,12 @@
+#include <linux/net_namespace.h>
 #include <netlink/errno.h>
+#include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/route/link.h>
 #include <netlink/socket.h>
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <initializer_list>
 #include <new>
@@ -84,6 +87,66 @@ int wexo_netns_fd(wexo_handle_t h)
 const std::string &wexo_netns_name(wexo_handle_t h)
 {
 	return h->ns;
+}
+
+int32_t wexo_peer_nsid(wexo_handle_t h, int fd)
+{
+	struct rtgenmsg g = {AF_UNSPEC};
+	struct nl_msg *m = nlmsg_alloc_simple(RTM_GETNSID, NLM_F_REQUEST);
+	int32_t nsid = -1;
+	// Without an acknowledgement, the answer is the one message to read. The handle is
+	// the asker's alone: its sequence numbers are off the track libnl keeps after this.
+	nl_socket_disable_auto_ack(h->sock);
+	const bool sent = m != nullptr && nlmsg_append(m, &g, sizeof(g), NLMSG_ALIGNTO) == 0 &&
+	    nla_put_u32(m, NETNSA_FD, static_cast<uint32_t>(fd)) == 0 && nl_send_auto(h->sock, m) >= 0;
+	nlmsg_free(m);
+	unsigned char *buf = nullptr;
+	struct sockaddr_nl peer;
+	const int n = sent ? nl_recv(h->sock, &peer, &buf, nullptr) : -1;
+	auto *hdr = reinterpret_cast<struct nlmsghdr *>(buf);
+	struct nlattr *tb[NETNSA_MAX + 1];
+	if (n > 0 && nlmsg_ok(hdr, n) && hdr->nlmsg_type == RTM_NEWNSID &&
+	    nlmsg_parse(hdr, sizeof(g), tb, NETNSA_MAX, nullptr) == 0 && tb[NETNSA_NSID] != nullptr)
+		nsid = nla_get_s32(tb[NETNSA_NSID]);
+	std::free(buf);
+	return nsid;
+}
+
+wexo_status_t wexo_host_lower(wexo_handle_t h, struct rtnl_link *link, datalink_id_t *id, std::string *name)
+{
+	const int lower = rtnl_link_get_link(link);
+	if (lower <= 0)
+		return WEXO_STATUS_NOTFOUND;
+	int32_t nsid = -1;
+	const bool elsewhere = rtnl_link_get_link_netnsid(link, &nsid) == 0 && nsid >= 0;
+	if (elsewhere == (h->nsfd == -1))
+		return WEXO_STATUS_NOTFOUND;	// not where the host's links are
+	if (elsewhere) {
+		// The index is one of the namespace h's namespace knows by that ID: the host's
+		// only when h's namespace knows the host's by it.
+		wexo_handle_t ask = nullptr;
+		const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+		const int32_t host_id = home != -1 && wexo_open_netns(h->ns.c_str(), &ask) == WEXO_STATUS_OK
+		    ? wexo_peer_nsid(ask, home) : -1;
+		wexo_close(ask);
+		if (home != -1)
+			close(home);
+		if (host_id < 0 || host_id != nsid)
+			return WEXO_STATUS_NOTFOUND;
+	}
+	wexo_handle_t host = nullptr;
+	char text[IFNAMSIZ] = "";
+	wexo_status_t st = wexo_open(&host);
+	if (st == WEXO_STATUS_OK)
+		st = wexo_datalink_id2info(host, static_cast<datalink_id_t>(lower), nullptr, nullptr, nullptr, text, sizeof(text));
+	wexo_close(host);
+	if (st != WEXO_STATUS_OK)
+		return st;
+	if (id != nullptr)
+		*id = static_cast<datalink_id_t>(lower);
+	if (name != nullptr)
+		*name = text;
+	return WEXO_STATUS_OK;
 }
 
 extern "C" {
@@ -210,6 +273,7 @@ const char *wexo_status2str(wexo_status_t status, char *buf) noexcept
 	case WEXO_STATUS_NOADDR: text = "VXLAN endpoint address is not on this host"; break;
 	case WEXO_STATUS_DBNOTFOUND: text = "IP interface configuration not found"; break;
 	case WEXO_STATUS_LINKBUSY: text = "datalink is in use by other links"; break;
+	case WEXO_STATUS_NOTFABRIC: text = "datalink is not one the fabric made"; break;
 	case WEXO_STATUS_BADVXLANIF: text = "VXLAN interface is not an IP interface"; break;
 	}
 	std::snprintf(buf, 1024, "%s", text);

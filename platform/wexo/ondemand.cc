@@ -12,35 +12,13 @@
 #include <filesystem>
 #include <string>
 
+#include "fabric_links.h"
+#include "link_filter.h"
 #include "link_internal.h"
 #include "link_lock.h"
+#include "nft.h"
 
 namespace {
-
-// The ID under which the namespace of `h` knows the namespace `fd`; -1 when it has none
-// (then none of its links is made over one of that namespace's). `h` is spent after.
-int32_t peer_nsid(wexo_handle_t h, int fd)
-{
-	struct rtgenmsg g = {AF_UNSPEC};
-	struct nl_msg *m = nlmsg_alloc_simple(RTM_GETNSID, NLM_F_REQUEST);
-	int32_t nsid = -1;
-	// Without an acknowledgement, the answer is the one message to read. The handle is
-	// the asker's alone: its sequence numbers are off the track libnl keeps after this.
-	nl_socket_disable_auto_ack(wexo_sock(h));
-	const bool sent = m != nullptr && nlmsg_append(m, &g, sizeof(g), NLMSG_ALIGNTO) == 0 &&
-	    nla_put_u32(m, NETNSA_FD, static_cast<uint32_t>(fd)) == 0 && nl_send_auto(wexo_sock(h), m) >= 0;
-	nlmsg_free(m);
-	unsigned char *buf = nullptr;
-	struct sockaddr_nl peer;
-	const int n = sent ? nl_recv(wexo_sock(h), &peer, &buf, nullptr) : -1;
-	auto *hdr = reinterpret_cast<struct nlmsghdr *>(buf);
-	struct nlattr *tb[NETNSA_MAX + 1];
-	if (n > 0 && nlmsg_ok(hdr, n) && hdr->nlmsg_type == RTM_NEWNSID &&
-	    nlmsg_parse(hdr, sizeof(g), tb, NETNSA_MAX, nullptr) == 0 && tb[NETNSA_NSID] != nullptr)
-		nsid = nla_get_s32(tb[NETNSA_NSID]);
-	std::free(buf);
-	return nsid;
-}
 
 // Whether a link of `h`'s namespace is made over `id` or enslaved to it: in `home`'s
 // namespace itself (h == home), or from another one, which knows home's as `homeid`.
@@ -83,7 +61,7 @@ wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 		wexo_handle_t ask = nullptr, other = nullptr;
 		// A namespace that goes away meanwhile holds nothing.
 		const int32_t homeid = home != -1 && wexo_open_netns(name.c_str(), &ask) == WEXO_STATUS_OK
-		    ? peer_nsid(ask, home) : -1;
+		    ? wexo_peer_nsid(ask, home) : -1;
 		wexo_close(ask);
 		if (homeid >= 0 && wexo_open_netns(name.c_str(), &other) == WEXO_STATUS_OK)
 			st = uppers_in(other, h, homeid, id, busy);
@@ -94,7 +72,29 @@ wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 	return st;
 }
 
+// Whether a VNIC is recorded over link `name`: bound, and about to be made or made.
+bool recorded_over(const std::string &name)
+{
+	for (const wexo::fabric::Vnic &v : wexo::fabric::vnics())
+		if (v.lower == name)
+			return true;
+	return false;
+}
+
 }  // namespace
+
+wexo_status_t wexo_ondemand_made(wexo_handle_t h, const char *name, datalink_id_t *id, uint32_t flags)
+{
+	if (!(flags & WEXO_OPT_ONDEMAND) || wexo::fabric::record_lower(name, static_cast<int>(*id)))
+		return WEXO_STATUS_OK;
+	struct rtnl_link *made = nullptr;
+	if (wexo_get_link(h, *id, &made) == WEXO_STATUS_OK) {
+		(void)rtnl_link_delete(wexo_sock(h), made);
+		rtnl_link_put(made);
+	}
+	*id = DATALINK_INVALID_LINKID;
+	return WEXO_STATUS_FAILED;
+}
 
 wexo_status_t wexo_ondemand_delete(wexo_handle_t h, datalink_id_t linkid, uint32_t flags,
     datalink_class_t expected)
@@ -120,10 +120,14 @@ wexo_status_t wexo_ondemand_delete(wexo_handle_t h, datalink_id_t linkid, uint32
 	bool busy = false;
 	if (std::strcmp(rtnl_link_get_name(link), name) != 0)
 		st = WEXO_STATUS_NOTFOUND;
-	else if ((st = has_uppers(h, linkid, &busy)) == WEXO_STATUS_OK && busy)
+	else if (recorded_over(name) || ((st = has_uppers(h, linkid, &busy)) == WEXO_STATUS_OK && busy))
 		st = WEXO_STATUS_LINKBUSY;
 	if (st == WEXO_STATUS_OK)
 		st = wexo_from_nl(rtnl_link_delete(wexo_sock(h), link));
 	rtnl_link_put(link);
+	if (st == WEXO_STATUS_OK) {
+		wexo::fabric::forget_lower(name);
+		(void)wexo::nft::run(wexo_netns_fd(h), wexo::filter::removal(wexo::filter::lower_table(name)));
+	}
 	return st;
 }

@@ -38,6 +38,8 @@ wexo_status_t wexo_vlan_create(wexo_handle_t h, const char *name, datalink_id_t 
 	wexo_status_t st = wexo_from_nl(err);
 	if (st == WEXO_STATUS_OK)
 		st = wexo_name2info(h, name, linkidp, nullptr);
+	if (st == WEXO_STATUS_OK)
+		st = wexo_ondemand_made(h, name, linkidp, flags);
 	return st;
 }
 

@@ -167,6 +167,8 @@ wexo_status_t wexo_vxlan_create(wexo_handle_t h, const char *name, vxlan_kparams
 	rtnl_link_put(link);
 	if (st == WEXO_STATUS_OK)
 		st = wexo_name2info(h, name, &kp->vk_linkid, nullptr);
+	if (st == WEXO_STATUS_OK)
+		st = wexo_ondemand_made(h, name, &kp->vk_linkid, flags);
 	for (uint_t i = 0; st == WEXO_STATUS_OK && i < wexo_arg_count(args); i++)
 		if (!is_vxlan_prop(wexo_arg_name(args, i)))
 			st = wexo_set_linkprop(h, kp->vk_linkid, wexo_arg_name(args, i), wexo_arg_value(args, i));

@@ -76,6 +76,19 @@ wexo_status_t wexo_vlan_create(wexo_handle_t handle, const char *name, datalink_
 // Deletes it as wexo_vxlan_delete does a VXLAN link.
 wexo_status_t wexo_vlan_delete(wexo_handle_t handle, datalink_id_t linkid, uint32_t flags);
 
+// The fabric's own links on this host. kel_connect_vnic records the VNIC `name` ("LINK",
+// or "NAMESPACE/LINK") it binds, to be made over link `lower` of the handle's namespace
+// (the host's) with its port's MAC address `mac`: from then on `lower` counts as in use,
+// lets `mac` out (its guard drops every other source address), and keld acts on the
+// VNIC. WEXO_STATUS_NOTFOUND when `lower` went meanwhile (a removal took it first).
+wexo_status_t wexo_vnic_own(wexo_handle_t handle, const char *name, const char *mac, datalink_id_t lower) KEL_NOEXCEPT;
+// Forgets the VNIC `name` again; nothing recorded is no error.
+wexo_status_t wexo_vnic_disown(wexo_handle_t handle, const char *name) KEL_NOEXCEPT;
+// WEXO_STATUS_OK when link `id` of the handle's namespace, which keld's callers name
+// `name`, is one the fabric made: a recorded VNIC still made over the link it was bound
+// over, or a link made on demand (still the link made). WEXO_STATUS_NOTFABRIC otherwise.
+wexo_status_t wexo_link_owned(wexo_handle_t handle, datalink_id_t id, const char *name) KEL_NOEXCEPT;
+
 // The link property kept for `id` ("" when unset).
 wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
     char *value, size_t size);

@@ -270,6 +270,30 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 	}), 0);
 }
 
+// A VNIC the fabric bound, "vm0" over "va", with the address va had: keld acts on it.
+void bind_vnic(const NetNs &ns)
+{
+	(void)ns.exec("ip addr del 10.77.0.1/24 dev va");
+	ASSERT_TRUE(kel::test::fabric_vnic(ns, "vm0", "va", "02:00:00:00:00:10"));
+	ASSERT_TRUE(ns.exec("ip addr add 10.77.0.1/24 dev vm0"));
+}
+
+// What a datalink call through keld answered: 0, or the datalink status it refused with.
+int refusal(nuq_conn_t *conn, const char *name, const char *text)
+{
+	nuq_instance_t *link = nullptr;
+	if (harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", name) != 0)
+		return -1;
+	harl_DatalinkError *err = nullptr;
+	HarlLinkState state;
+	const int r = text != nullptr ? harl_Datalink_setProperty(link, text, 0x8001, &err)
+	                              : harl_Datalink_getState(link, &state, &err);
+	const int st = r == 0 ? 0 : err != nullptr ? err->dde_err : -2;
+	harl_DatalinkError_free(err);
+	nuq_instance_rele(link);
+	return st;
+}
+
 TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 {
 	// keld serves the datalinks of the namespace it runs in.
@@ -277,10 +301,11 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	ASSERT_GT(keld.pid(), 0);
 	nuq_conn_t *conn = kel::test::connect_keld();
 	ASSERT_NE(conn, nullptr);
+	bind_vnic(a_);
 
 	nuq_instance_t *link = nullptr;
 	EXPECT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "nope0"), NUQ_E_NOTFOUND);
-	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "va"), 0);
+	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "vm0"), 0);
 	ASSERT_TRUE(a_.inside([] { return send_udp(4) ? 0 : 1; }) == 0);
 	harl_StatValue *value = nullptr;
 	harl_DatalinkError *err = nullptr;
@@ -292,15 +317,40 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	harl_StatValue_free(value);
 
 	ASSERT_EQ(harl_Datalink_setProperty(link, "maxbw=20M", 0x8001, &err), 0);
-	EXPECT_TRUE(a_.exec("sh -c 'tc qdisc show dev va | grep -q \"rate 20Mbit\"'"));
+	EXPECT_TRUE(a_.exec("sh -c 'tc qdisc show dev vm0 | grep -q \"rate 20Mbit\"'"));
 	EXPECT_EQ(harl_Datalink_setProperty(link, "maxbw=fast", 0x8001, &err), 1);
 	ASSERT_NE(err, nullptr);
 	EXPECT_EQ(err->dde_err, WEXO_STATUS_BADVAL);
 	EXPECT_STREQ(err->dde_errmsg, "invalid datalink property value");
 	harl_DatalinkError_free(err);
 	EXPECT_EQ(harl_Datalink_setProperty(link, "maxbw=", 0x8001, nullptr), 0);
-	EXPECT_FALSE(a_.exec("sh -c 'tc qdisc show dev va | grep -q tbf'"));
+	EXPECT_FALSE(a_.exec("sh -c 'tc qdisc show dev vm0 | grep -q tbf'"));
 	nuq_instance_rele(link);
+
+	// Links the fabric did not make are left alone, whatever is asked of them: the
+	// host's own, one in a namespace the fabric never touched, a VNIC's name now taken
+	// by a link of another kind.
+	EXPECT_EQ(refusal(conn, "va", "maxbw=8K"), WEXO_STATUS_NOTFABRIC);
+	EXPECT_EQ(refusal(conn, "va", "protection=mac-nospoof"), WEXO_STATUS_NOTFABRIC);
+	EXPECT_EQ(refusal(conn, "lo", nullptr), WEXO_STATUS_NOTFABRIC);
+	EXPECT_EQ(refusal(conn, (b_.name() + "/vb").c_str(), "protection=ip-nospoof"), WEXO_STATUS_NOTFABRIC);
+	EXPECT_FALSE(a_.exec("sh -c 'tc qdisc show dev va | grep -q tbf'"));
+	EXPECT_FALSE(a_.exec("nft list table netdev kel_va"));
+	EXPECT_FALSE(b_.exec("nft list table netdev kel_vb"));
+	ASSERT_TRUE(a_.exec("ip link del vm0"));
+	ASSERT_TRUE(a_.exec("ip link add vm0 type veth peer name vm0p"));
+	EXPECT_EQ(refusal(conn, "vm0", "maxbw=8K"), WEXO_STATUS_NOTFABRIC);
+
+	// A value can never become more of a command: this one is refused whole, and the
+	// namespace's rules are all still there.
+	ASSERT_TRUE(a_.exec("nft add table inet keep"));
+	ASSERT_TRUE(a_.exec("ip link del vm0"));
+	bind_vnic(a_);
+	EXPECT_EQ(refusal(conn, "vm0",
+	              "allowed-ips=10.0.0.1/32 }; }; }; flush ruleset; table netdev kel_lo { set allowed4 { type "
+	              "ipv4_addr; flags interval; elements = { 10.0.0.2/32"),
+	    WEXO_STATUS_BADVAL);
+	EXPECT_TRUE(a_.exec("nft list table inet keep"));
 	nuq_disconnect(conn);
 
 	EXPECT_EQ(keld.stop(), 0);
@@ -314,8 +364,9 @@ TEST_F(Datalinks, KeldReadsBackWhatIsInForce)
 	ASSERT_GT(keld.pid(), 0);
 	nuq_conn_t *conn = kel::test::connect_keld();
 	ASSERT_NE(conn, nullptr);
+	bind_vnic(a_);
 	nuq_instance_t *link = nullptr;
-	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "va"), 0);
+	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "vm0"), 0);
 	HarlLinkState state;
 	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
 	EXPECT_EQ(state.maxbw, 0u);
@@ -326,11 +377,12 @@ TEST_F(Datalinks, KeldReadsBackWhatIsInForce)
 	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
 	EXPECT_EQ(state.maxbw, 20000000u);
 	EXPECT_TRUE(state.filtered);
-	EXPECT_EQ(state.filters, "priority=high,mac-nospoof,ip-nospoof");
+	EXPECT_EQ(state.filters, "priority=high,mac-nospoof,tagged,ip-nospoof");
 	EXPECT_EQ(state.allowed, "10.0.0.5");
 	// By hand: the cap and the rules go, the table stays.
-	ASSERT_TRUE(a_.exec("tc qdisc del dev va root"));
-	ASSERT_TRUE(a_.exec("nft flush chain netdev kel_va guard"));
+	ASSERT_TRUE(a_.exec("tc qdisc del dev vm0 root"));
+	for (const char *chain : {"guard", "guard_ip4", "guard_arp", "guard_ip6", "guard_ip6_unspec", "guard_nd", "guard_nd_target"})
+		ASSERT_TRUE(a_.exec(std::string("nft flush chain netdev kel_vm0 ") + chain)) << chain;
 	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
 	EXPECT_EQ(state.maxbw, 0u);
 	EXPECT_TRUE(state.filtered);

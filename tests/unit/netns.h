@@ -10,6 +10,7 @@
 #include <string>
 
 #include "test_support.h"
+#include "wexo.h"
 
 namespace kel::test {
 
@@ -84,5 +85,26 @@ private:
 	int home_;
 	bool entered_ = false;
 };
+
+// Makes the VNIC `name` in `ns`: a macvlan with address `mac` over `lower` (a veth, made
+// when missing), recorded as one the fabric bound there, as a connect would. true when
+// all of it was done.
+inline bool fabric_vnic(const NetNs &ns, const std::string &name, const std::string &lower, const std::string &mac)
+{
+	if (!ns.exec("ip link show " + lower) && !ns.exec("ip link add " + lower + " type veth peer name " + lower + "p"))
+		return false;
+	if (!ns.exec("ip link set " + lower + " up") ||
+	    !ns.exec("ip link add " + name + " address " + mac + " link " + lower + " type macvlan mode bridge") ||
+	    !ns.exec("ip link set " + name + " up"))
+		return false;
+	return ns.inside([&] {
+		wexo_handle_t h = nullptr;
+		datalink_id_t id = 0;
+		const bool ok = wexo_open(&h) == WEXO_STATUS_OK && wexo_name2info(h, lower.c_str(), &id, nullptr) == WEXO_STATUS_OK &&
+		    wexo_vnic_own(h, name.c_str(), mac.c_str(), id) == WEXO_STATUS_OK;
+		wexo_close(h);
+		return ok ? 0 : 1;
+	}) == 0;
+}
 
 }  // namespace kel::test

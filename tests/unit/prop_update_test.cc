@@ -140,7 +140,7 @@ protected:
 	{
 		PropUpdate::SetUp();
 		ASSERT_TRUE(host_.ok());
-		ASSERT_TRUE(host_.exec("ip link add vn0 type veth peer name vn0p"));
+		ASSERT_TRUE(kel::test::fabric_vnic(host_, "vn0", "up0", "02:00:00:00:00:20"));
 		keld_ = std::make_unique<kel::test::Keld>(host_.name());
 		ASSERT_GT(keld_->pid(), 0);
 		ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", "h"), KEL_SUCCESS);

@@ -3,6 +3,7 @@
 #include <linux/if_packet.h>
 #include <net/ethernet.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cstdio>
@@ -319,9 +320,12 @@ TEST_F(Vnics, ArgumentsAndMissingSettings)
 	EXPECT_EQ(none.rc, KEL_E_CTRL_CONNECT);
 }
 
-// Sends `n` broadcast frames of `size` bytes out of `ifname`.
+// Sends `n` broadcast frames of `size` bytes out of `ifname`, from its own address.
 bool send_frames(const char *ifname, int n, size_t size)
 {
+	// Asked of the kernel: this thread's namespace is not the one /sys shows.
+	struct ifreq req {};
+	std::snprintf(req.ifr_name, sizeof(req.ifr_name), "%s", ifname);
 	const int fd = socket(AF_PACKET, SOCK_RAW, 0);
 	struct sockaddr_ll to {};
 	to.sll_family = AF_PACKET;
@@ -330,6 +334,8 @@ bool send_frames(const char *ifname, int n, size_t size)
 	std::memset(to.sll_addr, 0xff, ETH_ALEN);
 	std::string frame(size, '\0');
 	std::memset(frame.data(), 0xff, ETH_ALEN);
+	if (fd != -1 && ioctl(fd, SIOCGIFHWADDR, &req) == 0)
+		std::memcpy(frame.data() + ETH_ALEN, req.ifr_hwaddr.sa_data, ETH_ALEN);
 	frame[12] = static_cast<char>(0x88);	// a local experimental EtherType
 	frame[13] = static_cast<char>(0xb5);
 	bool ok = fd != -1 && to.sll_ifindex != 0;
@@ -365,13 +371,17 @@ TEST_F(Vnics, StatisticsAreTheKernelsCounters)
 {
 	host_prop("uplink-port=up0,flat=yes");
 	make_kel("lan", "l2-type=flat", 1);
+	// Two VNICs on one uplink, quiet but for the frames sent here: one of the host's own,
+	// there before the fabric's, and the port's, with its address.
+	ASSERT_TRUE(NetNs::run("ip link add vn2 link up0 type macvlan mode bridge"));
 	Attach a;
 	connect("lan", "p1", "vn1", &a);
 	ASSERT_EQ(a.rc, KEL_SUCCESS);
-	// Two VNICs on one uplink, quiet but for the frames sent here.
-	for (const char *cmd : {"ip link add vn1 link up0 type macvlan mode bridge",
-	         "ip link add vn2 link up0 type macvlan mode bridge", "sysctl -qw net.ipv6.conf.vn1.disable_ipv6=1",
-	         "sysctl -qw net.ipv6.conf.vn2.disable_ipv6=1", "ip link set vn1 up", "ip link set vn2 up"})
+	const kelcntl_VPortInfo *port = a.info->ekelii_kelinfo->ekeli_vports[0];
+	const std::string mac = kel_propattrset_lookup(port->evpi_props, port->evpi_props_count, "macaddr");
+	for (const std::string &cmd : {"ip link add vn1 address " + mac + " link up0 type macvlan mode bridge",
+	         std::string("sysctl -qw net.ipv6.conf.vn1.disable_ipv6=1"), std::string("sysctl -qw net.ipv6.conf.vn2.disable_ipv6=1"),
+	         std::string("ip link set vn1 up"), std::string("ip link set vn2 up")})
 		ASSERT_TRUE(NetNs::run(cmd)) << cmd;
 	ASSERT_TRUE(send_frames("vn1", 5, 100));
 	ASSERT_TRUE(send_frames("vn2", 3, 200));	// broadcast: vn1 receives them

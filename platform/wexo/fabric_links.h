@@ -1,0 +1,39 @@
+// The records of what the fabric made on this host, one small file per link under
+// /run/kel (gone with a reboot, as the links are): the VNICs bound to ports through the
+// library, recorded when the port is bound and forgotten when it is released, and the
+// links made on demand under them, recorded with the interface index they were made
+// with. keld acts on these links and on no other; an on-demand link with a VNIC recorded
+// over it is in use even before the VNIC is made; and a lower link lets out only the
+// addresses of the VNICs recorded over it.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "link_filter.h"
+
+namespace wexo::fabric {
+
+struct Vnic {
+	std::string name;	// "LINK", or "NAMESPACE/LINK" for one in a named namespace
+	filter::Mac mac{};	// its port's address
+	std::string lower;	// the link it is made over, in the host's namespace
+};
+
+// The record of VNIC `name`, if there is one.
+std::optional<Vnic> vnic(const std::string &name);
+// Every VNIC recorded, in no particular order.
+std::vector<Vnic> vnics();
+// Records `v`, replacing a record of the same name; false with errno on failure.
+bool record_vnic(const Vnic &v);
+void forget_vnic(const std::string &name);
+
+// The interface index the on-demand link `name` was made with, if the fabric made it.
+std::optional<int> lower(const std::string &name);
+// Every on-demand link recorded: name and interface index.
+std::vector<std::pair<std::string, int>> lowers();
+bool record_lower(const std::string &name, int ifindex);
+void forget_lower(const std::string &name);
+
+}  // namespace wexo::fabric

@@ -1,0 +1,93 @@
+// A link's filters: what they are made of, parsed from the link's kept property texts,
+// and the nftables commands that put them in place, built as libnftables JSON from the
+// parsed values alone. No text a caller gave ever reaches a command: an address is
+// parsed into bytes and printed again by inet_ntop, a MAC address into six bytes, a
+// protection into flags, so no value can change a command's structure.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace wexo::filter {
+
+using Json = nlohmann::json;
+using Mac = std::array<uint8_t, 6>;
+
+// An address with its prefix length: IPv4 in the first 4 bytes, IPv6 in all 16. The
+// bits past the prefix are zero.
+struct Prefix {
+	int family = 0;	// AF_INET or AF_INET6
+	std::array<uint8_t, 16> bytes{};
+	unsigned len = 0;
+	bool operator==(const Prefix &) const = default;
+};
+
+enum class Priority { Low, Medium, High };
+
+// Everything the filters of one link are built from.
+struct Settings {
+	Priority priority = Priority::Medium;
+	bool mac_nospoof = false, ip_nospoof = false, dhcp_nospoof = false, restricted = false;
+	Mac mac{};	// what the guest's frames must carry: allowed-mac, else the link's own
+	std::vector<Prefix> allowed4, allowed6;	// disjoint, in order
+	// Whether there is anything to filter at all.
+	bool any() const;
+	bool protects() const { return mac_nospoof || ip_nospoof || dhcp_nospoof || restricted; }
+};
+
+// More addresses than a port could sensibly have is a hostile caller: refused.
+inline constexpr size_t kMaxAllowed = 256;
+
+// "xx:xx:..." in any of the forms the fabric writes (one or two hex digits a byte);
+// false unless exactly six bytes.
+bool parse_mac(const std::string &text, Mac *out);
+// A comma-separated list of addresses, each with an optional "/LEN" (a decimal
+// integer within the family's bits); false when any piece is not one, or there are more
+// than kMaxAllowed. Covered prefixes are dropped, so what is left is disjoint.
+bool parse_allowed(const std::string &text, std::vector<Prefix> *v4, std::vector<Prefix> *v6);
+// The link's kept properties ("priority", "protection", "allowed-ips", "allowed-mac")
+// over the link's own MAC address; false when a value does not parse.
+bool parse(const std::map<std::string, std::string> &props, const Mac &own, Settings *out);
+
+// The text forms the fabric writes and reads back.
+std::string mac_text(const Mac &mac);
+std::string prefix_text(const Prefix &p);	// "10.0.0.1", "10.1.0.0/16"
+// The IPv6 link-local address a MAC address gives (modified EUI-64).
+Prefix link_local(const Mac &mac);
+
+// Where one table of filters sits: its name, the hooks it takes on which devices, and,
+// for a guest's VNIC seen from its lower link, which frames are that VNIC's.
+struct Placement {
+	std::string table;
+	std::vector<std::pair<std::string, std::string>> hooks;	// ("egress" or "ingress", device)
+	std::optional<Mac> selector;
+	bool host_side = false;	// in the caller's namespace rather than the link's
+};
+
+// The name of the table of `link` in namespace `ns` ("" for the host's own): "kel_LINK",
+// "kel_NS/LINK".
+std::string link_table(const std::string &ns, const std::string &link);
+// The name of a lower link's guard table: "kel-lower_LINK" (a name no link table has).
+std::string lower_table(const std::string &link);
+
+// One batch that makes the table of `at` anew from `s`, or removes it when nothing is
+// left to filter; applied at once, so the link is never seen half filtered.
+Json ruleset(const Placement &at, const Settings &s);
+// What a listing of table `at` (as nftables lists it) has in force, by its rules'
+// comments: each protection ("mac-nospoof", "ip-nospoof", ...) or priority
+// ("priority=high") whose rules are all there, and "tagged" for the drop of tagged
+// frames, in the order listed; nothing when the table no longer takes all its hooks.
+std::vector<std::string> in_force(const Json &listing, const Placement &at);
+// One batch that makes the guard of lower link `device` anew: what leaves through it
+// must come from one of `macs`. With no address, the guard goes.
+Json lower_guard(const std::string &device, const std::vector<Mac> &macs);
+// One batch that removes table `name` if it is there.
+Json removal(const std::string &name);
+
+}  // namespace wexo::filter

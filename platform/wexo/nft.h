@@ -1,0 +1,20 @@
+// Running nftables batches built as JSON (link_filter.h) in a network namespace, and
+// reading a table back, through libnftables.
+#pragma once
+
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "wexo.h"
+
+namespace wexo::nft {
+
+// Runs `batch` in namespace `nsfd` (-1: the caller's) as one transaction: all of it or
+// none. WEXO_STATUS_FAILED when nftables refuses it.
+wexo_status_t run(int nsfd, const nlohmann::json &batch);
+// The netdev table `name` of namespace `nsfd`, as nftables lists it (objects under
+// "nftables"); WEXO_STATUS_NOTFOUND when there is none.
+wexo_status_t list_table(int nsfd, const std::string &name, nlohmann::json *listing);
+
+}  // namespace wexo::nft
