@@ -11,7 +11,9 @@
 #                      "check WHAT fails CMD..." wants CMD to fail
 #   quiet NODE ARGS... a keladm step on NODE whose output is not the point
 #   keladm_on NODE ARGS...  keladm on NODE
-# Host names are kel-ctl, kel-ha and kel-hb, at 10.77.0.1-3 on the underlay.
+# Host names are kel-ctl, kel-ha and kel-hb, at 10.77.0.1-3 on the underlay. With
+# fabric_kel_group set before fabric_up, every host has a group "kel" (whose members
+# keld serves), its ID in $fabric_kel_gid.
 
 fabric_tag=$$
 fabric_root=
@@ -55,6 +57,18 @@ fabric_require() {
 	done
 }
 
+# The hosts' group file: the machine's, with a group "kel" when it has none.
+fabric_kel_gid=
+fabric_group_file() {
+	fabric_kel_gid=$(awk -F: '$1 == "kel" { print $3 }' /etc/group)
+	cat /etc/group
+	if [ -z "$fabric_kel_gid" ]; then
+		fabric_kel_gid=64977
+		while getent group "$fabric_kel_gid" >/dev/null; do fabric_kel_gid=$((fabric_kel_gid + 1)); done
+		echo "kel:x:$fabric_kel_gid:"
+	fi
+}
+
 fabric_up() {
 	fabric_root=$(mktemp -d /tmp/kel-fabric-XXXXXX)
 	local node g ns
@@ -69,6 +83,7 @@ fabric_up() {
 		# ip netns exec mounts these over /etc/hosts for the host's processes only.
 		mkdir -p "/etc/netns/$ns"
 		printf '127.0.0.1 localhost\n10.77.0.1 kel-ctl\n10.77.0.2 kel-ha\n10.77.0.3 kel-hb\n' >"/etc/netns/$ns/hosts"
+		[ -n "${fabric_kel_group:-}" ] && fabric_group_file >"/etc/netns/$ns/group"
 		ip -n "$ns" link set lo up
 		ip link add eth0 netns "$ns" type veth peer name "$node" netns "kfnet-$fabric_tag" ||
 			{ fabric_skip="no veth links"; return 1; }

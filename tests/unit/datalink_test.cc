@@ -7,16 +7,17 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <barrier>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 #include "fenu.h"
 #include "harl.h"
-#include "nuq_errors.h"
-#include "wexo.h"
 #include "netns.h"
+#include "nuq_errors.h"
 #include "wexo.h"
 
 namespace {
@@ -391,6 +392,67 @@ TEST_F(Datalinks, KeldReadsBackWhatIsInForce)
 	nuq_instance_rele(link);
 	nuq_disconnect(conn);
 	EXPECT_EQ(keld.stop(), 0);
+}
+
+// Two changes to one link at once, as keld's threads and a node's processes make them:
+// both land, in what is kept and in what is in force.
+TEST_F(Datalinks, ChangesAtOnceToOneLinkAllLand)
+{
+	bind_vnic(a_);
+	EXPECT_EQ(a_.inside([] {
+		int lost = 0;
+		for (int trial = 0; trial < 30; trial++) {
+			std::barrier start(2);
+			const auto change = [&](const char *name, const char *value) {
+				wexo_handle_t h = nullptr;
+				datalink_id_t id = 0;
+				(void)(wexo_open(&h) == WEXO_STATUS_OK && wexo_name2info(h, "vm0", &id, nullptr) == WEXO_STATUS_OK);
+				start.arrive_and_wait();
+				const wexo_status_t st = wexo_set_linkprop(h, id, name, value);
+				wexo_close(h);
+				return st;
+			};
+			wexo_status_t priority = 1, protection = 1;
+			std::thread one([&] { priority = change("priority", trial % 2 ? "high" : "low"); });
+			std::thread two([&] { protection = change("protection", trial % 2 ? "mac-nospoof" : "ip-nospoof"); });
+			one.join();
+			two.join();
+			if (priority != WEXO_STATUS_OK || protection != WEXO_STATUS_OK)
+				return 100 + trial;
+			wexo_handle_t h = nullptr;
+			datalink_id_t id = 0;
+			wexo_link_state_t state;
+			if (wexo_open(&h) != WEXO_STATUS_OK || wexo_name2info(h, "vm0", &id, nullptr) != WEXO_STATUS_OK ||
+			    wexo_link_state(h, id, &state) != WEXO_STATUS_OK)
+				return 99;
+			wexo_close(h);
+			const std::string held = std::string(",") + state.wls_filters + ",";
+			lost += held.find(trial % 2 ? ",priority=high," : ",priority=low,") == std::string::npos ||
+			    held.find(trial % 2 ? ",mac-nospoof," : ",ip-nospoof,") == std::string::npos;
+		}
+		return lost;
+	}), 0) << "changes lost";
+}
+
+// A link made over one in another namespace (a veth's peer) names its lower link by that
+// namespace's index: read here, it would name whatever link has that index here.
+TEST_F(Datalinks, ALowerLinkElsewhereIsNotReadHere)
+{
+	std::string index;
+	ASSERT_TRUE(b_.exec("sh -c 'ip link show vb | cut -d: -f1 | head -1 > " + root_ + "/vb-index'"));
+	std::ifstream(root_ + "/vb-index") >> index;
+	ASSERT_FALSE(index.empty());
+	// A decoy of that index here, unless one has it already.
+	(void)a_.exec("ip link add decoy index " + index + " type veth peer name decoyp");
+	EXPECT_EQ(a_.inside([] {
+		wexo_handle_t h = nullptr;
+		datalink_id_t id = 0;
+		wexo_link_state_t state;
+		const bool ok = wexo_open(&h) == WEXO_STATUS_OK && wexo_name2info(h, "va", &id, nullptr) == WEXO_STATUS_OK &&
+		    wexo_link_state(h, id, &state) == WEXO_STATUS_OK && state.wls_lower[0] == '\0';
+		wexo_close(h);
+		return ok ? 0 : 1;
+	}), 0);
 }
 
 TEST_F(Datalinks, ClassOfServiceOnVlanLinks)
