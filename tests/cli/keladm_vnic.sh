@@ -129,4 +129,33 @@ check "its port is free, the shared link stays" \
 status "the last VNIC goes" 0 delete-vnic "$g2/eth0"
 check "and the VXLAN link with it" bash -c "! ip -n '$host' link show kel-vxlan5100 2>/dev/null"
 check "every port is free" bash -c "! ip netns exec '$host' '$keladm_bin' show-vport -p -o status web | grep -q bound"
+
+# Operators at once on one VXLAN link: each succeeds. The last two VNICs of the VNI go
+# together; VNICs come and go in loops side by side.
+together=0
+for round in 1 2 3; do
+	"$keladm" create-vnic web/vm1 "$g1/eth0" >/dev/null && "$keladm" create-vnic web/vm2 "$g2/eth0" >/dev/null || together=1
+	"$keladm" delete-vnic "$g1/eth0" & one=$!
+	"$keladm" delete-vnic "$g2/eth0" & two=$!
+	wait $one || together=1
+	wait $two || together=1
+done
+check "the last two VNICs deleted at once both succeed" test $together = 0
+check "and the link goes with them" bash -c "! ip -n '$host' link show kel-vxlan5100 2>/dev/null"
+loop() { # VNIC: made and deleted six times; prints the failures
+	local n=0
+	for _ in 1 2 3 4 5 6; do
+		"$keladm" create-vnic web "$1" >/dev/null 2>>"$root/loops.err" || n=$((n + 1))
+		"$keladm" delete-vnic "$1" >/dev/null 2>>"$root/loops.err" || n=$((n + 1))
+	done
+	echo $n
+}
+pids=()
+for i in 1 2 3 4; do loop "cv$i" >"$root/loop$i" & pids+=($!); done
+wait "${pids[@]}"	# keld runs in the background too
+failures=$(awk '{ s += $1 } END { print s + 0 }' "$root"/loop?)
+check "four loops of creates and deletes side by side all succeed ($failures failed: $(head -c 300 "$root/loops.err"))" \
+	test "$failures" = 0
+check "and leave no port bound, no link behind" bash -c \
+	"! ip netns exec '$host' '$keladm_bin' show-vport -p -o status web | grep -q bound && ! ip -n '$host' link show kel-vxlan5100 2>/dev/null"
 exit $fail
