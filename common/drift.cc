@@ -13,9 +13,11 @@
 #include <string>
 #include <vector>
 
+#include "attrset_ptr.h"
 #include "bandwidth.h"
 #include "c_boundary.h"
 #include "connections.h"
+#include "drift.h"
 #include "error_code.h"
 #include "fan_out.h"
 #include "flood_sync.h"
@@ -35,11 +37,7 @@ namespace {
 
 constexpr const char *kProtections[] = {"mac-nospoof", "ip-nospoof", "dhcp-nospoof", "restricted"};
 
-// One difference, as the caller will get it.
-struct Drift {
-	std::string object, host, what, store, found;
-	bool repaired = false;
-};
+using kel::Drift;
 
 // A bound port and what its host should have in force for it.
 struct Port {
@@ -208,12 +206,25 @@ bool reapply(nuq_instance_t *link, const Port &p)
 	return all;
 }
 
+// What one host's check found: its differences, and the ports bound there to a VNIC it
+// does not have, each with the index of its difference, for the repair to release.
+struct HostResult {
+	std::vector<Drift> drifts;
+	std::vector<std::pair<const Port *, size_t>> release;
+};
+
 // Every port of one host, over one connection: what differs, and with `repair` put right.
-void verify_host(const std::string &uri, const std::vector<const Port *> &ports, bool repair, std::vector<Drift> *out)
+// With `all`, what the host left behind too.
+void verify_host(const std::string &host, const std::string &uri, const std::vector<const Port *> &ports, bool all,
+    bool repair, HostResult *result)
 {
+	std::vector<Drift> *out = &result->drifts;
 	nuq_conn_t *raw = nullptr;
 	const int opened = uri.empty() ? KEL_E_HOST_CONNECT : kel_connect_uri(uri.c_str(), &raw);
 	const kel::Owned<nuq_conn_t, nuq_disconnect> conn(raw);
+	if (opened != KEL_SUCCESS && all)
+		out->push_back({host, host, "host", "what is left behind", "the host did not answer"});
+	std::vector<const Port *> missing;
 	for (const Port *p : ports) {
 		if (opened != KEL_SUCCESS) {
 			out->push_back({p->object, p->vp->evp_hostname, "host", "VNIC " + std::string(p->vp->evp_vnicname),
@@ -226,6 +237,10 @@ void verify_host(const std::string &uri, const std::vector<const Port *> &ports,
 		if (found != NUQ_E_SUCCESS) {
 			out->push_back({p->object, p->vp->evp_hostname, "vnic", std::string("VNIC ") + p->vp->evp_vnicname,
 			    found == NUQ_E_NOTFOUND ? "no such link" : "cannot be looked up"});
+			if (found == NUQ_E_NOTFOUND) {
+				result->release.emplace_back(p, out->size() - 1);
+				missing.push_back(p);
+			}
 			continue;
 		}
 		HarlLinkState state;
@@ -249,6 +264,18 @@ void verify_host(const std::string &uri, const std::vector<const Port *> &ports,
 			for (size_t i = first; i < out->size(); i++)
 				(*out)[i].repaired = (*out)[i].what != "mac" && (*out)[i].what != "lower";
 	}
+	if (opened != KEL_SUCCESS || (!all && missing.empty()))
+		return;
+	// A port whose VNIC is being made right now keeps its binding.
+	std::vector<std::string> names;
+	for (const Port *p : missing)
+		names.push_back(p->vp->evp_vnicname);
+	const std::vector<bool> releasable = kel::host_leftovers(conn.get(), host, names, all, repair, out);
+	std::vector<std::pair<const Port *, size_t>> kept;
+	for (const auto &r : result->release)
+		if (releasable[std::find(missing.begin(), missing.end(), r.first) - missing.begin()])
+			kept.push_back(r);
+	result->release = std::move(kept);
 }
 
 // The flood lists of a VXLAN kel without a group, against its hosts' endpoints.
@@ -278,8 +305,39 @@ int verify_flood(kel_dbhandle_t h, const char *tenant, const char *kel, bool rep
 	return KEL_SUCCESS;
 }
 
+// Whether `filter` takes the whole fabric (no kel or port named), and the host it names
+// ("" for every host).
+bool whole_fabric(const char *filter, std::string *host)
+{
+	attrset_t *raw = nullptr;
+	if (filter == nullptr || kel_str2attrset(filter, &raw, B_TRUE, 0) != KEL_SUCCESS)
+		return filter == nullptr;
+	const kel::AttrSetPtr set(raw);
+	char *value = nullptr;
+	if (attrset_lookup_string(set.get(), "host", &value) == 0)
+		*host = value;
+	return attrset_lookup_string(set.get(), "kel", &value) != 0 && attrset_lookup_string(set.get(), "vport", &value) != 0;
+}
+
+// The hosts the store knows by their settings, into `uris` (host: how to reach it).
+int add_known_hosts(kel_dbhandle_t h, const std::string &only, std::map<std::string, std::string> *uris)
+{
+	kel::RecordList<kel_ctrlprop_t> props;
+	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); }); rc != KEL_SUCCESS)
+		return rc;
+	for (kel_ctrlprop_t *p : props) {
+		if (*p->ecp_host == '\0' || uris->count(p->ecp_host) != 0 || (!only.empty() && only != p->ecp_host))
+			continue;
+		char uri[1024];
+		(*uris)[p->ecp_host] = kel_kelnode_uri(h, p->ecp_host, uri, sizeof(uri)) == KEL_SUCCESS ? uri : "";
+	}
+	return KEL_SUCCESS;
+}
+
 int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift> *out)
 {
+	std::string only_host;
+	const bool all = whole_fabric(filter, &only_host);
 	kel::RecordList<kel_vport_t> ports;
 	std::deque<kel::RecordList<kel_t>> kels;	// records stay where they are as more come
 	std::vector<Port> bound;
@@ -291,9 +349,12 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 		if (rc != KEL_SUCCESS)
 			return rc;
 		rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
-		if (rc == KEL_E_VPORT_NOTFOUND)
+		if (rc == KEL_E_VPORT_NOTFOUND && !all)
 			return KEL_SUCCESS;
-		if (rc != KEL_SUCCESS)
+		if (rc != KEL_SUCCESS && rc != KEL_E_VPORT_NOTFOUND)
+			return rc;
+		// The whole fabric: every host the store knows, for what it left behind.
+		if (all && (rc = add_known_hosts(h, only_host, &uris)) != KEL_SUCCESS)
 			return rc;
 		std::map<std::string, kel_t *> by_kel;	// "tenant/kel" to its record
 		for (kel_vport_t *vp : ports) {
@@ -330,19 +391,26 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 		for (const Port &p : bound)
 			if (hosts[i].first == p.vp->evp_hostname)
 				shares[i].push_back(&p);
-	std::vector<std::vector<Drift>> found(hosts.size());
+	std::vector<HostResult> found(hosts.size());
 	std::vector<char> failed(hosts.size(), 0);
 	kel::fan_out(hosts.size(), [&](size_t i) noexcept {
 		try {
-			verify_host(hosts[i].second, shares[i], repair, &found[i]);
+			verify_host(hosts[i].first, hosts[i].second, shares[i], all, repair, &found[i]);
 		} catch (const std::bad_alloc &) {
 			failed[i] = 1;
 		}
 	});
 	if (std::find(failed.begin(), failed.end(), 1) != failed.end())
 		return KEL_E_NOMEM;
-	for (std::vector<Drift> &f : found)
-		out->insert(out->end(), f.begin(), f.end());
+	for (HostResult &f : found) {
+		// A port bound to a VNIC its host does not have is released, one at a time on the
+		// store's handle; the release asks the host once more.
+		if (repair)
+			for (const auto &[p, at] : f.release)
+				f.drifts[at].repaired = kel_db_reset_vport(h, p->vp->evp_tenantname, p->vp->evp_kelname, p->vp->evp_name,
+				                            nullptr, 0) == KEL_SUCCESS;
+		out->insert(out->end(), f.drifts.begin(), f.drifts.end());
+	}
 	for (const auto &[tenant, kel] : flooded)
 		if (int rc = verify_flood(h, tenant.c_str(), kel.c_str(), repair, out); rc != KEL_SUCCESS)
 			return rc;

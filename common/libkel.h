@@ -412,20 +412,27 @@ void kel_free_problemlist(list_t *problems) KEL_NOEXCEPT;
  * with the VNI, an endpoint in the host's endpoint subnet and the fabric's group), with
  * the bandwidth cap, protection filters, allowed addresses and priority the port inherits
  * in force; and for VXLAN kels without a group, that each host's link floods to the
- * kel's other hosts. One kel_drift_t a difference, or a host that did not answer. With
- * KEL_VERIFY_REPAIR it also applies the link properties and flood lists again, and marks
- * what it put right; what it cannot (a missing VNIC, another lower link or address) is
- * left to the operator. The hosts are asked without the store lock held. Free the list
- * with kel_free_driftlist.
+ * kel's other hosts. When `filter` names no kel and no port, it also asks every host the
+ * store knows (or the filter's "host") what the fabric left there that nothing uses:
+ * "leftover" entries, named by the VNIC record, link or filter table. One kel_drift_t a
+ * difference, or a host that did not answer. With KEL_VERIFY_REPAIR it also applies the
+ * link properties and flood lists again, releases a port bound to a VNIC its host does
+ * not have (the handle must then be read-write), removes the leftovers, and marks what it
+ * put right; what it cannot (another lower link or address) is left to the operator. A
+ * VNIC recorded on its host less than a minute ago is still being made: its port is
+ * neither released nor its record taken for a leftover. The hosts are asked without the
+ * store lock held. Free the list with kel_free_driftlist.
  */
 #define KEL_VERIFY_REPAIR	0x1
 
 typedef struct kel_drift {
 	list_node_t edr_node;
-	char edr_object[3 * KEL_NAME_LEN];	/* "tenant/kel/vport", or "tenant/kel" for a flood list */
+	char edr_object[3 * KEL_NAME_LEN];	/* "tenant/kel/vport", "tenant/kel" for a flood list, the
+					   VNIC, link or table of a leftover, a host */
 	char edr_host[256];
 	char edr_what[32];		/* "vnic", "mac", "lower", "maxbw", "protection", "allowed-ips",
-					   "priority", "flood" or "host" (it did not answer) */
+					   "priority", "flood", "leftover" or "host" (it did not
+					   answer) */
 	char edr_store[1024];		/* what the store says */
 	char edr_found[1024];		/* what the host has */
 	boolean_t edr_repaired;		/* put right by this call */

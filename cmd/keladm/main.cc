@@ -158,7 +158,7 @@ const Subcommand kSubcommands[] = {
 	    .options = kTenant | kShow | kThreshold, .run = show_usage, .fields = kUsageFields,
 	    .example = "keladm show-usage --threshold 80\nkeladm show-usage --json -o resource,owner,percent,high"},
 	{.name = "verify", .usage = "[-T tenant] [-h host] [--repair] [-o field,...] [-p | --json] [KEL[/VPORT]]",
-	    .summary = "compare what the hosts have in force with what the store says (--repair: apply it again)",
+	    .summary = "compare what the hosts have in force with what the store says, find what they left behind (--repair: mend it)",
 	    .options = kTenant | kHost | kShow | kRepair, .run = verify, .fields = kDriftFields,
 	    .example = "keladm verify -T all\nkeladm verify --repair -h host-a"},
 	{.name = "upgrade-store", .usage = "", .summary = "bring an older configuration store to the current schema",

@@ -31,8 +31,9 @@ int verify(const Subcommand &cmd, const Options &opts)
 	    rc != KEL_SUCCESS)
 		return fail("cannot verify", rc);
 	Store store;
-	// Nothing in the store changes, --repair or not: what it puts back is on the hosts.
-	if (store.open(false) != KEL_SUCCESS)
+	// Without --repair nothing changes; with it, a port bound to a VNIC its host does not
+	// have is released.
+	if (store.open(opts.repair) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_drift_t> drifts;
 	const int rc = drifts.read([&](list_t *l) {

@@ -3,12 +3,21 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <cstdlib>
+
 #include "libkel.h"
+#include "log.h"
+#include "datalink_error.h"
 #include "nuq_errors.h"
 #include "owners.h"
+#include "wexo.h"
 
 namespace keld {
 namespace {
+
+// A VNIC recorded less than this long ago is still being made: its VNIC's absence is no
+// leftover yet.
+constexpr long kGraceSeconds = 60;
 
 std::string node_name()
 {
@@ -57,6 +66,31 @@ nuq::Interface daemon_interface(const DaemonState &state)
 		if (check != nullptr && check->is_boolean() && *check && !state.settings().controller.empty())
 			info["controller_rc"] = kel_check_controller();
 		return nuq::Reply{NUQ_E_SUCCESS, info};
+	};
+	// What the fabric made here and nothing uses any more, for the controller's drift
+	// check, and its removal when the controller repairs.
+	iface.methods["getLeftovers"] = [](const nuq::Json &, const nuq::Json &args) {
+		const nuq::Json *grace = nuq::member(args, "grace");
+		if (grace != nullptr && (!grace->is_number_unsigned() || grace->get<uint64_t>() > 86400))
+			return nuq::Reply{NUQ_E_BADARGS, nullptr};
+		wexo_leftover_t *list = nullptr;
+		size_t count = 0;
+		const wexo_status_t st = wexo_fabric_leftovers(grace != nullptr ? grace->get<long>() : kGraceSeconds, &list, &count);
+		nuq::Json found = nuq::Json::array();
+		for (size_t i = 0; i < count; i++)
+			found.push_back({{"kind", list[i].wl_kind}, {"name", list[i].wl_name}, {"what", list[i].wl_what},
+			    {"age", list[i].wl_age}});
+		std::free(list);
+		return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, {{"leftovers", found}}} : datalink_error(st);
+	};
+	iface.methods["removeLeftover"] = [](const nuq::Json &, const nuq::Json &args) {
+		const std::string *kind = nuq::text_member(args, "kind"), *name = nuq::text_member(args, "name");
+		if (kind == nullptr || name == nullptr)
+			return nuq::Reply{NUQ_E_BADARGS, nullptr};
+		const wexo_status_t st = wexo_fabric_remove_leftover(kind->c_str(), name->c_str());
+		nuq::log::write(st == WEXO_STATUS_OK ? nuq::log::kInfo : nuq::log::kErr,
+		    "removed what was left of " + *kind + " " + *name + (st == WEXO_STATUS_OK ? "" : ": failed"));
+		return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
 	};
 	return iface;
 }

@@ -9,24 +9,20 @@
 #include "harl.h"
 #include "kelnet.h"
 #include "log.h"
+#include "datalink_error.h"
 #include "nuq_errors.h"
 #include "wexo.h"
 
 namespace harl {
 namespace {
 
+using keld::datalink_error;
+
 // More remotes than a kel could have hosts is a hostile caller, not a fabric.
 constexpr size_t kMaxRemotes = 4096;
 
 // Refusals any member of the kel group can cause at will are logged a few at a time.
 nuq::log::Limiter refusals(10, std::chrono::seconds(10));
-
-// A datalink failure as the method's error record.
-nuq::Reply datalink_error(wexo_status_t st)
-{
-	char buf[1024];
-	return nuq::Reply{NUQ_E_OBJECT, {{"dde_err", st}, {"dde_errmsg", wexo_status2str(st, buf)}}};
-}
 
 // Opens a handle on the namespace of the link `name` ("LINK", or "NAMESPACE/LINK" for a
 // VNIC placed in a named namespace) and finds the link there.

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "nuq_types.h"
 
@@ -22,3 +23,14 @@ struct DaemonInfo {
 // Asks the daemon at the other end of `conn` (found by any key) for its info; with `check`
 // it first tries to reach its own controller. 0, or an error number of the transport.
 int daemon_info(nuq_conn_t *conn, bool check, DaemonInfo *out);
+
+// What the fabric left on the host at the other end of `conn` (see wexo_fabric_leftovers):
+// kind, name, what is wrong, and for a VNIC how many seconds ago its port was bound there.
+struct Leftover {
+	std::string kind, name, what;
+	int64_t age = 0;
+};
+// Every leftover, however recent. 0, or an error number of the transport.
+int daemon_leftovers(nuq_conn_t *conn, std::vector<Leftover> *out);
+// Removes one; 0, or an error number of the transport (NUQ_E_OBJECT: the host could not).
+int daemon_remove_leftover(nuq_conn_t *conn, const Leftover &what);

@@ -1,6 +1,7 @@
 #include "fabric_links.h"
 
 #include <net/if.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -64,6 +65,9 @@ std::optional<Vnic> read_vnic(const std::string &name)
 	Vnic v;
 	v.name = name;
 	v.lower = field(text, "lower");
+	struct stat st;
+	if (stat((vnics_dir() + "/" + name).c_str(), &st) == 0)
+		v.recorded = st.st_mtime;
 	if (!filter::parse_mac(field(text, "mac"), &v.mac) || !valid_name(v.lower) || v.lower.find('/') != std::string::npos)
 		return std::nullopt;
 	return v;
@@ -105,6 +109,14 @@ void forget_vnic(const std::string &name)
 {
 	if (valid_name(name))
 		remove_record(vnics_dir(), name);
+}
+
+bool in_use(const std::string &lower)
+{
+	for (const Vnic &v : vnics())
+		if (v.lower == lower)
+			return true;
+	return false;
 }
 
 std::optional<int> lower(const std::string &name)

@@ -7,6 +7,7 @@
 // addresses of the VNICs recorded over it.
 #pragma once
 
+#include <ctime>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +20,7 @@ struct Vnic {
 	std::string name;	// "LINK", or "NAMESPACE/LINK" for one in a named namespace
 	filter::Mac mac{};	// its port's address
 	std::string lower;	// the link it is made over, in the host's namespace
+	time_t recorded = 0;	// when its port was bound here
 };
 
 // The record of VNIC `name`, if there is one.
@@ -28,6 +30,8 @@ std::vector<Vnic> vnics();
 // Records `v`, replacing a record of the same name; false with errno on failure.
 bool record_vnic(const Vnic &v);
 void forget_vnic(const std::string &name);
+// Whether a VNIC is recorded over link `lower`: bound, and about to be made or made.
+bool in_use(const std::string &lower);
 
 // The interface index the on-demand link `name` was made with, if the fabric made it.
 std::optional<int> lower(const std::string &name);

@@ -29,6 +29,9 @@ wexo_status_t wexo_host_lower(wexo_handle_t h, struct rtnl_link *link, datalink_
 wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower);
 // Drops what the link properties left for a link that is being removed.
 void wexo_linkprop_forget(wexo_handle_t h, const char *ifname);
+// Whether any link is made over `id` or enslaved to it: in its own namespace, or, for a
+// VNIC placed in a named namespace, there.
+wexo_status_t wexo_has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy);
 // Records link `name`, just made as *id, as the fabric's own when `flags` say it was made on
 // demand; the caller holds its lock. A link that cannot be recorded goes again (*id
 // becomes DATALINK_INVALID_LINKID): nothing could ever remove it.

@@ -41,15 +41,19 @@ wexo_status_t run(int nsfd, const nlohmann::json &batch)
 	return execute(nsfd, batch.dump(), nullptr);
 }
 
-wexo_status_t list_table(int nsfd, const std::string &name, nlohmann::json *listing)
+wexo_status_t list(int nsfd, const nlohmann::json &command, nlohmann::json *listing)
 {
-	const nlohmann::json command = {{"nftables", {{{"list", {{"table", {{"family", "netdev"}, {"name", name}}}}}}}}};
 	std::string text;
 	const wexo_status_t st = execute(nsfd, command.dump(), &text);
 	if (st != WEXO_STATUS_OK)
 		return WEXO_STATUS_NOTFOUND;
 	*listing = nlohmann::json::parse(text, nullptr, false);
 	return listing->is_discarded() ? WEXO_STATUS_FAILED : WEXO_STATUS_OK;
+}
+
+wexo_status_t list_table(int nsfd, const std::string &name, nlohmann::json *listing)
+{
+	return list(nsfd, {{"nftables", {{{"list", {{"table", {{"family", "netdev"}, {"name", name}}}}}}}}}, listing);
 }
 
 }  // namespace wexo::nft

@@ -13,6 +13,8 @@ namespace wexo::nft {
 // Runs `batch` in namespace `nsfd` (-1: the caller's) as one transaction: all of it or
 // none. WEXO_STATUS_FAILED when nftables refuses it.
 wexo_status_t run(int nsfd, const nlohmann::json &batch);
+// What a "list" command (JSON) prints in namespace `nsfd`, parsed.
+wexo_status_t list(int nsfd, const nlohmann::json &command, nlohmann::json *listing);
 // The netdev table `name` of namespace `nsfd`, as nftables lists it (objects under
 // "nftables"); WEXO_STATUS_NOTFOUND when there is none.
 wexo_status_t list_table(int nsfd, const std::string &name, nlohmann::json *listing);

@@ -44,9 +44,9 @@ wexo_status_t uppers_in(wexo_handle_t h, wexo_handle_t home, int32_t homeid, dat
 	return WEXO_STATUS_OK;
 }
 
-// Whether any link is made over `id` or enslaved to it: in its own namespace, or, for a
-// VNIC placed in a named namespace, there.
-wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
+}  // namespace
+
+wexo_status_t wexo_has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 {
 	*busy = false;
 	wexo_status_t st = uppers_in(h, h, -1, id, busy);
@@ -71,17 +71,6 @@ wexo_status_t has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 		close(home);
 	return st;
 }
-
-// Whether a VNIC is recorded over link `name`: bound, and about to be made or made.
-bool recorded_over(const std::string &name)
-{
-	for (const wexo::fabric::Vnic &v : wexo::fabric::vnics())
-		if (v.lower == name)
-			return true;
-	return false;
-}
-
-}  // namespace
 
 wexo_status_t wexo_ondemand_made(wexo_handle_t h, const char *name, datalink_id_t *id, uint32_t flags)
 {
@@ -120,7 +109,7 @@ wexo_status_t wexo_ondemand_delete(wexo_handle_t h, datalink_id_t linkid, uint32
 	bool busy = false;
 	if (std::strcmp(rtnl_link_get_name(link), name) != 0)
 		st = WEXO_STATUS_NOTFOUND;
-	else if (recorded_over(name) || ((st = has_uppers(h, linkid, &busy)) == WEXO_STATUS_OK && busy))
+	else if (wexo::fabric::in_use(name) || ((st = wexo_has_uppers(h, linkid, &busy)) == WEXO_STATUS_OK && busy))
 		st = WEXO_STATUS_LINKBUSY;
 	if (st == WEXO_STATUS_OK)
 		st = wexo_from_nl(rtnl_link_delete(wexo_sock(h), link));

@@ -89,6 +89,24 @@ wexo_status_t wexo_vnic_disown(wexo_handle_t handle, const char *name) KEL_NOEXC
 // over, or a link made on demand (still the link made). WEXO_STATUS_NOTFABRIC otherwise.
 wexo_status_t wexo_link_owned(wexo_handle_t handle, datalink_id_t id, const char *name) KEL_NOEXCEPT;
 
+// What the fabric made on this host that nothing uses any more (what a command killed half
+// way leaves), for the controller's drift check: wl_kind "vnic" (a VNIC recorded, its
+// port bound, that is gone; those recorded less than `grace` seconds ago are still being
+// made and are left out), "link" (a link made on demand with no VNIC over it, or the
+// record of one that is gone) or "table" (a filter table, in the host's namespace, of a
+// VNIC or a link that is gone). *list, of *count entries, is freed with free().
+typedef struct wexo_leftover {
+	char wl_kind[8];
+	char wl_name[320];	// the VNIC ("NAMESPACE/LINK"), link or table
+	char wl_what[320];	// what is wrong with it, for people
+	long wl_age;		// a VNIC's: seconds since its port was bound here
+} wexo_leftover_t;
+wexo_status_t wexo_fabric_leftovers(long grace, wexo_leftover_t **list, size_t *count) KEL_NOEXCEPT;
+// Removes the leftover `name` of `kind`, if it still is one: a VNIC's record, filter table
+// and kept properties (and its lower link when it was the last user), a link, a table.
+// WEXO_STATUS_LINKBUSY when a VNIC's link is there again.
+wexo_status_t wexo_fabric_remove_leftover(const char *kind, const char *name) KEL_NOEXCEPT;
+
 // The link property kept for `id` ("" when unset).
 wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
     char *value, size_t size);

@@ -57,6 +57,7 @@ changed() {
 }
 reaches() { changed "$@"; }
 stopped() { ! changed "$@"; }
+silently() { "$@" >/dev/null 2>&1; }
 
 a1=$(mac_of a1) b1=$(mac_of b1) a2=$(mac_of a2) b3=$(mac_of b3)
 
@@ -136,6 +137,7 @@ stranger() { on ha setpriv --reuid=65534 --regid=65534 --clear-groups "$call" un
 prop() { echo "{\"text\": \"$1\", \"flags\": 32769}"; }
 got=$(member setProperty "name=$(guest a1)/eth0" "$(prop maxbw=900M)")
 check "may change a VNIC the fabric made ($got)" test "$got" = "{}"
+member setProperty "name=$(guest a1)/eth0" "$(prop maxbw=)" >/dev/null
 ip netns exec "$(host_ns ha)" nft add table inet host_firewall
 for target in eth0 lo "$(guest a1)/lo"; do
 	for text in maxbw=8K protection=mac-nospoof; do
@@ -155,4 +157,35 @@ check "the host's own rules are all still there" listed inet host_firewall
 check "and so are the guest's filters" listed netdev "kel_$(guest a1)/eth0"
 got=$(stranger getStat "name=$(guest a1)/eth0")
 check "a local user outside group kel is refused ($got)" grep -q '^error' <<<"$got"
+
+echo "== What a command killed half way leaves behind"
+clean=$(keladm_on ctl verify 2>&1)
+check "the fabric has nothing to report ($clean)" test -z "$clean"
+quiet hb create-vnic --address web/d "$(guest b2)/eth0"
+records=$fabric_root/hb/run/kel
+# Killed once the VNIC went: its port bound, its record and its host-side table left.
+ip -n "$(guest b2)" link del eth0
+# Killed before the last VNIC's link went: a link made for VNICs, with none over it.
+ip -n "$(host_ns hb)" link add kel-vxlan5999 type vxlan id 5999 dstport 4789
+echo "ifindex=$(ip -n "$(host_ns hb)" -o link show kel-vxlan5999 | cut -d: -f1)" >"$records/lowers/kel-vxlan5999"
+# A link of a fabric name made by hand is the host's own, never a leftover.
+ip -n "$(host_ns hb)" link add kel-vxlan5998 type vxlan id 5998 dstport 4789
+found=$(keladm_on ctl verify -p -o object,host,what,found 2>&1)
+check "a VNIC bound a moment ago is still being made: its port is reported, its record not ($found)" \
+	test "$found" = "sys-global/web/d:kel-hb:vnic:no such link
+kel-vxlan5999:kel-hb:leftover:link\: made for VNICs, with none over it
+kel_$(guest b2)/eth0:kel-hb:leftover:table\: the filters of $(guest b2)/eth0, which is gone"
+touch -d '-2 minutes' "$records/vnics/$(guest b2)/eth0"
+check "verify says so with its status" fails silently keladm_on ctl verify
+check "a verify of one kel leaves the hosts' leftovers out" test "$(keladm_on ctl verify -p -o what web 2>&1)" = vnic
+repaired=$(keladm_on ctl verify --repair -p -o object,what,repaired 2>&1)
+check "--repair releases the port and removes what was left ($repaired)" test "$repaired" = "sys-global/web/d:vnic:yes
+kel-vxlan5999:leftover:yes
+kel_$(guest b2)/eth0:leftover:yes"
+check "the port is free" test "$(keladm_on ctl show-vport -p -o status web/d)" = free
+check "the record, the link and the table are gone" bash -c "! ls '$records/vnics/$(guest b2)' 2>/dev/null | grep -q . &&
+	! ip -n $(host_ns hb) link show kel-vxlan5999 2>/dev/null && ! ip netns exec $(host_ns hb) nft list table netdev 'kel_$(guest b2)/eth0' 2>/dev/null"
+check "the link made by hand stays" silently ip -n "$(host_ns hb)" link show kel-vxlan5998
+clean=$(keladm_on ctl verify 2>&1)
+check "and verify finds nothing more ($clean)" test -z "$clean"
 exit $fail
