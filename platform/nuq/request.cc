@@ -38,10 +38,26 @@ const Json *member(const Json &obj, const char *name)
 	return it != obj.end() ? &*it : nullptr;
 }
 
+bool holds_nul(const Json &value)
+{
+	if (value.is_string())
+		return value.get_ref<const std::string &>().find('\0') != std::string::npos;
+	if (value.is_array()) {
+		for (const Json &item : value)
+			if (holds_nul(item))
+				return true;
+	} else if (value.is_object()) {
+		for (const auto &[name, item] : value.get_ref<const Json::object_t &>())
+			if (name.find('\0') != std::string::npos || holds_nul(item))
+				return true;
+	}
+	return false;
+}
+
 const std::string *text_member(const Json &obj, const char *name)
 {
 	const Json *m = member(obj, name);
-	return m != nullptr && m->is_string() ? &m->get_ref<const std::string &>() : nullptr;
+	return m != nullptr && m->is_string() && !holds_nul(*m) ? &m->get_ref<const std::string &>() : nullptr;
 }
 
 bool optional_text(const Json &obj, const char *name, const char **out)
@@ -50,7 +66,7 @@ bool optional_text(const Json &obj, const char *name, const char **out)
 	const Json *m = member(obj, name);
 	if (m == nullptr || m->is_null())
 		return true;
-	if (!m->is_string())
+	if (!m->is_string() || holds_nul(*m))
 		return false;
 	*out = m->get_ref<const std::string &>().c_str();
 	return true;

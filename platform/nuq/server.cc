@@ -92,6 +92,9 @@ std::string Dispatcher::answer(const Request &req) const
 		return result_reply(id, Json::object());	// the far end is a server of ours
 	if (req.method != "lookup" && req.method != "call")
 		return error_reply(id, NUQ_E_NOMETHOD);
+	// Refused here, for every interface and method at once.
+	if (holds_nul(params))
+		return error_reply(id, NUQ_E_BADARGS);
 	const std::string *name = text_member(params, "interface");
 	const Json *keys = member(params, "keys");
 	if (name == nullptr || keys == nullptr || !keys->is_object())

@@ -117,6 +117,35 @@ TEST(NuqDispatch, ErrorsUseTheProtocolsCodesAndNameTheRequest)
 	}
 }
 
+// A NUL in any text of a request would cut it short where it becomes a C string: refused
+// as bad arguments, whichever interface and method, wherever it sits.
+TEST(NuqDispatch, TextsWithANulAreRefused)
+{
+	const nuq::Dispatcher d = test_dispatcher();
+	const std::string call = R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},)";
+	for (const std::string &line : {
+	         std::string(R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":"a\u0000x"}}})"),
+	         std::string(R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing\u0000","keys":{}}})"),
+	         call + R"("method":"echo","args":{"t":"x\u0000"}}})",
+	         call + R"("method":"echo","args":{"t":["ok",{"u":"\u0000"}]}}})",
+	         call + R"("method":"echo","args":{"t\u0000u":1}}})",
+	         call + R"("method":"echo\u0000"}})",
+	     }) {
+		SCOPED_TRACE(line);
+		EXPECT_EQ(reply_code(d.handle(line)), NUQ_E_BADARGS);
+	}
+	EXPECT_EQ(reply_code(d.handle(call + R"("method":"echo","args":{"t":"x\u0001"}}})")), 0);
+
+	// The accessors modules use refuse such a text too.
+	const json obj = {{"nul", std::string("lo\0x", 4)}, {"fine", "lo"}};
+	const char *out = "unset";
+	EXPECT_EQ(nuq::text_member(obj, "nul"), nullptr);
+	EXPECT_FALSE(nuq::optional_text(obj, "nul", &out));
+	ASSERT_NE(nuq::text_member(obj, "fine"), nullptr);
+	EXPECT_TRUE(nuq::optional_text(obj, "fine", &out));
+	EXPECT_STREQ(out, "lo");
+}
+
 // Deep nesting anywhere in a line (the id, the params, an argument) is refused before
 // anything recursive sees it; nesting our own requests use is served.
 TEST(NuqDispatch, NestingIsBounded)
