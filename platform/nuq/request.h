@@ -21,8 +21,14 @@ inline constexpr int kMaxNesting = 32;
 // reaches a recursive parser or printer unchecked.
 bool nesting_within(std::string_view text, int limit);
 
+// The id of a request that had none the reply may echo.
+inline constexpr const char *kNullId = "null";
+
 struct Request {
-	Json id;	// a string, a number or null: all the protocol allows
+	// A string, a number or null, all the protocol allows, as the caller wrote it (JSON
+	// text): a reply echoes it exactly, and the parser keeps neither the digits of an
+	// integer beyond 64 bits nor the written form of a number ("1.50", "1e2").
+	std::string id = kNullId;
 	std::string method;
 	Json params;	// an object
 };
