@@ -81,7 +81,9 @@ wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const ch
     char *value, size_t size);
 
 // The flood list of a VXLAN link: its own endpoint (wf_local, "" when unset) and the
-// remote endpoints broadcast and unknown frames are copied to (wf_remotes, sorted).
+// remote endpoints broadcast and unknown frames are copied to (wf_remotes, sorted). A
+// destination not as the set below makes it reads with what sets it apart
+// ("10.1.0.2 port 5000", "0.0.0.0", "10.1.0.3 (not permanent)").
 typedef struct wexo_flood {
 	char wf_local[INET6_ADDRSTRLEN];
 	size_t wf_count;
@@ -93,8 +95,10 @@ typedef struct wexo_flood {
 wexo_status_t wexo_vxlan_get_flood(wexo_handle_t handle, datalink_id_t id, wexo_flood_t *flood) KEL_NOEXCEPT;
 void wexo_free_flood(wexo_flood_t *flood) KEL_NOEXCEPT;
 // Makes the flood list of link `id` exactly the `count` addresses of `remotes`, or, with
-// `only_add`, adds those missing and removes none. WEXO_STATUS_BADVAL for a remote that
-// is not a whole address.
+// `only_add`, adds those missing and removes only destinations it could not have made
+// (an unspecified address, another port...), whatever entries it finds. WEXO_STATUS_BADVAL,
+// changing nothing, for a remote that is not a whole unicast address of the link's
+// family (unspecified, loopback, multicast, broadcast) or is the link's own endpoint.
 wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id, const char *const *remotes,
     size_t count, boolean_t only_add) KEL_NOEXCEPT;
 

@@ -15,6 +15,7 @@
 #include "connections.h"
 #include "error_code.h"
 #include "flood_lists.h"
+#include "harl.h"
 #include "libkel_node.h"
 #include "netns.h"
 #include "nuq_errors.h"
@@ -459,6 +460,21 @@ TEST_F(Vnics, FloodListsFollowTheHostsOfTheKel)
 	Attach a;
 	connect("db", "p1", "vn1", &a);
 	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	// keld refuses a destination no copy of a frame could reach, and the list stays.
+	nuq_conn_t *conn = kel::test::connect_keld();
+	ASSERT_NE(conn, nullptr);
+	nuq_instance_t *link = nullptr;
+	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "kel-vxlan5002"), 0);
+	for (const char *bad : {"0.0.0.0", "255.255.255.255", "239.1.1.1", "127.0.0.1", "10.80.0.1"}) {
+		harl_DatalinkError *err = nullptr;
+		EXPECT_EQ(harl_Datalink_setFlood(link, {"10.80.0.5", bad}, false, &err), NUQ_E_OBJECT) << bad;
+		ASSERT_NE(err, nullptr);
+		EXPECT_EQ(err->dde_err, WEXO_STATUS_BADVAL);
+		harl_DatalinkError_free(err);
+	}
+	nuq_instance_rele(link);
+	nuq_disconnect(conn);
+	EXPECT_EQ(flood_of(wh_, a.link), Remotes{});
 	// An entry left by a host that went away unseen.
 	ASSERT_EQ(kel::test::set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
 	EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, "db"), KEL_SUCCESS);
