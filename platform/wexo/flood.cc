@@ -295,7 +295,8 @@ wexo_status_t wexo_vxlan_set_flood(wexo_handle_t h, datalink_id_t id, const char
 		std::set<std::string> have;
 		bool odd = false;
 		for (const Remote &r : found)
-			odd = !(r.plain && have.insert(r.dst).second) || odd;
+			if (!r.plain || !have.insert(r.dst).second)
+				odd = true;
 		// Adding keeps what is there, as long as it is a destination this file could have
 		// made.
 		if (only_add)
