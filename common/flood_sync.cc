@@ -2,6 +2,8 @@
 // floods nowhere of itself: each host's link gets the endpoints of the kel's other hosts
 // as its flood list. Endpoints are read from the hosts' own links, so the controller
 // keeps no copy that could go stale.
+#include <sys/socket.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <set>
@@ -118,11 +120,18 @@ namespace kel {
 
 std::vector<std::string> flood_wanted(const std::vector<FloodMember> &members, const FloodMember &to)
 {
-	std::vector<std::string> remotes;
-	for (const FloodMember &from : members)
-		if (&from != &to && from.has_link && from.local != to.local)
-			remotes.push_back(from.local);
-	return remotes;
+	// Only endpoints a link of `to`'s family can send to: a host whose link has none
+	// such would otherwise have every other host's list refused whole.
+	int family = AF_UNSPEC;
+	(void)unicast_endpoint(to.local.c_str(), &family);
+	std::set<std::string> remotes;
+	for (const FloodMember &from : members) {
+		int f = AF_UNSPEC;
+		if (&from != &to && from.has_link && from.local != to.local && unicast_endpoint(from.local.c_str(), &f) &&
+		    f == family)
+			remotes.insert(from.local);
+	}
+	return {remotes.begin(), remotes.end()};
 }
 
 int read_flood(kel_dbhandle_t h, const char *tenant, const char *kelname, std::vector<FloodMember> *members)

@@ -20,7 +20,8 @@ struct FloodMember {
 	std::vector<std::string> remotes;	// the endpoints it floods to
 };
 
-// The endpoints `to` should flood to: every other member's with a link.
+// The endpoints `to` should flood to, sorted: every other member's with a link, each
+// once, that a link of `to`'s family can send to.
 std::vector<std::string> flood_wanted(const std::vector<FloodMember> &members, const FloodMember &to);
 
 // For a VXLAN kel without a group, each of its hosts with what its link says, in host

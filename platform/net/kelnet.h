@@ -1,5 +1,6 @@
-// Host networking routines: link-layer address text, host names, datalink names and the
-// unspecified-address test. Plain functions of their arguments; no state.
+// Host networking routines: link-layer address text, host names, datalink names, the
+// unspecified-address test and tunnel endpoints. Plain functions of their arguments; no
+// state.
 #pragma once
 
 #include <sys/socket.h>
@@ -40,5 +41,10 @@ bool dlparse_zonelinkname(const char *name, char *link, size_t linklen, char *ns
 // Whether `sa` holds the unspecified address of its family (0.0.0.0 or ::). False for
 // any other address and for families other than IPv4 and IPv6.
 bool sockaddrunspec(const struct sockaddr *sa);
+
+// Whether `text` is a whole IPv4 or IPv6 address that a tunnel may send frames to: not
+// unspecified, loopback, multicast or broadcast (nor in 0/8, nor IPv4 written as IPv6).
+// Its family (AF_INET or AF_INET6) goes to *family when given.
+bool unicast_endpoint(const char *text, int *family);
 
 }

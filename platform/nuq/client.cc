@@ -1,8 +1,6 @@
 #include "client.h"
 
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -14,28 +12,14 @@
 #include <mutex>
 #include <new>
 #include <string>
-#include <vector>
 
+#include "conn.h"
 #include "nuq_errors.h"
 #include "paths.h"
 #include "request.h"
-#include "ssh_share.h"
 #include "wire.h"
 
 using nlohmann::json;
-
-struct nuq_conn {
-	int in = -1;		// replies come from here
-	int out = -1;		// requests go there (the same socket for unix://)
-	pid_t relay = -1;	// the ssh process, for ssh://
-	int relay_errors = -1;	// what it writes to its standard error (non-blocking)
-	std::string host;	// where it goes, to name in what it says
-	nuq::LineReader reader{-1};
-	std::mutex mutex;	// one call at a time per connection
-	long next_id = 1;
-	std::chrono::milliseconds timeout{30000};
-	bool broken = false;	// after a time-out or a framing error replies cannot be matched
-};
 
 struct nuq_instance {
 	nuq_conn_t *conn;
@@ -43,7 +27,7 @@ struct nuq_instance {
 	json keys;
 };
 
-namespace {
+namespace nuq {
 
 std::chrono::milliseconds call_timeout()
 {
@@ -51,6 +35,10 @@ std::chrono::milliseconds call_timeout()
 	const long ms = text != nullptr ? std::strtol(text, nullptr, 10) : 0;
 	return std::chrono::milliseconds(ms > 0 ? ms : 30000);
 }
+
+}  // namespace nuq
+
+namespace {
 
 int connect_unix(const std::string &path)
 {
@@ -69,112 +57,24 @@ int connect_unix(const std::string &path)
 	return fd;
 }
 
-// Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire, and
-// what it says on its standard error comes to *errors_from_child, to be passed on with
-// the host's name (relay_errors). posix_spawn rather than fork: callers may reach several
-// hosts from several threads.
-pid_t start_relay(const nuq_uri_t *uri, int *to_child, int *from_child, int *errors_from_child)
+// What ssh said since the last exchange is passed on before the next, so that a
+// talkative ssh (a configuration asking for its debug output) never fills the pipe and
+// stalls.
+void pass_on_errors(nuq_conn_t *conn)
 {
-	std::string target = nuq_uri_get_host(uri);
-	if (*nuq_uri_get_user(uri) != '\0')
-		target = std::string(nuq_uri_get_user(uri)) + "@" + target;
-	std::vector<std::string> argv = {"ssh", "-T", "-o", "BatchMode=yes"};
-	for (std::string &option : nuq::ssh_share_options())
-		argv.push_back(std::move(option));
-	// The fabric's own ssh settings (keys, known hosts, options), when it has them.
-	if (const char *config = secure_getenv("KEL_SSH_CONFIG"); config != nullptr && *config) {
-		argv.push_back("-F");
-		argv.push_back(config);
-	}
-	if (nuq_uri_get_port(uri) != 0) {
-		argv.push_back("-p");
-		argv.push_back(std::to_string(nuq_uri_get_port(uri)));
-	}
-	argv.push_back(target);
-	argv.push_back("keld");
-	argv.push_back("bridge");
-	if (*nuq_uri_get_path(uri) != '\0')
-		argv.push_back(nuq_uri_get_path(uri));
-	std::vector<char *> args;
-	for (std::string &a : argv)
-		args.push_back(a.data());
-	args.push_back(nullptr);
-
-	int down[2], up[2], err[2];
-	if (pipe2(down, O_CLOEXEC) != 0)
-		return -1;
-	if (pipe2(up, O_CLOEXEC) != 0) {
-		close(down[0]);
-		close(down[1]);
-		return -1;
-	}
-	if (pipe2(err, O_CLOEXEC) != 0) {
-		for (int fd : {down[0], down[1], up[0], up[1]})
-			close(fd);
-		return -1;
-	}
-	posix_spawn_file_actions_t actions;
-	pid_t pid = -1;
-	if (posix_spawn_file_actions_init(&actions) == 0) {
-		if (posix_spawn_file_actions_adddup2(&actions, down[0], STDIN_FILENO) == 0 &&
-		    posix_spawn_file_actions_adddup2(&actions, up[1], STDOUT_FILENO) == 0 &&
-		    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO) == 0 &&
-		    posix_spawnp(&pid, "ssh", &actions, nullptr, args.data(), environ) != 0)
-			pid = -1;
-		posix_spawn_file_actions_destroy(&actions);
-	}
-	close(down[0]);
-	close(up[1]);
-	close(err[1]);
-	if (pid == -1) {
-		close(down[1]);
-		close(up[0]);
-		close(err[0]);
-		return -1;
-	}
-	// Read before each exchange and when the connection ends; a shared connection's
-	// master leaves the pipe when it goes to the background.
-	(void)fcntl(err[0], F_SETFL, O_NONBLOCK);
-	*to_child = down[1];
-	*from_child = up[0];
-	*errors_from_child = err[0];
-	return pid;
+	if (conn->relay_errors != -1)
+		nuq::relay_errors(conn);
 }
 
-// Passes on what the connection's ssh said, each line named with its host, so that an
-// operator sees whose message it is; a caller's terminal never gets ssh's bare words.
-void relay_errors(nuq_conn_t *conn)
-{
-	std::string text;
-	char buf[4096];
-	ssize_t n;
-	while ((n = read(conn->relay_errors, buf, sizeof(buf))) > 0)
-		text.append(buf, static_cast<size_t>(n));
-	for (size_t pos = 0; pos < text.size();) {
-		size_t end = text.find('\n', pos);
-		if (end == std::string::npos)
-			end = text.size();
-		std::string line = text.substr(pos, end - pos);
-		if (!line.empty() && line.back() == '\r')
-			line.pop_back();
-		if (!line.empty()) {
-			const std::string out = "ssh to " + conn->host + ": " + line + "\n";
-			(void)!write(STDERR_FILENO, out.data(), out.size());
-		}
-		pos = end + 1;
-	}
-}
+}  // namespace
 
-// Sends one request and waits for its reply; the connection's mutex is held.
+namespace nuq {
+
 int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *result,
     json *error)
 {
 	if (conn->broken)
 		return NUQ_E_CLOSED;
-	// What ssh said since the last exchange is passed on now, so that a talkative ssh
-	// (a configuration asking for its debug output) never fills the pipe and stalls.
-	if (conn->relay_errors != -1)
-		relay_errors(conn);
 	const long id = conn->next_id++;
 	const json req = {{"jsonrpc", "2.0"}, {"id", id}, {"method", op}, {"params", params}};
 	// A server that turned this connection away has answered and closed it: the write
@@ -219,10 +119,6 @@ int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *
 	return nuq::from_wire_code(code->get<long>());
 }
 
-}  // namespace
-
-namespace nuq {
-
 nuq_conn_t *connect_fds(int in, int out)
 {
 	auto *conn = new (std::nothrow) nuq_conn_t;
@@ -241,6 +137,7 @@ int call(nuq_instance_t *inst, const char *method, const json &args, json *resul
 		return NUQ_E_BADARGS;
 	try {
 		std::lock_guard<std::mutex> hold(inst->conn->mutex);
+		pass_on_errors(inst->conn);
 		json res;
 		const int rc = exchange(inst->conn, "call",
 		    {{"interface", inst->interface}, {"keys", inst->keys}, {"method", method}, {"args", args}},
@@ -272,6 +169,7 @@ int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t
 				keys[name] = value;
 		}
 		std::lock_guard<std::mutex> hold(conn->mutex);
+		pass_on_errors(conn);
 		json result;
 		const int rc = exchange(conn, "lookup",
 		    {{"interface", interface}, {"keys", keys}, {"strict", strict != 0}}, &result, nullptr);
@@ -315,29 +213,7 @@ nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
 		}
 		if (*nuq_uri_get_host(uri) == '\0')
 			return nullptr;	// an ssh template without a host reaches nobody
-		int to_child = -1, from_child = -1, errors = -1;
-		const pid_t pid = start_relay(uri, &to_child, &from_child, &errors);
-		if (pid == -1)
-			return nullptr;
-		nuq_conn_t *conn = nuq::connect_fds(from_child, to_child);
-		if (conn == nullptr) {
-			close(to_child);
-			close(from_child);
-			close(errors);
-			kill(pid, SIGTERM);
-			waitpid(pid, nullptr, 0);
-			return nullptr;
-		}
-		conn->relay = pid;
-		conn->relay_errors = errors;
-		conn->host = nuq_uri_get_host(uri);
-		// Starting ssh proves nothing about the far end: one exchange does.
-		json pong;
-		if (exchange(conn, "ping", json::object(), &pong, nullptr) != NUQ_E_SUCCESS) {
-			nuq_disconnect(conn);
-			return nullptr;
-		}
-		return conn;
+		return nuq::connect_ssh(uri);
 	} catch (const std::bad_alloc &) {
 		return nullptr;
 	}
@@ -361,7 +237,7 @@ void nuq_disconnect(nuq_conn_t *conn) noexcept
 	}
 	if (conn->relay_errors != -1) {
 		try {
-			relay_errors(conn);
+			nuq::relay_errors(conn);
 		} catch (const std::bad_alloc &) {
 			// Without memory ssh's words are lost; the connection still goes.
 		}

@@ -21,8 +21,14 @@ inline constexpr int kMaxNesting = 32;
 // reaches a recursive parser or printer unchecked.
 bool nesting_within(std::string_view text, int limit);
 
+// The id of a request that had none the reply may echo.
+inline constexpr const char *kNullId = "null";
+
 struct Request {
-	Json id;	// a string, a number or null: all the protocol allows
+	// A string, a number or null, all the protocol allows, as the caller wrote it (JSON
+	// text): a reply echoes it exactly, and the parser keeps neither the digits of an
+	// integer beyond 64 bits nor the written form of a number ("1.50", "1e2").
+	std::string id = kNullId;
 	std::string method;
 	Json params;	// an object
 };
@@ -32,12 +38,17 @@ struct Request {
 // valid one, else null, as the error reply must carry.
 int parse_request(const std::string &line, Request *req);
 
+// Whether a string anywhere in `value` (a member's name too) holds a NUL. Every text a
+// request carries ends up a C string somewhere, cut short at its first NUL: "lo\0x"
+// would be taken for "lo".
+bool holds_nul(const Json &value);
+
 // Member `name` of `obj`; nullptr when `obj` is not an object or has no such member.
 const Json *member(const Json &obj, const char *name);
-// Member `name` of `obj` when it is a string; nullptr otherwise.
+// Member `name` of `obj` when it is a string without a NUL; nullptr otherwise.
 const std::string *text_member(const Json &obj, const char *name);
 // An optional text member: true with *out NULL when absent or null, or with its text;
-// false when it is there with another type.
+// false when it is there with another type or holds a NUL.
 bool optional_text(const Json &obj, const char *name, const char **out);
 
 // A reply line; values that are not valid UTF-8 are sent with replacement characters

@@ -18,19 +18,30 @@
 
 namespace nuq {
 
-std::string error_reply(const Json &id, int code, const Json &data)
+namespace {
+
+// The envelope's members around the request's id, as the caller wrote it (JSON text).
+// Replies keep their members in the order the printer sorts them.
+std::string id_and_version(std::string_view id)
+{
+	return std::string(R"("id":)").append(id).append(R"(,"jsonrpc":"2.0")");
+}
+
+}  // namespace
+
+std::string error_reply(std::string_view id, int code, const Json &data)
 {
 	Json err = {{"code", wire_code(code)}, {"message", nuq_err_string(code)}};
 	if (!data.is_null())
 		err["data"] = data;
-	return dump_line(Json{{"jsonrpc", "2.0"}, {"id", id}, {"error", err}});
+	return R"({"error":)" + dump_line(err) + "," + id_and_version(id) + "}";
 }
 
 namespace {
 
-std::string result_reply(const Json &id, const Json &result)
+std::string result_reply(std::string_view id, const Json &result)
 {
-	return dump_line(Json{{"jsonrpc", "2.0"}, {"id", id}, {"result", result}});
+	return "{" + id_and_version(id) + R"(,"result":)" + dump_line(result) + "}";
 }
 
 // What the server answers when it cannot even build an answer (no memory).
@@ -45,7 +56,7 @@ log::Limiter accept_failures(5, std::chrono::seconds(10));
 // closes it. The send never waits: a caller that does not read loses the answer.
 void turn_away(int fd, int err)
 {
-	const std::string line = error_reply(nullptr, err) + "\n";
+	const std::string line = error_reply(kNullId, err) + "\n";
 	(void)!send(fd, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 	close(fd);
 }
@@ -76,12 +87,15 @@ std::string Dispatcher::handle(const std::string &request) const noexcept
 
 std::string Dispatcher::answer(const Request &req) const
 {
-	const Json &id = req.id;
+	const std::string &id = req.id;
 	const Json &params = req.params;
 	if (req.method == "ping")
 		return result_reply(id, Json::object());	// the far end is a server of ours
 	if (req.method != "lookup" && req.method != "call")
 		return error_reply(id, NUQ_E_NOMETHOD);
+	// Refused here, for every interface and method at once.
+	if (holds_nul(params))
+		return error_reply(id, NUQ_E_BADARGS);
 	const std::string *name = text_member(params, "interface");
 	const Json *keys = member(params, "keys");
 	if (name == nullptr || keys == nullptr || !keys->is_object())
@@ -327,7 +341,7 @@ void Server::serve(int fd, uid_t uid)
 	while (!stopping_) {
 		const ReadResult r = reader.read(&line, limits_.idle);
 		if (r == ReadResult::TooLong) {
-			(void)write_line(fd, error_reply(nullptr, NUQ_E_REQUEST));
+			(void)write_line(fd, error_reply(kNullId, NUQ_E_REQUEST));
 			break;	// the rest of the stream cannot be framed any more
 		}
 		if (r != ReadResult::Line)

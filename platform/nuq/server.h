@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -114,7 +115,7 @@ private:
 	size_t users_ = 0;	// connections of uids other than root
 };
 
-// Builds the error reply for a request id.
-std::string error_reply(const Json &id, int code, const Json &data = nullptr);
+// Builds the error reply for a request id, given as JSON text (Request::id, kNullId).
+std::string error_reply(std::string_view id, int code, const Json &data = nullptr);
 
 }  // namespace nuq

@@ -91,12 +91,33 @@ struct nl_addr *to_nl(const mac_ipaddr_t &a)
 	return nl_addr_build(kel::ipaddr::family(a), raw, len);
 }
 
+// The MTU of a VXLAN link over the underlay link `underlay`: the underlay's, less what
+// the encapsulation adds to a frame (the outer IP header, UDP, VXLAN and the inner
+// Ethernet header), so that a full-size frame of a guest is never fragmented on the
+// underlay. Without a lower link the kernel would give the link 1500 whatever the
+// underlay. 0, leaving it to the kernel, when the underlay cannot be read or is too small.
+uint32_t mtu_over(wexo_handle_t h, datalink_id_t underlay, bool ipv6)
+{
+	constexpr uint32_t kOverhead4 = 20 + 8 + 8 + 14, kOverhead6 = 40 + 8 + 8 + 14;
+	constexpr uint32_t kMinMtu = 68;	// the least an IPv4 link may carry
+	struct rtnl_link *l = nullptr;
+	if (underlay == DATALINK_INVALID_LINKID || wexo_get_link(h, underlay, &l) != WEXO_STATUS_OK)
+		return 0;
+	const uint32_t mtu = rtnl_link_get_mtu(l), overhead = ipv6 ? kOverhead6 : kOverhead4;
+	rtnl_link_put(l);
+	return mtu >= overhead + kMinMtu ? mtu - overhead : 0;
+}
+
 // The VXLAN link as the kernel is to make it.
-wexo_status_t describe(const char *name, const vxlan_kparams_t &kp, struct rtnl_link *link)
+wexo_status_t describe(wexo_handle_t h, const char *name, const vxlan_kparams_t &kp, struct rtnl_link *link)
 {
 	int err = 0;
 	rtnl_link_set_name(link, name);
 	rtnl_link_set_flags(link, IFF_UP);
+	// The underlay: the link holding the endpoint's address, else the uplink named.
+	const datalink_id_t underlay = kp.vk_ifindex != 0 ? static_cast<datalink_id_t>(kp.vk_ifindex) : kp.vk_llinkid;
+	if (const uint32_t mtu = mtu_over(h, underlay, kp.vk_addr.ip_version == 6 || kp.vk_maddr.ip_version == 6))
+		rtnl_link_set_mtu(link, mtu);
 	if ((err = rtnl_link_vxlan_set_id(link, kp.vk_mvp.mvp_vni)) == 0)
 		err = rtnl_link_vxlan_set_port(link, kVxlanPort);
 	if (err == 0 && kel::ipaddr::specified(kp.vk_addr)) {
@@ -157,7 +178,7 @@ wexo_status_t wexo_vxlan_create(wexo_handle_t h, const char *name, vxlan_kparams
 	struct rtnl_link *link = rtnl_link_vxlan_alloc();
 	if (link == nullptr)
 		return WEXO_STATUS_NOMEM;
-	wexo_status_t st = describe(name, *kp, link);
+	wexo_status_t st = describe(h, name, *kp, link);
 	if (st == WEXO_STATUS_OK) {
 		// Exclusive: an existing link of that name is left exactly as it is.
 		const int err = rtnl_link_add(wexo_sock(h), link, NLM_F_CREATE | NLM_F_EXCL);

@@ -57,8 +57,10 @@ wexo_status_t wexo_link_proplist_extract(wexo_handle_t handle, datalink_id_t lin
     datalink_class_t dlclass, const wexo_arg_list_t *args, void *props, uint32_t flags);
 
 // Makes the VXLAN link `name` from `kparams` (VNI, local endpoint, the link under it,
-// multicast group; destination port 4789), up, and sets the properties of `args` that
-// are not VXLAN properties on it. WEXO_STATUS_EXIST, with nothing changed, when a link
+// multicast group; destination port 4789), up, with the MTU of its underlay (the link
+// holding the endpoint, else the link under it) less the encapsulation, 50 bytes over
+// IPv4 and 70 over IPv6, and sets the properties of `args` that are not VXLAN
+// properties on it. WEXO_STATUS_EXIST, with nothing changed, when a link
 // of that name exists; WEXO_STATUS_NOADDR when the endpoint address is set but is not
 // one of this host's (vk_ifindex 0). `flags` must hold WEXO_OPT_ACTIVE.
 wexo_status_t wexo_vxlan_create(wexo_handle_t handle, const char *name, vxlan_kparams_t *kparams,
@@ -112,7 +114,9 @@ wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const ch
     char *value, size_t size);
 
 // The flood list of a VXLAN link: its own endpoint (wf_local, "" when unset) and the
-// remote endpoints broadcast and unknown frames are copied to (wf_remotes, sorted).
+// remote endpoints broadcast and unknown frames are copied to (wf_remotes, sorted). A
+// destination not as the set below makes it reads with what sets it apart
+// ("10.1.0.2 port 5000", "0.0.0.0", "10.1.0.3 (not permanent)").
 typedef struct wexo_flood {
 	char wf_local[INET6_ADDRSTRLEN];
 	size_t wf_count;
@@ -124,8 +128,10 @@ typedef struct wexo_flood {
 wexo_status_t wexo_vxlan_get_flood(wexo_handle_t handle, datalink_id_t id, wexo_flood_t *flood) KEL_NOEXCEPT;
 void wexo_free_flood(wexo_flood_t *flood) KEL_NOEXCEPT;
 // Makes the flood list of link `id` exactly the `count` addresses of `remotes`, or, with
-// `only_add`, adds those missing and removes none. WEXO_STATUS_BADVAL for a remote that
-// is not a whole address.
+// `only_add`, adds those missing and removes only destinations it could not have made
+// (an unspecified address, another port...), whatever entries it finds. WEXO_STATUS_BADVAL,
+// changing nothing, for a remote that is not a whole unicast address of the link's
+// family (unspecified, loopback, multicast, broadcast) or is the link's own endpoint.
 wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id, const char *const *remotes,
     size_t count, boolean_t only_add) KEL_NOEXCEPT;
 

@@ -8,39 +8,13 @@
 set -u
 keld=$(readlink -f "$1")
 call=$(readlink -f "$2")
-skip() { echo "SKIPPED: $*"; exit 77; }
-[ "$(id -u)" = 0 ] || skip "needs root"
-for tool in ip tc nft ssh ssh-keygen /usr/sbin/sshd; do
-	command -v "$tool" >/dev/null || skip "$tool is not installed"
-done
+. "$(dirname "$0")/ssh_lib.sh"
+ssh_require tc nft
+ssh_up
 
-tag=$$
-ctl=kele2e-ctl-$tag
-node=kele2e-node-$tag
-root=$(mktemp -d /tmp/kel-e2e-XXXXXX)
-sshd_pid=
-keld_pid=
-cleanup() {
-	# The controller's shared ssh connections outlive their calls: they go first.
-	ip netns pids "$ctl" 2>/dev/null | xargs -r kill 2>/dev/null
-	[ -n "$keld_pid" ] && kill "$keld_pid" 2>/dev/null
-	[ -n "$sshd_pid" ] && kill "$sshd_pid" 2>/dev/null
-	wait 2>/dev/null
-	ip netns del "$ctl" 2>/dev/null
-	ip netns del "$node" 2>/dev/null
-	rm -rf "$root"
-}
-trap cleanup EXIT
-ip netns add "$ctl" 2>/dev/null || skip "network namespaces cannot be made here"
-ip netns add "$node" || skip "network namespaces cannot be made here"
-ip link add kc netns "$ctl" type veth peer name kn netns "$node" || skip "no veth links"
-ip -n "$ctl" addr add 10.78.0.1/24 dev kc
+# The guest's VNIC on the node, with the record the node keeps of a VNIC it bound, in a
+# subnet of its own that ctl also has.
 ip -n "$ctl" addr add 10.78.1.1/24 dev kc
-ip -n "$node" addr add 10.78.0.2/24 dev kn
-for ns in "$ctl" "$node"; do ip -n "$ns" link set lo up; done
-ip -n "$ctl" link set kc up
-ip -n "$node" link set kn up
-# The guest's VNIC, with the record the node keeps of a VNIC it bound.
 ip -n "$node" link add vn address 02:00:00:00:00:42 link kn type macvlan mode bridge
 ip -n "$node" addr add 10.78.1.2/24 dev vn
 ip -n "$node" addr add 10.78.1.99/24 dev vn
@@ -48,50 +22,6 @@ ip -n "$node" link set vn up
 mkdir -p "$root/node/run/kel/vnics"
 printf 'mac=02:00:00:00:00:42\nlower=kn\n' >"$root/node/run/kel/vnics/vn"
 
-fail=0
-check() {
-	local what=$1; shift
-	if "$@"; then echo "ok: $what"; else echo "FAILED: $what"; fail=1; fi
-}
-
-# The node: keld under its own KEL_ROOT, and sshd with a throwaway host key that lets
-# root in with a throwaway client key. Sessions run the command they were given
-# ("keld bridge PATH") with the build's keld first on their PATH.
-mkdir -p "$root/node/etc/kel" /run/sshd
-ssh-keygen -q -t ed25519 -N '' -f "$root/hostkey"
-ssh-keygen -q -t ed25519 -N '' -f "$root/clientkey"
-cp "$root/clientkey.pub" "$root/authorized_keys"
-cat >"$root/sshd_config" <<CONF
-ListenAddress 10.78.0.2
-HostKey $root/hostkey
-AuthorizedKeysFile $root/authorized_keys
-PermitRootLogin prohibit-password
-PasswordAuthentication no
-StrictModes no
-UsePAM no
-PidFile $root/sshd.pid
-ForceCommand PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; exec \$SSH_ORIGINAL_COMMAND
-CONF
-KEL_ROOT=$root/node ip netns exec "$node" "$keld" &
-keld_pid=$!
-ip netns exec "$node" /usr/sbin/sshd -D -e -f "$root/sshd_config" 2>"$root/sshd.log" &
-sshd_pid=$!
-sock=$root/node/run/kel/keld.sock
-for _ in $(seq 100); do [ -S "$sock" ] && break; sleep 0.05; done
-for _ in $(seq 100); do ip netns exec "$node" ss -ltn 2>/dev/null | grep -q 10.78.0.2:22 && break; sleep 0.05; done
-
-# The controller's side: its ssh settings through KEL_SSH_CONFIG.
-cat >"$root/ssh_config" <<CONF
-Host *
-  IdentityFile $root/clientkey
-  StrictHostKeyChecking no
-  UserKnownHostsFile /dev/null
-  LogLevel ERROR
-  ConnectTimeout 10
-CONF
-export KEL_SSH_CONFIG=$root/ssh_config
-export KEL_ROOT=$root/ctl	# where the controller keeps its ssh control sockets
-uri=ssh://root@10.78.0.2$sock
 remote() { ip netns exec "$ctl" "$call" "$uri" harl.Datalink "$@"; }
 setprop() { remote setProperty name=vn "{\"text\": \"$1\", \"flags\": 32769}"; }
 

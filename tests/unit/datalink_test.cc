@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "client.h"
 #include "fenu.h"
 #include "harl.h"
 #include "netns.h"
@@ -318,6 +319,10 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	harl_StatValue_free(value);
 
 	ASSERT_EQ(harl_Datalink_setProperty(link, "maxbw=20M", 0x8001, &err), 0);
+	EXPECT_TRUE(a_.exec("sh -c 'tc qdisc show dev vm0 | grep -q \"rate 20Mbit\"'"));
+	// A text holding a NUL is refused whole, not taken for what precedes the NUL.
+	EXPECT_EQ(nuq::call(link, "setProperty", {{"text", std::string("maxbw=30M\0x", 11)}, {"flags", 0x8001}},
+	              nullptr, nullptr), NUQ_E_BADARGS);
 	EXPECT_TRUE(a_.exec("sh -c 'tc qdisc show dev vm0 | grep -q \"rate 20Mbit\"'"));
 	EXPECT_EQ(harl_Datalink_setProperty(link, "maxbw=fast", 0x8001, &err), 1);
 	ASSERT_NE(err, nullptr);

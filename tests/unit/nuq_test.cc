@@ -117,6 +117,73 @@ TEST(NuqDispatch, ErrorsUseTheProtocolsCodesAndNameTheRequest)
 	}
 }
 
+// An id comes back as the caller wrote it, whatever the parser makes of the number, in
+// results and errors alike.
+TEST(NuqDispatch, IdsAreEchoedAsWritten)
+{
+	const nuq::Dispatcher d = test_dispatcher();
+	struct {
+		std::string line;
+		const char *id;
+	} cases[] = {
+		{R"({"jsonrpc":"2.0","id":18446744073709551616,"method":"ping"})", "18446744073709551616"},
+		{R"({"jsonrpc":"2.0","id":-18446744073709551617,"method":"ping"})", "-18446744073709551617"},
+		{R"({"jsonrpc":"2.0","id":123456789012345678901234567890,"method":"nope"})", "123456789012345678901234567890"},
+		{R"({"jsonrpc":"2.0","id":18446744073709551615,"method":"ping"})", "18446744073709551615"},
+		{R"({"jsonrpc":"2.0","id":-9223372036854775808,"method":"ping"})", "-9223372036854775808"},
+		{R"({"jsonrpc":"2.0","id":1.50,"method":"ping"})", "1.50"},
+		{R"({"jsonrpc":"2.0","id":1E+2,"method":"ping"})", "1E+2"},
+		{R"({"jsonrpc":"2.0","id":-0,"method":"ping"})", "-0"},
+		{R"({"jsonrpc":"2.0","id":0.1,"method":"lookup","params":{"keys":{}}})", "0.1"},
+		{R"({"jsonrpc":"2.0","id":"\u00e9\"x","method":"ping"})", R"("\u00e9\"x")"},
+		{R"({"jsonrpc":"2.0","id":null,"method":"ping"})", "null"},
+		{R"({"jsonrpc":5,"id":2.50,"method":"ping"})", "2.50"},
+		// Where and how the member is written.
+		{" \t{ \"jsonrpc\" : \"2.0\" ,\r\n \"id\"\t:\n 3.0E0 , \"method\":\"ping\" } ", "3.0E0"},
+		{"\xEF\xBB\xBF{\"jsonrpc\":\"2.0\",\"id\":4.0,\"method\":\"ping\"}", "4.0"},
+		{R"({"jsonrpc":"2.0","\u0069d":5.0,"method":"ping"})", "5.0"},
+		{R"({"params":{"id":1,"x":["id",{"id":2}]},"jsonrpc":"2.0","id":6.0,"method":"nope"})", "6.0"},
+		{R"({"id":1,"jsonrpc":"2.0","id":7.0,"method":"ping"})", "7.0"},
+	};
+	for (const auto &c : cases) {
+		SCOPED_TRACE(c.line);
+		const std::string reply = d.handle(c.line);
+		EXPECT_NE(reply.find(std::string(R"("id":)") + c.id + R"(,"jsonrpc")"), std::string::npos) << reply;
+		json id;
+		reply_code(reply, &id);
+		EXPECT_EQ(id, json::parse(c.id));
+	}
+}
+
+// A NUL in any text of a request would cut it short where it becomes a C string: refused
+// as bad arguments, whichever interface and method, wherever it sits.
+TEST(NuqDispatch, TextsWithANulAreRefused)
+{
+	const nuq::Dispatcher d = test_dispatcher();
+	const std::string call = R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},)";
+	for (const std::string &line : {
+	         std::string(R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":"a\u0000x"}}})"),
+	         std::string(R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing\u0000","keys":{}}})"),
+	         call + R"("method":"echo","args":{"t":"x\u0000"}}})",
+	         call + R"("method":"echo","args":{"t":["ok",{"u":"\u0000"}]}}})",
+	         call + R"("method":"echo","args":{"t\u0000u":1}}})",
+	         call + R"("method":"echo\u0000"}})",
+	     }) {
+		SCOPED_TRACE(line);
+		EXPECT_EQ(reply_code(d.handle(line)), NUQ_E_BADARGS);
+	}
+	EXPECT_EQ(reply_code(d.handle(call + R"("method":"echo","args":{"t":"x\u0001"}}})")), 0);
+
+	// The accessors modules use refuse such a text too.
+	const json obj = {{"nul", std::string("lo\0x", 4)}, {"fine", "lo"}};
+	const char *out = "unset";
+	EXPECT_EQ(nuq::text_member(obj, "nul"), nullptr);
+	EXPECT_FALSE(nuq::optional_text(obj, "nul", &out));
+	ASSERT_NE(nuq::text_member(obj, "fine"), nullptr);
+	EXPECT_TRUE(nuq::optional_text(obj, "fine", &out));
+	EXPECT_STREQ(out, "lo");
+}
+
 // Deep nesting anywhere in a line (the id, the params, an argument) is refused before
 // anything recursive sees it; nesting our own requests use is served.
 TEST(NuqDispatch, NestingIsBounded)

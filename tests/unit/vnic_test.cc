@@ -16,6 +16,7 @@
 #include "connections.h"
 #include "error_code.h"
 #include "flood_lists.h"
+#include "harl.h"
 #include "libkel_node.h"
 #include "netns.h"
 #include "nuq_errors.h"
@@ -154,7 +155,7 @@ TEST_F(Vnics, VxlanLinkIsSharedAndGoesWithItsLastUser)
 	ASSERT_EQ(a.rc, KEL_SUCCESS);
 	ASSERT_EQ(a.link, link_id("kel-vxlan5000"));
 	const std::string link = out_of("ip -d link show kel-vxlan5000");
-	for (const char *want : {"vxlan id 5000 local 10.80.0.1 ", "dstport 4789", "state UNKNOWN"})
+	for (const char *want : {"vxlan id 5000 local 10.80.0.1 ", "dstport 4789", "state UNKNOWN", " mtu 1450 "})
 		EXPECT_NE(link.find(want), std::string::npos) << want << " in " << link;
 	EXPECT_EQ(binding("p1"), bound("vn1"));
 	// The kel's default protection holds ip-nospoof: the port's address is let through,
@@ -182,6 +183,58 @@ TEST_F(Vnics, VxlanLinkIsSharedAndGoesWithItsLastUser)
 	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn2", nullptr, b.link, 0), KEL_SUCCESS);
 	EXPECT_EQ(link_id("kel-vxlan5000"), 0u);
 	EXPECT_EQ(binding("p2"), "0  ");
+}
+
+// A VXLAN link leaves room for the encapsulation on its underlay (50 bytes over IPv4, 70
+// over IPv6), with or without a group, found by its endpoint's address or by the uplink
+// named; a VNIC over it takes its MTU.
+TEST_F(Vnics, VxlanLinksAndTheirVnicsFitTheUnderlay)
+{
+	ASSERT_TRUE(NetNs::run("ip addr add fd00:80::1/64 dev ep0 nodad"));
+	const auto mtu_of = [](const std::string &link) {
+		const std::string out = out_of("ip -o link show dev " + link);
+		const size_t at = out.find(" mtu ");
+		return at == std::string::npos ? 0 : std::stoi(out.substr(at + 5));
+	};
+	const struct {
+		int underlay;
+		const char *params;
+		int want;
+	} cases[] = {
+	    {9000, "addr=10.80.0.1", 8950},
+	    {1500, "addr=10.80.0.1", 1450},
+	    {9000, "addr=10.80.0.1,mgroup=239.1.1.1", 8950},
+	    {1500, "addr=10.80.0.1,mgroup=239.1.1.1", 1450},
+	    {9000, "addr=fd00:80::1", 8930},
+	    {1500, "addr=fd00:80::1", 1430},
+	    {9000, "addr=fd00:80::1,mgroup=ff05::1", 8930},
+	    {1500, "addr=fd00:80::1,mgroup=ff05::1", 1430},
+	    {9000, "interface=ep0,ipvers=v4", 8950},
+	    {1500, "interface=ep0,ipvers=v6", 1430},
+	    {4000, "interface=ep0,ipvers=v6,mgroup=ff05::1", 3930},
+	};
+	int vni = 5100;
+	for (const auto &c : cases) {
+		SCOPED_TRACE(std::to_string(c.underlay) + " " + c.params);
+		ASSERT_TRUE(NetNs::run("ip link set ep0 mtu " + std::to_string(c.underlay)));
+		const std::string link = "kel-vxlan" + std::to_string(++vni);
+		wexo_arg_list_t *args = nullptr;
+		ASSERT_EQ(wexo_parse_link_props(("vni=" + std::to_string(vni) + "," + c.params).c_str(), &args, B_FALSE),
+		    WEXO_STATUS_OK);
+		vxlan_kparams_t kp;
+		datalink_id_t id = 0, vnic = 0;
+		EXPECT_EQ(kel_vxlan_props2kparams(wh_, args, &kp), WEXO_STATUS_OK);
+		EXPECT_EQ(wexo_vxlan_create(wh_, link.c_str(), &kp, args, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND, &id),
+		    WEXO_STATUS_OK);
+		wexo_free_args(args);
+		EXPECT_EQ(mtu_of(link), c.want);
+		for (const wexo_vnic_kind_t kind : {WEXO_VNIC_MACVLAN, WEXO_VNIC_MACVTAP}) {
+			ASSERT_EQ(wexo_vnic_create(wh_, "vm0", id, kind, nullptr, &vnic), WEXO_STATUS_OK);
+			EXPECT_EQ(mtu_of("vm0"), c.want);
+			EXPECT_EQ(wexo_vnic_delete(wh_, "vm0", nullptr), WEXO_STATUS_OK);
+		}
+		EXPECT_EQ(wexo_vxlan_delete(wh_, id, WEXO_OPT_ACTIVE), WEXO_STATUS_OK);
+	}
 }
 
 TEST_F(Vnics, VxlanOverTheUplinkJoinsTheGroupThere)
@@ -469,6 +522,21 @@ TEST_F(Vnics, FloodListsFollowTheHostsOfTheKel)
 	Attach a;
 	connect("db", "p1", "vn1", &a);
 	ASSERT_EQ(a.rc, KEL_SUCCESS);
+	// keld refuses a destination no copy of a frame could reach, and the list stays.
+	nuq_conn_t *conn = kel::test::connect_keld();
+	ASSERT_NE(conn, nullptr);
+	nuq_instance_t *link = nullptr;
+	ASSERT_EQ(harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", "kel-vxlan5002"), 0);
+	for (const char *bad : {"0.0.0.0", "255.255.255.255", "239.1.1.1", "127.0.0.1", "10.80.0.1"}) {
+		harl_DatalinkError *err = nullptr;
+		EXPECT_EQ(harl_Datalink_setFlood(link, {"10.80.0.5", bad}, false, &err), NUQ_E_OBJECT) << bad;
+		ASSERT_NE(err, nullptr);
+		EXPECT_EQ(err->dde_err, WEXO_STATUS_BADVAL);
+		harl_DatalinkError_free(err);
+	}
+	nuq_instance_rele(link);
+	nuq_disconnect(conn);
+	EXPECT_EQ(flood_of(wh_, a.link), Remotes{});
 	// An entry left by a host that went away unseen.
 	ASSERT_EQ(kel::test::set_flood(wh_, a.link, {"10.80.0.77"}, false), WEXO_STATUS_OK);
 	EXPECT_EQ(kel_sync_vxlan_flood(h_, nullptr, "db"), KEL_SUCCESS);
