@@ -23,14 +23,14 @@ mkdir -p "$out"
 for round in first second; do
 	pids=
 	for i in $(seq "$calls"); do
-		ip netns exec "$ctl" "$call" "$uri" harl.Datalink getStat name=kn >"$out/$round.$i" 2>"$out/$round.$i.err" &
+		ip netns exec "$ctl" "$call" "$uri" kel.Daemon info >"$out/$round.$i" 2>"$out/$round.$i.err" &
 		pids="$pids $!"
 	done
 	# shellcheck disable=SC2086
 	wait $pids
 	echo "$round round: $SECONDS s since the start"
 	check "$round round: all $calls calls were answered" \
-		test "$(cat "$out/$round".[0-9]* | grep -c dls_opackets)" -eq "$calls"
+		test "$(cat "$out/$round".[0-9]* | grep -c "\"version\"")" -eq "$calls"
 	# What the remote shell says (its start-up files) may come through; ssh's own words
 	# about its connections may not.
 	check "$round round: ssh said nothing of its connections" bash -c \
@@ -39,7 +39,7 @@ done
 check "the calls shared one login" test "$(grep -c 'Accepted publickey' "$root/sshd.log")" -eq 1
 if [ "$fail" != 0 ]; then
 	echo "--- calls not answered"
-	grep -L dls_opackets "$out"/*[0-9] | while read -r f; do echo "$f: $(cat "$f")"; done
+	grep -L "\"version\"" "$out"/*[0-9] | while read -r f; do echo "$f: $(cat "$f")"; done
 	echo "--- what the callers were told"
 	cat "$out"/*.err | sort | uniq -c
 	echo "--- sshd log"
