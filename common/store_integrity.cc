@@ -6,7 +6,7 @@
 // A database file that no longer matches was replaced or written by something else
 // since, or by a library process that died before it could say so: the next write handle
 // checks it whole. Where the attribute cannot be kept (a file system without user
-// attributes, a caller who does not own the lock file), every write handle checks.
+// attributes), every write handle checks.
 //
 // A change made by another program within the same clock tick as the library's last
 // write, and that keeps the file's size, keeps its time too on a kernel whose file times
