@@ -78,8 +78,10 @@ struct attrset {
 				++from;
 				continue;
 			}
-			entries.erase(from->second);
+			// The index's key is a view of the entry's name: it goes first.
+			const Entries::iterator victim = from->second;
 			from = index.erase(from);
+			entries.erase(victim);
 			removed++;
 		}
 		return removed;
