@@ -76,25 +76,6 @@ TEST(AttrsetCodec, ReadsFromTheRight)
 	}
 }
 
-// A long text reads as a short one does: 100,000 entries over 1,000 names leave one
-// entry per name, holding its leftmost value, in the order the leftmost ones read.
-TEST(AttrsetCodec, LongTextsReadAsShortOnes)
-{
-	std::string text;
-	for (int i = 0; i < 100000; i++)
-		text += (i == 0 ? "" : ",") + std::string("p") + std::to_string(i % 1000) + "=" + std::to_string(i);
-	attrset_t *set = nullptr;
-	ASSERT_EQ(kel_str2attrset(text.c_str(), &set, B_TRUE, ATTRSET_UNIQUE_NAME), KEL_SUCCESS);
-	V want;
-	for (int i = 999; i >= 0; i--)
-		want.push_back("p" + std::to_string(i) + "=" + std::to_string(i));
-	EXPECT_EQ(entries(set), want);
-	attrset_free(set);
-	ASSERT_EQ(kel_str2attrset(text.c_str(), &set, B_FALSE, 0), KEL_SUCCESS);
-	EXPECT_EQ(kel_attrset_count(set), 100000);
-	attrset_free(set);
-}
-
 TEST(AttrsetCodec, EmptyTextGivesNoSet)
 {
 	for (boolean_t values : {B_TRUE, B_FALSE}) {

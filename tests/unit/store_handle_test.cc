@@ -147,18 +147,16 @@ protected:
 	{
 		sqlite3 *db = nullptr;
 		EXPECT_EQ(sqlite3_open(db_path().c_str(), &db), SQLITE_OK);
-		int root = 0, size = 0;
-		(void)kel::for_each_row(db, "SELECT rootpage FROM sqlite_master WHERE name = ?", {name}, [&](kel::Statement &st) {
-			root = st.integer(0);
-			return KEL_SUCCESS;
-		});
-		(void)kel::for_each_row(db, "PRAGMA page_size", {}, [&](kel::Statement &st) {
-			size = st.integer(0);
-			return KEL_SUCCESS;
-		});
+		off_t at = 0;
+		(void)kel::for_each_row(db,
+		    "SELECT (rootpage - 1) * (SELECT page_size FROM pragma_page_size) FROM sqlite_master WHERE name = ?",
+		    {name}, [&](kel::Statement &st) {
+			    at = sqlite3_column_int64(st.get(), 0);
+			    return KEL_SUCCESS;
+		    });
 		sqlite3_close(db);
-		EXPECT_GT(root, 1);
-		return static_cast<off_t>(root - 1) * size;
+		EXPECT_GT(at, 0);
+		return at;
 	}
 
 	std::string bytes()
