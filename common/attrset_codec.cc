@@ -46,31 +46,42 @@ private:
 	attrset_t *set_ = nullptr;
 };
 
+// The last `c` among the first `len` bytes of `text`, or NULL. The readers below cut
+// their text from the end, so each search covers only what is left: a text of N entries
+// is read in one pass, not N.
+char *last_of(char *text, size_t len, char c)
+{
+	return static_cast<char *>(memrchr(text, c, len));
+}
+
 // Names-only text: every comma-separated piece is a name with the empty value.
-int read_names(char *text, SetBuilder &out)
+int read_names(char *text, size_t len, SetBuilder &out)
 {
 	for (;;) {
-		char *comma = std::strrchr(text, ',');
+		char *comma = last_of(text, len, ',');
 		if (comma == nullptr)
 			return out.add(text, "");
 		*comma = '\0';
+		len = comma - text;
 		if (int rc = out.add(comma + 1, ""); rc != KEL_SUCCESS)
 			return rc;
 	}
 }
 
-int read_pairs(char *text, SetBuilder &out)
+int read_pairs(char *text, size_t len, SetBuilder &out)
 {
 	for (;;) {
-		char *eq = std::strrchr(text, '=');
+		char *eq = last_of(text, len, '=');
 		if (eq == nullptr)
 			return KEL_E_INVALID_ARGS;	// a leading piece without '='
 		*eq = '\0';
+		len = eq - text;
 		const char *value = eq + 1;
-		char *comma = std::strrchr(text, ',');
+		char *comma = last_of(text, len, ',');
 		if (comma == nullptr)
 			return out.add(text, value);
 		*comma = '\0';
+		len = comma - text;
 		if (int rc = out.add(comma + 1, value); rc != KEL_SUCCESS)
 			return rc;
 	}
@@ -99,8 +110,10 @@ int kel_str2attrset(const char *text, attrset_t **out, boolean_t values, int fla
 		start++;
 	int rc = KEL_E_INVALID_ARGS;
 	SetBuilder set(flags);
-	if (*start != '\0')
-		rc = values ? read_pairs(start, set) : read_names(start, set);
+	if (*start != '\0') {
+		const size_t left = len - (start - copy);
+		rc = values ? read_pairs(start, left, set) : read_names(start, left, set);
+	}
 	std::free(copy);
 	if (rc == KEL_SUCCESS)
 		*out = set.release();

@@ -159,8 +159,11 @@ int add_param(attrset_t *params, int n, const std::string &piece, uint32_t colty
 	return add_string(params, key.c_str(), piece.c_str());
 }
 
+// The clause and its values for `filter`. A clause that reaches `size` bytes stops the
+// build at once with KEL_E_NOSPACE, so that a filter of any length costs no more than the
+// pieces that fit.
 int build_clause(const char *filter, std::string *clause, SetPtr *params, const char *t1,
-    const char *t2)
+    const char *t2, size_t size)
 {
 	attrset_t *norm_raw = nullptr;
 	int rc = normalise(filter, &norm_raw, t1);
@@ -203,9 +206,13 @@ int build_clause(const char *filter, std::string *clause, SetPtr *params, const 
 					return rc;
 				n += 1;
 			}
+			if (clause->size() >= size)
+				return KEL_E_NOSPACE;
 			prefix = "OR";
 		}
 		*clause += ")";
+		if (clause->size() >= size)
+			return KEL_E_NOSPACE;
 	}
 	return KEL_SUCCESS;
 }
@@ -303,7 +310,7 @@ int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_
 			return rc;
 		std::string text;
 		if (filter != nullptr && *filter != '\0' &&
-		    (rc = build_clause(filter, &text, &values, table1, table2)) != KEL_SUCCESS)
+		    (rc = build_clause(filter, &text, &values, table1, table2, size)) != KEL_SUCCESS)
 			return rc;
 		if (text.size() >= size)
 			return KEL_E_NOSPACE;

@@ -357,6 +357,13 @@ typedef struct kel_dbhandle *kel_dbhandle_t;
  * SQLITE_OPEN_READWRITE to change it). Both files must exist. On failure *handlep
  * is NULL and the code is KEL_E_NOMEM, an SQLite code under KEL_E_SQL, or an
  * errno under KEL_E_SYSTEM (lock file missing or inaccessible).
+ * A store that may not be written is refused to SQLITE_OPEN_READWRITE, and left as it
+ * is: KEL_E_DB_VERSION for a schema newer than this library's, SQLITE_CORRUPT under
+ * KEL_E_SQL for a damaged file or one without a usable schema version, SQLITE_NOTADB
+ * under KEL_E_SQL for a file that is not a store. While another process holds the store
+ * lock, the handle is opened and its first operation refuses the store in the same way,
+ * as every operation does on a store damaged since its handle was opened. The whole
+ * file is read for this only after something other than the library changed it.
  */
 int kel_db_open(kel_dbhandle_t *handlep, int flags) KEL_NOEXCEPT;
 /* Closes a handle; NULL is accepted. */
@@ -371,9 +378,9 @@ boolean_t kel_db_exists(void) KEL_NOEXCEPT;
 int kel_db_create(void) KEL_NOEXCEPT;
 /*
  * Brings a store of schema version 1 or 2 to version 3 in one transaction; a version-3
- * store is left as it is. KEL_E_DB_VERSION for a store newer than this library,
- * KEL_E_NOTFOUND for one without a usable version; either is left untouched, and so is
- * a store whose upgrade fails.
+ * store is left as it is. It refuses what kel_db_open refuses to a writer (a newer
+ * store with KEL_E_DB_VERSION, one without a usable version with SQLITE_CORRUPT under
+ * KEL_E_SQL); such a store is left untouched, and so is a store whose upgrade fails.
  */
 int kel_db_upgrade(void) KEL_NOEXCEPT;
 

@@ -334,6 +334,12 @@ int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
 	char filter[kFilterLen];
 	int rc = kel::names_filter(filter, any_if_empty(tenant), any_if_empty(kel), "ipnet",
 	    any_if_empty(ipnet));
+	// This reader's names have always been checked as the filter's values are, and its
+	// callers are told KEL_E_INVALID_ARGS for one that is not a name. The check is made
+	// before the filter is composed all the same: a comma in a name would add an
+	// alternative to it.
+	if (rc == KEL_E_INVALID_NAME)
+		return KEL_E_INVALID_ARGS;
 	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_ipnetlist(h, filter, out, flags);
 }
 

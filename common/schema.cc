@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "c_boundary.h"
@@ -114,6 +115,34 @@ int has_table(sqlite3 *db, const char *name, bool *found)
 	return sqlrc == SQLITE_OK || sqlrc == SQLITE_ERROR ? KEL_SUCCESS : kel::sql_error(sqlrc);
 }
 
+int read_version(sqlite3 *db, int *version)
+{
+	bool store = false;
+	int rc = has_table(db, "misc_tbl", &store);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	if (!store)
+		return kel::sql_error(SQLITE_NOTADB);
+	std::string text;
+	bool found = false;
+	rc = kel::for_each_row(db, "SELECT misc_value FROM misc_tbl WHERE misc_name = 'db-version'", {},
+	    [&](kel::Statement &st) {
+		    if (!found && st.text(0) != nullptr) {
+			    text = st.text(0);
+			    found = true;
+		    }
+		    return KEL_SUCCESS;
+	    });
+	if (rc != KEL_SUCCESS)
+		return rc;
+	char *end = nullptr;
+	const long v = found ? std::strtol(text.c_str(), &end, 10) : 0;
+	if (!found || end == text.c_str() || *end != '\0' || v < 1 || v > 1000000)
+		return kel::sql_error(SQLITE_CORRUPT);
+	*version = static_cast<int>(v);
+	return KEL_SUCCESS;
+}
+
 }  // namespace kel::schema
 
 namespace {
@@ -134,7 +163,8 @@ int make_store_file(const std::string &path)
 int create_schema()
 {
 	kel_dbhandle_t handle;
-	int rc = kel_db_open(&handle, SQLITE_OPEN_READWRITE);
+	// Not kel_db_open: it would refuse a store without a version, which this one is yet.
+	int rc = kel::open_store(&handle, SQLITE_OPEN_READWRITE);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	// No store lock: nobody can be using a store that does not exist yet.

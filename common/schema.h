@@ -61,4 +61,10 @@ extern const char *const kel_indexstmts[];
 // store's: a current store may have been made without one).
 int has_table(sqlite3 *db, const char *name, bool *found);
 
+// The store's schema version, from its 'db-version' row. A file without the version's
+// table is not a store (SQLITE_NOTADB under KEL_E_SQL); a store without a usable version
+// (no row, or a text that is not a positive number) is a damaged one (SQLITE_CORRUPT
+// under KEL_E_SQL): neither has a version to upgrade from or to write as.
+int read_version(sqlite3 *db, int *version);
+
 }  // namespace kel::schema

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "c_boundary.h"
@@ -14,14 +15,9 @@
 static_assert(KEL_DB_READONLY == SQLITE_OPEN_READONLY && KEL_DB_READWRITE == SQLITE_OPEN_READWRITE,
     "the public open modes are SQLite's");
 
-extern "C" {
-
-int kel_db_open(kel_dbhandle_t *handlep, int flags) noexcept
+int kel::open_store(kel_dbhandle_t *handlep, int flags)
 {
-	if (handlep == nullptr)
-		return KEL_E_INVALID_ARGS;
 	*handlep = nullptr;
-
 	auto *edh = static_cast<kel_dbhandle *>(std::calloc(1, sizeof(kel_dbhandle)));
 	if (edh == nullptr)
 		return KEL_E_NOMEM;
@@ -49,6 +45,32 @@ int kel_db_open(kel_dbhandle_t *handlep, int flags) noexcept
 	}
 	*handlep = edh;
 	return KEL_SUCCESS;
+}
+
+extern "C" {
+
+int kel_db_open(kel_dbhandle_t *handlep, int flags) noexcept
+{
+	if (handlep == nullptr)
+		return KEL_E_INVALID_ARGS;
+	kel_dbhandle_t edh = nullptr;
+	int rc = kel::open_store(&edh, flags);
+	// A store that may not be written is refused here, where its opener can say which
+	// store it is, rather than at its first change. While another process holds the
+	// lock, the first lock of an operation makes the same check instead of waiting here.
+	if (rc == KEL_SUCCESS && (flags & SQLITE_OPEN_READWRITE) != 0) {
+		rc = kel::try_lock(edh);
+		if (rc == KEL_SUCCESS)
+			kel_unlock(edh);
+		else if (rc == kel::sys_error(EAGAIN) || rc == kel::sys_error(EACCES))
+			rc = KEL_SUCCESS;
+		if (rc != KEL_SUCCESS) {
+			kel_db_close(edh);
+			edh = nullptr;
+		}
+	}
+	*handlep = edh;
+	return rc;
 }
 
 void kel_db_close(kel_dbhandle_t edh) noexcept

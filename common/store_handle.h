@@ -16,9 +16,23 @@ struct kel_dbhandle {
 
 // Takes the store lock: a whole-file record lock on the lock file (exclusive for a
 // read-write handle, shared otherwise), waiting for other processes. Re-entrant per
-// handle: only the call that raises the depth from 0 takes the file lock. Returns
-// KEL_SUCCESS or an errno under KEL_E_SYSTEM, with the depth unchanged.
+// handle: only the call that raises the depth from 0 takes the file lock, and for a
+// read-write handle then makes sure the store may be written (store_integrity.h).
+// Returns KEL_SUCCESS; or, with the depth unchanged and no lock kept, an errno under
+// KEL_E_SYSTEM, or the code kel::check_writable refuses the store with.
 int kel_lock(kel_dbhandle_t handle);
 
 // Undoes one kel_lock; the call that brings the depth back to 0 drops the file lock.
 void kel_unlock(kel_dbhandle_t handle);
+
+namespace kel {
+
+// kel_lock without waiting: EAGAIN (or EACCES) under KEL_E_SYSTEM while another holds
+// a lock that conflicts.
+int try_lock(kel_dbhandle_t handle);
+
+// Opens the store as kel_db_open does, without looking at what the files hold: for the
+// one writer of a store that has no schema yet.
+int open_store(kel_dbhandle_t *handlep, int flags);
+
+}  // namespace kel

@@ -9,7 +9,8 @@
 // walk into the store) before the file lock is really granted, and a late release from
 // one thread cannot drop a file lock that another thread has just taken. While the first
 // locker waits for another process, other threads of this handle wait on the mutex;
-// they would have had to wait for the same file lock anyway.
+// they would have had to wait for the same file lock anyway. The same holds while a
+// handle that writes checks the store it has just locked (store_integrity.h).
 #include <fcntl.h>
 
 #include <cerrno>
@@ -17,6 +18,7 @@
 #include "error_code.h"
 #include "kel_assert.h"
 #include "store_handle.h"
+#include "store_integrity.h"
 
 namespace {
 
@@ -41,27 +43,52 @@ struct flock whole_file(short type)
 	return fl;
 }
 
-}  // namespace
+bool writes(kel_dbhandle_t edh)
+{
+	return (edh->edh_mode & SQLITE_OPEN_READWRITE) != 0;
+}
 
-int kel_lock(kel_dbhandle_t edh)
+// kel_lock, waiting for other processes (`wait`) or not.
+int lock(kel_dbhandle_t edh, bool wait)
 {
 	KEL_ASSERT(kel::kAreaUtil, edh->edh_fd != -1);
 	MutexHold hold(&edh->edh_cntmutex);
 	if (edh->edh_cnt++ > 0)
 		return KEL_SUCCESS;
 
-	struct flock fl = whole_file((edh->edh_mode & SQLITE_OPEN_READWRITE) ? F_WRLCK : F_RDLCK);
+	struct flock fl = whole_file(writes(edh) ? F_WRLCK : F_RDLCK);
 	int err = 0;
 	// An interrupted wait is tried again, three attempts in all.
 	for (int attempt = 0; attempt < 3; attempt++) {
-		if (fcntl(edh->edh_fd, F_OFD_SETLKW, &fl) == 0)
-			return KEL_SUCCESS;
+		if (fcntl(edh->edh_fd, wait ? F_OFD_SETLKW : F_OFD_SETLK, &fl) == 0) {
+			err = 0;
+			break;
+		}
 		err = errno;
 		if (err != EINTR)
 			break;
 	}
-	edh->edh_cnt--;
-	return kel::sys_error(err);
+	int rc = err != 0 ? kel::sys_error(err) : KEL_SUCCESS;
+	// A handle that writes does not go in before the store is known fit to be written.
+	if (rc == KEL_SUCCESS && writes(edh) && (rc = kel::check_writable(edh)) != KEL_SUCCESS) {
+		struct flock un = whole_file(F_UNLCK);
+		(void)fcntl(edh->edh_fd, F_OFD_SETLK, &un);
+	}
+	if (rc != KEL_SUCCESS)
+		edh->edh_cnt--;
+	return rc;
+}
+
+}  // namespace
+
+int kel_lock(kel_dbhandle_t edh)
+{
+	return lock(edh, true);
+}
+
+int kel::try_lock(kel_dbhandle_t edh)
+{
+	return lock(edh, false);
 }
 
 void kel_unlock(kel_dbhandle_t edh)
@@ -71,6 +98,8 @@ void kel_unlock(kel_dbhandle_t edh)
 	KEL_ASSERT(kel::kAreaUtil, edh->edh_cnt > 0);
 	if (--edh->edh_cnt > 0)
 		return;
+	if (writes(edh))
+		kel::note_sound(edh);
 	struct flock fl = whole_file(F_UNLCK);
 	(void)fcntl(edh->edh_fd, F_OFD_SETLK, &fl);
 }

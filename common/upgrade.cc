@@ -1,7 +1,6 @@
 // Bringing a store of an older schema version to the current one, in one transaction.
 #include <uuid/uuid.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -101,23 +100,6 @@ int kel_db_upgrade_v2(kel_dbhandle_t h)
 	return rc;
 }
 
-// The stored version, or KEL_E_NOTFOUND when the store has no usable one (no row, or a
-// text that is not a positive number): such a store is not touched.
-int stored_version(kel_dbhandle_t h, int *version)
-{
-	char text[1024] = "";
-	int rc = kel_db_get_filtered_value(h, "misc_tbl", "misc_value", "misc_name=db-version", text,
-	    sizeof(text), DATA_TYPE_STRING);
-	if (rc != KEL_SUCCESS)
-		return rc;
-	char *end = nullptr;
-	const long v = std::strtol(text, &end, 10);
-	if (end == text || *end != '\0' || v < 1 || v > 1000000)
-		return KEL_E_NOTFOUND;
-	*version = static_cast<int>(v);
-	return KEL_SUCCESS;
-}
-
 // The name a "CREATE TRIGGER name ..." statement gives.
 std::string trigger_name(const char *create)
 {
@@ -190,7 +172,7 @@ int upgrade()
 	{
 		kel::StoreLock lock(h);
 		int version = 0;
-		if ((rc = lock.status()) == KEL_SUCCESS && (rc = stored_version(h, &version)) == KEL_SUCCESS &&
+		if ((rc = lock.status()) == KEL_SUCCESS && (rc = kel::schema::read_version(h->edh_db, &version)) == KEL_SUCCESS &&
 		    version <= kel::schema::kVersion) {
 			kel::Transaction tx(h->edh_db);
 			rc = tx.begin();

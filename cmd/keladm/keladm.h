@@ -70,8 +70,13 @@ inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}
 std::string message(int code);
 
 // Reports a failed library call as "keladm: <what>: <message of code>" and returns
-// kExitFailed.
+// kExitFailed. A code that refuses the store as a whole (a newer schema, a damaged file)
+// is followed by a line that names the store.
 int fail(const std::string &what, int code);
+
+// Why a code refuses the store as a whole, in words that follow its path; NULL for a
+// code that does not.
+const char *store_refusal(int code);
 
 // Reports a usage error for `cmd` and returns kExitUsage.
 int usage_error(const Subcommand &cmd, const std::string &problem);

@@ -3,9 +3,12 @@
 #include <cstring>
 #include <string>
 
+#include <sqlite3.h>
+
 #include "keladm.h"
 #include "libkel.h"
 #include "owners.h"
+#include "paths.h"
 
 namespace keladm {
 namespace {
@@ -234,9 +237,23 @@ std::string message(int code)
 	return text;
 }
 
+const char *store_refusal(int code)
+{
+	if (code == KEL_E_DB_VERSION)
+		return "holds a newer schema than this keladm writes";
+	if ((code & 0xff) == KEL_E_SQL && ((code >> 8) == SQLITE_CORRUPT || (code >> 8) == SQLITE_NOTADB))
+		return "is damaged, or is not a configuration store";
+	return nullptr;
+}
+
 int fail(const std::string &what, int code)
 {
 	std::fprintf(stderr, "keladm: %s: %s\n", what.c_str(), message(code).c_str());
+	// A store refused as a whole may be found so by any command that reads or changes
+	// it: say which store.
+	if (const char *why = store_refusal(code))
+		std::fprintf(stderr, "keladm: the configuration store %s %s\n",
+		    kel::paths::under_root(kel::paths::kDbFile).c_str(), why);
 	// The controller is reached as this host's setting says: name it, and how to change it.
 	if ((code & 0xff) == KEL_E_CTRL_CONNECT) {
 		kel::RecordList<kel_togprop_t> setting;

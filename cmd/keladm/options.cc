@@ -224,6 +224,9 @@ int Store::open(bool write, bool report)
 	else if (access(path.c_str(), write ? R_OK | W_OK : R_OK) != 0 && errno == EACCES)
 		std::fprintf(stderr, "keladm: cannot open the configuration store %s: permission denied: "
 		                     "run keladm as root\n", path.c_str());
+	else if (const char *why = store_refusal(rc))
+		std::fprintf(stderr, "keladm: cannot open the configuration store %s: it %s (%s)\n", path.c_str(),
+		    why, message(rc).c_str());
 	else
 		fail("cannot open the configuration store " + path, rc);
 	return rc;

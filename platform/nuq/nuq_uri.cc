@@ -100,9 +100,9 @@ nuq_uri_t *nuq_alloc_uri(const char *text, int mask)
 			ok = rest.empty() || parse_authority(rest, true, *uri);
 		} else if (strcasecmp(scheme.c_str(), "ssh") == 0 && (mask & NUQS_SSH)) {
 			uri->scheme = NUQS_SSH;
-			// "ssh://" alone is accepted as the fabric's settings write it; whoever
-			// connects with it must find a host first.
-			ok = rest.empty() || parse_authority(rest, false, *uri);
+			// An ssh URI is where a connection goes: without a host it goes nowhere.
+			// ("ssh://" alone is a host URI template, which is read elsewhere.)
+			ok = parse_authority(rest, false, *uri);
 		}
 	} catch (const std::exception &) {
 		ok = false;

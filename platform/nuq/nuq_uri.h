@@ -2,7 +2,8 @@
 // host.
 //   unix://                                 the local daemon's socket
 //   unix://[user@]localhost/path            another local socket
-//   ssh://[user@]host[:port][/path]         the daemon of `host`, through ssh
+//   ssh://[user@]host[:port][/path]         the daemon of `host`, through ssh (a host
+//                                           is required)
 #pragma once
 
 extern "C" {

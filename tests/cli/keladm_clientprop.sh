@@ -13,6 +13,9 @@ check "the setting lives in the service configuration" \
 	grep -q '^controller astring = ssh://ops@ctl.example$' "$root/etc/kel/svc/network/kel/default.conf"
 expect "other schemes are refused" \
 	"keladm: cannot set 'controller=http://ctl': invalid URI (unix:// or ssh://[USER@]HOST[:PORT][/SOCKET])" set-clientprop controller=http://ctl
+expect "an ssh controller without a host is refused" \
+	"keladm: cannot set 'controller=ssh://': invalid URI (unix:// or ssh://[USER@]HOST[:PORT][/SOCKET])" set-clientprop controller=ssh://
+expect "and the setting is as it was" "controller:ssh\\://ops@ctl.example" show-clientprop -p -o property,value
 expect "unknown settings are refused" \
 	"keladm: cannot set 'colour=blue': invalid property specified" set-clientprop colour=blue
 expect "listing an unknown name" \

@@ -63,6 +63,7 @@ expect "an unknown name" "keladm: cannot list controller properties: invalid con
 
 check "upgrade-store on a current store changes nothing" "$keladm" upgrade-store
 sqlite3 "$root/etc/kel/kel.db" "UPDATE misc_tbl SET misc_value = '4'"
-expect "a newer store is refused" \
-	"keladm: cannot upgrade the configuration store: DB version is greater than the library version" upgrade-store
+expect "a newer store is refused, by name" \
+	"keladm: cannot upgrade the configuration store: DB version is greater than the library version
+keladm: the configuration store $root/etc/kel/kel.db holds a newer schema than this keladm writes" upgrade-store
 exit $fail

@@ -43,4 +43,30 @@ expect "what needs an operator stays" \
 	check-store --repair
 status "and fails the repair" 1 check-store --repair
 status "another operand is a usage error" 2 check-store --fix
+
+# A store that may not be written is refused by name to every command that would change
+# it, and left exactly as it is; commands that only read still read it.
+refused() {
+	local what=$1 why=$2
+	cp "$db" "$root/before.db"
+	expect "$what is refused to writers" \
+		"keladm: cannot open the configuration store $db: it $why" create-kel db
+	status "which fails with status 1" 1 create-kel db
+	status "check-store --repair too" 1 check-store --repair
+	check "and it is left as it was" cmp -s "$db" "$root/before.db"
+}
+sqlite3 "$db" "UPDATE misc_tbl SET misc_value = '99' WHERE misc_name = 'db-version'"
+refused "a newer store" \
+	"holds a newer schema than this keladm writes (DB version is greater than the library version)"
+expect "show-kel still reads it" "web" show-kel -p -o name web
+sqlite3 "$db" "DELETE FROM misc_tbl WHERE misc_name = 'db-version'"
+damaged="is damaged, or is not a configuration store (error while handling SQL: database disk image is malformed)"
+refused "a store without a version" "$damaged"
+sqlite3 "$db" "INSERT INTO misc_tbl (misc_name, misc_value) VALUES ('db-version', '3')"
+status "with its version back it is written again" 0 create-kel --may-exist db
+# Bytes overwritten in a page that creating a kel would not read.
+page=$(sqlite3 "$db" "SELECT rootpage FROM sqlite_master WHERE name = 'vport_mackey_idx'")
+size=$(sqlite3 "$db" "PRAGMA page_size")
+printf '\377%.0s' $(seq 16) | dd of="$db" bs=1 seek=$(((page - 1) * size)) conv=notrunc 2>/dev/null
+refused "a store with bytes overwritten" "$damaged"
 exit $fail

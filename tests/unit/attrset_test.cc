@@ -80,6 +80,48 @@ TEST(AttrSet, RepeatedNamesWithoutTheUniqueFlag)
 	EXPECT_EQ(attrset_next_entry(s.get(), nullptr), nullptr);
 }
 
+// A set that has grown past a handful of entries finds names through an index of its
+// own; it must answer exactly as a small one does.
+TEST(AttrSet, BigSetsAnswerAsSmallOnes)
+{
+	for (int size : {3, 15, 16, 200}) {
+		SCOPED_TRACE(size);
+		Set u = make(ATTRSET_UNIQUE_NAME);
+		V want;
+		for (int i = 0; i < size; i++) {
+			ASSERT_EQ(attrset_add_string(u.get(), ("n" + std::to_string(i)).c_str(), "v"), 0);
+			want.push_back("n" + std::to_string(i) + "=v");
+		}
+		// Replacing moves the name to the end, whatever its type was.
+		ASSERT_EQ(attrset_add_int32(u.get(), "n1", 7), 0);
+		ASSERT_EQ(attrset_add_string(u.get(), "n1", "w"), 0);
+		want.erase(want.begin() + 1);
+		want.push_back("n1=w");
+		EXPECT_EQ(entries(u.get()), want);
+		char *value = nullptr;
+		ASSERT_EQ(attrset_lookup_string(u.get(), "n1", &value), 0);
+		EXPECT_STREQ(value, "w");
+		EXPECT_EQ(attrset_remove(u.get(), "n0", DATA_TYPE_STRING), 0);
+		EXPECT_FALSE(attrset_exists(u.get(), "n0"));
+		EXPECT_EQ(attrset_lookup_string(u.get(), "n0", &value), ENOENT);
+		EXPECT_EQ(kel_attrset_count(u.get()), size - 1);
+
+		// Repeated names: the first in set order answers a lookup.
+		Set r = make(0);
+		ASSERT_EQ(attrset_add_string(r.get(), "kel", "a"), 0);
+		for (int i = 0; i < size; i++)
+			ASSERT_EQ(attrset_add_string(r.get(), "other", "x"), 0);
+		ASSERT_EQ(attrset_add_int32(r.get(), "kel", 3), 0);
+		ASSERT_EQ(attrset_add_string(r.get(), "kel", "b"), 0);
+		ASSERT_EQ(attrset_lookup_string(r.get(), "kel", &value), 0);
+		EXPECT_STREQ(value, "a");
+		EXPECT_EQ(attrset_remove(r.get(), "kel", DATA_TYPE_STRING), 0);
+		EXPECT_EQ(attrset_lookup_string(r.get(), "kel", &value), EINVAL);	// the integer is first now
+		EXPECT_EQ(attrset_remove(r.get(), "other", DATA_TYPE_STRING), 0);
+		EXPECT_EQ(entries(r.get()), (V{"kel=3"}));
+	}
+}
+
 TEST(AttrSet, LookupOfAnIntegerEntryIsATypeError)
 {
 	Set s = make(ATTRSET_UNIQUE_NAME);

@@ -120,6 +120,10 @@ TEST(FilterClause, LongFiltersNeverOverrunTheClause)
 	// Exactly at the edge: the clause " WHERE ( kel_name = ?100 )" is 26 characters.
 	EXPECT_EQ(build("kel=k1", "kel_tbl", nullptr, 26).rc, KEL_E_NOSPACE);
 	EXPECT_EQ(build("kel=k1", "kel_tbl", nullptr, 27).rc, KEL_SUCCESS);
+	// The piece that fills the clause ends the build: nothing after it is looked at, so a
+	// filter of any length costs no more than what fits.
+	EXPECT_EQ(build((many + ",bad name").c_str(), "kel_tbl").rc, KEL_E_NOSPACE);
+	EXPECT_EQ(build(("maxbw=" + std::string(3000, '1') + ",2,3").c_str(), "kel_tbl").rc, KEL_E_NOSPACE);
 }
 
 TEST(FilterValidation, ByObjectAndPropertyType)
@@ -258,6 +262,31 @@ TEST_F(FilterStore, ExistenceTest)
 	EXPECT_TRUE(kel_db_kel_exists(h_, "t1", "a"));
 	EXPECT_TRUE(kel_db_kel_exists(h_, "t1", uuid(1).c_str()));
 	EXPECT_FALSE(kel_db_kel_exists(h_, "sys-global", "a"));
+}
+
+// A filter of 100,000 names: in one key it cannot fit the clause and is refused; in a
+// key the query skips it costs nothing, and the rest of the filter still selects.
+TEST_F(FilterStore, HugeFiltersAreRefusedOrSkipped)
+{
+	add_kel(1, "a");
+	add_kel(2, "b");
+	add_kel(3, "c");
+	std::string alternatives = "kel=k0", keys = "host=h0";
+	for (int i = 1; i < 100000; i++) {
+		alternatives += ",k" + std::to_string(i);
+		keys += ",host=h" + std::to_string(i);
+	}
+	int rc;
+	EXPECT_EQ(names(h_, alternatives.c_str(), &rc), std::vector<std::string>{});
+	EXPECT_EQ(rc, KEL_E_NOSPACE);
+	EXPECT_EQ(names(h_, (keys + ",kel=b").c_str(), &rc), std::vector<std::string>{"b"});
+	EXPECT_EQ(rc, KEL_SUCCESS);
+	// As many alternatives as the clause holds still select the right rows.
+	std::string most = "kel=a";
+	for (int i = 0; i < 60; i++)
+		most += ",x" + std::to_string(i);
+	EXPECT_EQ(names(h_, (most + ",c").c_str(), &rc), (std::vector<std::string>{"a", "c"}));
+	EXPECT_EQ(rc, KEL_SUCCESS);
 }
 
 }  // namespace

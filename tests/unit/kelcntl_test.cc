@@ -225,6 +225,29 @@ TEST_F(Controller, AnUnbindingHandsItsCountersToThePort)
 	nuq_instance_rele(inst);
 }
 
+// As many names as one request can carry: refused as a clause too long, and keld
+// answers the next caller as it did the first.
+TEST_F(Controller, AFilterOfManyNamesIsRefused)
+{
+	nuq_instance_t *ctl = nullptr;
+	ASSERT_EQ(kelcntl_KELController__nuq_lookup(conn_, 0, &ctl, 0), 0);
+	std::string filter = "vport=p0";
+	for (int i = 1; i < 20000; i++)
+		filter += ",p" + std::to_string(i);
+	kelcntl_VPortInfo **ports = nullptr;
+	int count = -1;
+	const std::string refused = error([&](kelcntl_KELError **e) {
+		return kelcntl_KELController_getVPortInfo(ctl, filter.c_str(), &ports, &count, e);
+	});
+	EXPECT_EQ(refused, message(KEL_E_NOSPACE));
+	kelcntl_KELError *err = nullptr;
+	ASSERT_EQ(kelcntl_KELController_getVPortInfo(ctl, "vport=p0,p1", &ports, &count, &err), 0);
+	ASSERT_EQ(count, 1);
+	EXPECT_STREQ(ports[0]->evpi_name, "p1");
+	kelcntl_VPortInfo_array_free(ports, count);
+	nuq_instance_rele(ctl);
+}
+
 TEST_F(Controller, WithoutAStoreThereIsNothingToFind)
 {
 	ASSERT_EQ(std::remove(db_path().c_str()), 0);

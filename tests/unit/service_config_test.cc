@@ -26,7 +26,7 @@ TEST_F(ClientSettings, ControllerValues)
 		const char *stored;	// nullptr: unchanged
 	} cases[] = {
 		{"controller=unix://", KEL_SUCCESS, "unix://"},
-		{"controller=ssh://", KEL_SUCCESS, "ssh://"},
+		{"controller=ssh://ctl", KEL_SUCCESS, "ssh://ctl"},
 		{"controller=ssh://admin@ctl.example:2222/run/kel/keld.sock", KEL_SUCCESS,
 		    "ssh://admin@ctl.example:2222/run/kel/keld.sock"},
 		{"controller=unix://root@localhost/run/kel/other.sock", KEL_SUCCESS,
@@ -37,6 +37,11 @@ TEST_F(ClientSettings, ControllerValues)
 		{"controller=unix://otherhost/x", KEL_E_INVALID_URI, nullptr},
 		{"controller=ssh://bad host", KEL_E_INVALID_URI, nullptr},
 		{"controller=ssh://ctl:99999", KEL_E_INVALID_URI, nullptr},
+		// An ssh controller without a host could never be reached.
+		{"controller=ssh://", KEL_E_INVALID_URI, nullptr},
+		{"controller=ssh://ops@", KEL_E_INVALID_URI, nullptr},
+		{"controller=ssh:///run/kel/keld.sock", KEL_E_INVALID_URI, nullptr},
+		{"controller=ssh://:22", KEL_E_INVALID_URI, nullptr},
 		{"controller", KEL_E_INVALID_PROP, nullptr},
 		{"uuid=x", KEL_E_INVALID_PROP, nullptr},
 		{"controller=ssh://" + std::string(1010, 'a'), KEL_E_INVALID_PROP, nullptr},
@@ -113,6 +118,7 @@ TEST(NuqUri, SchemesAndParts)
 		{"unix://ops@ctl", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
 		{"unix://localhost:9/x", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
 		{"ssh://@ctl", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
+		{"ssh://", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},	// no host to reach
 		{"ssh://ctl:0", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
 		{"ssh://ctl/relative path", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
 		{"ctl", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},

@@ -137,9 +137,11 @@ TEST_F(Upgrade, StoresItCannotUpgradeStayUntouched)
 		int rc;
 	} cases[] = {
 		{"UPDATE misc_tbl SET misc_value = '4'", KEL_E_DB_VERSION},
-		{"DELETE FROM misc_tbl", KEL_E_NOTFOUND},
-		{"UPDATE misc_tbl SET misc_value = 'one'", KEL_E_NOTFOUND},
-		{"UPDATE misc_tbl SET misc_value = '0'", KEL_E_NOTFOUND},
+		// No version to upgrade from: a damaged store, as a write handle finds it.
+		{"DELETE FROM misc_tbl", SQLITE_CORRUPT * 256 + KEL_E_SQL},
+		{"UPDATE misc_tbl SET misc_value = 'one'", SQLITE_CORRUPT * 256 + KEL_E_SQL},
+		{"UPDATE misc_tbl SET misc_value = '0'", SQLITE_CORRUPT * 256 + KEL_E_SQL},
+		{"DROP TABLE misc_tbl", SQLITE_NOTADB * 256 + KEL_E_SQL},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.version);
