@@ -204,8 +204,12 @@ void Server::set_group(std::optional<gid_t> group)
 
 bool Server::listen(const std::string &path)
 {
+	// The socket is bound under a side name and renamed into place once it listens, so
+	// that a client which sees the path can connect: between bind and listen a connect
+	// would be refused.
+	const std::string side = path + "~";
 	struct sockaddr_un addr {};
-	if (path.size() >= sizeof(addr.sun_path)) {
+	if (side.size() >= sizeof(addr.sun_path)) {
 		errno = ENAMETOOLONG;
 		return false;
 	}
@@ -217,13 +221,19 @@ bool Server::listen(const std::string &path)
 	if (listen_fd_ == -1)
 		return false;
 	addr.sun_family = AF_UNIX;
-	std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-	(void)unlink(path.c_str());	// a socket left by a daemon that died
+	std::memcpy(addr.sun_path, side.c_str(), side.size() + 1);
+	(void)unlink(side.c_str());	// a socket left by a daemon that died
 	if (bind(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0)
 		return false;
 	// Access is decided per caller (root or the kel group), not by the file mode.
-	(void)chmod(path.c_str(), 0666);
-	return ::listen(listen_fd_, 128) == 0;
+	if (chmod(side.c_str(), 0666) != 0 || ::listen(listen_fd_, 128) != 0 ||
+	    rename(side.c_str(), path.c_str()) != 0) {
+		const int err = errno;
+		(void)unlink(side.c_str());
+		errno = err;
+		return false;
+	}
+	return true;
 }
 
 void Server::pause(int ms)

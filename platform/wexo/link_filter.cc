@@ -498,7 +498,9 @@ std::vector<std::string> in_force(const Json &listing, const Placement &at)
 	std::vector<std::string> out;
 	if (found.empty() || found.back().first != kHooked || found.back().second != want.back().second)
 		return out;	// unhooked, its rules are in force nowhere
-	for (const auto &[what, count] : found) {
+	for (const auto &entry : found) {
+		const std::string &what = entry.first;
+		const size_t count = entry.second;
 		const auto it = std::find_if(want.begin(), want.end(), [&](const auto &w) { return w.first == what; });
 		if (what != kHooked && (what.rfind("priority=", 0) == 0 ? count == 1 : it != want.end() && it->second == count))
 			out.push_back(what);
