@@ -14,6 +14,9 @@
  *      kel_disconnect_vnic(), which releases the port and removes the VXLAN link when no
  *      other link uses it any more.
  *
+ * kel_vnic_create() and kel_vnic_remove() do all three steps in one call each; use them
+ * unless the VNIC must be made by other means.
+ *
  * Everything here acts on the network namespace of the calling thread. Codes are
  * libkel's (see libkel.h); a datalink failure is KEL_E_WEXO with the WEXO_STATUS_* value
  * shifted left by 8. This header is plain C99 and C++.
@@ -22,6 +25,7 @@
 #define LIBKEL_NODE_H
 
 #include <netinet/in.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #include "libkel.h"
@@ -110,6 +114,11 @@ wexo_status_t wexo_vnic_delete(wexo_handle_t handle, const char *name, datalink_
 /* The link the VNIC `name` ("LINK" or "NAMESPACE/LINK") was made over, as a link of the
  * handle's namespace. */
 wexo_status_t wexo_vnic_lower(wexo_handle_t handle, const char *name, datalink_id_t *lowerp) KEL_NOEXCEPT;
+/* The MTU of link `id` of the handle's namespace. */
+wexo_status_t wexo_link_mtu(wexo_handle_t handle, datalink_id_t id, uint32_t *mtup) KEL_NOEXCEPT;
+/* The lower link recorded for the VNIC `name` ("LINK" or "NAMESPACE/LINK") when its port
+ * was bound on this host, into `buf`; WEXO_STATUS_NOTFOUND when none is recorded. */
+wexo_status_t wexo_vnic_recorded_lower(const char *name, char *buf, size_t size) KEL_NOEXCEPT;
 /* Gives link `id` of the handle's namespace the address `addr` with `prefixlen`, and,
  * when `router` is not NULL, a default route through it. */
 wexo_status_t wexo_link_set_ipaddr(wexo_handle_t handle, datalink_id_t id, const char *addr,
@@ -293,6 +302,47 @@ int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *
  */
 int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, const char *extra,
     datalink_id_t linkid, const kel_vport_counters_t *last, uint32_t flags) KEL_NOEXCEPT;
+/*
+ * The whole VNIC in one call, for the tools that put guests on a kel.
+ *
+ * kel_vnic_create binds a port of kel `kelname` (tenant NULL: "sys-global"; `vportname`
+ * NULL: a new system port) to `vnicname` ("LINK", or "NAMESPACE/LINK" for a namespace
+ * under /run/netns), makes the VNIC of `kind` over the lower link with the port's MAC
+ * address (its MTU is the lower link's: the VXLAN link's is its underlay's less the
+ * encapsulation), and gives it the port's link properties. With KEL_VNIC_ADDRESS it also
+ * gives the VNIC the port's address with the ipnet's prefix length and a default route
+ * through the ipnet's router. `extra` is the binding's property text ("vmid=..." for a
+ * virtual machine that may migrate; may be NULL). On success *vnic describes what was made
+ * (free with kel_vnic_free); on failure nothing stays made or bound, and kv_stage says
+ * which step failed.
+ *
+ * kel_vnic_remove removes the VNIC, hands its counters to its port and releases the port
+ * (or, when none is bound to it here, the one `extra` selects), and removes the lower
+ * link when it was made for VNICs and nothing else uses it. A VNIC already gone still has
+ * its port released; KEL_E_VPORT_NOTFOUND when there is neither VNIC nor port.
+ */
+#define KEL_VNIC_ADDRESS	0x1
+
+#define KEL_VNIC_STAGE_BIND	1	/* binding the port, preparing the lower link */
+#define KEL_VNIC_STAGE_MAKE	2	/* making the link */
+#define KEL_VNIC_STAGE_PROPS	3	/* the port's link properties */
+#define KEL_VNIC_STAGE_ADDRESS	4	/* the address and the route */
+
+typedef struct kel_vnic_s {
+	datalink_id_t kv_linkid;		/* the VNIC, in its own namespace */
+	datalink_id_t kv_lower;			/* the link under it, in the host's namespace */
+	char kv_lowername[MAXLINKNAMELEN];
+	uint32_t kv_mtu;			/* the VNIC's MTU */
+	kelcntl_KELImplInfo *kv_implinfo;	/* the kel; its first port is the one bound */
+	int kv_stage;				/* after a failure: KEL_VNIC_STAGE_* */
+} kel_vnic_t;
+
+int kel_vnic_create(const char *tenant, const char *kelname, const char *vportname, const char *vnicname,
+    const char *extra, wexo_vnic_kind_t kind, uint32_t flags, kel_vnic_t *vnic) KEL_NOEXCEPT;
+/* NULL is accepted. */
+void kel_vnic_free(kel_vnic_t *vnic) KEL_NOEXCEPT;
+int kel_vnic_remove(const char *vnicname, const char *extra, uint32_t flags) KEL_NOEXCEPT;
+
 /* The ports bound to `vnicname` on this host, as the controller knows them (none: *count
  * 0). Free with kelcntl_VPortInfo_array_free. */
 int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count) KEL_NOEXCEPT;

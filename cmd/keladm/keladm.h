@@ -62,7 +62,7 @@ inline constexpr Field kUsageFields[] = {{"resource"}, {"owner"}, {"range"}, {"t
 inline constexpr Field kDriftFields[] = {{"object"}, {"host"}, {"what"}, {"store"}, {"found"},
     {"repaired", Kind::Flag}};
 inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"},
-    {"lower"}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
+    {"lower"}, {"mtu", Kind::Number}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
     {"obytes", Kind::Number}};
 
 // The text of a library code in keladm's words: the library's message, but for the few

@@ -8,11 +8,9 @@
 namespace keladm {
 
 #define KELADM_NODE_CALLS(X)                                                                    \
-	X(kel_connect_vnic) X(kel_disconnect_vnic) X(kel_disconnect_vnic_counted) X(kel_get_host_vnicinfo) X(kel_get_vnicinfo) X(kel_get_vnicstat)    \
-	X(kelcntl_KELImplInfo_free) X(kelcntl_VPortInfo_array_free) X(wexo_arg_count) X(wexo_arg_name) \
-	X(wexo_arg_value) X(wexo_close) X(wexo_datalink_id2info) X(wexo_free_args)                  \
-	X(wexo_link_set_ipaddr) X(wexo_name2info) X(wexo_open_netns) X(wexo_set_linkprop)           \
-	X(wexo_vnic_create) X(wexo_vnic_delete) X(wexo_vnic_lower)
+	X(kel_vnic_create) X(kel_vnic_free) X(kel_vnic_remove) X(kel_get_host_vnicinfo)             \
+	X(kel_get_vnicinfo) X(kel_get_vnicstat) X(kelcntl_VPortInfo_array_free) X(wexo_close)      \
+	X(wexo_datalink_id2info) X(wexo_link_mtu) X(wexo_name2info) X(wexo_open_netns) X(wexo_vnic_lower)
 
 struct NodeCalls {
 #define KELADM_NODE_FIELD(name) decltype(&::name) name = nullptr;

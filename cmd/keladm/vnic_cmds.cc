@@ -13,10 +13,6 @@
 namespace keladm {
 namespace {
 
-int wexo_fail(const std::string &what, wexo_status_t st)
-{
-	return fail(what, KEL_WEXO_ERROR(st));
-}
 
 // "NAMESPACE/LINK" into its namespace ("" without one).
 std::string netns_of(const std::string &vnic)
@@ -32,10 +28,10 @@ std::string remote_prop(kelcntl_PropertyNV **props, int count, const char *name)
 	return v != nullptr ? v : "";
 }
 
-// Field `field` of kVnicFields for the VNIC of port `vp`, over `lower`, with its four
-// counters ("" when unknown).
-std::string vnic_field(const kelcntl_VPortInfo *vp, const std::string &lower, const std::vector<std::string> &counters,
-    size_t field)
+// Field `field` of kVnicFields for the VNIC of port `vp`, over `lower`, with its MTU and
+// four counters ("" when unknown).
+std::string vnic_field(const kelcntl_VPortInfo *vp, const std::string &lower, const std::string &mtu,
+    const std::vector<std::string> &counters, size_t field)
 {
 	switch (field) {
 	case 0: return vp->evpi_vnicname;
@@ -45,7 +41,8 @@ std::string vnic_field(const kelcntl_VPortInfo *vp, const std::string &lower, co
 	case 4: return remote_prop(vp->evpi_props, vp->evpi_props_count, "macaddr");
 	case 5: return remote_prop(vp->evpi_props, vp->evpi_props_count, "ipaddr");
 	case 6: return lower;
-	default: return field - 7 < counters.size() ? counters[field - 7] : "";
+	case 7: return mtu;
+	default: return field - 8 < counters.size() ? counters[field - 8] : "";
 	}
 }
 
@@ -57,6 +54,11 @@ std::string link_name(wexo_handle_t h, datalink_id_t id)
 	return name;
 }
 
+// The MTU of VNIC `vnic` ("LINK" or "NAMESPACE/LINK"; "" when it is not there).
+std::string vnic_mtu(const std::string &vnic);
+
+void kel_vnic_free_call(kel_vnic_t *v) { node().kel_vnic_free(v); }
+
 // The ports bound to VNIC `vnic` of this host, freed on scope exit.
 class VnicPorts {
 public:
@@ -67,80 +69,6 @@ public:
 private:
 	kelcntl_VPortInfo **array_ = nullptr;
 	int count_ = 0;
-};
-
-// What create-vnic has done so far, undone in reverse unless it was all done.
-class Attachment {
-public:
-	Attachment(wexo_handle_t h, const std::string &vnic) : h_(h), vnic_(vnic) {}
-	~Attachment()
-	{
-		if (done_)
-			return;
-		if (made_)
-			(void)node().wexo_vnic_delete(h_, vnic_.c_str(), nullptr);
-		if (bound_)
-			(void)node().kel_disconnect_vnic(h_, vnic_.c_str(), nullptr, lower_, 0);
-		node().wexo_free_args(props_);
-		node().kelcntl_KELImplInfo_free(info_);
-	}
-	Attachment(const Attachment &) = delete;
-	Attachment &operator=(const Attachment &) = delete;
-
-	int connect(const Options &opts, const std::string &kel, const char *vport)
-	{
-		const int rc = node().kel_connect_vnic(h_, opts.tenant.c_str(), kel.c_str(), vport, vnic_.c_str(), &props_,
-		    opts.props.empty() ? nullptr : opts.props.c_str(), &lower_, &info_, 0);
-		bound_ = rc == KEL_SUCCESS;
-		return rc;
-	}
-	wexo_status_t make(wexo_vnic_kind_t kind)
-	{
-		const std::string mac = remote_prop(port()->evpi_props, port()->evpi_props_count, "macaddr");
-		const wexo_status_t st = node().wexo_vnic_create(h_, vnic_.c_str(), lower_, kind, mac.empty() ? nullptr : mac.c_str(), &id_);
-		made_ = st == WEXO_STATUS_OK;
-		return st;
-	}
-	// The port's link properties, through the call keld uses for live changes.
-	int apply(wexo_handle_t vh)
-	{
-		for (uint_t i = 0; i < node().wexo_arg_count(props_); i++) {
-			const wexo_status_t st = node().wexo_set_linkprop(vh, id_, node().wexo_arg_name(props_, i), node().wexo_arg_value(props_, i));
-			if (st != WEXO_STATUS_OK)
-				return wexo_fail(std::string("cannot set ") + node().wexo_arg_name(props_, i) + " on VNIC '" + vnic_ + "'", st);
-		}
-		return kExitOk;
-	}
-	// The port's address and the network's router, on the VNIC.
-	int address(wexo_handle_t vh)
-	{
-		const std::string ip = remote_prop(port()->evpi_props, port()->evpi_props_count, "ipaddr");
-		kelcntl_KELInfo *k = info_->ekelii_kelinfo;
-		if (ip.empty() || k->ekeli_ipnets_count < 1)
-			return fail("VNIC '" + vnic_ + "' has no address to take: its kel has no ipnet", KEL_E_IPNET_NOTFOUND);
-		kelcntl_IPnetInfo *net = k->ekeli_ipnets[0];
-		const std::string subnet = remote_prop(net->eipi_props, net->eipi_props_count, "subnet");
-		const std::string router = remote_prop(net->eipi_props, net->eipi_props_count, "defrouter");
-		const size_t slash = subnet.find('/');
-		const uint32_t plen = slash == std::string::npos ? 32 : std::stoul(subnet.substr(slash + 1));
-		const std::string addr = ip.substr(0, ip.find('/'));
-		const bool routed = !router.empty() && router != "0.0.0.0" && router != "::";
-		const wexo_status_t st = node().wexo_link_set_ipaddr(vh, id_, addr.c_str(), plen, routed ? router.c_str() : nullptr);
-		return st == WEXO_STATUS_OK ? kExitOk : wexo_fail("cannot give VNIC '" + vnic_ + "' its address", st);
-	}
-	void keep() { done_ = true; }
-
-	kelcntl_VPortInfo *port() const { return info_->ekelii_kelinfo->ekeli_vports[0]; }
-	const kelcntl_KELImplInfo *info() const { return info_; }
-	datalink_id_t lower() const { return lower_; }
-
-private:
-	wexo_handle_t h_;
-	std::string vnic_;
-	wexo_arg_list_t *props_ = nullptr;
-	kelcntl_KELImplInfo *info_ = nullptr;
-	datalink_id_t lower_ = DATALINK_INVALID_LINKID, id_ = DATALINK_INVALID_LINKID;
-	bool bound_ = false, made_ = false, done_ = false;
 };
 
 // A datalink handle, closed on scope exit.
@@ -167,6 +95,29 @@ private:
 	int count_ = 0;
 };
 
+std::string vnic_mtu(const std::string &vnic)
+{
+	Handle h;
+	datalink_id_t id = DATALINK_INVALID_LINKID;
+	uint32_t mtu = 0;
+	if (h.open(netns_of(vnic)) != WEXO_STATUS_OK ||
+	    node().wexo_name2info(h.get(), vnic.substr(vnic.find('/') + 1).c_str(), &id, nullptr) != WEXO_STATUS_OK ||
+	    node().wexo_link_mtu(h.get(), id, &mtu) != WEXO_STATUS_OK)
+		return "";
+	return std::to_string(mtu);
+}
+
+// keladm's words for the step of create-vnic that failed.
+std::string failed_step(int stage, const std::string &kel, const std::string &vnic)
+{
+	switch (stage) {
+	case KEL_VNIC_STAGE_BIND: return "cannot bind a port of kel '" + kel + "' to VNIC '" + vnic + "'";
+	case KEL_VNIC_STAGE_PROPS: return "cannot give VNIC '" + vnic + "' its port's link properties";
+	case KEL_VNIC_STAGE_ADDRESS: return "cannot give VNIC '" + vnic + "' its address";
+	default: return "cannot make VNIC '" + vnic + "'";
+	}
+}
+
 }  // namespace
 
 int create_vnic(const Subcommand &cmd, const Options &opts)
@@ -190,51 +141,47 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 		return usage_error(cmd, std::string("'") + target + "' is not a kel name");
 	}
 	const std::string vnic = opts.operands[1];
-	Handle host, guest;
-	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)
-		return wexo_fail("cannot open this host's datalinks", st);
-	if (wexo_status_t st = guest.open(netns_of(vnic)); st != WEXO_STATUS_OK)
-		return wexo_fail("cannot reach the namespace of VNIC '" + vnic + "'", st);
-	// The controller answers a VNIC it already knows with that VNIC's binding: a name
-	// that is taken must be refused before, or undoing would release the other's port.
-	const std::string link = vnic.substr(vnic.find('/') + 1);
-	if (node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK) {
-		// --may-exist: the VNIC there, bound to a port of this kel (the one named), is it.
+	// The controller answers a VNIC it already knows with that VNIC's binding, so a name
+	// that is taken is refused by the library; --may-exist takes the VNIC there, bound to a
+	// port of this kel (the one named), for the one asked for.
+	if (opts.may_exist) {
+		Handle host, guest;
 		VnicPorts bound;
-		const kelcntl_VPortInfo *vp = opts.may_exist && bound.fetch(vnic) == KEL_SUCCESS ? bound.first() : nullptr;
+		const std::string link = vnic.substr(vnic.find('/') + 1);
+		const kelcntl_VPortInfo *vp = host.open("") == WEXO_STATUS_OK && guest.open(netns_of(vnic)) == WEXO_STATUS_OK &&
+		        node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK &&
+		        bound.fetch(vnic) == KEL_SUCCESS
+		    ? bound.first() : nullptr;
 		if (vp != nullptr && opts.tenant == vp->evpi_tenantname && std::strcmp(vp->evpi_kelname, kel) == 0 &&
 		    (vport[0] == '\0' || std::strcmp(vp->evpi_name, vport) == 0)) {
 			if (opts.echo) {
 				datalink_id_t id = DATALINK_INVALID_LINKID;
 				const std::string lower = node().wexo_vnic_lower(host.get(), vnic.c_str(), &id) == WEXO_STATUS_OK
 				    ? link_name(host.get(), id) : "";
-				out.add_with([&](size_t f) { return vnic_field(vp, lower, {}, f); });
+				const std::string mtu = vnic_mtu(vnic);
+				out.add_with([&](size_t f) { return vnic_field(vp, lower, mtu, {}, f); });
 				out.print();
 			}
 			return kExitOk;
 		}
-		return wexo_fail("cannot make VNIC '" + vnic + "'", WEXO_STATUS_EXIST);
 	}
-	Attachment a(host.get(), vnic);
-	if (int rc = a.connect(opts, kel, vport[0] != '\0' ? vport : nullptr); rc != KEL_SUCCESS)
-		return fail("cannot bind a port of kel '" + std::string(kel) + "' to VNIC '" + vnic + "'", rc);
-	if (wexo_status_t st = a.make(opts.macvtap ? WEXO_VNIC_MACVTAP : WEXO_VNIC_MACVLAN); st != WEXO_STATUS_OK)
-		return wexo_fail("cannot make VNIC '" + vnic + "'", st);
-	if (int rc = a.apply(guest.get()); rc != kExitOk)
-		return rc;
-	if (opts.address)
-		if (int rc = a.address(guest.get()); rc != kExitOk)
-			return rc;
-	a.keep();
-	const std::string lower = link_name(host.get(), a.lower());
+	kel_vnic_t made;
+	const int rc = node().kel_vnic_create(opts.tenant.c_str(), kel, vport[0] != '\0' ? vport : nullptr, vnic.c_str(),
+	    opts.props.empty() ? nullptr : opts.props.c_str(), opts.macvtap ? WEXO_VNIC_MACVTAP : WEXO_VNIC_MACVLAN,
+	    opts.address ? KEL_VNIC_ADDRESS : 0, &made);
+	if (rc != KEL_SUCCESS)
+		return fail(failed_step(made.kv_stage, kel, vnic), rc);
+	const kel::Owned<kel_vnic_t, kel_vnic_free_call> owned(&made);
+	const kelcntl_VPortInfo *port = made.kv_implinfo->ekelii_kelinfo->ekeli_vports[0];
+	const std::string lower = made.kv_lowername, mtu = std::to_string(made.kv_mtu);
 	if (opts.echo) {
-		out.add_with([&](size_t f) { return vnic_field(a.port(), lower, {}, f); });
+		out.add_with([&](size_t f) { return vnic_field(port, lower, mtu, {}, f); });
 		out.print();
 		return kExitOk;
 	}
-	std::printf("created VNIC %s on %s/%s over %s (%s, %s)\n", vnic.c_str(), kel, a.port()->evpi_name, lower.c_str(),
-	    remote_prop(a.port()->evpi_props, a.port()->evpi_props_count, "macaddr").c_str(),
-	    remote_prop(a.port()->evpi_props, a.port()->evpi_props_count, "ipaddr").c_str());
+	std::printf("created VNIC %s on %s/%s over %s (%s, %s, MTU %s)\n", vnic.c_str(), kel, port->evpi_name,
+	    lower.c_str(), remote_prop(port->evpi_props, port->evpi_props_count, "macaddr").c_str(),
+	    remote_prop(port->evpi_props, port->evpi_props_count, "ipaddr").c_str(), mtu.c_str());
 	return kExitOk;
 }
 
@@ -245,42 +192,20 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "give the VNIC's name");
 	const std::string vnic = opts.operands[0];
-	Handle host;
-	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)
-		return wexo_fail("cannot open this host's datalinks", st);
-	// Its counters are read just before it goes, for its port to keep: this host's keld
-	// reads them in whatever namespace the VNIC is. A VNIC whose counters cannot be read
-	// still goes, its traffic uncounted.
-	kel_vport_counters_t last{};
-	bool counted = false;
-	{
-		nuq_conn_t *raw = nullptr;
-		const int connected = kel_nuq_connection_to_self(&raw);
-		const kel::Owned<nuq_conn_t, nuq_disconnect> self(raw);
-		link_stat_t st;
-		if (connected == KEL_SUCCESS && node().kel_get_vnicstat(self.get(), vnic.c_str(), &st) == KEL_SUCCESS) {
-			last = {st.ls_ipackets, st.ls_rbytes, st.ls_opackets, st.ls_obytes};
-			counted = true;
-		}
-	}
-	// The VNIC goes first: the link under it can only go once nothing is made over it.
-	datalink_id_t lower = DATALINK_INVALID_LINKID;
-	const wexo_status_t st = node().wexo_vnic_delete(host.get(), vnic.c_str(), &lower);
-	if (st != WEXO_STATUS_OK && st != WEXO_STATUS_NOTFOUND)
-		return wexo_fail("cannot remove VNIC '" + vnic + "'", st);
-	if (st == WEXO_STATUS_NOTFOUND) {
-		// Neither a VNIC here nor a port bound to one of that name: nothing to delete, which
-		// --if-exists takes for success.
-		VnicPorts bound;
-		if (bound.fetch(vnic) == KEL_SUCCESS && bound.first() == nullptr)
-			return opts.if_exists ? kExitOk
-			                      : fail("no VNIC '" + vnic + "' on this host, and no port bound to one", KEL_E_VPORT_NOTFOUND);
-		warn("VNIC '" + vnic + "' is not on this host; releasing its port", KEL_WEXO_ERROR(st));
-	}
-	const int rc = node().kel_disconnect_vnic_counted(host.get(), vnic.c_str(), nullptr, lower, counted ? &last : nullptr, 0);
-	// Without the VNIC there is no lower link to look at: the release is what counts.
-	if (rc != KEL_SUCCESS && !(st == WEXO_STATUS_NOTFOUND && (rc & 0xff) == KEL_E_WEXO))
-		return fail("cannot release the port of VNIC '" + vnic + "'", rc);
+	// A VNIC gone already (its namespace went) still has its port released; say so, for
+	// the operator may have named the wrong one.
+	Handle guest;
+	const std::string link = vnic.substr(vnic.find('/') + 1);
+	const bool here = guest.open(netns_of(vnic)) == WEXO_STATUS_OK &&
+	                  node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK;
+	const int rc = node().kel_vnic_remove(vnic.c_str(), nullptr, 0);
+	if (rc == KEL_E_VPORT_NOTFOUND && !here)
+		return opts.if_exists ? kExitOk
+		                      : fail("no VNIC '" + vnic + "' on this host, and no port bound to one", KEL_E_VPORT_NOTFOUND);
+	if (rc != KEL_SUCCESS)
+		return fail(here ? "cannot remove VNIC '" + vnic + "'" : "cannot release the port of VNIC '" + vnic + "'", rc);
+	if (!here)
+		warn("VNIC '" + vnic + "' was not on this host; its port is released", KEL_WEXO_ERROR(WEXO_STATUS_NOTFOUND));
 	return kExitOk;
 }
 
@@ -318,7 +243,8 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 		if (self != nullptr && node().kel_get_vnicstat(self.get(), vp->evpi_vnicname, &st) == KEL_SUCCESS)
 			counters = {std::to_string(st.ls_ipackets), std::to_string(st.ls_rbytes),
 			    std::to_string(st.ls_opackets), std::to_string(st.ls_obytes)};
-		out.add_with([&](size_t f) { return vnic_field(vp, lower, counters, f); });
+		const std::string mtu = vnic_mtu(vp->evpi_vnicname);
+		out.add_with([&](size_t f) { return vnic_field(vp, lower, mtu, counters, f); });
 	}
 	if (!found)
 		return fail("no VNIC '" + std::string(opts.operands[0]) + "' is bound on this host", KEL_E_VPORT_NOTFOUND);

@@ -161,6 +161,21 @@ wexo_status_t wexo_vnic_disown(wexo_handle_t h, const char *name) noexcept
 	});
 }
 
+wexo_status_t wexo_vnic_recorded_lower(const char *name, char *buf, size_t size) noexcept
+{
+	return kel::wexo_boundary([&]() -> wexo_status_t {
+		if (name == nullptr || buf == nullptr || size == 0)
+			return WEXO_STATUS_BADARG;
+		const auto v = wexo::fabric::vnic(name);
+		if (!v)
+			return WEXO_STATUS_NOTFOUND;
+		if (v->lower.size() >= size)
+			return WEXO_STATUS_BADARG;
+		std::memcpy(buf, v->lower.c_str(), v->lower.size() + 1);
+		return WEXO_STATUS_OK;
+	});
+}
+
 wexo_status_t wexo_link_owned(wexo_handle_t h, datalink_id_t id, const char *name) noexcept
 {
 	return kel::wexo_boundary([&]() -> wexo_status_t {

@@ -235,6 +235,19 @@ wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t 
 	return WEXO_STATUS_OK;
 }
 
+wexo_status_t wexo_link_mtu(wexo_handle_t h, datalink_id_t id, uint32_t *mtup) noexcept
+{
+	if (id == DATALINK_INVALID_LINKID || mtup == nullptr)
+		return WEXO_STATUS_BADARG;
+	struct rtnl_link *link = nullptr;
+	const wexo_status_t st = get_link(h, id, nullptr, &link);
+	if (st != WEXO_STATUS_OK)
+		return st;
+	*mtup = rtnl_link_get_mtu(link);
+	rtnl_link_put(link);
+	return WEXO_STATUS_OK;
+}
+
 wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *stats) noexcept
 {
 	if (id == 0 || stats == nullptr)

@@ -1,15 +1,31 @@
 /*
  * A hypervisor tool's attach and detach, written against the installed headers only:
  *   attach KEL VPORT VNIC
- * binds VPORT of KEL to a new VNIC (a macvlan over the returned link, with the port's MAC
- * address and link properties), reports the binding and the VNIC's counters, then
- * removes the VNIC and releases the port. Prints what it did; exits 1 at the first fault.
+ * makes VNIC on VPORT of KEL in one call (bound, made over the kel's link with the port's
+ * MAC address and link properties), reports the binding, the VNIC's MTU and counters,
+ * then removes it and releases the port in one call. Prints what it did; exits 1 at the
+ * first fault.
  */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <libkel_node.h>
+
+/* Whether two MAC address texts name the same address, however they are written. */
+static int same_mac(const char *a, const char *b)
+{
+	unsigned x[6], y[6];
+	int i;
+
+	if (a == NULL || b == NULL || sscanf(a, "%x:%x:%x:%x:%x:%x", &x[0], &x[1], &x[2], &x[3], &x[4], &x[5]) != 6 ||
+	    sscanf(b, "%x:%x:%x:%x:%x:%x", &y[0], &y[1], &y[2], &y[3], &y[4], &y[5]) != 6)
+		return 0;
+	for (i = 0; i < 6; i++)
+		if (x[i] != y[i])
+			return 0;
+	return 1;
+}
 
 static int fail(const char *what, int code)
 {
@@ -18,28 +34,17 @@ static int fail(const char *what, int code)
 	return 1;
 }
 
-static int sh(const char *fmt, const char *a, const char *b)
-{
-	char cmd[512];
-	snprintf(cmd, sizeof(cmd), fmt, a, b);
-	return system(cmd) == 0;
-}
-
 int main(int argc, char **argv)
 {
 	const char *kel, *vport, *vnic;
-	wexo_handle_t h = NULL;
-	wexo_arg_list_t *props = NULL;
-	kelcntl_KELImplInfo *info = NULL;
+	kel_vnic_t made;
 	kelcntl_VPortInfo **ports = NULL;
-	kelcntl_VPortInfo *bound;
-	datalink_id_t lower = DATALINK_INVALID_LINKID, id = DATALINK_INVALID_LINKID;
-	datalink_class_t cls;
-	char lowername[MAXLINKNAMELEN];
+	const kelcntl_VPortInfo *bound;
 	const char *mac;
+	char cmd[256], seen[32] = "";
+	FILE *f;
 	nuq_conn_t *conn = NULL;
 	link_stat_t st;
-	uint_t i;
 	int count = 0, rc;
 
 	if (argc != 4) {
@@ -49,35 +54,26 @@ int main(int argc, char **argv)
 	kel = argv[1];
 	vport = argv[2];
 	vnic = argv[3];
-	if ((rc = wexo_open(&h)) != WEXO_STATUS_OK)
-		return fail("datalink handle", rc * 256 + KEL_E_WEXO);
 
-	rc = kel_connect_vnic(h, NULL, kel, vport, vnic, &props, NULL, &lower, &info, 0);
+	rc = kel_vnic_create(NULL, kel, vport, vnic, "vmid=attach-test", WEXO_VNIC_MACVLAN, 0, &made);
 	if (rc != KEL_SUCCESS)
-		return fail("connect", rc);
-	if ((rc = wexo_datalink_id2info(h, lower, NULL, &cls, NULL, lowername, sizeof(lowername))) != 0)
-		return fail("lower link", rc * 256 + KEL_E_WEXO);
-	bound = info->ekelii_kelinfo->ekeli_vports[0];
+		return fail("create", rc);
+	bound = made.kv_implinfo->ekelii_kelinfo->ekeli_vports[0];
 	mac = kel_propattrset_lookup(bound->evpi_props, bound->evpi_props_count, "macaddr");
-	printf("bound %s of %s, lower link %s (%s)\n", bound->evpi_name, info->ekelii_kelinfo->ekeli_name,
-	    lowername, cls == DATALINK_CLASS_VXLAN ? "vxlan" : "uplink");
-
-	/* Where the lower link sends from, for the caller to see. */
-	if (!sh("ip -d link show %s | grep -o 'local [0-9.a-f:]*'%s", lowername, ""))
-		printf("no local address\n");
-
-	/* The VNIC, as the tool makes it: over the lower link, with the port's address. */
-	if (!sh("ip link add %s link %s type macvlan mode bridge", vnic, lowername) ||
-	    (mac != NULL && !sh("ip link set %s address %s", vnic, mac)) || !sh("ip link set %s up%s", vnic, ""))
-		return fail("making the VNIC", KEL_E_FAILED);
-	if ((rc = wexo_name2info(h, vnic, &id, NULL)) != WEXO_STATUS_OK)
-		return fail("VNIC", rc * 256 + KEL_E_WEXO);
-	for (i = 0; i < wexo_arg_count(props); i++) {
-		rc = wexo_set_linkprop(h, id, wexo_arg_name(props, i), wexo_arg_value(props, i));
-		if (rc != WEXO_STATUS_OK)
-			return fail(wexo_arg_name(props, i), rc * 256 + KEL_E_WEXO);
-		printf("set %s=%s\n", wexo_arg_name(props, i), wexo_arg_value(props, i));
+	printf("bound %s of %s, lower link %s, MTU %u\n", bound->evpi_name, made.kv_implinfo->ekelii_kelinfo->ekeli_name,
+	    made.kv_lowername, made.kv_mtu);
+	/* What the caller can see of it with the system's own tools. */
+	snprintf(cmd, sizeof(cmd), "/sys/class/net/%s/address", vnic);
+	if ((f = fopen(cmd, "r")) != NULL) {
+		if (fgets(seen, sizeof(seen), f) == NULL)
+			seen[0] = '\0';
+		fclose(f);
 	}
+	printf("%s\n", same_mac(seen, mac) ? "the port's MAC address" : "another MAC address");
+	snprintf(cmd, sizeof(cmd), "ip -d link show %s | grep -o 'local [0-9.a-f:]*'", made.kv_lowername);
+	if (system(cmd) != 0)
+		printf("no local address\n");
+	fflush(stdout);
 
 	if ((rc = kel_get_vnicinfo(vnic, &ports, &count)) != KEL_SUCCESS)
 		return fail("vnic info", rc);
@@ -92,14 +88,11 @@ int main(int argc, char **argv)
 	nuq_disconnect(conn);
 	printf("statistics read: %llu packets out\n", (unsigned long long)st.ls_opackets);
 
-	/* Detach: the VNIC goes first, then the port and the link under it. */
-	if (!sh("ip link del %s%s", vnic, ""))
-		return fail("removing the VNIC", KEL_E_FAILED);
-	if ((rc = kel_disconnect_vnic(h, vnic, NULL, lower, 0)) != KEL_SUCCESS)
-		return fail("disconnect", rc);
+	kel_vnic_free(&made);
+	if ((rc = kel_vnic_remove(vnic, NULL, 0)) != KEL_SUCCESS)
+		return fail("remove", rc);
+	if ((rc = kel_vnic_remove(vnic, NULL, 0)) != KEL_E_VPORT_NOTFOUND)
+		return fail("removing it twice", rc == KEL_SUCCESS ? KEL_E_FAILED : rc);
 	printf("released\n");
-	wexo_free_args(props);
-	kelcntl_KELImplInfo_free(info);
-	wexo_close(h);
 	return 0;
 }

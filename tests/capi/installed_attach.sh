@@ -68,9 +68,9 @@ echo "$out"
 check "attach and detach succeed" test "$(echo "$out" | tail -1)" = released
 check "the host's endpoint is its address in the fabric's subnet" \
 	grep -q "^local 10.82.0.1$" <<<"$out"
-check "the port is bound over the VXLAN link of its VNI" \
-	grep -q "^bound vm1 of web, lower link kel-vxlan6042 (vxlan)$" <<<"$out"
-check "the VNIC carries the port's link properties" grep -q "^set iov=off$" <<<"$out"
+check "the port is bound over the VXLAN link of its VNI, with its underlay's MTU less 50" \
+	grep -q "^bound vm1 of web, lower link kel-vxlan6042, MTU 1450$" <<<"$out"
+check "the VNIC has the port's MAC address" grep -q "^the port's MAC address$" <<<"$out"
 check "the controller lists the binding" grep -q "^controller: 1 port(s), vm1 on " <<<"$out"
 check "the VXLAN link goes with its last VNIC" \
 	bash -c "! ip -n '$ns' link show kel-vxlan6042 >/dev/null 2>&1"

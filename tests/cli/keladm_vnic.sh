@@ -50,7 +50,7 @@ for _ in $(seq 100); do [ -S "$root/run/kel/keld.sock" ] && break; sleep 0.05; d
 
 mac1=$("$keladm" show-vport -p -o macaddr web/vm1 | sed 's/\\:/:/g')
 expect "a VNIC is made in a guest namespace over the kel's VXLAN link" \
-	"created VNIC $g1/eth0 on web/vm1 over kel-vxlan5100 ($mac1, 10.85.0.11/24)" \
+	"created VNIC $g1/eth0 on web/vm1 over kel-vxlan5100 ($mac1, 10.85.0.11/24, MTU 1450)" \
 	create-vnic --address web/vm1 "$g1/eth0"
 status "a second one, as a macvtap" 0 create-vnic --address --macvtap web/vm2 "$g2/eth0"
 expect "--may-exist: the VNIC there, bound to the kel's port, is success, echoed" "$g1/eth0:vm1:kel-vxlan5100" \
@@ -97,10 +97,10 @@ status "it goes" 0 delete-vnic vt0
 check "with its guard" bash -c "! ip netns exec '$host' nft list table netdev kel_vt0 2>/dev/null"
 check "the controller shows the binding" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status,vnic web/vm1)\" = 'bound:$g1/eth0' ]"
-expect "show-vnic lists this host's VNICs with their ports and lower link" \
-	"$g1/eth0:web:vm1:10.85.0.11/24:kel-vxlan5100
-$g2/eth0:web:vm2:10.85.0.12/24:kel-vxlan5100" \
-	show-vnic -p -o vnic,kel,vport,ipaddr,lower
+expect "show-vnic lists this host's VNICs with their ports, lower link and MTU" \
+	"$g1/eth0:web:vm1:10.85.0.11/24:kel-vxlan5100:1450
+$g2/eth0:web:vm2:10.85.0.12/24:kel-vxlan5100:1450" \
+	show-vnic -p -o vnic,kel,vport,ipaddr,lower,mtu
 check "with the kernel's counters, through keld" bash -c \
 	"[ \"\$(ip netns exec '$host' '$keladm_bin' show-vnic -p -o opackets '$g1/eth0')\" -ge 1 ]"
 expect "one that is not bound here is named" \

@@ -338,6 +338,71 @@ TEST_F(Vnics, NothingStaysBoundWhenTheLowerLinkCannotBeMade)
 	EXPECT_EQ(link_id("kel-vxlan5002"), 0u);
 }
 
+// One call makes the whole VNIC, and one takes it apart: a failure at any step leaves
+// nothing made or bound, and a VNIC gone by other means still has its port and its link
+// taken back.
+TEST_F(Vnics, OneCallForTheWholeVnic)
+{
+	host_prop("vxlan-addr=10.80.0.1");
+	make_kel("db", "l2-type=vxlan,vni=5003", 3);
+	const std::string before = state();
+	kel_vnic_t v;
+	ASSERT_EQ(kel_vnic_create(nullptr, "db", "p1", "vn1", "vmid=a", WEXO_VNIC_MACVLAN, KEL_VNIC_ADDRESS, &v), KEL_SUCCESS);
+	EXPECT_EQ(v.kv_linkid, link_id("vn1"));
+	EXPECT_EQ(v.kv_lower, link_id("kel-vxlan5003"));
+	EXPECT_STREQ(v.kv_lowername, "kel-vxlan5003");
+	EXPECT_EQ(v.kv_mtu, 1450u);
+	const kelcntl_VPortInfo *port = v.kv_implinfo->ekelii_kelinfo->ekeli_vports[0];
+	const std::string ip = kel_propattrset_lookup(port->evpi_props, port->evpi_props_count, "ipaddr");
+	const std::string link = out_of("ip -o addr show dev vn1; ip route show default; tc qdisc show dev vn1; nft list tables");
+	for (const std::string &want : std::vector<std::string>{" inet " + ip + " ", "default via 10.90.0.1 dev vn1", "table netdev kel_vn1"})
+		EXPECT_NE(link.find(want), std::string::npos) << want << " in " << link;
+	EXPECT_EQ(binding("p1"), bound("vn1"));
+	kel_vnic_free(&v);
+	kel_vnic_free(nullptr);
+
+	const struct {
+		const char *what, *vport, *vnic, *setup;
+		int stage, rc;
+	} refused[] = {
+	    {"a port in use", "p1", "vn2", nullptr, KEL_VNIC_STAGE_BIND, KEL_E_VPORT_INUSE},
+	    {"a name taken", "p2", "vn1", nullptr, KEL_VNIC_STAGE_MAKE, kel::compose_error(WEXO_STATUS_EXIST, KEL_E_WEXO)},
+	    {"a property the link refuses", "p2", "vn2",
+	        "UPDATE vport_tbl SET vport_props = vport_props || ',maxbw=lots' WHERE vport_name = 'p2'",
+	        KEL_VNIC_STAGE_PROPS, kel::compose_error(WEXO_STATUS_BADVAL, KEL_E_WEXO)},
+	};
+	for (const auto &c : refused) {
+		SCOPED_TRACE(c.what);
+		if (c.setup != nullptr)
+			sql(c.setup);
+		const std::string ready = state();
+		EXPECT_EQ(kel_vnic_create(nullptr, "db", c.vport, c.vnic, nullptr, WEXO_VNIC_MACVTAP, 0, &v), c.rc);
+		EXPECT_EQ(v.kv_stage, c.stage);
+		EXPECT_EQ(v.kv_implinfo, nullptr);
+		EXPECT_EQ(state(), ready);
+		EXPECT_EQ(link_id("vn2"), 0u);
+	}
+	EXPECT_EQ(kel_vnic_create(nullptr, "db", "p3", "vn3", nullptr, WEXO_VNIC_MACVLAN, 0x80, &v), KEL_E_INVALID_ARGS);
+	EXPECT_EQ(kel_vnic_create(nullptr, "db", "p3", "vn3; x", nullptr, WEXO_VNIC_MACVLAN, 0, &v), KEL_E_INVALID_ARGS);
+
+	// Removed in one call, the link under it too; a second time there is nothing.
+	EXPECT_EQ(kel_vnic_remove("vn1", nullptr, 0), KEL_SUCCESS);
+	EXPECT_EQ(link_id("vn1"), 0u);
+	EXPECT_EQ(link_id("kel-vxlan5003"), 0u);
+	EXPECT_EQ(binding("p1"), "0  ");
+	EXPECT_EQ(kel_vnic_remove("vn1", nullptr, 0), KEL_E_VPORT_NOTFOUND);
+
+	// Gone by other means (its namespace went with its container): the port and the link
+	// the host recorded for it are still taken back.
+	ASSERT_EQ(kel_vnic_create(nullptr, "db", "p1", "vn1", nullptr, WEXO_VNIC_MACVLAN, 0, &v), KEL_SUCCESS);
+	kel_vnic_free(&v);
+	ASSERT_TRUE(NetNs::run("ip link del vn1"));
+	EXPECT_EQ(kel_vnic_remove("vn1", nullptr, 0), KEL_SUCCESS);
+	EXPECT_EQ(link_id("kel-vxlan5003"), 0u);
+	sql("UPDATE vport_tbl SET vport_props = replace(vport_props, ',maxbw=lots', '') WHERE vport_name = 'p2'");
+	EXPECT_EQ(state(), before);
+}
+
 TEST_F(Vnics, ArgumentsAndMissingSettings)
 {
 	kelcntl_VPortInfo **ports = reinterpret_cast<kelcntl_VPortInfo **>(1);
