@@ -10,7 +10,7 @@ cd "$(dirname "$0")"
 
 PACKAGES=(g++ cmake ninja-build pkg-config binutils libsqlite3-dev uuid-dev libxml2-dev
 	nlohmann-json3-dev libnl-route-3-dev libnftables-dev iproute2 nftables openssh-client
-	openssh-server libgtest-dev sqlite3 iputils-ping procps groff-base valgrind)
+	openssh-server libgtest-dev sqlite3 iputils-ping procps groff-base valgrind busybox isc-dhcp-client)
 FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 JOBS=$(nproc)
 
@@ -218,12 +218,12 @@ fuzz() {
 	local seconds=${1:-10}
 	CC=clang CXX=clang++ build build-fuzz -DKEL_FUZZ=ON -DKEL_TESTS=OFF
 	local target work
-	for target in attrset ipnet link_addr bandwidth range filter dispatch link_args link_filter; do
+	for target in attrset ipnet link_addr bandwidth range filter dispatch link_args link_filter dhcp4; do
 		work=$(mktemp -d)
 		cp tests/fuzz/corpus/$target/* "$work/"
 		# Requests are longer than the texts the other targets read.
 		local max_len=256
-		case $target in dispatch | link_filter) max_len=4096 ;; esac
+		case $target in dispatch | link_filter) max_len=4096 ;; dhcp4) max_len=1024 ;; esac
 		echo "== fuzz_$target for ${seconds}s"
 		(cd build-fuzz && ./tests/fuzz/fuzz_$target -max_total_time="$seconds" \
 			-max_len="$max_len" -print_final_stats=1 "$work" 2>&1 |

@@ -4,6 +4,8 @@
 #include <net/if.h>
 
 #include <cstdio>
+#include <cstring>
+#include <string>
 
 #include "kelcntl.h"
 #include "libkel_node.h"
@@ -19,6 +21,21 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 // The ports the controller lists for `filter`.
 int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,
     int *count);
+
+// The address responder of a kel on a host answers from a link of its own over the kel's
+// lower link, bound to a system port of the kel like a guest's VNIC: "kel-dhcp" and seven
+// hex digits of a hash of the kel's UUID (a link name has at most 15 characters).
+inline constexpr char kDhcpEndpointPrefix[] = "kel-dhcp";
+std::string kel_dhcp_endpoint(const char *keluuid);
+inline bool kel_is_dhcp_endpoint(const char *vnicname)
+{
+	return std::strncmp(vnicname, kDhcpEndpointPrefix, sizeof(kDhcpEndpointPrefix) - 1) == 0;
+}
+// What the responder hands the guest of the port `implinfo` binds (or, for the responder's
+// own link, answers from), as the "field=value" lines the host records with the binding;
+// "" when the kel has no IPv4 network or its operator turned the responder off
+// ("dhcp:server=off").
+std::string kel_lease_text(const kelcntl_KELImplInfo *implinfo, bool endpoint);
 
 // The lower link for the kel `implinfo` describes: the uplink, or the kel's VXLAN link
 // (made unless it exists).

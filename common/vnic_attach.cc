@@ -110,11 +110,13 @@ int prepare_lower(wexo_handle_t handle, const char *vnicname, kelcntl_KELImplInf
 	const char *mac = kel_propattrset_lookup(vport->evpi_props, vport->evpi_props_count, "macaddr");
 	if (mac == nullptr)
 		return nuq_error(NUQ_E_PROTOCOL);	// every port has one
+	// Kept with the record, what the host's address responder hands the VNIC's guest.
+	const std::string lease = kel_lease_text(info, kel_is_dhcp_endpoint(vnicname));
 	wexo_status_t st = WEXO_STATUS_NOTFOUND;
 	for (int i = 0; i < kOwnTries && st == WEXO_STATUS_NOTFOUND; i++) {
 		if (int rc = kel_setup_l2network(handle, lower, info); rc != KEL_SUCCESS)
 			return rc;
-		st = wexo_vnic_own(handle, vnicname, mac, *lower);
+		st = wexo_vnic_own(handle, vnicname, mac, *lower, lease.empty() ? nullptr : lease.c_str());
 	}
 	return st == WEXO_STATUS_OK ? KEL_SUCCESS : kel::compose_error(st, KEL_E_WEXO);
 }

@@ -5,12 +5,21 @@
 #include <cstring>
 #include <string>
 
+#include <fstream>
+
 #include "c_boundary.h"
 #include "error_code.h"
-#include "names.h"
+#include "fabric_links.h"
 #include "libkel_node.h"
+#include "link_filter.h"
+#include "link_internal.h"
+#include "link_lock.h"
+#include "names.h"
+#include "nft.h"
 #include "owners.h"
 #include "text.h"
+#include "vnic.h"
+#include "wexo.h"
 
 namespace {
 
@@ -113,6 +122,7 @@ public:
 		    routed ? router : nullptr);
 		return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
 	}
+	const kelcntl_KELInfo *kel() const { return info_->ekelii_kelinfo; }
 	void keep(kel_vnic_t *out, wexo_handle_t guest)
 	{
 		out->kv_linkid = id_;
@@ -134,6 +144,8 @@ private:
 	datalink_id_t lower_ = DATALINK_INVALID_LINKID, id_ = DATALINK_INVALID_LINKID;
 	bool bound_ = false, made_ = false, done_ = false;
 };
+
+int ensure_responder(const kelcntl_KELInfo *kel);
 
 int vnic_create(const char *tenant, const char *kel, const char *vport, const char *vnic, const char *extra,
     wexo_vnic_kind_t kind, uint32_t flags, kel_vnic_t *out)
@@ -164,10 +176,73 @@ int vnic_create(const char *tenant, const char *kel, const char *vport, const ch
 	if ((flags & KEL_VNIC_ADDRESS) != 0)
 		if (int rc = m.address(guest.get()); rc != KEL_SUCCESS)
 			return rc;
+	// The guest learns its address from this host's responder on the kel, which is there
+	// before the VNIC is handed over.
+	if (!kel_is_dhcp_endpoint(vnic)) {
+		const auto record = wexo::fabric::vnic(vnic);
+		out->kv_stage = KEL_VNIC_STAGE_BIND;
+		if (record && record->lease)
+			if (int rc = ensure_responder(m.kel()); rc != KEL_SUCCESS)
+				return rc;
+	}
 	out->kv_stage = 0;
 	m.keep(out, guest.get());
 	return KEL_SUCCESS;
 }
+
+// The responder's link takes nothing into the host's own network stack: its frames are
+// read by keld's packet sockets, which see them before the seal drops them. Nor does the
+// host speak IPv6 on it.
+int seal_responder(wexo_handle_t host, const std::string &name)
+{
+	std::ofstream("/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6") << "1\n";
+	const wexo_status_t st = wexo::nft::run(wexo_netns_fd(host), wexo::filter::sealed(name));
+	return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
+}
+
+int vnic_remove(const char *vnic, const char *extra);
+
+// This host's address responder on `kel`: its own link over the kel's lower link, bound to
+// a system port of the kel (whose address it answers from), made by the first guest of
+// the kel on the host. One made halfway by a process killed meanwhile is made again.
+int ensure_responder(const kelcntl_KELInfo *kel)
+{
+	const std::string name = kel_dhcp_endpoint(kel->ekeli_uuid);
+	wexo::LinkLock lock(name);
+	if (!lock.held())
+		return wexo_error(WEXO_STATUS_DENIED);
+	Handle host;
+	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)
+		return wexo_error(st);
+	const auto record = wexo::fabric::vnic(name);
+	if (record && record->lease && wexo_name2info(host.get(), name.c_str(), nullptr, nullptr) == WEXO_STATUS_OK)
+		return KEL_SUCCESS;
+	(void)vnic_remove(name.c_str(), nullptr);
+	kel_vnic_t made;
+	int rc = vnic_create(kel->ekeli_tenantname, kel->ekeli_name, nullptr, name.c_str(), nullptr, WEXO_VNIC_MACVLAN, 0, &made);
+	kel_vnic_free(&made);
+	if (rc == KEL_SUCCESS && (rc = seal_responder(host.get(), name)) != KEL_SUCCESS)
+		(void)vnic_remove(name.c_str(), nullptr);
+	return rc;
+}
+
+// Removes this host's responder on kel `keluuid` once no guest of the kel is left here.
+void release_responder(const std::string &keluuid)
+{
+	const std::string name = kel_dhcp_endpoint(keluuid.c_str());
+	wexo::LinkLock lock(name);
+	for (const wexo::fabric::Vnic &v : wexo::fabric::vnics())
+		if (v.lease && v.lease->kel == keluuid && !v.lease->endpoint)
+			return;
+	if (!wexo::fabric::vnic(name))
+		return;
+	Handle host;
+	if (host.open("") == WEXO_STATUS_OK)
+		(void)wexo::nft::run(wexo_netns_fd(host.get()), wexo::filter::removal(wexo::filter::sealed_table(name)));
+	(void)vnic_remove(name.c_str(), nullptr);
+}
+
+int remove_one(const char *vnic, const char *extra);
 
 // The VNIC's counters as its host's keld reads them, wherever its namespace is, for its
 // port to keep; none when they cannot be read (the VNIC still goes, its traffic uncounted).
@@ -184,6 +259,17 @@ bool last_counters(const char *vnic, kel_vport_counters_t *last)
 }
 
 int vnic_remove(const char *vnic, const char *extra)
+{
+	// The kel's responder goes with its last guest on the host.
+	const auto record = wexo::fabric::vnic(vnic);
+	const std::string served = record && record->lease && !record->lease->endpoint ? record->lease->kel : "";
+	const int rc = remove_one(vnic, extra);
+	if (!served.empty())
+		release_responder(served);
+	return rc;
+}
+
+int remove_one(const char *vnic, const char *extra)
 {
 	Handle host;
 	if (wexo_status_t st = host.open(""); st != WEXO_STATUS_OK)

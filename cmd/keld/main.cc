@@ -20,6 +20,7 @@
 #include <thread>
 
 #include "daemon_module.h"
+#include "dhcp_responder.h"
 #include "harl_module.h"
 #include "kelcntl_module.h"
 #include "log.h"
@@ -157,6 +158,8 @@ int serve()
 	say(nuq::log::kNotice, "keld " KELD_VERSION " started as pid " + std::to_string(getpid()) +
 	        ", serving " + socket_path());
 	keld::notify(("READY=1\nMAINPID=" + std::to_string(getpid())).c_str());
+	keld::DhcpResponder responder;
+	responder.start();
 	std::thread waiter([&] {
 		for (;;) {
 			int sig = 0;
@@ -183,6 +186,7 @@ int serve()
 	});
 	server.run();
 	waiter.join();
+	responder.stop();
 	std::error_code ec;
 	std::filesystem::remove(socket_path(), ec);
 	say(nuq::log::kNotice, "stopped");

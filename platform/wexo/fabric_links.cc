@@ -1,8 +1,10 @@
 #include "fabric_links.h"
 
+#include <arpa/inet.h>
 #include <net/if.h>
 #include <sys/stat.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -70,10 +72,85 @@ std::optional<Vnic> read_vnic(const std::string &name)
 		v.recorded = st.st_mtime;
 	if (!filter::parse_mac(field(text, "mac"), &v.mac) || !valid_name(v.lower) || v.lower.find('/') != std::string::npos)
 		return std::nullopt;
+	v.lease = parse_lease(text);
 	return v;
 }
 
+std::string ip_text(const struct in_addr &a)
+{
+	char buf[INET_ADDRSTRLEN];
+	return inet_ntop(AF_INET, &a, buf, sizeof(buf)) != nullptr ? buf : "";
+}
+
+bool parse_ip(const std::string &text, struct in_addr *out)
+{
+	return text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), out) == 1;
+}
+
+// A UUID's text: 36 characters of hex digits and dashes.
+bool valid_uuid(const std::string &text)
+{
+	if (text.size() != 36)
+		return false;
+	for (size_t i = 0; i < text.size(); i++)
+		if ((i == 8 || i == 13 || i == 18 || i == 23) ? text[i] != '-' : !std::isxdigit(static_cast<unsigned char>(text[i])))
+			return false;
+	return true;
+}
+
 }  // namespace
+
+std::string lease_text(const Lease &l)
+{
+	std::string text = "kel=" + l.kel + "\naddr=" + ip_text(l.addr) + "/" + std::to_string(l.plen) + "\n";
+	if (l.router)
+		text += "router=" + ip_text(*l.router) + "\n";
+	if (!l.dns.empty()) {
+		text += "dns=";
+		for (size_t i = 0; i < l.dns.size(); i++)
+			text += (i > 0 ? " " : "") + ip_text(l.dns[i]);
+		text += "\n";
+	}
+	if (l.endpoint)
+		text += "role=endpoint\n";
+	return text;
+}
+
+std::optional<Lease> parse_lease(const std::string &text)
+{
+	Lease l;
+	l.kel = field(text, "kel");
+	const std::string addr = field(text, "addr");
+	const size_t slash = addr.find('/');
+	if (!valid_uuid(l.kel) || slash == std::string::npos || !parse_ip(addr.substr(0, slash), &l.addr))
+		return std::nullopt;
+	const std::string plen = addr.substr(slash + 1);
+	if (plen.empty() || plen.size() > 2 || plen.find_first_not_of("0123456789") != std::string::npos ||
+	    (l.plen = std::stoi(plen)) > 32)
+		return std::nullopt;
+	if (const std::string router = field(text, "router"); !router.empty()) {
+		struct in_addr r;
+		if (!parse_ip(router, &r))
+			return std::nullopt;
+		l.router = r;
+	}
+	const std::string dns = field(text, "dns");
+	for (size_t start = 0; start < dns.size();) {
+		size_t end = dns.find(' ', start);
+		if (end == std::string::npos)
+			end = dns.size();
+		struct in_addr a;
+		if (!parse_ip(dns.substr(start, end - start), &a) || l.dns.size() >= 8)
+			return std::nullopt;
+		l.dns.push_back(a);
+		start = end + 1;
+	}
+	const std::string role = field(text, "role");
+	if (!role.empty() && role != "endpoint")
+		return std::nullopt;
+	l.endpoint = role == "endpoint";
+	return l;
+}
 
 std::optional<Vnic> vnic(const std::string &name)
 {
@@ -102,7 +179,8 @@ bool record_vnic(const Vnic &v)
 		errno = EINVAL;
 		return false;
 	}
-	return write_record(vnics_dir() + "/" + v.name, "mac=" + filter::mac_text(v.mac) + "\nlower=" + v.lower + "\n");
+	return write_record(vnics_dir() + "/" + v.name, "mac=" + filter::mac_text(v.mac) + "\nlower=" + v.lower + "\n" +
+	    (v.lease ? lease_text(*v.lease) : ""));
 }
 
 void forget_vnic(const std::string &name)

@@ -7,6 +7,8 @@
 // addresses of the VNICs recorded over it.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <ctime>
 #include <optional>
 #include <string>
@@ -16,12 +18,30 @@
 
 namespace wexo::fabric {
 
+// What this host's address responder hands the VNIC's guest (a guest VNIC), or answers
+// from (the responder's own endpoint on the kel): kept with the binding, so that it keeps
+// answering while the controller is away.
+struct Lease {
+	std::string kel;		// the kel's UUID text
+	struct in_addr addr {};		// the port's address
+	int plen = 0;			// the ipnet's prefix length
+	std::optional<struct in_addr> router;
+	std::vector<struct in_addr> dns;
+	bool endpoint = false;		// the responder's own link, not a guest's
+};
+
 struct Vnic {
 	std::string name;	// "LINK", or "NAMESPACE/LINK" for one in a named namespace
 	filter::Mac mac{};	// its port's address
 	std::string lower;	// the link it is made over, in the host's namespace
 	time_t recorded = 0;	// when its port was bound here
+	std::optional<Lease> lease;
 };
+
+// A lease as the "field=value" lines of a record, and back (nullopt for lines that do not
+// make one: each value is parsed, never taken as it stands).
+std::string lease_text(const Lease &l);
+std::optional<Lease> parse_lease(const std::string &text);
 
 // The record of VNIC `name`, if there is one.
 std::optional<Vnic> vnic(const std::string &name);

@@ -112,7 +112,8 @@ wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower)
 
 extern "C" {
 
-wexo_status_t wexo_vnic_own(wexo_handle_t h, const char *name, const char *mac, datalink_id_t lower) noexcept
+wexo_status_t wexo_vnic_own(wexo_handle_t h, const char *name, const char *mac, datalink_id_t lower,
+    const char *lease) noexcept
 {
 	return kel::wexo_boundary([&]() -> wexo_status_t {
 		char link[IFNAMSIZ], ns[256], lower_name[IFNAMSIZ];
@@ -120,6 +121,8 @@ wexo_status_t wexo_vnic_own(wexo_handle_t h, const char *name, const char *mac, 
 		if (h == nullptr || name == nullptr || mac == nullptr || !dlparse_zonelinkname(name, link, sizeof(link), ns, sizeof(ns)) ||
 		    !wexo::filter::parse_mac(mac, &v.mac))
 			return WEXO_STATUS_BADARG;
+		if (lease != nullptr && !(v.lease = wexo::fabric::parse_lease(lease)))
+			return WEXO_STATUS_BADVAL;
 		wexo_status_t st = wexo_datalink_id2info(h, lower, nullptr, nullptr, nullptr, lower_name, sizeof(lower_name));
 		if (st != WEXO_STATUS_OK)
 			return st;

@@ -105,6 +105,11 @@ std::string table_unused(wexo_handle_t host, const std::string &name, const std:
 			return "the guard of " + link + ", which is gone";
 		return guards.count(link) != 0 ? "" : "the guard of " + link + ", with no VNIC recorded over it";
 	}
+	if (const std::string sealed_prefix = filter::sealed_table(""); name.rfind(sealed_prefix, 0) == 0) {
+		const std::string link = name.substr(sealed_prefix.size());
+		return wexo_name2info(host, link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK
+		    ? "" : "the seal of the address responder's link " + link + ", which is gone";
+	}
 	if (name.rfind(link_prefix, 0) != 0)
 		return "";
 	const std::string vnic = name.substr(link_prefix.size());

@@ -524,4 +524,19 @@ Json lower_guard(const std::string &device, const std::vector<Mac> &macs)
 	return b.done();
 }
 
+std::string sealed_table(const std::string &link)
+{
+	return "kel-sealed_" + link;
+}
+
+Json sealed(const std::string &device)
+{
+	Batch b(sealed_table(device));
+	b.replace_table();
+	b.table();
+	b.base_chain("ingress", "ingress", device);
+	b.drop("ingress", {}, "sealed");
+	return b.done();
+}
+
 }  // namespace wexo::filter

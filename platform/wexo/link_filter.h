@@ -89,5 +89,10 @@ std::vector<std::string> in_force(const Json &listing, const Placement &at);
 Json lower_guard(const std::string &device, const std::vector<Mac> &macs);
 // One batch that removes table `name` if it is there.
 Json removal(const std::string &name);
+// The table that keeps the host's own network stack from taking anything in through
+// `device` (the address responder's link, whose frames its packet sockets read before
+// this hook), and its name.
+std::string sealed_table(const std::string &link);
+Json sealed(const std::string &device);
 
 }  // namespace wexo::filter

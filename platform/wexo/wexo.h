@@ -82,8 +82,12 @@ wexo_status_t wexo_vlan_delete(wexo_handle_t handle, datalink_id_t linkid, uint3
 // or "NAMESPACE/LINK") it binds, to be made over link `lower` of the handle's namespace
 // (the host's) with its port's MAC address `mac`: from then on `lower` counts as in use,
 // lets `mac` out (its guard drops every other source address), and keld acts on the
-// VNIC. WEXO_STATUS_NOTFOUND when `lower` went meanwhile (a removal took it first).
-wexo_status_t wexo_vnic_own(wexo_handle_t handle, const char *name, const char *mac, datalink_id_t lower) KEL_NOEXCEPT;
+// VNIC. `lease` (may be NULL) is what the host's address responder hands the VNIC's guest,
+// as "field=value" lines (kel=UUID, addr=IP/PLEN, router=IP, dns=IP IP..., and
+// role=endpoint for the responder's own link); WEXO_STATUS_BADVAL when it does not parse.
+// WEXO_STATUS_NOTFOUND when `lower` went meanwhile (a removal took it first).
+wexo_status_t wexo_vnic_own(wexo_handle_t handle, const char *name, const char *mac, datalink_id_t lower,
+    const char *lease) KEL_NOEXCEPT;
 // Forgets the VNIC `name` again; nothing recorded is no error.
 wexo_status_t wexo_vnic_disown(wexo_handle_t handle, const char *name) KEL_NOEXCEPT;
 // WEXO_STATUS_OK when link `id` of the handle's namespace, which keld's callers name

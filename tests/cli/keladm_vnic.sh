@@ -97,10 +97,11 @@ status "it goes" 0 delete-vnic vt0
 check "with its guard" bash -c "! ip netns exec '$host' nft list table netdev kel_vt0 2>/dev/null"
 check "the controller shows the binding" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status,vnic web/vm1)\" = 'bound:$g1/eth0' ]"
-expect "show-vnic lists this host's VNICs with their ports, lower link and MTU" \
+check "show-vnic lists this host's VNICs with their ports, lower link and MTU, and the kel's responder link" \
+	test "$("$keladm" show-vnic -p -o vnic,kel,vport,ipaddr,lower,mtu | sed 's/^kel-dhcp[0-9a-f]*:web:sys-vport[0-9]*:[^:]*:/responder:/' | sort)" = \
 	"$g1/eth0:web:vm1:10.85.0.11/24:kel-vxlan5100:1450
-$g2/eth0:web:vm2:10.85.0.12/24:kel-vxlan5100:1450" \
-	show-vnic -p -o vnic,kel,vport,ipaddr,lower,mtu
+$g2/eth0:web:vm2:10.85.0.12/24:kel-vxlan5100:1450
+responder:kel-vxlan5100:1450"
 check "with the kernel's counters, through keld" bash -c \
 	"[ \"\$(ip netns exec '$host' '$keladm_bin' show-vnic -p -o opackets '$g1/eth0')\" -ge 1 ]"
 expect "one that is not bound here is named" \
@@ -109,7 +110,7 @@ status "a live change reaches the VNIC inside its namespace" 0 set-vportprop -p 
 check "as a qdisc on the guest's link" bash -c "tc -n '$g1' qdisc show dev eth0 | grep -q 'tbf.*rate 10Mbit'"
 
 # Failures undo what they did.
-before=$("$keladm" show-vport -p -o name,status,vnic web)
+before=$("$keladm" show-vport -p -o name,status,vnic web | grep -v '^sys-vport')
 expect "a port in use is refused" \
 	"keladm: cannot bind a port of kel 'web' to VNIC '$g1/eth1': vport in use" \
 	create-vnic web/vm1 "$g1/eth1"

@@ -9,6 +9,10 @@
 //   op=request|reply, sha, spa, tha, tpa   ARP's fields (sha: src; tha: 0; op: request)
 //   target, lladdr   the ND target, and a source (ns) or target (na) link-layer option
 //   nonce=yes        a DAD nonce option on ns; count=N  N copies (1)
+//   KIND dhcp: a DHCP DISCOVER (type=request: a REQUEST, with requested=IP) from
+//   0.0.0.0:68 to 255.255.255.255:67 for chaddr (the link's own address)
+//   listen=SECONDS   then wait that long for a DHCP answer to this link: print
+//                    "answered TYPE ADDRESS" (exit 0) or "unanswered" (exit 1)
 // Exit 0 when every frame was sent.
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
@@ -16,6 +20,7 @@
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -147,6 +152,31 @@ int main(int argc, char **argv)
 		udp.insert(udp.end(), {'k', 'e', 'l', '!'});
 		payload = ipv4(ip(AF_INET, get("sip", "0.0.0.0")), ip(AF_INET, get("dip", "255.255.255.255")), 17, udp);
 		type = 0x0800;
+	} else if (kind == "dhcp") {
+		Bytes bootp(240, 0);
+		bootp[0] = 1;
+		bootp[1] = 1;
+		bootp[2] = 6;
+		bootp[4] = 0x6b;	// xid
+		bootp[10] = 0x80;	// broadcast flag
+		const Bytes ch = mac(get("chaddr", own_text));
+		std::copy(ch.begin(), ch.end(), bootp.begin() + 28);
+		bootp.insert(bootp.begin() + 236, {99, 130, 83, 99});
+		bootp.resize(240);
+		bootp.insert(bootp.end(), {53, 1, static_cast<uint8_t>(get("type", "discover") == "request" ? 3 : 1)});
+		if (a.count("requested")) {
+			bootp.insert(bootp.end(), {50, 4});
+			append(bootp, ip(AF_INET, a["requested"]));
+		}
+		bootp.push_back(255);
+		Bytes udp;
+		put16(udp, 68);
+		put16(udp, 67);
+		put16(udp, 8 + bootp.size());
+		put16(udp, 0);
+		append(udp, bootp);
+		payload = ipv4(ip(AF_INET, "0.0.0.0"), ip(AF_INET, "255.255.255.255"), 17, udp);
+		type = 0x0800;
 	} else if (kind == "arp") {
 		payload = {0, 1, 8, 0, 6, 4, 0, static_cast<uint8_t>(get("op", "request") == "reply" ? 2 : 1)};
 		append(payload, mac(get("sha", get("src", own_text))));
@@ -206,6 +236,18 @@ int main(int argc, char **argv)
 	struct sockaddr_ll to {};
 	to.sll_family = AF_PACKET;
 	to.sll_ifindex = static_cast<int>(if_nametoindex(ifname.c_str()));
+	// Listening from before the frame goes, so that no answer is missed.
+	const int listen_s = std::atoi(get("listen", "0").c_str());
+	int in = -1;
+	if (listen_s > 0) {
+		in = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP));	// from the IPv4 header on
+		struct sockaddr_ll at = to;
+		at.sll_protocol = htons(ETH_P_IP);
+		struct timeval tv = {listen_s, 0};
+		if (in == -1 || bind(in, reinterpret_cast<struct sockaddr *>(&at), sizeof(at)) != 0 ||
+		    setsockopt(in, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv)) != 0)
+			die("cannot listen on " + ifname);
+	}
 	to.sll_halen = ETH_ALEN;
 	std::memcpy(to.sll_addr, frame.data(), ETH_ALEN);
 	const int count = std::atoi(get("count", "1").c_str());
@@ -216,5 +258,32 @@ int main(int argc, char **argv)
 		usleep(20000);
 	}
 	close(fd);
-	return 0;
+	if (in == -1)
+		return 0;
+	// The first IPv4 UDP datagram from port 67 to port 68 that comes in.
+	uint8_t got[2048];
+	for (;;) {
+		struct sockaddr_ll from {};
+		socklen_t len = sizeof(from);
+		const ssize_t n = recvfrom(in, got, sizeof(got), 0, reinterpret_cast<struct sockaddr *>(&from), &len);
+		if (n < 0) {
+			std::printf("unanswered\n");
+			return 1;
+		}
+		if (from.sll_pkttype == PACKET_OUTGOING || n < 20 + 8 + 240 || got[9] != 17)
+			continue;
+		const size_t ihl = (got[0] & 0x0f) * 4;
+		if (static_cast<size_t>(n) < ihl + 8 + 240 || (got[ihl] << 8 | got[ihl + 1]) != 67 ||
+		    (got[ihl + 2] << 8 | got[ihl + 3]) != 68)
+			continue;
+		const uint8_t *b = got + ihl + 8;
+		unsigned msg = 0;
+		for (size_t i = 240; i + 2 < static_cast<size_t>(n) - ihl - 8 && b[i] != 255; i += b[i] == 0 ? 1 : 2 + b[i + 1])
+			if (b[i] == 53)
+				msg = b[i + 2];
+		char yiaddr[INET_ADDRSTRLEN];
+		inet_ntop(AF_INET, b + 16, yiaddr, sizeof(yiaddr));
+		std::printf("answered %s %s\n", msg == 2 ? "offer" : msg == 5 ? "ack" : msg == 6 ? "nak" : "other", yiaddr);
+		return 0;
+	}
 }

@@ -101,7 +101,7 @@ inline bool fabric_vnic(const NetNs &ns, const std::string &name, const std::str
 		wexo_handle_t h = nullptr;
 		datalink_id_t id = 0;
 		const bool ok = wexo_open(&h) == WEXO_STATUS_OK && wexo_name2info(h, lower.c_str(), &id, nullptr) == WEXO_STATUS_OK &&
-		    wexo_vnic_own(h, name.c_str(), mac.c_str(), id) == WEXO_STATUS_OK;
+		    wexo_vnic_own(h, name.c_str(), mac.c_str(), id, nullptr) == WEXO_STATUS_OK;
 		wexo_close(h);
 		return ok ? 0 : 1;
 	}) == 0;

@@ -1,0 +1,291 @@
+#include "dhcp_responder.h"
+
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "dhcp4.h"
+#include "fabric_links.h"
+#include "log.h"
+
+namespace keld {
+namespace {
+
+using kel::dhcp4::Mac;
+using Clock = std::chrono::steady_clock;
+
+// How long a lease runs: renewed at half of it, so a guest that moved to another host
+// asks that host's responder again within this.
+constexpr uint32_t kLeaseSeconds = 3600;
+// Answers per responder link and second, beyond which a guest flooding requests is
+// ignored: the responder shares keld with everything else.
+constexpr int kAnswersPerSecond = 100;
+
+// Only ARP, and IPv4 UDP to port 67 that is not a fragment, reach the socket.
+const struct sock_filter kFilter[] = {
+    BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 12),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_ARP, 8, 0),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IP, 0, 8),
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 23),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 6),
+    BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 20),
+    BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, 0x1fff, 4, 0),
+    BPF_STMT(BPF_LDX | BPF_B | BPF_MSH, 14),
+    BPF_STMT(BPF_LD | BPF_H | BPF_IND, 16),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 67, 0, 1),
+    BPF_STMT(BPF_RET | BPF_K, 0xffff),
+    BPF_STMT(BPF_RET | BPF_K, 0),
+};
+
+// One responder link: its socket, and what it answers from.
+struct Endpoint {
+	std::string kel;
+	int ifindex = 0;
+	int fd = -1;
+	Mac mac{};
+	struct in_addr addr {};
+	uint16_t mtu = 0;
+	Clock::time_point second{};
+	int answered = 0;
+
+	~Endpoint()
+	{
+		if (fd != -1)
+			close(fd);
+	}
+};
+
+// A packet socket on `ifindex` that reads only what kFilter lets through and writes
+// around the link's own queueing and filters (the link's protection is a guest's, and the
+// responder's answers are no guest's).
+int open_socket(int ifindex)
+{
+	const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+	if (fd == -1)
+		return -1;
+	struct sock_fprog prog = {static_cast<unsigned short>(sizeof(kFilter) / sizeof(kFilter[0])),
+	    const_cast<struct sock_filter *>(kFilter)};
+	const int one = 1;
+	struct sockaddr_ll at {};
+	at.sll_family = AF_PACKET;
+	at.sll_protocol = htons(ETH_P_ALL);
+	at.sll_ifindex = ifindex;
+	// Filtered before bound, so that nothing of another link is ever queued.
+	if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof(prog)) != 0 ||
+	    setsockopt(fd, SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof(one)) != 0 ||
+	    bind(fd, reinterpret_cast<struct sockaddr *>(&at), sizeof(at)) != 0) {
+		close(fd);
+		return -1;
+	}
+	return fd;
+}
+
+uint16_t link_mtu(int fd, const std::string &name)
+{
+	struct ifreq ifr {};
+	std::snprintf(ifr.ifr_name, sizeof(ifr.ifr_name), "%s", name.c_str());
+	return ioctl(fd, SIOCGIFMTU, &ifr) == 0 && ifr.ifr_mtu > 0 && ifr.ifr_mtu <= 65535
+	    ? static_cast<uint16_t>(ifr.ifr_mtu) : 0;
+}
+
+class Responder {
+public:
+	// The responder links and guests recorded now: links opened and closed to match.
+	void rescan()
+	{
+		std::map<std::string, std::map<Mac, wexo::fabric::Lease>> guests;
+		std::map<std::string, wexo::fabric::Vnic> links;
+		for (wexo::fabric::Vnic &v : wexo::fabric::vnics()) {
+			if (!v.lease)
+				continue;
+			if (!v.lease->endpoint)
+				guests[v.lease->kel][v.mac] = *v.lease;
+			else if (v.name.find('/') == std::string::npos)
+				links.emplace(v.name, v);
+		}
+		guests_ = std::move(guests);
+		for (auto it = endpoints_.begin(); it != endpoints_.end();) {
+			const auto link = links.find(it->first);
+			const int ifindex = static_cast<int>(if_nametoindex(it->first.c_str()));
+			if (link == links.end() || ifindex != it->second->ifindex)
+				it = endpoints_.erase(it);	// gone, or made again since
+			else
+				++it;
+		}
+		for (const auto &[name, v] : links) {
+			if (endpoints_.count(name) != 0)
+				continue;
+			auto e = std::make_unique<Endpoint>();
+			e->kel = v.lease->kel;
+			e->mac = v.mac;
+			e->addr = v.lease->addr;
+			e->ifindex = static_cast<int>(if_nametoindex(name.c_str()));
+			if (e->ifindex == 0 || (e->fd = open_socket(e->ifindex)) == -1)
+				continue;	// not made yet, or made by a process still at work: next time
+			e->mtu = link_mtu(e->fd, name);
+			endpoints_.emplace(name, std::move(e));
+		}
+	}
+
+	std::vector<struct pollfd> fds() const
+	{
+		std::vector<struct pollfd> out;
+		for (const auto &[name, e] : endpoints_)
+			out.push_back({e->fd, POLLIN, 0});
+		return out;
+	}
+
+	// Reads what is waiting on the socket `fd` (a bounded number of frames) and answers.
+	void serve(int fd)
+	{
+		Endpoint *e = nullptr;
+		for (auto &[name, ep] : endpoints_)
+			if (ep->fd == fd)
+				e = ep.get();
+		if (e == nullptr)
+			return;
+		uint8_t frame[2048];
+		for (int i = 0; i < 64; i++) {
+			struct sockaddr_ll from {};
+			socklen_t fromlen = sizeof(from);
+			const ssize_t n = recvfrom(fd, frame, sizeof(frame), 0, reinterpret_cast<struct sockaddr *>(&from), &fromlen);
+			if (n <= 0)
+				return;
+			if (from.sll_pkttype == PACKET_OUTGOING)
+				continue;	// its own answers
+			answer(e, frame, static_cast<size_t>(n));
+		}
+	}
+
+private:
+	const wexo::fabric::Lease *guest(const Endpoint &e, const Mac &mac) const
+	{
+		const auto kel = guests_.find(e.kel);
+		if (kel == guests_.end())
+			return nullptr;
+		const auto it = kel->second.find(mac);
+		return it == kel->second.end() ? nullptr : &it->second;
+	}
+
+	bool within_rate(Endpoint *e)
+	{
+		const Clock::time_point now = Clock::now();
+		if (now - e->second >= std::chrono::seconds(1)) {
+			e->second = now;
+			e->answered = 0;
+		}
+		if (e->answered >= kAnswersPerSecond) {
+			nuq::log::write_limited(limiter_, nuq::log::kWarning, "address responder: more requests than it answers, some ignored");
+			return false;
+		}
+		e->answered++;
+		return true;
+	}
+
+	void send(const Endpoint &e, const std::vector<uint8_t> &frame)
+	{
+		(void)::send(e.fd, frame.data(), frame.size(), MSG_DONTWAIT);
+	}
+
+	void answer(Endpoint *e, const uint8_t *frame, size_t len)
+	{
+		using namespace kel::dhcp4;
+		if (const auto arp = parse_arp_request(frame, len)) {
+			// Only the kel's guests on this host learn where the responder is: a guest of
+			// another host asks its own.
+			if (arp->tpa.s_addr == e->addr.s_addr && guest(*e, arp->sha) != nullptr && within_rate(e))
+				send(*e, arp_reply(*arp, e->mac, e->addr));
+			return;
+		}
+		const auto req = parse_request(frame, len);
+		if (!req || req->source != req->chaddr)
+			return;
+		const wexo::fabric::Lease *lease = guest(*e, req->chaddr);
+		if (lease == nullptr)
+			return;
+		// A request that names another server's offer is that server's to answer.
+		if (req->server && req->server->s_addr != e->addr.s_addr)
+			return;
+		Answer a;
+		a.yiaddr = lease->addr;
+		a.plen = lease->plen;
+		a.router = lease->router;
+		a.dns = lease->dns;
+		a.mtu = e->mtu;
+		switch (req->type) {
+		case kDiscover:
+			a.type = kOffer;
+			a.lease = kLeaseSeconds;
+			break;
+		case kRequest: {
+			const struct in_addr asked = req->requested ? *req->requested : req->ciaddr;
+			a.type = asked.s_addr == lease->addr.s_addr ? kAck : kNak;
+			a.lease = a.type == kAck ? kLeaseSeconds : 0;
+			break;
+		}
+		case kInform:
+			a.type = kAck;
+			a.yiaddr.s_addr = INADDR_ANY;
+			break;
+		default:
+			return;	// a release or decline changes nothing: the address is the port's
+		}
+		if (within_rate(e))
+			send(*e, answer_frame(*req, a, e->mac, e->addr));
+	}
+
+	std::map<std::string, std::unique_ptr<Endpoint>> endpoints_;
+	std::map<std::string, std::map<Mac, wexo::fabric::Lease>> guests_;
+	nuq::log::Limiter limiter_{1, std::chrono::seconds(60)};
+};
+
+}  // namespace
+
+void DhcpResponder::start()
+{
+	thread_ = std::thread([this] { run(); });
+}
+
+void DhcpResponder::stop()
+{
+	stopping_ = true;
+	if (thread_.joinable())
+		thread_.join();
+}
+
+void DhcpResponder::run()
+{
+	Responder r;
+	Clock::time_point scanned{};
+	while (!stopping_) {
+		// Bindings come and go with VNICs made by other processes: looked at again each
+		// second, which is also how soon a new guest is answered at the latest.
+		if (Clock::now() - scanned >= std::chrono::milliseconds(500)) {
+			r.rescan();
+			scanned = Clock::now();
+		}
+		std::vector<struct pollfd> fds = r.fds();
+		if (fds.empty()) {
+			usleep(200000);
+			continue;
+		}
+		if (poll(fds.data(), fds.size(), 200) <= 0)
+			continue;
+		for (const struct pollfd &p : fds)
+			if ((p.revents & POLLIN) != 0)
+				r.serve(p.fd);
+	}
+}
+
+}  // namespace keld
