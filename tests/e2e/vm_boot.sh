@@ -44,8 +44,7 @@ work=$(mktemp -d /tmp/kel-vmboot-XXXXXX)
 
 t0=$SECONDS
 vm_image "$image_dir" || skip "no guest image: $vm_skip"
-read -r kernel_pkg _ <"$image_dir/ready"
-echo "guest image ready in $((SECONDS - t0))s ($kernel_pkg), accel $vm_accel"
+echo "guest image ready in $((SECONDS - t0))s ($vm_kernel_pkg), accel $vm_accel"
 
 ip netns add "$B" 2>/dev/null || skip "network namespaces cannot be made here"
 ip netns add "$A"

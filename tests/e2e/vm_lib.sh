@@ -3,8 +3,9 @@
 # then:
 #   vm_require            checks what it needs (a reason in $vm_skip)
 #   vm_image DIR          the guest's kernel and initramfs, made once into DIR from Debian's
-#                         packages and reused after that; sets $vm_kernel, $vm_initrd and
-#                         $vm_busybox (a static busybox the host may run as a test peer)
+#                         packages (kept there too) and reused after that; sets $vm_kernel,
+#                         $vm_initrd, $vm_kernel_pkg and $vm_busybox (a static busybox the
+#                         host may run as a test peer)
 #   vm_start NAME NETNS LINK MAC [KARG...]
 #                         boots VM NAME in namespace NETNS on macvtap LINK (given MAC);
 #                         KARGs go on the guest's kernel command line:
@@ -31,6 +32,7 @@ vm_root=
 vm_kernel=
 vm_initrd=
 vm_busybox=
+vm_kernel_pkg=
 vm_accel=
 vm_migrate_ms=
 vm_downtime_ms=
@@ -40,7 +42,7 @@ vm_seq=0
 vm_require() {
 	[ "$(id -u)" = 0 ] || { vm_skip="needs root"; return 1; }
 	local tool kvm
-	for tool in qemu-system-x86_64 ip ss cpio gzip dpkg apt-get apt-cache ldd base64 flock mkfifo mknod; do
+	for tool in qemu-system-x86_64 ip ss cpio gzip dpkg dpkg-deb apt-get apt-cache ldd base64 flock mkfifo mknod; do
 		command -v "$tool" >/dev/null || { vm_skip="$tool is not installed"; return 1; }
 	done
 	if [ -c /dev/kvm ] && { exec {kvm}<>/dev/kvm; } 2>/dev/null; then
@@ -156,17 +158,28 @@ vm_copy_program() {
 	done
 }
 
+# What makes the image out of the packages: when it changes, the image is made anew
+# from the packages kept in the image directory.
+vm_recipe() {
+	{ vm_init_script; vm_udhcpc_script; declare -f vm_assemble vm_module_order vm_copy_program; } |
+		sha256sum | cut -c1-16
+}
+
 vm_image() {
-	local dir=$1 lock rc=0
-	mkdir -p "$dir"
-	dir=$(readlink -f "$dir")
-	if [ ! -f "$dir/ready" ]; then
+	local dir=$1 lock rc=0 recipe stamp=
+	mkdir -p "$dir" && dir=$(readlink -f "$dir") || return 1
+	recipe=$(vm_recipe)
+	[ -f "$dir/ready" ] && read -r stamp _ <"$dir/ready"
+	if [ "$stamp" != "$recipe" ]; then
+		# Two scenarios that start together make it once.
 		exec {lock}>"$dir/lock"
 		flock "$lock"
-		[ -f "$dir/ready" ] || vm_build_image "$dir" || rc=$?
+		[ -f "$dir/ready" ] && read -r stamp _ <"$dir/ready"
+		[ "$stamp" = "$recipe" ] || vm_build_image "$dir" "$recipe" || rc=$?
 		exec {lock}>&-
 		[ "$rc" = 0 ] || return "$rc"
 	fi
+	read -r _ vm_kernel_pkg _ <"$dir/ready"
 	vm_kernel=$dir/vmlinuz
 	vm_initrd=$dir/initrd.gz
 	vm_busybox=$dir/busybox
@@ -182,29 +195,35 @@ vm_download() {
 	(cd "$debs" && apt-get download -q -o APT::Sandbox::User=root "$kpkg" busybox-static)
 }
 
-# Callers test vm_image's status, which turns errexit off in here: every step is checked
-# by hand, and a failed build leaves no image that looks ready.
+# DIR RECIPE. Callers test vm_image's status, which turns errexit off in here: every step
+# is checked by hand, and a failed build leaves no image that looks ready.
 vm_build_image() {
-	local dir=$1 work kpkg debs kver mod root moddir
+	local dir=$1 recipe=$2 work kpkg= debs root
 	# What a build that was killed left behind.
-	rm -rf "$dir"/build-*
+	rm -rf "$dir"/build-* "$dir/ready"
 	work=$(mktemp -d "$dir/build-XXXXXX") || return 1
-	debs=$work/debs root=$work/root
-	mkdir -p "$debs" "$root" || return 1
-	# Package lists that are missing or older than the archive name nothing to download.
-	if ! vm_download "$debs" >"$work/download.log" 2>&1; then
-		apt-get update -qq >>"$work/download.log" 2>&1 || true
-		rm -f "$debs"/*
-		if ! vm_download "$debs" >>"$work/download.log" 2>&1; then
-			vm_skip="cannot download the kernel (${kpkg:-linux-image-amd64 names none}) and busybox-static: $(grep -E '^(E|W):' "$work/download.log" | tail -1)"
-			rm -rf "$work"
-			return 1
+	debs=$dir/debs root=$work/root
+	mkdir -p "$root" || return 1
+	if ls "$debs"/linux-image-*.deb "$debs"/busybox-static_*.deb >/dev/null 2>&1; then
+		kpkg=$(dpkg-deb -f "$(ls "$debs"/linux-image-*.deb | head -1)" Package)
+	else
+		rm -rf "$debs"
+		mkdir -p "$work/debs" || return 1
+		# Package lists that are missing or older than the archive name nothing to download.
+		if ! vm_download "$work/debs" >"$work/download.log" 2>&1; then
+			apt-get update -qq >>"$work/download.log" 2>&1 || true
+			rm -f "$work/debs"/*
+			if ! vm_download "$work/debs" >>"$work/download.log" 2>&1; then
+				vm_skip="cannot download the kernel (${kpkg:-linux-image-amd64 names none}) and busybox-static: $(grep -E '^(E|W):' "$work/download.log" | tail -1)"
+				rm -rf "$work"
+				return 1
+			fi
 		fi
+		mv "$work/debs" "$debs" || return 1
 	fi
 	if vm_assemble "$work" "$debs" "$root"; then
-		echo "$kpkg" $(ls "$debs") >"$dir/ready.new" &&
-			mv "$work/vmlinuz" "$work/initrd.gz" "$work/busybox" "$dir/" &&
-			mv "$dir/ready.new" "$dir/ready" && rm -rf "$work" && return 0
+		mv "$work/vmlinuz" "$work/initrd.gz" "$work/busybox" "$dir/" &&
+			echo "$recipe $kpkg" >"$dir/ready" && rm -rf "$work" && return 0
 	fi
 	vm_skip="the guest image could not be made: ${vm_skip:-see above}"
 	rm -rf "$work"
