@@ -84,13 +84,14 @@ ip netns exec "$B" "$vm_busybox" udhcpd -f "$work/udhcpd.conf" >"$work/udhcpd.lo
 t0=$SECONDS
 vm_start vm "$A" mvt0 "$mac" vm.ip=dhcp
 vm_wait_boot vm 120
+booted=$((SECONDS - t0))
 addr=
 for _ in $(seq 40); do
 	addr=$(vm_run vm "ip -o -4 addr show dev eth0" | awk '{ print $4 }') || true
 	[ -n "$addr" ] && break
 	sleep 0.5
 done
-echo "guest booted with address ${addr:-none} in $((SECONDS - t0))s"
+echo "guest booted in ${booted}s, with address ${addr:-none} in $((SECONDS - t0))s"
 [ -n "$addr" ] || { vm_run vm "cat /run/lease; ip -o link" || true; }
 # udhcpd writes its leases down when told to.
 kill -USR1 "$(cat "$work/udhcpd.pid")"

@@ -7,25 +7,31 @@
 #                         $vm_initrd, $vm_kernel_pkg and $vm_busybox (a static busybox the
 #                         host may run as a test peer)
 #   vm_start NAME NETNS LINK MAC [KARG...]
-#                         boots VM NAME in namespace NETNS on macvtap LINK (given MAC);
-#                         KARGs go on the guest's kernel command line:
+#                         boots VM NAME in namespace NETNS on macvtap LINK, whose address
+#                         becomes MAC too (a macvtap passes on only the frames sent to
+#                         its own); KARGs go on the guest's kernel command line:
 #                           vm.ip=dhcp (the default) or vm.ip=ADDR/PREFIX, vm.gw=ADDR,
 #                           vm.mtu=N
 #   vm_wait_boot NAME [SECONDS]  waits until the guest's command loop answers
 #   vm_run NAME CMD [SECONDS]    runs CMD (sh) in the guest; prints its output, returns
 #                         its status (124 when it did not finish in time, 125 when the
-#                         VM is gone)
+#                         VM is gone). One at a time for a VM: the guest takes commands in
+#                         turn, and a command still running after its time delays the next.
+#                         `ping` there is the full one (-M do); what CMD starts in the
+#                         background should write to a file, not to its output.
 #   vm_migrate NAME NETNS LINK ADDR [PORT]
 #                         moves running VM NAME live into namespace NETNS on macvtap
 #                         LINK, over tcp ADDR:PORT (ADDR in NETNS); NAME then names the
 #                         moved VM; $vm_migrate_ms and $vm_downtime_ms tell how long the
-#                         move took and how long the guest stood still
+#                         move took and how long the guest stood still. A move that fails
+#                         leaves the VM running where it was.
 #   vm_qmp NAME JSON      one qemu QMP command ('{"execute":...}'); prints the reply line
 #   vm_stop NAME          ends VM NAME
 #   vm_cleanup            ends every VM and removes every file of this library (for the
 #                         caller's trap)
 # The guest runs on KVM where /dev/kvm opens, else on qemu's own emulation (TCG).
-# vm_accel tells which. Every VM of the script shares one scratch tree, $vm_root.
+# vm_accel tells which. Every VM of the script shares one scratch tree, $vm_root; in
+# $vm_root/NAME are its kernel's messages (console.log) and qemu's (qemu.log).
 
 vm_skip=
 vm_root=
