@@ -101,6 +101,10 @@ typedef enum {
 	WEXO_VNIC_MACVLAN = 1,
 	WEXO_VNIC_MACVTAP = 2
 } wexo_vnic_kind_t;
+/* Or'd into the kind: the VNIC is made down. A down VNIC takes no frames from the others
+ * of its lower link, which then go on to wherever its MAC address is in the fabric: the
+ * VNIC of a virtual machine still running on another host. Its user brings it up. */
+#define WEXO_VNIC_DOWN		0x100
 
 /* Makes the VNIC `name` ("LINK", or "NAMESPACE/LINK" to make it inside that namespace)
  * over `lower`, a link of the handle's namespace, with the MAC address `mac` (text such
@@ -312,7 +316,10 @@ int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, cons
  * encapsulation), and gives it the port's link properties. With KEL_VNIC_ADDRESS it also
  * gives the VNIC the port's address with the ipnet's prefix length and a default route
  * through the ipnet's router. `extra` is the binding's property text ("vmid=..." for a
- * virtual machine that may migrate; may be NULL). On success *vnic describes what was made
+ * virtual machine that may migrate; may be NULL). A macvtap whose port stays bound to
+ * another host (the destination of a virtual machine's move) is made down (kv_down), so that the
+ * kel's traffic to the machine keeps going to the host it still runs on: the hypervisor
+ * brings it up once the machine runs here. On success *vnic describes what was made
  * (free with kel_vnic_free); on failure nothing stays made or bound, and kv_stage says
  * which step failed.
  *
@@ -333,6 +340,7 @@ typedef struct kel_vnic_s {
 	datalink_id_t kv_lower;			/* the link under it, in the host's namespace */
 	char kv_lowername[MAXLINKNAMELEN];
 	uint32_t kv_mtu;			/* the VNIC's MTU */
+	boolean_t kv_down;			/* made down: a migration's destination */
 	kelcntl_KELImplInfo *kv_implinfo;	/* the kel; its first port is the one bound */
 	int kv_stage;				/* after a failure: KEL_VNIC_STAGE_* */
 } kel_vnic_t;

@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "c_boundary.h"
+#include "connections.h"
 #include "error_code.h"
 #include "fabric_links.h"
 #include "libkel_node.h"
@@ -86,6 +87,13 @@ public:
 	}
 	int make(wexo_vnic_kind_t kind)
 	{
+		// A VM's tap whose port is still bound to another host: a machine moving here,
+		// whose traffic stays with the host it runs on until it runs here.
+		char host[256];
+		down_ = kind == WEXO_VNIC_MACVTAP && kel_get_hostname(host, sizeof(host)) == KEL_SUCCESS && port()->evpi_hostname != nullptr &&
+		        port()->evpi_hostname[0] != '\0' && std::strcmp(port()->evpi_hostname, host) != 0;
+		if (down_)
+			kind = static_cast<wexo_vnic_kind_t>(kind | WEXO_VNIC_DOWN);
 		const wexo_status_t st = wexo_vnic_create(host_, vnic_, lower_, kind, port_prop(port(), "macaddr"), &id_);
 		made_ = st == WEXO_STATUS_OK;
 		return made_ ? KEL_SUCCESS : wexo_error(st);
@@ -130,6 +138,7 @@ public:
 		(void)wexo_datalink_id2info(host_, lower_, nullptr, nullptr, nullptr, out->kv_lowername, sizeof(out->kv_lowername));
 		(void)wexo_link_mtu(guest, id_, &out->kv_mtu);
 		out->kv_implinfo = info_;
+		out->kv_down = down_ ? B_TRUE : B_FALSE;
 		info_ = nullptr;
 		done_ = true;
 	}
@@ -142,7 +151,7 @@ private:
 	const char *extra_;
 	kelcntl_KELImplInfo *info_ = nullptr;
 	datalink_id_t lower_ = DATALINK_INVALID_LINKID, id_ = DATALINK_INVALID_LINKID;
-	bool bound_ = false, made_ = false, done_ = false;
+	bool bound_ = false, made_ = false, done_ = false, down_ = false;
 };
 
 int ensure_responder(const kelcntl_KELInfo *kel);

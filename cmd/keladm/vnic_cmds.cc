@@ -182,6 +182,9 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 	std::printf("created VNIC %s on %s/%s over %s (%s, %s, MTU %s)\n", vnic.c_str(), kel, port->evpi_name,
 	    lower.c_str(), remote_prop(port->evpi_props, port->evpi_props_count, "macaddr").c_str(),
 	    remote_prop(port->evpi_props, port->evpi_props_count, "ipaddr").c_str(), mtu.c_str());
+	if (made.kv_down)
+		std::printf("its port is bound on %s: the VNIC is down until the VM runs here (ip link set %s up)\n",
+		    port->evpi_hostname, vnic.substr(vnic.find('/') + 1).c_str());
 	return kExitOk;
 }
 

@@ -81,6 +81,8 @@ wexo_status_t wexo_vnic_create(wexo_handle_t h, const char *name, datalink_id_t 
 {
 	return kel::wexo_boundary([&]() -> wexo_status_t {
 		std::string ns, link;
+		const bool down = (kind & WEXO_VNIC_DOWN) != 0;
+		kind = static_cast<wexo_vnic_kind_t>(kind & ~WEXO_VNIC_DOWN);
 		if (h == nullptr || idp == nullptr || lower == DATALINK_INVALID_LINKID || !split_name(name, &ns, &link) ||
 		    (kind != WEXO_VNIC_MACVLAN && kind != WEXO_VNIC_MACVTAP))
 			return WEXO_STATUS_BADARG;
@@ -103,7 +105,8 @@ wexo_status_t wexo_vnic_create(wexo_handle_t h, const char *name, datalink_id_t 
 		    : rtnl_link_macvlan_set_mode(l, rtnl_link_macvlan_str2mode("bridge"));
 		rtnl_link_set_name(l, link.c_str());
 		rtnl_link_set_link(l, static_cast<int>(lower));
-		rtnl_link_set_flags(l, IFF_UP);
+		if (!down)
+			rtnl_link_set_flags(l, IFF_UP);
 		if (addr != nullptr)
 			rtnl_link_set_addr(l, addr);
 		// Made straight inside its namespace: it is never seen, half set up, in the host's.

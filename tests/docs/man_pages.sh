@@ -10,7 +10,7 @@ fail=0
 command -v groff >/dev/null || { echo "skipped: groff is not installed"; exit 77; }
 bad() { echo "FAILED: $*"; fail=1; }
 
-for page in "$docs"/*.[358]; do
+for page in "$docs"/*.[3578]; do
 	warnings=$(LC_ALL=C.UTF-8 groff -t -man -Tutf8 -ww -z "$page" 2>&1)
 	[ -z "$warnings" ] || bad "$(basename "$page") renders with warnings: $warnings"
 done

@@ -129,7 +129,7 @@ bound | renew)
 		set -- $router
 		ip route replace default via "$1" dev "$interface"
 	fi
-	env | grep -E '^(ip|mask|subnet|router|mtu|lease|serverid)=' >/run/lease
+	env | grep -E '^(ip|mask|subnet|router|dns|mtu|lease|serverid)=' >/run/lease
 	;;
 esac
 exit 0
