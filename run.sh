@@ -57,7 +57,7 @@ demo() {
 		controller_tour
 		return
 	fi
-	trap fabric_down EXIT
+	trap 'vm_cleanup 2>/dev/null; fabric_down' EXIT
 	fabric_tour
 }
 
@@ -139,6 +139,7 @@ fabric_tour() {
 	echo
 	echo "== Capacity: how full each range, host share and pool is"
 	on_step ctl show-usage -T all
+	vm_tour "$b_web"
 	echo
 	echo "== Counters that survive their VNIC: web/b's guest sends, its VNIC goes, the port keeps them"
 	echo "[guest b1]\$ ping -c 3 $(on ctl "$keladm_bin" show-vport -p -o ipaddr web/a | cut -d/ -f1)"
@@ -156,6 +157,52 @@ fabric_tour() {
 	on_step ctl show-vport -o name,kel,status,host,vnic
 	echo
 	echo "Every namespace, process and file of the demonstration goes now."
+}
+
+# A real VM on web: booted under qemu on kel-ha, its address from the fabric by DHCP, then
+# moved live to kel-hb while guest b1 pings it. GUEST_B is b1's address.
+vm_tour() {
+	local b_web=$1 mac pinger
+	. tests/e2e/vm_lib.sh
+	echo
+	if ! vm_require || ! vm_image build/vm-image; then
+		echo "== No virtual machine here ($vm_skip): the tour goes on without one"
+		return
+	fi
+	echo "== A virtual machine on web: its macvtap on kel-ha, qemu on its tap ($vm_accel)"
+	on_step ctl add-vport web/vm
+	on_step ha create-vnic --macvtap -p vmid=demo-vm web/vm vmtap0
+	mac=$(on ha cat /sys/class/net/vmtap0/address)
+	echo "[kel-ha]\$ qemu-system-x86_64 ... -netdev tap,fd=3 3<>/dev/tap\$(cat /sys/class/net/vmtap0/ifindex) -device virtio-net-pci,mac=$mac"
+	vm_start vm "$(host_ns ha)" vmtap0 "$mac" && vm_wait_boot vm 120 || { echo "(the VM did not boot)"; return; }
+	echo "[vm]\$ udhcpc -i eth0 ...; cat /run/lease     # what its DHCP client was given"
+	vm_run vm 'for i in $(seq 40); do [ -s /run/lease ] && break; sleep 0.5; done; cat /run/lease' 40
+	echo "[vm]\$ ping -c 3 -M do -s 1422 $b_web     # a full-size frame to guest b1 on kel-hb"
+	vm_run vm "ping -c 3 -i 0.3 -M do -s 1422 $b_web" 20
+	echo
+	echo "== The VM moves live to kel-hb while guest b1 pings it every 20 ms"
+	on_step hb create-vnic --macvtap -p vmid=demo-vm web/vm vmtap0
+	ip netns exec "$(guest b1)" ping -q -i 0.02 -W 1 "$(on ctl "$keladm_bin" show-vport -p -o ipaddr web/vm | cut -d/ -f1)" \
+		>"$fabric_root/pings" 2>&1 &
+	pinger=$!
+	sleep 1
+	echo "[kel-hb]\$ qemu-system-x86_64 ... -incoming tcp:10.77.0.3:47000; [kel-ha] (monitor) migrate tcp:10.77.0.3:47000"
+	vm_migrate vm "$(host_ns hb)" vmtap0 10.77.0.3 && echo "moved in ${vm_migrate_ms} ms, the VM standing still for ${vm_downtime_ms} ms"
+	echo "[kel-hb]\$ ip link set vmtap0 up"
+	ip -n "$(host_ns hb)" link set vmtap0 up
+	on_step ha delete-vnic vmtap0
+	sleep 1
+	kill -INT "$pinger"
+	wait "$pinger" 2>/dev/null
+	echo "[guest b1]\$ ping -i 0.02 ...     # throughout the move"
+	grep -E 'transmitted' "$fabric_root/pings"
+	on_step ctl show-vport -o name,status,host,vnic web/vm
+	echo "[vm]\$ kill -USR1 \$(cat /run/udhcpc.pid)     # it renews, now from kel-hb's responder"
+	vm_run vm 'old=$(cat /run/lease); kill -USR1 $(cat /run/udhcpc.pid)
+		for i in $(seq 60); do [ "$(cat /run/lease)" != "$old" ] && break; sleep 0.5; done
+		grep -E "^(ip|serverid)=" /run/lease' 40
+	vm_stop vm
+	on_step hb delete-vnic vmtap0
 }
 
 controller_tour() {

@@ -19,26 +19,44 @@ size_t skip_space(std::string_view text, size_t at)
 	return at;
 }
 
+// Where the strings of a JSON text are, fed one character at a time: brackets and commas
+// inside them are no structure.
+class Strings {
+public:
+	// Whether `c` belongs to a string, its quotes included.
+	bool take(char c)
+	{
+		if (!in_) {
+			in_ = c == '"';
+			return in_;
+		}
+		if (escaped_)
+			escaped_ = false;
+		else if (c == '\\')
+			escaped_ = true;
+		else if (c == '"')
+			in_ = false;
+		return true;
+	}
+	// Whether the last character taken left a string open.
+	bool open() const { return in_; }
+
+private:
+	bool in_ = false, escaped_ = false;
+};
+
 size_t value_end(std::string_view text, size_t at)
 {
 	int depth = 0;
-	bool in_string = false, escaped = false;
+	Strings strings;
 	for (size_t i = at; i < text.size(); i++) {
 		const char c = text[i];
-		if (in_string) {
-			if (escaped)
-				escaped = false;
-			else if (c == '\\')
-				escaped = true;
-			else if (c == '"')
-				in_string = false;
-			if (!in_string && depth == 0)
+		if (strings.take(c)) {
+			if (!strings.open() && depth == 0)
 				return i + 1;
 			continue;
 		}
-		if (c == '"') {
-			in_string = true;
-		} else if (c == '[' || c == '{') {
+		if (c == '[' || c == '{') {
 			depth++;
 		} else if (c == ']' || c == '}') {
 			if (depth == 0)
@@ -92,20 +110,11 @@ std::string echoed_id(const std::string &line, const Json &id)
 bool nesting_within(std::string_view text, int limit)
 {
 	int depth = 0;
-	bool in_string = false, escaped = false;
+	Strings strings;
 	for (const char c : text) {
-		if (in_string) {
-			if (escaped)
-				escaped = false;
-			else if (c == '\\')
-				escaped = true;
-			else if (c == '"')
-				in_string = false;
+		if (strings.take(c))
 			continue;
-		}
-		if (c == '"') {
-			in_string = true;
-		} else if (c == '[' || c == '{') {
+		if (c == '[' || c == '{') {
 			if (++depth > limit)
 				return false;
 		} else if ((c == ']' || c == '}') && depth > 0) {

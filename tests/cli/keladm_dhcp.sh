@@ -26,23 +26,9 @@ cleanup() {
 	rm -rf "$root"
 }
 trap cleanup EXIT
-ip netns add "$host" 2>/dev/null || skip "network namespaces cannot be made here"
+host_node "$host" 10.86.0.1 || skip "network namespaces and veth links cannot be made here"
 for g in "$g1" "$g2" "$g3"; do ip netns add "$g"; done
-ip -n "$host" link set lo up
-ip -n "$host" link add ep0 type veth peer name ep0p || skip "no veth links"
-ip -n "$host" addr add 10.86.0.1/24 dev ep0
-ip -n "$host" link set ep0p up
-ip -n "$host" link set ep0 up
 
-on_host() { ip netns exec "$host" "$@"; }
-keladm_bin=$keladm
-keladm() { on_host "$keladm_bin" "$@"; }
-keladm=keladm
-
-make_store
-"$keladm" set-clientprop controller=unix:// >/dev/null
-"$keladm" set-controlprop uri-template=unix:// >/dev/null
-"$keladm" set-controlprop vxlan-addr=10.86.0.0/24 >/dev/null
 "$keladm" create-kel -p l2-type=vxlan,vni=5200,dhcp:dns=10.87.0.53,10.87.0.54 web >/dev/null
 "$keladm" add-ipnet -p subnet=10.87.0.0/24 web/front >/dev/null
 for i in 1 2 3; do "$keladm" add-vport -p ipaddr=10.87.0.1$i web/vm$i >/dev/null; done

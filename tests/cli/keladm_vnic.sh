@@ -20,24 +20,9 @@ cleanup() {
 	rm -rf "$root"
 }
 trap cleanup EXIT
-ip netns add "$host" 2>/dev/null || skip "network namespaces cannot be made here"
+host_node "$host" 10.84.0.1 || skip "network namespaces and veth links cannot be made here"
 ip netns add "$g1" && ip netns add "$g2"
-ip -n "$host" link set lo up
-ip -n "$host" link add ep0 type veth peer name ep0p || skip "no veth links"
-ip -n "$host" addr add 10.84.0.1/24 dev ep0
-ip -n "$host" link set ep0p up
-ip -n "$host" link set ep0 up
 
-# keladm and keld run on the host: inside its namespace.
-on_host() { ip netns exec "$host" "$@"; }
-keladm_bin=$keladm
-keladm() { on_host "$keladm_bin" "$@"; }
-keladm=keladm
-
-make_store
-"$keladm" set-clientprop controller=unix:// >/dev/null
-"$keladm" set-controlprop uri-template=unix:// >/dev/null
-"$keladm" set-controlprop vxlan-addr=10.84.0.0/24 >/dev/null
 "$keladm" create-kel -p l2-type=vxlan,vni=5100 web >/dev/null
 "$keladm" add-ipnet -p subnet=10.85.0.0/24 web/front >/dev/null
 # The ports keep the kel's default protection: mac-nospoof and ip-nospoof.

@@ -41,3 +41,25 @@ make_store() {
 	"$keladm" set-controlprop vlan-range=100-102 || exit 1
 	"$keladm" set-controlprop vxlan-range=5000-5999 || exit 1
 }
+
+# host_node HOST ADDRESS: a host in network namespace HOST (made here; false when it
+# cannot be), with its VXLAN endpoint ADDRESS/24 on a veth link ep0, its own
+# controller and a store with the VXLAN endpoints of ADDRESS's subnet. keladm runs inside
+# it from then on ($keladm_bin is the binary); on_host runs any command there.
+host_node() {
+	host=$1
+	ip netns add "$host" 2>/dev/null || return 1
+	ip -n "$host" link set lo up
+	ip -n "$host" link add ep0 type veth peer name ep0p || return 1
+	ip -n "$host" addr add "$2/24" dev ep0
+	ip -n "$host" link set ep0p up
+	ip -n "$host" link set ep0 up
+	on_host() { ip netns exec "$host" "$@"; }
+	keladm_bin=$keladm
+	keladm() { on_host "$keladm_bin" "$@"; }
+	keladm=keladm
+	make_store
+	"$keladm" set-clientprop controller=unix:// >/dev/null
+	"$keladm" set-controlprop uri-template=unix:// >/dev/null
+	"$keladm" set-controlprop vxlan-addr="${2%.*}.0/24" >/dev/null
+}
