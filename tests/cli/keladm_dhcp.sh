@@ -79,6 +79,14 @@ check "while the guest's own is answered" bash -c \
 check "and a request for an address not its port's is refused" bash -c \
 	"ip netns exec '$g3' '$frame' eth0 dhcp type=request requested=10.87.0.11 listen=3 | grep -qx 'answered nak 0.0.0.0'"
 
+# A guest's own DHCP server: dropped on its way out under dhcp-nospoof, in the host's
+# guard of its VNIC, where the guest cannot lift it.
+"$keladm" set-vportprop -p protection=mac-nospoof,ip-nospoof,dhcp-nospoof web/vm3 >/dev/null
+ip netns exec "$g3" nft flush ruleset	# the guest's own copy of its filters, lifted
+ip netns exec "$g3" "$frame" eth0 udp4 sip=0.0.0.0 sport=67 dport=68 count=3
+check "a guest's own DHCP offer is dropped (dhcp-nospoof)" bash -c \
+	"ip netns exec '$host' nft list table netdev 'kel_$g3/eth0' | grep -qE 'udp sport \{ 67, 547 \} counter packets [1-9].*kel:dhcp-nospoof'"
+
 # The controller goes: what the host recorded with the binding still answers.
 kill "$keld_pid" && wait "$keld_pid" 2>/dev/null
 mv "$root/etc/kel/kel.db" "$root/etc/kel/kel.db.away"
