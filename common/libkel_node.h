@@ -118,6 +118,8 @@ wexo_status_t wexo_vnic_delete(wexo_handle_t handle, const char *name, datalink_
 /* The link the VNIC `name` ("LINK" or "NAMESPACE/LINK") was made over, as a link of the
  * handle's namespace. */
 wexo_status_t wexo_vnic_lower(wexo_handle_t handle, const char *name, datalink_id_t *lowerp) KEL_NOEXCEPT;
+/* Brings link `id` of the handle's namespace up (a VNIC made with WEXO_VNIC_DOWN). */
+wexo_status_t wexo_link_up(wexo_handle_t handle, datalink_id_t id) KEL_NOEXCEPT;
 /* The MTU of link `id` of the handle's namespace. */
 wexo_status_t wexo_link_mtu(wexo_handle_t handle, datalink_id_t id, uint32_t *mtup) KEL_NOEXCEPT;
 /* The lower link recorded for the VNIC `name` ("LINK" or "NAMESPACE/LINK") when its port

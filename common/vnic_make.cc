@@ -201,11 +201,13 @@ int vnic_create(const char *tenant, const char *kel, const char *vport, const ch
 
 // The responder's link takes nothing into the host's own network stack: its frames are
 // read by keld's packet sockets, which see them before the seal drops them. Nor does the
-// host speak IPv6 on it.
-int seal_responder(wexo_handle_t host, const std::string &name)
+// host speak IPv6 on it. Made down, it comes up only once sealed.
+int seal_responder(wexo_handle_t host, const std::string &name, datalink_id_t id)
 {
 	std::ofstream("/proc/sys/net/ipv6/conf/" + name + "/disable_ipv6") << "1\n";
-	const wexo_status_t st = wexo::nft::run(wexo_netns_fd(host), wexo::filter::sealed(name));
+	wexo_status_t st = wexo::nft::run(wexo_netns_fd(host), wexo::filter::sealed(name));
+	if (st == WEXO_STATUS_OK)
+		st = wexo_link_up(host, id);
 	return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
 }
 
@@ -228,10 +230,11 @@ int ensure_responder(const kelcntl_KELInfo *kel)
 		return KEL_SUCCESS;
 	(void)vnic_remove(name.c_str(), nullptr);
 	kel_vnic_t made;
-	int rc = vnic_create(kel->ekeli_tenantname, kel->ekeli_name, nullptr, name.c_str(), nullptr, WEXO_VNIC_MACVLAN, 0, &made);
-	kel_vnic_free(&made);
-	if (rc == KEL_SUCCESS && (rc = seal_responder(host.get(), name)) != KEL_SUCCESS)
+	int rc = vnic_create(kel->ekeli_tenantname, kel->ekeli_name, nullptr, name.c_str(), nullptr,
+	    static_cast<wexo_vnic_kind_t>(WEXO_VNIC_MACVLAN | WEXO_VNIC_DOWN), 0, &made);
+	if (rc == KEL_SUCCESS && (rc = seal_responder(host.get(), name, made.kv_linkid)) != KEL_SUCCESS)
 		(void)vnic_remove(name.c_str(), nullptr);
+	kel_vnic_free(&made);
 	return rc;
 }
 

@@ -1,3 +1,4 @@
+#include <net/if.h>
 #include <linux/net_namespace.h>
 #include <netlink/errno.h>
 #include <netlink/msg.h>
@@ -233,6 +234,26 @@ wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t 
 		std::snprintf(name, namelen, "%s", rtnl_link_get_name(link));
 	rtnl_link_put(link);
 	return WEXO_STATUS_OK;
+}
+
+wexo_status_t wexo_link_up(wexo_handle_t h, datalink_id_t id) noexcept
+{
+	if (id == DATALINK_INVALID_LINKID)
+		return WEXO_STATUS_BADARG;
+	struct rtnl_link *link = nullptr;
+	wexo_status_t st = get_link(h, id, nullptr, &link);
+	if (st != WEXO_STATUS_OK)
+		return st;
+	struct rtnl_link *change = rtnl_link_alloc();
+	if (change == nullptr) {
+		rtnl_link_put(link);
+		return WEXO_STATUS_NOMEM;
+	}
+	rtnl_link_set_flags(change, IFF_UP);
+	st = wexo_from_nl(rtnl_link_change(wexo_sock(h), link, change, 0));
+	rtnl_link_put(change);
+	rtnl_link_put(link);
+	return st;
 }
 
 wexo_status_t wexo_link_mtu(wexo_handle_t h, datalink_id_t id, uint32_t *mtup) noexcept
