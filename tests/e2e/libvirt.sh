@@ -24,15 +24,20 @@ t_all=$SECONDS
 vm_image "$image_dir" || { echo "SKIPPED: no guest image: $vm_skip"; exit 77; }
 
 lv=
-lv_pid=
-made_taps=()
+declare -A lv_pid=()
 down() {
-	[ -n "$lv_pid" ] && { lv_virsh destroy kelvm >/dev/null 2>&1; kill "$lv_pid" 2>/dev/null; }
+	local node
+	for node in "${!lv_pid[@]}"; do
+		lv_virsh "$node" destroy kelvm >/dev/null 2>&1
+		kill "${lv_pid[$node]}" 2>/dev/null
+	done
+	[ -n "$pinger" ] && kill "$pinger" 2>/dev/null
 	vm_cleanup
 	[ -f "$lv/taps" ] && while read -r t; do rm -f "$t"; done <"$lv/taps"
 	fabric_down
 	[ -n "$lv" ] && rm -rf "$lv"
 }
+pinger=
 fabric_up || { echo "SKIPPED: $fabric_skip"; exit 77; }
 trap down EXIT
 lv=$(mktemp -d /tmp/kel-libvirt-XXXXXX)
@@ -46,27 +51,35 @@ mac=$(IFS=-; set -- $mac; printf '%02x:%02x:%02x:%02x:%02x:%02x' "0x$1" "0x$2" "
 quiet ctl add-vport -p ipaddr=10.95.0.12 kv/b
 quiet hb create-vnic --address kv/b "$(guest b1)/eth0"
 
-# What libvirtd's hooks run is keladm from its PATH: here the build's, on host A's tree.
-# libvirtd passes its hooks no KEL_ROOT, so this stand-in sets it (and the fabric's ssh
-# settings); it also makes the
-# macvtap's /dev/tapN where no devtmpfs does (udev's job on a real host), and notes each
-# call.
-mkdir -p "$lv/bin" "$lv/etc/hooks/qemu.d" "$lv/guest"
-cat >"$lv/bin/keladm" <<EOF
+# Debian's libvirtd wants its qemu user to exist before it reads qemu.conf, which runs
+# qemu as root here: a passwd and group of its own name it.
+(cat /etc/passwd; echo "libvirt-qemu:x:64055:64055::/var/lib/libvirt:/usr/sbin/nologin") >"$lv/passwd"
+(cat /etc/group; echo "libvirt-qemu:x:64055:") >"$lv/group"
+
+# lv_start NODE: libvirtd on host NODE, in its network namespace and with its host name,
+# listening for its peer's migrations on the underlay.
+lv_start() {
+	local node=$1 d=$lv/$1
+	mkdir -p "$d/bin" "$d/etc/hooks/qemu.d"
+	# What libvirtd's hooks run is keladm from its PATH: here the build's, on this host's
+	# tree. libvirtd passes its hooks no KEL_ROOT, so this stand-in sets it (and the
+	# fabric's ssh settings); it also makes the macvtap's /dev/tapN where no devtmpfs does
+	# (udev's job on a real host), and notes each call.
+	cat >"$d/bin/keladm" <<EOF
 #!/bin/sh
-echo "\$*" >>"$lv/keladm-calls"
-KEL_ROOT=$fabric_root/ha KEL_SSH_CONFIG=$fabric_root/ssh_config "$keladm_bin" "\$@" || exit
+echo "\$*" >>"$d/keladm-calls"
+KEL_ROOT=$fabric_root/$node KEL_SSH_CONFIG=$fabric_root/ssh_config "$keladm_bin" "\$@" || exit
 [ "\$1" = create-vnic ] || exit 0
 for v; do :; done
 n=\$(cat "/sys/class/net/\$v/ifindex") && dev=\$(cat /sys/class/net/"\$v"/macvtap/tap*/dev) || exit 0
 [ -c "/dev/tap\$n" ] || { mknod "/dev/tap\$n" c "\${dev%%:*}" "\${dev#*:}" && echo "/dev/tap\$n" >>"$lv/taps"; }
 exit 0
 EOF
-chmod 755 "$lv/bin/keladm"
-ln -s "$hook" "$lv/etc/hooks/qemu.d/kel"
-# A daemon in a container: no cgroups, no machine registration, no labels, qemu as root,
-# its output to files rather than to a log daemon.
-cat >"$lv/etc/qemu.conf" <<EOF
+	chmod 755 "$d/bin/keladm"
+	ln -s "$hook" "$d/etc/hooks/qemu.d/kel"
+	# A daemon in a container: no cgroups, no machine registration, no labels, qemu as
+	# root, its output to files rather than to a log daemon.
+	cat >"$d/etc/qemu.conf" <<EOF
 user = "root"
 group = "root"
 dynamic_ownership = 0
@@ -76,52 +89,68 @@ cgroup_controllers = [ ]
 namespaces = [ ]
 stdio_handler = "file"
 EOF
-cat >"$lv/etc/libvirtd.conf" <<EOF
+	# Both daemons run on one machine: each its own host UUID, or the migration is refused
+	# as one to the same host.
+	cat >"$d/etc/libvirtd.conf" <<EOF
 auth_unix_rw = "none"
 auth_unix_ro = "none"
-log_outputs = "3:file:$lv/libvirtd.log"
+listen_tls = 0
+listen_tcp = 1
+listen_addr = "$(node_addr "$node")"
+auth_tcp = "none"
+host_uuid = "$(cat /proc/sys/kernel/random/uuid)"
+log_outputs = "3:file:$d/libvirtd.log"
 EOF
-: >"$lv/etc/libvirt.conf"
-# Debian's libvirtd wants its qemu user to exist before it reads qemu.conf, which runs
-# qemu as root here: a passwd and group of its own name it.
-(cat /etc/passwd; echo "libvirt-qemu:x:64055:64055::/var/lib/libvirt:/usr/sbin/nologin") >"$lv/passwd"
-(cat /etc/group; echo "libvirt-qemu:x:64055:") >"$lv/group"
-
-# Its state, caches and sockets on tmpfs in its own mount namespace; /etc/libvirt is the
-# scratch tree.
-on ha unshare --mount --propagation private sh -c '
-	for d in /run /var/lib /var/cache /var/log; do mount -t tmpfs tmpfs "$d" || exit 1; done
-	mount --bind "$1/etc" /etc/libvirt || exit 1
-	if ! getent passwd libvirt-qemu >/dev/null; then
-		mount --bind "$1/passwd" /etc/passwd && mount --bind "$1/group" /etc/group || exit 1
-	fi
-	echo $$ >"$1/pid"
-	exec env PATH="$1/bin:/usr/sbin:/usr/bin:/sbin:/bin" libvirtd' sh "$lv" >"$lv/libvirtd.out" 2>&1 &
-for _ in $(seq 100); do [ -s "$lv/pid" ] && break; sleep 0.1; done
-lv_pid=$(cat "$lv/pid" 2>/dev/null)
-[ -n "$lv_pid" ] || { echo "SKIPPED: libvirtd did not start: $(tail -3 "$lv/libvirtd.out")"; exit 77; }
-lv_virsh() { nsenter -t "$lv_pid" -m -n -u virsh -q -c qemu:///system "$@"; }
+	: >"$d/etc/libvirt.conf"
+	# Its state, caches and sockets on tmpfs in its own mount namespace; /etc/libvirt is
+	# the scratch tree.
+	on "$node" unshare --mount --propagation private sh -c '
+		for d in /run /var/lib /var/cache /var/log; do mount -t tmpfs tmpfs "$d" || exit 1; done
+		mount --bind "$1/etc" /etc/libvirt || exit 1
+		if ! getent passwd libvirt-qemu >/dev/null; then
+			mount --bind "$2/passwd" /etc/passwd && mount --bind "$2/group" /etc/group || exit 1
+		fi
+		echo $$ >"$1/pid"
+		exec env PATH="$1/bin:/usr/sbin:/usr/bin:/sbin:/bin" libvirtd --listen' sh "$d" "$lv" >"$d/libvirtd.out" 2>&1 &
+}
+lv_virsh() {
+	local node=$1
+	shift
+	nsenter -t "${lv_pid[$node]}" -m -n -u virsh -q -c qemu:///system "$@"
+}
+# lv_ready NODE: waits for the daemon on NODE to answer.
+lv_ready() {
+	local node=$1 d=$lv/$1 t0=$SECONDS
+	for _ in $(seq 100); do [ -s "$d/pid" ] && break; sleep 0.1; done
+	lv_pid[$node]=$(cat "$d/pid" 2>/dev/null)
+	[ -n "${lv_pid[$node]}" ] || { echo "SKIPPED: libvirtd did not start on $node: $(tail -3 "$d/libvirtd.out")"; exit 77; }
+	until lv_virsh "$node" version >/dev/null 2>&1; do
+		if ! kill -0 "${lv_pid[$node]}" 2>/dev/null || [ $((SECONDS - t0)) -gt 30 ]; then
+			echo "SKIPPED: libvirtd on $node does not answer: $(cat "$d/libvirtd.out"; grep -v -e dnsmasq -e DBus -e dmidecode -e DMI -e /dev/mem "$d/libvirtd.log" | tail -3)"
+			exit 77
+		fi
+		sleep 0.2
+	done
+}
 t0=$SECONDS
-until lv_virsh version >/dev/null 2>&1; do
-	if ! kill -0 "$lv_pid" 2>/dev/null || [ $((SECONDS - t0)) -gt 30 ]; then
-		echo "SKIPPED: libvirtd does not answer: $(cat "$lv/libvirtd.out"; grep -v -e dnsmasq -e DBus -e dmidecode -e DMI -e /dev/mem "$lv/libvirtd.log" | tail -3)"
-		exit 77
-	fi
-	sleep 0.2
-done
-echo "libvirtd answers in $((SECONDS - t0))s"
+lv_start ha
+lv_start hb
+lv_ready ha
+lv_ready hb
+echo "both libvirtds answer in $((SECONDS - t0))s"
 
 # The guest's two serial ports as vm_lib.sh's qemu has them: the kernel's messages to a
-# file, the command loop on a pipe pair; a directory vm_run knows.
-gdir=$vm_root
-[ -n "$gdir" ] || { vm_root=$(mktemp -d /tmp/kel-vm-XXXXXX); gdir=$vm_root; }
-mkdir "$vm_root/i1" && ln -s i1 "$vm_root/vm"
-mkfifo "$vm_root/i1/ctl.in" "$vm_root/i1/ctl.out"
+# file, the command loop on a pipe pair; a directory vm_run knows, one for each host the
+# machine runs on.
+vm_root=$(mktemp -d /tmp/kel-vm-XXXXXX)
+mkdir "$vm_root/i1" "$vm_root/i2" && ln -s i1 "$vm_root/vm"
+mkfifo "$vm_root/i1/ctl.in" "$vm_root/i1/ctl.out" "$vm_root/i2/ctl.in" "$vm_root/i2/ctl.out"
 uuid=$(cat /proc/sys/kernel/random/uuid)
 dtype=qemu cpu=
 if [ "$vm_accel" = kvm ]; then dtype=kvm cpu="<cpu mode='host-passthrough'/>"; fi
+# domain_xml VNIC [INSTANCE]
 domain_xml() {
-	local vnic=$1
+	local vnic=$1 inst=$vm_root/${2:-i1}
 	cat <<EOF
 <domain type='$dtype'>
   <name>kelvm</name>
@@ -150,8 +179,8 @@ domain_xml() {
       <model type='virtio'/>
       <rom enabled='no'/>
     </interface>
-    <serial type='file'><source path='$vm_root/i1/console.log'/><target port='0'/></serial>
-    <serial type='pipe'><source path='$vm_root/i1/ctl'/><target port='1'/></serial>
+    <serial type='file'><source path='$inst/console.log'/><target port='0'/></serial>
+    <serial type='pipe'><source path='$inst/ctl'/><target port='1'/></serial>
     <controller type='usb' model='none'/>
     <memballoon model='none'/>
   </devices>
@@ -162,29 +191,31 @@ EOF
 # A name that would reach a shell unchecked: the hook refuses it and the domain stays
 # off, its port free.
 domain_xml 'vm;x' >"$lv/bad.xml"
-lv_virsh define "$lv/bad.xml" >/dev/null
-out=$(lv_virsh start kelvm 2>&1)
+lv_virsh ha define "$lv/bad.xml" >/dev/null
+out=$(lv_virsh ha start kelvm 2>&1)
 check "a domain whose port names the VNIC 'vm;x' does not start (the hook refuses it)" \
 	grep -q 'no valid link name' <<<"$out"
 check "and its port stays free" test "$(keladm_on ctl show-vport -p -o status kv/vm)" = free
-lv_virsh undefine kelvm >/dev/null
+lv_virsh ha undefine kelvm >/dev/null
+
+# qemu's pid, as the daemon on NODE keeps it, for vm_run to know the machine runs.
+lv_qemu_pid() { nsenter -t "${lv_pid[$1]}" -m cat /run/libvirt/qemu/kelvm.pid 2>/dev/null; }
 
 domain_xml vmtap0 >"$lv/vm.xml"
-check "the domain is defined" lv_virsh define "$lv/vm.xml"
+check "the domain is defined" lv_virsh ha define "$lv/vm.xml"
 t0=$SECONDS
-out=$(lv_virsh start kelvm 2>&1)
+out=$(lv_virsh ha start kelvm 2>&1)
 rc=$?
 [ "$rc" = 0 ] || echo "$out"
 check "virsh start runs it" test "$rc" = 0
 check "the hook bound the port to its VNIC on host A with the domain's UUID as vmid" \
-	grep -qx "create-vnic --macvtap --may-exist -p vmid=$uuid kv/vm vmtap0" "$lv/keladm-calls"
+	grep -qx "create-vnic --macvtap --may-exist -p vmid=$uuid kv/vm vmtap0" "$lv/ha/keladm-calls"
 check "the port is bound to host A's vmtap0" \
 	test "$(keladm_on ctl show-vport -p -o status,host,vnic kv/vm)" = "bound:kel-ha:vmtap0"
 check "vmtap0 is a macvtap with the port's MAC, and up" test \
 	"$(ip -n "$(host_ns ha)" -d -o link show vmtap0 | grep -o 'macvtap\|link/ether [0-9a-f:]*\|,UP' | tr '\n' ' ')" = \
 	",UP link/ether $mac macvtap "
-qpid=$(nsenter -t "$lv_pid" -m cat /run/libvirt/qemu/kelvm.pid 2>/dev/null)
-echo "$qpid" >"$vm_root/i1/pid"
+lv_qemu_pid ha >"$vm_root/i1/pid"
 if vm_wait_boot vm 120; then
 	lease=$(vm_run vm 'for i in $(seq 40); do [ -s /run/lease ] && break; sleep 0.5; done; sort /run/lease' 40)
 	echo "the VM booted and took its lease in $((SECONDS - t0))s"
@@ -193,20 +224,47 @@ if vm_wait_boot vm 120; then
 else
 	check "the VM boots under libvirt" false
 fi
-check "host B's guest reaches the VM at its port's address" \
-	ip netns exec "$(guest b1)" ping -q -c 2 -W 2 10.95.0.21 >/dev/null
+pings_ok() { ip netns exec "$(guest b1)" ping -q -c 2 -W 2 "$1" >/dev/null; }
+check "host B's guest reaches the VM at its port's address" pings_ok 10.95.0.21
 check "and the VM host B's guest" vm_run vm 'ping -q -c 1 -W 2 10.95.0.12 >/dev/null' 20
 
-lv_virsh destroy kelvm >/dev/null
-check "virsh destroy has the hook delete the VNIC" grep -qx "delete-vnic --if-exists vmtap0" "$lv/keladm-calls"
-check "and the port is free again" test "$(keladm_on ctl show-vport -p -o status kv/vm)" = free
-check "vmtap0 is gone from host A" fails ip -n "$(host_ns ha)" link show vmtap0 2>/dev/null
+# The live move to host B's libvirtd: its hook makes host B's vmtap0 (down until the
+# machine runs there), and host A's release lets the port go to it. The destination's
+# XML differs only in where its serial ports go.
+domain_xml vmtap0 i2 >"$lv/vm-b.xml"
+ip netns exec "$(guest b1)" ping -q -i 0.02 -W 1 10.95.0.21 >"$lv/pings" 2>&1 &
+pinger=$!
+sleep 1
+t0=$SECONDS
+out=$(lv_virsh ha migrate --live --xml "$lv/vm-b.xml" kelvm qemu+tcp://10.77.0.3/system tcp://10.77.0.3 2>&1)
+rc=$?
+echo "virsh migrate took $((SECONDS - t0))s"
+[ "$rc" = 0 ] || echo "$out"
+sleep 1
+kill -INT "$pinger"
+wait "$pinger" 2>/dev/null
+pinger=
+check "virsh migrate --live moves it to host B" test "$rc" = 0
+check "host B's hook bound its vmtap0 with the same vmid" \
+	grep -qx "create-vnic --macvtap --may-exist -p vmid=$uuid kv/vm vmtap0" "$lv/hb/keladm-calls"
+check "host A's released its own" grep -qx "delete-vnic --if-exists vmtap0" "$lv/ha/keladm-calls"
+check "the port went to host B" \
+	test "$(keladm_on ctl show-vport -p -o status,host,vnic kv/vm)" = "bound:kel-hb:vmtap0"
+check "host B's vmtap0 is up" test -n "$(ip -n "$(host_ns hb)" -o link show vmtap0 up)"
+sent=$(sed -n 's/^\([0-9]*\) packets transmitted.*/\1/p' "$lv/pings")
+got=$(sed -n 's/.* \([0-9]*\) received.*/\1/p' "$lv/pings")
+lost=$((${sent:-0} - ${got:-0}))
+check "the VM kept talking through the move ($lost of ${sent:-0} pings lost)" \
+	test "${sent:-0}" -ge 50 -a "$lost" -le 25
+ln -sfn i2 "$vm_root/vm"
+lv_qemu_pid hb >"$vm_root/i2/pid"
+check "from host B it reaches host B's guest" vm_run vm 'ping -q -c 1 -W 2 10.95.0.12 >/dev/null' 20
 
-# A second start binds the port anew: what the first release let go is whole.
-lv_virsh start kelvm >/dev/null 2>&1
-check "a second virsh start binds it again" \
-	test "$(keladm_on ctl show-vport -p -o status,host,vnic kv/vm)" = "bound:kel-ha:vmtap0"
-lv_virsh destroy kelvm >/dev/null
-check "and destroy frees it" test "$(keladm_on ctl show-vport -p -o status kv/vm)" = free
+lv_virsh hb destroy kelvm >/dev/null
+check "virsh destroy on host B has its hook release the port: it is free" \
+	test "$(keladm_on ctl show-vport -p -o status kv/vm)" = free
+check "vmtap0 is gone from both hosts" \
+	fails sh -c "ip -n $(host_ns ha) link show vmtap0 || ip -n $(host_ns hb) link show vmtap0" 2>/dev/null
+
 echo "libvirt scenario done in $((SECONDS - t_all))s"
 exit $fail
