@@ -8,7 +8,9 @@
 //                 domain's UUID as its vmid (a VNIC already bound to the port is kept:
 //                 a restarted daemon, a start that failed half-way)
 // started/begin   brings up the VNICs that are down: on the host a machine moves to,
-//                 keladm makes them down until it runs there
+//                 keladm makes them down until it runs there. No hook marks the end
+//                 of an incoming move, so this is once its qemu has started, while
+//                 the memory is still copied (see kel-vm(7))
 // release/end     deletes the VNICs, releasing the ports (after a move, handing them to
 //                 the destination)
 // Every other operation passes. A failure says why on standard error and exits 1, which
