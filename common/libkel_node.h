@@ -99,12 +99,13 @@ wexo_status_t wexo_set_linkprop(wexo_handle_t handle, datalink_id_t id, const ch
  * link reach one another. A macvtap gives a virtual machine its tap device. */
 typedef enum {
 	WEXO_VNIC_MACVLAN = 1,
-	WEXO_VNIC_MACVTAP = 2
+	WEXO_VNIC_MACVTAP = 2,
+	/* Or'd into the kind: the VNIC is made down. A down VNIC takes no frames from the
+	 * others of its lower link, which then go on to wherever its MAC address is in the
+	 * fabric: the VNIC of a virtual machine still running on another host. Its user
+	 * brings it up. */
+	WEXO_VNIC_DOWN = 0x100
 } wexo_vnic_kind_t;
-/* Or'd into the kind: the VNIC is made down. A down VNIC takes no frames from the others
- * of its lower link, which then go on to wherever its MAC address is in the fabric: the
- * VNIC of a virtual machine still running on another host. Its user brings it up. */
-#define WEXO_VNIC_DOWN		0x100
 
 /* Makes the VNIC `name` ("LINK", or "NAMESPACE/LINK" to make it inside that namespace)
  * over `lower`, a link of the handle's namespace, with the MAC address `mac` (text such
