@@ -28,9 +28,26 @@ using Clock = std::chrono::steady_clock;
 // How long a lease runs: renewed at half of it, so a guest that moved to another host
 // asks that host's responder again within this.
 constexpr uint32_t kLeaseSeconds = 3600;
-// Answers per responder link and second, beyond which a guest flooding requests is
-// ignored: the responder shares keld with everything else.
+// Answers per guest and second, and per responder link and second, beyond which requests
+// are ignored: a guest flooding requests neither starves its neighbours' nor keld's other
+// work (the responder shares keld with everything else).
+constexpr int kAnswersPerGuest = 10;
 constexpr int kAnswersPerSecond = 100;
+
+// How many answers went out in the current second.
+struct Budget {
+	Clock::time_point second{};
+	int used = 0;
+
+	bool spend(Clock::time_point now, int limit)
+	{
+		if (now - second >= std::chrono::seconds(1)) {
+			second = now;
+			used = 0;
+		}
+		return used < limit && ++used > 0;
+	}
+};
 
 // Only ARP, and IPv4 UDP to port 67 that is not a fragment, reach the socket.
 const struct sock_filter kFilter[] = {
@@ -56,8 +73,8 @@ struct Endpoint {
 	Mac mac{};
 	struct in_addr addr {};
 	uint16_t mtu = 0;
-	Clock::time_point second{};
-	int answered = 0;
+	Budget all;
+	std::map<Mac, Budget> guests;	// of the guests bound here: bounded by the records
 
 	~Endpoint()
 	{
@@ -115,6 +132,8 @@ public:
 				links.emplace(v.name, v);
 		}
 		guests_ = std::move(guests);
+		for (auto &[name, e] : endpoints_)
+			std::erase_if(e->guests, [&](const auto &budget) { return guest(*e, budget.first) == nullptr; });
 		for (auto it = endpoints_.begin(); it != endpoints_.end();) {
 			const auto link = links.find(it->first);
 			const int ifindex = static_cast<int>(if_nametoindex(it->first.c_str()));
@@ -178,18 +197,13 @@ private:
 		return it == kel->second.end() ? nullptr : &it->second;
 	}
 
-	bool within_rate(Endpoint *e)
+	bool within_rate(Endpoint *e, const Mac &guest)
 	{
 		const Clock::time_point now = Clock::now();
-		if (now - e->second >= std::chrono::seconds(1)) {
-			e->second = now;
-			e->answered = 0;
-		}
-		if (e->answered >= kAnswersPerSecond) {
+		if (!e->guests[guest].spend(now, kAnswersPerGuest) || !e->all.spend(now, kAnswersPerSecond)) {
 			nuq::log::write_limited(limiter_, nuq::log::kWarning, "address responder: more requests than it answers, some ignored");
 			return false;
 		}
-		e->answered++;
 		return true;
 	}
 
@@ -204,7 +218,7 @@ private:
 		if (const auto arp = parse_arp_request(frame, len)) {
 			// Only the kel's guests on this host learn where the responder is: a guest of
 			// another host asks its own.
-			if (arp->tpa.s_addr == e->addr.s_addr && guest(*e, arp->sha) != nullptr && within_rate(e))
+			if (arp->tpa.s_addr == e->addr.s_addr && guest(*e, arp->sha) != nullptr && within_rate(e, arp->sha))
 				send(*e, arp_reply(*arp, e->mac, e->addr));
 			return;
 		}
@@ -241,7 +255,7 @@ private:
 		default:
 			return;	// a release or decline changes nothing: the address is the port's
 		}
-		if (within_rate(e))
+		if (within_rate(e, req->chaddr))
 			send(*e, answer_frame(*req, a, e->mac, e->addr));
 	}
 
