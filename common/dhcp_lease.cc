@@ -1,8 +1,11 @@
 // What a host's address responder hands a guest, taken from the binding the controller
 // returned, and the name of the responder's own link on a kel.
 #include <arpa/inet.h>
+#include <strings.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 

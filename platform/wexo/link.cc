@@ -150,6 +150,20 @@ wexo_status_t wexo_host_lower(wexo_handle_t h, struct rtnl_link *link, datalink_
 	return WEXO_STATUS_OK;
 }
 
+// Runs `use` on link `id` of the handle's namespace, looked up for it and put after.
+template <class Use>
+wexo_status_t with_link(wexo_handle_t h, datalink_id_t id, Use use)
+{
+	if (id == DATALINK_INVALID_LINKID)
+		return WEXO_STATUS_BADARG;
+	struct rtnl_link *link = nullptr;
+	wexo_status_t st = get_link(h, id, nullptr, &link);
+	if (st == WEXO_STATUS_OK)
+		st = use(link);
+	rtnl_link_put(link);
+	return st;
+}
+
 extern "C" {
 
 wexo_status_t wexo_open(wexo_handle_t *handlep) noexcept
@@ -218,55 +232,40 @@ wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *i
 wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t *flagsp,
     datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen) noexcept
 {
-	if (id == DATALINK_INVALID_LINKID)
-		return WEXO_STATUS_BADARG;
-	struct rtnl_link *link = nullptr;
-	wexo_status_t st = get_link(h, id, nullptr, &link);
-	if (st != WEXO_STATUS_OK)
-		return st;
-	if (flagsp != nullptr)
-		*flagsp = rtnl_link_get_flags(link);
-	if (classp != nullptr)
-		*classp = class_of(link);
-	if (mediap != nullptr)
-		*mediap = rtnl_link_get_arptype(link);
-	if (name != nullptr && namelen > 0)
-		std::snprintf(name, namelen, "%s", rtnl_link_get_name(link));
-	rtnl_link_put(link);
-	return WEXO_STATUS_OK;
+	return with_link(h, id, [&](struct rtnl_link *link) {
+		if (flagsp != nullptr)
+			*flagsp = rtnl_link_get_flags(link);
+		if (classp != nullptr)
+			*classp = class_of(link);
+		if (mediap != nullptr)
+			*mediap = rtnl_link_get_arptype(link);
+		if (name != nullptr && namelen > 0)
+			std::snprintf(name, namelen, "%s", rtnl_link_get_name(link));
+		return WEXO_STATUS_OK;
+	});
 }
 
 wexo_status_t wexo_link_up(wexo_handle_t h, datalink_id_t id) noexcept
 {
-	if (id == DATALINK_INVALID_LINKID)
-		return WEXO_STATUS_BADARG;
-	struct rtnl_link *link = nullptr;
-	wexo_status_t st = get_link(h, id, nullptr, &link);
-	if (st != WEXO_STATUS_OK)
+	return with_link(h, id, [&](struct rtnl_link *link) {
+		struct rtnl_link *change = rtnl_link_alloc();
+		if (change == nullptr)
+			return WEXO_STATUS_NOMEM;
+		rtnl_link_set_flags(change, IFF_UP);
+		const wexo_status_t st = wexo_from_nl(rtnl_link_change(wexo_sock(h), link, change, 0));
+		rtnl_link_put(change);
 		return st;
-	struct rtnl_link *change = rtnl_link_alloc();
-	if (change == nullptr) {
-		rtnl_link_put(link);
-		return WEXO_STATUS_NOMEM;
-	}
-	rtnl_link_set_flags(change, IFF_UP);
-	st = wexo_from_nl(rtnl_link_change(wexo_sock(h), link, change, 0));
-	rtnl_link_put(change);
-	rtnl_link_put(link);
-	return st;
+	});
 }
 
 wexo_status_t wexo_link_mtu(wexo_handle_t h, datalink_id_t id, uint32_t *mtup) noexcept
 {
-	if (id == DATALINK_INVALID_LINKID || mtup == nullptr)
+	if (mtup == nullptr)
 		return WEXO_STATUS_BADARG;
-	struct rtnl_link *link = nullptr;
-	const wexo_status_t st = get_link(h, id, nullptr, &link);
-	if (st != WEXO_STATUS_OK)
-		return st;
-	*mtup = rtnl_link_get_mtu(link);
-	rtnl_link_put(link);
-	return WEXO_STATUS_OK;
+	return with_link(h, id, [&](struct rtnl_link *link) {
+		*mtup = rtnl_link_get_mtu(link);
+		return WEXO_STATUS_OK;
+	});
 }
 
 wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *stats) noexcept

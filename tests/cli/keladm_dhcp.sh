@@ -54,9 +54,8 @@ udhcpc() { # NAMESPACE [ARGS...]: one lease, in the foreground
 for i in 1 2 3; do "$keladm" create-vnic "web/vm$i" "$(eval echo \$g$i)/eth0" >/dev/null; done
 responder=$(on_host ip -o link show | grep -o 'kel-dhcp[0-9a-f]*' | head -1)
 check "the first guest of the kel on the host brings the kel's responder link" test -n "$responder"
-check "which is bound to a port of the kel of its own" bash -c \
-	"'$keladm_bin' show-vnic -p -o vnic,kel 2>/dev/null | grep -q '^$responder:web$' || \
-	 ip netns exec '$host' '$keladm_bin' show-vnic -p -o vnic,kel | grep -q '^$responder:web$'"
+check "which is bound to a system port of the kel of its own" bash -c \
+	"ip netns exec '$host' '$keladm_bin' show-vnic -p -o vnic,kel,vport | grep -q '^$responder:web:sys-vport[0-9]*$'"
 server=$(keladm show-vnic -p -o ipaddr "$responder" | cut -d/ -f1)
 check "and takes nothing into the host's network stack" bash -c \
 	"ip netns exec '$host' nft list table netdev 'kel-sealed_$responder' | grep -q 'hook ingress'"
