@@ -132,8 +132,10 @@ public:
 				links.emplace(v.name, v);
 		}
 		guests_ = std::move(guests);
-		for (auto &[name, e] : endpoints_)
-			std::erase_if(e->guests, [&](const auto &budget) { return guest(*e, budget.first) == nullptr; });
+		for (auto &entry : endpoints_) {
+			Endpoint &e = *entry.second;
+			std::erase_if(e.guests, [&](const auto &budget) { return guest(e, budget.first) == nullptr; });
+		}
 		for (auto it = endpoints_.begin(); it != endpoints_.end();) {
 			const auto link = links.find(it->first);
 			const int ifindex = static_cast<int>(if_nametoindex(it->first.c_str()));
