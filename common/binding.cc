@@ -12,6 +12,7 @@
 #include "kelnet.h"
 #include "names.h"
 #include "owners.h"
+#include "prop_update.h"
 #include "sql.h"
 #include "text.h"
 #include "vport.h"
@@ -161,6 +162,13 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 		if ((rc = kel_db_get_kelvport(h, tenant, kelname, name, &raw)) != KEL_SUCCESS)
 			return rc;
 		k.reset(raw);
+		// A host's address responder sends only what keld builds, nothing of a guest's: its
+		// port carries no guest's guard (which would drop its router advertisements), and
+		// a change to the kel's protection passes it by.
+		if (vportname == nullptr && kel_is_dhcp_endpoint(vnic) &&
+		    (rc = kel_db_set_one_vportprop(h, static_cast<kel_vport_t *>(list_head(&k->kel_ports)), "protection",
+		         "none", 0)) != KEL_SUCCESS)
+			return rc;
 		rc = bind(h, k.get(), vnic, host, set.get());
 		k.reset();
 		if (rc == KEL_SUCCESS && (rc = kel_db_get_kelvport(h, tenant, kelname, name, &raw)) == KEL_SUCCESS)

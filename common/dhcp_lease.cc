@@ -25,6 +25,11 @@ bool parse_ip(const std::string &text, struct in_addr *out)
 	return inet_pton(AF_INET, text.c_str(), out) == 1;
 }
 
+bool parse_ip6(const std::string &text, struct in6_addr *out)
+{
+	return inet_pton(AF_INET6, text.c_str(), out) == 1;
+}
+
 }  // namespace
 
 std::string kel_dhcp_endpoint(const char *keluuid)
@@ -56,26 +61,34 @@ std::string kel_lease_text(const kelcntl_KELImplInfo *implinfo, bool endpoint)
 	lease.endpoint = endpoint;
 	const std::string text = ip;
 	const size_t slash = text.find('/');
-	// An IPv6 network is not served: its guests configure themselves.
-	if (slash == std::string::npos || !parse_ip(text.substr(0, slash), &lease.addr))
+	if (slash == std::string::npos)
+		return "";
+	if (parse_ip6(text.substr(0, slash), &lease.addr6))
+		lease.family = AF_INET6;
+	else if (!parse_ip(text.substr(0, slash), &lease.addr))
 		return "";
 	lease.plen = std::atoi(text.c_str() + slash + 1);
 	const kelcntl_IPnetInfo *net = k->ekeli_ipnets[0];
+	const char *r = kel_propattrset_lookup(net->eipi_props, net->eipi_props_count, "defrouter");
 	struct in_addr router;
-	if (const char *r = kel_propattrset_lookup(net->eipi_props, net->eipi_props_count, "defrouter");
-	    r != nullptr && parse_ip(r, &router) && router.s_addr != INADDR_ANY)
+	// An IPv6 router is not handed out (DHCPv6 has no such option): guests learn it from
+	// the router's own advertisements.
+	if (lease.family == AF_INET && r != nullptr && parse_ip(r, &router) && router.s_addr != INADDR_ANY)
 		lease.router = router;
-	// "dhcp:dns" lists the name servers, by commas or spaces; what is not an IPv4 address
-	// is left out.
+	// "dhcp:dns" lists the name servers of either family, by commas or spaces; what is
+	// not an address is left out.
 	if (const char *dns = kel_prop(k, "dhcp:dns")) {
 		const std::string list = dns;
-		for (size_t start = 0; start < list.size() && lease.dns.size() < 8;) {
+		for (size_t start = 0; start < list.size() && lease.dns.size() + lease.dns6.size() < 8;) {
 			size_t end = list.find_first_of(", ", start);
 			if (end == std::string::npos)
 				end = list.size();
 			struct in_addr a;
+			struct in6_addr a6;
 			if (parse_ip(list.substr(start, end - start), &a))
 				lease.dns.push_back(a);
+			else if (parse_ip6(list.substr(start, end - start), &a6))
+				lease.dns6.push_back(a6);
 			start = end + 1;
 		}
 	}

@@ -23,6 +23,14 @@ void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size);
 #include "kelnet.h"
 #include "uuid_text.h"
 
+// The address responder of a kel on a host answers from a link of its own over the kel's
+// lower link, bound to a system port of the kel like a guest's VNIC, under this prefix.
+inline constexpr char kDhcpEndpointPrefix[] = "kel-dhcp";
+inline bool kel_is_dhcp_endpoint(const char *vnicname)
+{
+	return std::strncmp(vnicname, kDhcpEndpointPrefix, sizeof(kDhcpEndpointPrefix) - 1) == 0;
+}
+
 // A VNIC's name, with its network namespace when it has one ("ns/vnic0").
 inline boolean_t kel_valid_zonevnicname(const char *text)
 {

@@ -9,6 +9,7 @@
 
 #include "kelcntl.h"
 #include "libkel_node.h"
+#include "names.h"
 
 // Asks the controller to bind a port of the kel to `vnicname` on `hostname`.
 int kel_assign_vport(const char *tenant, const char *kelname, const char *vportname,
@@ -22,18 +23,12 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,
     int *count);
 
-// The address responder of a kel on a host answers from a link of its own over the kel's
-// lower link, bound to a system port of the kel like a guest's VNIC: "kel-dhcp" and seven
-// hex digits of a hash of the kel's UUID (a link name has at most 15 characters).
-inline constexpr char kDhcpEndpointPrefix[] = "kel-dhcp";
+// The name of a kel's address responder link on a host (see names.h): "kel-dhcp" and
+// seven hex digits of a hash of the kel's UUID (a link name has at most 15 characters).
 std::string kel_dhcp_endpoint(const char *keluuid);
-inline bool kel_is_dhcp_endpoint(const char *vnicname)
-{
-	return std::strncmp(vnicname, kDhcpEndpointPrefix, sizeof(kDhcpEndpointPrefix) - 1) == 0;
-}
 // What the responder hands the guest of the port `implinfo` binds (or, for the responder's
 // own link, answers from), as the "field=value" lines the host records with the binding;
-// "" when the kel has no IPv4 network or its operator turned the responder off
+// "" when the kel has no network or its operator turned the responder off
 // ("dhcp:server=off").
 std::string kel_lease_text(const kelcntl_KELImplInfo *implinfo, bool endpoint);
 

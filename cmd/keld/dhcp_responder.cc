@@ -10,12 +10,15 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstring>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "dhcp4.h"
+#include "dhcp6.h"
 #include "fabric_links.h"
 #include "log.h"
 
@@ -49,21 +52,38 @@ struct Budget {
 	}
 };
 
-// Only ARP, and IPv4 UDP to port 67 that is not a fragment, reach the socket.
+// Only ARP, IPv4 UDP to port 67 that is not a fragment, IPv6 UDP to port 547 and ICMPv6
+// router solicitations (both without extension headers) reach the socket.
 const struct sock_filter kFilter[] = {
     BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 12),
-    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_ARP, 8, 0),
-    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IP, 0, 8),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_ARP, 16, 0),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IP, 0, 7),
     BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 23),
-    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 6),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 14),
     BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 20),
-    BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, 0x1fff, 4, 0),
+    BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, 0x1fff, 12, 0),
     BPF_STMT(BPF_LDX | BPF_B | BPF_MSH, 14),
     BPF_STMT(BPF_LD | BPF_H | BPF_IND, 16),
-    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 67, 0, 1),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 67, 8, 9),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ETH_P_IPV6, 0, 8),
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 20),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 17, 0, 2),
+    BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 56),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 547, 3, 4),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 58, 0, 3),
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, 54),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, 133, 0, 1),
     BPF_STMT(BPF_RET | BPF_K, 0xffff),
     BPF_STMT(BPF_RET | BPF_K, 0),
 };
+
+// The multicast groups IPv6 guests send to: all DHCP servers, all routers. The responder
+// link takes part in no IPv6 of the host's, so it joins them itself.
+const Mac kIpv6Groups[] = {{0x33, 0x33, 0, 1, 0, 2}, {0x33, 0x33, 0, 0, 0, 2}};
+
+// How often each IPv6 guest hears the responder's advertisement unasked (and at once when
+// first bound here), well within the prefix lifetime it gives.
+constexpr auto kAdvertInterval = std::chrono::seconds(600);
 
 // One responder link: its socket, and what it answers from.
 struct Endpoint {
@@ -71,10 +91,17 @@ struct Endpoint {
 	int ifindex = 0;
 	int fd = -1;
 	Mac mac{};
+	int family = AF_INET;	// of the kel's ipnet
 	struct in_addr addr {};
+	struct in6_addr prefix {};
+	int plen = 0;
 	uint16_t mtu = 0;
 	Budget all;
-	std::map<Mac, Budget> guests;	// of the guests bound here: bounded by the records
+	struct Guest {
+		Budget budget;
+		std::optional<Clock::time_point> advertised;
+	};
+	std::map<Mac, Guest> guests;	// of the guests bound here: bounded by the records
 
 	~Endpoint()
 	{
@@ -86,7 +113,7 @@ struct Endpoint {
 // A packet socket on `ifindex` that reads only what kFilter lets through and writes
 // around the link's own queueing and filters (the link's protection is a guest's, and the
 // responder's answers are no guest's).
-int open_socket(int ifindex)
+int open_socket(int ifindex, bool ipv6)
 {
 	const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 	if (fd == -1)
@@ -104,6 +131,17 @@ int open_socket(int ifindex)
 	    bind(fd, reinterpret_cast<struct sockaddr *>(&at), sizeof(at)) != 0) {
 		close(fd);
 		return -1;
+	}
+	for (const Mac &group : kIpv6Groups) {
+		struct packet_mreq mr {};
+		mr.mr_ifindex = ifindex;
+		mr.mr_type = PACKET_MR_MULTICAST;
+		mr.mr_alen = 6;
+		std::memcpy(mr.mr_address, group.data(), 6);
+		if (ipv6 && setsockopt(fd, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &mr, sizeof(mr)) != 0) {
+			close(fd);
+			return -1;
+		}
 	}
 	return fd;
 }
@@ -150,13 +188,17 @@ public:
 			auto e = std::make_unique<Endpoint>();
 			e->kel = v.lease->kel;
 			e->mac = v.mac;
+			e->family = v.lease->family;
 			e->addr = v.lease->addr;
+			e->prefix = v.lease->addr6;
+			e->plen = v.lease->plen;
 			e->ifindex = static_cast<int>(if_nametoindex(name.c_str()));
-			if (e->ifindex == 0 || (e->fd = open_socket(e->ifindex)) == -1)
+			if (e->ifindex == 0 || (e->fd = open_socket(e->ifindex, e->family == AF_INET6)) == -1)
 				continue;	// not made yet, or made by a process still at work: next time
 			e->mtu = link_mtu(e->fd, name);
 			endpoints_.emplace(name, std::move(e));
 		}
+		advertise();
 	}
 
 	std::vector<struct pollfd> fds() const
@@ -202,7 +244,7 @@ private:
 	bool within_rate(Endpoint *e, const Mac &guest)
 	{
 		const Clock::time_point now = Clock::now();
-		if (!e->guests[guest].spend(now, kAnswersPerGuest) || !e->all.spend(now, kAnswersPerSecond)) {
+		if (!e->guests[guest].budget.spend(now, kAnswersPerGuest) || !e->all.spend(now, kAnswersPerSecond)) {
 			nuq::log::write_limited(limiter_, nuq::log::kWarning, "address responder: more requests than it answers, some ignored");
 			return false;
 		}
@@ -214,7 +256,68 @@ private:
 		(void)::send(e.fd, frame.data(), frame.size(), MSG_DONTWAIT);
 	}
 
+	// Each IPv6 guest bound here hears the advertisement when it comes and now and then
+	// after, unasked: a guest whose solicitations went before its binding (or before it
+	// moved here) learns the link all the same. Not counted against its budget: the
+	// guest does not make these.
+	void advertise()
+	{
+		const Clock::time_point now = Clock::now();
+		for (auto &[name, e] : endpoints_) {
+			if (e->family != AF_INET6)
+				continue;
+			const auto kel = guests_.find(e->kel);
+			if (kel == guests_.end())
+				continue;
+			for (const auto &[mac, lease] : kel->second) {
+				Endpoint::Guest &g = e->guests[mac];
+				if (!g.advertised || now - *g.advertised >= kAdvertInterval) {
+					send(*e, kel::dhcp6::router_advert(mac, e->mac, advert(*e, lease)));
+					g.advertised = now;
+				}
+			}
+		}
+	}
+
+	static kel::dhcp6::Advert advert(const Endpoint &e, const wexo::fabric::Lease &lease)
+	{
+		kel::dhcp6::Advert a;
+		a.prefix = e.prefix;
+		a.plen = e.plen;
+		a.mtu = e.mtu;
+		a.other = !lease.dns6.empty();
+		a.lifetime = kLeaseSeconds;
+		return a;
+	}
+
 	void answer(Endpoint *e, const uint8_t *frame, size_t len)
+	{
+		if (e->family == AF_INET6)
+			answer6(e, frame, len);
+		else
+			answer4(e, frame, len);
+	}
+
+	void answer6(Endpoint *e, const uint8_t *frame, size_t len)
+	{
+		if (const auto asker = kel::dhcp6::parse_router_solicit(frame, len)) {
+			const wexo::fabric::Lease *lease = guest(*e, *asker);
+			if (lease != nullptr && within_rate(e, *asker))
+				send(*e, kel::dhcp6::router_advert(*asker, e->mac, advert(*e, *lease)));
+			return;
+		}
+		const auto req = kel::dhcp6::parse_request(frame, len);
+		if (!req)
+			return;
+		const wexo::fabric::Lease *lease = guest(*e, req->source);
+		if (lease == nullptr || lease->family != AF_INET6)
+			return;
+		const kel::dhcp6::Lease l{lease->addr6, kLeaseSeconds, lease->dns6};
+		if (const auto out = kel::dhcp6::answer_frame(*req, l, e->mac); out && within_rate(e, req->source))
+			send(*e, *out);
+	}
+
+	void answer4(Endpoint *e, const uint8_t *frame, size_t len)
 	{
 		using namespace kel::dhcp4;
 		if (const auto arp = parse_arp_request(frame, len)) {
@@ -228,7 +331,7 @@ private:
 		if (!req || req->source != req->chaddr)
 			return;
 		const wexo::fabric::Lease *lease = guest(*e, req->chaddr);
-		if (lease == nullptr)
+		if (lease == nullptr || lease->family != AF_INET)
 			return;
 		// A request that names another server's offer is that server's to answer.
 		if (req->server && req->server->s_addr != e->addr.s_addr)

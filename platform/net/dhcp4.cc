@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "frame_bytes.h"
+
 namespace kel::dhcp4 {
 namespace {
 
@@ -13,41 +15,12 @@ constexpr size_t kBootp = 240;
 constexpr uint8_t kCookie[4] = {99, 130, 83, 99};
 constexpr uint16_t kServerPort = 67, kClientPort = 68;
 
-uint16_t get16(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+using frame::ethernet;
+using frame::get16;
+using frame::put16;
+using frame::put_mac;
 
-void put16(std::vector<uint8_t> *out, uint16_t v)
-{
-	out->push_back(static_cast<uint8_t>(v >> 8));
-	out->push_back(static_cast<uint8_t>(v));
-}
-
-void put_addr(std::vector<uint8_t> *out, struct in_addr a)
-{
-	const auto *b = reinterpret_cast<const uint8_t *>(&a.s_addr);
-	out->insert(out->end(), b, b + 4);
-}
-
-void put_mac(std::vector<uint8_t> *out, const Mac &m) { out->insert(out->end(), m.begin(), m.end()); }
-
-// The one's complement sum of `len` bytes from `p`, folded, for the IPv4 header.
-uint16_t checksum(const uint8_t *p, size_t len)
-{
-	uint32_t sum = 0;
-	for (size_t i = 0; i + 1 < len; i += 2)
-		sum += get16(p + i);
-	if (len % 2 != 0)
-		sum += static_cast<uint32_t>(p[len - 1]) << 8;
-	while (sum >> 16)
-		sum = (sum & 0xffff) + (sum >> 16);
-	return static_cast<uint16_t>(~sum);
-}
-
-void ethernet(std::vector<uint8_t> *out, const Mac &dst, const Mac &src, uint16_t type)
-{
-	put_mac(out, dst);
-	put_mac(out, src);
-	put16(out, type);
-}
+void put_addr(std::vector<uint8_t> *out, struct in_addr a) { frame::put_bytes(out, &a.s_addr, 4); }
 
 }  // namespace
 
@@ -178,7 +151,7 @@ std::vector<uint8_t> answer_frame(const Request &req, const Answer &a, const Mac
 	put16(&out, 0);
 	put_addr(&out, server);
 	put_addr(&out, dst);
-	const uint16_t sum = checksum(out.data() + ip, kIp);
+	const uint16_t sum = frame::fold(frame::sum16(out.data() + ip, kIp));
 	out[ip + 10] = static_cast<uint8_t>(sum >> 8);
 	out[ip + 11] = static_cast<uint8_t>(sum);
 	put16(&out, kServerPort);

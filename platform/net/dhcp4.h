@@ -10,9 +10,11 @@
 #include <optional>
 #include <vector>
 
+#include "frame_bytes.h"
+
 namespace kel::dhcp4 {
 
-using Mac = std::array<uint8_t, 6>;
+using Mac = kel::frame::Mac;
 
 // DHCP message types.
 enum : uint8_t { kDiscover = 1, kOffer = 2, kRequest = 3, kDecline = 4, kAck = 5, kNak = 6, kRelease = 7, kInform = 8 };

@@ -76,15 +76,18 @@ std::optional<Vnic> read_vnic(const std::string &name)
 	return v;
 }
 
-std::string ip_text(const struct in_addr &a)
+std::string ip_text(int family, const void *a)
 {
-	char buf[INET_ADDRSTRLEN];
-	return inet_ntop(AF_INET, &a, buf, sizeof(buf)) != nullptr ? buf : "";
+	char buf[INET6_ADDRSTRLEN];
+	return inet_ntop(family, a, buf, sizeof(buf)) != nullptr ? buf : "";
 }
 
-bool parse_ip(const std::string &text, struct in_addr *out)
+// The address `text` of either family into `v4` or `v6`: its family, or 0.
+int parse_ip(const std::string &text, struct in_addr *v4, struct in6_addr *v6)
 {
-	return text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), out) == 1;
+	if (text.find('\0') != std::string::npos)
+		return 0;
+	return inet_pton(AF_INET, text.c_str(), v4) == 1 ? AF_INET : inet_pton(AF_INET6, text.c_str(), v6) == 1 ? AF_INET6 : 0;
 }
 
 // A UUID's text: 36 characters of hex digits and dashes.
@@ -102,15 +105,17 @@ bool valid_uuid(const std::string &text)
 
 std::string lease_text(const Lease &l)
 {
-	std::string text = "kel=" + l.kel + "\naddr=" + ip_text(l.addr) + "/" + std::to_string(l.plen) + "\n";
+	const std::string addr = l.family == AF_INET6 ? ip_text(AF_INET6, &l.addr6) : ip_text(AF_INET, &l.addr);
+	std::string text = "kel=" + l.kel + "\naddr=" + addr + "/" + std::to_string(l.plen) + "\n";
 	if (l.router)
-		text += "router=" + ip_text(*l.router) + "\n";
-	if (!l.dns.empty()) {
-		text += "dns=";
-		for (size_t i = 0; i < l.dns.size(); i++)
-			text += (i > 0 ? " " : "") + ip_text(l.dns[i]);
-		text += "\n";
-	}
+		text += "router=" + ip_text(AF_INET, &*l.router) + "\n";
+	std::string dns;
+	for (const struct in_addr &a : l.dns)
+		dns += (dns.empty() ? "" : " ") + ip_text(AF_INET, &a);
+	for (const struct in6_addr &a : l.dns6)
+		dns += (dns.empty() ? "" : " ") + ip_text(AF_INET6, &a);
+	if (!dns.empty())
+		text += "dns=" + dns + "\n";
 	if (l.endpoint)
 		text += "role=endpoint\n";
 	return text;
@@ -122,15 +127,17 @@ std::optional<Lease> parse_lease(const std::string &text)
 	l.kel = field(text, "kel");
 	const std::string addr = field(text, "addr");
 	const size_t slash = addr.find('/');
-	if (!valid_uuid(l.kel) || slash == std::string::npos || !parse_ip(addr.substr(0, slash), &l.addr))
+	if (!valid_uuid(l.kel) || slash == std::string::npos ||
+	    (l.family = parse_ip(addr.substr(0, slash), &l.addr, &l.addr6)) == 0)
 		return std::nullopt;
 	const std::string plen = addr.substr(slash + 1);
-	if (plen.empty() || plen.size() > 2 || plen.find_first_not_of("0123456789") != std::string::npos ||
-	    (l.plen = std::stoi(plen)) > 32)
+	if (plen.empty() || plen.size() > 3 || plen.find_first_not_of("0123456789") != std::string::npos ||
+	    (l.plen = std::stoi(plen)) > (l.family == AF_INET ? 32 : 128))
 		return std::nullopt;
 	if (const std::string router = field(text, "router"); !router.empty()) {
 		struct in_addr r;
-		if (!parse_ip(router, &r))
+		struct in6_addr r6;
+		if (l.family != AF_INET || parse_ip(router, &r, &r6) != AF_INET)
 			return std::nullopt;
 		l.router = r;
 	}
@@ -140,9 +147,14 @@ std::optional<Lease> parse_lease(const std::string &text)
 		if (end == std::string::npos)
 			end = dns.size();
 		struct in_addr a;
-		if (!parse_ip(dns.substr(start, end - start), &a) || l.dns.size() >= 8)
+		struct in6_addr a6;
+		const int family = parse_ip(dns.substr(start, end - start), &a, &a6);
+		if (family == 0 || l.dns.size() + l.dns6.size() >= 8)
 			return std::nullopt;
-		l.dns.push_back(a);
+		if (family == AF_INET)
+			l.dns.push_back(a);
+		else
+			l.dns6.push_back(a6);
 		start = end + 1;
 	}
 	const std::string role = field(text, "role");

@@ -23,10 +23,13 @@ namespace wexo::fabric {
 // answering while the controller is away.
 struct Lease {
 	std::string kel;		// the kel's UUID text
-	struct in_addr addr {};		// the port's address
+	int family = AF_INET;		// of the port's address: AF_INET or AF_INET6
+	struct in_addr addr {};		// the port's address, IPv4
+	struct in6_addr addr6 {};	// or IPv6
 	int plen = 0;			// the ipnet's prefix length
-	std::optional<struct in_addr> router;
-	std::vector<struct in_addr> dns;
+	std::optional<struct in_addr> router;	// IPv4 only: an IPv6 router advertises itself
+	std::vector<struct in_addr> dns;	// name servers of each family
+	std::vector<struct in6_addr> dns6;
 	bool endpoint = false;		// the responder's own link, not a guest's
 };
 

@@ -18,16 +18,17 @@ host=keldh-$$
 g1=keldg1-$$
 g2=keldg2-$$
 g3=keldg3-$$
+g4=keldg4-$$
 keld_pid=
 cleanup() {
-	[ -f "$root/g2.pid" ] && kill "$(cat "$root/g2.pid")" 2>/dev/null
+	for pid in "$root"/g*.pid; do [ -f "$pid" ] && kill "$(cat "$pid")" 2>/dev/null; done
 	[ -n "$keld_pid" ] && kill "$keld_pid" 2>/dev/null && wait "$keld_pid" 2>/dev/null
-	for ns in "$g1" "$g2" "$g3" "$host"; do ip netns del "$ns" 2>/dev/null; done
+	for ns in "$g1" "$g2" "$g3" "$g4" "$host"; do ip netns del "$ns" 2>/dev/null; done
 	rm -rf "$root"
 }
 trap cleanup EXIT
 host_node "$host" 10.86.0.1 || skip "network namespaces and veth links cannot be made here"
-for g in "$g1" "$g2" "$g3"; do ip netns add "$g"; done
+for g in "$g1" "$g2" "$g3" "$g4"; do ip netns add "$g"; done
 
 "$keladm" create-kel -p l2-type=vxlan,vni=5200,dhcp:dns=10.87.0.53,10.87.0.54 web >/dev/null
 "$keladm" add-ipnet -p subnet=10.87.0.0/24 web/front >/dev/null
@@ -69,6 +70,26 @@ check "from the host's responder, which answers ARP for its address to the kel's
 ip netns exec "$g2" dhclient -1 -sf /bin/true -lf "$root/g2.leases" -pf "$root/g2.pid" eth0 >/dev/null 2>&1
 check "dhclient gets its port's address and MTU" bash -c \
 	"grep -q 'fixed-address 10.87.0.12;' '$root/g2.leases' && grep -q 'option interface-mtu 1450;' '$root/g2.leases'"
+
+# An IPv6 kel: the responder advertises the prefix as on the link, with addresses from
+# DHCPv6, and answers dhclient -6 with the port's address and the name server.
+"$keladm" create-kel -p l2-type=vxlan,vni=5201,dhcp:dns=2001:db8:53::1 web6 >/dev/null
+"$keladm" add-ipnet -p subnet=2001:db8:87::/64 web6/front6 >/dev/null
+"$keladm" add-vport -p ipaddr=2001:db8:87::11 web6/vm1 >/dev/null
+"$keladm" create-vnic web6/vm1 "$g4/eth0" >/dev/null
+for _ in $(seq 50); do
+	[ -z "$(ip -n "$g4" -6 addr show dev eth0 tentative)" ] && ip -n "$g4" -6 addr show dev eth0 | grep -q fe80 && break
+	sleep 0.1
+done
+ip netns exec "$g4" timeout 20 dhclient -6 -1 -sf /bin/true -lf "$root/g4.leases" -pf "$root/g4.pid" eth0 >/dev/null 2>&1
+check "dhclient -6 gets its port's address and the name server" bash -c \
+	"grep -q 'iaaddr 2001:db8:87::11 ' '$root/g4.leases' && grep -q 'option dhcp6.name-servers 2001:db8:53::1;' '$root/g4.leases'"
+# The prefix's route comes from the advertisement alone, with its lifetime.
+check "and the guest learns the prefix is on the link, from the responder's advertisement" bash -c \
+	"ip -n '$g4' -6 route show 2001:db8:87::/64 | grep -q expires"
+check "whose port carries no guest's guard" bash -c \
+	"ip netns exec '$host' '$keladm_bin' show-vportprop -P protection -o vport,value web6 | grep -qx 'web6/sys-vport0 *none'"
+keladm delete-vnic "$g4/eth0" >/dev/null
 
 mac1=$(keladm show-vnic -p -o macaddr "$g1/eth0")
 check "a request for another port's MAC address gets nothing" bash -c \
