@@ -313,12 +313,15 @@ int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, cons
  * The whole VNIC in one call, for the tools that put guests on a kel.
  *
  * kel_vnic_create binds a port of kel `kelname` (tenant NULL: "sys-global"; `vportname`
- * NULL: a new system port) to `vnicname` ("LINK", or "NAMESPACE/LINK" for a namespace
- * under /run/netns), makes the VNIC of `kind` over the lower link with the port's MAC
- * address (its MTU is the lower link's: the VXLAN link's is its underlay's less the
- * encapsulation), and gives it the port's link properties. With KEL_VNIC_ADDRESS it also
- * gives the VNIC the port's address with the ipnet's prefix length and a default route
- * through the ipnet's router. `extra` is the binding's property text ("vmid=..." for a
+ * NULL: a new system port) to `vnicname` ("LINK", "NAMESPACE/LINK" for a namespace
+ * under /run/netns, or "PATH/LINK" for the namespace file at PATH, such as
+ * /proc/PID/ns/net: see kel_vnic_name), makes the VNIC of `kind` over the lower link with
+ * the port's MAC address (its MTU is the lower link's: the VXLAN link's is its
+ * underlay's less the encapsulation), and gives it the port's link properties. With
+ * KEL_VNIC_ADDRESS it also gives the VNIC the port's address with the ipnet's prefix
+ * length and a default route through the ipnet's router, unless the namespace has a
+ * default route of that family already (with KEL_VNIC_DEFAULT_ROUTE as well, this one
+ * takes its place). `extra` is the binding's property text ("vmid=..." for a
  * virtual machine that may migrate; may be NULL). A macvtap whose port stays bound to
  * another host (the destination of a virtual machine's move) is made down (kv_down), so that the
  * kel's traffic to the machine keeps going to the host it still runs on: the hypervisor
@@ -330,8 +333,17 @@ int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, cons
  * (or, when none is bound to it here, the one `extra` selects), and removes the lower
  * link when it was made for VNICs and nothing else uses it. A VNIC already gone still has
  * its port released; KEL_E_VPORT_NOTFOUND when there is neither VNIC nor port.
+ *
+ * kel_vnic_name writes into `buf` the name the fabric knows VNIC `vnicname` by:
+ * "NAMESPACE/LINK" for "PATH/LINK" (PATH absolute), the namespace's name under
+ * /run/netns; unchanged for any other form. A namespace without a name there gets one
+ * with KEL_VNIC_NAME_ATTACH ("kel-ns-" and its inode number in hex, a bind mount that
+ * kel_vnic_remove takes away with the namespace's last VNIC), and is KEL_E_NOTFOUND
+ * without. A PATH that is no network namespace is KEL_E_INVALID_ARGS.
  */
 #define KEL_VNIC_ADDRESS	0x1
+#define KEL_VNIC_DEFAULT_ROUTE	0x2
+#define KEL_VNIC_NAME_ATTACH	0x1
 
 #define KEL_VNIC_STAGE_BIND	1	/* binding the port, preparing the lower link */
 #define KEL_VNIC_STAGE_MAKE	2	/* making the link */
@@ -353,6 +365,7 @@ int kel_vnic_create(const char *tenant, const char *kelname, const char *vportna
 /* NULL is accepted. */
 void kel_vnic_free(kel_vnic_t *vnic) KEL_NOEXCEPT;
 int kel_vnic_remove(const char *vnicname, const char *extra, uint32_t flags) KEL_NOEXCEPT;
+int kel_vnic_name(const char *vnicname, uint32_t flags, char *buf, size_t size) KEL_NOEXCEPT;
 
 /* The ports bound to `vnicname` on this host, as the controller knows them (none: *count
  * 0). Free with kelcntl_VPortInfo_array_free. */

@@ -16,6 +16,7 @@
 #include "link_internal.h"
 #include "link_lock.h"
 #include "names.h"
+#include "netns_path.h"
 #include "nft.h"
 #include "owners.h"
 #include "text.h"
@@ -109,7 +110,7 @@ public:
 	}
 	// The port's address with the ipnet's prefix length, and a default route through the
 	// ipnet's router when it has one.
-	int address(wexo_handle_t guest)
+	int address(wexo_handle_t guest, uint32_t flags)
 	{
 		const char *ip = port_prop(port(), "ipaddr");
 		const kelcntl_KELInfo *k = info_->ekelii_kelinfo;
@@ -126,8 +127,12 @@ public:
 		const std::string addr(ip, std::strcspn(ip, "/"));
 		const bool routed = router != nullptr && router[0] != '\0' && std::strcmp(router, "0.0.0.0") != 0 &&
 		                    std::strcmp(router, "::") != 0;
-		const wexo_status_t st = wexo_link_set_ipaddr(guest, id_, addr.c_str(), static_cast<uint32_t>(plen),
-		    routed ? router : nullptr);
+		wexo_status_t st = wexo_link_set_ipaddr(guest, id_, addr.c_str(), static_cast<uint32_t>(plen), nullptr);
+		// A namespace that has a default route already (a container's second network)
+		// keeps it unless the caller asks for this one.
+		if (st == WEXO_STATUS_OK && routed &&
+		    (st = wexo_default_route(guest, id_, router, (flags & KEL_VNIC_DEFAULT_ROUTE) != 0)) == WEXO_STATUS_EXIST)
+			st = WEXO_STATUS_OK;
 		return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
 	}
 	const kelcntl_KELInfo *kel() const { return info_->ekelii_kelinfo; }
@@ -183,7 +188,7 @@ int vnic_create(const char *tenant, const char *kel, const char *vport, const ch
 		return rc;
 	out->kv_stage = KEL_VNIC_STAGE_ADDRESS;
 	if ((flags & KEL_VNIC_ADDRESS) != 0)
-		if (int rc = m.address(guest.get()); rc != KEL_SUCCESS)
+		if (int rc = m.address(guest.get(), flags); rc != KEL_SUCCESS)
 			return rc;
 	// The guest learns its address from this host's responder on the kel, which is there
 	// before the VNIC is handed over.
@@ -324,10 +329,19 @@ int kel_vnic_create(const char *tenant, const char *kelname, const char *vportna
 	if (vnic == nullptr)
 		return KEL_E_INVALID_ARGS;
 	std::memset(vnic, 0, sizeof(*vnic));
-	if (kelname == nullptr || vnicname == nullptr || !kel_valid_zonevnicname(vnicname) ||
-	    (kind != WEXO_VNIC_MACVLAN && kind != WEXO_VNIC_MACVTAP) || (flags & ~KEL_VNIC_ADDRESS) != 0)
+	if (kelname == nullptr || vnicname == nullptr || (kind != WEXO_VNIC_MACVLAN && kind != WEXO_VNIC_MACVTAP) ||
+	    (flags & ~(KEL_VNIC_ADDRESS | KEL_VNIC_DEFAULT_ROUTE)) != 0)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return vnic_create(tenant, kelname, vportname, vnicname, extra, kind, flags, vnic); });
+	return kel::c_boundary([&] {
+		std::string name;
+		int rc = kel_vnic_by_name(vnicname, true, &name);
+		if (rc == KEL_SUCCESS)
+			rc = kel_valid_zonevnicname(name.c_str()) ? vnic_create(tenant, kelname, vportname, name.c_str(), extra, kind, flags, vnic)
+			                                          : KEL_E_INVALID_ARGS;
+		if (rc != KEL_SUCCESS)
+			kel_netns_release(netns_of(name));	// a name given for this VNIC alone
+		return rc;
+	});
 }
 
 void kel_vnic_free(kel_vnic_t *vnic) noexcept
@@ -340,9 +354,35 @@ void kel_vnic_free(kel_vnic_t *vnic) noexcept
 
 int kel_vnic_remove(const char *vnicname, const char *extra, uint32_t flags) noexcept
 {
-	if (vnicname == nullptr || !kel_valid_zonevnicname(vnicname) || flags != 0)
+	if (vnicname == nullptr || flags != 0)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return vnic_remove(vnicname, extra); });
+	return kel::c_boundary([&] {
+		std::string name;
+		if (int rc = kel_vnic_by_name(vnicname, false, &name); rc != KEL_SUCCESS)
+			return rc;
+		if (!kel_valid_zonevnicname(name.c_str()))
+			return KEL_E_INVALID_ARGS;
+		const int rc = vnic_remove(name.c_str(), extra);
+		kel_netns_release(netns_of(name));
+		return rc;
+	});
+}
+
+int kel_vnic_name(const char *vnicname, uint32_t flags, char *buf, size_t size) noexcept
+{
+	if (vnicname == nullptr || buf == nullptr || size == 0 || (flags & ~KEL_VNIC_NAME_ATTACH) != 0)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] {
+		std::string name;
+		int rc = kel_vnic_by_name(vnicname, (flags & KEL_VNIC_NAME_ATTACH) != 0, &name);
+		if (rc == KEL_SUCCESS && !kel_valid_zonevnicname(name.c_str()))
+			rc = KEL_E_INVALID_ARGS;
+		if (rc == KEL_SUCCESS && name.size() >= size)
+			rc = KEL_E_NOSPACE;
+		if (rc == KEL_SUCCESS)
+			std::memcpy(buf, name.c_str(), name.size() + 1);
+		return rc;
+	});
 }
 
 }  // extern "C"

@@ -94,6 +94,7 @@ struct Options {
 	bool force = false;	// -f
 	bool macvtap = false;	// --macvtap (create-vnic)
 	bool address = false;	// --address (create-vnic)
+	bool default_route = false;	// --default-route (create-vnic)
 	bool may_exist = false;	// --may-exist: an object of that name is success
 	bool if_exists = false;	// --if-exists: no such object is success
 	bool repair = false;	// --repair (check-store)

@@ -139,12 +139,13 @@ const Subcommand kSubcommands[] = {
 	    .options = kTenant | kShow | kNames, .run = show_ipnetprop, .fields = kIpnetpropFields,
 	    .example = "keladm show-ipnetprop web/front"},
 	{.name = "create-vnic",
-	    .usage = "[-T tenant] [-p vmid=ID,...] [--macvtap] [--address] [--may-exist] KEL[/VPORT] [NAMESPACE/]VNIC",
-	    .summary = "on a host: bind a port to a new VNIC over the kel's link here (in NAMESPACE when given)",
+	    .usage = "[-T tenant] [-p vmid=ID,...] [--macvtap] [--address [--default-route]] [--may-exist] KEL[/VPORT] [NAMESPACE/]VNIC",
+	    .summary = "on a host: bind a port to a new VNIC over the kel's link here (in NAMESPACE: a name or a path)",
 	    .options = kTenant | kChange | kVnic | kEcho | kMayExist, .run = create_vnic, .fields = kVnicFields,
 	    .props = "vmid=ID\tthe virtual machine's ID: a second host's VNIC with the same vmid\n"
 	             "\ttakes the port along when the VM migrates\n",
 	    .example = "keladm create-vnic --address web guest1/eth0\n"
+	               "keladm create-vnic --address web /proc/4242/ns/net/eth1\n"
 	               "keladm create-vnic --macvtap -p vmid=42 web/vm2 vm2"},
 	{.name = "delete-vnic", .usage = "[--if-exists] [NAMESPACE/]VNIC",
 	    .summary = "on a host: remove a VNIC and release its port", .options = kIfExists, .run = delete_vnic, .example = "keladm delete-vnic guest1/eth0"},

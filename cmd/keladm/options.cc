@@ -22,6 +22,7 @@ enum LongOption : int {
 	kOptHelp,
 	kOptMacvtap,
 	kOptAddress,
+	kOptDefaultRoute,
 	kOptMayExist,
 	kOptIfExists,
 	kOptRepair,
@@ -42,7 +43,8 @@ constexpr OptionDoc kOptionDocs[] = {
 	{kForce, "-f", "remove-vport: even while bound; reset-vport: without asking the host"},
 	{kNames, "-P PROP,...", "only these properties"},
 	{kVnic, "--macvtap", "make a macvtap, for a virtual machine (default: a macvlan)"},
-	{kVnic, "--address", "give the VNIC the port's address and its network's default router"},
+	{kVnic, "--address", "give the VNIC the port's address, and a default route if there is none"},
+	{kVnic, "--default-route", "with --address: the network's router replaces the default route"},
 	{kMayExist, "--may-exist", "an object of that name already there is success, not an error"},
 	{kIfExists, "--if-exists", "no such object is success, not an error"},
 	{kRepair, "--repair", "put back what an older version leaked"},
@@ -85,6 +87,7 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 	offer(output, "parseable", kOptParseable);
 	offer(set & kVnic, "macvtap", kOptMacvtap);
 	offer(set & kVnic, "address", kOptAddress);
+	offer(set & kVnic, "default-route", kOptDefaultRoute);
 	offer(set & kMayExist, "may-exist", kOptMayExist);
 	offer(set & kIfExists, "if-exists", kOptIfExists);
 	offer(set & kRepair, "repair", kOptRepair);
@@ -134,6 +137,7 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 		case 'f': opts->force = true; break;
 		case kOptMacvtap: opts->macvtap = true; break;
 		case kOptAddress: opts->address = true; break;
+		case kOptDefaultRoute: opts->default_route = true; break;
 		case kOptMayExist: opts->may_exist = true; break;
 		case kOptIfExists: opts->if_exists = true; break;
 		case kOptRepair: opts->repair = true; break;

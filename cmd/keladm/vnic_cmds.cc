@@ -8,6 +8,7 @@
 #include "keladm.h"
 #include "libkel_node.h"
 #include "node_calls.h"
+#include "error_code.h"
 #include "owners.h"
 
 namespace keladm {
@@ -140,7 +141,11 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 	} else {
 		return usage_error(cmd, std::string("'") + target + "' is not a kel name");
 	}
-	const std::string vnic = opts.operands[1];
+	// A namespace given by its path is known by its name under /run/netns from here on.
+	char name[256 + MAXLINKNAMELEN];	// a namespace name, "/" and a link name
+	if (int rc = node().kel_vnic_name(opts.operands[1], KEL_VNIC_NAME_ATTACH, name, sizeof(name)); rc != KEL_SUCCESS)
+		return fail(std::string("cannot use '") + opts.operands[1] + "' as a VNIC", rc);
+	const std::string vnic = name;
 	// The controller answers a VNIC it already knows with that VNIC's binding, so a name
 	// that is taken is refused by the library; --may-exist takes the VNIC there, bound to a
 	// port of this kel (the one named), for the one asked for.
@@ -168,7 +173,7 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 	kel_vnic_t made;
 	const int rc = node().kel_vnic_create(opts.tenant.c_str(), kel, vport[0] != '\0' ? vport : nullptr, vnic.c_str(),
 	    opts.props.empty() ? nullptr : opts.props.c_str(), opts.macvtap ? WEXO_VNIC_MACVTAP : WEXO_VNIC_MACVLAN,
-	    opts.address ? KEL_VNIC_ADDRESS : 0, &made);
+	    (opts.address ? KEL_VNIC_ADDRESS : 0) | (opts.default_route ? KEL_VNIC_DEFAULT_ROUTE : 0), &made);
 	if (rc != KEL_SUCCESS)
 		return fail(failed_step(made.kv_stage, kel, vnic), rc);
 	const kel::Owned<kel_vnic_t, kel_vnic_free_call> owned(&made);
@@ -194,7 +199,13 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 		return kExitFailed;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "give the VNIC's name");
-	const std::string vnic = opts.operands[0];
+	char name[256 + MAXLINKNAMELEN];	// a namespace name, "/" and a link name
+	const int named = node().kel_vnic_name(opts.operands[0], 0, name, sizeof(name));
+	if (named == KEL_E_NOTFOUND || named == kel::sys_error(ENOENT))
+		return opts.if_exists ? kExitOk : fail(std::string("no VNIC '") + opts.operands[0] + "': no such namespace", named);
+	if (named != KEL_SUCCESS)
+		return fail(std::string("cannot use '") + opts.operands[0] + "' as a VNIC", named);
+	const std::string vnic = name;
 	// A VNIC gone already (its namespace went) still has its port released; say so, for
 	// the operator may have named the wrong one.
 	Handle guest;

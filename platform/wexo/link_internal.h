@@ -27,6 +27,9 @@ wexo_status_t wexo_host_lower(wexo_handle_t h, struct rtnl_link *link, datalink_
 // addresses of the VNICs recorded over it, or removes it when none is; the caller holds
 // the link's lock.
 wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower);
+// A default route of the family of `router` through it on link `id`: WEXO_STATUS_EXIST
+// when the namespace has one already, unless `replace`, which takes its place.
+wexo_status_t wexo_default_route(wexo_handle_t h, datalink_id_t id, const char *router, bool replace);
 // Drops what the link properties left for a link that is being removed.
 void wexo_linkprop_forget(wexo_handle_t h, const char *ifname);
 // Whether any link is made over `id` or enslaved to it: in its own namespace, or, for a

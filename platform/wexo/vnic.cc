@@ -168,20 +168,58 @@ wexo_status_t wexo_vnic_lower(wexo_handle_t h, const char *name, datalink_id_t *
 	});
 }
 
+}  // extern "C"
+
+wexo_status_t wexo_default_route(wexo_handle_t h, datalink_id_t id, const char *router, bool replace)
+{
+	if (h == nullptr || id == DATALINK_INVALID_LINKID || router == nullptr)
+		return WEXO_STATUS_BADARG;
+	struct nl_addr *gw = nullptr;
+	if (nl_addr_parse(router, AF_UNSPEC, &gw) != 0 || nl_addr_get_prefixlen(gw) != nl_addr_get_len(gw) * 8) {
+		nl_addr_put(gw);
+		return WEXO_STATUS_BADVAL;
+	}
+	struct rtnl_route *r = rtnl_route_alloc();
+	struct rtnl_nexthop *nh = rtnl_route_nh_alloc();
+	struct nl_addr *any = nullptr;
+	int err = r == nullptr || nh == nullptr ? -NLE_NOMEM
+	    : nl_addr_parse(nl_addr_get_family(gw) == AF_INET6 ? "::/0" : "0.0.0.0/0", AF_UNSPEC, &any);
+	if (err == 0) {
+		rtnl_route_set_family(r, static_cast<uint8_t>(nl_addr_get_family(gw)));
+		rtnl_route_set_dst(r, any);
+		rtnl_route_nh_set_gateway(nh, gw);
+		rtnl_route_nh_set_ifindex(nh, static_cast<int>(id));
+		rtnl_route_add_nexthop(r, nh);
+		nh = nullptr;	// the route owns it now
+		err = rtnl_route_add(wexo_sock(h), r, NLM_F_CREATE | (replace ? NLM_F_REPLACE : NLM_F_EXCL));
+	}
+	if (nh != nullptr)
+		rtnl_route_nh_free(nh);
+	rtnl_route_put(r);
+	nl_addr_put(any);
+	nl_addr_put(gw);
+	return wexo_from_nl(err);
+}
+
+extern "C" {
+
 wexo_status_t wexo_link_set_ipaddr(wexo_handle_t h, datalink_id_t id, const char *addr,
     uint32_t prefixlen, const char *router) noexcept
 {
 	return kel::wexo_boundary([&]() -> wexo_status_t {
 		if (h == nullptr || id == DATALINK_INVALID_LINKID || addr == nullptr)
 			return WEXO_STATUS_BADARG;
-		struct nl_addr *local = nullptr, *gw = nullptr;
+		struct nl_addr *local = nullptr;
 		const std::string text = std::string(addr) + "/" + std::to_string(prefixlen);
 		if (nl_addr_parse(text.c_str(), AF_UNSPEC, &local) != 0)
 			return WEXO_STATUS_BADVAL;
-		if (router != nullptr && (nl_addr_parse(router, nl_addr_get_family(local), &gw) != 0 ||
-		                             nl_addr_get_prefixlen(gw) != nl_addr_get_len(gw) * 8)) {
+		struct nl_addr *gw = nullptr;
+		const bool router_ok = router == nullptr ||
+		    (nl_addr_parse(router, nl_addr_get_family(local), &gw) == 0 &&
+		        nl_addr_get_prefixlen(gw) == nl_addr_get_len(gw) * 8);
+		nl_addr_put(gw);
+		if (!router_ok) {
 			nl_addr_put(local);
-			nl_addr_put(gw);
 			return WEXO_STATUS_BADVAL;
 		}
 		struct rtnl_addr *a = rtnl_addr_alloc();
@@ -193,29 +231,10 @@ wexo_status_t wexo_link_set_ipaddr(wexo_handle_t h, datalink_id_t id, const char
 		if (err == 0)
 			err = rtnl_addr_add(wexo_sock(h), a, 0);
 		rtnl_addr_put(a);
-		if (err == 0 && gw != nullptr) {
-			struct rtnl_route *r = rtnl_route_alloc();
-			struct rtnl_nexthop *nh = rtnl_route_nh_alloc();
-			struct nl_addr *any = nullptr;
-			err = r == nullptr || nh == nullptr ? -NLE_NOMEM
-			    : nl_addr_parse(nl_addr_get_family(gw) == AF_INET6 ? "::/0" : "0.0.0.0/0", AF_UNSPEC, &any);
-			if (err == 0) {
-				rtnl_route_set_family(r, static_cast<uint8_t>(nl_addr_get_family(gw)));
-				rtnl_route_set_dst(r, any);
-				rtnl_route_nh_set_gateway(nh, gw);
-				rtnl_route_nh_set_ifindex(nh, static_cast<int>(id));
-				rtnl_route_add_nexthop(r, nh);
-				nh = nullptr;	// the route owns it now
-				err = rtnl_route_add(wexo_sock(h), r, NLM_F_CREATE | NLM_F_EXCL);
-			}
-			if (nh != nullptr)
-				rtnl_route_nh_free(nh);
-			rtnl_route_put(r);
-			nl_addr_put(any);
-		}
 		nl_addr_put(local);
-		nl_addr_put(gw);
-		return wexo_from_nl(err);
+		if (err != 0)
+			return wexo_from_nl(err);
+		return router != nullptr ? wexo_default_route(h, id, router, false) : WEXO_STATUS_OK;
 	});
 }
 

@@ -14,7 +14,9 @@ host=kelvh-$$
 g1=kelvg1-$$
 g2=kelvg2-$$
 keld_pid=
+holder=
 cleanup() {
+	[ -n "$holder" ] && kill "$holder" 2>/dev/null
 	[ -n "$keld_pid" ] && kill "$keld_pid" 2>/dev/null && wait "$keld_pid" 2>/dev/null
 	for ns in "$g1" "$g2" "$host"; do ip netns del "$ns" 2>/dev/null; done
 	rm -rf "$root"
@@ -29,6 +31,7 @@ ip netns add "$g1" && ip netns add "$g2"
 "$keladm" add-vport -p ipaddr=10.85.0.11,maxbw=20M web/vm1 >/dev/null
 "$keladm" add-vport -p ipaddr=10.85.0.12 web/vm2 >/dev/null
 "$keladm" add-vport -p ipaddr=10.85.0.13 web/vm3 >/dev/null
+"$keladm" add-vport -p ipaddr=10.85.0.14 web/vm4 >/dev/null
 ip netns exec "$host" "$keld" 2>"$root/keld.log" &
 keld_pid=$!
 for _ in $(seq 100); do [ -S "$root/run/kel/keld.sock" ] && break; sleep 0.05; done
@@ -80,6 +83,35 @@ check "which drops what it sends from another address" \
 check "and passes what it sends from its own" ip netns exec "$host" ping -c 1 -W 2 -I 10.85.0.13 10.85.0.12
 status "it goes" 0 delete-vnic vt0
 check "with its guard" bash -c "! ip netns exec '$host' nft list table netdev kel_vt0 2>/dev/null"
+
+# A namespace with no name, given by its path as container runtimes give it.
+ip netns exec "$host" unshare -n sleep 300 &
+holder=$!
+for _ in $(seq 50); do [ "$(readlink "/proc/$holder/ns/net")" != "$(ip netns exec "$host" readlink /proc/self/ns/net)" ] && break; sleep 0.05; done
+nsfile=/proc/$holder/ns/net
+# "ip netns exec" gives each command a mount namespace of its own, where the name keladm
+# makes under /run/netns would stay: these commands enter the host's network namespace
+# alone, as keladm runs on a real host.
+in_host_netns() { nsenter --net="/run/netns/$host" "$keladm_bin" "$@"; }
+keladm=in_host_netns
+status "a VNIC is made in a namespace given by its path" 0 create-vnic --address web/vm3 "$nsfile/eth0"
+named=$("$keladm" show-vport -p -o vnic web/vm3)
+check "which is named under /run/netns for the fabric ($named)" bash -c \
+	"[[ '$named' == kel-ns-*/eth0 ]] && ip -n '${named%/eth0}' addr show eth0 | grep -q 'inet 10.85.0.13/24'"
+status "a second VNIC with its address in a namespace that has a default route" 0 \
+	create-vnic --address web/vm4 "$nsfile/eth1"
+check "keeps the route it has" bash -c \
+	"[ \"\$(ip -n '${named%/eth0}' route show default | wc -l)\" = 1 ] &&
+	 ip -n '${named%/eth0}' route show default | grep -q 'dev eth0' &&
+	 ip -n '${named%/eth0}' addr show eth1 | grep -q 'inet 10.85.0.14/24'"
+status "the path names the VNIC to delete too" 0 delete-vnic "$nsfile/eth0"
+status "and by its name" 0 delete-vnic "${named%/eth0}/eth1"
+check "the namespace's name goes with its last VNIC, the namespace stays its owner's" bash -c \
+	"[ ! -e '/run/netns/${named%/eth0}' ] && [ -e '$nsfile' ] &&
+	 ! ip netns exec '$host' '$keladm_bin' show-vport -p -o name,status web | grep -qE '^vm[34]:bound'"
+kill "$holder"
+holder=
+keladm=keladm
 check "the controller shows the binding" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status,vnic web/vm1)\" = 'bound:$g1/eth0' ]"
 check "show-vnic lists this host's VNICs with their ports, lower link and MTU, and the kel's responder link" \
