@@ -165,9 +165,13 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 		// A host's address responder sends only what keld builds, nothing of a guest's: its
 		// port carries no guest's guard (which would drop its router advertisements), and
 		// a change to the kel's protection passes it by.
+		auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
 		if (vportname == nullptr && kel_is_dhcp_endpoint(vnic) &&
-		    (rc = kel_db_set_one_vportprop(h, static_cast<kel_vport_t *>(list_head(&k->kel_ports)), "protection",
-		         "none", 0)) != KEL_SUCCESS)
+		    (rc = kel_db_set_one_vportprop(h, vp, "protection", "none", 0)) != KEL_SUCCESS)
+			return rc;
+		// Link properties the caller gave with the binding are the port's from now on, as
+		// set-vportprop would make them.
+		if ((rc = kel_db_set_bind_props(h, vp, set.get())) != KEL_SUCCESS)
 			return rc;
 		rc = bind(h, k.get(), vnic, host, set.get());
 		k.reset();

@@ -315,6 +315,28 @@ int kel_db_set_one_vportprop(kel_dbhandle_t h, kel_vport_t *vport, const char *n
 	    vport->evp_uuid);
 }
 
+int kel_db_set_bind_props(kel_dbhandle_t h, kel_vport_t *vport, attrset_t *props)
+{
+	for (attrset_entry_t *e = props != nullptr ? attrset_next_entry(props, nullptr) : nullptr; e != nullptr;
+	     e = attrset_next_entry(props, e)) {
+		const std::string name = attrset_entry_name(e);
+		char *value = nullptr;
+		if (name == "vmid" || name == "containerid")
+			continue;	// the binding's own, kept with it
+		if (attrset_entry_value_string(e, &value) != 0 ||
+		    (kel_get_prop_entry(name.c_str(), KEL_PROPTYPE_VPORT).ep_flags & EPD_DLPROP) == 0)
+			return KEL_E_INVALID_PROP;
+		OneProp p;
+		const std::string text = name + "=" + value;
+		int rc = read_update(text.c_str(), KEL_PROPTYPE_VPORT, &p);
+		if (rc == KEL_SUCCESS)
+			rc = kel_db_set_one_vportprop(h, vport, name.c_str(), value, 0);
+		if (rc != KEL_SUCCESS)
+			return rc;
+	}
+	return KEL_SUCCESS;
+}
+
 int kel_db_validate_newpool(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *newpool, char **newavail)
 {
 	*newavail = nullptr;

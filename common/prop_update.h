@@ -12,6 +12,10 @@ int kel_db_set_one_vportprop(kel_dbhandle_t h, kel_vport_t *vport, const char *n
     const char *value, uint32_t flags);
 int kel_db_set_one_ipnetprop(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *name,
     const char *value, uint32_t flags);
+// The link properties a binding's caller gave ("maxbw", "protection", ...), each checked
+// as set-vportprop checks it and stored on the port being bound; the binding's own
+// ("vmid", "containerid") are left to it. KEL_E_INVALID_PROP for anything else.
+int kel_db_set_bind_props(kel_dbhandle_t h, kel_vport_t *vport, attrset_t *props);
 // The available pool that `newpool` (normalised) leaves: KEL_E_RANGE_INUSE unless it keeps
 // every address in use. *newavail is the caller's to free.
 int kel_db_validate_newpool(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *newpool,

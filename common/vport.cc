@@ -328,12 +328,15 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 {
 	if (vport->evp_props == nullptr && attrset_create(&vport->evp_props, ATTRSET_UNIQUE_NAME) != 0)
 		return KEL_E_NOMEM;
-	char *vmid = nullptr;
-	if (status == VPORT_STATUS_FREE)
-		(void)attrset_remove(vport->evp_props, "vmid", DATA_TYPE_STRING);
-	else if (props != nullptr && attrset_lookup_string(props, "vmid", &vmid) == 0 &&
-	         attrset_add_string(vport->evp_props, "vmid", vmid) != 0)
-		return KEL_E_NOMEM;
+	// Who holds the port, kept while it is bound: a VM's ID (which lets it migrate) and a
+	// container's.
+	for (const char *name : {"vmid", "containerid"}) {
+		char *value = nullptr;
+		(void)attrset_remove(vport->evp_props, name, DATA_TYPE_STRING);
+		if (status != VPORT_STATUS_FREE && props != nullptr && attrset_lookup_string(props, name, &value) == 0 &&
+		    attrset_add_string(vport->evp_props, name, value) != 0)
+			return KEL_E_NOMEM;
+	}
 	kel::Text text;
 	int rc = kel::props_text(vport->evp_props, &text);
 	if (rc != KEL_SUCCESS)

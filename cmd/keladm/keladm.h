@@ -63,7 +63,7 @@ inline constexpr Field kDriftFields[] = {{"object"}, {"host"}, {"what"}, {"store
     {"repaired", Kind::Flag}};
 inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"},
     {"lower"}, {"mtu", Kind::Number}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
-    {"obytes", Kind::Number}};
+    {"obytes", Kind::Number}, {"container"}};
 
 // The text of a library code in keladm's words: the library's message, but for the few
 // that name its internal facilities.

@@ -43,6 +43,7 @@ std::string vnic_field(const kelcntl_VPortInfo *vp, const std::string &lower, co
 	case 5: return remote_prop(vp->evpi_props, vp->evpi_props_count, "ipaddr");
 	case 6: return lower;
 	case 7: return mtu;
+	case 12: return remote_prop(vp->evpi_props, vp->evpi_props_count, "containerid");
 	default: return field - 8 < counters.size() ? counters[field - 8] : "";
 	}
 }

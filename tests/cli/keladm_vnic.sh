@@ -98,8 +98,15 @@ status "a VNIC is made in a namespace given by its path" 0 create-vnic --address
 named=$("$keladm" show-vport -p -o vnic web/vm3)
 check "which is named under /run/netns for the fabric ($named)" bash -c \
 	"[[ '$named' == kel-ns-*/eth0 ]] && ip -n '${named%/eth0}' addr show eth0 | grep -q 'inet 10.85.0.13/24'"
+expect "link properties given with the binding are checked like set-vportprop's" \
+	"keladm: cannot bind a port of kel 'web' to VNIC '${named%/eth0}/eth1': invalid property specified" \
+	create-vnic -p ipaddr=10.85.0.99 web/vm4 "$nsfile/eth1"
 status "a second VNIC with its address in a namespace that has a default route" 0 \
-	create-vnic --address web/vm4 "$nsfile/eth1"
+	create-vnic --address -p maxbw=5M,containerid=c0ffee web/vm4 "$nsfile/eth1"
+check "takes the link properties given with its binding, kept on its port" bash -c \
+	"tc -n '${named%/eth0}' qdisc show dev eth1 | grep -q 'tbf.*rate 5Mbit' &&
+	 [ \"\$(ip netns exec '$host' '$keladm_bin' show-vportprop -p -P maxbw -o value web/vm4)\" = 5M ]"
+expect "show-vnic lists it with its container" "${named%/eth0}/eth1:c0ffee" show-vnic -p -o vnic,container "${named%/eth0}/eth1"
 check "keeps the route it has" bash -c \
 	"[ \"\$(ip -n '${named%/eth0}' route show default | wc -l)\" = 1 ] &&
 	 ip -n '${named%/eth0}' route show default | grep -q 'dev eth0' &&
