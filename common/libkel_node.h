@@ -321,7 +321,7 @@ int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, cons
  * KEL_VNIC_ADDRESS it also gives the VNIC the port's address with the ipnet's prefix
  * length and a default route through the ipnet's router, unless the namespace has a
  * default route of that family already (with KEL_VNIC_DEFAULT_ROUTE as well, this one
- * takes its place). `extra` is the binding's property text ("vmid=..." for a
+ * takes its place; with KEL_VNIC_NO_ROUTE, there is none). `extra` is the binding's property text ("vmid=..." for a
  * virtual machine that may migrate; may be NULL). A macvtap whose port stays bound to
  * another host (the destination of a virtual machine's move) is made down (kv_down), so that the
  * kel's traffic to the machine keeps going to the host it still runs on: the hypervisor
@@ -343,6 +343,7 @@ int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, cons
  */
 #define KEL_VNIC_ADDRESS	0x1
 #define KEL_VNIC_DEFAULT_ROUTE	0x2
+#define KEL_VNIC_NO_ROUTE	0x4
 #define KEL_VNIC_NAME_ATTACH	0x1
 
 #define KEL_VNIC_STAGE_BIND	1	/* binding the port, preparing the lower link */

@@ -130,7 +130,7 @@ public:
 		wexo_status_t st = wexo_link_set_ipaddr(guest, id_, addr.c_str(), static_cast<uint32_t>(plen), nullptr);
 		// A namespace that has a default route already (a container's second network)
 		// keeps it unless the caller asks for this one.
-		if (st == WEXO_STATUS_OK && routed &&
+		if (st == WEXO_STATUS_OK && routed && (flags & KEL_VNIC_NO_ROUTE) == 0 &&
 		    (st = wexo_default_route(guest, id_, router, (flags & KEL_VNIC_DEFAULT_ROUTE) != 0)) == WEXO_STATUS_EXIST)
 			st = WEXO_STATUS_OK;
 		return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
@@ -330,7 +330,7 @@ int kel_vnic_create(const char *tenant, const char *kelname, const char *vportna
 		return KEL_E_INVALID_ARGS;
 	std::memset(vnic, 0, sizeof(*vnic));
 	if (kelname == nullptr || vnicname == nullptr || (kind != WEXO_VNIC_MACVLAN && kind != WEXO_VNIC_MACVTAP) ||
-	    (flags & ~(KEL_VNIC_ADDRESS | KEL_VNIC_DEFAULT_ROUTE)) != 0)
+	    (flags & ~(KEL_VNIC_ADDRESS | KEL_VNIC_DEFAULT_ROUTE | KEL_VNIC_NO_ROUTE)) != 0)
 		return KEL_E_INVALID_ARGS;
 	return kel::c_boundary([&] {
 		std::string name;
