@@ -7,6 +7,7 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -155,6 +156,10 @@ int serve()
 		say(nuq::log::kErr, "cannot listen on " + socket_path() + ": " + std::strerror(errno));
 		return 1;
 	}
+	// The socket file as this keld made it: one started after it (a restart that did not
+	// wait) puts its own there, which this one must leave when it stops.
+	struct stat made {};
+	(void)stat(socket_path().c_str(), &made);
 	say(nuq::log::kNotice, "keld " KELD_VERSION " started as pid " + std::to_string(getpid()) +
 	        ", serving " + socket_path());
 	keld::notify(("READY=1\nMAINPID=" + std::to_string(getpid())).c_str());
@@ -187,8 +192,9 @@ int serve()
 	server.run();
 	waiter.join();
 	responder.stop();
-	std::error_code ec;
-	std::filesystem::remove(socket_path(), ec);
+	struct stat now {};
+	if (stat(socket_path().c_str(), &now) == 0 && now.st_dev == made.st_dev && now.st_ino == made.st_ino)
+		(void)unlink(socket_path().c_str());
 	say(nuq::log::kNotice, "stopped");
 	return 0;
 }

@@ -91,6 +91,7 @@ check "the container has its port's address" has_address
 check "and reaches the guest on host B" pod exec c1 /bin/busybox ping -c 1 -w 10 "${peer%/*}"
 check "show-vnic on host A lists its VNIC with podman's container ID" \
 	test "$(in_a "$keladm_bin" show-vnic -p -o vnic,mtu,container "$vnic")" = "$vnic:1450:$id"
+check "and its counters, read by keld" test "$(in_a "$keladm_bin" show-vnic -p -o opackets "$vnic")" -ge 1
 check "podman rm releases the port" pod rm -f -t 0 c1
 check "and nothing of the container is left bound" \
 	test -z "$(keladm_on ctl show-vport -p -o vnic,status apps | grep '^netns-')"
