@@ -107,6 +107,8 @@ check "takes the link properties given with its binding, kept on its port" bash 
 	"tc -n '${named%/eth0}' qdisc show dev eth1 | grep -q 'tbf.*rate 5Mbit' &&
 	 [ \"\$(ip netns exec '$host' '$keladm_bin' show-vportprop -p -P maxbw -o value web/vm4)\" = 5M ]"
 expect "show-vnic lists it with its container" "${named%/eth0}/eth1:c0ffee" show-vnic -p -o vnic,container "${named%/eth0}/eth1"
+status "a live change reaches a VNIC in a namespace named for the fabric" 0 set-vportprop -p maxbw=7M web/vm4
+check "through the name keld opens it by" bash -c "tc -n '${named%/eth0}' qdisc show dev eth1 | grep -q 'tbf.*rate 7Mbit'"
 check "keeps the route it has" bash -c \
 	"[ \"\$(ip -n '${named%/eth0}' route show default | wc -l)\" = 1 ] &&
 	 ip -n '${named%/eth0}' route show default | grep -q 'dev eth0' &&
