@@ -17,28 +17,13 @@
 #include "kelnet.h"
 #include "libkel.h"
 #include "netns_switch.h"
+#include "unique_fd.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
 constexpr char kNetnsDir[] = "/run/netns";
-
-class Fd {
-public:
-	explicit Fd(int fd) : fd_(fd) {}
-	~Fd()
-	{
-		if (fd_ != -1)
-			close(fd_);
-	}
-	Fd(const Fd &) = delete;
-	Fd &operator=(const Fd &) = delete;
-	int get() const { return fd_; }
-
-private:
-	int fd_;
-};
 
 // The name under /run/netns of the namespace with inode `st`, or "".
 std::string named(const struct stat &st)
@@ -101,7 +86,7 @@ int kel_vnic_by_name(const char *vnic, bool attach_new, std::string *out)
 	const std::string path = text.substr(0, slash), link = text.substr(slash + 1);
 	if (path.empty() || !dlparse_zonelinkname(link.c_str(), nullptr, 0, nullptr, 0))
 		return KEL_E_INVALID_ARGS;
-	const Fd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+	const kel::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 	if (fd.get() == -1)
 		return kel::last_sys_error();
 	struct stat st;
