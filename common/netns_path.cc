@@ -16,6 +16,8 @@
 #include "fabric_links.h"
 #include "kelnet.h"
 #include "libkel.h"
+#include "paths.h"
+#include "text_file.h"
 #include "netns_switch.h"
 #include "unique_fd.h"
 
@@ -49,6 +51,11 @@ bool prepare_dir()
 	       mount("", kNetnsDir, "none", MS_SHARED | MS_REC, nullptr) == 0;
 }
 
+std::string attached_record(const std::string &name)
+{
+	return kel::paths::under_root(kel::paths::kAttachedNetnsDir) + "/" + name;
+}
+
 // Names namespace `fd` (inode `st`) by a bind mount of it under /run/netns.
 int attach(int fd, const struct stat &st, std::string *name)
 {
@@ -62,11 +69,19 @@ int attach(int fd, const struct stat &st, std::string *name)
 		return kel::last_sys_error();
 	if (made != -1)
 		close(made);
+	// Recorded first, so that the name is taken away again whatever happens after; and
+	// only a name recorded so is ever taken away (an operator's namespace may carry the
+	// prefix too).
+	const std::string record = attached_record(text);
+	if (!kel::paths::make_dirs(kel::paths::under_root(kel::paths::kAttachedNetnsDir), 0755) ||
+	    !kel::replace_text_file(record, "", 0644))
+		return kel::last_sys_error();
 	// The descriptor, not the path the caller gave: what is named is what was checked.
 	const std::string source = "/proc/self/fd/" + std::to_string(fd);
 	if (mount(source.c_str(), target.c_str(), "none", MS_BIND, nullptr) != 0) {
 		const int rc = kel::last_sys_error();
 		(void)unlink(target.c_str());
+		(void)unlink(record.c_str());
 		return rc;
 	}
 	*name = text;
@@ -105,7 +120,8 @@ int kel_vnic_by_name(const char *vnic, bool attach_new, std::string *out)
 
 void kel_netns_release(const std::string &ns)
 {
-	if (ns.rfind(kAttachedNetnsPrefix, 0) != 0 || !wexo::valid_netns_name(ns.c_str()))
+	if (ns.rfind(kAttachedNetnsPrefix, 0) != 0 || !wexo::valid_netns_name(ns.c_str()) ||
+	    access(attached_record(ns).c_str(), F_OK) != 0)
 		return;
 	for (const wexo::fabric::Vnic &v : wexo::fabric::vnics())
 		if (v.name.rfind(ns + "/", 0) == 0)
@@ -113,4 +129,5 @@ void kel_netns_release(const std::string &ns)
 	const std::string target = std::string(kNetnsDir) + "/" + ns;
 	if (umount2(target.c_str(), MNT_DETACH) == 0 || errno == EINVAL)
 		(void)unlink(target.c_str());
+	(void)unlink(attached_record(ns).c_str());
 }

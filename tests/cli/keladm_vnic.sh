@@ -18,7 +18,7 @@ holder=
 cleanup() {
 	[ -n "$holder" ] && kill "$holder" 2>/dev/null
 	[ -n "$keld_pid" ] && kill "$keld_pid" 2>/dev/null && wait "$keld_pid" 2>/dev/null
-	for ns in "$g1" "$g2" "$host"; do ip netns del "$ns" 2>/dev/null; done
+	for ns in "$g1" "$g2" "$host" "kel-ns-op$$"; do ip netns del "$ns" 2>/dev/null; done
 	rm -rf "$root"
 }
 trap cleanup EXIT
@@ -121,6 +121,10 @@ check "the namespace's name goes with its last VNIC, the namespace stays its own
 kill "$holder"
 holder=
 keladm=keladm
+ip netns add "kel-ns-op$$"	# an operator's namespace that happens to look like one of the fabric's
+"$keladm" create-vnic web/vm3 "kel-ns-op$$/eth0" >/dev/null && "$keladm" delete-vnic "kel-ns-op$$/eth0" >/dev/null
+check "a namespace the fabric did not name keeps its name" test -e "/run/netns/kel-ns-op$$"
+ip netns del "kel-ns-op$$"
 check "the controller shows the binding" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status,vnic web/vm1)\" = 'bound:$g1/eth0' ]"
 check "show-vnic lists this host's VNICs with their ports, lower link and MTU, and the kel's responder link" \
