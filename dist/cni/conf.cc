@@ -10,7 +10,7 @@ namespace {
 
 using nlohmann::json;
 
-// Keys the specification gives every configuration, or that runtimes add to it.
+// Keys every container network configuration may carry, or that runtimes add to it.
 const std::vector<std::string> kCommonKeys = {"cniVersion", "name", "type", "args", "runtimeConfig",
     "capabilities", "prevResult", "dns", "cniVersions", "disableCheck"};
 const std::vector<std::string> kPluginKeys = {"kel", "tenant", "vport", "properties", "defaultRoute"};

@@ -12,8 +12,8 @@
 
 namespace kelcni {
 
-// The plugin's error, as the runtime reads it: the specification's codes (1-11) or the
-// plugin's own (100 and up).
+// The plugin's error, as the runtime reads it: the container network interface's codes
+// (1-11) or the plugin's own (100 and up).
 struct Error {
 	int code = 0;
 	std::string msg;
