@@ -38,7 +38,13 @@ peer=$(keladm_on hb show-vnic -p -o ipaddr "$(guest b1)/eth0")
 # Host A's keld and podman share one mount namespace, as on a real host: the namespace
 # podman makes for the container under /run/netns must be there for keld too.
 ns_a=$(host_ns ha)
-for pid in $(ip netns pids "$ns_a"); do [ "$(cat "/proc/$pid/comm")" = keld ] && kill "$pid"; done
+# The fabric's keld there goes first, and is waited for: a second keld refuses to start
+# while the first still holds its pid file.
+for pid in $(ip netns pids "$ns_a"); do
+	[ "$(cat "/proc/$pid/comm")" = keld ] || continue
+	kill "$pid"
+	for _ in $(seq 100); do kill -0 "$pid" 2>/dev/null || break; sleep 0.05; done
+done
 # A machine whose cgroups mix both versions, with controllers on the unified hierarchy,
 # is one the container runtime refuses: that namespace does without the unified one.
 nsenter --net="/run/netns/$ns_a" unshare --mount --uts --propagation slave sh -c \
