@@ -74,8 +74,12 @@ int attach(int fd, const struct stat &st, std::string *name)
 	// prefix too).
 	const std::string record = attached_record(text);
 	if (!kel::paths::make_dirs(kel::paths::under_root(kel::paths::kAttachedNetnsDir), 0755) ||
-	    !kel::replace_text_file(record, "", 0644))
-		return kel::last_sys_error();
+	    !kel::replace_text_file(record, "", 0644)) {
+		const int rc = kel::last_sys_error();
+		if (made != -1)
+			(void)unlink(target.c_str());	// the empty file this call made
+		return rc;
+	}
 	// The descriptor, not the path the caller gave: what is named is what was checked.
 	const std::string source = "/proc/self/fd/" + std::to_string(fd);
 	if (mount(source.c_str(), target.c_str(), "none", MS_BIND, nullptr) != 0) {
