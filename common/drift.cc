@@ -348,7 +348,7 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 		int rc = lock.status();
 		if (rc != KEL_SUCCESS)
 			return rc;
-		rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
+		rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, KEL_LIST_BOUND_PORTS); });
 		if (rc == KEL_E_VPORT_NOTFOUND && !all)
 			return KEL_SUCCESS;
 		if (rc != KEL_SUCCESS && rc != KEL_E_VPORT_NOTFOUND)

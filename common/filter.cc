@@ -323,7 +323,7 @@ int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_
 }
 
 int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char *table2,
-    const char *col1, const char *col2, const char *filter, void *arg, kel_row_cb_t *cb)
+    const char *col1, const char *col2, const char *filter, void *arg, kel_row_cb_t *cb, bool bound_only)
 {
 	char clause[KEL_FILTER_CLAUSE_LEN];
 	attrset_t *params_raw = nullptr;
@@ -331,14 +331,22 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 	if (rc != KEL_SUCCESS)
 		return rc;
 	SetPtr params(params_raw);
+	constexpr const char *kBound = "vport_status = 1";
+	const bool ports_first = std::strcmp(table1, "vport_tbl") == 0;
+	const bool ports_joined = table2 != nullptr && std::strcmp(table2, "vport_tbl") == 0;
 	try {
+		// Both conditions are the code's own constants; only the filter's values are bound.
+		std::string where = clause;
+		if (bound_only && ports_first)
+			where = where.empty() ? std::string("WHERE ") + kBound : where + " AND " + kBound;
+		const std::string on_also = bound_only && ports_joined ? std::string(" AND ") + kBound : "";
 		auto on_row = [&](kel::Statement &st) { return cb(st.get(), arg); };
 		if (table2 != nullptr)
 			return kel::for_each_row(h->edh_db,
-			    kel::SqlText("SELECT * FROM %s LEFT JOIN %s ON %s = %s %s", table1, table2,
-			        col1, col2, clause),
+			    kel::SqlText("SELECT * FROM %s LEFT JOIN %s ON %s = %s%s %s", table1, table2,
+			        col1, col2, on_also.c_str(), where.c_str()),
 			    {params.get()}, on_row);
-		return kel::for_each_row(h->edh_db, kel::SqlText("SELECT * FROM %s %s", table1, clause),
+		return kel::for_each_row(h->edh_db, kel::SqlText("SELECT * FROM %s %s", table1, where.c_str()),
 		    {params.get()}, on_row);
 	} catch (const std::bad_alloc &) {
 		return KEL_E_NOMEM;

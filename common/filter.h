@@ -58,9 +58,13 @@ int kel_fstr2fattrset(const char *filter, attrset_t **out, const char *table);
 int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_t **params,
     const char *table1, const char *table2);
 // Runs "SELECT *" over table1 (LEFT JOIN table2 ON col1 = col2 when table2 is given)
-// with the filter, handing each row to `cb`.
+// with the filter, handing each row to `cb`. With `bound_only`, of vport_tbl's rows only
+// the bound ports take part: as table1 the others are not read; as table2 they are left
+// out of the join, so a switch without a bound port still comes, without ports. Either
+// way the index of bound ports answers, and what is read grows with the bound ports only.
 int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char *table2,
-    const char *col1, const char *col2, const char *filter, void *arg, kel_row_cb_t *cb);
+    const char *col1, const char *col2, const char *filter, void *arg, kel_row_cb_t *cb,
+    bool bound_only = false);
 // Reads `column` of the first row of `table` that the filter selects into `dest`: an
 // int for DATA_TYPE_INT32; for DATA_TYPE_STRING a new copy into *(char **)dest when
 // destlen < 0, else the text cut to destlen bytes. No row leaves `dest` untouched.

@@ -45,7 +45,8 @@ int read_kel(kel_dbhandle_t h, const char *tenant, const char *kelname, KelHosts
 	    KEL_SUCCESS)
 		return rc;
 	kel::RecordList<kel_t> kels;
-	if ((rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); })) != KEL_SUCCESS)
+	const auto bound = [&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_BOUND_PORTS); };
+	if ((rc = kels.read(bound)) != KEL_SUCCESS)
 		return rc;
 	kel_t *k = kels.front();
 	char *l2type = nullptr, *vni = nullptr;

@@ -138,8 +138,9 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 
 	char filter[kFilterLen];
 	kel::RecordList<kel_t> kels;
-	if ((rc = kel::names_filter(filter, tenant, kelname)) != KEL_SUCCESS ||
-	    (rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); })) != KEL_SUCCESS)
+	// Only its networks are asked of the switch: none of its ports is read.
+	const auto no_free_ports = [&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_BOUND_PORTS); };
+	if ((rc = kel::names_filter(filter, tenant, kelname)) != KEL_SUCCESS || (rc = kels.read(no_free_ports)) != KEL_SUCCESS)
 		return rc;
 	char keluuid[KEL_UUID_TEXT_LEN];
 	uuid_unparse_lower(kels.front()->kel_uuid, keluuid);

@@ -176,14 +176,14 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
+	// Whether a port is bound is all that is asked of its ports: the free ones go unread.
 	kel::RecordList<kel_t> kels;
-	if ((rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); })) != KEL_SUCCESS)
+	if ((rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_BOUND_PORTS); })) !=
+	    KEL_SUCCESS)
 		return rc;
 	kel_t *kel = kels.front();
-	for (auto *vp = static_cast<kel_vport_t *>(list_head(&kel->kel_ports)); vp != nullptr;
-	     vp = static_cast<kel_vport_t *>(list_next(&kel->kel_ports, vp)))
-		if (vp->evp_status == VPORT_STATUS_USED)
-			rc = KEL_E_VPORT_INUSE;
+	if (kel->kel_status == KEL_STATUS_BUSY)
+		rc = KEL_E_VPORT_INUSE;
 	char keluuid[KEL_UUID_TEXT_LEN];
 	uuid_unparse_lower(kel->kel_uuid, keluuid);
 	kel::Transaction tx(h->edh_db);

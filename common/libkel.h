@@ -451,7 +451,7 @@ void kel_free_driftlist(list_t *drifts) KEL_NOEXCEPT;
 /*
  * Store lists. Each takes the store lock itself. On success the caller owns the list's
  * records and frees them with the matching kel_free_*list; on failure there is nothing
- * to free. `flags` is 0, or KEL_LIST_NO_MEMBERS where said below.
+ * to free. `flags` is 0, or KEL_LIST_NO_MEMBERS and KEL_LIST_BOUND_PORTS where said below.
  */
 
 /*
@@ -490,6 +490,14 @@ int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
 #define KEL_LIST_NO_MEMBERS	0x1u
 /* KEL_WALK_NO_PROPS, as the flags of kel_db_walk_vports: evp_props stays NULL. */
 #define KEL_WALK_NO_PROPS	0x2u
+/*
+ * KEL_LIST_BOUND_PORTS, as the flags of kel_db_get_filtered_kellist,
+ * kel_db_get_filtered_vportlist and kel_db_walk_vports: of the ports, only the bound ones
+ * come (a switch without one still comes, with none). The free ports are not read at all,
+ * so what the switch's own work costs stays what its bound ports cost, however many
+ * free ports it has.
+ */
+#define KEL_LIST_BOUND_PORTS	0x4u
 
 typedef int kel_vport_walk_fn_t(const kel_vport_t *vport, void *arg);
 /*

@@ -173,7 +173,8 @@ int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const
 		if ((rc = lock.status()) != KEL_SUCCESS)
 			return rc;
 		kel::RecordList<kel_t> kels;
-		if ((rc = kels.read([&](list_t *l) { return kel_db_get_kellist(h, tenant, kelname, l, 0); })) != KEL_SUCCESS)
+		const auto bound = [&](list_t *l) { return kel_db_get_kellist(h, tenant, kelname, l, KEL_LIST_BOUND_PORTS); };
+		if ((rc = kels.read(bound)) != KEL_SUCCESS)
 			return rc;
 		kel.reset(kels.take(kels.front()));
 		if ((rc = kel_db_set_one_kelprop(h, kel.get(), p.name.c_str(), p.value.c_str(), flags)) != KEL_SUCCESS)

@@ -20,11 +20,11 @@ constexpr size_t kFilterLen = 1024;
 
 // Builds one switch list over kel_tbl joined with `table2`.
 int switches_joined_with(kel_dbhandle_t h, const char *filter, const char *table2,
-    const char *joincol, kel_infotype_t info, kel_kellist_cbarg_t *arg)
+    const char *joincol, kel_infotype_t info, kel_kellist_cbarg_t *arg, bool bound_only = false)
 {
 	arg->evc_infotype = info;
 	return kel_db_get_filtered_common(h, "kel_tbl", table2, "kel_uuid", joincol, filter, arg,
-	    kel_dbrow2kellist);
+	    kel_dbrow2kellist, bound_only);
 }
 
 // The not-found code for a switch list that came back empty, from what the filter named.
@@ -178,7 +178,7 @@ int walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags, kel_vport_
 	if (int rc = lock.status(); rc != KEL_SUCCESS)
 		return rc;
 	const int rc = kel_db_get_filtered_common(h, "vport_tbl", "kel_tbl", "vport_keluuid", "kel_uuid",
-	    filter, &walk, walk_row);
+	    filter, &walk, walk_row, (flags & KEL_LIST_BOUND_PORTS) != 0);
 	if (walk.verdict != 0)
 		return walk.verdict;
 	if (rc == KEL_SUCCESS && !walk.any)
@@ -203,7 +203,7 @@ int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t
 		if ((rc = lock.status()) != KEL_SUCCESS)
 			return rc;
 		rc = switches_joined_with(h, filter, "vport_tbl", "vport_keluuid", KEL_VPORTINFO,
-		    &with_ports);
+		    &with_ports, (flags & KEL_LIST_BOUND_PORTS) != 0);
 		if (rc == KEL_SUCCESS)
 			rc = switches_joined_with(h, filter, "ipnet_tbl", "ipnet_keluuid", KEL_IPNETINFO,
 			    &with_ipnets);
@@ -219,14 +219,14 @@ int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t
 // A port or network list: `table` joined with kel_tbl, read by `reader`.
 int member_list(kel_dbhandle_t h, const char *filter, list_t *out, const char *table,
     const char *joincol, kel_row_cb_t *reader, void (*create)(list_t *),
-    void (*free_list)(void *), int notfound)
+    void (*free_list)(void *), int notfound, bool bound_only = false)
 {
 	kel::StoreLock lock(h);
 	if (int rc = lock.status(); rc != KEL_SUCCESS)
 		return rc;
 	create(out);
 	int rc = kel_db_get_filtered_common(h, table, "kel_tbl", joincol, "kel_uuid", filter, out,
-	    reader);
+	    reader, bound_only);
 	if (rc == KEL_SUCCESS && list_is_empty(out))
 		rc = notfound;
 	if (rc != KEL_SUCCESS)
@@ -298,13 +298,13 @@ boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *na
 	    tenant, is_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, name);
 }
 
-int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t) noexcept
+int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) noexcept
 {
 	if (h == nullptr || out == nullptr)
 		return KEL_E_INVALID_ARGS;
 	return kel::c_boundary([&] {
 		return member_list(h, filter, out, "vport_tbl", "vport_keluuid", kel_dbrow2vportlist,
-		    kel_create_vportlist, kel_free_vportlist, KEL_E_VPORT_NOTFOUND);
+		    kel_create_vportlist, kel_free_vportlist, KEL_E_VPORT_NOTFOUND, (flags & KEL_LIST_BOUND_PORTS) != 0);
 	});
 }
 

@@ -61,15 +61,18 @@ protected:
 TEST_F(Records, SwitchListGroupsPortsAndNetworks)
 {
 	fabric();
+	// `bound`: with KEL_LIST_BOUND_PORTS, where it differs from `want`.
 	struct {
 		const char *filter;
 		const char *want;
+		const char *bound = nullptr;
 	} cases[] = {
-		{"", "k1[p1,p2*|n1]busy k2[p1|n2] lonely[|]"},
-		{"kel=k1", "k1[p1,p2*|n1]busy"},
-		{"vport=p1", "k1[p1|n1] k2[p1|n2]"},	// only matching ports, all networks
+		{"", "k1[p1,p2*|n1]busy k2[p1|n2] lonely[|]", "k1[p2*|n1]busy k2[|n2] lonely[|]"},
+		{"kel=k1", "k1[p1,p2*|n1]busy", "k1[p2*|n1]busy"},
+		{"kel=k2", "k2[p1|n2]", "k2[|n2]"},
+		{"vport=p1", "k1[p1|n1] k2[p1|n2]", "error 43"},	// only matching ports, all networks
 		{"vport=p2", "k1[p2*|n1]busy"},
-		{"ipnet=n1", "k1[p1,p2*|n1]busy"},		// all ports of the switch owning n1
+		{"ipnet=n1", "k1[p1,p2*|n1]busy", "k1[p2*|n1]busy"},		// all ports of the switch owning n1
 		{"tenant=t2", "lonely[|]"},
 		{"host=host-a", "k1[p2*|n1]busy"},
 		{"vnic=vnic0", "k1[p2*|n1]busy"},
@@ -83,6 +86,7 @@ TEST_F(Records, SwitchListGroupsPortsAndNetworks)
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.filter);
 		EXPECT_EQ(kels(c.filter), c.want);
+		EXPECT_EQ(kels(c.filter, KEL_LIST_BOUND_PORTS), c.bound != nullptr ? c.bound : c.want);
 		// Without members: the same switches, order, status and errors, nothing inside.
 		std::string bare = c.want;
 		for (size_t open = bare.find('['); open != std::string::npos; open = bare.find('[', open + 1))
@@ -121,6 +125,19 @@ TEST_F(Records, PortWalkMatchesThePortList)
 		EXPECT_EQ(kel_db_walk_vports(h_, filter, 0, each, &seen), rc);
 		EXPECT_EQ(seen.names, listed);
 		EXPECT_EQ(h_->edh_cnt, 0) << "store lock left held";
+		// Bound only: the one bound port (k1/p2) where the filter takes it in.
+		const bool has_p2 = listed.find("k1/p2") != std::string::npos;
+		Seen bound;
+		EXPECT_EQ(kel_db_walk_vports(h_, filter, KEL_LIST_BOUND_PORTS, each, &bound),
+		    has_p2 ? KEL_SUCCESS : KEL_E_VPORT_NOTFOUND);
+		EXPECT_EQ(bound.names, has_p2 ? "k1/p2" : "");
+		list_t only;
+		ASSERT_EQ(kel_db_get_filtered_vportlist(h_, filter, &only, KEL_LIST_BOUND_PORTS),
+		    has_p2 ? KEL_SUCCESS : KEL_E_VPORT_NOTFOUND);
+		if (has_p2) {
+			EXPECT_EQ(kel_list_count(&only), 1);
+			kel_free_vportlist(&only);
+		}
 	}
 	Seen two{"", 2};
 	EXPECT_EQ(kel_db_walk_vports(h_, "", 0, each, &two), 99);
