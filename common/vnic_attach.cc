@@ -59,7 +59,8 @@ int connect_controller(Conn *conn)
 int lookup_kel(nuq_conn_t *conn, const char *tenant, const char *kelname, Instance *inst)
 {
 	nuq_instance_t *raw = nullptr;
-	const int r = kelcntl_KEL__nuq_lookup(conn, 0, &raw, 2, "name", kelname, "tenant",
+	// Named, not asked for: the call that follows finds the kel, or fails as a lookup would.
+	const int r = kelcntl_KEL__nuq_lookup(conn, NUQ_LOOKUP_NAMED, &raw, 2, "name", kelname, "tenant",
 	    tenant != nullptr ? tenant : KEL_DEFAULT_TENANT);
 	inst->reset(raw);
 	return r == NUQ_E_SUCCESS ? KEL_SUCCESS : nuq_error(r);
@@ -263,18 +264,16 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kelcntl_KELError *err = nullptr;
+	// The controller joins the kel's hosts again itself once the port is released.
 	const int r = kelcntl_KEL_unAssignVPort(kel.get(), vnicname, hostname, extra, last, &err);
-	rc = method_result(r, KelError(err));
-	if (rc == KEL_SUCCESS)
-		sync_flood(kel.get());
-	return rc;
+	return method_result(r, KelError(err));
 }
 
 int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,
     int *count)
 {
 	nuq_instance_t *raw = nullptr;
-	int r = kelcntl_KELController__nuq_lookup(conn, 0, &raw, 0);
+	int r = kelcntl_KELController__nuq_lookup(conn, NUQ_LOOKUP_NAMED, &raw, 0);
 	Instance ctl(raw);
 	if (r != NUQ_E_SUCCESS)
 		return nuq_error(r);

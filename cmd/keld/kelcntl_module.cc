@@ -1,12 +1,14 @@
 // keld's controller module: "kelcntl.KEL" and "kelcntl.KELController" over the library's
-// store operations. Every call opens the store for itself (a connection per call keeps
-// concurrent clients apart; the store lock orders their writes), and a store failure
-// travels back as the error record carrying the library's code unchanged.
+// store operations. Every call has a store handle of its own for as long as it runs (lent
+// by store_pool.h, so concurrent clients never share one; the store lock orders their
+// writes), and a store failure travels back as the error record carrying the library's
+// code unchanged.
 #include <uuid/uuid.h>
 
 #include <string>
 
 #include "kelcntl_module.h"
+#include "store_pool.h"
 #include "kelcntl.h"
 #include "libkel.h"
 #include "uuid_text.h"
@@ -20,24 +22,7 @@ namespace {
 using nuq::Json;
 
 
-class Store {
-public:
-	explicit Store(int mode) : rc_(kel_db_open(&h_, mode)) {}
-	~Store()
-	{
-		if (rc_ == KEL_SUCCESS)
-			kel_db_close(h_);
-	}
-	Store(const Store &) = delete;
-	Store &operator=(const Store &) = delete;
-
-	int status() const { return rc_; }
-	kel_dbhandle_t get() const { return h_; }
-
-private:
-	kel_dbhandle_t h_ = nullptr;
-	int rc_;
-};
+using Store = PooledStore;
 
 nuq::Reply kel_error(int rc)
 {
@@ -129,6 +114,18 @@ Json list_json(list_t *list, ToJson &&to_json)
 	return out;
 }
 
+// Joins the hosts of the switch `keys` names again; a host it missed is logged. Best
+// effort after a release: the next binding on the switch, or the operator, completes it.
+int rejoin(kel_dbhandle_t h, const Json &keys)
+{
+	const std::string &tenant = keys.at("tenant").get_ref<const std::string &>();
+	const std::string &name = keys.at("name").get_ref<const std::string &>();
+	const int rc = kel_sync_vxlan_flood(h, tenant.c_str(), name.c_str());
+	if (rc != KEL_SUCCESS)
+		log_change(rc, "join the hosts of " + tenant + "/" + name);
+	return rc;
+}
+
 Json implinfo_json(kel_t *k)
 {
 	const Json kel = {{"ekeli_name", k->kel_name}, {"ekeli_uuid", kel::uuid_text(k->kel_uuid)},
@@ -183,8 +180,11 @@ nuq::Interface kel_interface()
 		return nuq::Reply{NUQ_E_SUCCESS, implinfo_json(kel.get())};
 	};
 	// The port is found by its VNIC and host (or the filter in `extra`), not by the
-	// switch it was looked up on: that is how the node names what it is releasing.
-	iface.methods["unAssignVPort"] = [](const Json &, const Json &args) {
+	// switch it was looked up on: that is how the node names what it is releasing. The
+	// switch's hosts are then joined again here, where the store is at hand, rather than
+	// at a second request of the node's: for a switch that needs no flood list that costs
+	// two reads of the store instead of an exchange.
+	iface.methods["unAssignVPort"] = [](const Json &keys, const Json &args) {
 		const std::string *vnic = nuq::text_member(args, "vnicname");
 		const std::string *host = nuq::text_member(args, "hostname");
 		const char *extra = nullptr;
@@ -199,19 +199,18 @@ nuq::Interface kel_interface()
 		const int rc = kel_db_unassign_vport_counted(store.get(), vnic->c_str(), host->c_str(), extra,
 		    counted ? &last : nullptr);
 		log_change(rc, "unbind VNIC " + *vnic + " on host " + *host);
-		return rc == KEL_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, Json::object()} : kel_error(rc);
+		if (rc != KEL_SUCCESS)
+			return kel_error(rc);
+		rejoin(store.get(), keys);
+		return nuq::Reply{NUQ_E_SUCCESS, Json::object()};
 	};
 	// A node asks for this once its VXLAN link is made, and after releasing a port: the
 	// kel's hosts are joined again from what the store says now.
 	iface.methods["syncFlood"] = [](const Json &keys, const Json &) {
-		const std::string &tenant = keys.at("tenant").get_ref<const std::string &>();
-		const std::string &name = keys.at("name").get_ref<const std::string &>();
 		Store store(KEL_DB_READONLY);
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
-		const int rc = kel_sync_vxlan_flood(store.get(), tenant.c_str(), name.c_str());
-		if (rc != KEL_SUCCESS)
-			log_change(rc, "join the hosts of " + tenant + "/" + name);
+		const int rc = rejoin(store.get(), keys);
 		return rc == KEL_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, Json::object()} : kel_error(rc);
 	};
 	return iface;

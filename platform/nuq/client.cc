@@ -168,6 +168,10 @@ int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t
 			if (value != nullptr)	// a key without a value is left to the server's default
 				keys[name] = value;
 		}
+		if (strict == NUQ_LOOKUP_NAMED) {
+			*out = new nuq_instance_t{conn, interface, keys};
+			return NUQ_E_SUCCESS;
+		}
 		std::lock_guard<std::mutex> hold(conn->mutex);
 		pass_on_errors(conn);
 		json result;

@@ -19,6 +19,12 @@ void nuq_disconnect(nuq_conn_t *conn) noexcept;
 // Looks up the object of `interface` named by `nkeys` (name, value) string pairs: with
 // `strict` every key of the object must be given, else any object that matches those
 // given. 0 and *out, or an error number.
+//
+// With `strict` NUQ_LOOKUP_NAMED the keys name the object whole and it is not asked for:
+// the server looks the object up again at every call, so a call on one that is not there
+// fails with NUQ_E_NOTFOUND, as the lookup would have, one exchange later. For callers that
+// know the object's keys (from the server, or whole from their own caller) and call at once.
+#define NUQ_LOOKUP_NAMED 2
 int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
     int nkeys, ...);
 void nuq_instance_rele(nuq_instance_t *inst);

@@ -1,0 +1,31 @@
+// keld's open stores. Opening the store parses its schema, and a new handle has none of
+// the statements the library keeps prepared: together most of what a controller call
+// over the socket would cost. Handles are kept from one call to the next instead, one
+// per call running at once, and a handle whose store file was replaced since it was
+// opened is closed rather than served.
+#pragma once
+
+#include "libkel.h"
+
+namespace kelcntl {
+
+// A handle lent for one call: back to the pool when it goes.
+class PooledStore {
+public:
+	explicit PooledStore(int mode);
+	~PooledStore();
+	PooledStore(const PooledStore &) = delete;
+	PooledStore &operator=(const PooledStore &) = delete;
+
+	// KEL_SUCCESS, or kel_db_open's code when no handle could be had.
+	int status() const { return rc_; }
+	kel_dbhandle_t get() const { return h_; }
+
+private:
+	int mode_;
+	kel_dbhandle_t h_ = nullptr;
+	unsigned long dev_ = 0, ino_ = 0;	// the store file this handle opened
+	int rc_;
+};
+
+}  // namespace kelcntl
