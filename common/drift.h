@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "nuq_types.h"
+#include "wexo.h"
 
 namespace kel {
 
@@ -17,7 +18,7 @@ struct Drift {
 
 // A VNIC recorded on its host less than this long ago is still being made: it is no
 // leftover, and its port is not released.
-inline constexpr long kLeftoverGraceSeconds = 60;
+inline constexpr long kLeftoverGraceSeconds = WEXO_LEFTOVER_GRACE_SECONDS;
 
 // What host `host`, over `conn`, left behind. `missing` are VNICs the store has ports
 // bound to there that the host does not have: their records are theirs, not reported

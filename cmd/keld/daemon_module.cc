@@ -15,10 +15,6 @@
 namespace keld {
 namespace {
 
-// A VNIC recorded less than this long ago is still being made: its VNIC's absence is no
-// leftover yet.
-constexpr long kGraceSeconds = 60;
-
 std::string node_name()
 {
 	struct utsname u;
@@ -75,7 +71,7 @@ nuq::Interface daemon_interface(const DaemonState &state)
 			return nuq::Reply{NUQ_E_BADARGS, nullptr};
 		wexo_leftover_t *list = nullptr;
 		size_t count = 0;
-		const wexo_status_t st = wexo_fabric_leftovers(grace != nullptr ? grace->get<long>() : kGraceSeconds, &list, &count);
+		const wexo_status_t st = wexo_fabric_leftovers(grace != nullptr ? grace->get<long>() : WEXO_LEFTOVER_GRACE_SECONDS, &list, &count);
 		nuq::Json found = nuq::Json::array();
 		for (size_t i = 0; i < count; i++)
 			found.push_back({{"kind", list[i].wl_kind}, {"name", list[i].wl_name}, {"what", list[i].wl_what},

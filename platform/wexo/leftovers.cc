@@ -183,8 +183,12 @@ wexo_status_t remove_vnic(wexo_handle_t host, const std::string &name)
 		wexo::LinkLock lock(v->lower);
 		if (!lock.held())
 			return WEXO_STATUS_DENIED;
-		if (vnic_gone(*v).empty())
-			return WEXO_STATUS_LINKBUSY;	// its VNIC is there now
+		// Asked again under the lock its maker records it under: made again since, or
+		// still being made, it is no leftover.
+		const auto now = wexo::fabric::vnic(name);
+		if (!now || now->lower != v->lower || std::time(nullptr) - now->recorded < WEXO_LEFTOVER_GRACE_SECONDS ||
+		    vnic_gone(*now).empty())
+			return WEXO_STATUS_LINKBUSY;
 		wexo::fabric::forget_vnic(name);
 		const size_t slash = name.find('/');
 		const std::string ns = slash == std::string::npos ? "" : name.substr(0, slash);

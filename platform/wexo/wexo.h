@@ -108,9 +108,13 @@ typedef struct wexo_leftover {
 	long wl_age;		// a VNIC's: seconds since its port was bound here
 } wexo_leftover_t;
 wexo_status_t wexo_fabric_leftovers(long grace, wexo_leftover_t **list, size_t *count) KEL_NOEXCEPT;
+// How long a VNIC's record stays "being made": its VNIC may follow the record that long.
+#define WEXO_LEFTOVER_GRACE_SECONDS 60
 // Removes the leftover `name` of `kind`, if it still is one: a VNIC's record, filter table
 // and kept properties (and its lower link when it was the last user), a link, a table.
-// WEXO_STATUS_LINKBUSY when a VNIC's link is there again.
+// WEXO_STATUS_LINKBUSY when a VNIC's link is there again, or its record is younger than
+// WEXO_LEFTOVER_GRACE_SECONDS (whatever grace the caller listed leftovers with: a VNIC
+// being made is never taken apart under its maker).
 wexo_status_t wexo_fabric_remove_leftover(const char *kind, const char *name) KEL_NOEXCEPT;
 
 // The link property kept for `id` ("" when unset).
