@@ -2,7 +2,8 @@
 // check what a port's filters let through.
 // Usage: frame IFNAME KIND [NAME=VALUE...]
 //   KIND  udp4, udp6 (a datagram), arp, ns, na (neighbour solicitation, advertisement),
-//         ra (router advertisement)
+//         ra (router advertisement), redirect4, redirect6 (a redirect to the first hop
+//         gw (redirect4) or target (redirect6), both the sender by default, for `for`)
 //   src, dst         the Ethernet addresses (src: the link's own; dst: broadcast)
 //   vlan=ID          an 802.1Q tag (0: a priority tag); qinq=ID an 802.1ad tag before it
 //   sip, dip, sport, dport   the datagram's addresses and ports (ports 9999)
@@ -177,6 +178,17 @@ int main(int argc, char **argv)
 		append(udp, bootp);
 		payload = ipv4(ip(AF_INET, "0.0.0.0"), ip(AF_INET, "255.255.255.255"), 17, udp);
 		type = 0x0800;
+	} else if (kind == "redirect4") {
+		// ICMP redirect (host) to gateway `gw`, quoting a datagram of the receiver's to `for`.
+		const Bytes quoted = ipv4(ip(AF_INET, get("dip", "0.0.0.0")), ip(AF_INET, get("for", "192.0.2.1")), 17, Bytes(8, 0));
+		Bytes icmp = {5, 1, 0, 0};
+		append(icmp, ip(AF_INET, get("gw", get("sip", "0.0.0.0"))));
+		icmp.insert(icmp.end(), quoted.begin(), quoted.begin() + 28);
+		const uint16_t sum = checksum(icmp);
+		icmp[2] = static_cast<uint8_t>(sum >> 8);
+		icmp[3] = static_cast<uint8_t>(sum);
+		payload = ipv4(ip(AF_INET, get("sip", "0.0.0.0")), ip(AF_INET, get("dip", "255.255.255.255")), 1, icmp);
+		type = 0x0800;
 	} else if (kind == "arp") {
 		payload = {0, 1, 8, 0, 6, 4, 0, static_cast<uint8_t>(get("op", "request") == "reply" ? 2 : 1)};
 		append(payload, mac(get("sha", get("src", own_text))));
@@ -210,6 +222,11 @@ int main(int argc, char **argv)
 				l4.insert(l4.end(), {14, 1, 1, 2, 3, 4, 5, 6});
 		} else if (kind == "ra") {
 			l4 = {134, 0, 0, 0, 64, 0, 0x07, 0x08, 0, 0, 0, 0, 0, 0, 0, 0};	// lifetime 1800 s
+		} else if (kind == "redirect6") {
+			// A better first hop `target` for `for`.
+			l4 = {137, 0, 0, 0, 0, 0, 0, 0};
+			append(l4, ip(AF_INET6, get("target", get("sip", "::"))));
+			append(l4, ip(AF_INET6, get("for", "2001:db8::1")));
 		} else {
 			die("unknown kind " + kind);
 		}
