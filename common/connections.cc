@@ -81,6 +81,16 @@ int kel_host_uri(const char *tmpl, const char *hostname, char *buf, size_t size)
 	return n >= 0 && static_cast<size_t>(n) < size ? KEL_SUCCESS : KEL_E_NOSPACE;
 }
 
+int kel_controller_uri(char *buf, size_t size) noexcept
+{
+	if (buf == nullptr || size == 0)
+		return KEL_E_INVALID_ARGS;
+	buf[0] = '\0';
+	return kel::c_boundary([&] {
+		return kel_tog_get_one_value(KEL_NODE_FMRI, "config", "controller", VUR_TYPE_ASTRING, buf, size);
+	});
+}
+
 // The canonical name of the node name, as the name service knows it.
 int kel_get_hostname(char *buf, uint_t size) noexcept
 {
@@ -109,8 +119,7 @@ int kel_nuq_connection_to_controller(nuq_conn_t **conn) noexcept
 	*conn = nullptr;
 	return kel::c_boundary([&] {
 		char uri[kUriLen];
-		int rc = kel_tog_get_one_value(KEL_NODE_FMRI, "config", "controller", VUR_TYPE_ASTRING, uri,
-		    sizeof(uri));
+		const int rc = kel_controller_uri(uri, sizeof(uri));
 		return rc != KEL_SUCCESS ? rc : kel_connect_uri(uri, conn);
 	});
 }

@@ -5,6 +5,8 @@
 
 #include "libkel.h"
 
+// This host's "controller" setting, how the controller is reached, into buf.
+extern "C" int kel_controller_uri(char *buf, size_t size) noexcept;	// exported for libkel_node.so
 // Parses `uri` (unix:// or ssh://) and connects: KEL_E_CTRL_CONNECT when either fails.
 int kel_connect_uri(const char *uri, nuq_conn_t **conn);
 // The URI that reaches the node `hostname`, from its own or the fabric's "uri-template"

@@ -1,23 +1,45 @@
 #include "host_link.h"
 
+#include "connections.h"
 #include "error_code.h"
 #include "harl.h"
+#include "nuq_errors.h"
 
 namespace kel {
+
+namespace {
+constexpr size_t kUriLen = 1024;
+}
 
 HostLink::~HostLink()
 {
 	nuq_instance_rele(link_);
-	nuq_disconnect(conn_);
 }
 
 int HostLink::open(kel_dbhandle_t h, const char *host, const char *vnic)
 {
-	if (int rc = kel_nuq_connection_to_kelnode(h, host, &conn_); rc != KEL_SUCCESS)
+	char uri[kUriLen];
+	if (int rc = kel_kelnode_uri(h, host, uri, sizeof(uri)); rc != KEL_SUCCESS)
 		return rc;
-	if (int r = harl_Datalink__nuq_lookup(conn_, 1, &link_, 1, "name", vnic); r != 0)
-		return kel::compose_error(r, KEL_E_NUQ);
-	return KEL_SUCCESS;
+	return open_uri(uri, vnic);
+}
+
+int HostLink::open_uri(const std::string &uri, const char *vnic)
+{
+	nuq_instance_rele(link_);
+	link_ = nullptr;
+	// A kept connection whose host went away meanwhile fails its first exchange: one
+	// new connection then.
+	for (int attempt = 0; attempt < 2; attempt++) {
+		if (uri.empty() || conn_.open(uri) != NUQ_E_SUCCESS)
+			return KEL_E_HOST_CONNECT;
+		const int r = harl_Datalink__nuq_lookup(conn_.get(), 1, &link_, 1, "name", vnic);
+		if (r == 0)
+			return KEL_SUCCESS;
+		if (!conn_.stale(r))
+			return kel::compose_error(r, KEL_E_NUQ);
+	}
+	return KEL_E_HOST_CONNECT;
 }
 
 }  // namespace kel

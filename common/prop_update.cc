@@ -20,6 +20,7 @@
 #include "connections.h"
 #include "names.h"
 #include "host_link.h"
+#include "nuq_errors.h"
 #include "kel_assert.h"
 #include "prop_catalogue.h"
 #include "range.h"
@@ -141,23 +142,25 @@ struct HostShare {
 void reach_host(HostShare *share, attrset_t *kelprops, const char *name, const char *value,
     uint32_t flags) noexcept
 {
-	nuq_conn_t *conn = nullptr;
 	try {
-		if (share->uri.empty() || kel_connect_uri(share->uri.c_str(), &conn) != KEL_SUCCESS) {
+		nuq::KeptConnection conn;
+		if (share->uri.empty() || conn.open(share->uri) != NUQ_E_SUCCESS) {
 			share->failed = true;
 			return;
 		}
 		for (const kel_vport_t *vp : share->ports) {
 			nuq_instance_t *link = nullptr;
-			if (harl_Datalink__nuq_lookup(conn, 1, &link, 1, "name", vp->evp_vnicname) != 0 ||
-			    kel_host_set_one_linkprop(link, kelprops, vp->evp_props, name, value, flags) != KEL_SUCCESS)
+			const auto lookup = [&] { return harl_Datalink__nuq_lookup(conn.get(), 1, &link, 1, "name", vp->evp_vnicname); };
+			int r = lookup();
+			if (r != 0 && conn.stale(r))
+				r = conn.open(share->uri) == NUQ_E_SUCCESS ? lookup() : r;
+			if (r != 0 || kel_host_set_one_linkprop(link, kelprops, vp->evp_props, name, value, flags) != KEL_SUCCESS)
 				share->failed = true;
 			nuq_instance_rele(link);
 		}
 	} catch (const std::bad_alloc &) {
 		share->failed = true;
 	}
-	nuq_disconnect(conn);
 }
 
 int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *prop,

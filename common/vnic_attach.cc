@@ -9,8 +9,9 @@
 #include "kel_assert.h"
 #include "kel_lifecycle.h"
 #include "kelnet.h"
-#include "names.h"
+#include "kept.h"
 #include "nuq_errors.h"
+#include "names.h"
 #include "owners.h"
 #include "prop_list.h"
 #include "text.h"
@@ -26,7 +27,9 @@ constexpr size_t kAllowedIpLen = 50;
 // How often the lower link is made before giving up on concurrent releases removing it.
 constexpr int kOwnTries = 3;
 
-using Conn = kel::Owned<nuq_conn_t, nuq_disconnect>;
+// The controller's connection, kept from one call to the next (platform/nuq/kept.h): a
+// node that binds and releases over and over pays for one, not one a call.
+using Conn = nuq::KeptConnection;
 using Instance = kel::Owned<nuq_instance_t, nuq_instance_rele>;
 using KelError = kel::Owned<kelcntl_KELError, kelcntl_KELError_free>;
 using ImplInfo = kel::Owned<kelcntl_KELImplInfo, kelcntl_KELImplInfo_free>;
@@ -50,10 +53,11 @@ int method_result(int r, const KelError &err)
 
 int connect_controller(Conn *conn)
 {
-	nuq_conn_t *raw = nullptr;
-	const int rc = kel_nuq_connection_to_controller(&raw);
-	conn->reset(raw);
-	return rc;
+	char uri[1024];
+	const int rc = kel_controller_uri(uri, sizeof(uri));
+	if (rc != KEL_SUCCESS)
+		return rc;
+	return conn->open(uri) == NUQ_E_SUCCESS ? KEL_SUCCESS : KEL_E_CTRL_CONNECT;
 }
 
 int lookup_kel(nuq_conn_t *conn, const char *tenant, const char *kelname, Instance *inst)

@@ -1,6 +1,7 @@
 #include "client.h"
 
 #include <signal.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -263,6 +264,17 @@ int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance
 void nuq_instance_rele(nuq_instance_t *inst)
 {
 	delete inst;
+}
+
+int nuq_conn_usable(const nuq_conn_t *conn)
+{
+	if (conn == nullptr || conn->broken)
+		return 0;
+	// Between calls nothing is owed on a connection: anything to read is its end (the
+	// server gone, the ssh session closed) or words out of turn, and either leaves it
+	// unfit to carry the next call.
+	struct pollfd p = {conn->in, POLLIN, 0};
+	return poll(&p, 1, 0) == 0;
 }
 
 }  // extern "C"

@@ -8,9 +8,12 @@
 #include "client.h"
 #include "connections.h"
 #include "ctrlprop.h"
+#include "kept.h"
+#include "nuq_errors.h"
 #include "libkel.h"
 #include "server.h"
 #include "store_fixture.h"
+#include "test_support.h"
 
 namespace {
 
@@ -104,6 +107,44 @@ TEST_F(ConnectionsStore, ToANodeThroughItsTemplate)
 	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://ops@", "node-c"), KEL_SUCCESS);
 	ASSERT_EQ(kel_nuq_connection_to_kelnode(h_, "node-c", &conn), KEL_SUCCESS);
 	nuq_disconnect(conn);
+}
+
+// A connection given back is taken up again; one whose daemon went away meanwhile fails
+// its first exchange as stale, and the one opened after it reaches the new daemon.
+TEST_F(ConnectionsStore, KeptConnectionsAreTakenUpAgainOrMadeAnew)
+{
+	nuq::drop_kept_connections();
+	auto keld = std::make_unique<kel::test::Keld>();
+	ASSERT_GT(keld->pid(), 0);
+	const auto daemon = [](nuq::KeptConnection &c) {
+		nuq_instance_t *inst = nullptr;
+		const int r = nuq_lookup(c.get(), "kel.Daemon", 0, &inst, 0);
+		nuq_instance_rele(inst);
+		return r;
+	};
+	nuq_conn_t *first = nullptr;
+	{
+		nuq::KeptConnection c;
+		ASSERT_EQ(c.open("unix://"), NUQ_E_SUCCESS);
+		ASSERT_EQ(daemon(c), 0);
+		EXPECT_FALSE(c.stale(NUQ_E_CLOSED));	// a new connection is never stale
+		first = c.get();
+	}
+	nuq::KeptConnection again;
+	ASSERT_EQ(again.open("unix://"), NUQ_E_SUCCESS);
+	EXPECT_EQ(again.get(), first);
+	EXPECT_FALSE(again.stale(NUQ_E_NOTFOUND));	// an answer, not a dead connection
+	ASSERT_EQ(again.open("unix://"), NUQ_E_SUCCESS);	// gives the held one back first
+	EXPECT_EQ(again.get(), first);
+	EXPECT_EQ(keld->stop(), 0);
+	keld = std::make_unique<kel::test::Keld>();
+	ASSERT_GT(keld->pid(), 0);
+	const int r = daemon(again);
+	EXPECT_NE(r, 0);
+	ASSERT_TRUE(again.stale(r));
+	ASSERT_EQ(again.open("unix://"), NUQ_E_SUCCESS);
+	EXPECT_EQ(daemon(again), 0);
+	nuq::drop_kept_connections();
 }
 
 }  // namespace
