@@ -11,8 +11,10 @@
 #include <vector>
 
 #include "c_boundary.h"
+#include "connections.h"
 #include "ctrlprop.h"
 #include "error_code.h"
+#include "fan_out.h"
 #include "harl.h"
 #include "host_link.h"
 #include "kelnet.h"
@@ -66,25 +68,40 @@ int read_kel(kel_dbhandle_t h, const char *tenant, const char *kelname, KelHosts
 	return KEL_SUCCESS;
 }
 
-// Asks each host of `kel` for its link's flood list: one Member a host, in host order.
-// *complete is false when some host's keld did not answer.
-void ask_members(kel_dbhandle_t h, const KelHosts &kel, std::vector<kel::FloodMember> *members, bool *complete)
+// Asks each host of `kel` for its link's flood list, all hosts at once (over the
+// connections kept from the last time): one Member a host, in host order. *complete is
+// false when some host's keld did not answer.
+int ask_members(kel_dbhandle_t h, const KelHosts &kel, std::vector<kel::FloodMember> *members, bool *complete)
 {
 	*complete = true;
 	// Members hold their connections: the vector is made at its size, never copied.
 	std::vector<kel::FloodMember> fresh(kel.hosts.size());
 	members->swap(fresh);
-	auto m = members->begin();
+	// The store is read here, by this thread; the hosts are reached on the fan-out's.
+	std::vector<std::string> uris;
 	for (const std::string &host : kel.hosts) {
-		m->host = host;
-		const int opened = m->link.open(h, host.c_str(), kel.link);
-		m->reached = opened == KEL_SUCCESS || (opened & 0xff) == KEL_E_NUQ;
-		m->has_link = opened == KEL_SUCCESS &&
-		    harl_Datalink_getFlood(m->link.get(), &m->local, &m->remotes, nullptr) == NUQ_E_SUCCESS &&
-		    !m->local.empty();
-		*complete = *complete && m->reached;
-		++m;
+		char uri[1024];
+		const int rc = kel_kelnode_uri(h, host.c_str(), uri, sizeof(uri));
+		if (rc != KEL_SUCCESS && rc != KEL_E_NOSPACE && rc != KEL_E_NOMEM)
+			return rc;
+		uris.push_back(rc == KEL_SUCCESS ? uri : "");
+		(*members)[uris.size() - 1].host = host;
 	}
+	kel::fan_out(members->size(), [&](size_t i) noexcept {
+		kel::FloodMember &m = (*members)[i];
+		try {
+			const int opened = m.link.open_uri(uris[i], kel.link);
+			m.reached = opened == KEL_SUCCESS || (opened & 0xff) == KEL_E_NUQ;
+			m.has_link = opened == KEL_SUCCESS &&
+			    harl_Datalink_getFlood(m.link.get(), &m.local, &m.remotes, nullptr) == NUQ_E_SUCCESS &&
+			    !m.local.empty();
+		} catch (const std::bad_alloc &) {
+			m.reached = m.has_link = false;
+		}
+	});
+	for (const kel::FloodMember &m : *members)
+		*complete = *complete && m.reached;
+	return KEL_SUCCESS;
 }
 
 int sync(kel_dbhandle_t h, const char *tenant, const char *kelname)
@@ -100,18 +117,30 @@ int sync(kel_dbhandle_t h, const char *tenant, const char *kelname)
 		return KEL_SUCCESS;
 	std::vector<kel::FloodMember> members;
 	bool complete = true;
-	ask_members(h, kel, &members, &complete);
+	if ((rc = ask_members(h, kel, &members, &complete)) != KEL_SUCCESS)
+		return rc;
 	// A host that did not answer may have an endpoint in the others' lists: then they
-	// are only added to, and nothing is taken away until every host answers again.
-	for (kel::FloodMember &to : members) {
+	// are only added to, and nothing is taken away until every host answers again. A list
+	// already as wanted is left alone, so a host joining touches its own list and adds
+	// itself to each other host's.
+	std::vector<char> set(members.size(), 1);
+	kel::fan_out(members.size(), [&](size_t i) noexcept {
+		kel::FloodMember &to = members[i];
 		if (!to.has_link)
-			continue;
-		harl_DatalinkError *raw = nullptr;
-		const int r = harl_Datalink_setFlood(to.link.get(), kel::flood_wanted(members, to), !complete, &raw);
-		DatalinkError err(raw);
-		if (r != NUQ_E_SUCCESS)
-			complete = false;
-	}
+			return;
+		try {
+			const std::vector<std::string> wanted = kel::flood_wanted(members, to);
+			if (wanted == to.remotes)
+				return;
+			harl_DatalinkError *raw = nullptr;
+			set[i] = harl_Datalink_setFlood(to.link.get(), wanted, !complete, &raw) == NUQ_E_SUCCESS;
+			DatalinkError err(raw);
+		} catch (const std::bad_alloc &) {
+			set[i] = 0;
+		}
+	});
+	for (char ok : set)
+		complete = complete && ok;
 	return complete ? KEL_SUCCESS : KEL_E_HOST_CONNECT;
 }
 
@@ -146,9 +175,7 @@ int read_flood(kel_dbhandle_t h, const char *tenant, const char *kelname, std::v
 	}
 	members->clear();
 	bool complete = true;
-	if (kel.flooded)
-		ask_members(h, kel, members, &complete);
-	return KEL_SUCCESS;
+	return kel.flooded ? ask_members(h, kel, members, &complete) : KEL_SUCCESS;
 }
 
 }  // namespace kel
