@@ -94,11 +94,26 @@ std::set<std::string> guarded(wexo_handle_t host)
 	return out;
 }
 
+// Why the filters of link `key` ("NS/LINK", or a link of the host's namespace) are left
+// over ("" when they are not).
+std::string filters_unused(const std::string &key)
+{
+	char link[IFNAMSIZ], ns[256];
+	if (!dlparse_zonelinkname(key.c_str(), link, sizeof(link), ns, sizeof(ns)))
+		return "";
+	wexo_handle_t h = nullptr;
+	if (wexo_open_netns(ns, &h) != WEXO_STATUS_OK)
+		return "the filters of " + key + ", whose namespace is gone";
+	const bool there = wexo_name2info(h, link, nullptr, nullptr) == WEXO_STATUS_OK;
+	wexo_close(h);
+	return there ? "" : "the filters of " + key + ", which is gone";
+}
+
 // Why the table `name` of the host's namespace is left over ("" when it is not, or is not
 // one of the fabric's names).
 std::string table_unused(wexo_handle_t host, const std::string &name, const std::set<std::string> &guards)
 {
-	const std::string lower_prefix = filter::lower_table(""), link_prefix = filter::link_table("", "");
+	const std::string lower_prefix = filter::lower_table(""), link_prefix = filter::legacy_table("");
 	if (name.rfind(lower_prefix, 0) == 0) {
 		const std::string link = name.substr(lower_prefix.size());
 		if (wexo_name2info(host, link.c_str(), nullptr, nullptr) != WEXO_STATUS_OK)
@@ -110,18 +125,17 @@ std::string table_unused(wexo_handle_t host, const std::string &name, const std:
 		return wexo_name2info(host, link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK
 		    ? "" : "the seal of the address responder's link " + link + ", which is gone";
 	}
-	if (name.rfind(link_prefix, 0) != 0)
-		return "";
-	const std::string vnic = name.substr(link_prefix.size());
-	char link[IFNAMSIZ], ns[256];
-	if (!dlparse_zonelinkname(vnic.c_str(), link, sizeof(link), ns, sizeof(ns)))
-		return "";
-	wexo_handle_t h = nullptr;
-	if (wexo_open_netns(ns, &h) != WEXO_STATUS_OK)
-		return "the filters of " + vnic + ", whose namespace is gone";
-	const bool there = wexo_name2info(h, link, nullptr, nullptr) == WEXO_STATUS_OK;
-	wexo_close(h);
-	return there ? "" : "the filters of " + vnic + ", which is gone";
+	// A link's own table, as links had before they shared one.
+	return name.rfind(link_prefix, 0) == 0 ? filters_unused(name.substr(link_prefix.size())) : "";
+}
+
+// The links with filters in the shared table of the host's namespace.
+std::vector<std::string> filtered_links()
+{
+	nlohmann::json listing;
+	if (wexo::nft::list_table(-1, filter::kLinkTable, &listing) != WEXO_STATUS_OK)
+		return {};
+	return filter::keys(listing);
 }
 
 // The netdev tables of the host's namespace.
@@ -155,6 +169,9 @@ std::vector<Leftover> find(wexo_handle_t host, time_t grace)
 	for (const std::string &t : tables())
 		if (const std::string why = table_unused(host, t, guards); !why.empty())
 			out.push_back({"table", t, why});
+	for (const std::string &key : filtered_links())
+		if (const std::string why = filters_unused(key); !why.empty())
+			out.push_back({"filters", key, why});
 	return out;
 }
 
@@ -193,7 +210,7 @@ wexo_status_t remove_vnic(wexo_handle_t host, const std::string &name)
 		const size_t slash = name.find('/');
 		const std::string ns = slash == std::string::npos ? "" : name.substr(0, slash);
 		const std::string link = name.substr(slash == std::string::npos ? 0 : slash + 1);
-		(void)wexo::nft::run(-1, filter::removal(filter::link_table(ns, link)));
+		(void)wexo::nft::run(-1, filter::removal_of(filter::link_key(ns, link)));
 		wexo::settings::forget(name);
 		if (const wexo_status_t st = wexo_lower_guard_sync(host, v->lower); st != WEXO_STATUS_OK)
 			return st;
@@ -260,6 +277,8 @@ wexo_status_t wexo_fabric_remove_leftover(const char *kind, const char *name) no
 			return remove_link(host.h, name);
 		if (std::strcmp(kind, "table") == 0)
 			return remove_table(host.h, name);
+		if (std::strcmp(kind, "filters") == 0)
+			return filters_unused(name).empty() ? WEXO_STATUS_OK : wexo::nft::run(-1, filter::removal_of(name));
 		return WEXO_STATUS_BADARG;
 	});
 }

@@ -25,6 +25,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <set>
 
 #include "kelnet.h"
 
@@ -156,22 +157,54 @@ Json match(const char *op, Json left, Json right)
 Json eq(Json left, Json right) { return match("==", std::move(left), std::move(right)); }
 Json ne(Json left, Json right) { return match("!=", std::move(left), std::move(right)); }
 Json any_of(std::initializer_list<Json> values) { return {{"set", Json::array_t(values)}}; }
-Json jump(const char *chain) { return {{"jump", {{"target", chain}}}}; }
-// Past a chain reached by goto, evaluation goes on in the base chain, whose policy lets
-// the frame through: every chain below the guard is reached so, and a "return" passes.
-Json go(const char *chain) { return {{"goto", {{"target", chain}}}}; }
 Json verdict(const char *what) { return {{what, nullptr}}; }
 
-// Commands of one table.
+// The chains and sets a link may have in the shared table, by their own names.
+const char *const kLinkChains[] = {"egress", "ingress", "guard", "guard_ip4", "guard_arp", "guard_ip6",
+    "guard_ip6_unspec", "guard_nd", "guard_nd_target"};
+const char *const kLinkSets[] = {"allowed4", "allowed6"};
+
+// Commands of one table; with a key, of one link's objects in the shared table, named
+// "KEY.NAME" (every name given below is the link's own, the key added here). The dot is
+// a character nftables' own language takes in a name, so that a listing of the table
+// reads back; no name of the link's own has one, so the last dot ends the key.
 class Batch {
 public:
-	explicit Batch(std::string table) : table_(std::move(table)) {}
+	explicit Batch(std::string table, std::string key = "") : table_(std::move(table)), key_(std::move(key)) {}
 
-	// Tables, sets and chains go before every rule, which may jump to any chain.
+	std::string name(const std::string &own) const { return key_.empty() ? own : key_ + "." + own; }
+	Json jump(const char *chain) const { return {{"jump", {{"target", name(chain)}}}}; }
+	// Past a chain reached by goto, evaluation goes on in the base chain, whose policy lets
+	// the frame through: every chain below the guard is reached so, and a "return" passes.
+	Json go(const char *chain) const { return {{"goto", {{"target", name(chain)}}}}; }
+	std::string set_ref(const char *set) const { return "@" + name(set); }
+
+	// Clearing goes first, then tables, sets and chains, then every rule, which may jump
+	// to any chain.
 	void command(const char *verb, const char *what, Json object)
 	{
 		object["family"] = kFamily;
 		(std::strcmp(what, "rule") == 0 ? rules_ : objects_).push_back({{verb, {{what, std::move(object)}}}});
+	}
+	// Whatever the link had in the shared table goes, and its table of old: each is
+	// added first, so that its deletion never fails, and the chains are emptied before
+	// any is deleted, so that no jump holds one. Nothing is asked of what is there.
+	void clear_link()
+	{
+		const auto clear = [&](const char *verb, const char *what, Json object) {
+			object["family"] = kFamily;
+			clears_.push_back({{verb, {{what, std::move(object)}}}});
+		};
+		clear("add", "table", {{"name", table_}});
+		for (const char *verb : {"add", "flush", "delete"})
+			for (const char *chain : kLinkChains)
+				clear(verb, "chain", {{"table", table_}, {"name", name(chain)}});
+		for (const char *verb : {"add", "delete"})
+			for (const char *set : kLinkSets)
+				clear(verb, "set", {{"table", table_}, {"name", name(set)}, {"type", std::strcmp(set, "allowed4") == 0 ? "ipv4_addr" : "ipv6_addr"},
+				    {"flags", {"interval"}}});
+		for (const char *verb : {"add", "delete"})
+			clear(verb, "table", {{"name", legacy_table(key_)}});
 	}
 	// Whatever table of that name was there goes: "add" makes it if it was not, so the
 	// "delete" never fails.
@@ -181,9 +214,9 @@ public:
 		command("delete", "table", {{"name", table_}});
 	}
 	void table() { command("add", "table", {{"name", table_}}); }
-	void set(const char *name, const char *type, const std::vector<Prefix> &prefixes)
+	void set(const char *own, const char *type, const std::vector<Prefix> &prefixes)
 	{
-		Json object = {{"table", table_}, {"name", name}, {"type", type}, {"flags", {"interval"}}};
+		Json object = {{"table", table_}, {"name", name(own)}, {"type", type}, {"flags", {"interval"}}};
 		if (!prefixes.empty()) {
 			Json elems = Json::array();
 			for (const Prefix &p : prefixes)
@@ -192,15 +225,15 @@ public:
 		}
 		command("add", "set", std::move(object));
 	}
-	void chain(const char *name) { command("add", "chain", {{"table", table_}, {"name", name}}); }
-	void base_chain(const std::string &name, const std::string &hook, const std::string &device)
+	void chain(const char *own) { command("add", "chain", {{"table", table_}, {"name", name(own)}}); }
+	void base_chain(const std::string &own, const std::string &hook, const std::string &device)
 	{
-		command("add", "chain", {{"table", table_}, {"name", name}, {"type", "filter"}, {"hook", hook},
+		command("add", "chain", {{"table", table_}, {"name", name(own)}, {"type", "filter"}, {"hook", hook},
 		    {"dev", device}, {"prio", 0}, {"policy", "accept"}});
 	}
 	void rule(const char *chain, std::vector<Json> exprs, const std::string &what = "")
 	{
-		Json object = {{"table", table_}, {"chain", chain}, {"expr", std::move(exprs)}};
+		Json object = {{"table", table_}, {"chain", name(chain)}, {"expr", std::move(exprs)}};
 		if (!what.empty())
 			object["comment"] = "kel:" + what;
 		command("add", "rule", std::move(object));
@@ -210,19 +243,20 @@ public:
 	{
 		exprs.push_back({{"counter", nullptr}});
 		exprs.push_back(verdict("drop"));
-		command("add", "rule", {{"table", table_}, {"chain", chain}, {"expr", std::move(exprs)},
-		    {"comment", "kel:" + what}});
+		rule(chain, std::move(exprs), what);
 	}
 	Json done()
 	{
-		for (Json &rule : rules_)
-			objects_.push_back(std::move(rule));
-		return {{"nftables", std::move(objects_)}};
+		Json::array_t all = std::move(clears_);
+		for (Json::array_t *part : {&objects_, &rules_})
+			for (Json &o : *part)
+				all.push_back(std::move(o));
+		return {{"nftables", std::move(all)}};
 	}
 
 private:
-	std::string table_;
-	Json::array_t objects_, rules_;
+	std::string table_, key_;
+	Json::array_t clears_, objects_, rules_;
 };
 
 void ip4_rules(Batch &b)
@@ -230,7 +264,7 @@ void ip4_rules(Batch &b)
 	b.chain("guard_ip4");
 	b.rule("guard_ip4", {eq(field("ip", "saddr"), "0.0.0.0"), eq(field("udp", "sport"), 68), eq(field("udp", "dport"), 67),
 	                  verdict("return")});
-	b.drop("guard_ip4", {ne(field("ip", "saddr"), "@allowed4")}, "ip-nospoof");
+	b.drop("guard_ip4", {ne(field("ip", "saddr"), b.set_ref("allowed4"))}, "ip-nospoof");
 	b.drop("guard_ip4", {eq(field("icmp", "type"), "redirect")}, "ip-nospoof");
 }
 
@@ -243,7 +277,7 @@ void arp_rules(Batch &b, const Mac &mac)
 	b.drop("guard_arp", {ne(field("arp", "plen"), 4)}, "ip-nospoof");
 	b.drop("guard_arp", {ne(field("arp", "saddr ether"), mac_text(mac))}, "ip-nospoof");
 	b.rule("guard_arp", {eq(field("arp", "saddr ip"), "0.0.0.0"), eq(field("arp", "operation"), "request"), verdict("return")});
-	b.drop("guard_arp", {ne(field("arp", "saddr ip"), "@allowed4")}, "ip-nospoof");
+	b.drop("guard_arp", {ne(field("arp", "saddr ip"), b.set_ref("allowed4"))}, "ip-nospoof");
 }
 
 // The target of an advertisement, or of a solicitation from :: (duplicate address
@@ -279,12 +313,12 @@ void ip6_rules(Batch &b, const Settings &s)
 	const Json own_ll = element(link_local(s.mac));
 	b.chain("guard_ip6");
 	b.drop("guard_ip6", {eq(icmp6, any_of({"nd-router-advert", "nd-redirect"}))}, "ip-nospoof");
-	b.rule("guard_ip6", {eq(field("ip6", "saddr"), "::"), go("guard_ip6_unspec")});
-	b.drop("guard_ip6", {ne(field("ip6", "saddr"), "@allowed6"), ne(field("ip6", "saddr"), own_ll)}, "ip-nospoof");
-	b.rule("guard_ip6", {eq(icmp6, any_of({"nd-neighbor-solicit", "nd-neighbor-advert"})), go("guard_nd")});
+	b.rule("guard_ip6", {eq(field("ip6", "saddr"), "::"), b.go("guard_ip6_unspec")});
+	b.drop("guard_ip6", {ne(field("ip6", "saddr"), b.set_ref("allowed6")), ne(field("ip6", "saddr"), own_ll)}, "ip-nospoof");
+	b.rule("guard_ip6", {eq(icmp6, any_of({"nd-neighbor-solicit", "nd-neighbor-advert"})), b.go("guard_nd")});
 
 	b.chain("guard_ip6_unspec");
-	b.rule("guard_ip6_unspec", {eq(icmp6, "nd-neighbor-solicit"), go("guard_nd")});
+	b.rule("guard_ip6_unspec", {eq(icmp6, "nd-neighbor-solicit"), b.go("guard_nd")});
 	b.rule("guard_ip6_unspec", {eq(icmp6, any_of({"mld-listener-report", "mld2-listener-report"})), verdict("return")});
 	b.drop("guard_ip6_unspec", {}, "ip-nospoof");
 
@@ -298,15 +332,15 @@ void ip6_rules(Batch &b, const Settings &s)
 	b.drop("guard_nd", {eq(field("ip6", "length"), kNdOneOption), eq(raw("th", kOptionOffset, 8), any_of({kSourceLladdr, kTargetLladdr})),
 	                 ne(raw("th", kOptionMacOffset, 48), hex(s.mac.data(), s.mac.size()))},
 	    "ip-nospoof");
-	b.rule("guard_nd", {eq(icmp6, "nd-neighbor-advert"), go("guard_nd_target")});
-	b.rule("guard_nd", {eq(field("ip6", "saddr"), "::"), go("guard_nd_target")});
+	b.rule("guard_nd", {eq(icmp6, "nd-neighbor-advert"), b.go("guard_nd_target")});
+	b.rule("guard_nd", {eq(field("ip6", "saddr"), "::"), b.go("guard_nd_target")});
 	target_rules(b, s);
 }
 
-// What the rules' comments say, each with how many rules carry it, in the order first
-// met: in a batch ("add" of a rule) or in a listing (a rule). The base chains' rules come
-// last in both.
-std::vector<std::pair<std::string, size_t>> comments(const Json &j)
+// What the rules of link `key` say in their comments, each with how many rules carry
+// it, in the order first met: in a batch ("add" of a rule) or in a listing of the shared
+// table (a rule). The base chains' rules come last in both.
+std::vector<std::pair<std::string, size_t>> comments(const Json &j, const std::string &key)
 {
 	std::vector<std::pair<std::string, size_t>> out;
 	const auto objects = j.find("nftables");
@@ -317,6 +351,9 @@ std::vector<std::pair<std::string, size_t>> comments(const Json &j)
 		if (!rule->is_object() || !rule->contains("rule") || !(*rule)["rule"].is_object())
 			continue;
 		const Json &r = (*rule)["rule"];
+		const auto chain = r.find("chain");
+		if (chain == r.end() || !chain->is_string() || chain->get_ref<const std::string &>().rfind(key + ".", 0) != 0)
+			continue;
 		const auto comment = r.find("comment");
 		if (comment == r.end() || !comment->is_string() || comment->get_ref<const std::string &>().rfind("kel:", 0) != 0)
 			continue;
@@ -426,9 +463,14 @@ Prefix link_local(const Mac &mac)
 	return p;
 }
 
-std::string link_table(const std::string &ns, const std::string &link)
+std::string link_key(const std::string &ns, const std::string &link)
 {
-	return "kel_" + (ns.empty() ? link : ns + "/" + link);
+	return ns.empty() ? link : ns + "/" + link;
+}
+
+std::string legacy_table(const std::string &key)
+{
+	return "kel_" + key;
 }
 
 std::string lower_table(const std::string &link)
@@ -443,21 +485,26 @@ Json removal(const std::string &name)
 	return b.done();
 }
 
+Json removal_of(const std::string &key)
+{
+	Batch b(kLinkTable, key);
+	b.clear_link();
+	return b.done();
+}
+
 Json ruleset(const Placement &at, const Settings &s)
 {
-	Batch b(at.table);
-	b.replace_table();
+	Batch b(kLinkTable, at.key);
+	b.clear_link();
 	if (!s.any())
 		return b.done();
-	b.table();
 	b.set("allowed4", "ipv4_addr", s.allowed4);
 	b.set("allowed6", "ipv6_addr", s.allowed6);
 	b.chain("guard");
 	if (s.priority != Priority::Medium) {
 		const bool high = s.priority == Priority::High;
-		b.command("add", "rule", {{"table", at.table}, {"chain", "guard"},
-		    {"expr", {{{"mangle", {{"key", {{"meta", {{"key", "priority"}}}}}, {"value", high ? "0:6" : "0:2"}}}}}},
-		    {"comment", high ? "kel:priority=high" : "kel:priority=low"}});
+		b.rule("guard", {{{"mangle", {{"key", {{"meta", {{"key", "priority"}}}}}, {"value", high ? "0:6" : "0:2"}}}}},
+		    high ? "priority=high" : "priority=low");
 	}
 	const Json ether_type = field("ether", "type");
 	if (s.mac_nospoof)
@@ -469,9 +516,9 @@ Json ruleset(const Placement &at, const Settings &s)
 	if (s.dhcp_nospoof)
 		b.drop("guard", {eq(field("udp", "sport"), any_of({67, 547}))}, "dhcp-nospoof");
 	if (s.ip_nospoof) {
-		b.rule("guard", {eq(ether_type, "ip"), go("guard_ip4")}, "ip-nospoof");
-		b.rule("guard", {eq(ether_type, "arp"), go("guard_arp")}, "ip-nospoof");
-		b.rule("guard", {eq(ether_type, "ip6"), go("guard_ip6")}, "ip-nospoof");
+		b.rule("guard", {eq(ether_type, "ip"), b.go("guard_ip4")}, "ip-nospoof");
+		b.rule("guard", {eq(ether_type, "arp"), b.go("guard_arp")}, "ip-nospoof");
+		b.rule("guard", {eq(ether_type, "ip6"), b.go("guard_ip6")}, "ip-nospoof");
 		ip4_rules(b);
 		arp_rules(b, s.mac);
 		ip6_rules(b, s);
@@ -481,7 +528,7 @@ Json ruleset(const Placement &at, const Settings &s)
 		std::vector<Json> exprs;
 		if (at.selector)
 			exprs.push_back(eq(field("ether", "saddr"), mac_text(*at.selector)));
-		exprs.push_back(jump("guard"));
+		exprs.push_back(b.jump("guard"));
 		b.rule(hook.c_str(), std::move(exprs), kHooked);
 	}
 	return b.done();
@@ -493,8 +540,8 @@ std::vector<std::string> in_force(const Json &listing, const Placement &at)
 	Settings all;
 	all.priority = Priority::High;
 	all.mac_nospoof = all.ip_nospoof = all.dhcp_nospoof = all.restricted = true;
-	const auto want = comments(ruleset(at, all));
-	const auto found = comments(listing);
+	const auto want = comments(ruleset(at, all), at.key);
+	const auto found = comments(listing, at.key);
 	std::vector<std::string> out;
 	if (found.empty() || found.back().first != kHooked || found.back().second != want.back().second)
 		return out;	// unhooked, its rules are in force nowhere
@@ -506,6 +553,24 @@ std::vector<std::string> in_force(const Json &listing, const Placement &at)
 			out.push_back(what);
 	}
 	return out;
+}
+
+std::vector<std::string> keys(const Json &listing)
+{
+	std::set<std::string> out;
+	const auto objects = listing.find("nftables");
+	if (objects == listing.end() || !objects->is_array())
+		return {};
+	for (const Json &o : *objects) {
+		const auto chain = o.find("chain");
+		if (chain == o.end() || !chain->is_object() || chain->value("table", "") != kLinkTable)
+			continue;
+		const std::string name = chain->value("name", "");
+		const size_t dot = name.rfind('.');
+		if (dot != std::string::npos && dot > 0)
+			out.insert(name.substr(0, dot));
+	}
+	return {out.begin(), out.end()};
 }
 
 Json lower_guard(const std::string &device, const std::vector<Mac> &macs)

@@ -61,29 +61,44 @@ std::string prefix_text(const Prefix &p);	// "10.0.0.1", "10.1.0.0/16"
 // The IPv6 link-local address a MAC address gives (modified EUI-64).
 Prefix link_local(const Mac &mac);
 
-// Where one table of filters sits: its name, the hooks it takes on which devices, and,
-// for a guest's VNIC seen from its lower link, which frames are that VNIC's.
+// The table the links' filters of one namespace share: one table however many VNICs a
+// host has, so that no nftables command reads more of the ruleset as they grow (each
+// table costs every command's cache its own requests). Each link's chains and sets in
+// it are named "KEY.NAME" (Placement::key).
+inline constexpr const char *kLinkTable = "kel";
+
+// Where one link's filters sit: the key naming its objects in the shared table, the
+// hooks it takes on which devices, and, for a guest's VNIC seen from its lower link,
+// which frames are that VNIC's.
 struct Placement {
-	std::string table;
+	std::string key;
 	std::vector<std::pair<std::string, std::string>> hooks;	// ("egress" or "ingress", device)
 	std::optional<Mac> selector;
 	bool host_side = false;	// in the caller's namespace rather than the link's
 };
 
-// The name of the table of `link` in namespace `ns` ("" for the host's own): "kel_LINK",
-// "kel_NS/LINK".
-std::string link_table(const std::string &ns, const std::string &link);
+// The key of `link` in namespace `ns` ("" for the host's own): "LINK", "NS/LINK".
+std::string link_key(const std::string &ns, const std::string &link);
+// The table a link had to itself before the links shared one ("kel_KEY"): taken away
+// whenever the link's filters are made, so that a host carried over keeps no second copy.
+std::string legacy_table(const std::string &key);
 // The name of a lower link's guard table: "kel-lower_LINK" (a name no link table has).
 std::string lower_table(const std::string &link);
 
-// One batch that makes the table of `at` anew from `s`, or removes it when nothing is
-// left to filter; applied at once, so the link is never seen half filtered.
+// One batch that makes the filters of `at` anew from `s`, or removes them when nothing is
+// left to filter; applied at once, so the link is never seen half filtered. It asks
+// nftables nothing of what is there: whatever of the link's objects the shared table
+// holds goes first ("add", then "flush", then "delete" never fails).
 Json ruleset(const Placement &at, const Settings &s);
-// What a listing of table `at` (as nftables lists it) has in force, by its rules'
-// comments: each protection ("mac-nospoof", "ip-nospoof", ...) or priority
+// One batch that takes the filters of the link `key` out of the shared table, if there.
+Json removal_of(const std::string &key);
+// What a listing of the shared table (as nftables lists it) has in force for `at`, by
+// its rules' comments: each protection ("mac-nospoof", "ip-nospoof", ...) or priority
 // ("priority=high") whose rules are all there, and "tagged" for the drop of tagged
-// frames, in the order listed; nothing when the table no longer takes all its hooks.
+// frames, in the order listed; nothing when its hooks are not all taken.
 std::vector<std::string> in_force(const Json &listing, const Placement &at);
+// The keys of the links with chains in a listing of the shared table.
+std::vector<std::string> keys(const Json &listing);
 // One batch that makes the guard of lower link `device` anew: what leaves through it
 // must come from one of `macs`. With no address, the guard goes.
 Json lower_guard(const std::string &device, const std::vector<Mac> &macs);

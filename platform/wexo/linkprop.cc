@@ -10,9 +10,10 @@
 //   iov=off              no SR-IOV virtual function: every link here is already so;
 //                        "on" is not supported
 // Filters act on what a VNIC's guest sends, or on a plain link's ingress (see
-// Placement); link_filter.h builds them. Each link has one nftables table, "netdev
-// kel_<link>" ("kel_<ns>/<link>" for a VNIC in a guest's namespace), rebuilt from the
-// link's kept settings on every change, one change to a link at a time.
+// Placement); link_filter.h builds them. Each namespace has one nftables table for them,
+// "netdev kel", in which a link's chains and sets are "<link>.<name>" ("<ns>/<link>." for
+// a VNIC in a guest's namespace, seen from the host's), rebuilt from the link's kept
+// settings on every change, one change to a link at a time.
 
 #include <netlink/errno.h>
 #include <netlink/route/link.h>
@@ -21,6 +22,7 @@
 #include <netlink/route/qdisc/tbf.h>
 #include <netlink/route/qdisc.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -87,13 +89,13 @@ std::vector<filter::Placement> placements_of(wexo_handle_t h, struct rtnl_link *
 	const char *kind = rtnl_link_get_type(link);
 	const bool vnic = kind != nullptr && (std::strcmp(kind, "macvlan") == 0 || std::strcmp(kind, "macvtap") == 0);
 	filter::Placement own;
-	own.table = filter::link_table("", ifname);
+	own.key = filter::link_key("", ifname);
 	own.hooks = {{vnic ? "egress" : "ingress", ifname}};
 	std::vector<filter::Placement> places;
 	std::string lower;
 	if (vnic && !ns.empty() && wexo_host_lower(h, link, nullptr, &lower) == WEXO_STATUS_OK) {
 		filter::Placement outside;
-		outside.table = filter::link_table(ns, ifname);
+		outside.key = filter::link_key(ns, ifname);
 		outside.hooks = {{"egress", lower}, {"ingress", lower}};
 		outside.selector = s.mac;
 		outside.host_side = true;
@@ -175,8 +177,8 @@ wexo_status_t follow_allowed_mac(const std::string &key)
 	return st;
 }
 
-// What a listing of the link's table `at` says is in force: what its rules are for, and
-// the elements of its two address sets, each comma-separated.
+// What a listing of the shared table says is in force for `at`: what its rules are for,
+// and the elements of its two address sets, each comma-separated.
 void read_filters(const nlohmann::json &listing, const filter::Placement &at, wexo_link_state_t *out)
 {
 	std::string filters, allowed;
@@ -186,7 +188,7 @@ void read_filters(const nlohmann::json &listing, const filter::Placement &at, we
 	for (const nlohmann::json &o : objects != nullptr && objects->is_array() ? *objects : nlohmann::json::array()) {
 		const auto set = o.find("set");
 		if (set == o.end() || !set->contains("elem") || !(*set)["elem"].is_array() ||
-		    ((*set)["name"] != "allowed4" && (*set)["name"] != "allowed6"))
+		    ((*set)["name"] != at.key + ".allowed4" && (*set)["name"] != at.key + ".allowed6"))
 			continue;
 		for (const nlohmann::json &e : (*set)["elem"]) {
 			std::string text;
@@ -277,14 +279,14 @@ uint64_t read_maxbw(struct nl_sock *sock, int ifindex)
 
 void wexo_linkprop_forget(wexo_handle_t h, const char *ifname)
 {
-	// The link is gone: its table is left without a device, and its settings with it. A
-	// guest's VNIC had its table in the host's namespace.
+	// The link is gone: its filters are left without a device, and its settings with it.
+	// A guest's VNIC had its filters in the host's namespace too.
 	const std::string &ns = wexo_netns_name(h);
 	const std::string key = wexo::settings::key(ns, ifname);
 	wexo::LinkLock lock(key + ".props");
-	(void)wexo::nft::run(wexo_netns_fd(h), filter::removal(filter::link_table("", ifname)));
+	(void)wexo::nft::run(wexo_netns_fd(h), filter::removal_of(filter::link_key("", ifname)));
 	if (!ns.empty())
-		(void)wexo::nft::run(-1, filter::removal(filter::link_table(ns, ifname)));
+		(void)wexo::nft::run(-1, filter::removal_of(filter::link_key(ns, ifname)));
 	wexo::settings::forget(key);
 }
 
@@ -351,11 +353,12 @@ wexo_status_t wexo_link_state(wexo_handle_t h, datalink_id_t id, wexo_link_state
 			state->wls_lower[0] = state->wls_lower_kind[0] = '\0';
 		state->wls_maxbw = read_maxbw(wexo_sock(h), static_cast<int>(id));
 		// The first placement is the one the guest cannot reach: what is in force there is
-		// what counts. A table that cannot be listed is not there.
+		// what counts. A link with no chain in the shared table has no filters.
 		const filter::Placement at = placements_of(h, link.get(), own).front();
 		nlohmann::json listing;
-		if (wexo::nft::list_table(nsfd_of(h, at), at.table, &listing) == WEXO_STATUS_OK) {
-			state->wls_filtered = B_TRUE;
+		if (wexo::nft::list_table(nsfd_of(h, at), filter::kLinkTable, &listing) == WEXO_STATUS_OK) {
+			const std::vector<std::string> keys = filter::keys(listing);
+			state->wls_filtered = std::find(keys.begin(), keys.end(), at.key) != keys.end() ? B_TRUE : B_FALSE;
 			read_filters(listing, at, state);
 		}
 		return WEXO_STATUS_OK;

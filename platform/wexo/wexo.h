@@ -99,11 +99,12 @@ wexo_status_t wexo_link_owned(wexo_handle_t handle, datalink_id_t id, const char
 // way leaves), for the controller's drift check: wl_kind "vnic" (a VNIC recorded, its
 // port bound, that is gone; those recorded less than `grace` seconds ago are still being
 // made and are left out), "link" (a link made on demand with no VNIC over it, or the
-// record of one that is gone) or "table" (a filter table, in the host's namespace, of a
-// VNIC or a link that is gone). *list, of *count entries, is freed with free().
+// record of one that is gone), "table" (a filter table of the fabric's, in the host's
+// namespace, of a link that is gone) or "filters" (the chains and sets, in the host's
+// shared table, of a VNIC that is gone). *list, of *count entries, is freed with free().
 typedef struct wexo_leftover {
 	char wl_kind[8];
-	char wl_name[320];	// the VNIC ("NAMESPACE/LINK"), link or table
+	char wl_name[320];	// the VNIC ("NAMESPACE/LINK"), link, table, or link whose filters
 	char wl_what[320];	// what is wrong with it, for people
 	long wl_age;		// a VNIC's: seconds since its port was bound here
 } wexo_leftover_t;

@@ -55,18 +55,18 @@ check "the guests reach each other, their protection letting replies in" ip netn
 
 # What a guest sends is guarded in the host's namespace, on the link its VNIC is made
 # over, where the guest cannot remove it.
-guard() { ip netns exec "$host" nft list table netdev "kel_$g1/eth0" 2>&1; }
+guard() { for c in egress ingress guard_ip4; do ip netns exec "$host" nft list chain netdev kel "$g1/eth0.$c"; done 2>&1; }
 check "the guard of a VNIC in a guest namespace sits on its lower link in the host's" bash -c \
 	"$(declare -f guard); host='$host' g1='$g1'; guard | grep -q 'hook egress device \"kel-vxlan5100\"' &&
 	 guard | grep -q 'hook ingress device \"kel-vxlan5100\"'"
 check "with a copy on the VNIC's own egress in the guest's, for its broadcasts to neighbours" bash -c \
-	"ip netns exec '$g1' nft list table netdev kel_eth0 | grep -q 'hook egress device \"eth0\"'"
+	"ip netns exec '$g1' nft list chain netdev kel eth0.egress | grep -q 'hook egress device \"eth0\"'"
 ip -n "$g1" addr add 10.85.0.99/24 dev eth0
 ip netns exec "$g1" nft flush ruleset	# a guest that may lifts its own copy: the host's stays
 check "a guest sending from an address not its port's is dropped" \
 	bash -c "! ip netns exec '$g1' ping -c 2 -i 0.2 -W 1 -I 10.85.0.99 10.85.0.12 >/dev/null 2>&1"
 check "and counted by the rule that dropped it" bash -c \
-	"$(declare -f guard); host='$host' g1='$g1'; guard | grep -qE 'ip saddr != @allowed4 counter packets [1-9]'"
+	"$(declare -f guard); host='$host' g1='$g1'; guard | grep -qE 'ip saddr != @[^ ]*allowed4 counter packets [1-9]'"
 check "while its port's own address still gets through" ip netns exec "$g1" ping -c 1 -W 2 -I 10.85.0.11 10.85.0.12
 ip -n "$g1" addr del 10.85.0.99/24 dev eth0
 
@@ -77,12 +77,12 @@ expect "a macvtap in the host's namespace, echoed as JSON" \
 ip -n "$host" addr add 10.85.0.13/24 dev vt0
 ip -n "$host" addr add 10.85.0.98/24 dev vt0
 check "is guarded on its own egress" bash -c \
-	"ip netns exec '$host' nft list table netdev kel_vt0 | grep -q 'hook egress device \"vt0\"'"
+	"ip netns exec '$host' nft list chain netdev kel vt0.egress | grep -q 'hook egress device \"vt0\"'"
 check "which drops what it sends from another address" \
 	bash -c "! ip netns exec '$host' ping -c 2 -i 0.2 -W 1 -I 10.85.0.98 10.85.0.12 >/dev/null 2>&1"
 check "and passes what it sends from its own" ip netns exec "$host" ping -c 1 -W 2 -I 10.85.0.13 10.85.0.12
 status "it goes" 0 delete-vnic vt0
-check "with its guard" bash -c "! ip netns exec '$host' nft list table netdev kel_vt0 2>/dev/null"
+check "with its guard" bash -c "! ip netns exec '$host' nft list chain netdev kel vt0.egress 2>/dev/null"
 
 # A namespace with no name, given by its path as container runtimes give it.
 ip netns exec "$host" unshare -n sleep 300 &
@@ -154,7 +154,7 @@ expect "delete-vnic --if-exists: nothing there is success" "" delete-vnic --if-e
 status "without it, a failure" 1 delete-vnic nosuch0
 
 status "the first VNIC goes" 0 delete-vnic "$g1/eth0"
-check "with its guard in the host's namespace" bash -c "! ip netns exec '$host' nft list table netdev 'kel_$g1/eth0' 2>/dev/null"
+check "with its guard in the host's namespace" bash -c "! ip netns exec '$host' nft list chain netdev kel '$g1/eth0.egress' 2>/dev/null"
 check "its port is free, the shared link stays" \
 	bash -c "[ \"\$(ip netns exec '$host' '$keladm_bin' show-vport -p -o status web/vm1)\" = free ] && ip -n '$host' link show kel-vxlan5100 >/dev/null"
 status "the last VNIC goes" 0 delete-vnic "$g2/eth0"

@@ -89,14 +89,15 @@ check "and really caps a transfer (${capped}ms capped, ${free}ms without)" \
 # counted, first by the copy of the filters on its VNIC in its own namespace, and, once
 # the guest has lifted that copy, on its host, in the host's namespace.
 spoof() { ip netns exec "$(guest a1)" ping -c 3 -i 0.2 -W 1 -I 10.91.0.99 10.91.0.12 >/dev/null 2>&1; }
-dropped() { ip netns exec "$1" nft list table netdev "$2" | sed -n 's/.*ip saddr != @allowed4 counter packets \([0-9]*\).*/\1/p'; }
+# dropped NS LINK: what LINK's filters in namespace NS dropped for its source address.
+dropped() { ip netns exec "$1" nft list chain netdev kel "$2.guard_ip4" | sed -n 's/.*ip saddr != @[^ ]* counter packets \([0-9]*\).*/\1/p'; }
 ip -n "$(guest a1)" addr add 10.91.0.99/24 dev eth0
 check "ip-nospoof drops a guest's datagrams from an address not its port's" fails spoof
-drops=$(dropped "$(guest a1)" kel_eth0)
+drops=$(dropped "$(guest a1)" eth0)
 check "and the drop counter shows them ($drops)" test "${drops:-0}" -ge 3
 ip netns exec "$(guest a1)" nft flush ruleset
 check "a guest that lifts its own copy is still dropped" fails spoof
-drops=$(dropped "$(host_ns ha)" "kel_$(guest a1)/eth0")
+drops=$(dropped "$(host_ns ha)" "$(guest a1)/eth0")
 check "by its host, whose counter shows it ($drops)" test "${drops:-0}" -ge 3
 ip -n "$(guest a1)" addr del 10.91.0.99/24 dev eth0
 
@@ -122,8 +123,8 @@ silently() { "$@" >/dev/null 2>&1; }
 clean=$(verify 2>&1)
 check "a fabric as the store says has nothing to report ($clean)" test -z "$clean"
 tc -n "$(host_ns ha)" qdisc del dev vm42 root
-ip netns exec "$(host_ns ha)" nft flush chain netdev kel_vm42 guard
-ip netns exec "$(host_ns hb)" nft flush chain netdev "kel_$(guest b2)/eth0" guard
+ip netns exec "$(host_ns ha)" nft flush chain netdev kel vm42.guard
+ip netns exec "$(host_ns hb)" nft flush chain netdev kel "$(guest b2)/eth0.guard"
 bridge -n "$(host_ns ha)" fdb del 00:00:00:00:00:00 dev kel-vxlan5001 dst 10.77.0.3
 drift=$(verify -p -o object,host,what,store,found)
 check "verify finds the cap taken away" grep -qx 'sys-global/db/a:kel-ha:maxbw:20M (20000000 bit/s):none' <<<"$drift"

@@ -74,7 +74,7 @@ check "nor to a guest on the same host" \
 	stopped noports a2 -- a1 udp4 dst="$a2" vlan=0 sip=10.91.0.99 dip=10.91.0.13
 # Frames under another tag, which no guest here would take anyway, are counted by the
 # host's copy of the guest's filters, once the guest lifted its own.
-tagged() { ip netns exec "$(host_ns ha)" nft list table netdev "kel_$(guest a1)/eth0" |
+tagged() { ip netns exec "$(host_ns ha)" nft list chain netdev kel "$(guest a1)/eth0.guard" |
 	sed -n 's/.*counter packets \([0-9]*\).*kel:tagged.*/\1/p'; }
 in_guest a1 nft flush ruleset
 for tag in "vlan=7" "qinq=5 vlan=0" "qinq=5 vlan=7"; do
@@ -162,13 +162,13 @@ done
 got=$(member setFlood name=eth0 '{"remotes": [], "only_add": false}')
 check "nor a flood list of a link the fabric did not make ($got)" grep -q '"dde_err":26' <<<"$got"
 check "and eth0 was left as it was" bash -c "! tc -n $(host_ns ha) qdisc show dev eth0 | grep -q tbf &&
-	! ip netns exec $(host_ns ha) nft list table netdev kel_eth0 >/dev/null 2>&1"
+	! ip netns exec $(host_ns ha) nft list chain netdev kel eth0.guard >/dev/null 2>&1"
 injection='allowed-ips=10.0.0.1/32 }; }; }; flush ruleset; table netdev kel_lo { set allowed4 { type ipv4_addr; flags interval; elements = { 10.0.0.2/32'
 got=$(member setProperty "name=$(guest a1)/eth0" "$(prop "$injection")")
 check "a value cannot carry nftables commands ($got)" grep -q '"dde_err":7' <<<"$got"
-listed() { ip netns exec "$(host_ns ha)" nft list table "$@" >/dev/null; }
-check "the host's own rules are all still there" listed inet host_firewall
-check "and so are the guest's filters" listed netdev "kel_$(guest a1)/eth0"
+listed() { ip netns exec "$(host_ns ha)" nft list "$@" >/dev/null; }
+check "the host's own rules are all still there" listed table inet host_firewall
+check "and so are the guest's filters" listed chain netdev kel "$(guest a1)/eth0.guard"
 got=$(stranger getStat "name=$(guest a1)/eth0")
 check "a local user outside group kel is refused ($got)" grep -q '^error' <<<"$got"
 
@@ -188,7 +188,7 @@ found=$(keladm_on ctl verify -p -o object,host,what,found 2>&1)
 check "a VNIC bound a moment ago is still being made: its port is reported, its record not ($found)" \
 	test "$found" = "sys-global/web/d:kel-hb:vnic:no such link
 kel-vxlan5999:kel-hb:leftover:link\: made for VNICs, with none over it
-kel_$(guest b2)/eth0:kel-hb:leftover:table\: the filters of $(guest b2)/eth0, which is gone"
+$(guest b2)/eth0:kel-hb:leftover:filters\: the filters of $(guest b2)/eth0, which is gone"
 got=$(member_on hb kel.Daemon removeLeftover host=kel-hb "{\"kind\": \"vnic\", \"name\": \"$(guest b2)/eth0\"}")
 check "a member of kel cannot take apart a VNIC still being made ($got)" grep -q '^error' <<<"$got"
 check "and its record stays" test -e "$records/vnics/$(guest b2)/eth0"
@@ -200,10 +200,10 @@ check "a verify of one kel leaves the hosts' leftovers out" test "$(keladm_on ct
 repaired=$(keladm_on ctl verify --repair -p -o object,what,repaired 2>&1)
 check "--repair releases the port and removes what was left ($repaired)" test "$repaired" = "sys-global/web/d:vnic:yes
 kel-vxlan5999:leftover:yes
-kel_$(guest b2)/eth0:leftover:yes"
+$(guest b2)/eth0:leftover:yes"
 check "the port is free" test "$(keladm_on ctl show-vport -p -o status web/d)" = free
 check "the record, the link and the table are gone" bash -c "! ls '$records/vnics/$(guest b2)' 2>/dev/null | grep -q . &&
-	! ip -n $(host_ns hb) link show kel-vxlan5999 2>/dev/null && ! ip netns exec $(host_ns hb) nft list table netdev 'kel_$(guest b2)/eth0' 2>/dev/null"
+	! ip -n $(host_ns hb) link show kel-vxlan5999 2>/dev/null && ! ip netns exec $(host_ns hb) nft list chain netdev kel '$(guest b2)/eth0.guard' 2>/dev/null"
 check "the link made by hand stays" silently ip -n "$(host_ns hb)" link show kel-vxlan5998
 clean=$(keladm_on ctl verify 2>&1)
 check "and verify finds nothing more ($clean)" test -z "$clean"

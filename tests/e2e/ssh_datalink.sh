@@ -35,7 +35,7 @@ check "and none on its own link" bash -c "! ip netns exec '$node' tc qdisc show 
 check "priority over ssh" setprop "priority=high"
 check "allowed-ips over ssh" setprop "allowed-ips=10.78.1.2"
 check "protection over ssh" setprop "protection=ip-nospoof"
-check "the node has the rules" bash -c "ip netns exec '$node' nft list table netdev kel_vn | grep -q 'ip saddr != @allowed4' && ip netns exec '$node' nft list table netdev kel_vn | grep -q 'meta priority set'"
+check "the node has the rules" bash -c "ip netns exec '$node' nft list table netdev kel | grep -q 'ip saddr != @vn.allowed4' && ip netns exec '$node' nft list chain netdev kel vn.guard | grep -q 'meta priority set'"
 check "a bad value comes back as a datalink error" bash -c \
 	"$(declare -f remote setprop); uri='$uri' call='$call' ctl='$ctl'; setprop maxbw=fast | grep -q '\"dde_err\":7'"
 
@@ -55,7 +55,7 @@ send 3
 after_spoofed=$(noports)
 check "spoofed datagrams are dropped" test "$after_spoofed" -eq "$after_good"
 check "and counted by the rule that dropped them" bash -c \
-	"ip netns exec '$node' nft list table netdev kel_vn | grep -E 'ip saddr != @allowed4 counter packets [1-9]'"
+	"ip netns exec '$node' nft list chain netdev kel vn.guard_ip4 | grep -E 'ip saddr != @vn.allowed4 counter packets [1-9]'"
 
 check "clearing protection over ssh" setprop "protection="
 send 3

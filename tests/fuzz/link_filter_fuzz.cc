@@ -16,12 +16,13 @@ namespace {
 
 using namespace wexo::filter;
 
-const std::set<std::string> kVerbs = {"add", "delete"}, kKinds = {"table", "set", "chain", "rule"},
+const std::set<std::string> kVerbs = {"add", "flush", "delete"}, kKinds = {"table", "set", "chain", "rule"},
                             kComments = {"kel:priority=high", "kel:priority=low", "kel:mac-nospoof", "kel:tagged",
                                 "kel:restricted", "kel:dhcp-nospoof", "kel:ip-nospoof", "kel:hooked", "kel:foreign-mac"};
 
-// Every object is a command of the builder's on table `table`, in the netdev family.
-void check_structure(const Json &batch, const std::string &table)
+// Every object is a command of the builder's on table `table`, in the netdev family; with
+// a `key`, on that link's own objects there (or its table of old) alone.
+void check_structure(const Json &batch, const std::string &table, const std::string &key)
 {
 	FUZZ_CHECK(batch.is_object() && batch.size() == 1 && batch["nftables"].is_array());
 	for (const Json &cmd : batch["nftables"]) {
@@ -30,7 +31,10 @@ void check_structure(const Json &batch, const std::string &table)
 		FUZZ_CHECK(inner.is_object() && inner.size() == 1 && kKinds.count(inner.begin().key()) == 1);
 		const Json &obj = inner.begin().value();
 		FUZZ_CHECK(obj["family"] == "netdev");
-		FUZZ_CHECK(obj[inner.begin().key() == "table" ? "name" : "table"] == table);
+		const bool is_table = inner.begin().key() == "table";
+		FUZZ_CHECK(obj[is_table ? "name" : "table"] == table || (is_table && obj["name"] == legacy_table(key)));
+		if (!key.empty() && !is_table)
+			FUZZ_CHECK(obj[inner.begin().key() == "rule" ? "chain" : "name"].get<std::string>().rfind(key + ".", 0) == 0);
 		if (obj.contains("comment"))
 			FUZZ_CHECK(kComments.count(obj["comment"].get<std::string>()) == 1);
 		if (obj.contains("elem"))
@@ -39,6 +43,14 @@ void check_structure(const Json &batch, const std::string &table)
 				unsigned char buf[16];
 				FUZZ_CHECK(inet_pton(AF_INET, addr.c_str(), buf) == 1 || inet_pton(AF_INET6, addr.c_str(), buf) == 1 ||
 				    (obj["name"] == "vnics" && addr.size() == 17));
+		// A rule's set and jump targets are the link's own.
+		if (obj.contains("expr") && !key.empty()) {
+			const std::string text = obj["expr"].dump();
+			for (size_t at = text.find("\"@"); at != std::string::npos; at = text.find("\"@", at + 1))
+				FUZZ_CHECK(text.compare(at + 2, key.size() + 1, key + ".") == 0);
+			for (size_t at = text.find("\"target\":\""); at != std::string::npos; at = text.find("\"target\":\"", at + 1))
+				FUZZ_CHECK(text.compare(at + 10, key.size() + 1, key + ".") == 0);
+		}
 			}
 	}
 }
@@ -73,18 +85,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	FUZZ_CHECK(parse_allowed(printed, &v4, &v6) && v4 == s.allowed4 && v6 == s.allowed6);
 
 	Placement at;
-	at.table = link_table("guest", "eth0");
+	at.key = link_key("guest", "eth0");
 	at.hooks = {{"egress", "kel-vxlan5000"}, {"ingress", "kel-vxlan5000"}};
 	at.selector = s.mac;
 	at.host_side = true;
 	const Json batch = Json::parse(ruleset(at, s).dump());
-	check_structure(batch, at.table);
+	check_structure(batch, kLinkTable, at.key);
 	// What was built reads back as what was asked.
 	const std::vector<std::string> held = in_force(batch, at);
 	const auto has = [&](const char *what) { return std::find(held.begin(), held.end(), what) != held.end(); };
 	FUZZ_CHECK(has("mac-nospoof") == s.mac_nospoof && has("ip-nospoof") == s.ip_nospoof &&
 	    has("dhcp-nospoof") == s.dhcp_nospoof && has("restricted") == s.restricted && has("tagged") == s.protects());
 	FUZZ_CHECK(has("priority=high") == (s.priority == Priority::High) && has("priority=low") == (s.priority == Priority::Low));
-	check_structure(Json::parse(lower_guard("eth0", {own, s.mac}).dump()), lower_table("eth0"));
+	check_structure(Json::parse(lower_guard("eth0", {own, s.mac}).dump()), lower_table("eth0"), "");
 	return 0;
 }

@@ -209,7 +209,7 @@ int delivered(const NetNs &a, const NetNs &b)
 TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 {
 	ASSERT_TRUE(b_.exec("ip addr add 10.77.0.99/24 dev vb"));
-	const std::string tc = "tc qdisc show dev va", nft = "nft list table netdev kel_va";
+	const std::string tc = "tc qdisc show dev va", nft = "nft list table netdev kel";
 	EXPECT_EQ(delivered(a_, b_), 3) << "both pass without protection";
 
 	ASSERT_EQ(set_prop(a_, "maxbw", "10M"), WEXO_STATUS_OK);
@@ -219,7 +219,7 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 
 	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.2"), WEXO_STATUS_OK);
 	ASSERT_EQ(set_prop(a_, "protection", "ip-nospoof,dhcp-nospoof"), WEXO_STATUS_OK);
-	EXPECT_TRUE(a_.exec("sh -c '" + nft + " | grep -q \"ip saddr != @allowed4\"'"));
+	EXPECT_TRUE(a_.exec("sh -c '" + nft + " | grep -q \"ip saddr != @va.allowed4\"'"));
 	EXPECT_EQ(delivered(a_, b_), 1) << "the spoofed source is dropped";
 	// The allowed list changes in place: now only the other address passes.
 	ASSERT_EQ(set_prop(a_, "allowed-ips", "10.77.0.99"), WEXO_STATUS_OK);
@@ -240,10 +240,11 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 	ASSERT_EQ(set_prop(a_, "allowed-mac", mac.c_str()), WEXO_STATUS_OK);
 	EXPECT_EQ(delivered(a_, b_), 3);
 
-	// Clearing takes everything away again.
+	// Clearing takes everything away again: the link's chains and sets leave the table.
 	ASSERT_EQ(set_prop(a_, "protection", ""), WEXO_STATUS_OK);
 	ASSERT_EQ(set_prop(a_, "priority", "medium"), WEXO_STATUS_OK);
-	EXPECT_FALSE(a_.exec(nft));
+	EXPECT_TRUE(a_.exec(nft));
+	EXPECT_FALSE(a_.exec("sh -c '" + nft + " | grep -q \" va\\.\"'"));
 	ASSERT_EQ(set_prop(a_, "maxbw", ""), WEXO_STATUS_OK);
 	EXPECT_FALSE(a_.exec("sh -c '" + tc + " | grep -q tbf'"));
 
@@ -341,8 +342,8 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	EXPECT_EQ(refusal(conn, "lo", nullptr), WEXO_STATUS_NOTFABRIC);
 	EXPECT_EQ(refusal(conn, (b_.name() + "/vb").c_str(), "protection=ip-nospoof"), WEXO_STATUS_NOTFABRIC);
 	EXPECT_FALSE(a_.exec("sh -c 'tc qdisc show dev va | grep -q tbf'"));
-	EXPECT_FALSE(a_.exec("nft list table netdev kel_va"));
-	EXPECT_FALSE(b_.exec("nft list table netdev kel_vb"));
+	EXPECT_FALSE(a_.exec("sh -c 'nft list table netdev kel | grep -q \"chain va\\.\"'"));
+	EXPECT_FALSE(b_.exec("sh -c 'nft list table netdev kel | grep -q \"chain vb\\.\"'"));
 	ASSERT_TRUE(a_.exec("ip link del vm0"));
 	ASSERT_TRUE(a_.exec("ip link add vm0 type veth peer name vm0p"));
 	EXPECT_EQ(refusal(conn, "vm0", "maxbw=8K"), WEXO_STATUS_NOTFABRIC);
@@ -388,7 +389,7 @@ TEST_F(Datalinks, KeldReadsBackWhatIsInForce)
 	// By hand: the cap and the rules go, the table stays.
 	ASSERT_TRUE(a_.exec("tc qdisc del dev vm0 root"));
 	for (const char *chain : {"guard", "guard_ip4", "guard_arp", "guard_ip6", "guard_ip6_unspec", "guard_nd", "guard_nd_target"})
-		ASSERT_TRUE(a_.exec(std::string("nft flush chain netdev kel_vm0 ") + chain)) << chain;
+		ASSERT_TRUE(a_.exec(std::string("nft flush chain netdev kel vm0.") + chain)) << chain;
 	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
 	EXPECT_EQ(state.maxbw, 0u);
 	EXPECT_TRUE(state.filtered);

@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -108,7 +109,7 @@ TEST(LinkFilter, TheLinkLocalAddressOfAMac)
 TEST(LinkFilter, WhatIsInForceNeedsAllItsRulesAndHooks)
 {
 	Placement at;
-	at.table = link_table("guest", "eth0");
+	at.key = link_key("guest", "eth0");
 	at.hooks = {{"egress", "kel-vxlan5000"}, {"ingress", "kel-vxlan5000"}};
 	at.selector = kOwn;
 	Settings s;
@@ -124,17 +125,38 @@ TEST(LinkFilter, WhatIsInForceNeedsAllItsRulesAndHooks)
 				listing["nftables"].push_back({{"rule", cmd["add"]["rule"]}});
 		return in_force(listing, at);
 	};
-	EXPECT_EQ(without([](const Json &r) { return r["chain"] == "guard_arp"; }),
+	EXPECT_EQ(without([](const Json &r) { return r["chain"] == "guest/eth0.guard_arp"; }),
 	    (std::vector<std::string>{"priority=high", "mac-nospoof", "tagged"}));
-	EXPECT_EQ(without([](const Json &r) { return r["chain"] == "guard"; }), (std::vector<std::string>{}));
-	EXPECT_TRUE(without([](const Json &r) { return r["chain"] == "ingress"; }).empty());
+	EXPECT_EQ(without([](const Json &r) { return r["chain"] == "guest/eth0.guard"; }), (std::vector<std::string>{}));
+	EXPECT_TRUE(without([](const Json &r) { return r["chain"] == "guest/eth0.ingress"; }).empty());
 	EXPECT_TRUE(in_force(Json::object(), at).empty());
+	// Another link's rules in the same table are not this one's.
+	Placement other = at;
+	other.key = link_key("guest2", "eth0");
+	EXPECT_TRUE(in_force(built, other).empty());
+	EXPECT_EQ(keys({{"nftables", {{{"chain", {{"table", "kel"}, {"name", "guest/eth0.guard"}}}},
+	                                 {{"chain", {{"table", "kel"}, {"name", "vt0.egress"}}}},
+	                                 {{"chain", {{"table", "kel-lower_x"}, {"name", "egress"}}}}}}}),
+	    (std::vector<std::string>{"guest/eth0", "vt0"}));
 
-	// Nothing to filter: the batch only takes the table away.
+	// Nothing to filter: the batch only takes the link's objects away, and asks nothing
+	// of what is there: every object named is the link's own, in the shared table (or the
+	// link's table of old), added before it is deleted.
 	Settings none;
 	const Json removal_only = ruleset(at, none);
-	EXPECT_EQ(removal_only["nftables"].size(), 2u);
+	EXPECT_EQ(removal_only, removal_of(at.key));
 	EXPECT_TRUE(in_force(removal_only, at).empty());
+	std::set<std::string> added;
+	for (const Json &cmd : removal_only["nftables"]) {
+		const std::string verb = cmd.begin().key(), kind = cmd.begin().value().begin().key();
+		const Json &obj = cmd.begin().value().begin().value();
+		const std::string name = kind == "table" ? obj["name"].get<std::string>() : obj["table"].get<std::string>() + " " + obj["name"].get<std::string>();
+		EXPECT_TRUE(kind == "table" ? name == "kel" || name == "kel_guest/eth0" : name.rfind("kel guest/eth0.", 0) == 0) << name;
+		if (verb == "add")
+			added.insert(kind + name);
+		else
+			EXPECT_EQ(added.count(kind + name), 1u) << verb << " " << name;
+	}
 }
 
 TEST(LinkFilter, ALowerLinksGuardLetsOutItsVnicsAlone)

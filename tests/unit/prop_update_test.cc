@@ -157,7 +157,7 @@ protected:
 		return host_.exec("sh -c '" + cmd + " | grep -q \"" + text + "\"'");
 	}
 	bool rate(const std::string &r) { return shows("tc qdisc show dev vn0", "tbf.*rate " + r); }
-	bool nft(const std::string &text) { return shows("nft list table netdev kel_vn0", text); }
+	bool nft(const std::string &text) { return shows("nft list table netdev kel", text); }
 
 	kel::test::NetNs host_{"prop"};
 	std::unique_ptr<kel::test::Keld> keld_;
@@ -182,7 +182,7 @@ TEST_F(BoundPropUpdate, TheVnicFollowsThePortAndItsSwitch)
 	EXPECT_TRUE(nft("meta priority set"));
 	// Protection brings the port's own address as the allowed source, and none clears it.
 	ASSERT_EQ(vportprop("p1", "protection=mac-nospoof,ip-nospoof"), KEL_SUCCESS);
-	EXPECT_TRUE(nft("ip saddr != @allowed4"));
+	EXPECT_TRUE(nft("ip saddr != @vn0.allowed4"));
 	EXPECT_TRUE(nft("10.0.0.10"));
 	ASSERT_EQ(vportprop("p1", "protection=none"), KEL_SUCCESS);
 	EXPECT_FALSE(nft("10.0.0.10"));

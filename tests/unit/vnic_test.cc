@@ -355,7 +355,7 @@ TEST_F(Vnics, OneCallForTheWholeVnic)
 	const kelcntl_VPortInfo *port = v.kv_implinfo->ekelii_kelinfo->ekeli_vports[0];
 	const std::string ip = kel_propattrset_lookup(port->evpi_props, port->evpi_props_count, "ipaddr");
 	const std::string link = out_of("ip -o addr show dev vn1; ip route show default; tc qdisc show dev vn1; nft list tables");
-	for (const std::string &want : std::vector<std::string>{" inet " + ip + " ", "default via 10.90.0.1 dev vn1", "table netdev kel_vn1"})
+	for (const std::string &want : std::vector<std::string>{" inet " + ip + " ", "default via 10.90.0.1 dev vn1", "table netdev kel"})
 		EXPECT_NE(link.find(want), std::string::npos) << want << " in " << link;
 	EXPECT_EQ(binding("p1"), bound("vn1"));
 	kel_vnic_free(&v);
