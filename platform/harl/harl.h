@@ -67,7 +67,7 @@ struct HarlLinkState {
 	uint32_t lower_id = 0;		// a VXLAN lower link's VNI, a VLAN lower link's ID
 	std::string local, group;	// a VXLAN lower link's endpoint and multicast group
 	uint64_t maxbw = 0;		// bits per second; 0 for no cap
-	bool filtered = false;		// whether its filter table is there
+	bool filtered = false;		// whether it has filters
 	std::string filters;		// what the table's rules are for, comma-separated
 	std::string allowed;		// the addresses its filters allow, comma-separated
 };

@@ -1,7 +1,8 @@
 // What the fabric made on this host and nothing uses any more: what a command killed
 // half way leaves. A VNIC recorded (its port bound) whose VNIC is gone; a link made on
-// demand with no VNIC over it, or a record of one that is gone; a filter table of a VNIC
-// or a lower link that is gone. Listed for the controller's drift check, and removed one
+// demand with no VNIC over it, or a record of one that is gone; the filters of a VNIC
+// (its objects in the shared table, or a table of its own from before) or the guard table
+// of a lower link that is gone. Listed for the controller's drift check, and removed one
 // by one when it repairs, each checked again under the lock it is made under.
 #include <net/if.h>
 #include <netlink/route/link.h>

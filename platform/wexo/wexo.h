@@ -38,7 +38,7 @@ typedef struct wexo_link_state {
 	char wls_local[46];		// a VXLAN lower link's endpoint ("" unset)
 	char wls_group[46];		// and multicast group ("" none)
 	uint64_t wls_maxbw;		// a root tbf's rate in bits per second; 0 for none
-	boolean_t wls_filtered;		// whether its filter table is there
+	boolean_t wls_filtered;		// whether it has filters (chains in the shared table)
 	char wls_filters[256];		// what the table's rules are for: their "kel:" comments,
 					// comma-separated ("mac-nospoof,ip-nospoof,priority=high")
 	char wls_allowed[1024];		// the elements of its allowed address sets, comma-separated
@@ -111,8 +111,9 @@ typedef struct wexo_leftover {
 wexo_status_t wexo_fabric_leftovers(long grace, wexo_leftover_t **list, size_t *count) KEL_NOEXCEPT;
 // How long a VNIC's record stays "being made": its VNIC may follow the record that long.
 #define WEXO_LEFTOVER_GRACE_SECONDS 60
-// Removes the leftover `name` of `kind`, if it still is one: a VNIC's record, filter table
-// and kept properties (and its lower link when it was the last user), a link, a table.
+// Removes the leftover `name` of `kind`, if it still is one: a VNIC's record, filters
+// and kept properties (and its lower link when it was the last user), a link, a table,
+// a link's filters.
 // WEXO_STATUS_LINKBUSY when a VNIC's link is there again, or its record is younger than
 // WEXO_LEFTOVER_GRACE_SECONDS (whatever grace the caller listed leftovers with: a VNIC
 // being made is never taken apart under its maker).
