@@ -1,5 +1,7 @@
 #include "kept.h"
 
+#include <unistd.h>
+
 #include <chrono>
 #include <mutex>
 #include <vector>
@@ -29,6 +31,7 @@ struct Idle {
 struct Pool {
 	std::mutex mutex;
 	std::vector<Idle> idle;	// oldest first
+	pid_t owner = getpid();
 };
 
 Pool &pool()
@@ -37,11 +40,25 @@ Pool &pool()
 	return *p;
 }
 
+// The idle connections of this process; the pool's mutex is held. A child made by fork
+// finds its parent's in the pool: they are the parent's to use (two processes on one
+// connection read each other's answers) and to close (closing one may end the parent's
+// ssh process), so the child forgets them and keeps their descriptors.
+std::vector<Idle> &idle_here()
+{
+	Pool &p = pool();
+	if (p.owner != getpid()) {
+		p.idle.clear();
+		p.owner = getpid();
+	}
+	return p.idle;
+}
+
 // Takes the idle connections too old to keep out of the pool, into `closing`; the pool's
 // mutex is held.
 void expire(std::vector<nuq_conn_t *> *closing)
 {
-	std::vector<Idle> &idle = pool().idle;
+	std::vector<Idle> &idle = idle_here();
 	const Clock::time_point now = Clock::now();
 	size_t keep_from = 0;
 	while (keep_from < idle.size() && (now - idle[keep_from].since > kMaxIdle || idle.size() - keep_from > kMaxKept))
@@ -76,7 +93,7 @@ int KeptConnection::open(const std::string &uri)
 	{
 		std::lock_guard<std::mutex> hold(pool().mutex);
 		expire(&closing);
-		std::vector<Idle> &idle = pool().idle;
+		std::vector<Idle> &idle = idle_here();
 		// The most recently used: the likeliest to be alive.
 		for (size_t i = idle.size(); i-- > 0;)
 			if (idle[i].uri == uri) {
@@ -113,7 +130,7 @@ bool KeptConnection::stale(int r)
 	std::vector<nuq_conn_t *> closing;
 	{
 		std::lock_guard<std::mutex> hold(pool().mutex);
-		std::vector<Idle> &idle = pool().idle;
+		std::vector<Idle> &idle = idle_here();
 		for (auto it = idle.begin(); it != idle.end();)
 			if (it->uri == uri_) {
 				closing.push_back(it->conn);
@@ -140,7 +157,7 @@ void KeptConnection::give_back()
 	std::vector<nuq_conn_t *> closing;
 	{
 		std::lock_guard<std::mutex> hold(pool().mutex);
-		std::vector<Idle> &idle = pool().idle;
+		std::vector<Idle> &idle = idle_here();
 		size_t same = 0;
 		for (const Idle &i : idle)
 			same += i.uri == uri_;
@@ -158,7 +175,7 @@ void drop_kept_connections()
 	std::vector<nuq_conn_t *> closing;
 	{
 		std::lock_guard<std::mutex> hold(pool().mutex);
-		for (const Idle &i : pool().idle)
+		for (const Idle &i : idle_here())
 			closing.push_back(i.conn);
 		pool().idle.clear();
 	}
