@@ -156,7 +156,23 @@ Json match(const char *op, Json left, Json right)
 }
 Json eq(Json left, Json right) { return match("==", std::move(left), std::move(right)); }
 Json ne(Json left, Json right) { return match("!=", std::move(left), std::move(right)); }
-Json any_of(std::initializer_list<Json> values) { return {{"set", Json::array_t(values)}}; }
+// A match against several values is several tests rather than an anonymous set: the
+// kernel keeps a table's sets in one list, which every set made and every set looked up
+// walks, so a set per rule per link would make each link's filters cost more as a host's
+// links grow. "Not any of" is one rule of tests, "any of" a rule per value.
+std::vector<Json> none_of(const Json &left, std::initializer_list<Json> values)
+{
+	std::vector<Json> out;
+	for (const Json &v : values)
+		out.push_back(ne(left, v));
+	return out;
+}
+// `exprs` and then `more`.
+std::vector<Json> plus(std::vector<Json> exprs, const std::vector<Json> &more)
+{
+	exprs.insert(exprs.end(), more.begin(), more.end());
+	return exprs;
+}
 Json verdict(const char *what) { return {{what, nullptr}}; }
 
 // The chains and sets a link may have in the shared table, by their own names.
@@ -312,26 +328,31 @@ void ip6_rules(Batch &b, const Settings &s)
 	const Json icmp6 = field("icmpv6", "type");
 	const Json own_ll = element(link_local(s.mac));
 	b.chain("guard_ip6");
-	b.drop("guard_ip6", {eq(icmp6, any_of({"nd-router-advert", "nd-redirect"}))}, "ip-nospoof");
+	for (const char *type : {"nd-router-advert", "nd-redirect"})
+		b.drop("guard_ip6", {eq(icmp6, type)}, "ip-nospoof");
 	b.rule("guard_ip6", {eq(field("ip6", "saddr"), "::"), b.go("guard_ip6_unspec")});
 	b.drop("guard_ip6", {ne(field("ip6", "saddr"), b.set_ref("allowed6")), ne(field("ip6", "saddr"), own_ll)}, "ip-nospoof");
-	b.rule("guard_ip6", {eq(icmp6, any_of({"nd-neighbor-solicit", "nd-neighbor-advert"})), b.go("guard_nd")});
+	for (const char *type : {"nd-neighbor-solicit", "nd-neighbor-advert"})
+		b.rule("guard_ip6", {eq(icmp6, type), b.go("guard_nd")});
 
 	b.chain("guard_ip6_unspec");
 	b.rule("guard_ip6_unspec", {eq(icmp6, "nd-neighbor-solicit"), b.go("guard_nd")});
-	b.rule("guard_ip6_unspec", {eq(icmp6, any_of({"mld-listener-report", "mld2-listener-report"})), verdict("return")});
+	for (const char *type : {"mld-listener-report", "mld2-listener-report"})
+		b.rule("guard_ip6_unspec", {eq(icmp6, type), verdict("return")});
 	b.drop("guard_ip6_unspec", {}, "ip-nospoof");
 
 	b.chain("guard_nd");
 	b.drop("guard_nd", {ne(field("ip6", "nexthdr"), "ipv6-icmp")}, "ip-nospoof");
-	b.drop("guard_nd", {ne(field("ip6", "length"), any_of({kNdBare, kNdOneOption}))}, "ip-nospoof");
+	b.drop("guard_nd", none_of(field("ip6", "length"), {kNdBare, kNdOneOption}), "ip-nospoof");
 	const auto option = [](unsigned type) { return type << 8 | 1; };	// type, then length 1
-	b.drop("guard_nd", {eq(field("ip6", "length"), kNdOneOption),
-	                 ne(raw("th", kOptionOffset, 16), any_of({option(kSourceLladdr), option(kTargetLladdr), option(kNonce)}))},
+	b.drop("guard_nd",
+	    plus({eq(field("ip6", "length"), kNdOneOption)},
+	        none_of(raw("th", kOptionOffset, 16), {option(kSourceLladdr), option(kTargetLladdr), option(kNonce)})),
 	    "ip-nospoof");
-	b.drop("guard_nd", {eq(field("ip6", "length"), kNdOneOption), eq(raw("th", kOptionOffset, 8), any_of({kSourceLladdr, kTargetLladdr})),
-	                 ne(raw("th", kOptionMacOffset, 48), hex(s.mac.data(), s.mac.size()))},
-	    "ip-nospoof");
+	for (const unsigned type : {kSourceLladdr, kTargetLladdr})
+		b.drop("guard_nd", {eq(field("ip6", "length"), kNdOneOption), eq(raw("th", kOptionOffset, 8), type),
+		                 ne(raw("th", kOptionMacOffset, 48), hex(s.mac.data(), s.mac.size()))},
+		    "ip-nospoof");
 	b.rule("guard_nd", {eq(icmp6, "nd-neighbor-advert"), b.go("guard_nd_target")});
 	b.rule("guard_nd", {eq(field("ip6", "saddr"), "::"), b.go("guard_nd_target")});
 	target_rules(b, s);
@@ -510,11 +531,13 @@ Json ruleset(const Placement &at, const Settings &s)
 	if (s.mac_nospoof)
 		b.drop("guard", {ne(field("ether", "saddr"), mac_text(s.mac))}, "mac-nospoof");
 	if (s.protects())
-		b.drop("guard", {eq(ether_type, any_of({"8021q", "8021ad", 0x9100}))}, "tagged");
+		for (const Json &tag : {Json("8021q"), Json("8021ad"), Json(0x9100)})
+			b.drop("guard", {eq(ether_type, tag)}, "tagged");
 	if (s.restricted)
-		b.drop("guard", {ne(ether_type, any_of({"ip", "ip6", "arp"}))}, "restricted");
+		b.drop("guard", none_of(ether_type, {"ip", "ip6", "arp"}), "restricted");
 	if (s.dhcp_nospoof)
-		b.drop("guard", {eq(field("udp", "sport"), any_of({67, 547}))}, "dhcp-nospoof");
+		for (const unsigned port : {67, 547})
+			b.drop("guard", {eq(field("udp", "sport"), port)}, "dhcp-nospoof");
 	if (s.ip_nospoof) {
 		b.rule("guard", {eq(ether_type, "ip"), b.go("guard_ip4")}, "ip-nospoof");
 		b.rule("guard", {eq(ether_type, "arp"), b.go("guard_arp")}, "ip-nospoof");

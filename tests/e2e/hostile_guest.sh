@@ -75,7 +75,7 @@ check "nor to a guest on the same host" \
 # Frames under another tag, which no guest here would take anyway, are counted by the
 # host's copy of the guest's filters, once the guest lifted its own.
 tagged() { ip netns exec "$(host_ns ha)" nft list chain netdev kel "$(guest a1)/eth0.guard" |
-	sed -n 's/.*counter packets \([0-9]*\).*kel:tagged.*/\1/p'; }
+	sed -n 's/.*counter packets \([0-9]*\).*kel:tagged.*/\1/p' | awk '{ n += $1 } END { print n + 0 }'; }
 in_guest a1 nft flush ruleset
 for tag in "vlan=7" "qinq=5 vlan=0" "qinq=5 vlan=7"; do
 	check "a frame tagged $tag does not leave its host" reaches tagged -- a1 udp4 dst="$b1" $tag sip=10.91.0.11 dip=10.91.0.12
