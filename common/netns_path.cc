@@ -127,9 +127,8 @@ void kel_netns_release(const std::string &ns)
 	if (ns.rfind(kAttachedNetnsPrefix, 0) != 0 || !wexo::valid_netns_name(ns.c_str()) ||
 	    access(attached_record(ns).c_str(), F_OK) != 0)
 		return;
-	for (const wexo::fabric::Vnic &v : wexo::fabric::vnics())
-		if (v.name.rfind(ns + "/", 0) == 0)
-			return;
+	if (wexo::fabric::any_in(ns))
+		return;
 	const std::string target = std::string(kNetnsDir) + "/" + ns;
 	if (umount2(target.c_str(), MNT_DETACH) == 0 || errno == EINVAL)
 		(void)unlink(target.c_str());

@@ -248,10 +248,15 @@ void release_responder(const std::string &keluuid)
 {
 	const std::string name = kel_dhcp_endpoint(keluuid.c_str());
 	wexo::LinkLock lock(name);
-	for (const wexo::fabric::Vnic &v : wexo::fabric::vnics())
-		if (v.lease && v.lease->kel == keluuid && !v.lease->endpoint)
-			return;
+	// A kel without a responder here costs no look at every record.
 	if (!wexo::fabric::vnic(name))
+		return;
+	bool guests = false;
+	wexo::fabric::visit_vnics([&](const wexo::fabric::Vnic &v) {
+		guests = v.lease && v.lease->kel == keluuid && !v.lease->endpoint;
+		return !guests;
+	});
+	if (guests)
 		return;
 	Handle host;
 	if (host.open("") == WEXO_STATUS_OK)

@@ -169,19 +169,31 @@ std::optional<Vnic> vnic(const std::string &name)
 	return read_vnic(name);
 }
 
-std::vector<Vnic> vnics()
+void visit_vnics(const std::function<bool(const Vnic &)> &visit)
 {
-	std::vector<Vnic> out;
 	std::error_code ec;
 	// Host links at the top, a folder per namespace; anything else (a file being
 	// written, with a "~" in its name) is no record.
 	for (fs::recursive_directory_iterator it(vnics_dir(), ec), end; !ec && it != end; it.increment(ec)) {
 		if (it.depth() > 1 || !it->is_regular_file(ec))
 			continue;
-		const std::string name = fs::relative(it->path(), vnics_dir(), ec).string();
-		if (auto v = read_vnic(name))
-			out.push_back(*v);
+		// The name is the path below the folder, put together by hand: asking the file
+		// system (fs::relative) would resolve every component of both paths, each time.
+		std::string name = it->path().filename().string();
+		if (it.depth() == 1)
+			name = it->path().parent_path().filename().string() + "/" + name;
+		if (auto v = read_vnic(name); v && !visit(*v))
+			return;
 	}
+}
+
+std::vector<Vnic> vnics()
+{
+	std::vector<Vnic> out;
+	visit_vnics([&](const Vnic &v) {
+		out.push_back(v);
+		return true;
+	});
 	return out;
 }
 
@@ -203,10 +215,18 @@ void forget_vnic(const std::string &name)
 
 bool in_use(const std::string &lower)
 {
-	for (const Vnic &v : vnics())
-		if (v.lower == lower)
-			return true;
-	return false;
+	bool found = false;
+	visit_vnics([&](const Vnic &v) {
+		found = v.lower == lower;
+		return !found;
+	});
+	return found;
+}
+
+bool any_in(const std::string &ns)
+{
+	std::error_code ec;
+	return valid_name(ns) && ns.find('/') == std::string::npos && !fs::is_empty(vnics_dir() + "/" + ns, ec) && !ec;
 }
 
 std::optional<int> lower(const std::string &name)

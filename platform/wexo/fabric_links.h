@@ -10,6 +10,7 @@
 #include <netinet/in.h>
 
 #include <ctime>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -50,11 +51,15 @@ std::optional<Lease> parse_lease(const std::string &text);
 std::optional<Vnic> vnic(const std::string &name);
 // Every VNIC recorded, in no particular order.
 std::vector<Vnic> vnics();
+// Each VNIC recorded, in no particular order, while `visit` returns true.
+void visit_vnics(const std::function<bool(const Vnic &)> &visit);
 // Records `v`, replacing a record of the same name; false with errno on failure.
 bool record_vnic(const Vnic &v);
 void forget_vnic(const std::string &name);
 // Whether a VNIC is recorded over link `lower`: bound, and about to be made or made.
 bool in_use(const std::string &lower);
+// Whether a VNIC is recorded in the named namespace `ns`: its records' folder is there.
+bool any_in(const std::string &ns);
 
 // The interface index the on-demand link `name` was made with, if the fabric made it.
 std::optional<int> lower(const std::string &name);
