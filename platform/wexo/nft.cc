@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "netns_switch.h"
+#include "nft_direct.h"
 
 namespace wexo::nft {
 namespace {
@@ -38,6 +39,19 @@ wexo_status_t execute(int nsfd, const std::string &command, std::string *output)
 
 wexo_status_t run(int nsfd, const nlohmann::json &batch)
 {
+	{
+		NetnsSwitch in(nsfd);
+		if (!in.ok())
+			return WEXO_STATUS_DENIED;
+		switch (run_direct(batch)) {
+		case Direct::Done:
+			return WEXO_STATUS_OK;
+		case Direct::Refused:
+			return WEXO_STATUS_FAILED;
+		case Direct::Unsupported:
+			break;	// libnftables builds it, at the cost of reading the ruleset first
+		}
+	}
 	return execute(nsfd, batch.dump(), nullptr);
 }
 

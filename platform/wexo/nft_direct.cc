@@ -1,0 +1,674 @@
+#include "nft_direct.h"
+
+#include <arpa/inet.h>
+#include <linux/if_arp.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <sys/socket.h>
+
+#include <libmnl/libmnl.h>
+#include <libnftnl/chain.h>
+#include <libnftnl/common.h>
+#include <libnftnl/expr.h>
+#include <libnftnl/rule.h>
+#include <libnftnl/set.h>
+#include <libnftnl/table.h>
+#include <libnftnl/udata.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace wexo::nft {
+namespace {
+
+using Json = nlohmann::json;
+using Bytes = std::vector<uint8_t>;
+
+// Anything this does not build: the batch goes to libnftables instead.
+struct Unknown {};
+
+// nftables' own numbers for the types of a set's key, which its listings print by.
+enum KeyType : uint32_t {
+	kInteger = 4,
+	kIpAddr = 7,
+	kIp6Addr = 8,
+	kEtherAddr = 9,
+	kEtherType = 10,
+	kArpOp = 11,
+	kInetProto = 12,
+	kInetService = 13,
+	kIcmpType = 14,
+	kArpHrd = 21,
+	kIcmp6Type = 29,
+};
+// How nftables marks a key kept in network byte order.
+constexpr uint32_t kBigEndian = 2;
+
+// What a header field's match must first be sure of, as nftables checks it: a link
+// header that is Ethernet, a network protocol, a transport protocol.
+enum class Needs { Nothing, Ethernet, Network, Transport };
+
+struct Field {
+	const char *protocol, *name;
+	uint32_t base, offset, len;	// bytes
+	KeyType type;
+	Needs needs;
+	uint16_t network;	// the EtherType it needs, for Network and Transport (0: none)
+	uint8_t transport;	// the IP protocol it needs, for Transport
+};
+
+constexpr uint16_t kIp = 0x0800, kArp = 0x0806, kIp6 = 0x86dd;
+
+const Field kFields[] = {
+    {"ether", "saddr", NFT_PAYLOAD_LL_HEADER, 6, 6, kEtherAddr, Needs::Ethernet, 0, 0},
+    {"ether", "type", NFT_PAYLOAD_LL_HEADER, 12, 2, kEtherType, Needs::Ethernet, 0, 0},
+    {"ip", "saddr", NFT_PAYLOAD_NETWORK_HEADER, 12, 4, kIpAddr, Needs::Network, kIp, 0},
+    {"arp", "htype", NFT_PAYLOAD_NETWORK_HEADER, 0, 2, kArpHrd, Needs::Network, kArp, 0},
+    {"arp", "ptype", NFT_PAYLOAD_NETWORK_HEADER, 2, 2, kEtherType, Needs::Network, kArp, 0},
+    {"arp", "hlen", NFT_PAYLOAD_NETWORK_HEADER, 4, 1, kInteger, Needs::Network, kArp, 0},
+    {"arp", "plen", NFT_PAYLOAD_NETWORK_HEADER, 5, 1, kInteger, Needs::Network, kArp, 0},
+    {"arp", "operation", NFT_PAYLOAD_NETWORK_HEADER, 6, 2, kArpOp, Needs::Network, kArp, 0},
+    {"arp", "saddr ether", NFT_PAYLOAD_NETWORK_HEADER, 8, 6, kEtherAddr, Needs::Network, kArp, 0},
+    {"arp", "saddr ip", NFT_PAYLOAD_NETWORK_HEADER, 14, 4, kIpAddr, Needs::Network, kArp, 0},
+    {"ip6", "length", NFT_PAYLOAD_NETWORK_HEADER, 4, 2, kInteger, Needs::Network, kIp6, 0},
+    {"ip6", "nexthdr", NFT_PAYLOAD_NETWORK_HEADER, 6, 1, kInetProto, Needs::Network, kIp6, 0},
+    {"ip6", "saddr", NFT_PAYLOAD_NETWORK_HEADER, 8, 16, kIp6Addr, Needs::Network, kIp6, 0},
+    // UDP is the same over either IP version: nftables checks the transport alone.
+    {"udp", "sport", NFT_PAYLOAD_TRANSPORT_HEADER, 0, 2, kInetService, Needs::Transport, 0, IPPROTO_UDP},
+    {"udp", "dport", NFT_PAYLOAD_TRANSPORT_HEADER, 2, 2, kInetService, Needs::Transport, 0, IPPROTO_UDP},
+    {"icmp", "type", NFT_PAYLOAD_TRANSPORT_HEADER, 0, 1, kIcmpType, Needs::Transport, kIp, IPPROTO_ICMP},
+    {"icmpv6", "type", NFT_PAYLOAD_TRANSPORT_HEADER, 0, 1, kIcmp6Type, Needs::Transport, kIp6, IPPROTO_ICMPV6},
+};
+
+// The names nftables gives values of a type, among those the fabric's rules use.
+struct Symbol {
+	KeyType type;
+	const char *name;
+	uint32_t value;
+};
+const Symbol kSymbols[] = {
+    {kEtherType, "ip", kIp}, {kEtherType, "arp", kArp}, {kEtherType, "ip6", kIp6}, {kEtherType, "8021q", 0x8100},
+    {kEtherType, "8021ad", 0x88a8}, {kIcmpType, "redirect", 5}, {kArpOp, "request", 1}, {kArpOp, "reply", 2},
+    {kInetProto, "ipv6-icmp", IPPROTO_ICMPV6}, {kInetProto, "udp", IPPROTO_UDP},
+    {kIcmp6Type, "mld-listener-report", 131}, {kIcmp6Type, "nd-router-advert", 134},
+    {kIcmp6Type, "nd-neighbor-solicit", 135}, {kIcmp6Type, "nd-neighbor-advert", 136},
+    {kIcmp6Type, "nd-redirect", 137}, {kIcmp6Type, "mld2-listener-report", 143},
+};
+
+Bytes big_endian(uint64_t value, uint32_t len)
+{
+	if (len < 8 && value >> (8 * len) != 0)
+		throw Unknown{};
+	Bytes out(len);
+	for (uint32_t i = len; i-- > 0; value >>= 8)
+		out[i] = static_cast<uint8_t>(value);
+	return out;
+}
+
+int hex_digit(char c)
+{
+	if (c >= '0' && c <= '9')
+		return c - '0';
+	if (c >= 'a' && c <= 'f')
+		return c - 'a' + 10;
+	if (c >= 'A' && c <= 'F')
+		return c - 'A' + 10;
+	throw Unknown{};
+}
+
+// A value of `len` bytes in network order, as the key of type `type` holds it.
+Bytes value_of(const Json &v, KeyType type, uint32_t len)
+{
+	if (v.is_number_integer()) {
+		if (v.get<int64_t>() < 0 && !v.is_number_unsigned())
+			throw Unknown{};
+		return big_endian(v.get<uint64_t>(), len);
+	}
+	if (!v.is_string())
+		throw Unknown{};
+	const std::string &text = v.get_ref<const std::string &>();
+	Bytes out(len);
+	if (text.rfind("0x", 0) == 0) {
+		if (text.size() != 2 + 2 * len)
+			throw Unknown{};
+		for (uint32_t i = 0; i < len; i++)
+			out[i] = static_cast<uint8_t>(hex_digit(text[2 + 2 * i]) << 4 | hex_digit(text[3 + 2 * i]));
+		return out;
+	}
+	if ((type == kIpAddr && len == 4 && inet_pton(AF_INET, text.c_str(), out.data()) == 1) ||
+	    (type == kIp6Addr && len == 16 && inet_pton(AF_INET6, text.c_str(), out.data()) == 1))
+		return out;
+	if (type == kEtherAddr && len == 6) {
+		unsigned b[6];
+		char end;
+		if (std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5], &end) != 6)
+			throw Unknown{};
+		std::copy(b, b + 6, out.begin());
+		return out;
+	}
+	for (const Symbol &s : kSymbols)
+		if (s.type == type && text == s.name)
+			return big_endian(s.value, len);
+	throw Unknown{};
+}
+
+// One key's length and type, as a set of them is declared.
+struct Key {
+	KeyType type;
+	uint32_t len;
+};
+
+Key named_key(const std::string &type)
+{
+	if (type == "ipv4_addr")
+		return {kIpAddr, 4};
+	if (type == "ipv6_addr")
+		return {kIp6Addr, 16};
+	if (type == "ether_addr")
+		return {kEtherAddr, 6};
+	throw Unknown{};
+}
+
+// An element of an interval set: its first and last address.
+std::pair<Bytes, Bytes> range_of(const Json &e, const Key &key)
+{
+	Json addr = e;
+	unsigned len = key.len * 8;
+	if (e.is_object()) {
+		const Json &p = e.at("prefix");
+		addr = p.at("addr");
+		len = p.at("len").get<unsigned>();
+		if (len > key.len * 8)
+			throw Unknown{};
+	}
+	Bytes first = value_of(addr, key.type, key.len), last = first;
+	for (unsigned bit = len; bit < key.len * 8; bit++) {
+		const uint8_t mask = static_cast<uint8_t>(0x80u >> (bit % 8));
+		first[bit / 8] &= static_cast<uint8_t>(~mask);
+		last[bit / 8] |= mask;
+	}
+	return {first, last};
+}
+
+// Adds one to a big-endian number; false when it wraps past the top.
+bool increment(Bytes *b)
+{
+	for (size_t i = b->size(); i-- > 0;)
+		if (++(*b)[i] != 0)
+			return true;
+	return false;
+}
+
+template <class T, void (*Free)(const T *)>
+struct Owned {
+	struct Del {
+		void operator()(T *p) const { Free(p); }
+	};
+	using Ptr = std::unique_ptr<T, Del>;
+};
+using TablePtr = Owned<nftnl_table, nftnl_table_free>::Ptr;
+using ChainPtr = Owned<nftnl_chain, nftnl_chain_free>::Ptr;
+using SetPtr = Owned<nftnl_set, nftnl_set_free>::Ptr;
+using RulePtr = Owned<nftnl_rule, nftnl_rule_free>::Ptr;
+using UdataPtr = Owned<nftnl_udata_buf, nftnl_udata_buf_free>::Ptr;
+
+// The messages of one batch, one after another in one buffer, between its begin and end.
+class Wire {
+public:
+	Wire() { frame(nftnl_batch_begin); }
+
+	// Appends one message of at most `room` bytes, its payload written by `fill`.
+	template <class Fill>
+	void message(uint16_t type, uint16_t flags, size_t room, Fill fill)
+	{
+		reserve(room);
+		nlmsghdr *nlh = nftnl_nlmsg_build_hdr(buf_.data() + used_, type, NFPROTO_NETDEV, flags, seq_++);
+		fill(nlh);
+		used_ += NLMSG_ALIGN(nlh->nlmsg_len);
+	}
+	const std::vector<char> &done()
+	{
+		frame(nftnl_batch_end);
+		buf_.resize(used_);
+		return buf_;
+	}
+
+private:
+	void reserve(size_t room)
+	{
+		if (buf_.size() < used_ + room)
+			buf_.resize(std::max(buf_.size() * 2, used_ + room));
+	}
+	void frame(nlmsghdr *(*make)(char *, uint32_t))
+	{
+		reserve(MNL_NLMSG_HDRLEN + 64);
+		used_ += NLMSG_ALIGN(make(buf_.data() + used_, seq_++)->nlmsg_len);
+	}
+
+	std::vector<char> buf_;
+	size_t used_ = 0;
+	uint32_t seq_ = 1;
+};
+
+class Compiler {
+public:
+	void command(const Json &c)
+	{
+		if (!c.is_object() || c.size() != 1)
+			throw Unknown{};
+		const std::string &verb = c.begin().key();
+		const Json &body = c.begin().value();
+		if (!body.is_object() || body.size() != 1)
+			throw Unknown{};
+		const std::string &what = body.begin().key();
+		const Json &o = body.begin().value();
+		if (o.value("family", "") != "netdev")
+			throw Unknown{};
+		if (what == "table")
+			table(verb, o);
+		else if (what == "chain")
+			chain(verb, o);
+		else if (what == "set")
+			set(verb, o);
+		else if (what == "rule" && verb == "add")
+			rule(o);
+		else
+			throw Unknown{};
+	}
+	const std::vector<char> &done() { return wire_.done(); }
+
+private:
+	void table(const std::string &verb, const Json &o)
+	{
+		TablePtr t(nftnl_table_alloc());
+		nftnl_table_set_str(t.get(), NFTNL_TABLE_NAME, o.at("name").get_ref<const std::string &>().c_str());
+		nftnl_table_set_u32(t.get(), NFTNL_TABLE_FAMILY, NFPROTO_NETDEV);
+		const auto fill = [&](nlmsghdr *nlh) { nftnl_table_nlmsg_build_payload(nlh, t.get()); };
+		if (verb == "add")
+			wire_.message(NFT_MSG_NEWTABLE, NLM_F_CREATE, 512, fill);
+		else if (verb == "delete")
+			wire_.message(NFT_MSG_DELTABLE, 0, 512, fill);
+		else
+			throw Unknown{};
+	}
+
+	void chain(const std::string &verb, const Json &o)
+	{
+		ChainPtr ch(nftnl_chain_alloc());
+		nftnl_chain_set_str(ch.get(), NFTNL_CHAIN_TABLE, o.at("table").get_ref<const std::string &>().c_str());
+		nftnl_chain_set_str(ch.get(), NFTNL_CHAIN_NAME, o.at("name").get_ref<const std::string &>().c_str());
+		nftnl_chain_set_u32(ch.get(), NFTNL_CHAIN_FAMILY, NFPROTO_NETDEV);
+		if (o.contains("hook")) {
+			const std::string &hook = o.at("hook").get_ref<const std::string &>();
+			if ((hook != "ingress" && hook != "egress") || o.at("type") != "filter" || o.at("policy") != "accept")
+				throw Unknown{};
+			nftnl_chain_set_u32(ch.get(), NFTNL_CHAIN_HOOKNUM, hook == "ingress" ? NF_NETDEV_INGRESS : NF_NETDEV_EGRESS);
+			nftnl_chain_set_s32(ch.get(), NFTNL_CHAIN_PRIO, o.at("prio").get<int32_t>());
+			nftnl_chain_set_str(ch.get(), NFTNL_CHAIN_TYPE, "filter");
+			nftnl_chain_set_str(ch.get(), NFTNL_CHAIN_DEV, o.at("dev").get_ref<const std::string &>().c_str());
+			nftnl_chain_set_u32(ch.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
+		}
+		if (verb == "add") {
+			wire_.message(NFT_MSG_NEWCHAIN, NLM_F_CREATE, 1024, [&](nlmsghdr *nlh) { nftnl_chain_nlmsg_build_payload(nlh, ch.get()); });
+		} else if (verb == "flush") {
+			// Every rule of the chain: a rule deletion that names no rule.
+			RulePtr r(nftnl_rule_alloc());
+			nftnl_rule_set_str(r.get(), NFTNL_RULE_TABLE, o.at("table").get_ref<const std::string &>().c_str());
+			nftnl_rule_set_str(r.get(), NFTNL_RULE_CHAIN, o.at("name").get_ref<const std::string &>().c_str());
+			nftnl_rule_set_u32(r.get(), NFTNL_RULE_FAMILY, NFPROTO_NETDEV);
+			wire_.message(NFT_MSG_DELRULE, 0, 1024, [&](nlmsghdr *nlh) { nftnl_rule_nlmsg_build_payload(nlh, r.get()); });
+		} else if (verb == "delete") {
+			wire_.message(NFT_MSG_DELCHAIN, 0, 1024, [&](nlmsghdr *nlh) { nftnl_chain_nlmsg_build_payload(nlh, ch.get()); });
+		} else {
+			throw Unknown{};
+		}
+	}
+
+	// A set of this batch's own: its name, the id rules refer to it by, and its key.
+	SetPtr new_set(const std::string &table, const std::string &name, const Key &key, uint32_t flags)
+	{
+		SetPtr s(nftnl_set_alloc());
+		nftnl_set_set_str(s.get(), NFTNL_SET_TABLE, table.c_str());
+		nftnl_set_set_str(s.get(), NFTNL_SET_NAME, name.c_str());
+		nftnl_set_set_u32(s.get(), NFTNL_SET_FAMILY, NFPROTO_NETDEV);
+		nftnl_set_set_u32(s.get(), NFTNL_SET_FLAGS, flags);
+		nftnl_set_set_u32(s.get(), NFTNL_SET_KEY_TYPE, key.type);
+		nftnl_set_set_u32(s.get(), NFTNL_SET_KEY_LEN, key.len);
+		nftnl_set_set_u32(s.get(), NFTNL_SET_ID, ++set_ids_);
+		UdataPtr ud(nftnl_udata_buf_alloc(64));
+		nftnl_udata_put_u32(ud.get(), NFTNL_UDATA_SET_KEYBYTEORDER, kBigEndian);
+		nftnl_set_set_data(s.get(), NFTNL_SET_USERDATA, nftnl_udata_buf_data(ud.get()), nftnl_udata_buf_len(ud.get()));
+		return s;
+	}
+
+	void add_element(nftnl_set *s, const Bytes &key, uint32_t flags)
+	{
+		nftnl_set_elem *e = nftnl_set_elem_alloc();
+		nftnl_set_elem_set(e, NFTNL_SET_ELEM_KEY, key.data(), key.size());
+		if (flags != 0)
+			nftnl_set_elem_set_u32(e, NFTNL_SET_ELEM_FLAGS, flags);
+		nftnl_set_elem_add(s, e);
+	}
+
+	// Sends set `s` and then its `count` elements.
+	void send_set(nftnl_set *s, size_t count)
+	{
+		wire_.message(NFT_MSG_NEWSET, NLM_F_CREATE, 1024, [&](nlmsghdr *nlh) { nftnl_set_nlmsg_build_payload(nlh, s); });
+		if (count > 0)
+			wire_.message(NFT_MSG_NEWSETELEM, NLM_F_CREATE, 256 + count * 96,
+			    [&](nlmsghdr *nlh) { nftnl_set_elems_nlmsg_build_payload(nlh, s); });
+	}
+
+	void set(const std::string &verb, const Json &o)
+	{
+		const std::string &table = o.at("table").get_ref<const std::string &>();
+		const std::string &name = o.at("name").get_ref<const std::string &>();
+		const Key key = named_key(o.at("type").get<std::string>());
+		bool interval = false;
+		if (o.contains("flags")) {
+			if (o.at("flags") != Json::array({"interval"}))
+				throw Unknown{};
+			interval = true;
+		}
+		SetPtr s = new_set(table, name, key, interval ? NFT_SET_INTERVAL : 0);
+		if (verb == "delete") {
+			wire_.message(NFT_MSG_DELSET, 0, 1024, [&](nlmsghdr *nlh) { nftnl_set_nlmsg_build_payload(nlh, s.get()); });
+			return;
+		}
+		if (verb != "add")
+			throw Unknown{};
+		named_[table + "\n" + name] = set_ids_;
+		const Json elems = o.value("elem", Json::array());
+		size_t count = 0;
+		if (interval) {
+			// Ranges in order, those that overlap joined; each is its first address and
+			// the one past its last marked as an end, and the gap before the first, as
+			// nftables writes them, is an end at zero.
+			std::vector<std::pair<Bytes, Bytes>> ranges;
+			for (const Json &e : elems)
+				ranges.push_back(range_of(e, key));
+			std::sort(ranges.begin(), ranges.end());
+			std::vector<std::pair<Bytes, Bytes>> joined;
+			for (auto &r : ranges) {
+				if (!joined.empty() && joined.back().second >= r.first)
+					joined.back().second = std::max(joined.back().second, r.second);
+				else
+					joined.push_back(std::move(r));
+			}
+			if (!joined.empty() && joined.front().first != Bytes(key.len, 0)) {
+				add_element(s.get(), Bytes(key.len, 0), NFT_SET_ELEM_INTERVAL_END);
+				count++;
+			}
+			for (auto &[first, last] : joined) {
+				add_element(s.get(), first, 0);
+				count++;
+				if (increment(&last)) {
+					add_element(s.get(), last, NFT_SET_ELEM_INTERVAL_END);
+					count++;
+				}
+			}
+		} else {
+			for (const Json &e : elems) {
+				add_element(s.get(), value_of(e, key.type, key.len), 0);
+				count++;
+			}
+		}
+		send_set(s.get(), count);
+	}
+
+	// A rule's expressions, the register every load goes into.
+	class Exprs {
+	public:
+		explicit Exprs(nftnl_rule *r) : r_(r) {}
+		nftnl_expr *add(const char *kind)
+		{
+			nftnl_expr *e = nftnl_expr_alloc(kind);
+			nftnl_rule_add_expr(r_, e);
+			return e;
+		}
+		void meta_load(uint32_t key)
+		{
+			nftnl_expr *e = add("meta");
+			nftnl_expr_set_u32(e, NFTNL_EXPR_META_KEY, key);
+			nftnl_expr_set_u32(e, NFTNL_EXPR_META_DREG, NFT_REG_1);
+		}
+		void cmp(uint32_t op, const void *data, size_t len)
+		{
+			nftnl_expr *e = add("cmp");
+			nftnl_expr_set_u32(e, NFTNL_EXPR_CMP_SREG, NFT_REG_1);
+			nftnl_expr_set_u32(e, NFTNL_EXPR_CMP_OP, op);
+			nftnl_expr_set(e, NFTNL_EXPR_CMP_DATA, data, len);
+		}
+		void payload(uint32_t base, uint32_t offset, uint32_t len)
+		{
+			nftnl_expr *e = add("payload");
+			nftnl_expr_set_u32(e, NFTNL_EXPR_PAYLOAD_DREG, NFT_REG_1);
+			nftnl_expr_set_u32(e, NFTNL_EXPR_PAYLOAD_BASE, base);
+			nftnl_expr_set_u32(e, NFTNL_EXPR_PAYLOAD_OFFSET, offset);
+			nftnl_expr_set_u32(e, NFTNL_EXPR_PAYLOAD_LEN, len);
+		}
+		// What a header field needs checked before it is read, once per rule.
+		void needs(const Field &f)
+		{
+			if (f.needs == Needs::Ethernet && checked_.insert("ether").second) {
+				meta_load(NFT_META_IIFTYPE);
+				const uint16_t ether = ARPHRD_ETHER;
+				cmp(NFT_CMP_EQ, &ether, sizeof(ether));
+			}
+			if (f.network != 0 && checked_.insert("network").second) {
+				meta_load(NFT_META_PROTOCOL);
+				const uint16_t proto = htons(f.network);
+				cmp(NFT_CMP_EQ, &proto, sizeof(proto));
+			}
+			if (f.needs == Needs::Transport && checked_.insert("transport").second) {
+				meta_load(NFT_META_L4PROTO);
+				cmp(NFT_CMP_EQ, &f.transport, sizeof(f.transport));
+			}
+		}
+
+	private:
+		nftnl_rule *r_;
+		std::set<std::string> checked_;
+	};
+
+	// Loads the left side of a match into the register: a header field, a raw span of a
+	// header, or either masked. What the right side is read as.
+	Key load(Exprs &x, const Json &left)
+	{
+		if (left.contains("&")) {
+			const Json &pair = left.at("&");
+			if (!pair.is_array() || pair.size() != 2)
+				throw Unknown{};
+			const Key key = load(x, pair[0]);
+			const Bytes mask = value_of(pair[1], kInteger, key.len), zero(key.len, 0);
+			nftnl_expr *e = x.add("bitwise");
+			nftnl_expr_set_u32(e, NFTNL_EXPR_BITWISE_SREG, NFT_REG_1);
+			nftnl_expr_set_u32(e, NFTNL_EXPR_BITWISE_DREG, NFT_REG_1);
+			nftnl_expr_set_u32(e, NFTNL_EXPR_BITWISE_LEN, key.len);
+			nftnl_expr_set(e, NFTNL_EXPR_BITWISE_MASK, mask.data(), mask.size());
+			nftnl_expr_set(e, NFTNL_EXPR_BITWISE_XOR, zero.data(), zero.size());
+			return key;
+		}
+		const Json &p = left.at("payload");
+		if (p.contains("protocol")) {
+			const std::string &protocol = p.at("protocol").get_ref<const std::string &>();
+			const std::string &name = p.at("field").get_ref<const std::string &>();
+			for (const Field &f : kFields)
+				if (protocol == f.protocol && name == f.name) {
+					x.needs(f);
+					x.payload(f.base, f.offset, f.len);
+					return {f.type, f.len};
+				}
+			throw Unknown{};
+		}
+		const std::string &base = p.at("base").get_ref<const std::string &>();
+		const unsigned offset = p.at("offset").get<unsigned>(), len = p.at("len").get<unsigned>();
+		if (offset % 8 != 0 || len % 8 != 0 || len == 0 || len > 128)
+			throw Unknown{};
+		const uint32_t header = base == "ll"   ? NFT_PAYLOAD_LL_HEADER
+		                        : base == "nh" ? NFT_PAYLOAD_NETWORK_HEADER
+		                        : base == "th" ? NFT_PAYLOAD_TRANSPORT_HEADER
+		                                       : throw Unknown{};
+		x.payload(header, offset / 8, len / 8);
+		return {kInteger, len / 8};
+	}
+
+	void match(Exprs &x, const std::string &table, const Json &m)
+	{
+		const std::string &op = m.at("op").get_ref<const std::string &>();
+		if (op != "==" && op != "!=")
+			throw Unknown{};
+		const bool equal = op == "==";
+		const Key key = load(x, m.at("left"));
+		const Json &right = m.at("right");
+		if (right.is_string() && right.get_ref<const std::string &>().rfind('@', 0) == 0) {
+			const std::string name = right.get<std::string>().substr(1);
+			const auto it = named_.find(table + "\n" + name);
+			lookup(x, name, it == named_.end() ? 0 : it->second, equal);
+		} else {
+			const Bytes value = value_of(right, key.type, key.len);
+			x.cmp(equal ? NFT_CMP_EQ : NFT_CMP_NEQ, value.data(), value.size());
+		}
+	}
+
+	void lookup(Exprs &x, const std::string &name, uint32_t id, bool equal)
+	{
+		nftnl_expr *e = x.add("lookup");
+		nftnl_expr_set_u32(e, NFTNL_EXPR_LOOKUP_SREG, NFT_REG_1);
+		nftnl_expr_set_str(e, NFTNL_EXPR_LOOKUP_SET, name.c_str());
+		if (id != 0)
+			nftnl_expr_set_u32(e, NFTNL_EXPR_LOOKUP_SET_ID, id);
+		if (!equal)
+			nftnl_expr_set_u32(e, NFTNL_EXPR_LOOKUP_FLAGS, NFT_LOOKUP_F_INV);
+	}
+
+	void verdict(Exprs &x, int code, const std::string &chain = "")
+	{
+		nftnl_expr *e = x.add("immediate");
+		nftnl_expr_set_u32(e, NFTNL_EXPR_IMM_DREG, NFT_REG_VERDICT);
+		nftnl_expr_set_u32(e, NFTNL_EXPR_IMM_VERDICT, static_cast<uint32_t>(code));
+		if (!chain.empty())
+			nftnl_expr_set_str(e, NFTNL_EXPR_IMM_CHAIN, chain.c_str());
+	}
+
+	// "meta priority set MAJOR:MINOR" (hexadecimal, as a class handle is written).
+	void set_priority(Exprs &x, const Json &mangle)
+	{
+		if (mangle.at("key") != Json{{"meta", {{"key", "priority"}}}})
+			throw Unknown{};
+		const std::string &text = mangle.at("value").get_ref<const std::string &>();
+		unsigned major = 0, minor = 0;
+		char end;
+		if (std::sscanf(text.c_str(), "%x:%x%c", &major, &minor, &end) != 2 || major > 0xffff || minor > 0xffff)
+			throw Unknown{};
+		const uint32_t handle = major << 16 | minor;
+		nftnl_expr *e = x.add("immediate");
+		nftnl_expr_set_u32(e, NFTNL_EXPR_IMM_DREG, NFT_REG_1);
+		nftnl_expr_set(e, NFTNL_EXPR_IMM_DATA, &handle, sizeof(handle));
+		e = x.add("meta");
+		nftnl_expr_set_u32(e, NFTNL_EXPR_META_KEY, NFT_META_PRIORITY);
+		nftnl_expr_set_u32(e, NFTNL_EXPR_META_SREG, NFT_REG_1);
+	}
+
+	void rule(const Json &o)
+	{
+		const std::string &table = o.at("table").get_ref<const std::string &>();
+		RulePtr r(nftnl_rule_alloc());
+		nftnl_rule_set_str(r.get(), NFTNL_RULE_TABLE, table.c_str());
+		nftnl_rule_set_str(r.get(), NFTNL_RULE_CHAIN, o.at("chain").get_ref<const std::string &>().c_str());
+		nftnl_rule_set_u32(r.get(), NFTNL_RULE_FAMILY, NFPROTO_NETDEV);
+		Exprs x(r.get());
+		for (const Json &stmt : o.at("expr")) {
+			if (!stmt.is_object() || stmt.size() != 1)
+				throw Unknown{};
+			const std::string &kind = stmt.begin().key();
+			const Json &arg = stmt.begin().value();
+			if (kind == "match")
+				match(x, table, arg);
+			else if (kind == "counter" && arg.is_null())
+				x.add("counter");
+			else if (kind == "drop" && arg.is_null())
+				verdict(x, NF_DROP);
+			else if (kind == "accept" && arg.is_null())
+				verdict(x, NF_ACCEPT);
+			else if (kind == "return" && arg.is_null())
+				verdict(x, NFT_RETURN);
+			else if (kind == "jump" || kind == "goto")
+				verdict(x, kind == "jump" ? NFT_JUMP : NFT_GOTO, arg.at("target").get<std::string>());
+			else if (kind == "mangle")
+				set_priority(x, arg);
+			else
+				throw Unknown{};
+		}
+		if (o.contains("comment")) {
+			const std::string &comment = o.at("comment").get_ref<const std::string &>();
+			UdataPtr ud(nftnl_udata_buf_alloc(comment.size() + 16));
+			if (comment.size() > 128 || !nftnl_udata_put_strz(ud.get(), NFTNL_UDATA_RULE_COMMENT, comment.c_str()))
+				throw Unknown{};
+			nftnl_rule_set_data(r.get(), NFTNL_RULE_USERDATA, nftnl_udata_buf_data(ud.get()), nftnl_udata_buf_len(ud.get()));
+		}
+		wire_.message(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, 8192,
+		    [&](nlmsghdr *nlh) { nftnl_rule_nlmsg_build_payload(nlh, r.get()); });
+	}
+
+	Wire wire_;
+	uint32_t set_ids_ = 0;
+	std::map<std::string, uint32_t> named_;	// "TABLE\nSET" to the id of the batch's own
+};
+
+struct SocketClose {
+	void operator()(mnl_socket *nl) const { mnl_socket_close(nl); }
+};
+
+// Sends the batch and reads what the kernel answered: it works through a batch within
+// the send, so every answer is waiting by the time the send returns, and none but an
+// error is asked for.
+Direct send(const std::vector<char> &batch)
+{
+	std::unique_ptr<mnl_socket, SocketClose> nl(mnl_socket_open(NETLINK_NETFILTER));
+	if (nl == nullptr || mnl_socket_bind(nl.get(), 0, MNL_SOCKET_AUTOPID) < 0)
+		return Direct::Refused;
+	const int fd = mnl_socket_get_fd(nl.get());
+	if (batch.size() > 128 * 1024) {
+		const int size = static_cast<int>(batch.size() * 2);
+		(void)setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof(size));
+	}
+	if (mnl_socket_sendto(nl.get(), batch.data(), batch.size()) < 0)
+		return Direct::Refused;
+	const uint32_t portid = mnl_socket_get_portid(nl.get());
+	std::vector<char> answer(MNL_SOCKET_BUFFER_SIZE);
+	for (;;) {
+		const ssize_t n = recv(fd, answer.data(), answer.size(), MSG_DONTWAIT);
+		if (n < 0)
+			return errno == EAGAIN || errno == EWOULDBLOCK ? Direct::Done : Direct::Refused;
+		if (mnl_cb_run(answer.data(), static_cast<size_t>(n), 0, portid, nullptr, nullptr) < 0)
+			return Direct::Refused;
+	}
+}
+
+}  // namespace
+
+Direct run_direct(const nlohmann::json &batch)
+{
+	std::vector<char> wire;
+	try {
+		Compiler c;
+		for (const Json &command : batch.at("nftables"))
+			c.command(command);
+		wire = c.done();
+	} catch (const Unknown &) {
+		return Direct::Unsupported;
+	} catch (const Json::exception &) {
+		return Direct::Unsupported;
+	}
+	return send(wire);
+}
+
+}  // namespace wexo::nft
