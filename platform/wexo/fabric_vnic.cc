@@ -54,6 +54,26 @@ void add_vnic_macs(const wexo::fabric::Vnic &v, std::set<Mac> *macs)
 		macs->insert(allowed);
 }
 
+// Adds the addresses of `v`, just recorded, to its lower link's guard: what making the
+// guard anew would add for it, without reading every other record over the link, which
+// a host of many VNICs would pay on each. Only where the guard is there already, and the
+// lower link is no VLAN link (whose uplink's guard holds its VNICs' addresses too);
+// false where the guard must be made anew instead.
+bool add_to_guard(wexo_handle_t h, datalink_id_t lower, const wexo::fabric::Vnic &v)
+{
+	struct rtnl_link *raw = nullptr;
+	if (wexo_get_link(h, lower, &raw) != WEXO_STATUS_OK)
+		return false;
+	const std::unique_ptr<struct rtnl_link, void (*)(struct rtnl_link *)> link(raw, rtnl_link_put);
+	const char *kind = rtnl_link_get_type(link.get());
+	if (kind != nullptr && std::strcmp(kind, "vlan") == 0)
+		return false;
+	std::set<Mac> macs;
+	add_vnic_macs(v, &macs);
+	return wexo::nft::run(wexo_netns_fd(h), wexo::filter::lower_guard_addition(v.lower, {macs.begin(), macs.end()})) ==
+	    WEXO_STATUS_OK;
+}
+
 }  // namespace
 
 wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower)
@@ -139,6 +159,8 @@ wexo_status_t wexo_vnic_own(wexo_handle_t h, const char *name, const char *mac, 
 			return WEXO_STATUS_NOTFOUND;
 		if (!wexo::fabric::record_vnic(v))
 			return WEXO_STATUS_FAILED;
+		if (add_to_guard(h, lower, v))
+			return WEXO_STATUS_OK;
 		st = wexo_lower_guard_sync(h, v.lower);
 		if (st != WEXO_STATUS_OK) {
 			wexo::fabric::forget_vnic(v.name);

@@ -612,6 +612,15 @@ Json lower_guard(const std::string &device, const std::vector<Mac> &macs)
 	return b.done();
 }
 
+Json lower_guard_addition(const std::string &device, const std::vector<Mac> &macs)
+{
+	Json elems = Json::array();
+	for (const Mac &m : macs)
+		elems.push_back(mac_text(m));
+	return {{"nftables", {{{"add", {{"element", {{"family", kFamily}, {"table", lower_table(device)}, {"name", "vnics"},
+	                                                {"elem", std::move(elems)}}}}}}}}};
+}
+
 std::string sealed_table(const std::string &link)
 {
 	return "kel-sealed_" + link;

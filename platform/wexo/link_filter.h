@@ -102,6 +102,9 @@ std::vector<std::string> keys(const Json &listing);
 // One batch that makes the guard of lower link `device` anew: what leaves through it
 // must come from one of `macs`. With no address, the guard goes.
 Json lower_guard(const std::string &device, const std::vector<Mac> &macs);
+// One batch that adds `macs` to the guard of lower link `device`, which must be there:
+// nftables refuses it otherwise, and the guard is then made anew.
+Json lower_guard_addition(const std::string &device, const std::vector<Mac> &macs);
 // One batch that removes table `name` if it is there.
 Json removal(const std::string &name);
 // The table that keeps the host's own network stack from taking anything in through

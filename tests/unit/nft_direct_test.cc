@@ -93,6 +93,7 @@ TEST(NftDirect, LeavesWhatLibnftablesLeaves)
 	    filter::ruleset(lower, settings("protection=none")),
 	    filter::removal_of(guest.key),
 	    filter::lower_guard("v1", {selector, filter::Mac{2, 0, 0, 0, 0, 7}}),
+	    filter::lower_guard_addition("v1", {filter::Mac{2, 0, 0, 0, 0, 9}, selector}),
 	    filter::sealed("v0"),
 	};
 	for (size_t i = 0; i < steps.size(); i++) {
@@ -131,6 +132,9 @@ TEST(NftDirect, RefusedBatchesChangeNothingAndUnknownOnesAreNotSent)
 	                                                  {"expr", {{{"jump", {{"target", "v0.nosuch"}}}}}}}}}}});
 	EXPECT_EQ(host.direct(broken), Direct::Refused);
 	EXPECT_EQ(host.listing(), before);
+
+	// An address for a guard that is not there: refused, and the guard is made whole.
+	EXPECT_EQ(host.direct(filter::lower_guard_addition("v0", {filter::Mac{2, 0, 0, 0, 0, 9}})), Direct::Refused);
 
 	const auto one = [](filter::Json command) { return filter::Json{{"nftables", {std::move(command)}}}; };
 	for (const filter::Json &odd : {
