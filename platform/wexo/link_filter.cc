@@ -578,6 +578,19 @@ std::vector<std::string> in_force(const Json &listing, const Placement &at)
 	return out;
 }
 
+std::vector<std::string> chain_names(const std::string &key)
+{
+	std::vector<std::string> out;
+	for (const char *chain : kLinkChains)
+		out.push_back(key + "." + chain);
+	return out;
+}
+
+std::vector<std::pair<std::string, int>> set_names(const std::string &key)
+{
+	return {{key + ".allowed4", AF_INET}, {key + ".allowed6", AF_INET6}};
+}
+
 std::vector<std::string> keys(const Json &listing)
 {
 	std::set<std::string> out;

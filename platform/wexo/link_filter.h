@@ -97,6 +97,10 @@ Json removal_of(const std::string &key);
 // ("priority=high") whose rules are all there, and "tagged" for the drop of tagged
 // frames, in the order listed; nothing when its hooks are not all taken.
 std::vector<std::string> in_force(const Json &listing, const Placement &at);
+// The names link `key` may have objects under in the shared table: its chains, and its
+// address sets with the family of their addresses.
+std::vector<std::string> chain_names(const std::string &key);
+std::vector<std::pair<std::string, int>> set_names(const std::string &key);
 // The keys of the links with chains in a listing of the shared table.
 std::vector<std::string> keys(const Json &listing);
 // One batch that makes the guard of lower link `device` anew: what leaves through it

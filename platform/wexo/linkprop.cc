@@ -356,7 +356,9 @@ wexo_status_t wexo_link_state(wexo_handle_t h, datalink_id_t id, wexo_link_state
 		// what counts. A link with no chain in the shared table has no filters.
 		const filter::Placement at = placements_of(h, link.get(), own).front();
 		nlohmann::json listing;
-		if (wexo::nft::list_table(nsfd_of(h, at), filter::kLinkTable, &listing) == WEXO_STATUS_OK) {
+		// Read by name: a host's other links' filters cost this nothing.
+		if (wexo::nft::list_link(nsfd_of(h, at), filter::kLinkTable, filter::chain_names(at.key), filter::set_names(at.key),
+		        &listing) == WEXO_STATUS_OK) {
 			const std::vector<std::string> keys = filter::keys(listing);
 			state->wls_filtered = std::find(keys.begin(), keys.end(), at.key) != keys.end() ? B_TRUE : B_FALSE;
 			read_filters(listing, at, state);

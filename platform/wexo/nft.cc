@@ -6,6 +6,7 @@
 
 #include "netns_switch.h"
 #include "nft_direct.h"
+#include "nft_read.h"
 
 namespace wexo::nft {
 namespace {
@@ -68,6 +69,19 @@ wexo_status_t list(int nsfd, const nlohmann::json &command, nlohmann::json *list
 wexo_status_t list_table(int nsfd, const std::string &name, nlohmann::json *listing)
 {
 	return list(nsfd, {{"nftables", {{{"list", {{"table", {{"family", "netdev"}, {"name", name}}}}}}}}}, listing);
+}
+
+wexo_status_t list_link(int nsfd, const std::string &table, const std::vector<std::string> &chains,
+    const std::vector<std::pair<std::string, int>> &sets, nlohmann::json *listing)
+{
+	{
+		NetnsSwitch in(nsfd);
+		if (!in.ok())
+			return WEXO_STATUS_DENIED;
+		if (read_link(table, chains, sets, listing))
+			return WEXO_STATUS_OK;
+	}
+	return list_table(nsfd, table, listing);
 }
 
 }  // namespace wexo::nft

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -18,5 +20,12 @@ wexo_status_t list(int nsfd, const nlohmann::json &command, nlohmann::json *list
 // The netdev table `name` of namespace `nsfd`, as nftables lists it (objects under
 // "nftables"); WEXO_STATUS_NOTFOUND when there is none.
 wexo_status_t list_table(int nsfd, const std::string &name, nlohmann::json *listing);
+
+// What the netdev table `table` of namespace `nsfd` holds of one link: the rules of
+// `chains` and the elements of `sets` (name, address family), read by name, in the shape
+// of a listing of the table (nft_read.h); the whole table's listing where nf_tables
+// cannot be asked so.
+wexo_status_t list_link(int nsfd, const std::string &table, const std::vector<std::string> &chains,
+    const std::vector<std::pair<std::string, int>> &sets, nlohmann::json *listing);
 
 }  // namespace wexo::nft

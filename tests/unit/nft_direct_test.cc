@@ -8,7 +8,9 @@
 
 #include "link_filter.h"
 #include "netns.h"
+#include "nft.h"
 #include "nft_direct.h"
+#include "nft_read.h"
 
 namespace {
 
@@ -50,6 +52,21 @@ struct Host {
 		const bool ok = ns.exec("nft -j -f " + file);
 		std::remove(file.c_str());
 		return ok;
+	}
+	// One link's part of the shared table, read by name or from the whole table's listing
+	// through libnftables: what is in force for it, and its address sets' elements.
+	std::pair<std::vector<std::string>, filter::Json> link_state(const filter::Placement &at, bool by_name) const
+	{
+		InNetNs in(ns);
+		filter::Json listing;
+		const bool read = in.entered() && (by_name ? wexo::nft::read_link(filter::kLinkTable, filter::chain_names(at.key),
+		                                                 filter::set_names(at.key), &listing)
+		                                           : wexo::nft::list_table(-1, filter::kLinkTable, &listing) == WEXO_STATUS_OK);
+		filter::Json sets = filter::Json::object();
+		for (const filter::Json &o : read ? listing["nftables"] : filter::Json::array())
+			if (o.contains("set") && o["set"].contains("elem") && o["set"]["name"].get<std::string>().rfind(at.key + ".", 0) == 0)
+				sets[o["set"]["name"].get<std::string>()] = o["set"]["elem"];
+		return {filter::in_force(listing, at), sets};
 	}
 	std::string listing(const std::string &table = filter::kLinkTable) const
 	{
@@ -110,8 +127,16 @@ TEST(NftDirect, LeavesWhatLibnftablesLeaves)
 			EXPECT_EQ(direct.listing(table), want) << table;
 			EXPECT_EQ(mixed.listing(table), want) << table;
 		}
+		for (const filter::Placement *at : {&guest, &lower}) {
+			const auto want = reference.link_state(*at, false);
+			for (const Host *h : {&direct, &reference, &mixed})
+				EXPECT_EQ(h->link_state(*at, true), want) << at->key;
+		}
 		if (i == 1) {
 			EXPECT_NE(direct.listing().find("ip saddr != @g1/eth0.allowed4"), std::string::npos);
+			const auto state = direct.link_state(lower, true);
+			EXPECT_EQ(state.first.size(), 6u);	// priority, four protections, the tags
+			EXPECT_EQ(state.second.size(), 2u);
 		}
 	}
 }
