@@ -18,11 +18,12 @@
 #include <memory>
 #include <optional>
 
+#include "nft_values.h"
+
 namespace wexo::nft {
 namespace {
 
 using Json = nlohmann::json;
-using Bytes = std::vector<uint8_t>;
 
 struct SocketClose {
 	void operator()(mnl_socket *nl) const { mnl_socket_close(nl); }
@@ -75,14 +76,6 @@ std::string address_text(int family, const Bytes &b)
 	char buf[INET6_ADDRSTRLEN] = "";
 	inet_ntop(family, b.data(), buf, sizeof(buf));
 	return buf;
-}
-
-// One less, as a big-endian number (the key past an interval's last address).
-void decrement(Bytes *b)
-{
-	for (size_t i = b->size(); i-- > 0;)
-		if ((*b)[i]-- != 0)
-			return;
 }
 
 // An interval as nftables lists it: an address, a prefix, or a range.
