@@ -6,10 +6,12 @@
 # bound on each of the H hosts. Prints, as JSON lines (times in ms):
 #   - a port property change on one host: first call (a new ssh connection), second call
 #     within a minute (the shared connection);
-#   - one call on a shared connection, without keladm and the store;
+#   - one call without keladm and the store, five rounds of: through the shared
+#     connection's forward, on a session of the shared connection (the forward refused),
+#     and on the host itself over keld's socket;
 #   - a kel property change reaching 1 host and reaching H hosts, with connections not
-#     shared (KEL_SSH_PERSIST=0: every host pays its ssh set-up, in parallel) and shared,
-#     first with hosts that take 0.1 s to answer, then with hosts that answer at once.
+#     shared (KEL_SSH_PERSIST=0: every host pays its ssh set-up, in parallel), and
+#     then shared.
 # Usage: hosts_bench.sh KELD KELADM NUQ_CALL [H]   (default H: 50). Needs root; exits
 # 77 otherwise.
 set -u
@@ -43,7 +45,12 @@ ip -n "$node" addr add 10.79.0.2/24 dev kn
 for ns in "$ctl" "$node"; do ip -n "$ns" link set lo up; done
 ip -n "$ctl" link set kc up
 ip -n "$node" link set kn up
-for ((i = 0; i < hosts; i++)); do ip -n "$node" link add "b$i" type veth peer name "b${i}p"; done
+# Each host's VNIC, recorded as a node's attach records it: keld acts on no other link.
+mkdir -p "$root/node/run/kel/vnics"
+for ((i = 0; i < hosts; i++)); do
+	ip -n "$node" link add "b$i" link kn type macvlan mode bridge
+	printf 'mac=02:00:00:00:%02x:%02x\nlower=kn\n' $((i / 256)) $((i % 256)) >"$root/node/run/kel/vnics/b$i"
+done
 
 mkdir -p "$root/node/etc/kel" "$root/ctl/etc/kel" /run/sshd
 ssh-keygen -q -t ed25519 -N '' -f "$root/hostkey"
@@ -64,7 +71,7 @@ StrictModes no
 UsePAM no
 MaxStartups 200
 PidFile $root/sshd-$first.pid
-ForceCommand export KEL_ROOT=$root/node PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; [ -s $root/answer_delay ] && sleep \$(cat $root/answer_delay); exec \$SSH_ORIGINAL_COMMAND
+ForceCommand export KEL_ROOT=$root/node PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; exec \$SSH_ORIGINAL_COMMAND
 CONF
 	} >"$root/sshd-$first.config"
 done
@@ -121,24 +128,39 @@ ms() {
 ms "vport property, first call to its host" set-vportprop -p maxbw=11M one/p0
 ms "vport property, second call within a minute" set-vportprop -p maxbw=12M one/p0
 ms "vport property, third call" set-vportprop -p maxbw=13M one/p0
-# The call alone, without keladm and the store: a datalink's statistics (the second of
-# two calls).
-ip netns exec "$ctl" "$nuq_call" "ssh://root@h0$root/node/run/kel/keld.sock" harl.Datalink getStat name=b0 >/dev/null
-t0=$(now_us)
-ip netns exec "$ctl" "$nuq_call" "ssh://root@h0$root/node/run/kel/keld.sock" harl.Datalink getStat name=b0 >/dev/null
-us=$(($(now_us) - t0))
-echo "{\"hosts\": $hosts, \"op\": \"one call on the shared connection\", \"ms\": $(ms_text $us)}"
+# The call alone, without keladm and the store: a datalink's statistics. Forwarded (the
+# shared connection relays it to keld's socket), on a session of the shared connection
+# (ssh, a remote shell and "keld bridge" started for it: what calls do where the host
+# refuses forwards, as the marker file says here), on the host over keld's socket, and
+# the calling process alone. All from one shell in the controller's namespace: entering
+# a namespace costs more than a call.
+share_dir=$root/ctl/run/kel/ssh-0
+remote="ssh://root@h0$root/node/run/kel/keld.sock"
+ip netns exec "$ctl" "$nuq_call" "$remote" harl.Datalink getStat name=b0 >/dev/null
+ls "$share_dir"/*.keld >/dev/null 2>&1 || { echo "hosts_bench: the shared connection forwards nothing" >&2; exit 1; }
+refused=$(ls "$share_dir"/*.setup)
+refused=${refused%.setup}.refused
+ip netns exec "$ctl" bash -c '
+	. "$1"
+	for round in 1 2 3 4 5; do
+		for way in forwarded session local "process alone"; do
+			uri=$3
+			[ "$way" = local ] && uri=unix://$4
+			rm -f "$5"
+			[ "$way" = session ] && : >"$5"
+			t0=$(now_us)
+			if [ "$way" = "process alone" ]; then "$2" 2>/dev/null; else "$2" "$uri" harl.Datalink getStat name=b0 >/dev/null; fi
+			us=$(($(now_us) - t0))
+			echo "{\"hosts\": $6, \"op\": \"one call, $way\", \"round\": $round, \"ms\": $(ms_text $us)}"
+		done
+	done
+	rm -f "$5"' _ "$(dirname "$0")/bench_lib.sh" "$nuq_call" "$remote" "$root/node/run/kel/keld.sock" "$refused" "$hosts"
 
-# The fan-out: hosts that each take a tenth of a second to answer (the time a real
-# host's network and work would take, without using this machine's two cores), then
-# the same hosts answering at once.
-for delay in 0.1 ""; do
-	printf '%s' "$delay" >"$root/answer_delay"
-	label=${delay:+, hosts answering in ${delay}s}
-	ip netns pids "$ctl" | xargs -r kill 2>/dev/null	# no connection left to share
-	KEL_SSH_PERSIST=0 ms "kel property, 1 host, not shared$label" set-kelprop -p priority=high one
-	KEL_SSH_PERSIST=0 ms "kel property, $hosts hosts, not shared$label" set-kelprop -p priority=high web
-	ms "kel property, $hosts hosts, opening shared connections$label" set-kelprop -p priority=low web
-	ms "kel property, 1 host, shared$label" set-kelprop -p priority=low one
-	ms "kel property, $hosts hosts, shared$label" set-kelprop -p priority=medium web
-done
+# The fan-out, to one host and to every host: each host pays its ssh set-up (in
+# parallel), then shares its standing connection.
+ip netns pids "$ctl" | xargs -r kill 2>/dev/null	# no connection left to share
+KEL_SSH_PERSIST=0 ms "kel property, 1 host, not shared" set-kelprop -p priority=high one
+KEL_SSH_PERSIST=0 ms "kel property, $hosts hosts, not shared" set-kelprop -p priority=high web
+ms "kel property, $hosts hosts, opening shared connections" set-kelprop -p priority=low web
+ms "kel property, 1 host, shared" set-kelprop -p priority=low one
+ms "kel property, $hosts hosts, shared" set-kelprop -p priority=medium web

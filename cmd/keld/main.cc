@@ -150,6 +150,7 @@ int serve()
 	// Served everywhere; their objects exist only where the store does (the controller).
 	dispatcher.add(kelcntl::kel_interface());
 	dispatcher.add(kelcntl::controller_interface());
+	dispatcher.set_socket(socket_path());
 	nuq::Server server(dispatcher);
 	admit_kel_group(server);
 	if (!server.listen(socket_path())) {

@@ -41,22 +41,6 @@ std::chrono::milliseconds call_timeout()
 
 namespace {
 
-int connect_unix(const std::string &path)
-{
-	struct sockaddr_un addr {};
-	if (path.size() >= sizeof(addr.sun_path))
-		return -1;
-	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-	if (fd == -1)
-		return -1;
-	addr.sun_family = AF_UNIX;
-	std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-	if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
-		close(fd);
-		return -1;
-	}
-	return fd;
-}
 
 // What ssh said since the last exchange is passed on before the next, so that a
 // talkative ssh (a configuration asking for its debug output) never fills the pipe and
@@ -118,6 +102,23 @@ int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *
 		*error = data != nullptr ? *data : json();
 	}
 	return nuq::from_wire_code(code->get<long>());
+}
+
+int connect_unix(const std::string &path)
+{
+	struct sockaddr_un addr {};
+	if (path.size() >= sizeof(addr.sun_path))
+		return -1;
+	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+	if (fd == -1)
+		return -1;
+	addr.sun_family = AF_UNIX;
+	std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+	if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
+		close(fd);
+		return -1;
+	}
+	return fd;
 }
 
 nuq_conn_t *connect_fds(int in, int out)
@@ -208,7 +209,7 @@ nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
 			const std::string path = *nuq_uri_get_path(uri) != '\0'
 			    ? std::string(nuq_uri_get_path(uri))
 			    : kel::paths::under_root(kel::paths::kSocketFile);
-			const int fd = connect_unix(path);
+			const int fd = nuq::connect_unix(path);
 			if (fd == -1)
 				return nullptr;
 			nuq_conn_t *conn = nuq::connect_fds(fd, fd);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
@@ -26,5 +27,7 @@ const nlohmann::json &keys(const nuq_instance_t *inst);
 
 // A connection over descriptors already open (tests, and the ssh relay's pipes).
 nuq_conn_t *connect_fds(int in, int out);
+// A stream socket connected to the unix socket at `path`, or -1.
+int connect_unix(const std::string &path);
 
 }  // namespace nuq

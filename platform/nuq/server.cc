@@ -90,7 +90,8 @@ std::string Dispatcher::answer(const Request &req) const
 	const std::string &id = req.id;
 	const Json &params = req.params;
 	if (req.method == "ping")
-		return result_reply(id, Json::object());	// the far end is a server of ours
+		// The far end is a server of ours, at this path of its host.
+		return result_reply(id, socket_.empty() ? Json::object() : Json{{"socket", socket_}});
 	if (req.method != "lookup" && req.method != "call")
 		return error_reply(id, NUQ_E_NOMETHOD);
 	// Refused here, for every interface and method at once.

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <thread>
 #include <vector>
 
@@ -47,11 +48,15 @@ public:
 	// Answers one request line with one reply line, whatever the line holds: a
 	// malformed request gets its JSON-RPC error reply, never an exception.
 	std::string handle(const std::string &request) const noexcept;
+	// The socket the server listens on, told in the answer to a ping: a client that came
+	// in through a relay on the host may reach it by that path next time.
+	void set_socket(std::string path) { socket_ = std::move(path); }
 
 private:
 	std::string answer(const Request &req) const;
 
 	std::map<std::string, Interface> interfaces_;
+	std::string socket_;
 };
 
 // Who called, as the kernel saw the caller when it connected.

@@ -1,7 +1,12 @@
 // Reaching a host over ssh: ssh runs "keld bridge" there, which relays the session to
 // keld's socket. The connection is shared through ssh's multiplexing (ssh_share.h), and
-// set up again when ssh could not set it up, before anything but a ping went.
+// set up again when ssh could not set it up, before anything but a ping went. Once a
+// session on the shared connection is answered, the connection is asked to forward a
+// socket of the caller's to keld's socket there, and later calls go that way: a session
+// costs an ssh client, a remote shell and the bridge, started anew for each call (some
+// 20 ms), while a forwarded call costs a connect.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -19,6 +24,7 @@
 #include "client.h"
 #include "conn.h"
 #include "nuq_errors.h"
+#include "request.h"
 #include "ssh_share.h"
 
 using nlohmann::json;
@@ -39,16 +45,12 @@ std::string ssh_target(const nuq_uri_t *uri)
 	return target;
 }
 
-// Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire, and
-// what it says on its standard error comes to *errors_from_child, to be passed on with
-// the host's name (relay_errors). posix_spawn rather than fork: callers may reach several
-// hosts from several threads.
-pid_t start_relay(const nuq_uri_t *uri, const std::vector<std::string> &share, int *to_child, int *from_child,
-    int *errors_from_child)
+// ssh's arguments up to the destination: `options`, then the fabric's own settings (keys,
+// known hosts, options) when it has them, the port, and the destination.
+std::vector<std::string> ssh_argv(const nuq_uri_t *uri, const std::vector<std::string> &options)
 {
-	std::vector<std::string> argv = {"ssh", "-T", "-o", "BatchMode=yes"};
-	argv.insert(argv.end(), share.begin(), share.end());
-	// The fabric's own ssh settings (keys, known hosts, options), when it has them.
+	std::vector<std::string> argv = {"ssh", "-o", "BatchMode=yes"};
+	argv.insert(argv.end(), options.begin(), options.end());
 	if (const char *config = ssh_config(); *config != '\0') {
 		argv.push_back("-F");
 		argv.push_back(config);
@@ -58,14 +60,33 @@ pid_t start_relay(const nuq_uri_t *uri, const std::vector<std::string> &share, i
 		argv.push_back(std::to_string(nuq_uri_get_port(uri)));
 	}
 	argv.push_back(ssh_target(uri));
-	argv.push_back("keld");
-	argv.push_back("bridge");
-	if (*nuq_uri_get_path(uri) != '\0')
-		argv.push_back(nuq_uri_get_path(uri));
+	return argv;
+}
+
+std::vector<char *> c_args(std::vector<std::string> &argv)
+{
 	std::vector<char *> args;
 	for (std::string &a : argv)
 		args.push_back(a.data());
 	args.push_back(nullptr);
+	return args;
+}
+
+// Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire, and
+// what it says on its standard error comes to *errors_from_child, to be passed on with
+// the host's name (relay_errors). posix_spawn rather than fork: callers may reach several
+// hosts from several threads.
+pid_t start_relay(const nuq_uri_t *uri, const std::vector<std::string> &share, int *to_child, int *from_child,
+    int *errors_from_child)
+{
+	std::vector<std::string> options = {"-T"};
+	options.insert(options.end(), share.begin(), share.end());
+	std::vector<std::string> argv = ssh_argv(uri, options);
+	argv.push_back("keld");
+	argv.push_back("bridge");
+	if (*nuq_uri_get_path(uri) != '\0')
+		argv.push_back(nuq_uri_get_path(uri));
+	std::vector<char *> args = c_args(argv);
 
 	int down[2], up[2], err[2];
 	if (pipe2(down, O_CLOEXEC) != 0)
@@ -169,9 +190,17 @@ int relay_status(nuq_conn_t *conn)
 
 struct Attempt {
 	nuq_conn_t *conn = nullptr;	// the connection made
+	std::string keld_socket;	// where keld listens on its host, as its ping answered
 	bool again = false;	// else: ssh failed to set it up, before any reply
 	std::string words;	// what ssh said of the failure, kept back
 };
+
+// keld's answer to a ping: where it listens, when it says so.
+std::string socket_of(const json &pong)
+{
+	const json *socket = pong.is_object() ? nuq::member(pong, "socket") : nullptr;
+	return socket != nullptr && socket->is_string() ? socket->get<std::string>() : std::string();
+}
 
 // One attempt at a connection over ssh with the sharing options `share`: made once a
 // ping is answered. When ssh fails before any reply, nothing but the ping went, and a
@@ -201,6 +230,7 @@ Attempt try_ssh(const nuq_uri_t *uri, const std::vector<std::string> &share)
 	const int rc = nuq::exchange(conn, "ping", json::object(), &pong, nullptr);
 	if (rc == NUQ_E_SUCCESS) {
 		attempt.conn = conn;
+		attempt.keld_socket = socket_of(pong);
 		return attempt;
 	}
 	attempt.again = rc == NUQ_E_CLOSED && relay_status(conn) == kSshFailed;
@@ -211,6 +241,117 @@ Attempt try_ssh(const nuq_uri_t *uri, const std::vector<std::string> &share)
 	attempt.words = read_errors(errors);
 	close(errors);
 	return attempt;
+}
+
+// A call forwarded by the shared connection: made once keld answers a ping through it.
+// None when nothing listens on `socket` (no forward, or its connection has ended), or the
+// far end does not answer (the host refused the forward, or its keld is not there).
+nuq_conn_t *connect_forwarded(const std::string &socket, const char *host)
+{
+	const int fd = nuq::connect_unix(socket);
+	if (fd == -1)
+		return nullptr;
+	nuq_conn_t *conn = nuq::connect_fds(fd, fd);
+	if (conn == nullptr) {
+		close(fd);
+		return nullptr;
+	}
+	conn->host = host;
+	json pong;
+	if (nuq::exchange(conn, "ping", json::object(), &pong, nullptr) == NUQ_E_SUCCESS)
+		return conn;
+	nuq_disconnect(conn);
+	return nullptr;
+}
+
+// A host that refused a forward (its sshd allows no socket forwarding) is not asked
+// again for a while: each call would pay the refusal and then its session.
+constexpr auto kRefusalKept = std::chrono::minutes(10);
+
+bool recently_refused(const std::string &file)
+{
+	struct stat st;
+	return stat(file.c_str(), &st) == 0 &&
+	    std::chrono::system_clock::now() - std::chrono::system_clock::from_time_t(st.st_mtime) < kRefusalKept;
+}
+
+// A path keld may listen on, as the forward's far end: the ping's answer comes from the
+// host, and only a plain absolute path goes into ssh's arguments.
+bool plain_socket_path(const std::string &path)
+{
+	if (path.empty() || path.front() != '/' || path.size() > 100 || path.find("/../") != std::string::npos)
+		return false;
+	return std::all_of(path.begin(), path.end(), [](char c) {
+		return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '/' ||
+		    c == '.' || c == '_' || c == '-';
+	});
+}
+
+// Runs ssh with `argv` to talk to the shared connection's master, output dropped: true
+// when it says done within a few seconds (a master that hangs is left to its time-out).
+bool run_control(std::vector<std::string> argv)
+{
+	std::vector<char *> args = c_args(argv);
+	posix_spawn_file_actions_t actions;
+	if (posix_spawn_file_actions_init(&actions) != 0)
+		return false;
+	pid_t pid = -1;
+	for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+		if (posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0) != 0)
+			pid = -2;
+	if (pid == -1 && posix_spawnp(&pid, "ssh", &actions, nullptr, args.data(), environ) != 0)
+		pid = -1;
+	posix_spawn_file_actions_destroy(&actions);
+	if (pid < 0)
+		return false;
+	int status = 0;
+	for (int i = 0; i < 300; i++) {
+		const pid_t done = waitpid(pid, &status, WNOHANG);
+		if (done == pid)
+			return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+		if (done == -1 && errno != EINTR)
+			return false;
+		std::this_thread::sleep_for(std::chrono::milliseconds(10));
+	}
+	kill(pid, SIGTERM);
+	waitpid(pid, &status, 0);
+	return false;
+}
+
+// After a session on the shared connection was answered by keld at `keld_socket`: has
+// the connection forward `forward` there, unless it does already or the host refused it
+// lately. Done under the set-up lock, so that a burst of callers asks once.
+void offer_forward(const nuq_uri_t *uri, const nuq::SshShare &share, const std::string &forward,
+    const std::string &keld_socket)
+{
+	if (!plain_socket_path(keld_socket) || recently_refused(share.refused_file()))
+		return;
+	const nuq::FileSlot setup(share.setup_file(), 1, std::chrono::steady_clock::now() + std::chrono::seconds(2));
+	if (!setup.held())
+		return;
+	if (const int fd = nuq::connect_unix(forward); fd != -1) {
+		// Something listens already: made by another caller meanwhile, or refused by
+		// the host (the session just answered, so its keld is there).
+		close(fd);
+		if (nuq_conn_t *conn = connect_forwarded(forward, nuq_uri_get_host(uri)); conn != nullptr) {
+			nuq_disconnect(conn);
+			return;
+		}
+	} else {
+		// A forward left by a connection that has ended: ssh would not listen over it.
+		(void)unlink(forward.c_str());
+		std::vector<std::string> argv =
+		    ssh_argv(uri, {"-o", "ControlPath=" + share.control_socket(), "-O", "forward", "-L",
+		                      forward + ":" + keld_socket});
+		if (run_control(std::move(argv)))
+			if (nuq_conn_t *conn = connect_forwarded(forward, nuq_uri_get_host(uri)); conn != nullptr) {
+				nuq_disconnect(conn);
+				return;
+			}
+	}
+	const int marker = open(share.refused_file().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+	if (marker != -1)
+		close(marker);
 }
 
 }  // namespace
@@ -227,6 +368,10 @@ void relay_errors(nuq_conn_t *conn)
 nuq_conn_t *connect_ssh(const nuq_uri_t *uri)
 {
 	const nuq::SshShare share(ssh_target(uri) + "\n" + std::to_string(nuq_uri_get_port(uri)) + "\n" + ssh_config());
+	const std::string forward = share.forward_socket(nuq_uri_get_path(uri));
+	if (!forward.empty() && !recently_refused(share.refused_file()))
+		if (nuq_conn_t *conn = connect_forwarded(forward, nuq_uri_get_host(uri)); conn != nullptr)
+			return conn;
 	const auto deadline = std::chrono::steady_clock::now() + call_timeout();
 	nuq::FileSlot session;
 	if (share.enabled() &&
@@ -246,6 +391,10 @@ nuq_conn_t *connect_ssh(const nuq_uri_t *uri)
 		Attempt attempt = try_ssh(uri, share.options(through_master));
 		if (attempt.conn != nullptr) {
 			attempt.conn->session = std::move(session);
+			if (!forward.empty()) {
+				setup = nuq::FileSlot();
+				offer_forward(uri, share, forward, attempt.keld_socket);
+			}
 			return attempt.conn;
 		}
 		const auto wait = pause / 2 + std::chrono::milliseconds(jitter() % pause.count());

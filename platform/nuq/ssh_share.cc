@@ -61,7 +61,7 @@ bool private_dir(const std::string &dir, uid_t uid)
 	    (st.st_mode & 077) == 0;
 }
 
-SshShare::SshShare(const std::string &destination) : persist_(persist_seconds())
+SshShare::SshShare(const std::string &destination) : destination_(destination), persist_(persist_seconds())
 {
 	if (persist_ == 0)
 		return;
@@ -91,6 +91,13 @@ bool SshShare::master_up() const
 	if (fd != -1)
 		close(fd);
 	return up;
+}
+
+std::string SshShare::forward_socket(const std::string &path) const
+{
+	if (!enabled())
+		return {};
+	return socket_.substr(0, socket_.size() - kSocketNameLen) + socket_name(destination_ + "\n" + path) + ".keld";
 }
 
 std::vector<std::string> SshShare::options(bool through_master) const

@@ -38,8 +38,15 @@ public:
 	// slots count the sessions on it.
 	const std::string &setup_file() const { return setup_; }
 	const std::string &sessions_file() const { return sessions_; }
+	// The socket on which the standing connection forwards calls to the host's keld at
+	// the URI's `path` (empty: its own), with no ssh client, remote shell or bridge to
+	// start; and the file whose recent change says the host refused such a forward.
+	std::string forward_socket(const std::string &path) const;
+	std::string refused_file() const { return socket_ + ".refused"; }
+	const std::string &control_socket() const { return socket_; }
 
 private:
+	std::string destination_;
 	std::string socket_;
 	std::string setup_;
 	std::string sessions_;
