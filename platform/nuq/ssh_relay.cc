@@ -320,38 +320,35 @@ bool run_control(std::vector<std::string> argv)
 
 // After a session on the shared connection was answered by keld at `keld_socket`: has
 // the connection forward `forward` there, unless it does already or the host refused it
-// lately. Done under the set-up lock, so that a burst of callers asks once.
-void offer_forward(const nuq_uri_t *uri, const nuq::SshShare &share, const std::string &forward,
+// lately, and returns a connection through the forward (none when there is none). Done
+// under the set-up lock, so that a burst of callers asks once.
+nuq_conn_t *offer_forward(const nuq_uri_t *uri, const nuq::SshShare &share, const std::string &forward,
     const std::string &keld_socket)
 {
 	if (!plain_socket_path(keld_socket) || recently_refused(share.refused_file()))
-		return;
+		return nullptr;
 	const nuq::FileSlot setup(share.setup_file(), 1, std::chrono::steady_clock::now() + std::chrono::seconds(2));
 	if (!setup.held())
-		return;
+		return nullptr;
+	// When something listens already, another caller made the forward meanwhile, or the
+	// host refused it (the session just answered, so its keld is there). Else a forward
+	// left by a connection that has ended is in the way: ssh would not listen over it.
 	if (const int fd = nuq::connect_unix(forward); fd != -1) {
-		// Something listens already: made by another caller meanwhile, or refused by
-		// the host (the session just answered, so its keld is there).
 		close(fd);
-		if (nuq_conn_t *conn = connect_forwarded(forward, nuq_uri_get_host(uri)); conn != nullptr) {
-			nuq_disconnect(conn);
-			return;
-		}
 	} else {
-		// A forward left by a connection that has ended: ssh would not listen over it.
 		(void)unlink(forward.c_str());
 		std::vector<std::string> argv =
 		    ssh_argv(uri, {"-o", "ControlPath=" + share.control_socket(), "-O", "forward", "-L",
 		                      forward + ":" + keld_socket});
-		if (run_control(std::move(argv)))
-			if (nuq_conn_t *conn = connect_forwarded(forward, nuq_uri_get_host(uri)); conn != nullptr) {
-				nuq_disconnect(conn);
-				return;
-			}
+		if (!run_control(std::move(argv)))
+			return nullptr;
 	}
+	if (nuq_conn_t *conn = connect_forwarded(forward, nuq_uri_get_host(uri)); conn != nullptr)
+		return conn;
 	const int marker = open(share.refused_file().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
 	if (marker != -1)
 		close(marker);
+	return nullptr;
 }
 
 }  // namespace
@@ -391,9 +388,14 @@ nuq_conn_t *connect_ssh(const nuq_uri_t *uri)
 		Attempt attempt = try_ssh(uri, share.options(through_master));
 		if (attempt.conn != nullptr) {
 			attempt.conn->session = std::move(session);
-			if (!forward.empty()) {
-				setup = nuq::FileSlot();
-				offer_forward(uri, share, forward, attempt.keld_socket);
+			if (forward.empty())
+				return attempt.conn;
+			// The call goes through the forward too, once there is one: a connection
+			// kept for later calls then holds no ssh process of its own.
+			setup = nuq::FileSlot();
+			if (nuq_conn_t *forwarded = offer_forward(uri, share, forward, attempt.keld_socket)) {
+				nuq_disconnect(attempt.conn);
+				return forwarded;
 			}
 			return attempt.conn;
 		}

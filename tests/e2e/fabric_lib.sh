@@ -11,7 +11,9 @@
 #                      "check WHAT fails CMD..." wants CMD to fail
 #   quiet NODE ARGS... a keladm step on NODE whose output is not the point
 #   keladm_on NODE ARGS...  keladm on NODE
-# Host names are kel-ctl, kel-ha and kel-hb, at 10.77.0.1-3 on the underlay. With
+# Host names are kel-ctl, kel-ha and kel-hb, at 10.77.0.1-3 on the underlay; a caller
+# that sets fabric_nodes to ctl and h0, h1... first has hosts kel-h0... at 10.77.0.10 and
+# up (and fabric_guests to the guests it wants). sshd logs each session. With
 # fabric_kel_group set before fabric_up, every host has a group "kel" (whose members
 # keld serves), its ID in $fabric_kel_gid.
 
@@ -40,7 +42,7 @@ quiet() {
 
 host_ns() { echo "kf$1-$fabric_tag"; }
 guest() { echo "kfg$1-$fabric_tag"; }
-node_addr() { case $1 in ctl) echo 10.77.0.1 ;; ha) echo 10.77.0.2 ;; hb) echo 10.77.0.3 ;; esac; }
+node_addr() { case $1 in ctl) echo 10.77.0.1 ;; ha) echo 10.77.0.2 ;; hb) echo 10.77.0.3 ;; h*) echo "10.77.0.$((10 + ${1#h}))" ;; esac; }
 
 on() {
 	local node=$1
@@ -71,7 +73,7 @@ fabric_group_file() {
 
 fabric_up() {
 	fabric_root=$(mktemp -d /tmp/kel-fabric-XXXXXX)
-	local node g ns
+	local node g ns n
 	[ -d /etc/netns ] || fabric_made_netns_dir=yes
 	ip netns add "kfnet-$fabric_tag" 2>/dev/null || { fabric_skip="network namespaces cannot be made here"; return 1; }
 	ip -n "kfnet-$fabric_tag" link add br0 type bridge mcast_snooping 0 ||
@@ -82,7 +84,10 @@ fabric_up() {
 		ip netns add "$ns"
 		# ip netns exec mounts these over /etc/hosts for the host's processes only.
 		mkdir -p "/etc/netns/$ns"
-		printf '127.0.0.1 localhost\n10.77.0.1 kel-ctl\n10.77.0.2 kel-ha\n10.77.0.3 kel-hb\n' >"/etc/netns/$ns/hosts"
+		{
+			echo "127.0.0.1 localhost"
+			for n in $fabric_nodes; do echo "$(node_addr "$n") kel-$n"; done
+		} >"/etc/netns/$ns/hosts"
 		[ -n "${fabric_kel_group:-}" ] && fabric_group_file >"/etc/netns/$ns/group"
 		ip -n "$ns" link set lo up
 		ip link add eth0 netns "$ns" type veth peer name "$node" netns "kfnet-$fabric_tag" ||
@@ -111,6 +116,7 @@ fabric_start_daemons() {
 	ssh-keygen -q -t ed25519 -N '' -f "$fabric_root/hostkey"
 	ssh-keygen -q -t ed25519 -N '' -f "$fabric_root/clientkey"
 	cp "$fabric_root/clientkey.pub" "$fabric_root/authorized_keys"
+	: >"$fabric_root/empty_rc"
 	cat >"$fabric_root/ssh_config" <<CONF
 Host *
   IdentityFile $fabric_root/clientkey
@@ -129,9 +135,14 @@ PasswordAuthentication no
 StrictModes no
 UsePAM no
 PidFile $fabric_root/$node/sshd.pid
+LogLevel VERBOSE
 ForceCommand export KEL_ROOT=$fabric_root/$node PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; exec \$SSH_ORIGINAL_COMMAND
 CONF
-		on "$node" /usr/sbin/sshd -e -f "$fabric_root/$node/sshd_config" 2>>"$fabric_root/$node/sshd.log"
+		# In the foreground (it is stopped with its namespace), so that its log reaches
+		# the file. Its sessions run root's shell, which may read start-up files of the
+		# machine's own (~/.bashrc): they see an empty one, in sshd's mount namespace alone.
+		on "$node" sh -c 'mount --bind "$0" "$HOME/.bashrc" 2>/dev/null; exec "$@"' "$fabric_root/empty_rc" \
+			/usr/sbin/sshd -D -e -f "$fabric_root/$node/sshd_config" 2>>"$fabric_root/$node/sshd.log" &
 		on "$node" "$keld" 2>>"$fabric_root/$node/keld.log" &
 	done
 	for node in $fabric_nodes; do
@@ -150,8 +161,8 @@ fabric_configure() {
 		on ctl "$keladm_bin" set-controlprop "$prop" >/dev/null
 	done
 	on ctl "$keladm_bin" set-clientprop controller=unix:// >/dev/null
-	for node in ha hb; do
-		on "$node" "$keladm_bin" set-clientprop controller=ssh://root@kel-ctl >/dev/null
+	for node in $fabric_nodes; do
+		[ "$node" = ctl ] || on "$node" "$keladm_bin" set-clientprop controller=ssh://root@kel-ctl >/dev/null
 	done
 }
 
