@@ -19,6 +19,8 @@ inline constexpr const char *kLinksDir = "/run/kel/links";	// link locks and kep
 // library, and the links made on demand under them. Only root writes there.
 inline constexpr const char *kVnicsDir = "/run/kel/vnics";
 inline constexpr const char *kLowersDir = "/run/kel/lowers";
+// The VNICs whose mac-nospoof lets another address through, a file each (allowed-mac).
+inline constexpr const char *kAllowedMacsDir = "/run/kel/allowed-macs";
 // The namespaces the fabric named under /run/netns itself, one empty file each.
 inline constexpr const char *kAttachedNetnsDir = "/run/kel/netns";
 inline constexpr const char *kServiceDir = "/etc/kel/svc";	// service settings, a file per instance

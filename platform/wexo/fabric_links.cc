@@ -21,6 +21,7 @@ namespace fs = std::filesystem;
 
 std::string vnics_dir() { return kel::paths::under_root(kel::paths::kVnicsDir); }
 std::string lowers_dir() { return kel::paths::under_root(kel::paths::kLowersDir); }
+std::string allowed_dir() { return kel::paths::under_root(kel::paths::kAllowedMacsDir); }
 
 // Whether `name` is a link name, or "NAMESPACE/LINK": only those become file names, so
 // no record can be written or read outside its folder.
@@ -221,6 +222,33 @@ bool in_use(const std::string &lower)
 		return !found;
 	});
 	return found;
+}
+
+void note_allowed_mac(const std::string &name, const std::optional<filter::Mac> &mac)
+{
+	if (!valid_name(name))
+		return;
+	if (!mac) {
+		remove_record(allowed_dir(), name);
+		return;
+	}
+	const std::string text = "mac=" + filter::mac_text(*mac) + "\n";
+	std::string was;
+	if (!kel::read_text_file(allowed_dir() + "/" + name, &was) || was != text)
+		(void)write_record(allowed_dir() + "/" + name, text);
+}
+
+bool allowed_by_any(const filter::Mac &mac)
+{
+	const std::string text = "mac=" + filter::mac_text(mac) + "\n";
+	std::error_code ec;
+	for (fs::recursive_directory_iterator it(allowed_dir(), ec), end; !ec && it != end; it.increment(ec)) {
+		std::string noted;
+		if (it.depth() <= 1 && it->is_regular_file(ec) && kel::read_text_file(it->path().string(), &noted) &&
+		    noted == text)
+			return true;
+	}
+	return false;
 }
 
 bool any_in(const std::string &ns)

@@ -58,6 +58,13 @@ bool record_vnic(const Vnic &v);
 void forget_vnic(const std::string &name);
 // Whether a VNIC is recorded over link `lower`: bound, and about to be made or made.
 bool in_use(const std::string &lower);
+
+// The address VNIC `name` may send from besides its port's (its allowed-mac), noted so
+// that a removal knows without reading every record whether another VNIC still sends
+// from an address it takes out of a guard; none forgets the note.
+void note_allowed_mac(const std::string &name, const std::optional<filter::Mac> &mac);
+// Whether some VNIC noted `mac`.
+bool allowed_by_any(const filter::Mac &mac);
 // Whether a VNIC is recorded in the named namespace `ns`: its records' folder is there.
 bool any_in(const std::string &ns);
 

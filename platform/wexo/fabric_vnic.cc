@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <set>
 
 #include "c_boundary.h"
@@ -44,14 +45,50 @@ bool is_vnic_kind(struct rtnl_link *link)
 }
 
 // The addresses a VNIC recorded over a lower link may send from: its port's, and the one
-// its mac-nospoof was told to let through instead.
+// its mac-nospoof was told to let through instead, which is noted for removals to find.
 void add_vnic_macs(const wexo::fabric::Vnic &v, std::set<Mac> *macs)
 {
 	macs->insert(v.mac);
 	const auto kept = wexo::settings::load(v.name);
-	Mac allowed;
-	if (auto it = kept.find("allowed-mac"); it != kept.end() && wexo::filter::parse_mac(it->second, &allowed))
-		macs->insert(allowed);
+	std::optional<Mac> allowed;
+	if (auto it = kept.find("allowed-mac"); it != kept.end() && wexo::filter::parse_mac(it->second, &allowed.emplace()))
+		macs->insert(*allowed);
+	else
+		allowed.reset();
+	wexo::fabric::note_allowed_mac(v.name, allowed);
+}
+
+bool is_vlan(struct rtnl_link *link)
+{
+	const char *kind = rtnl_link_get_type(link);
+	return kind != nullptr && std::strcmp(kind, "vlan") == 0;
+}
+
+// What may leave through lower link `link` (ID `id`) besides the VNICs' frames: its own,
+// and those of the links of this namespace made over it (a VLAN link, a VM's VNIC), whose
+// addresses only root here can change; and the names of all these links in *via.
+wexo_status_t link_macs(wexo_handle_t h, datalink_id_t id, struct rtnl_link *link, std::set<Mac> *macs,
+    std::set<std::string> *via)
+{
+	Mac mac;
+	if (mac_of(link, &mac))
+		macs->insert(mac);
+	via->insert(rtnl_link_get_name(link));
+	struct nl_cache *cache = nullptr;
+	if (int err = rtnl_link_alloc_cache(wexo_sock(h), AF_UNSPEC, &cache); err < 0)
+		return wexo_from_nl(err);
+	const std::unique_ptr<struct nl_cache, CacheFree> owned_cache(cache);
+	for (struct nl_object *o = nl_cache_get_first(cache); o != nullptr; o = nl_cache_get_next(o)) {
+		auto *upper = reinterpret_cast<struct rtnl_link *>(o);
+		int32_t nsid = -1;
+		const bool elsewhere = rtnl_link_get_link_netnsid(upper, &nsid) == 0 && nsid >= 0;
+		if (elsewhere || rtnl_link_get_link(upper) != static_cast<int>(id) || rtnl_link_get_ifindex(upper) == static_cast<int>(id))
+			continue;
+		if (mac_of(upper, &mac))
+			macs->insert(mac);
+		via->insert(rtnl_link_get_name(upper));
+	}
+	return WEXO_STATUS_OK;
 }
 
 // Adds the addresses of `v`, just recorded, to its lower link's guard: what making the
@@ -65,13 +102,36 @@ bool add_to_guard(wexo_handle_t h, datalink_id_t lower, const wexo::fabric::Vnic
 	if (wexo_get_link(h, lower, &raw) != WEXO_STATUS_OK)
 		return false;
 	const std::unique_ptr<struct rtnl_link, void (*)(struct rtnl_link *)> link(raw, rtnl_link_put);
-	const char *kind = rtnl_link_get_type(link.get());
-	if (kind != nullptr && std::strcmp(kind, "vlan") == 0)
+	if (is_vlan(link.get()))
 		return false;
 	std::set<Mac> macs;
 	add_vnic_macs(v, &macs);
 	return wexo::nft::run(wexo_netns_fd(h), wexo::filter::lower_guard_addition(v.lower, {macs.begin(), macs.end()})) ==
 	    WEXO_STATUS_OK;
+}
+
+// Takes the port's address of `v`, just forgotten, out of its lower link's guard: what
+// making the guard anew would take out, without reading every other record over the link.
+// Only where that is sure without them: `v` let no other address through (`gone` holds
+// its port's alone), no other VNIC's allowed-mac is that address, and another VNIC is
+// still recorded over the link (with none, the guard goes whole). A link of this
+// namespace over the lower with that address (the VNIC itself, not yet removed) keeps it
+// in. False where the guard must be made anew instead.
+bool remove_from_guard(wexo_handle_t h, const wexo::fabric::Vnic &v, const std::set<Mac> &gone)
+{
+	datalink_id_t id = DATALINK_INVALID_LINKID;
+	struct rtnl_link *raw = nullptr;
+	if (gone.size() != 1 || wexo::fabric::allowed_by_any(v.mac) ||
+	    wexo_name2info(h, v.lower.c_str(), &id, nullptr) != WEXO_STATUS_OK || wexo_get_link(h, id, &raw) != WEXO_STATUS_OK)
+		return false;
+	const std::unique_ptr<struct rtnl_link, void (*)(struct rtnl_link *)> link(raw, rtnl_link_put);
+	std::set<Mac> kept;
+	std::set<std::string> via;
+	if (is_vlan(link.get()) || link_macs(h, id, link.get(), &kept, &via) != WEXO_STATUS_OK || !wexo::fabric::in_use(v.lower))
+		return false;
+	if (kept.count(v.mac) != 0)
+		return true;
+	return wexo::nft::run(wexo_netns_fd(h), wexo::filter::lower_guard_removal(v.lower, {v.mac})) == WEXO_STATUS_OK;
 }
 
 }  // namespace
@@ -84,29 +144,12 @@ wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower)
 	if (wexo_name2info(h, lower.c_str(), &id, nullptr) != WEXO_STATUS_OK || wexo_get_link(h, id, &raw) != WEXO_STATUS_OK)
 		return wexo::nft::run(nsfd, wexo::filter::removal(wexo::filter::lower_table(lower)));
 	const std::unique_ptr<struct rtnl_link, void (*)(struct rtnl_link *)> link(raw, rtnl_link_put);
-	// What may leave through it besides the VNICs' frames: its own, and those of the
-	// links of this namespace made over it (a VLAN link, a VM's VNIC), whose addresses
-	// only root here can change. A VNIC in a guest's namespace may have changed its
-	// address there: only the recorded one counts for it.
+	// A VNIC in a guest's namespace may have changed its address there: only the recorded
+	// one counts for it.
 	std::set<Mac> macs;
-	Mac mac;
-	if (mac_of(link.get(), &mac))
-		macs.insert(mac);
-	std::set<std::string> via = {lower};
-	struct nl_cache *cache = nullptr;
-	if (int err = rtnl_link_alloc_cache(wexo_sock(h), AF_UNSPEC, &cache); err < 0)
-		return wexo_from_nl(err);
-	const std::unique_ptr<struct nl_cache, CacheFree> owned_cache(cache);
-	for (struct nl_object *o = nl_cache_get_first(cache); o != nullptr; o = nl_cache_get_next(o)) {
-		auto *upper = reinterpret_cast<struct rtnl_link *>(o);
-		int32_t nsid = -1;
-		const bool elsewhere = rtnl_link_get_link_netnsid(upper, &nsid) == 0 && nsid >= 0;
-		if (elsewhere || rtnl_link_get_link(upper) != static_cast<int>(id) || rtnl_link_get_ifindex(upper) == static_cast<int>(id))
-			continue;
-		if (mac_of(upper, &mac))
-			macs.insert(mac);
-		via.insert(rtnl_link_get_name(upper));
-	}
+	std::set<std::string> via;
+	if (const wexo_status_t st = link_macs(h, id, link.get(), &macs, &via); st != WEXO_STATUS_OK)
+		return st;
 	bool any = false;
 	for (const wexo::fabric::Vnic &v : wexo::fabric::vnics())
 		if (via.count(v.lower) != 0) {
@@ -122,8 +165,7 @@ wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower)
 	// them through by their addresses too.
 	datalink_id_t under = DATALINK_INVALID_LINKID;
 	std::string under_name;
-	const char *kind = rtnl_link_get_type(link.get());
-	if (kind != nullptr && std::strcmp(kind, "vlan") == 0 && wexo_host_lower(h, link.get(), &under, &under_name) == WEXO_STATUS_OK) {
+	if (is_vlan(link.get()) && wexo_host_lower(h, link.get(), &under, &under_name) == WEXO_STATUS_OK) {
 		wexo::LinkLock lock(under_name);
 		return lock.held() ? wexo_lower_guard_sync(h, under_name) : WEXO_STATUS_DENIED;
 	}
@@ -181,8 +223,11 @@ wexo_status_t wexo_vnic_disown(wexo_handle_t h, const char *name) noexcept
 		wexo::LinkLock lock(v->lower);
 		if (!lock.held())
 			return WEXO_STATUS_DENIED;
+		std::set<Mac> gone;
+		add_vnic_macs(*v, &gone);
 		wexo::fabric::forget_vnic(v->name);
-		return wexo_lower_guard_sync(h, v->lower);
+		wexo::fabric::note_allowed_mac(v->name, std::nullopt);
+		return remove_from_guard(h, *v, gone) ? WEXO_STATUS_OK : wexo_lower_guard_sync(h, v->lower);
 	});
 }
 

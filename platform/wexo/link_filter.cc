@@ -625,13 +625,28 @@ Json lower_guard(const std::string &device, const std::vector<Mac> &macs)
 	return b.done();
 }
 
-Json lower_guard_addition(const std::string &device, const std::vector<Mac> &macs)
+namespace {
+
+// One batch that adds `macs` to, or deletes them from, the guard of lower link `device`.
+Json lower_guard_elements(const char *verb, const std::string &device, const std::vector<Mac> &macs)
 {
 	Json elems = Json::array();
 	for (const Mac &m : macs)
 		elems.push_back(mac_text(m));
-	return {{"nftables", {{{"add", {{"element", {{"family", kFamily}, {"table", lower_table(device)}, {"name", "vnics"},
-	                                                {"elem", std::move(elems)}}}}}}}}};
+	return {{"nftables", {{{verb, {{"element", {{"family", kFamily}, {"table", lower_table(device)}, {"name", "vnics"},
+	                                               {"elem", std::move(elems)}}}}}}}}};
+}
+
+}  // namespace
+
+Json lower_guard_addition(const std::string &device, const std::vector<Mac> &macs)
+{
+	return lower_guard_elements("add", device, macs);
+}
+
+Json lower_guard_removal(const std::string &device, const std::vector<Mac> &macs)
+{
+	return lower_guard_elements("delete", device, macs);
 }
 
 std::string sealed_table(const std::string &link)

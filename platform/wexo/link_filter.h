@@ -109,6 +109,9 @@ Json lower_guard(const std::string &device, const std::vector<Mac> &macs);
 // One batch that adds `macs` to the guard of lower link `device`, which must be there:
 // nftables refuses it otherwise, and the guard is then made anew.
 Json lower_guard_addition(const std::string &device, const std::vector<Mac> &macs);
+// One batch that takes `macs` out of the guard of lower link `device`; nftables refuses
+// it when one is not there, and the guard is then made anew.
+Json lower_guard_removal(const std::string &device, const std::vector<Mac> &macs);
 // One batch that removes table `name` if it is there.
 Json removal(const std::string &name);
 // The table that keeps the host's own network stack from taking anything in through

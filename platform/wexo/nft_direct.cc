@@ -105,8 +105,8 @@ public:
 			set(verb, o);
 		else if (what == "rule" && verb == "add")
 			rule(o);
-		else if (what == "element" && verb == "add")
-			elements(o);
+		else if (what == "element" && (verb == "add" || verb == "delete"))
+			elements(verb, o);
 		else
 			throw Unknown{};
 	}
@@ -251,9 +251,10 @@ private:
 		send_set(s.get(), count);
 	}
 
-	// Addresses added to a set that is there already (a lower link's guard, the one set
-	// elements are added to alone): a set of this batch's own is made whole by "add set".
-	void elements(const Json &o)
+	// Addresses added to or deleted from a set that is there already (a lower link's
+	// guard, the one set changed element by element): a set of this batch's own is made
+	// whole by "add set".
+	void elements(const std::string &verb, const Json &o)
 	{
 		SetPtr s(nftnl_set_alloc());
 		nftnl_set_set_str(s.get(), NFTNL_SET_TABLE, o.at("table").get_ref<const std::string &>().c_str());
@@ -264,8 +265,8 @@ private:
 			add_element(s.get(), value_of(e, kEtherAddr, 6), 0);
 		if (elems.empty())
 			return;
-		wire_.message(NFT_MSG_NEWSETELEM, NLM_F_CREATE, 256 + elems.size() * 96,
-		    [&](nlmsghdr *nlh) { nftnl_set_elems_nlmsg_build_payload(nlh, s.get()); });
+		wire_.message(verb == "add" ? NFT_MSG_NEWSETELEM : NFT_MSG_DELSETELEM, verb == "add" ? NLM_F_CREATE : 0,
+		    256 + elems.size() * 96, [&](nlmsghdr *nlh) { nftnl_set_elems_nlmsg_build_payload(nlh, s.get()); });
 	}
 
 	// A rule's expressions, the register every load goes into.

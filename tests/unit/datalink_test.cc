@@ -139,12 +139,12 @@ TEST_F(Datalinks, InterfaceAddresses)
 }
 
 // Sets a property on "va" inside its namespace; the datalink status.
-int set_prop(const NetNs &ns, const char *name, const char *value)
+int set_prop(const NetNs &ns, const char *name, const char *value, const char *link = "va")
 {
 	return ns.inside([&] {
 		wexo_handle_t h = nullptr;
 		datalink_id_t id = 0;
-		if (wexo_open(&h) != WEXO_STATUS_OK || wexo_name2info(h, "va", &id, nullptr) != WEXO_STATUS_OK)
+		if (wexo_open(&h) != WEXO_STATUS_OK || wexo_name2info(h, link, &id, nullptr) != WEXO_STATUS_OK)
 			return 100;
 		const int st = wexo_set_linkprop(h, id, name, value);
 		wexo_close(h);
@@ -271,6 +271,40 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 		wexo_close(h);
 		return ok ? 0 : 1;
 	}), 0);
+}
+
+// A lower link's guard lets out the addresses of the VNICs recorded over it. A VNIC that
+// goes takes its own out, unless another VNIC's allowed-mac is the same address; the last
+// one takes the guard.
+TEST_F(Datalinks, ALowerLinksGuardFollowsItsVnics)
+{
+	const auto guard_has = [&](const std::string &mac) {
+		return a_.exec("sh -c 'nft list set netdev kel-lower_va vnics | grep -q " + mac + "'");
+	};
+	const auto gone = [&](const char *vnic) {
+		if (!a_.exec(std::string("ip link del ") + vnic))
+			return -1;
+		return a_.inside([&] {
+			wexo_handle_t h = nullptr;
+			const int st = wexo_open(&h) == WEXO_STATUS_OK ? wexo_vnic_disown(h, vnic) : 100;
+			wexo_close(h);
+			return st;
+		});
+	};
+	for (const char *n : {"1", "2", "3"})
+		ASSERT_TRUE(kel::test::fabric_vnic(a_, std::string("g") + n, "va", std::string("02:00:00:00:00:1") + n));
+	ASSERT_EQ(set_prop(a_, "allowed-mac", "02:00:00:00:00:13", "g2"), WEXO_STATUS_OK);	// g2 may send as g3
+	EXPECT_TRUE(guard_has("02:00:00:00:00:11"));
+
+	ASSERT_EQ(gone("g1"), WEXO_STATUS_OK);
+	EXPECT_FALSE(guard_has("02:00:00:00:00:11"));
+	EXPECT_TRUE(guard_has("02:00:00:00:00:12"));
+	ASSERT_EQ(gone("g3"), WEXO_STATUS_OK);
+	EXPECT_TRUE(guard_has("02:00:00:00:00:13")) << "g2's allowed-mac";
+	ASSERT_EQ(set_prop(a_, "allowed-mac", "", "g2"), WEXO_STATUS_OK);
+	EXPECT_FALSE(guard_has("02:00:00:00:00:13"));
+	ASSERT_EQ(gone("g2"), WEXO_STATUS_OK);
+	EXPECT_FALSE(a_.exec("nft list table netdev kel-lower_va"));
 }
 
 // A VNIC the fabric bound, "vm0" over "va", with the address va had: keld acts on it.

@@ -111,6 +111,7 @@ TEST(NftDirect, LeavesWhatLibnftablesLeaves)
 	    filter::removal_of(guest.key),
 	    filter::lower_guard("v1", {selector, filter::Mac{2, 0, 0, 0, 0, 7}}),
 	    filter::lower_guard_addition("v1", {filter::Mac{2, 0, 0, 0, 0, 9}, selector}),
+	    filter::lower_guard_removal("v1", {filter::Mac{2, 0, 0, 0, 0, 7}}),
 	    filter::sealed("v0"),
 	};
 	for (size_t i = 0; i < steps.size(); i++) {
@@ -160,6 +161,9 @@ TEST(NftDirect, RefusedBatchesChangeNothingAndUnknownOnesAreNotSent)
 
 	// An address for a guard that is not there: refused, and the guard is made whole.
 	EXPECT_EQ(host.direct(filter::lower_guard_addition("v0", {filter::Mac{2, 0, 0, 0, 0, 9}})), Direct::Refused);
+	// Likewise an address taken out that the guard does not hold.
+	ASSERT_EQ(host.direct(filter::lower_guard("v0", {filter::Mac{2, 0, 0, 0, 0, 8}})), Direct::Done);
+	EXPECT_EQ(host.direct(filter::lower_guard_removal("v0", {filter::Mac{2, 0, 0, 0, 0, 9}})), Direct::Refused);
 
 	const auto one = [](filter::Json command) { return filter::Json{{"nftables", {std::move(command)}}}; };
 	for (const filter::Json &odd : {
