@@ -90,11 +90,13 @@ int ask_members(kel_dbhandle_t h, const KelHosts &kel, std::vector<kel::FloodMem
 	kel::fan_out(members->size(), [&](size_t i) noexcept {
 		kel::FloodMember &m = (*members)[i];
 		try {
-			const int opened = m.link.open_uri(uris[i], kel.link);
-			m.reached = opened == KEL_SUCCESS || (opened & 0xff) == KEL_E_NUQ;
-			m.has_link = opened == KEL_SUCCESS &&
-			    harl_Datalink_getFlood(m.link.get(), &m.local, &m.remotes, nullptr) == NUQ_E_SUCCESS &&
-			    !m.local.empty();
+			// The list is asked for at once: a host without the kel's link answers
+			// that it has none, in the same exchange.
+			const int r = m.link.call_named(uris[i], kel.link, [&](nuq_instance_t *link) {
+				return harl_Datalink_getFlood(link, &m.local, &m.remotes, nullptr);
+			});
+			m.reached = !nuq::KeptConnection::transport_failed(r) && r != NUQ_E_NOMEM;
+			m.has_link = r == NUQ_E_SUCCESS && !m.local.empty();
 		} catch (const std::bad_alloc &) {
 			m.reached = m.has_link = false;
 		}

@@ -42,4 +42,22 @@ int HostLink::open_uri(const std::string &uri, const char *vnic)
 	return KEL_E_HOST_CONNECT;
 }
 
+int HostLink::call_named(const std::string &uri, const char *vnic, const std::function<int(nuq_instance_t *)> &first)
+{
+	nuq_instance_rele(link_);
+	link_ = nullptr;
+	int r = NUQ_E_CONNECT;
+	for (int attempt = 0; attempt < 2; attempt++) {
+		if (uri.empty() || conn_.open(uri) != NUQ_E_SUCCESS)
+			return NUQ_E_CONNECT;
+		nuq_instance_rele(link_);
+		link_ = nullptr;
+		if ((r = harl_Datalink__nuq_lookup(conn_.get(), NUQ_LOOKUP_NAMED, &link_, 1, "name", vnic)) == NUQ_E_SUCCESS)
+			r = first(link_);
+		if (!conn_.stale(r))
+			return r;
+	}
+	return r;
+}
+
 }  // namespace kel

@@ -72,12 +72,6 @@ void close_all(const std::vector<nuq_conn_t *> &conns)
 		nuq_disconnect(c);
 }
 
-// A transport failure rather than an answer.
-bool transport_failed(int r)
-{
-	return r == NUQ_E_CLOSED || r == NUQ_E_TIMEOUT || r == NUQ_E_PROTOCOL || r == NUQ_E_CONNECT;
-}
-
 }  // namespace
 
 KeptConnection::~KeptConnection()
@@ -116,6 +110,11 @@ int KeptConnection::open(const std::string &uri)
 	conn_ = parsed != nullptr ? nuq_connect_uri(parsed, nullptr) : nullptr;
 	nuq_free_uri(parsed);
 	return conn_ != nullptr ? NUQ_E_SUCCESS : NUQ_E_CONNECT;
+}
+
+bool KeptConnection::transport_failed(int r)
+{
+	return r == NUQ_E_CLOSED || r == NUQ_E_TIMEOUT || r == NUQ_E_PROTOCOL || r == NUQ_E_CONNECT;
 }
 
 bool KeptConnection::stale(int r)

@@ -28,6 +28,8 @@ public:
 	// kept one that died meanwhile, which is closed with every other kept to its host;
 	// the caller opens a new one and tries again. False when `r` is the answer to keep.
 	bool stale(int r);
+	// Whether `r` is the transport's failure rather than the far end's answer.
+	static bool transport_failed(int r);
 
 private:
 	void give_back();
