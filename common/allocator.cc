@@ -24,7 +24,6 @@ const uint8_t vport_def_prefix[3] = {0x02, 0x08, 0x20};
 
 namespace {
 
-constexpr size_t kFilterLen = 1024;
 constexpr size_t kAddrLen = 46;
 constexpr const char kSysVportPrefix[] = "sys-vport";
 
@@ -69,7 +68,7 @@ std::string ipnet_filter(const uuid_t uu)
 	return "ipnet=" + kel::uuid_text(uu);
 }
 
-int kel_filter(const char *tenant, const char *kel, char (&filter)[kFilterLen])
+int kel_filter(const char *tenant, const char *kel, char (&filter)[KEL_FILTER_LEN])
 {
 	return kel::names_filter(filter, tenant, kel);
 }
@@ -180,7 +179,7 @@ boolean_t kel_is_defrouter(const char *addr, const kel_ipnet_t *ipnet)
 int kel_db_get_next_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel,
     char *name, size_t namelen)
 {
-	char filter[kFilterLen], number[1024];
+	char filter[KEL_FILTER_LEN], number[1024];
 	int rc = kel_filter(tenant, kel, filter);
 	if (rc == KEL_SUCCESS)
 		rc = kel_get_next_resource(h, "kel_tbl", "kel_vportnum_range", filter, number,
@@ -197,7 +196,7 @@ int kel_db_get_next_sysvportname(kel_dbhandle_t h, const char *tenant, const cha
 int kel_db_free_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel,
     const char *name)
 {
-	char filter[kFilterLen];
+	char filter[KEL_FILTER_LEN];
 	int rc = kel_filter(tenant, kel, filter);
 	if (rc != KEL_SUCCESS)
 		return rc;

@@ -33,8 +33,6 @@ const kel_ctrlprop_desc_t kel_ctrlprop_table[] = {
 
 namespace {
 
-constexpr size_t kFilterLen = 1024;
-
 using SetPtr = kel::AttrSetPtr;
 
 void create_list(list_t *list)
@@ -114,7 +112,7 @@ int listing_filter(attrset_t *names, const char *host, std::string *filter, bool
 		*filter = "ctrl_pname=" + pnames;
 	if (host != nullptr)
 		*filter += (filter->empty() ? "" : ",") + std::string("ctrl_host=") + host;
-	return filter->size() >= kFilterLen ? KEL_E_NOSPACE : KEL_SUCCESS;
+	return filter->size() >= KEL_FILTER_LEN ? KEL_E_NOSPACE : KEL_SUCCESS;
 }
 
 int list_ctrlprops(kel_dbhandle_t h, const char *propnames, const char *host, list_t *list)

@@ -33,7 +33,7 @@ int kel_get_hostinfo(nuq_conn_t *conn, uint32_t flags, kel_hostinfo_t *info) noe
 		info->ehi_reloads = got.reloads;
 		// A code from another host is only as good as its form: the reason must be one of ours.
 		info->ehi_controller_rc = !got.checked ? KEL_E_NOTSUP
-		    : (got.controller_rc & 0xff) <= KEL_E_VXLANADDR_ATTRS ? got.controller_rc
+		    : KEL_ERR_REASON(got.controller_rc) <= KEL_E_VXLANADDR_ATTRS ? got.controller_rc
 		                                                          : KEL_E_FAILED;
 		return KEL_SUCCESS;
 	});

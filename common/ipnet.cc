@@ -22,7 +22,6 @@
 
 namespace {
 
-constexpr size_t kFilterLen = 1024;
 constexpr size_t kRangeLen = 8192;
 
 using SetPtr = kel::AttrSetPtr;
@@ -136,7 +135,7 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 		return KEL_E_EXISTS;
 	}
 
-	char filter[kFilterLen];
+	char filter[KEL_FILTER_LEN];
 	kel::RecordList<kel_t> kels;
 	// Only its networks are asked of the switch: none of its ports is read.
 	const auto no_free_ports = [&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_BOUND_PORTS); };
@@ -175,7 +174,7 @@ int remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, cons
 {
 	if (!kel_valid_name(name))
 		return KEL_E_INVALID_NAME;
-	char filter[kFilterLen];
+	char filter[KEL_FILTER_LEN];
 	int rc = kel::names_filter(filter, tenant, kelname, "ipnet", name);
 	if (rc != KEL_SUCCESS)
 		return rc;

@@ -19,8 +19,6 @@
 
 namespace {
 
-constexpr size_t kFilterLen = 1024;
-
 using SetPtr = kel::AttrSetPtr;
 
 // Parses the caller's properties into a unique-name set (an empty one for none) and
@@ -169,7 +167,7 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 		return KEL_E_INVALID_NAME;
 	if (tenant == nullptr)
 		tenant = KEL_DEFAULT_TENANT;
-	char filter[kFilterLen];
+	char filter[KEL_FILTER_LEN];
 	int rc = kel::names_filter(filter, tenant, name);
 	if (rc != KEL_SUCCESS)
 		return rc;

@@ -277,13 +277,13 @@ typedef struct kelcntl_KELImplInfo {
 	char *ekelii_vxlan_ipvers;
 } kelcntl_KELImplInfo;
 
-void kelcntl_PropertyNV_free(kelcntl_PropertyNV *nv);
-void kelcntl_KELError_free(kelcntl_KELError *err);
-void kelcntl_VPortInfo_free(kelcntl_VPortInfo *vport);
-void kelcntl_VPortInfo_array_free(kelcntl_VPortInfo **array, int count);
-void kelcntl_IPnetInfo_free(kelcntl_IPnetInfo *ipnet);
-void kelcntl_KELInfo_free(kelcntl_KELInfo *kel);
-void kelcntl_KELImplInfo_free(kelcntl_KELImplInfo *info);
+void kelcntl_PropertyNV_free(kelcntl_PropertyNV *nv) KEL_NOEXCEPT;
+void kelcntl_KELError_free(kelcntl_KELError *err) KEL_NOEXCEPT;
+void kelcntl_VPortInfo_free(kelcntl_VPortInfo *vport) KEL_NOEXCEPT;
+void kelcntl_VPortInfo_array_free(kelcntl_VPortInfo **array, int count) KEL_NOEXCEPT;
+void kelcntl_IPnetInfo_free(kelcntl_IPnetInfo *ipnet) KEL_NOEXCEPT;
+void kelcntl_KELInfo_free(kelcntl_KELInfo *kel) KEL_NOEXCEPT;
+void kelcntl_KELImplInfo_free(kelcntl_KELImplInfo *info) KEL_NOEXCEPT;
 
 /*
  * Binds a port of kel `kelname` (tenant NULL: "sys-global"; `vportname` NULL: a new

@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr size_t kFilterLen = 1024;
-
 // Builds one switch list over kel_tbl joined with `table2`.
 int switches_joined_with(kel_dbhandle_t h, const char *filter, const char *table2,
     const char *joincol, kel_infotype_t info, kel_kellist_cbarg_t *arg, bool bound_only = false)
@@ -260,7 +258,7 @@ int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, l
 {
 	if (name == nullptr)
 		return KEL_E_INVALID_NAME;
-	char filter[kFilterLen];
+	char filter[KEL_FILTER_LEN];
 	int rc = kel::names_filter(filter, any_if_empty(tenant), name);
 	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_kellist(h, filter, out, flags);
 }
@@ -273,7 +271,7 @@ int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
 	*out = nullptr;
 	if (tenant == nullptr || kel == nullptr || vport == nullptr)
 		return KEL_E_INVALID_NAME;
-	char filter[kFilterLen];
+	char filter[KEL_FILTER_LEN];
 	int rc = kel::names_filter(filter, tenant, kel, "vport", vport);
 	kel::RecordList<kel_t> kels;
 	if (rc == KEL_SUCCESS)
@@ -331,7 +329,7 @@ int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
 {
 	if (out == nullptr)
 		return KEL_E_INVALID_ARGS;
-	char filter[kFilterLen];
+	char filter[KEL_FILTER_LEN];
 	int rc = kel::names_filter(filter, any_if_empty(tenant), any_if_empty(kel), "ipnet",
 	    any_if_empty(ipnet));
 	// This reader's names have always been checked as the filter's values are, and its

@@ -319,7 +319,7 @@ int remove_one(const char *vnic, const char *extra)
 	const int rc = kel_disconnect_vnic_counted(host.get(), vnic, extra, lower, counted ? &last : nullptr, 0);
 	// Without the VNIC and its record there is no lower link to look at: the release is
 	// what counts.
-	if (rc != KEL_SUCCESS && !(lower == DATALINK_INVALID_LINKID && (rc & 0xff) == KEL_E_WEXO))
+	if (rc != KEL_SUCCESS && !(lower == DATALINK_INVALID_LINKID && KEL_ERR_REASON(rc) == KEL_E_WEXO))
 		return rc;
 	return KEL_SUCCESS;
 }

@@ -24,8 +24,6 @@ namespace {
 
 using KelPtr = kel::Owned<kel_t, kel_free_kel>;
 
-constexpr size_t kFilterLen = 1024;
-
 // Takes `name` out of the set into `out` (cut to `size`), or leaves `fallback` there.
 void take(attrset_t *set, const char *name, char *out, size_t size, const char *fallback)
 {
@@ -178,7 +176,7 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	if ((rc = tx.begin()) != KEL_SUCCESS || (rc = check_name(h, tenant, kel, req, &name, derived)) != KEL_SUCCESS)
 		return rc;
 	// Step 3: the switch's network, whose pool the address comes from.
-	char filter[kFilterLen];
+	char filter[KEL_FILTER_LEN];
 	kel::RecordList<kel_ipnet_t> nets;
 	if ((rc = kel::names_filter(filter, tenant, kel)) != KEL_SUCCESS ||
 	    (rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); })) != KEL_SUCCESS)
@@ -252,7 +250,7 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 		if (attrset_lookup_string(vp->evp_props, "ipaddr", &ipaddr) == 0)
 			addr = std::string(ipaddr).substr(0, std::string(ipaddr).find('/'));
 		kel::RecordList<kel_ipnet_t> nets;
-		char filter[kFilterLen];
+		char filter[KEL_FILTER_LEN];
 		char vpuuid[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(vp->evp_uuid, vpuuid);
 		kel::Transaction tx(h->edh_db);

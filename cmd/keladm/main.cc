@@ -232,7 +232,7 @@ std::string message(int code)
 	std::string text = kel_errmsg(code, buf, sizeof(buf));
 	for (const auto &own : kOwnWords) {
 		const std::string library = kel_errlist[own.reason];
-		if ((code & 0xff) == own.reason && text.compare(0, library.size(), library) == 0)
+		if (KEL_ERR_REASON(code) == own.reason && text.compare(0, library.size(), library) == 0)
 			return own.words + text.substr(library.size());
 	}
 	return text;
@@ -242,7 +242,7 @@ const char *store_refusal(int code)
 {
 	if (code == KEL_E_DB_VERSION)
 		return "holds a newer schema than this keladm writes";
-	if ((code & 0xff) == KEL_E_SQL && ((code >> 8) == SQLITE_CORRUPT || (code >> 8) == SQLITE_NOTADB))
+	if (KEL_ERR_REASON(code) == KEL_E_SQL && (KEL_ERR_STATUS(code) == SQLITE_CORRUPT || KEL_ERR_STATUS(code) == SQLITE_NOTADB))
 		return "is damaged, or is not a configuration store";
 	return nullptr;
 }
@@ -256,7 +256,7 @@ int fail(const std::string &what, int code)
 		std::fprintf(stderr, "keladm: the configuration store %s %s\n",
 		    kel::paths::under_root(kel::paths::kDbFile).c_str(), why);
 	// The controller is reached as this host's setting says: name it, and how to change it.
-	if ((code & 0xff) == KEL_E_CTRL_CONNECT) {
+	if (KEL_ERR_REASON(code) == KEL_E_CTRL_CONNECT) {
 		kel::RecordList<kel_togprop_t> setting;
 		if (setting.read([](list_t *l) { return kel_get_client_togprop("controller", l); }) == KEL_SUCCESS &&
 		    !setting.empty()) {

@@ -78,7 +78,7 @@ int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, in
     const char *member_key, const std::string &member)
 {
 	fail(what, code);
-	const int reason = code & 0xff;
+	const int reason = KEL_ERR_REASON(code);
 	if (opts.all_tenants || kel.empty() ||
 	    (reason != KEL_E_KEL_NOTFOUND && reason != KEL_E_VPORT_NOTFOUND && reason != KEL_E_IPNET_NOTFOUND))
 		return kExitFailed;

@@ -45,7 +45,7 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	    ? kel_set_vportprop(store.get(), tenant, m.kel.c_str(), m.name.c_str(), prop, 0)
 	    : kel_set_ipnetprop(store.get(), tenant, m.kel.c_str(), m.name.c_str(), prop, 0);
 	const std::string object = m.kel + (m.name.empty() ? "" : "/" + m.name);
-	if (rc == KEL_E_PROP_PARTIAL || ((rc & 0xff) == KEL_E_HOST_CONNECT && kind.type == KEL_PROPTYPE_VPORT)) {
+	if (rc == KEL_E_PROP_PARTIAL || (KEL_ERR_REASON(rc) == KEL_E_HOST_CONNECT && kind.type == KEL_PROPTYPE_VPORT)) {
 		fail(rc == KEL_E_PROP_PARTIAL ? "set '" + opts.props + "' on kel '" + object + "' (stored; some hosts missed it)"
 		                              : "cannot set '" + opts.props + "' on vport '" + object + "'",
 		    rc);

@@ -168,7 +168,7 @@ kelcntl_KELImplInfo *implinfo_from(const json &j)
 
 extern "C" {
 
-void kelcntl_PropertyNV_free(kelcntl_PropertyNV *nv)
+void kelcntl_PropertyNV_free(kelcntl_PropertyNV *nv) noexcept
 {
 	if (nv == nullptr)
 		return;
@@ -177,7 +177,7 @@ void kelcntl_PropertyNV_free(kelcntl_PropertyNV *nv)
 	std::free(nv);
 }
 
-void kelcntl_KELError_free(kelcntl_KELError *err)
+void kelcntl_KELError_free(kelcntl_KELError *err) noexcept
 {
 	if (err == nullptr)
 		return;
@@ -185,7 +185,7 @@ void kelcntl_KELError_free(kelcntl_KELError *err)
 	std::free(err);
 }
 
-void kelcntl_VPortInfo_free(kelcntl_VPortInfo *v)
+void kelcntl_VPortInfo_free(kelcntl_VPortInfo *v) noexcept
 {
 	if (v == nullptr)
 		return;
@@ -196,12 +196,12 @@ void kelcntl_VPortInfo_free(kelcntl_VPortInfo *v)
 	std::free(v);
 }
 
-void kelcntl_VPortInfo_array_free(kelcntl_VPortInfo **array, int count)
+void kelcntl_VPortInfo_array_free(kelcntl_VPortInfo **array, int count) noexcept
 {
 	free_array<kelcntl_VPortInfo, kelcntl_VPortInfo_free>(array, count);
 }
 
-void kelcntl_IPnetInfo_free(kelcntl_IPnetInfo *n)
+void kelcntl_IPnetInfo_free(kelcntl_IPnetInfo *n) noexcept
 {
 	if (n == nullptr)
 		return;
@@ -212,7 +212,7 @@ void kelcntl_IPnetInfo_free(kelcntl_IPnetInfo *n)
 	std::free(n);
 }
 
-void kelcntl_KELInfo_free(kelcntl_KELInfo *k)
+void kelcntl_KELInfo_free(kelcntl_KELInfo *k) noexcept
 {
 	if (k == nullptr)
 		return;
@@ -224,7 +224,7 @@ void kelcntl_KELInfo_free(kelcntl_KELInfo *k)
 	std::free(k);
 }
 
-void kelcntl_KELImplInfo_free(kelcntl_KELImplInfo *info)
+void kelcntl_KELImplInfo_free(kelcntl_KELImplInfo *info) noexcept
 {
 	if (info == nullptr)
 		return;

@@ -16,6 +16,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "c_boundary.h"
 #include "link_internal.h"
 #include "netns_switch.h"
 #include "wexo.h"
@@ -176,17 +177,22 @@ wexo_status_t wexo_open_netns(const char *netns, wexo_handle_t *handlep) noexcep
 	if (handlep == nullptr)
 		return WEXO_STATUS_BADARG;
 	*handlep = nullptr;
+	// The name is checked before anything is made of it: a caller's name may be of any
+	// length.
+	const bool named = netns != nullptr && *netns != '\0';
+	if (named && !wexo::valid_netns_name(netns))
+		return WEXO_STATUS_BADARG;
 	auto *h = new (std::nothrow) wexo_handle;
 	if (h == nullptr)
 		return WEXO_STATUS_NOMEM;
-	wexo_status_t st = WEXO_STATUS_OK;
-	if (netns != nullptr && *netns != '\0') {
-		h->ns = netns;
-		if (!wexo::valid_netns_name(netns))
-			st = WEXO_STATUS_BADARG;
-		else if ((h->nsfd = wexo::open_netns(netns)) == -1)
-			st = WEXO_STATUS_NOTFOUND;
-	}
+	wexo_status_t st = kel::wexo_boundary([&] {
+		if (named) {
+			h->ns = netns;
+			if ((h->nsfd = wexo::open_netns(netns)) == -1)
+				return WEXO_STATUS_NOTFOUND;
+		}
+		return WEXO_STATUS_OK;
+	});
 	if (st == WEXO_STATUS_OK && (h->sock = nl_socket_alloc()) == nullptr)
 		st = WEXO_STATUS_NOMEM;
 	if (st == WEXO_STATUS_OK) {

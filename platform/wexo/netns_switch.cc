@@ -14,9 +14,16 @@ namespace wexo {
 
 bool valid_netns_name(const char *name)
 {
-	// A namespace-qualified link name checks its namespace part the same way.
-	return name != nullptr && *name != '\0' && std::strchr(name, '/') == nullptr &&
-	    dlparse_zonelinkname((std::string(name) + "/lo").c_str(), nullptr, 0, nullptr, 0);
+	// A namespace-qualified link name checks its namespace part the same way, put
+	// together in a buffer of its own: a caller's name of any length allocates nothing.
+	char qualified[512];
+	const size_t room = sizeof(qualified) - sizeof("/lo");
+	const size_t len = name != nullptr ? strnlen(name, room) : 0;
+	if (len == 0 || len == room || std::memchr(name, '/', len) != nullptr)
+		return false;
+	std::memcpy(qualified, name, len);
+	std::memcpy(qualified + len, "/lo", sizeof("/lo"));
+	return dlparse_zonelinkname(qualified, nullptr, 0, nullptr, 0);
 }
 
 int open_netns(const char *name)

@@ -13,6 +13,7 @@
 #include "libkel.h"
 #include "paths.h"
 #include "store_fixture.h"
+#include "wexo.h"
 
 namespace {
 
@@ -183,6 +184,33 @@ TEST_F(OutOfMemory, ListingsLeakNothingWhenMemoryRunsOut)
 			kel_free_proplist(&props);
 		return rc;
 	});
+}
+
+// A namespace's name is checked before anything is made of it, whatever its length, and
+// memory running out while a handle is made is a status, never an exception out of the
+// C API (which would end the caller).
+TEST(NodeSideOutOfMemory, OpeningANamespaceAnswersWithAStatus)
+{
+	const std::string huge(64 << 20, 'n');
+	wexo_handle_t h = nullptr;
+	fired = false;
+	countdown = 1;
+	EXPECT_EQ(wexo_open_netns(huge.c_str(), &h), WEXO_STATUS_BADARG);
+	countdown = 0;
+	EXPECT_FALSE(fired) << "the name was copied before it was checked";
+	for (long nth = 1;; nth++) {
+		ASSERT_LT(nth, 100);
+		fired = false;
+		countdown = nth;
+		const wexo_status_t st = wexo_open_netns("kel-no-such-namespace", &h);
+		countdown = 0;
+		EXPECT_EQ(h, nullptr);
+		if (!fired) {
+			EXPECT_EQ(st, WEXO_STATUS_NOTFOUND);
+			break;
+		}
+		EXPECT_TRUE(st == WEXO_STATUS_NOMEM || st == WEXO_STATUS_NOTFOUND) << st;
+	}
 }
 
 }  // namespace
