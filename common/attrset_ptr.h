@@ -1,18 +1,10 @@
-// Owning an attribute set in C++ code.
+// Reading a caller's property text into an owned attribute set.
 #pragma once
 
-#include <memory>
-
 #include "libkel.h"
+#include "owners.h"
 
 namespace kel {
-
-struct AttrSetDeleter {
-	void operator()(attrset_t *set) const { attrset_free(set); }
-};
-
-// Frees its set on scope exit.
-using AttrSetPtr = std::unique_ptr<attrset_t, AttrSetDeleter>;
 
 // What an operation answers for a property text it cannot take. The operations answer
 // with codes of their own, kept as callers know them; the defaults are those of most.

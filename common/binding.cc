@@ -22,7 +22,7 @@ namespace {
 
 constexpr const char *kMigrating = "kel:migrating_to";
 
-using KelPtr = kel::Owned<kel_t, kel_free_kel>;
+using kel::KelPtr;
 constexpr const char *kDefaultProtection = "mac-nospoof,ip-nospoof";
 
 // Writes the port's properties, keyed by its UUID: the one row, whatever filter found it.

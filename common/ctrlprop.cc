@@ -33,7 +33,7 @@ const kel_ctrlprop_desc_t kel_ctrlprop_table[] = {
 
 namespace {
 
-using SetPtr = kel::AttrSetPtr;
+using kel::AttrSetPtr;
 
 void create_list(list_t *list)
 {
@@ -126,7 +126,7 @@ int list_ctrlprops(kel_dbhandle_t h, const char *propnames, const char *host, li
 		if (rc != KEL_SUCCESS)
 			return rc;
 	}
-	SetPtr names(parsed);
+	AttrSetPtr names(parsed);
 	for (attrset_entry_t *e = attrset_next_entry(parsed, nullptr); e; e = attrset_next_entry(parsed, e))
 		if (kel_get_controller_pdesc_entry(attrset_entry_name(e), B_FALSE) == nullptr)
 			return KEL_E_INVALID_CTRLPROP;
@@ -166,7 +166,7 @@ int set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host)
 {
 	if (host != nullptr && (*host == '\0' || !valid_hostname(host)))
 		return KEL_E_INVALID_HOSTNAME;
-	SetPtr props;
+	AttrSetPtr props;
 	int rc = kel::read_props(propstr, &props,
 	    {.null_text = KEL_E_INVALID_ARGS, .malformed = KEL_E_INVALID_ARGS, .empty = KEL_E_INVALID_ARGS});
 	if (rc != KEL_SUCCESS)

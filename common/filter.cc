@@ -58,9 +58,9 @@ constexpr const char *kCompatibleKeys[][7] = {
 	{"tenant", "kel", "ipnet", nullptr},
 };
 
-using SetPtr = kel::AttrSetPtr;
+using kel::AttrSetPtr;
 
-int new_set(int flags, SetPtr *out)
+int new_set(int flags, AttrSetPtr *out)
 {
 	attrset_t *set = nullptr;
 	if (attrset_create(&set, flags) != 0)
@@ -114,13 +114,13 @@ int normalise(const char *filter, attrset_t **out, const char *table)
 	int rc = kel_str2attrset(filter, &parsed, B_TRUE, 0);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	SetPtr in(parsed);
+	AttrSetPtr in(parsed);
 	const ObjectTable *obj = object_table(table);
 	if (obj == nullptr) {
 		*out = in.release();
 		return KEL_SUCCESS;
 	}
-	SetPtr norm;
+	AttrSetPtr norm;
 	if ((rc = new_set(0, &norm)) != KEL_SUCCESS)
 		return rc;
 	for (attrset_entry_t *e = attrset_next_entry(in.get(), nullptr); e != nullptr && rc == KEL_SUCCESS;
@@ -162,14 +162,14 @@ int add_param(attrset_t *params, int n, const std::string &piece, uint32_t colty
 // The clause and its values for `filter`. A clause that reaches `size` bytes stops the
 // build at once with KEL_E_NOSPACE, so that a filter of any length costs no more than the
 // pieces that fit.
-int build_clause(const char *filter, std::string *clause, SetPtr *params, const char *t1,
+int build_clause(const char *filter, std::string *clause, AttrSetPtr *params, const char *t1,
     const char *t2, size_t size)
 {
 	attrset_t *norm_raw = nullptr;
 	int rc = normalise(filter, &norm_raw, t1);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	SetPtr norm(norm_raw);
+	AttrSetPtr norm(norm_raw);
 	int n = KEL_FILTER_FIRST_PARAM;
 	bool first_group = true;
 	for (attrset_entry_t *e = attrset_next_entry(norm.get(), nullptr); e != nullptr;
@@ -304,7 +304,7 @@ int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_
 	if (size > 0)
 		clause[0] = '\0';
 	try {
-		SetPtr values;
+		AttrSetPtr values;
 		int rc = new_set(ATTRSET_UNIQUE_NAME, &values);
 		if (rc != KEL_SUCCESS)
 			return rc;
@@ -330,7 +330,7 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 	int rc = kel_filterstr2sqlfmt(filter, clause, sizeof(clause), &params_raw, table1, table2);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	SetPtr params(params_raw);
+	AttrSetPtr params(params_raw);
 	constexpr const char *kBound = "vport_status = 1";
 	const bool ports_first = std::strcmp(table1, "vport_tbl") == 0;
 	const bool ports_joined = table2 != nullptr && std::strcmp(table2, "vport_tbl") == 0;
@@ -372,7 +372,7 @@ int kel_db_get_filtered_value(kel_dbhandle_t h, const char *table, const char *c
 	int rc = kel_filterstr2sqlfmt(filter, clause, sizeof(clause), &params_raw, table, nullptr);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	SetPtr params(params_raw);
+	AttrSetPtr params(params_raw);
 	kel::Statement st;
 	rc = st.prepare(h->edh_db, kel::SqlText("SELECT %s FROM %s %s", column, table, clause),
 	    {params.get()});
@@ -389,7 +389,7 @@ int kel_db_set_filtered_value(kel_dbhandle_t h, const char *table, const char *c
 	int rc = kel_filterstr2sqlfmt(filter, clause, sizeof(clause), &params_raw, table, nullptr);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	SetPtr params(params_raw);
+	AttrSetPtr params(params_raw);
 	KEL_ASSERT(kel::kAreaCore, type == DATA_TYPE_INT32 || type == DATA_TYPE_STRING);
 	const kel::SqlText sql("UPDATE %s SET %s = ? %s", table, column, clause);
 	if (type == DATA_TYPE_INT32)
@@ -408,7 +408,7 @@ boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op
 	if (op == nullptr)
 		op = "=";
 	try {
-		SetPtr params;
+		AttrSetPtr params;
 		if (new_set(ATTRSET_UNIQUE_NAME, &params) != KEL_SUCCESS)
 			return B_FALSE;
 		std::string clause;
@@ -469,7 +469,7 @@ int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t p
 	int rc = kel_str2attrset(filter, &parsed, B_TRUE, 0);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	SetPtr set(parsed);
+	AttrSetPtr set(parsed);
 	for (attrset_entry_t *e = attrset_next_entry(set.get(), nullptr); e != nullptr;
 	     e = attrset_next_entry(set.get(), e)) {
 		const char *name = attrset_entry_name(e);

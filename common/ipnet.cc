@@ -24,7 +24,7 @@ namespace {
 
 constexpr size_t kRangeLen = 8192;
 
-using SetPtr = kel::AttrSetPtr;
+using kel::AttrSetPtr;
 
 // What an ipnet's row holds beyond its properties.
 struct IpnetPlan {
@@ -112,7 +112,7 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 		return KEL_E_INVALID_NAME;
 	// An ipnet needs a text (its subnet is in it): none is a bad one, while an empty one
 	// lacks the subnet.
-	SetPtr set;
+	AttrSetPtr set;
 	int rc = kel::read_props(props, &set, {.null_text = KEL_E_INVALID_PROP});
 	if (rc != KEL_SUCCESS)
 		return rc;

@@ -19,11 +19,11 @@
 
 namespace {
 
-using SetPtr = kel::AttrSetPtr;
+using kel::AttrSetPtr;
 
 // Parses the caller's properties into a unique-name set (an empty one for none) and
 // checks them against the catalogue for `type`.
-int parse_props(const char *props, kel_proptype_t type, SetPtr *out)
+int parse_props(const char *props, kel_proptype_t type, AttrSetPtr *out)
 {
 	const int rc = kel::read_props(props, out);
 	return rc != KEL_SUCCESS ? rc : kel_check_prop(out->get(), type);
@@ -92,7 +92,7 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 		tenant = KEL_DEFAULT_TENANT;
 	else if (!kel_valid_name(tenant))
 		return KEL_E_INVALID_NAME;
-	SetPtr set;
+	AttrSetPtr set;
 	int rc = parse_props(props, KEL_PROPTYPE_KEL, &set);
 	if (rc != KEL_SUCCESS)
 		return rc;

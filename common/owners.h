@@ -3,6 +3,7 @@
 // must, with the right function.
 //   Owned<T, Free>   one record, freed with its free function
 //   Text             a malloc'd string
+//   AttrSetPtr, KelPtr   a property set, a switch record
 //   RecordList<T>    a list of kel_t, kel_vport_t, kel_ipnet_t, kel_prop_t,
 //                    kel_ctrlprop_t, kel_togprop_t or kel_store_problem_t records,
 //                    read by a lister
@@ -31,6 +32,9 @@ using Owned = std::unique_ptr<T, FreeWith<Free>>;
 
 // A string the C library allocated (strdup, kel_attrset2str and the like).
 using Text = Owned<char, std::free>;
+// A property set, and a switch record with its members.
+using AttrSetPtr = Owned<attrset_t, attrset_free>;
+using KelPtr = Owned<kel_t, kel_free_kel>;
 
 // The text of a property set ("a=1,b=2") into *out, owned.
 inline int props_text(attrset_t *set, Text *out)

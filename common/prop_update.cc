@@ -34,7 +34,7 @@ constexpr int kLinkFlags = 0x8001;	// the datalink manager's: apply now, not per
 constexpr size_t kTextLen = 1024;
 constexpr int kBindingAttempts = 3;	// times a port update follows a port that moves
 
-using KelPtr = kel::Owned<kel_t, kel_free_kel>;
+using kel::KelPtr;
 using kel::Text;
 
 std::optional<std::string> lookup(attrset_t *set, const char *name)

@@ -22,7 +22,7 @@
 
 namespace {
 
-using KelPtr = kel::Owned<kel_t, kel_free_kel>;
+using kel::KelPtr;
 
 // Takes `name` out of the set into `out` (cut to `size`), or leaves `fallback` there.
 void take(attrset_t *set, const char *name, char *out, size_t size, const char *fallback)

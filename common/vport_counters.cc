@@ -63,7 +63,7 @@ int vport_counters(kel_dbhandle_t h, const char *tenant, const char *kelname, co
 		kel_t *raw = nullptr;
 		if (int rc = kel_db_get_kelvport(h, tenant, kelname, vport, &raw); rc != KEL_SUCCESS)
 			return rc;
-		const Owned<kel_t, kel_free_kel> k(raw);
+		const KelPtr k(raw);
 		auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
 		*total = counters_gone(vp->evp_props);
 		if (vp->evp_status == VPORT_STATUS_USED) {

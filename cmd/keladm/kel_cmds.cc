@@ -92,7 +92,7 @@ int create_kel(const Subcommand &cmd, const Options &opts)
 	// Operators name switches "web-1": the CLI always allows '-' in names.
 	int rc = kel_db_create_kel(store.get(), opts.tenant.c_str(), name,
 	    opts.props.empty() ? nullptr : opts.props.c_str(), KEL_NAME_DASH_OK, &made);
-	kel::Owned<kel_t, kel_free_kel> kel(made);
+	kel::KelPtr kel(made);
 	if (rc == KEL_E_EXISTS && opts.may_exist && name != nullptr) {
 		// The one there is what a script goes on with.
 		kel::RecordList<kel_t> there;

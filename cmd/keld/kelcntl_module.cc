@@ -172,7 +172,7 @@ nuq::Interface kel_interface()
 		kel_t *raw = nullptr;
 		const int rc = kel_db_assign_vport(store.get(), tenant.c_str(), name.c_str(), vport,
 		    vnic->c_str(), host->c_str(), extra, &raw);
-		const kel::Owned<kel_t, kel_free_kel> kel(raw);
+		const kel::KelPtr kel(raw);
 		log_change(rc, "bind " + tenant + "/" + name + "/" + (vport != nullptr ? vport : "(system port)") +
 		        " to VNIC " + *vnic + " on host " + *host);
 		if (rc != KEL_SUCCESS)
