@@ -44,8 +44,6 @@ int HostLink::open_uri(const std::string &uri, const char *vnic)
 
 int HostLink::call_named(const std::string &uri, const char *vnic, const std::function<int(nuq_instance_t *)> &first)
 {
-	nuq_instance_rele(link_);
-	link_ = nullptr;
 	int r = NUQ_E_CONNECT;
 	for (int attempt = 0; attempt < 2; attempt++) {
 		if (uri.empty() || conn_.open(uri) != NUQ_E_SUCCESS)

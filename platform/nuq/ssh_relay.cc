@@ -295,14 +295,13 @@ bool run_control(std::vector<std::string> argv)
 	posix_spawn_file_actions_t actions;
 	if (posix_spawn_file_actions_init(&actions) != 0)
 		return false;
-	pid_t pid = -1;
+	bool ready = true;
 	for (int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-		if (posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0) != 0)
-			pid = -2;
-	if (pid == -1 && posix_spawnp(&pid, "ssh", &actions, nullptr, args.data(), environ) != 0)
-		pid = -1;
+		ready = ready && posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0) == 0;
+	pid_t pid = -1;
+	const bool started = ready && posix_spawnp(&pid, "ssh", &actions, nullptr, args.data(), environ) == 0;
 	posix_spawn_file_actions_destroy(&actions);
-	if (pid < 0)
+	if (!started)
 		return false;
 	int status = 0;
 	for (int i = 0; i < 300; i++) {

@@ -66,14 +66,16 @@ bool is_vlan(struct rtnl_link *link)
 
 // What may leave through lower link `link` (ID `id`) besides the VNICs' frames: its own,
 // and those of the links of this namespace made over it (a VLAN link, a VM's VNIC), whose
-// addresses only root here can change; and the names of all these links in *via.
+// addresses only root here can change; and the names of all these links in *via, when
+// asked for.
 wexo_status_t link_macs(wexo_handle_t h, datalink_id_t id, struct rtnl_link *link, std::set<Mac> *macs,
     std::set<std::string> *via)
 {
 	Mac mac;
 	if (mac_of(link, &mac))
 		macs->insert(mac);
-	via->insert(rtnl_link_get_name(link));
+	if (via != nullptr)
+		via->insert(rtnl_link_get_name(link));
 	struct nl_cache *cache = nullptr;
 	if (int err = rtnl_link_alloc_cache(wexo_sock(h), AF_UNSPEC, &cache); err < 0)
 		return wexo_from_nl(err);
@@ -86,7 +88,8 @@ wexo_status_t link_macs(wexo_handle_t h, datalink_id_t id, struct rtnl_link *lin
 			continue;
 		if (mac_of(upper, &mac))
 			macs->insert(mac);
-		via->insert(rtnl_link_get_name(upper));
+		if (via != nullptr)
+			via->insert(rtnl_link_get_name(upper));
 	}
 	return WEXO_STATUS_OK;
 }
@@ -126,8 +129,7 @@ bool remove_from_guard(wexo_handle_t h, const wexo::fabric::Vnic &v, const std::
 		return false;
 	const std::unique_ptr<struct rtnl_link, void (*)(struct rtnl_link *)> link(raw, rtnl_link_put);
 	std::set<Mac> kept;
-	std::set<std::string> via;
-	if (is_vlan(link.get()) || link_macs(h, id, link.get(), &kept, &via) != WEXO_STATUS_OK || !wexo::fabric::in_use(v.lower))
+	if (is_vlan(link.get()) || link_macs(h, id, link.get(), &kept, nullptr) != WEXO_STATUS_OK || !wexo::fabric::in_use(v.lower))
 		return false;
 	if (kept.count(v.mac) != 0)
 		return true;

@@ -117,17 +117,6 @@ TEST(NuqDispatch, ErrorsUseTheProtocolsCodesAndNameTheRequest)
 	}
 }
 
-// A ping says where the server listens once it is told, so that a client that came in
-// through a relay can be forwarded there; before that, it says nothing.
-TEST(NuqDispatch, PingTellsTheSocketWhenKnown)
-{
-	nuq::Dispatcher d = test_dispatcher();
-	const std::string ping = R"({"jsonrpc":"2.0","id":1,"method":"ping"})";
-	EXPECT_EQ(json::parse(d.handle(ping))["result"], json::object());
-	d.set_socket("/run/kel/keld.sock");
-	EXPECT_EQ(json::parse(d.handle(ping))["result"]["socket"], "/run/kel/keld.sock");
-}
-
 // An id comes back as the caller wrote it, whatever the parser makes of the number, in
 // results and errors alike.
 TEST(NuqDispatch, IdsAreEchoedAsWritten)
