@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "vnic.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "scratch_store.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "scratch_store.h"
 #include "sql.h"
 #include "store_handle.h"

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kel::bench {
 

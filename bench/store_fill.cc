@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "sql.h"
 #include "store_handle.h"
 

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 int kel_db_get_next_vlanid(kel_dbhandle_t h, int *vlanid);
 int kel_db_get_this_vlanid(kel_dbhandle_t h, int vlanid);

@@ -16,7 +16,7 @@
 #include <variant>
 
 #include "c_boundary.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 struct attrset_entry {
 	std::string name;

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "attrset_ptr.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "number.h"
 
 namespace {

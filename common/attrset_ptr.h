@@ -1,7 +1,7 @@
 // Reading a caller's property text into an owned attribute set.
 #pragma once
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "owners.h"
 
 namespace kel {

@@ -11,7 +11,7 @@
 #include "nuq_types.h"
 #include "ctrlprop.h"
 #include "kel_assert.h"
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 #include "service_config.h"
 #include "sql.h"
 #include "text.h"

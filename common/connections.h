@@ -3,10 +3,9 @@
 
 #include <cstddef>
 
-#include "libkel.h"
+#include <kel/libkel.h>
+#include <kel/sys/fabric.h>
 
-// This host's "controller" setting, how the controller is reached, into buf.
-extern "C" int kel_controller_uri(char *buf, size_t size) noexcept;	// exported for libkel_node.so
 // Parses `uri` (unix:// or ssh://) and connects: KEL_E_CTRL_CONNECT when either fails.
 int kel_connect_uri(const char *uri, nuq_conn_t **conn);
 // The URI that reaches the node `hostname`, from its own or the fabric's "uri-template"
@@ -16,5 +15,3 @@ int kel_kelnode_uri(kel_dbhandle_t h, const char *hostname, char *uri, size_t si
 // "unix://[user@]"), into buf: KEL_E_NOMEM when the template does not parse,
 // KEL_E_NOSPACE when the URI does not fit.
 int kel_host_uri(const char *tmpl, const char *hostname, char *buf, size_t size);
-// This host's canonical name, as it reports itself to the controller.
-extern "C" int kel_get_hostname(char *buf, uint_t size) noexcept;	// exported for libkel_node.so

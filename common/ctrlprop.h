@@ -6,7 +6,7 @@
 
 #include <cstddef>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 typedef enum {
 	KEL_CTRL_PROP_HOST = 1,

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "fabric_links.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "vnic.h"
 
 namespace {

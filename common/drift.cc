@@ -23,6 +23,7 @@
 #include "flood_sync.h"
 #include "harl.h"
 #include "kelnet.h"
+#include "names.h"
 #include "nuq_errors.h"
 #include "owners.h"
 #include "prop_catalogue.h"
@@ -30,7 +31,6 @@
 #include "sql.h"
 #include "subnet.h"
 #include "text.h"
-#include "vnic.h"
 #include "vport.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "nuq_types.h"
-#include "wexo.h"
+#include <kel/sys/fabric.h>
 
 namespace kel {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "facility_text.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 extern "C" const char *const kel_errlist[KEL_NUM_REASONS] = {
     /*  0 */ "kel operation succeeded",

@@ -9,7 +9,7 @@
 
 #include <cstdint>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 typedef enum {
 	KEL_FILTER_KEL = 1,

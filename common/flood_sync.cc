@@ -18,10 +18,10 @@
 #include "harl.h"
 #include "host_link.h"
 #include "kelnet.h"
+#include "names.h"
 #include "nuq_errors.h"
 #include "owners.h"
 #include "sql.h"
-#include "vnic.h"
 #include "flood_sync.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "host_link.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kel {
 

@@ -6,7 +6,7 @@
 #include "connections.h"
 #include "daemon_client.h"
 #include "error_code.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "nuq_errors.h"
 #include "nuq_types.h"
 #include "owners.h"

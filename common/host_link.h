@@ -5,7 +5,7 @@
 #include <string>
 
 #include "kept.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "nuq_types.h"
 
 namespace kel {

@@ -3,7 +3,7 @@
 
 #include <cstring>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 
 // The type an "l2-type" text names; KEL_L2NTYPE_UNKNOWN for NULL or any other text.

@@ -2,7 +2,7 @@
 // list_node_t found at the list's offset inside each record.
 
 #include "kel_assert.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace {
 

@@ -1,7 +1,7 @@
 // Names, UUID texts and address texts: the library's internal checks.
 #pragma once
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 // Room for a name, the terminator included; names have at most 127 characters.
 inline constexpr unsigned kKelNameLen = 128;
@@ -14,8 +14,10 @@ boolean_t kel_parse_name_common(const char *text, char *kelname, char *member);
 // The UUID text without its hyphens; `size` must be at least 33.
 void kel_uuidstr2name(const char *uuidtext, char *buf, uint_t size);
 
+#include <net/if.h>
 #include <uuid/uuid.h>
 
+#include <cstdio>
 #include <cstring>
 #include <initializer_list>
 #include <string>
@@ -29,6 +31,17 @@ inline constexpr char kDhcpEndpointPrefix[] = "kel-dhcp";
 inline bool kel_is_dhcp_endpoint(const char *vnicname)
 {
 	return std::strncmp(vnicname, kDhcpEndpointPrefix, sizeof(kDhcpEndpointPrefix) - 1) == 0;
+}
+
+// The name of the VXLAN link of `vni` ("kel-vxlan5000"), into 32 bytes; the controller
+// names a host's link by it too.
+inline void kel_vxlan_linkname(int vni, char *buf, size_t size)
+{
+	// A Linux link name has at most 15 characters: VNIs above 999999 get the short
+	// prefix, which keeps the "kel-" that marks links made for VNICs.
+	const int n = std::snprintf(buf, size, "kel-vxlan%d", vni);
+	if (n >= IFNAMSIZ)
+		std::snprintf(buf, size, "kel-vx%d", vni);
 }
 
 // A VNIC's name, with its network namespace when it has one ("ns/vnic0").

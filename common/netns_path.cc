@@ -15,7 +15,7 @@
 #include "error_code.h"
 #include "fabric_links.h"
 #include "kelnet.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "paths.h"
 #include "text_file.h"
 #include "netns_switch.h"

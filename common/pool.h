@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kel::pool {
 

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 // Property flags (a bit set).
 typedef uint32_t kel_propflags_t;

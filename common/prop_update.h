@@ -4,7 +4,7 @@
 
 #include "nuq_types.h"
 #include "harl.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 int kel_db_set_one_kelprop(kel_dbhandle_t h, kel_t *kel, const char *name, const char *value,
     uint32_t flags);

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 inline constexpr int KEL_RANGE_NUMBER = 0;
 inline constexpr int KEL_RANGE_IPV4 = 1;

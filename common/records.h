@@ -6,7 +6,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "schema.h"
 
 typedef enum { KEL_VPORTINFO = 1, KEL_IPNETINFO = 2 } kel_infotype_t;

@@ -10,7 +10,7 @@
 
 #include "c_boundary.h"
 #include "error_code.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "mac_index.h"
 #include "paths.h"
 #include "sql.h"

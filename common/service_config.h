@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "vur.h"
 
 inline constexpr const char *KEL_NODE_FMRI = "svc:/network/kel:default";

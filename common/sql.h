@@ -9,7 +9,7 @@
 #include <string>
 #include <type_traits>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "statement.h"
 #include "store_handle.h"
 

@@ -14,7 +14,7 @@
 
 #include <cstdarg>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 // Builds the SQL text from `fmt` and its `nfmt` format arguments (all const char *),
 // prepares it into *stmtp and binds the typed value list that follows. On a bind failure

@@ -4,7 +4,7 @@
 #include <pthread.h>
 #include <sqlite3.h>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 struct kel_dbhandle {
 	sqlite3 *edh_db;		// connection to the store

@@ -6,7 +6,7 @@
 // (store_integrity.cc says how that is known).
 #pragma once
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kel {
 

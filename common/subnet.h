@@ -1,7 +1,7 @@
 // Subnet texts: an address, '/' and a prefix length.
 #pragma once
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 // Fills the address fields of `ipnet` (family, canonical subnet text, prefix length,
 // first and last usable address, network address) from `subnet`. IPv4 subnets span the

@@ -1,14 +1,12 @@
 // The node side of a VNIC's attachment: the calls to the controller and the lower link.
 #pragma once
 
-#include <net/if.h>
-
-#include <cstdio>
 #include <cstring>
 #include <string>
 
+#include <kel/libkel_node.h>
+
 #include "kelcntl.h"
-#include "libkel_node.h"
 #include "names.h"
 
 // Asks the controller to bind a port of the kel to `vnicname` on `hostname`.
@@ -38,13 +36,3 @@ int kel_setup_l2network(wexo_handle_t handle, datalink_id_t *linkid, kelcntl_KEL
 // The VXLAN parameters of `args` with the host's part filled in; a datalink status.
 wexo_status_t kel_vxlan_props2kparams(wexo_handle_t handle, const wexo_arg_list_t *args,
     vxlan_kparams_t *kparams);
-// The name of the VXLAN link of `vni` ("kel-vxlan5000"), into 32 bytes; the controller
-// names a host's link by it too.
-inline void kel_vxlan_linkname(int vni, char *buf, size_t size)
-{
-	// A Linux link name has at most 15 characters: VNIs above 999999 get the short
-	// prefix, which keeps the "kel-" that marks links made for VNICs.
-	const int n = std::snprintf(buf, size, "kel-vxlan%d", vni);
-	if (n >= IFNAMSIZ)
-		std::snprintf(buf, size, "kel-vx%d", vni);
-}

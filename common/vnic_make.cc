@@ -11,7 +11,7 @@
 #include "connections.h"
 #include "error_code.h"
 #include "fabric_links.h"
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 #include "link_filter.h"
 #include "link_internal.h"
 #include "link_lock.h"

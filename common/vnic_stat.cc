@@ -5,7 +5,7 @@
 #include "error_code.h"
 #include "harl.h"
 #include "kel_assert.h"
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 #include "nuq_errors.h"
 #include "owners.h"
 

@@ -1,7 +1,7 @@
 // Ports of switches.
 #pragma once
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 // Writes one binding state of `vport`: status, VNIC, host, and "vmid" (kept from `props`
 // when bound, dropped when freed).

@@ -3,7 +3,7 @@
 // mark is kept), so that tables, columns and views stay as they are.
 #pragma once
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kel {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "output.h"
 
 namespace keladm {

@@ -6,7 +6,7 @@
 #include <sqlite3.h>
 
 #include "keladm.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "owners.h"
 #include "paths.h"
 

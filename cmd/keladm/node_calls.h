@@ -3,7 +3,7 @@
 // without netlink, nftables and what they pull in.
 #pragma once
 
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 
 namespace keladm {
 

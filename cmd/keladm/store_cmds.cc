@@ -6,7 +6,7 @@
 
 #include "keladm.h"
 #include "owners.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace keladm {
 

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "keladm.h"
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 #include "node_calls.h"
 #include "error_code.h"
 #include "owners.h"

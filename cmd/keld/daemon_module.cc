@@ -5,12 +5,12 @@
 
 #include <cstdlib>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "log.h"
 #include "datalink_error.h"
 #include "nuq_errors.h"
 #include "owners.h"
-#include "wexo.h"
+#include <kel/sys/fabric.h>
 
 namespace keld {
 namespace {

@@ -3,7 +3,7 @@
 
 #include "server.h"
 #include "nuq_errors.h"
-#include "wexo.h"
+#include <kel/sys/fabric.h>
 
 namespace keld {
 

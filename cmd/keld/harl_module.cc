@@ -11,7 +11,7 @@
 #include "log.h"
 #include "datalink_error.h"
 #include "nuq_errors.h"
-#include "wexo.h"
+#include <kel/sys/fabric.h>
 
 namespace harl {
 namespace {

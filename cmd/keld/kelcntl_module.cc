@@ -10,7 +10,7 @@
 #include "kelcntl_module.h"
 #include "store_pool.h"
 #include "kelcntl.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "uuid_text.h"
 #include "owners.h"
 #include "log.h"

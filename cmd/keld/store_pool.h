@@ -5,7 +5,7 @@
 // opened is closed rather than served.
 #pragma once
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kelcntl {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cctype>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kelcni {
 namespace {

@@ -26,8 +26,8 @@
 #include <vector>
 
 #include "conf.h"
-#include "libkel.h"
-#include "libkel_node.h"
+#include <kel/libkel.h>
+#include <kel/libkel_node.h>
 #include "netns_view.h"
 #include "result.h"
 

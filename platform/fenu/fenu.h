@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 
 extern "C" {
 

@@ -8,7 +8,7 @@
 #pragma once
 
 #include "nuq_types.h"
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 
 extern "C" {
 

@@ -8,7 +8,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 #define CHECK_PROGRAM "interpose"
 #include "check.h"

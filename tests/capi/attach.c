@@ -10,7 +10,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <libkel_node.h>
+#include <kel/libkel_node.h>
 
 /* Whether two MAC address texts name the same address, however they are written. */
 static int same_mac(const char *a, const char *b)

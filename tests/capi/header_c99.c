@@ -1,6 +1,7 @@
 /* The public headers compile as strict C99, each on its own. */
-#include "libkel_node.h"
-#include "libkel.h"
+#include <kel/libkel_node.h>
+#include <kel/libkel.h>
+#include <kel/sys/fabric.h>
 
 /* Every reason code is an integer constant expression. */
 typedef char kel_reason_table_size[(KEL_E_VXLANADDR_ATTRS + 1 == KEL_NUM_REASONS) ? 1 : -1];

@@ -6,7 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 #define CHECK_PROGRAM "capi smoke"
 #include "check.h"

@@ -9,7 +9,7 @@
 #include <string>
 
 #include "fuzz_check.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace {
 

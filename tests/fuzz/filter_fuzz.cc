@@ -7,7 +7,7 @@
 
 #include "filter.h"
 #include "fuzz_check.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "fuzz_check.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "subnet.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

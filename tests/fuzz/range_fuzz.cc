@@ -7,7 +7,7 @@
 #include <string>
 
 #include "fuzz_check.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "range.h"
 
 namespace {

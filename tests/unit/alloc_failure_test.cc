@@ -10,7 +10,7 @@
 #include <new>
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "paths.h"
 #include "store_fixture.h"
 #include "wexo.h"

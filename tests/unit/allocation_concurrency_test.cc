@@ -7,7 +7,7 @@
 #include <set>
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "pool.h"
 #include "range.h"
 #include "store_fixture.h"

@@ -5,7 +5,7 @@
 #include <utility>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "fault.h"
 #include "kelcntl.h"
 #include "nuq_errors.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "store_fixture.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "ctrlprop.h"
 #include "kept.h"
 #include "nuq_errors.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "server.h"
 #include "store_fixture.h"
 #include "test_support.h"

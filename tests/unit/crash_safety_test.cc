@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "fault.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "store_fixture.h"
 
 namespace {

@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "ctrlprop.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "service_config.h"
 #include "store_fixture.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "error_code.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "filter.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "store_fixture.h"
 
 namespace {

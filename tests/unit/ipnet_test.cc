@@ -6,7 +6,7 @@
 #include "allocator.h"
 #include "kelnet.h"
 #include "kel_lifecycle.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "store_fixture.h"
 
 namespace {

@@ -4,7 +4,7 @@
 
 #include "fault.h"
 #include "kel_lifecycle.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "store_fixture.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include "client.h"
 #include "kelcntl.h"
 #include "kelcntl_module.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "nuq_errors.h"
 #include "nuq_uri.h"
 #include "store_fixture.h"

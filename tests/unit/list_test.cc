@@ -3,7 +3,7 @@
 #include <cstddef>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace {
 

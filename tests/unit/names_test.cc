@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "names.h"
 
 namespace {

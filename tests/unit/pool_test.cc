@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "pool.h"
 #include "range.h"
 

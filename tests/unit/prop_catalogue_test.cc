@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "prop_catalogue.h"
 
 namespace {

@@ -13,7 +13,7 @@
 
 #include "fan_out.h"
 #include "fault.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "harl.h"
 #include "server.h"
 #include "netns.h"

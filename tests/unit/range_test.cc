@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "range.h"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "owners.h"
 #include "records.h"
 #include "store_fixture.h"

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fault.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "mac_index.h"
 #include "schema.h"
 #include "sql.h"

@@ -1,7 +1,7 @@
 #include <string>
 #include <vector>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "nuq_uri.h"
 #include "service_config.h"
 #include "test_support.h"

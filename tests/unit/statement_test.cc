@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fault.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "sql.h"
 #include "statement.h"
 #include "statement_cache.h"

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "sql.h"
 #include "store_handle.h"
 #include "test_support.h"

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "subnet.h"
 
 namespace {

@@ -1,7 +1,7 @@
 #include "test_support.h"
 
 #include "fault.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "nuq_uri.h"
 #include "paths.h"
 

@@ -6,7 +6,7 @@
 #include <string>
 
 #include "fault.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "sql.h"
 #include "store_handle.h"
 #include "test_support.h"

@@ -17,7 +17,7 @@
 #include "error_code.h"
 #include "flood_lists.h"
 #include "harl.h"
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 #include "netns.h"
 #include "nuq_errors.h"
 #include "store_fixture.h"

@@ -3,7 +3,7 @@
 #include <string>
 
 #include "fault.h"
-#include "libkel.h"
+#include <kel/libkel.h>
 #include "netns.h"
 #include "store_fixture.h"
 

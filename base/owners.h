@@ -16,7 +16,7 @@
 #include <memory>
 #include <utility>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kel {
 

@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 namespace kel {
 

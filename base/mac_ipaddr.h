@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "libkel_node.h"
+#include <kel/libkel_node.h>
 
 namespace kel::ipaddr {
 

@@ -28,7 +28,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "libkel.h"
+#include <kel/libkel.h>
 
 #ifdef __cplusplus
 extern "C" {

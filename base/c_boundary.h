@@ -5,8 +5,8 @@
 #include <new>
 #include <utility>
 
-#include "libkel.h"
-#include "libkel_node.h"
+#include <kel/libkel.h>
+#include <kel/libkel_node.h>
 
 namespace kel {
 

@@ -1,0 +1,157 @@
+/*
+ * The calls the fabric's own programs make of each other, beside the public interface:
+ * keld's datalink module serving what it reads and changes on its host (counters, what is
+ * in force, the flood lists of VXLAN links, what the fabric left behind), the records a
+ * binding keeps of its VNIC, and what libkel_node.so asks of libkel.so's store side.
+ * They are exported, and kept under the same version, but another program has no use
+ * for them. Plain C99 and C++, like the public headers.
+ */
+#ifndef KEL_SYS_FABRIC_H
+#define KEL_SYS_FABRIC_H
+
+#include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <kel/libkel_node.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Datalinks (libkel_node.so). */
+
+/* A link's 64-bit counters. */
+typedef struct wexo_stats {
+	uint64_t ws_rbytes;
+	uint64_t ws_ipackets;
+	uint64_t ws_ierrors;
+	uint64_t ws_obytes;
+	uint64_t ws_opackets;
+	uint64_t ws_oerrors;
+	uint64_t ws_idrops;
+	uint64_t ws_odrops;
+	uint64_t ws_multircv;
+} wexo_stats_t;
+
+wexo_status_t wexo_link_stats(wexo_handle_t handle, datalink_id_t id, wexo_stats_t *stats) KEL_NOEXCEPT;
+
+/*
+ * What is in force on a link, read back from the kernel, for the controller to compare
+ * with what the store says.
+ */
+typedef struct wexo_link_state {
+	char wls_mac[18];		/* its address, "xx:xx:xx:xx:xx:xx" */
+	char wls_lower[16];		/* the link it is made over ("" for none) */
+	char wls_lower_kind[16];	/* that link's kind: "vxlan", "vlan", ... ("" for a device) */
+	uint32_t wls_lower_id;		/* a VXLAN lower link's VNI, a VLAN lower link's ID */
+	char wls_local[46];		/* a VXLAN lower link's endpoint ("" unset) */
+	char wls_group[46];		/* and multicast group ("" none) */
+	uint64_t wls_maxbw;		/* a root tbf's rate in bits per second; 0 for none */
+	boolean_t wls_filtered;		/* whether it has filters (chains in the shared table) */
+	char wls_filters[256];		/* what the table's rules are for: their "kel:" comments, */
+					/* comma-separated ("mac-nospoof,ip-nospoof,priority=high") */
+	char wls_allowed[1024];		/* the elements of its allowed address sets, comma-separated */
+} wexo_link_state_t;
+
+/*
+ * Reads what is in force on link `id` into *state: for a VNIC in a guest's namespace,
+ * the filters in the host's namespace, which the guest cannot reach.
+ */
+wexo_status_t wexo_link_state(wexo_handle_t handle, datalink_id_t id, wexo_link_state_t *state) KEL_NOEXCEPT;
+
+/*
+ * The fabric's own links on this host. kel_connect_vnic records the VNIC `name` ("LINK",
+ * or "NAMESPACE/LINK") it binds, to be made over link `lower` of the handle's namespace
+ * (the host's) with its port's MAC address `mac`: from then on `lower` counts as in use,
+ * lets `mac` out (its guard drops every other source address), and keld acts on the
+ * VNIC. `lease` (may be NULL) is what the host's address responder hands the VNIC's guest,
+ * as "field=value" lines (kel=UUID, addr=IP/PLEN, router=IP, dns=IP IP..., and
+ * role=endpoint for the responder's own link); WEXO_STATUS_BADVAL when it does not parse.
+ * WEXO_STATUS_NOTFOUND when `lower` went meanwhile (a removal took it first).
+ */
+wexo_status_t wexo_vnic_own(wexo_handle_t handle, const char *name, const char *mac, datalink_id_t lower,
+    const char *lease) KEL_NOEXCEPT;
+/* Forgets the VNIC `name` again; nothing recorded is no error. */
+wexo_status_t wexo_vnic_disown(wexo_handle_t handle, const char *name) KEL_NOEXCEPT;
+/*
+ * WEXO_STATUS_OK when link `id` of the handle's namespace, which keld's callers name
+ * `name`, is one the fabric made: a recorded VNIC still made over the link it was bound
+ * over, or a link made on demand (still the link made). WEXO_STATUS_NOTFABRIC otherwise.
+ */
+wexo_status_t wexo_link_owned(wexo_handle_t handle, datalink_id_t id, const char *name) KEL_NOEXCEPT;
+
+/*
+ * What the fabric made on this host that nothing uses any more (what a command killed half
+ * way leaves), for the controller's drift check: wl_kind "vnic" (a VNIC recorded, its
+ * port bound, that is gone; those recorded less than `grace` seconds ago are still being
+ * made and are left out), "link" (a link made on demand with no VNIC over it, or the
+ * record of one that is gone), "table" (a filter table of the fabric's, in the host's
+ * namespace, of a link that is gone) or "filters" (the chains and sets, in the host's
+ * shared table, of a VNIC that is gone). *list, of *count entries, is freed with free().
+ */
+typedef struct wexo_leftover {
+	char wl_kind[8];
+	char wl_name[320];	/* the VNIC ("NAMESPACE/LINK"), link, table, or link whose filters */
+	char wl_what[320];	/* what is wrong with it, for people */
+	long wl_age;		/* a VNIC's: seconds since its port was bound here */
+} wexo_leftover_t;
+wexo_status_t wexo_fabric_leftovers(long grace, wexo_leftover_t **list, size_t *count) KEL_NOEXCEPT;
+/* How long a VNIC's record stays "being made": its VNIC may follow the record that long. */
+#define WEXO_LEFTOVER_GRACE_SECONDS 60
+/*
+ * Removes the leftover `name` of `kind`, if it still is one: a VNIC's record, filters
+ * and kept properties (and its lower link when it was the last user), a link, a table,
+ * a link's filters.
+ * WEXO_STATUS_LINKBUSY when a VNIC's link is there again, or its record is younger than
+ * WEXO_LEFTOVER_GRACE_SECONDS (whatever grace the caller listed leftovers with: a VNIC
+ * being made is never taken apart under its maker).
+ */
+wexo_status_t wexo_fabric_remove_leftover(const char *kind, const char *name) KEL_NOEXCEPT;
+
+/*
+ * The flood list of a VXLAN link: its own endpoint (wf_local, "" when unset) and the
+ * remote endpoints broadcast and unknown frames are copied to (wf_remotes, sorted). A
+ * destination not as the set below makes it reads with what sets it apart
+ * ("10.1.0.2 port 5000", "0.0.0.0", "10.1.0.3 (not permanent)").
+ */
+typedef struct wexo_flood {
+	char wf_local[INET6_ADDRSTRLEN];
+	size_t wf_count;
+	char **wf_remotes;
+} wexo_flood_t;
+
+/*
+ * The flood list of VXLAN link `id` into *flood, to be freed with wexo_free_flood (also
+ * after a failure). WEXO_STATUS_BADARG for a link that is not a VXLAN link.
+ */
+wexo_status_t wexo_vxlan_get_flood(wexo_handle_t handle, datalink_id_t id, wexo_flood_t *flood) KEL_NOEXCEPT;
+void wexo_free_flood(wexo_flood_t *flood) KEL_NOEXCEPT;
+/*
+ * Makes the flood list of link `id` exactly the `count` addresses of `remotes`, or, with
+ * `only_add`, adds those missing and removes only destinations it could not have made
+ * (an unspecified address, another port...), whatever entries it finds. WEXO_STATUS_BADVAL,
+ * changing nothing, for a remote that is not a whole unicast address of the link's
+ * family (unspecified, loopback, multicast, broadcast) or is the link's own endpoint.
+ */
+wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id, const char *const *remotes,
+    size_t count, boolean_t only_add) KEL_NOEXCEPT;
+
+/* The store's side (libkel.so), for libkel_node.so. */
+
+/* This host's "controller" setting, how the controller is reached, into buf. */
+int kel_controller_uri(char *buf, size_t size) KEL_NOEXCEPT;
+/* This host's canonical name, as it reports itself to the controller. */
+int kel_get_hostname(char *buf, uint_t size) KEL_NOEXCEPT;
+/*
+ * The link properties a port's VNIC gets: for each link property, the port's value, else
+ * its switch's ("protection=none" left out), as "name=value,...". KEL_E_NOSPACE, with
+ * `buf` empty, when the text would not fit `size`.
+ */
+int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *buf, size_t size) KEL_NOEXCEPT;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
