@@ -16,8 +16,9 @@ bool load_node_calls()
 {
 	if (loaded)
 		return true;
-	// Global, so that libkel.so's messages find the datalink texts in it.
-	void *lib = dlopen("libkel_node.so.1", RTLD_NOW | RTLD_GLOBAL);
+	// Local: keladm reaches it through this table alone, and libkel.so has the texts of
+	// the node side's statuses itself.
+	void *lib = dlopen("libkel_node.so.1", RTLD_NOW | RTLD_LOCAL);
 	if (lib == nullptr) {
 		std::fprintf(stderr, "keladm: cannot load the node side: %s\n", dlerror());
 		return false;

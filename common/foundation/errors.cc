@@ -7,7 +7,9 @@
 #include <cstring>
 #include <string>
 
-#include "facility_text.h"
+#include "fenu.h"
+#include "nuq_errors.h"
+#include "vur.h"
 #include <kel/libkel.h>
 
 extern "C" const char *const kel_errlist[KEL_NUM_REASONS] = {
@@ -99,6 +101,8 @@ namespace {
 
 constexpr const char *kMessageDomain = "QARN_OST_OSLIB";
 constexpr const char *kUnknown = "Unknown KEL error";
+// What wexo_status2str may write.
+constexpr unsigned kWexoStrSize = 1024;
 
 // The facility's text for `status`, or nullptr when `reason` names no facility.
 // `scratch` holds texts that have to be built (a decimal number, the datalink text).
@@ -107,20 +111,16 @@ const char *facility_text(int reason, int status, char (&scratch)[kWexoStrSize])
 	const char *text = nullptr;
 	switch (reason) {
 	case KEL_E_WEXO:
-		if (auto fn = node_text(wexo_status2str, "wexo_status2str"))
-			text = fn(status, scratch);
+		text = wexo_status2str(status, scratch);
 		break;
 	case KEL_E_FENU:
-		if (auto fn = node_text(fenu_status2str, "fenu_status2str"))
-			text = fn(status);
+		text = fenu_status2str(status);
 		break;
 	case KEL_E_NUQ:
-		if (nuq_err_string != nullptr)
-			text = nuq_err_string(status);
+		text = nuq_err_string(status);
 		break;
 	case KEL_E_VUR:
-		if (vur_strerror != nullptr)
-			text = vur_strerror(status);
+		text = vur_strerror(status);
 		break;
 	case KEL_E_SQL:
 		text = sqlite3_errstr(status);

@@ -5,12 +5,15 @@
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 
 #include "c_boundary.h"
 #include "xml_uri.h"
 #include "nuq_types.h"
 #include "ctrlprop.h"
 #include "kel_assert.h"
+#include "kept.h"
+#include "nuq_errors.h"
 #include <kel/libkel_node.h>
 #include "service_config.h"
 #include "sql.h"
@@ -110,7 +113,40 @@ int kel_get_hostname(char *buf, uint_t size) noexcept
 	return KEL_SUCCESS;
 }
 
+// The node side's hold on a kept connection to the controller.
+struct kel_kept_conn_s {
+	nuq::KeptConnection conn;
+};
+
 extern "C" {
+
+int kel_kept_controller(kel_kept_conn_t **kept) noexcept
+{
+	if (kept == nullptr)
+		return KEL_E_INVALID_ARGS;
+	*kept = nullptr;
+	return kel::c_boundary([&] {
+		char uri[kUriLen];
+		const int rc = kel_controller_uri(uri, sizeof(uri));
+		if (rc != KEL_SUCCESS)
+			return rc;
+		auto held = std::make_unique<kel_kept_conn_s>();
+		if (held->conn.open(uri) != NUQ_E_SUCCESS)
+			return KEL_E_CTRL_CONNECT;
+		*kept = held.release();
+		return KEL_SUCCESS;
+	});
+}
+
+nuq_conn_t *kel_kept_conn(const kel_kept_conn_t *kept) noexcept
+{
+	return kept != nullptr ? kept->conn.get() : nullptr;
+}
+
+void kel_kept_release(kel_kept_conn_t *kept) noexcept
+{
+	delete kept;	// gives the connection back to be kept
+}
 
 int kel_nuq_connection_to_controller(nuq_conn_t **conn) noexcept
 {

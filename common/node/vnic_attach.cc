@@ -9,7 +9,6 @@
 #include "kel_assert.h"
 #include "kel_lifecycle.h"
 #include "kelnet.h"
-#include "kept.h"
 #include "nuq_errors.h"
 #include "names.h"
 #include "owners.h"
@@ -27,9 +26,9 @@ constexpr size_t kAllowedIpLen = 50;
 // How often the lower link is made before giving up on concurrent releases removing it.
 constexpr int kOwnTries = 3;
 
-// The controller's connection, kept from one call to the next (platform/nuq/kept.h): a
-// node that binds and releases over and over pays for one, not one a call.
-using Conn = nuq::KeptConnection;
+// The controller's connection, kept from one call to the next: a node that binds and
+// releases over and over pays for one, not one a call.
+using Conn = kel::Owned<kel_kept_conn_t, kel_kept_release>;
 using Instance = kel::Owned<nuq_instance_t, nuq_instance_rele>;
 using KelError = kel::Owned<kelcntl_KELError, kelcntl_KELError_free>;
 using ImplInfo = kel::Owned<kelcntl_KELImplInfo, kelcntl_KELImplInfo_free>;
@@ -53,11 +52,10 @@ int method_result(int r, const KelError &err)
 
 int connect_controller(Conn *conn)
 {
-	char uri[1024];
-	const int rc = kel_controller_uri(uri, sizeof(uri));
-	if (rc != KEL_SUCCESS)
-		return rc;
-	return conn->open(uri) == NUQ_E_SUCCESS ? KEL_SUCCESS : KEL_E_CTRL_CONNECT;
+	kel_kept_conn_t *raw = nullptr;
+	const int rc = kel_kept_controller(&raw);
+	conn->reset(raw);
+	return rc;
 }
 
 int lookup_kel(nuq_conn_t *conn, const char *tenant, const char *kelname, Instance *inst)
@@ -163,7 +161,7 @@ int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
 		Conn conn;
 		Instance kel;
 		if (connect_controller(&conn) == KEL_SUCCESS &&
-		    lookup_kel(conn.get(), k->ekeli_tenantname, k->ekeli_name, &kel) == KEL_SUCCESS)
+		    lookup_kel(kel_kept_conn(conn.get()), k->ekeli_tenantname, k->ekeli_name, &kel) == KEL_SUCCESS)
 			sync_flood(kel.get());
 	}
 	*linkid = lower;
@@ -221,7 +219,7 @@ int get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count)
 	Conn conn;
 	if ((rc = connect_controller(&conn)) != KEL_SUCCESS)
 		return rc;
-	return kel_get_vnic_kelvport(conn.get(), filter, array, count);
+	return kel_get_vnic_kelvport(kel_kept_conn(conn.get()), filter, array, count);
 }
 
 }  // namespace
@@ -234,7 +232,7 @@ int kel_assign_vport(const char *tenant, const char *kelname, const char *vportn
 	int rc = connect_controller(&conn);
 	Instance kel;
 	if (rc == KEL_SUCCESS)
-		rc = lookup_kel(conn.get(), tenant, kelname, &kel);
+		rc = lookup_kel(kel_kept_conn(conn.get()), tenant, kelname, &kel);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kelcntl_KELError *err = nullptr;
@@ -256,14 +254,14 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 		return rc;
 	kelcntl_VPortInfo **ports = nullptr;
 	int count = 0;
-	if ((rc = kel_get_vnic_kelvport(conn.get(), filter, &ports, &count)) != KEL_SUCCESS)
+	if ((rc = kel_get_vnic_kelvport(kel_kept_conn(conn.get()), filter, &ports, &count)) != KEL_SUCCESS)
 		return rc;
 	if (count == 0) {
 		kelcntl_VPortInfo_array_free(ports, count);
 		return KEL_SUCCESS;	// nothing bound: nothing to release
 	}
 	Instance kel;
-	rc = lookup_kel(conn.get(), ports[0]->evpi_tenantname, ports[0]->evpi_kelname, &kel);
+	rc = lookup_kel(kel_kept_conn(conn.get()), ports[0]->evpi_tenantname, ports[0]->evpi_kelname, &kel);
 	kelcntl_VPortInfo_array_free(ports, count);
 	if (rc != KEL_SUCCESS)
 		return rc;

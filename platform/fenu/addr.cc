@@ -179,16 +179,4 @@ fenu_status_t fenu_get_addrinfo(mac_ipaddr_t *addr, mac_ipaddr_t *mask, uint32_t
 	return FENU_SUCCESS;
 }
 
-const char *fenu_status2str(int status) noexcept
-{
-	switch (status) {
-	case FENU_SUCCESS: return "success";
-	case FENU_FAILURE: return "IP interface operation failed";
-	case FENU_NOTFOUND: return "address or interface not found";
-	case FENU_NOMEM: return "out of memory";
-	case FENU_BADARG: return "invalid address or interface";
-	}
-	return "unknown IP interface error";
-}
-
 }  // extern "C"

@@ -6,45 +6,17 @@
 
 #include <cstdint>
 
+#include <kel/sys/fabric.h>
+
 #include "nuq_types.h"
 
 extern "C" {
 
-typedef struct harl_LinkStat {
-	uint64_t dls_ipackets;
-	uint64_t dls_rbytes;
-	uint64_t dls_idrops;
-	uint64_t dls_idropbytes;
-	uint64_t dls_obytes;
-	uint64_t dls_opackets;
-	uint64_t dls_odrops;
-	uint64_t dls_odropbytes;
-} harl_LinkStat;
-
-typedef enum { DST_LINK = 0 } harl_StatType;
-
-typedef struct harl_StatValue {
-	harl_StatType dsv_discriminant;
-	harl_LinkStat *dsv_linkstat;
-} harl_StatValue;
-
-typedef struct harl_DatalinkError {
-	int dde_err;		// a datalink status
-	char *dde_errmsg;
-} harl_DatalinkError;
-
-// Finds a datalink by (name, value) key pairs, "name" being the link's name.
-int harl_Datalink__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst, int nkeys, ...);
-// The link's statistics; `arg` is unused (NULL).
-int harl_Datalink_getStat(nuq_instance_t *inst, void *arg, harl_StatValue **value,
-    harl_DatalinkError **err);
 // Sets one link property from "name=value" text ("name=" resets it). `flags` as the
 // library passes them (0x8001: apply now, not persistent); properties applied here
 // live until the host restarts.
 int harl_Datalink_setProperty(nuq_instance_t *inst, const char *text, int flags,
     harl_DatalinkError **err);
-void harl_StatValue_free(harl_StatValue *value);
-void harl_DatalinkError_free(harl_DatalinkError *err);
 
 }
 

@@ -30,7 +30,7 @@ harl_DatalinkError *error_record(const nlohmann::json &data)
 
 extern "C" {
 
-int harl_Datalink__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst, int nkeys, ...)
+int harl_Datalink__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst, int nkeys, ...) noexcept
 {
 	va_list ap;
 	va_start(ap, nkeys);
@@ -40,46 +40,48 @@ int harl_Datalink__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **ins
 }
 
 int harl_Datalink_getStat(nuq_instance_t *inst, void *, harl_StatValue **value,
-    harl_DatalinkError **err)
+    harl_DatalinkError **err) noexcept
 {
-	*value = nullptr;
-	if (err != nullptr)
-		*err = nullptr;
-	nlohmann::json result, error;
-	const int rc = nuq::call(inst, "getStat", nlohmann::json::object(), &result, &error);
-	if (rc == NUQ_E_OBJECT && err != nullptr)
-		*err = error_record(error);
-	if (rc != NUQ_E_SUCCESS)
-		return rc;
-	auto *v = static_cast<harl_StatValue *>(std::calloc(1, sizeof(harl_StatValue)));
-	auto *s = static_cast<harl_LinkStat *>(std::calloc(1, sizeof(harl_LinkStat)));
-	if (v == nullptr || s == nullptr) {
-		std::free(v);
-		std::free(s);
-		return NUQ_E_NOMEM;
-	}
-	// Counters come from another host: anything but an unsigned integer is refused
-	// rather than converted.
-	const struct {
-		const char *name;
-		uint64_t *to;
-	} counters[] = {{"dls_ipackets", &s->dls_ipackets}, {"dls_rbytes", &s->dls_rbytes},
-		{"dls_idrops", &s->dls_idrops}, {"dls_idropbytes", &s->dls_idropbytes},
-		{"dls_obytes", &s->dls_obytes}, {"dls_opackets", &s->dls_opackets},
-		{"dls_odrops", &s->dls_odrops}, {"dls_odropbytes", &s->dls_odropbytes}};
-	for (const auto &c : counters) {
-		const nlohmann::json *n = nuq::member(result, c.name);
-		if (n == nullptr || !n->is_number_unsigned()) {
+	return nuq::client_boundary([&] {
+		*value = nullptr;
+		if (err != nullptr)
+			*err = nullptr;
+		nlohmann::json result, error;
+		const int rc = nuq::call(inst, "getStat", nlohmann::json::object(), &result, &error);
+		if (rc == NUQ_E_OBJECT && err != nullptr)
+			*err = error_record(error);
+		if (rc != NUQ_E_SUCCESS)
+			return rc;
+		auto *v = static_cast<harl_StatValue *>(std::calloc(1, sizeof(harl_StatValue)));
+		auto *s = static_cast<harl_LinkStat *>(std::calloc(1, sizeof(harl_LinkStat)));
+		if (v == nullptr || s == nullptr) {
 			std::free(v);
 			std::free(s);
-			return NUQ_E_PROTOCOL;
+			return NUQ_E_NOMEM;
 		}
-		*c.to = n->get<uint64_t>();
-	}
-	v->dsv_discriminant = DST_LINK;
-	v->dsv_linkstat = s;
-	*value = v;
-	return NUQ_E_SUCCESS;
+		// Counters come from another host: anything but an unsigned integer is refused
+		// rather than converted.
+		const struct {
+			const char *name;
+			uint64_t *to;
+		} counters[] = {{"dls_ipackets", &s->dls_ipackets}, {"dls_rbytes", &s->dls_rbytes},
+			{"dls_idrops", &s->dls_idrops}, {"dls_idropbytes", &s->dls_idropbytes},
+			{"dls_obytes", &s->dls_obytes}, {"dls_opackets", &s->dls_opackets},
+			{"dls_odrops", &s->dls_odrops}, {"dls_odropbytes", &s->dls_odropbytes}};
+		for (const auto &c : counters) {
+			const nlohmann::json *n = nuq::member(result, c.name);
+			if (n == nullptr || !n->is_number_unsigned()) {
+				std::free(v);
+				std::free(s);
+				return NUQ_E_PROTOCOL;
+			}
+			*c.to = n->get<uint64_t>();
+		}
+		v->dsv_discriminant = DST_LINK;
+		v->dsv_linkstat = s;
+		*value = v;
+		return NUQ_E_SUCCESS;
+	});
 }
 
 int harl_Datalink_setProperty(nuq_instance_t *inst, const char *text, int flags,
@@ -96,7 +98,7 @@ int harl_Datalink_setProperty(nuq_instance_t *inst, const char *text, int flags,
 	return rc;
 }
 
-void harl_StatValue_free(harl_StatValue *value)
+void harl_StatValue_free(harl_StatValue *value) noexcept
 {
 	if (value == nullptr)
 		return;
@@ -104,7 +106,7 @@ void harl_StatValue_free(harl_StatValue *value)
 	std::free(value);
 }
 
-void harl_DatalinkError_free(harl_DatalinkError *err)
+void harl_DatalinkError_free(harl_DatalinkError *err) noexcept
 {
 	if (err == nullptr)
 		return;

@@ -262,7 +262,7 @@ int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance
 	return rc;
 }
 
-void nuq_instance_rele(nuq_instance_t *inst)
+void nuq_instance_rele(nuq_instance_t *inst) noexcept
 {
 	delete inst;
 }

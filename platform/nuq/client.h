@@ -6,6 +6,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "c_boundary.h"
+#include "nuq_errors.h"
 #include "nuq_types.h"
 #include "nuq_uri.h"
 
@@ -21,6 +23,14 @@ int call(nuq_instance_t *inst, const char *method, const nlohmann::json &args,
 // NULL is not sent.
 int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
     int nkeys, va_list ap);
+
+// Runs an exported client stub's body: running out of memory is NUQ_E_NOMEM, and an
+// answer that does not read as the records it should be (a JSON exception) NUQ_E_PROTOCOL.
+template <class Body>
+int client_boundary(Body &&body) noexcept
+{
+	return kel::c_boundary_as<int>(NUQ_E_NOMEM, NUQ_E_PROTOCOL, std::forward<Body>(body));
+}
 
 // The keys an instance was found with.
 const nlohmann::json &keys(const nuq_instance_t *inst);

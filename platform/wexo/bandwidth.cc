@@ -11,7 +11,7 @@ bool digit(char c)
 
 }  // namespace
 
-extern "C" bool wexo_str2bw(const char *text, uint64_t *bps)
+extern "C" bool wexo_str2bw(const char *text, uint64_t *bps) noexcept
 {
 	if (text == nullptr || !digit(*text))
 		return false;

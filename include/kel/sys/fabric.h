@@ -10,6 +10,9 @@
 #define KEL_SYS_FABRIC_H
 
 #include <netinet/in.h>
+#ifndef __cplusplus
+#include <stdbool.h>
+#endif
 #include <stddef.h>
 #include <stdint.h>
 
@@ -136,6 +139,96 @@ void wexo_free_flood(wexo_flood_t *flood) KEL_NOEXCEPT;
  */
 wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id, const char *const *remotes,
     size_t count, boolean_t only_add) KEL_NOEXCEPT;
+
+/*
+ * The remote interfaces' clients (libkel.so), for the node side: the transport's object
+ * handles, the controller's "kelcntl.KEL" and "kelcntl.KELController" and a host's
+ * "harl.Datalink". Methods return 0, 1 when the far end answered with its error record
+ * (kelcntl_KELError, harl_DatalinkError), or a transport error (NUQ_E_*).
+ */
+typedef struct nuq_instance nuq_instance_t;
+void nuq_instance_rele(nuq_instance_t *inst) KEL_NOEXCEPT;
+
+/*
+ * A connection to this host's controller, as its "controller" setting says, taken from
+ * those kept from earlier calls of this process when one is: a node that binds and
+ * releases over and over pays for one. Given back with kel_kept_release, which keeps it
+ * for the next caller while it is usable.
+ */
+typedef struct kel_kept_conn_s kel_kept_conn_t;
+int kel_kept_controller(kel_kept_conn_t **kept) KEL_NOEXCEPT;
+nuq_conn_t *kel_kept_conn(const kel_kept_conn_t *kept) KEL_NOEXCEPT;
+void kel_kept_release(kel_kept_conn_t *kept) KEL_NOEXCEPT;
+
+/*
+ * Finds a switch by (key, value) pairs: "name", and "tenant" (a NULL value is not sent,
+ * leaving the tenant to default).
+ */
+int kelcntl_KEL__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst, int nkeys, ...) KEL_NOEXCEPT;
+/*
+ * Binds a port of the switch (`vportname`, or a new system port when NULL) to `vnicname`
+ * on `hostname`; `extra` is passed to the binding as its property text (may be NULL).
+ */
+int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
+    const char *vportname, const char *extra, kelcntl_KELImplInfo **implinfo,
+    kelcntl_KELError **err) KEL_NOEXCEPT;
+/*
+ * Unbinds the port of `vnicname` on `hostname`; `extra` as the unbinding's filter; `last`
+ * (NULL: none) the counters the VNIC carried, for the port to keep.
+ */
+int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
+    const char *extra, const kel_vport_counters_t *last, kelcntl_KELError **err) KEL_NOEXCEPT;
+/*
+ * Joins the switch's hosts again when it is a VXLAN switch without a multicast group
+ * (each host's VXLAN link floods to the others).
+ */
+int kelcntl_KEL_syncFlood(nuq_instance_t *inst, kelcntl_KELError **err) KEL_NOEXCEPT;
+int kelcntl_KELController__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst,
+    int nkeys, ...) KEL_NOEXCEPT;
+/* The ports matching a filter text; none is an empty array (*count 0), not an error. */
+int kelcntl_KELController_getVPortInfo(nuq_instance_t *inst, const char *filter,
+    kelcntl_VPortInfo ***array, int *count, kelcntl_KELError **err) KEL_NOEXCEPT;
+
+typedef struct harl_LinkStat {
+	uint64_t dls_ipackets;
+	uint64_t dls_rbytes;
+	uint64_t dls_idrops;
+	uint64_t dls_idropbytes;
+	uint64_t dls_obytes;
+	uint64_t dls_opackets;
+	uint64_t dls_odrops;
+	uint64_t dls_odropbytes;
+} harl_LinkStat;
+
+typedef enum { DST_LINK = 0 } harl_StatType;
+
+typedef struct harl_StatValue {
+	harl_StatType dsv_discriminant;
+	harl_LinkStat *dsv_linkstat;
+} harl_StatValue;
+
+typedef struct harl_DatalinkError {
+	int dde_err;		/* a datalink status */
+	char *dde_errmsg;
+} harl_DatalinkError;
+
+/* Finds a datalink by (name, value) key pairs, "name" being the link's name. */
+int harl_Datalink__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst, int nkeys, ...) KEL_NOEXCEPT;
+/* The link's statistics; `arg` is unused (NULL). */
+int harl_Datalink_getStat(nuq_instance_t *inst, void *arg, harl_StatValue **value,
+    harl_DatalinkError **err) KEL_NOEXCEPT;
+void harl_StatValue_free(harl_StatValue *value) KEL_NOEXCEPT;
+void harl_DatalinkError_free(harl_DatalinkError *err) KEL_NOEXCEPT;
+
+/*
+ * The texts of the datalink statuses and of a link's bandwidth (libkel.so: the store's
+ * property checks read the bandwidth too). wexo_str2bw parses a bandwidth: a decimal
+ * number, optionally with a fraction ("1.5"), then an optional unit K, M or G (either
+ * case; kilo-, mega- or gigabits per second, powers of 1000). Without a unit the number
+ * counts megabits. The result in bits per second must be at least 1 and fit in 64 bits;
+ * nothing may follow the unit. Stores it in *bps when given.
+ */
+bool wexo_str2bw(const char *text, uint64_t *bps) KEL_NOEXCEPT;
 
 /* The store's side (libkel.so), for libkel_node.so. */
 
