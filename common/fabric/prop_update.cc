@@ -443,7 +443,7 @@ int kel_host_set_one_linkprop(nuq_instance_t *link, attrset_t *kelprops, attrset
 		r = kel_set_allowed_ips(link, kelprops, vportprops, name, value, kLinkFlags, &err);
 	int rc = KEL_SUCCESS;
 	if (r == 1)
-		rc = kel::compose_error(err != nullptr ? err->dde_err : 0, KEL_E_WEXO);
+		rc = kel::wexo_error(err != nullptr ? err->dde_err : 0);
 	else if (r != 0)
 		rc = kel::compose_error(r, KEL_E_NUQ);
 	harl_DatalinkError_free(err);

@@ -41,7 +41,7 @@ int live_counters(kel_dbhandle_t h, const char *host, const char *vnic, kel_vpor
 	const Owned<harl_StatValue, harl_StatValue_free> value(raw);
 	const Owned<harl_DatalinkError, harl_DatalinkError_free> err(raw_err);
 	if (r == NUQ_E_OBJECT && err != nullptr)
-		return compose_error(err->dde_err, KEL_E_WEXO);
+		return wexo_error(err->dde_err);
 	if (r != NUQ_E_SUCCESS)
 		return compose_error(r, KEL_E_NUQ);
 	if (value != nullptr && value->dsv_linkstat != nullptr) {

@@ -23,10 +23,7 @@ using Args = kel::Owned<wexo_arg_list_t, wexo_free_args>;
 // How often a link is made before taking the one another VNIC made.
 constexpr int kCreateTries = 3;
 
-int wexo_error(wexo_status_t st)
-{
-	return kel::compose_error(st, KEL_E_WEXO);
-}
+using kel::wexo_error;
 
 // An answer the controller is bound to give; one without it is not from ours.
 int protocol_error()

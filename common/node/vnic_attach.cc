@@ -121,7 +121,7 @@ int prepare_lower(wexo_handle_t handle, const char *vnicname, kelcntl_KELImplInf
 			return rc;
 		st = wexo_vnic_own(handle, vnicname, mac, *lower, lease.empty() ? nullptr : lease.c_str());
 	}
-	return st == WEXO_STATUS_OK ? KEL_SUCCESS : kel::compose_error(st, KEL_E_WEXO);
+	return st == WEXO_STATUS_OK ? KEL_SUCCESS : kel::wexo_error(st);
 }
 
 int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
@@ -142,7 +142,7 @@ int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
 	if (rc == KEL_SUCCESS) {
 		const wexo_status_t st = wexo_parse_link_props(props, &args, B_FALSE);
 		if (st != WEXO_STATUS_OK)
-			rc = kel::compose_error(st, KEL_E_WEXO);
+			rc = kel::wexo_error(st);
 	}
 	Args owned(args);
 	datalink_id_t lower = DATALINK_INVALID_LINKID;
@@ -199,7 +199,7 @@ int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extr
 			st = WEXO_STATUS_OK;
 	}
 	if (st != WEXO_STATUS_OK)
-		link = kel::compose_error(st, KEL_E_WEXO);
+		link = kel::wexo_error(st);
 	return unassigned != KEL_SUCCESS ? unassigned : link;
 }
 

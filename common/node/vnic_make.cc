@@ -28,10 +28,7 @@ namespace {
 using Args = kel::Owned<wexo_arg_list_t, wexo_free_args>;
 using Conn = kel::Owned<nuq_conn_t, nuq_disconnect>;
 
-int wexo_error(wexo_status_t st)
-{
-	return kel::compose_error(st, KEL_E_WEXO);
-}
+using kel::wexo_error;
 
 // A datalink handle, closed on scope exit.
 class Handle {

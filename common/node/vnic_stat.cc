@@ -28,7 +28,7 @@ int get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats)
 	StatValue v(value);
 	DatalinkError err(error);
 	if (r == NUQ_E_OBJECT && err != nullptr)
-		return kel::compose_error(err->dde_err, KEL_E_WEXO);
+		return kel::wexo_error(err->dde_err);
 	if (r != NUQ_E_SUCCESS)
 		return kel::compose_error(r, KEL_E_NUQ);
 	if (v == nullptr)

@@ -327,9 +327,10 @@ typedef struct kel_prop_s {
 /* The number of reasons; kel_errlist has one message for each. */
 #define KEL_NUM_REASONS               82
 
-/* The reason and the facility status of a code. */
+/* The reason and the facility status of a code, and the code of both. */
 #define KEL_ERR_REASON(code)          ((int)((unsigned int)(code) & 0xFFu))
 #define KEL_ERR_STATUS(code)          ((int)(code) >> 8)
+#define KEL_ERR_CODE(status, reason)  ((int)(status) * 256 + (int)(reason))
 
 /* The English message of each reason, indexed by reason. */
 extern const char *const kel_errlist[KEL_NUM_REASONS];

@@ -54,7 +54,7 @@ typedef int wexo_status_t;
 #define WEXO_STATUS_BADVXLANIF	105	/* a VXLAN interface that is not an IP interface */
 
 /* The libkel code of a datalink status: KEL_E_WEXO with the status above the low byte. */
-#define KEL_WEXO_ERROR(status)	((int)(status) * 256 + KEL_E_WEXO)
+#define KEL_WEXO_ERROR(status)	KEL_ERR_CODE(status, KEL_E_WEXO)
 
 /* A link's ID is its interface index; 0 is no link. */
 typedef uint32_t datalink_id_t;
