@@ -2,10 +2,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include <kel/libkel.h>
+#include "owners.h"
 #include "unique_fd.h"
 
 namespace {
@@ -40,6 +44,27 @@ TEST(UniqueFd, MovesReleasesAndResets)
 	moved.reset();
 	EXPECT_EQ(errno, ENOENT);
 	EXPECT_FALSE(is_open(kept));
+}
+
+TEST(RecordList, ABuiltListIsHandedOverWholeAndInOrder)
+{
+	for (int count : {0, 3}) {
+		kel::RecordList<kel_drift_t> built;
+		for (int i = 0; i < count; i++) {
+			kel_drift_t *d = built.append();
+			ASSERT_NE(d, nullptr);
+			std::snprintf(d->edr_object, sizeof(d->edr_object), "%d", i);
+		}
+		list_t out;
+		built.release(&out);
+		EXPECT_TRUE(built.empty());
+		EXPECT_EQ(kel_list_count(&out), count);
+		int i = 0;
+		for (kel_drift_t *d : kel::each<kel_drift_t>(&out))
+			EXPECT_EQ(d->edr_object, std::to_string(i++));
+		EXPECT_EQ(i, count);
+		kel_free_driftlist(&out);
+	}
 }
 
 }  // namespace
