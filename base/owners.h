@@ -7,6 +7,8 @@
 //   RecordList<T>    a list of kel_t, kel_vport_t, kel_ipnet_t, kel_prop_t,
 //                    kel_ctrlprop_t, kel_togprop_t, kel_store_problem_t or kel_drift_t
 //                    records, read by a lister or built with append and handed out
+//   OwnedArray<T, FreeArray>   an array of records and its length, as the controller's
+//                    records come (kelcntl_VPortInfo **, int)
 //   each<T>          range-for over a list owned elsewhere
 //   Hold<GiveBack>   a value drawn from a range or pool, given back unless kept
 // It is built on the public C API alone, so keladm and keld use it too. A file
@@ -181,6 +183,53 @@ public:
 private:
 	list_t list_{};
 	bool owned_ = false;
+};
+
+// An array of records handed out with its length, as the controller's records come
+// (kelcntl_VPortInfo **, int), freed records and all with FreeArray(array, count) on
+// scope exit:
+//   kel::OwnedArray<kelcntl_VPortInfo, kelcntl_VPortInfo_array_free> ports;
+//   int rc = ports.read([&](kelcntl_VPortInfo ***a, int *n) { return kel_get_host_vnicinfo(a, n); });
+// Whatever the call handed out is owned, whatever it answered.
+template <class T, auto FreeArray>
+class OwnedArray {
+public:
+	OwnedArray() = default;
+	// An array being built: `count` slots, each freed when filled.
+	OwnedArray(T **array, int count) : array_(array), count_(count) {}
+	~OwnedArray() { reset(); }
+	OwnedArray(const OwnedArray &) = delete;
+	OwnedArray &operator=(const OwnedArray &) = delete;
+
+	template <class Fetch>
+	int read(Fetch &&fetch)
+	{
+		reset();
+		return fetch(&array_, &count_);
+	}
+
+	T **get() const { return array_; }
+	int size() const { return count_; }
+	T **begin() const { return array_; }
+	T **end() const { return array_ + count_; }
+	// The array, its length into *count: the caller frees it from then on.
+	T **release(int *count)
+	{
+		*count = std::exchange(count_, 0);
+		return std::exchange(array_, nullptr);
+	}
+
+private:
+	void reset()
+	{
+		if (array_ != nullptr)
+			FreeArray(array_, count_);
+		array_ = nullptr;
+		count_ = 0;
+	}
+
+	T **array_ = nullptr;
+	int count_ = 0;
 };
 
 // A value drawn from an ID range or an address pool: given back on scope exit, by
