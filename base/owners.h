@@ -4,6 +4,7 @@
 //   Owned<T, Free>   one record, freed with its free function
 //   Text             a malloc'd string
 //   AttrSetPtr, KelPtr   a property set, a switch record
+//   StoreHandle      an open store handle (db_open), closed with kel_db_close
 //   RecordList<T>    a list of kel_t, kel_vport_t, kel_ipnet_t, kel_prop_t,
 //                    kel_ctrlprop_t, kel_togprop_t, kel_store_problem_t or kel_drift_t
 //                    records, read by a lister or built with append and handed out
@@ -18,6 +19,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 #include <kel/libkel.h>
@@ -39,6 +41,19 @@ using Text = Owned<char, std::free>;
 // A property set, and a switch record with its members.
 using AttrSetPtr = Owned<attrset_t, attrset_free>;
 using KelPtr = Owned<kel_t, kel_free_kel>;
+// An open store handle.
+using StoreHandle = Owned<std::remove_pointer_t<kel_dbhandle_t>, kel_db_close>;
+
+// Opens the store (KEL_DB_READONLY or KEL_DB_READWRITE) into *out, owned, closing what
+// *out held before; kel_db_open's code.
+inline int db_open(StoreHandle *out, int mode)
+{
+	out->reset();
+	kel_dbhandle_t raw = nullptr;
+	const int rc = kel_db_open(&raw, mode);
+	out->reset(raw);
+	return rc;
+}
 
 // The text of a property set ("a=1,b=2") into *out, owned.
 inline int props_text(attrset_t *set, Text *out)

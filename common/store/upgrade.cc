@@ -165,10 +165,11 @@ int ensure_lookups(kel_dbhandle_t h)
 
 int upgrade()
 {
-	kel_dbhandle_t h = nullptr;
-	int rc = kel_db_open(&h, SQLITE_OPEN_READWRITE);
+	kel::StoreHandle store;
+	int rc = kel::db_open(&store, SQLITE_OPEN_READWRITE);
 	if (rc != KEL_SUCCESS)
 		return rc;
+	kel_dbhandle_t h = store.get();
 	{
 		kel::StoreLock lock(h);
 		int version = 0;
@@ -192,7 +193,6 @@ int upgrade()
 			rc = KEL_E_DB_VERSION;
 		}
 	}
-	kel_db_close(h);
 	return rc;
 }
 
