@@ -367,8 +367,9 @@ int Checker::check_ipnets()
 
 int Checker::run(bool repair)
 {
-	kel::StoreLock lock(h_);
-	int rc = lock.status();
+	// Read under the lock; the repairs, when asked for, are written in one transaction.
+	kel::WriteScope write(h_);
+	int rc = write.locked();
 	if (rc != KEL_SUCCESS)
 		return rc;
 	std::string version = "<none>";
@@ -392,8 +393,7 @@ int Checker::run(bool repair)
 	check_ports();
 	if ((rc = check_ipnets()) != KEL_SUCCESS || !repair || fixes_.empty())
 		return rc;
-	kel::Transaction tx(db_);
-	if ((rc = tx.begin()) != KEL_SUCCESS)
+	if ((rc = write.begin()) != KEL_SUCCESS)
 		return rc;
 	for (const auto &[sql, values] : fixes_) {
 		kel::Statement st;
@@ -407,7 +407,7 @@ int Checker::run(bool repair)
 		if (rc != KEL_SUCCESS)
 			return rc;
 	}
-	return tx.commit();
+	return write.commit();
 }
 
 void free_problem(kel_store_problem_t *p)
