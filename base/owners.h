@@ -4,16 +4,22 @@
 //   Owned<T, Free>   one record, freed with its free function
 //   Text             a malloc'd string
 //   AttrSetPtr, KelPtr   a property set, a switch record
+//   StoreHandle      an open store handle (db_open), closed with kel_db_close
 //   RecordList<T>    a list of kel_t, kel_vport_t, kel_ipnet_t, kel_prop_t,
-//                    kel_ctrlprop_t, kel_togprop_t or kel_store_problem_t records,
-//                    read by a lister
+//                    kel_ctrlprop_t, kel_togprop_t, kel_store_problem_t or kel_drift_t
+//                    records, read by a lister or built with append and handed out
+//   OwnedArray<T, FreeArray>   an array of records and its length, as the controller's
+//                    records come (kelcntl_VPortInfo **, int)
 //   each<T>          range-for over a list owned elsewhere
-// It is built on the public C API alone, so keladm uses it too.
 //   Hold<GiveBack>   a value drawn from a range or pool, given back unless kept
+// It is built on the public C API alone, so keladm and keld use it too. A file
+// descriptor's owner is UniqueFd, in unique_fd.h.
 #pragma once
 
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 #include <kel/libkel.h>
@@ -35,6 +41,19 @@ using Text = Owned<char, std::free>;
 // A property set, and a switch record with its members.
 using AttrSetPtr = Owned<attrset_t, attrset_free>;
 using KelPtr = Owned<kel_t, kel_free_kel>;
+// An open store handle.
+using StoreHandle = Owned<std::remove_pointer_t<kel_dbhandle_t>, kel_db_close>;
+
+// Opens the store (KEL_DB_READONLY or KEL_DB_READWRITE) into *out, owned, closing what
+// *out held before; kel_db_open's code.
+inline int db_open(StoreHandle *out, int mode)
+{
+	out->reset();
+	kel_dbhandle_t raw = nullptr;
+	const int rc = kel_db_open(&raw, mode);
+	out->reset(raw);
+	return rc;
+}
 
 // The text of a property set ("a=1,b=2") into *out, owned.
 inline int props_text(attrset_t *set, Text *out)
@@ -45,25 +64,25 @@ inline int props_text(attrset_t *set, Text *out)
 	return rc;
 }
 
-// Which function frees a list of each kind of record.
+// Where each kind of record keeps its list node, and which function frees a list of it,
+// records and all.
 template <class T>
-struct ListFree;
-template <>
-struct ListFree<kel_t> { static void free(list_t *l) { kel_free_kellist(l); } };
-template <>
-struct ListFree<kel_vport_t> { static void free(list_t *l) { kel_free_vportlist(l); } };
-template <>
-struct ListFree<kel_ipnet_t> { static void free(list_t *l) { kel_free_ipnetlist(l); } };
-template <>
-struct ListFree<kel_prop_t> { static void free(list_t *l) { kel_free_proplist(l); } };
-template <>
-struct ListFree<kel_ctrlprop_t> { static void free(list_t *l) { kel_free_ctrlproplist(l); } };
-template <>
-struct ListFree<kel_togprop_t> { static void free(list_t *l) { kel_free_togproplist(l); } };
-template <>
-struct ListFree<kel_store_problem_t> { static void free(list_t *l) { kel_free_problemlist(l); } };
-template <>
-struct ListFree<kel_drift_t> { static void free(list_t *l) { kel_free_driftlist(l); } };
+struct ListOf;
+#define KEL_LIST_OF(T, node_member, free_list)                                   \
+	template <>                                                               \
+	struct ListOf<T> {                                                        \
+		static constexpr size_t node = offsetof(T, node_member);          \
+		static void free(list_t *l) { free_list(l); }                     \
+	};
+KEL_LIST_OF(kel_t, kel_node, kel_free_kellist)
+KEL_LIST_OF(kel_vport_t, evp_node, kel_free_vportlist)
+KEL_LIST_OF(kel_ipnet_t, ei_node, kel_free_ipnetlist)
+KEL_LIST_OF(kel_prop_t, ep_node, kel_free_proplist)
+KEL_LIST_OF(kel_ctrlprop_t, ecp_node, kel_free_ctrlproplist)
+KEL_LIST_OF(kel_togprop_t, esp_node, kel_free_togproplist)
+KEL_LIST_OF(kel_store_problem_t, esp_node, kel_free_problemlist)
+KEL_LIST_OF(kel_drift_t, edr_node, kel_free_driftlist)
+#undef KEL_LIST_OF
 
 // Walks the records of a list_t.
 template <class T>
@@ -96,12 +115,15 @@ private:
 	list_t *l_;
 };
 
-// A list of records that a lister fills. It owns the list only once the lister has
-// succeeded (a failed lister leaves nothing to free), and frees it, records and all,
-// on scope exit:
+// A list of records, freed records and all on scope exit. A lister fills it, and it owns
+// the list only once the lister has succeeded (a failed lister leaves nothing to free):
 //   kel::RecordList<kel_vport_t> ports;
 //   int rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, f, l, 0); });
 //   for (kel_vport_t *vp : ports) ...
+// Or a lister of the library's builds it and hands it to its caller only once it is whole:
+//   kel::RecordList<kel_drift_t> built;
+//   kel_drift_t *rec = built.append();   // nullptr: KEL_E_NOMEM, the rest freed
+//   ... built.release(out);
 template <class T>
 class RecordList {
 public:
@@ -109,7 +131,7 @@ public:
 	~RecordList()
 	{
 		if (owned_)
-			ListFree<T>::free(&list_);
+			ListOf<T>::free(&list_);
 	}
 	RecordList(const RecordList &) = delete;
 	RecordList &operator=(const RecordList &) = delete;
@@ -120,7 +142,7 @@ public:
 	int read(Lister &&lister)
 	{
 		if (owned_)
-			ListFree<T>::free(&list_);
+			ListOf<T>::free(&list_);
 		owned_ = false;
 		const int rc = lister(&list_);
 		owned_ = rc == KEL_SUCCESS;
@@ -139,10 +161,36 @@ public:
 		return record;
 	}
 	list_t *get() { return &list_; }
-	// For a list the caller creates itself (kel_create_kellist(list.own())): owned from
-	// then on.
-	list_t *own()
+	// A new zeroed record at the tail, owned with the list (its free function frees
+	// whatever of it has been filled); nullptr when memory runs out.
+	T *append()
 	{
+		if (!owned_)
+			start();
+		auto *record = static_cast<T *>(std::calloc(1, sizeof(T)));
+		if (record != nullptr)
+			list_insert_tail(&list_, record);
+		return record;
+	}
+	// Hands the records over to the caller's list `out` (created here, empty when there are
+	// none), freed by the caller from then on.
+	void release(list_t *out)
+	{
+		list_create(out, sizeof(T), ListOf<T>::node);
+		if (!owned_)
+			return;
+		while (void *record = list_remove_head(&list_))
+			list_insert_tail(out, record);
+		list_destroy(&list_);
+		owned_ = false;
+	}
+	// A new empty list for the caller to fill (a row reader, say), owned from then on;
+	// a list held before is freed first.
+	list_t *start()
+	{
+		if (owned_)
+			ListOf<T>::free(&list_);
+		list_create(&list_, sizeof(T), ListOf<T>::node);
 		owned_ = true;
 		return &list_;
 	}
@@ -150,6 +198,53 @@ public:
 private:
 	list_t list_{};
 	bool owned_ = false;
+};
+
+// An array of records handed out with its length, as the controller's records come
+// (kelcntl_VPortInfo **, int), freed records and all with FreeArray(array, count) on
+// scope exit:
+//   kel::OwnedArray<kelcntl_VPortInfo, kelcntl_VPortInfo_array_free> ports;
+//   int rc = ports.read([&](kelcntl_VPortInfo ***a, int *n) { return kel_get_host_vnicinfo(a, n); });
+// Whatever the call handed out is owned, whatever it answered.
+template <class T, auto FreeArray>
+class OwnedArray {
+public:
+	OwnedArray() = default;
+	// An array being built: `count` slots, each freed when filled.
+	OwnedArray(T **array, int count) : array_(array), count_(count) {}
+	~OwnedArray() { reset(); }
+	OwnedArray(const OwnedArray &) = delete;
+	OwnedArray &operator=(const OwnedArray &) = delete;
+
+	template <class Fetch>
+	int read(Fetch &&fetch)
+	{
+		reset();
+		return fetch(&array_, &count_);
+	}
+
+	T **get() const { return array_; }
+	int size() const { return count_; }
+	T **begin() const { return array_; }
+	T **end() const { return array_ + count_; }
+	// The array, its length into *count: the caller frees it from then on.
+	T **release(int *count)
+	{
+		*count = std::exchange(count_, 0);
+		return std::exchange(array_, nullptr);
+	}
+
+private:
+	void reset()
+	{
+		if (array_ != nullptr)
+			FreeArray(array_, count_);
+		array_ = nullptr;
+		count_ = 0;
+	}
+
+	T **array_ = nullptr;
+	int count_ = 0;
 };
 
 // A value drawn from an ID range or an address pool: given back on scope exit, by

@@ -12,8 +12,8 @@ int set_controlprop(const Subcommand &cmd, const Options &opts)
 {
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "set-controlprop takes one name=value[,attribute=value...]");
-	Store store;
-	if (store.open(true) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	const std::string what = std::string("'") + opts.operands[0] + "'" +
 	    (opts.host ? std::string(" for ") + opts.host : "");
@@ -39,8 +39,8 @@ int show_controlprop(const Subcommand &cmd, const Options &opts)
 	Output out;
 	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
-	Store store;
-	if (store.open(false) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, false) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_ctrlprop_t> rows;
 	int rc = rows.read([&](list_t *l) {

@@ -61,9 +61,9 @@ void ask_hosts(std::span<HostRow> rows, bool check = true)
 		std::vector<std::thread> askers;
 		for (size_t i = first; i < std::min(rows.size(), first + kAskedAtOnce); i++)
 			askers.emplace_back([&row = rows[i], check] {
-				Store store;
+				kel::StoreHandle store;
 				nuq_conn_t *conn = nullptr;
-				int rc = store.open(false, false);
+				int rc = open_store(&store, false, false);
 				if (rc == KEL_SUCCESS)
 					rc = kel_nuq_connection_to_kelnode(store.get(), row.host.c_str(), &conn);
 				ask(rc, conn, &row, check);
@@ -157,8 +157,8 @@ int show_host(const Subcommand &cmd, const Options &opts)
 		self.host = self.rc == KEL_SUCCESS ? self.info.ehi_host : "localhost";
 		rows.push_back(self);
 		if (kel_db_exists()) {
-			Store store;
-			if (store.open(false) != KEL_SUCCESS)
+			kel::StoreHandle store;
+			if (open_store(&store, false) != KEL_SUCCESS)
 				return kExitFailed;
 			std::set<std::string> hosts;
 			if (int rc = known_hosts(store.get(), &hosts); rc != KEL_SUCCESS)

@@ -36,8 +36,8 @@ int add_ipnet(const Subcommand &cmd, const Options &opts)
 	const std::string &kel = m.kel, &name = m.name;
 	if (opts.props.empty())
 		return usage_error(cmd, "add-ipnet needs -p subnet=ADDRESS/PREFIX");
-	Store store;
-	if (store.open(true) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	kel_ipnet_t *made = nullptr;
 	int rc = kel_db_add_ipnet(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(),
@@ -73,8 +73,8 @@ int remove_ipnet(const Subcommand &cmd, const Options &opts)
 	if (!one_member(cmd, opts, kel_parse_kelipnetname, "IPNET", &m))
 		return kExitUsage;
 	const std::string &kel = m.kel, &name = m.name;
-	Store store;
-	if (store.open(true) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	int rc = kel_db_remove_ipnet(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(), 0);
 	if (opts.if_exists && (rc == KEL_E_IPNET_NOTFOUND || rc == KEL_E_KEL_NOTFOUND))
@@ -92,8 +92,8 @@ int show_ipnet(const Subcommand &cmd, const Options &opts)
 	char kel[KEL_NAME_LEN], name[KEL_NAME_LEN];
 	if (!member_selection(cmd, opts, kel_parse_kelipnetname, "IPNET", kel, name))
 		return kExitUsage;
-	Store store;
-	if (store.open(false) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, false) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_ipnet_t> nets;
 	const std::string tenant = listed_tenant(opts);

@@ -85,8 +85,8 @@ int create_kel(const Subcommand &cmd, const Options &opts)
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "create-kel takes at most one name");
 	const char *name = opts.operands.empty() ? nullptr : opts.operands[0];
-	Store store;
-	if (store.open(true) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	kel_t *made = nullptr;
 	// Operators name switches "web-1": the CLI always allows '-' in names.
@@ -122,8 +122,8 @@ int delete_kel(const Subcommand &cmd, const Options &opts)
 {
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "delete-kel takes one name");
-	Store store;
-	if (store.open(true) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	int rc = kel_db_delete_kel(store.get(), opts.tenant.c_str(), opts.operands[0], 0);
 	if (rc == KEL_E_KEL_NOTFOUND && opts.if_exists)
@@ -143,8 +143,8 @@ int sync_flood(const Subcommand &cmd, const Options &opts)
 {
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "sync-flood takes one kel name");
-	Store store;
-	if (store.open(false) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, false) != KEL_SUCCESS)
 		return kExitFailed;
 	const int rc = kel_sync_vxlan_flood(store.get(), opts.tenant.c_str(), opts.operands[0]);
 	if (rc == KEL_E_HOST_CONNECT) {
@@ -167,8 +167,8 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 	for (const char *name : opts.operands)
 		if (!kel_valid_name(name))
 			return usage_error(cmd, std::string("'") + name + "' is not a kel name");
-	Store store;
-	if (store.open(false) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, false) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_t> kels;
 	const std::string filter = kel_filter(opts);

@@ -9,6 +9,7 @@
 
 #include <kel/libkel.h>
 #include "output.h"
+#include "owners.h"
 
 namespace keladm {
 
@@ -127,18 +128,9 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 // keladm help's text for one subcommand.
 void print_help(FILE *out, const Subcommand &cmd);
 
-// An open store handle, closed on scope exit.
-class Store {
-public:
-	~Store() { kel_db_close(handle_); }
-	// Opens the store for writing (`write`) or for reading only; on failure reports it
-	// (unless not to `report`) and returns its code.
-	int open(bool write, bool report = true);
-	kel_dbhandle_t get() const { return handle_; }
-
-private:
-	kel_dbhandle_t handle_ = nullptr;
-};
+// Opens the store into *store for writing (`write`) or for reading only; on failure
+// reports it in an operator's words (unless not to `report`) and returns its code.
+int open_store(kel::StoreHandle *store, bool write, bool report = true);
 
 int create_store(const Subcommand &cmd, const Options &opts);
 int create_kel(const Subcommand &cmd, const Options &opts);

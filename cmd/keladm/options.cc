@@ -215,9 +215,9 @@ void print_help(FILE *out, const Subcommand &cmd)
 	}
 }
 
-int Store::open(bool write, bool report)
+int open_store(kel::StoreHandle *store, bool write, bool report)
 {
-	int rc = kel_db_open(&handle_, write ? KEL_DB_READWRITE : KEL_DB_READONLY);
+	int rc = kel::db_open(store, write ? KEL_DB_READWRITE : KEL_DB_READONLY);
 	if (rc == KEL_SUCCESS || !report)
 		return rc;
 	// Say where, and the two causes an operator meets most in words of their own.

@@ -35,8 +35,8 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	} else if (!one_member(cmd, opts, kind.parse, kind.member, &m)) {
 		return kExitUsage;
 	}
-	Store store;
-	if (store.open(true) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	const char *tenant = opts.tenant.c_str(), *prop = opts.props.c_str();
 	const int rc = kind.type == KEL_PROPTYPE_KEL
@@ -120,8 +120,8 @@ int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	const std::string what = std::string("cannot list ") + kind.noun + " properties";
 	if (rc != KEL_SUCCESS)
 		return fail(what, rc);
-	Store store;
-	if (store.open(false) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, false) != KEL_SUCCESS)
 		return kExitFailed;
 	std::vector<Object> objects;
 	if ((rc = objects_of(store.get(), filter, kind, &objects)) != KEL_SUCCESS) {

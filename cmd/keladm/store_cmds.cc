@@ -46,8 +46,8 @@ int check_store(const Subcommand &cmd, const Options &opts)
 	const bool repair = opts.repair;
 	if (!opts.operands.empty())
 		return usage_error(cmd, "check-store takes no operands");
-	Store store;
-	if (store.open(repair) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, repair) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_store_problem_t> problems;
 	const int rc = problems.read([&](list_t *l) { return kel_db_check_store(store.get(), repair ? KEL_CHECK_REPAIR : 0, l); });

@@ -126,8 +126,8 @@ int show_usage(const Subcommand &cmd, const Options &opts)
 		return kExitUsage;
 	if (!opts.operands.empty())
 		return usage_error(cmd, "show-usage takes no operands");
-	Store store;
-	if (store.open(false) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, false) != KEL_SUCCESS)
 		return kExitFailed;
 	std::vector<UsageRow> rows;
 	if (int rc = id_rows(store.get(), &rows); rc != KEL_SUCCESS)

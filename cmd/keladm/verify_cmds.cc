@@ -30,10 +30,10 @@ int verify(const Subcommand &cmd, const Options &opts)
 	        kel.c_str(), "vport", vport.c_str(), "host", opts.host != nullptr ? opts.host : "");
 	    rc != KEL_SUCCESS)
 		return fail("cannot verify", rc);
-	Store store;
+	kel::StoreHandle store;
 	// Without --repair nothing changes; with it, a port bound to a VNIC its host does not
 	// have is released.
-	if (store.open(opts.repair) != KEL_SUCCESS)
+	if (open_store(&store, opts.repair) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_drift_t> drifts;
 	const int rc = drifts.read([&](list_t *l) {

@@ -60,18 +60,10 @@ std::string link_name(wexo_handle_t h, datalink_id_t id)
 std::string vnic_mtu(const std::string &vnic);
 
 void kel_vnic_free_call(kel_vnic_t *v) { node().kel_vnic_free(v); }
+void vport_array_free_call(kelcntl_VPortInfo **array, int count) { node().kelcntl_VPortInfo_array_free(array, count); }
 
-// The ports bound to VNIC `vnic` of this host, freed on scope exit.
-class VnicPorts {
-public:
-	~VnicPorts() { node().kelcntl_VPortInfo_array_free(array_, count_); }
-	int fetch(const std::string &vnic) { return node().kel_get_vnicinfo(vnic.c_str(), &array_, &count_); }
-	const kelcntl_VPortInfo *first() const { return count_ > 0 ? array_[0] : nullptr; }
-
-private:
-	kelcntl_VPortInfo **array_ = nullptr;
-	int count_ = 0;
-};
+// Ports the controller answered with, freed on scope exit.
+using Ports = kel::OwnedArray<kelcntl_VPortInfo, vport_array_free_call>;
 
 // A datalink handle, closed on scope exit.
 class Handle {
@@ -82,19 +74,6 @@ public:
 
 private:
 	wexo_handle_t h_ = nullptr;
-};
-
-// The ports bound to this host's VNICs, freed on scope exit.
-class HostPorts {
-public:
-	~HostPorts() { node().kelcntl_VPortInfo_array_free(array_, count_); }
-	int fetch() { return node().kel_get_host_vnicinfo(&array_, &count_); }
-	kelcntl_VPortInfo **begin() const { return array_; }
-	kelcntl_VPortInfo **end() const { return array_ + count_; }
-
-private:
-	kelcntl_VPortInfo **array_ = nullptr;
-	int count_ = 0;
 };
 
 std::string vnic_mtu(const std::string &vnic)
@@ -152,12 +131,14 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 	// port of this kel (the one named), for the one asked for.
 	if (opts.may_exist) {
 		Handle host, guest;
-		VnicPorts bound;
+		Ports bound;
 		const std::string link = vnic.substr(vnic.find('/') + 1);
 		const kelcntl_VPortInfo *vp = host.open("") == WEXO_STATUS_OK && guest.open(netns_of(vnic)) == WEXO_STATUS_OK &&
 		        node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK &&
-		        bound.fetch(vnic) == KEL_SUCCESS
-		    ? bound.first() : nullptr;
+		        bound.read([&](kelcntl_VPortInfo ***a, int *n) { return node().kel_get_vnicinfo(vnic.c_str(), a, n); }) ==
+		            KEL_SUCCESS &&
+		        bound.size() > 0
+		    ? bound.get()[0] : nullptr;
 		if (vp != nullptr && opts.tenant == vp->evpi_tenantname && std::strcmp(vp->evpi_kelname, kel) == 0 &&
 		    (vport[0] == '\0' || std::strcmp(vp->evpi_name, vport) == 0)) {
 			if (opts.echo) {
@@ -233,8 +214,9 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 		return kExitUsage;
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "give at most one VNIC");
-	HostPorts ports;
-	if (int rc = ports.fetch(); rc != KEL_SUCCESS)
+	Ports ports;
+	if (int rc = ports.read([](kelcntl_VPortInfo ***a, int *n) { return node().kel_get_host_vnicinfo(a, n); });
+	    rc != KEL_SUCCESS)
 		return fail("cannot ask the controller for this host's VNICs", rc);
 	Handle host;
 	const wexo_status_t opened = host.open("");

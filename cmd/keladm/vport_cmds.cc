@@ -36,8 +36,8 @@ int change(const Subcommand &cmd, const Options &opts, bool reset)
 	if (!one_member(cmd, opts, kel_parse_kelvportname, "VPORT", &m))
 		return kExitUsage;
 	const std::string &kel = m.kel, &vport = m.name, object = kel + "/" + vport;
-	Store store;
-	if (store.open(true) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_vport_t> before;
 	const kel_vport_t *was = read_vport(store.get(), opts, kel, vport, &before) == KEL_SUCCESS &&
@@ -145,8 +145,8 @@ int add_vport(const Subcommand &cmd, const Options &opts)
 	if (!one_member(cmd, opts, kel_parse_kelvportname, "VPORT", &m))
 		return kExitUsage;
 	const std::string &kel = m.kel, &name = m.name;
-	Store store;
-	if (store.open(true) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	kel_vport_t *made = nullptr;
 	const int rc = kel_db_add_vport(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(),
@@ -197,8 +197,8 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 	    kel, "vport", name);
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list vports", rc);
-	Store store;
-	if (store.open(false) != KEL_SUCCESS)
+	kel::StoreHandle store;
+	if (open_store(&store, false) != KEL_SUCCESS)
 		return kExitFailed;
 	if (out.shows("ipackets") || out.shows("rbytes") || out.shows("opackets") || out.shows("obytes")) {
 		rc = show_counted_vports(store.get(), filter, &out);

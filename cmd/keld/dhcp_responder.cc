@@ -21,6 +21,7 @@
 #include "dhcp6.h"
 #include "fabric_links.h"
 #include "log.h"
+#include "unique_fd.h"
 
 namespace keld {
 namespace {
@@ -89,7 +90,7 @@ constexpr auto kAdvertInterval = std::chrono::seconds(600);
 struct Endpoint {
 	std::string kel;
 	int ifindex = 0;
-	int fd = -1;
+	kel::UniqueFd fd;
 	Mac mac{};
 	int family = AF_INET;	// of the kel's ipnet
 	struct in_addr addr {};
@@ -102,12 +103,6 @@ struct Endpoint {
 		std::optional<Clock::time_point> advertised;
 	};
 	std::map<Mac, Guest> guests;	// of the guests bound here: bounded by the records
-
-	~Endpoint()
-	{
-		if (fd != -1)
-			close(fd);
-	}
 };
 
 // A packet socket on `ifindex` that reads only what kFilter lets through and writes
@@ -115,8 +110,8 @@ struct Endpoint {
 // responder's answers are no guest's).
 int open_socket(int ifindex, bool ipv6)
 {
-	const int fd = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-	if (fd == -1)
+	kel::UniqueFd fd(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+	if (!fd.valid())
 		return -1;
 	struct sock_fprog prog = {static_cast<unsigned short>(sizeof(kFilter) / sizeof(kFilter[0])),
 	    const_cast<struct sock_filter *>(kFilter)};
@@ -126,24 +121,20 @@ int open_socket(int ifindex, bool ipv6)
 	at.sll_protocol = htons(ETH_P_ALL);
 	at.sll_ifindex = ifindex;
 	// Filtered before bound, so that nothing of another link is ever queued.
-	if (setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof(prog)) != 0 ||
-	    setsockopt(fd, SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof(one)) != 0 ||
-	    bind(fd, reinterpret_cast<struct sockaddr *>(&at), sizeof(at)) != 0) {
-		close(fd);
+	if (setsockopt(fd.get(), SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof(prog)) != 0 ||
+	    setsockopt(fd.get(), SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof(one)) != 0 ||
+	    bind(fd.get(), reinterpret_cast<struct sockaddr *>(&at), sizeof(at)) != 0)
 		return -1;
-	}
 	for (const Mac &group : kIpv6Groups) {
 		struct packet_mreq mr {};
 		mr.mr_ifindex = ifindex;
 		mr.mr_type = PACKET_MR_MULTICAST;
 		mr.mr_alen = 6;
 		std::memcpy(mr.mr_address, group.data(), 6);
-		if (ipv6 && setsockopt(fd, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &mr, sizeof(mr)) != 0) {
-			close(fd);
+		if (ipv6 && setsockopt(fd.get(), SOL_PACKET, PACKET_ADD_MEMBERSHIP, &mr, sizeof(mr)) != 0)
 			return -1;
-		}
 	}
-	return fd;
+	return fd.release();
 }
 
 uint16_t link_mtu(int fd, const std::string &name)
@@ -193,9 +184,12 @@ public:
 			e->prefix = v.lease->addr6;
 			e->plen = v.lease->plen;
 			e->ifindex = static_cast<int>(if_nametoindex(name.c_str()));
-			if (e->ifindex == 0 || (e->fd = open_socket(e->ifindex, e->family == AF_INET6)) == -1)
-				continue;	// not made yet, or made by a process still at work: next time
-			e->mtu = link_mtu(e->fd, name);
+			if (e->ifindex == 0)
+				continue;	// not made yet: next time
+			e->fd.reset(open_socket(e->ifindex, e->family == AF_INET6));
+			if (!e->fd.valid())
+				continue;	// made by a process still at work: next time
+			e->mtu = link_mtu(e->fd.get(), name);
 			endpoints_.emplace(name, std::move(e));
 		}
 		advertise();
@@ -205,7 +199,7 @@ public:
 	{
 		std::vector<struct pollfd> out;
 		for (const auto &[name, e] : endpoints_)
-			out.push_back({e->fd, POLLIN, 0});
+			out.push_back({e->fd.get(), POLLIN, 0});
 		return out;
 	}
 
@@ -214,7 +208,7 @@ public:
 	{
 		Endpoint *e = nullptr;
 		for (auto &[name, ep] : endpoints_)
-			if (ep->fd == fd)
+			if (ep->fd.get() == fd)
 				e = ep.get();
 		if (e == nullptr)
 			return;
@@ -253,7 +247,7 @@ private:
 
 	void send(const Endpoint &e, const std::vector<uint8_t> &frame)
 	{
-		(void)::send(e.fd, frame.data(), frame.size(), MSG_DONTWAIT);
+		(void)::send(e.fd.get(), frame.data(), frame.size(), MSG_DONTWAIT);
 	}
 
 	// Each IPv6 guest bound here hears the advertisement when it comes and now and then

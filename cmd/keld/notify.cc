@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "unique_fd.h"
+
 namespace keld {
 
 bool notify(const char *state)
@@ -24,14 +26,12 @@ bool notify(const char *state)
 	std::memcpy(addr.sun_path, where, len);
 	if (where[0] == '@')
 		addr.sun_path[0] = '\0';
-	const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-	if (fd == -1)
+	const kel::UniqueFd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+	if (!fd.valid())
 		return false;
 	const socklen_t addrlen = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + len);
-	const bool sent = sendto(fd, state, std::strlen(state), MSG_NOSIGNAL,
-	                      reinterpret_cast<struct sockaddr *>(&addr), addrlen) >= 0;
-	close(fd);
-	return sent;
+	return sendto(fd.get(), state, std::strlen(state), MSG_NOSIGNAL, reinterpret_cast<struct sockaddr *>(&addr),
+	           addrlen) >= 0;
 }
 
 }  // namespace keld

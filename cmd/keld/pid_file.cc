@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 namespace keld {
 namespace {
@@ -33,37 +34,32 @@ int PidFile::acquire(const std::string &path, pid_t *holder)
 {
 	*holder = 0;
 	for (;;) {
-		const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-		if (fd == -1)
+		kel::UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644));
+		if (!fd.valid())
 			return errno;
-		if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+		if (flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
 			const int err = errno;
-			*holder = read_pid(fd);
-			close(fd);
+			*holder = read_pid(fd.get());
 			return err;
 		}
-		if (still_there(fd, path)) {
+		if (still_there(fd.get(), path)) {
 			const std::string text = std::to_string(getpid()) + "\n";
-			if (fchmod(fd, 0644) != 0 || ftruncate(fd, 0) != 0 ||
-			    pwrite(fd, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
-				const int err = errno;
-				close(fd);
-				return err;
-			}
-			fd_ = fd;
+			if (fchmod(fd.get(), 0644) != 0 || ftruncate(fd.get(), 0) != 0 ||
+			    pwrite(fd.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
+				return errno;
+			fd_ = std::move(fd);
 			path_ = path;
 			return 0;
 		}
-		close(fd);	// lost to a keld that was stopping: try the new file
+		// Lost to a keld that was stopping: fd closes, and the new file is tried.
 	}
 }
 
 PidFile::~PidFile()
 {
-	if (fd_ == -1)
-		return;
-	(void)unlink(path_.c_str());
-	close(fd_);
+	// The lock goes after the file, with fd_.
+	if (fd_.valid())
+		(void)unlink(path_.c_str());
 }
 
 }  // namespace keld

@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "unique_fd.h"
+
 namespace keld {
 
 class PidFile {
@@ -22,7 +24,7 @@ public:
 	int acquire(const std::string &path, pid_t *holder);
 
 private:
-	int fd_ = -1;
+	kel::UniqueFd fd_;
 	std::string path_;
 };
 

@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "paths.h"
@@ -15,7 +16,7 @@ namespace {
 constexpr size_t kKeptPerMode = 8;
 
 struct Kept {
-	kel_dbhandle_t h;
+	kel::StoreHandle h;
 	unsigned long dev, ino;
 };
 
@@ -51,35 +52,30 @@ PooledStore::PooledStore(int mode) : mode_(mode), rc_(KEL_SUCCESS)
 		std::lock_guard<std::mutex> hold(pool().mutex);
 		std::vector<Kept> &kept = pool().of(mode);
 		while (!kept.empty() && h_ == nullptr) {
-			const Kept k = kept.back();
+			Kept k = std::move(kept.back());
 			kept.pop_back();
 			if (k.dev == dev_ && k.ino == ino_ && dev_ != 0)
-				h_ = k.h;
+				h_ = std::move(k.h);
 			else
-				stale.push_back(k);
+				stale.push_back(std::move(k));
 		}
 	}
-	for (const Kept &k : stale)
-		kel_db_close(k.h);
+	stale.clear();	// closed outside the pool's lock, before a new one opens
 	// Identity is taken before the open: a file replaced in between is seen as replaced
 	// at the next call, and only costs a reopen then.
-	if (h_ == nullptr && (rc_ = kel_db_open(&h_, mode)) != KEL_SUCCESS)
-		h_ = nullptr;
+	if (h_ == nullptr)
+		rc_ = kel::db_open(&h_, mode);
 }
 
 PooledStore::~PooledStore()
 {
 	if (h_ == nullptr)
 		return;
-	{
-		std::lock_guard<std::mutex> hold(pool().mutex);
-		std::vector<Kept> &kept = pool().of(mode_);
-		if (kept.size() < kKeptPerMode) {
-			kept.push_back({h_, dev_, ino_});
-			return;
-		}
-	}
-	kel_db_close(h_);
+	std::lock_guard<std::mutex> hold(pool().mutex);
+	std::vector<Kept> &kept = pool().of(mode_);
+	if (kept.size() < kKeptPerMode)
+		kept.push_back({std::move(h_), dev_, ino_});
+	// else h_ closes it, after the pool's lock is let go
 }
 
 }  // namespace kelcntl

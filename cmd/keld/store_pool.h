@@ -6,6 +6,7 @@
 #pragma once
 
 #include <kel/libkel.h>
+#include "owners.h"
 
 namespace kelcntl {
 
@@ -19,11 +20,11 @@ public:
 
 	// KEL_SUCCESS, or kel_db_open's code when no handle could be had.
 	int status() const { return rc_; }
-	kel_dbhandle_t get() const { return h_; }
+	kel_dbhandle_t get() const { return h_.get(); }
 
 private:
 	int mode_;
-	kel_dbhandle_t h_ = nullptr;
+	kel::StoreHandle h_;
 	unsigned long dev_ = 0, ino_ = 0;	// the store file this handle opened
 	int rc_;
 };

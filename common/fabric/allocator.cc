@@ -19,6 +19,7 @@
 #include "attrset_ptr.h"
 #include "names.h"
 #include "owners.h"
+#include "unique_fd.h"
 
 const uint8_t vport_def_prefix[3] = {0x02, 0x08, 0x20};
 
@@ -210,19 +211,18 @@ int kel_macaddr_random(uint8_t *mac, size_t len)
 {
 	if (len < sizeof(vport_def_prefix))
 		return -1;
-	const int fd = open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-	if (fd == -1)
+	const kel::UniqueFd random(open("/dev/urandom", O_RDONLY | O_CLOEXEC));
+	if (!random.valid())
 		return -1;
 	std::memcpy(mac, vport_def_prefix, sizeof(vport_def_prefix));
 	size_t got = sizeof(vport_def_prefix);
 	while (got < len) {
-		const ssize_t n = read(fd, mac + got, len - got);
+		const ssize_t n = read(random.get(), mac + got, len - got);
 		if (n > 0)
 			got += static_cast<size_t>(n);
 		else if (n == 0 || errno != EINTR)
 			break;
 	}
-	close(fd);
 	return got == len ? 0 : -1;
 }
 

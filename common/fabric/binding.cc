@@ -140,11 +140,8 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 	int rc = kel::read_props(props, &set, {.malformed = KEL_E_INVALID_ARGS});
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel::StoreLock lock(h);
-	if ((rc = lock.status()) != KEL_SUCCESS)
-		return rc;
-	kel::Transaction tx(h->edh_db);
-	if ((rc = tx.begin()) != KEL_SUCCESS)
+	kel::WriteScope write(h);
+	if ((rc = write.begin()) != KEL_SUCCESS)
 		return rc;
 	KelPtr k;
 	kel_t *raw = nullptr;
@@ -181,7 +178,7 @@ int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char
 	if (rc == KEL_SUCCESS)
 		rc = kel_fill_node_view(h, k.get(), host);
 	if (rc == KEL_SUCCESS)
-		rc = tx.commit();
+		rc = write.commit();
 	if (rc != KEL_SUCCESS)
 		return rc;
 	*kelp = k.release();
@@ -206,8 +203,8 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "host", host, "vnic", vnic);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel::StoreLock lock(h);
-	if ((rc = lock.status()) != KEL_SUCCESS)
+	kel::WriteScope write(h);
+	if ((rc = write.locked()) != KEL_SUCCESS)
 		return rc;
 	kel::RecordList<kel_vport_t> ports;
 	const auto lister = [&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); };
@@ -219,8 +216,7 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 	}
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel::Transaction tx(h->edh_db);
-	if ((rc = tx.begin()) != KEL_SUCCESS)
+	if ((rc = write.begin()) != KEL_SUCCESS)
 		return rc;
 	kel_vport_t *vp = ports.front();
 	// The store these operations write never holds two ports of one VNIC and host, nor
@@ -238,7 +234,7 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 		         kel_is_system_vport(vp->evp_name))
 			rc = kel_db_remove_system_vport(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name);
 	}
-	return rc != KEL_SUCCESS ? rc : tx.commit();
+	return rc != KEL_SUCCESS ? rc : write.commit();
 }
 
 }  // namespace

@@ -99,20 +99,19 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	char uuidtext[KEL_UUID_TEXT_LEN];
 	kel_take_uuid(set.get(), uuidtext);
 
-	kel::StoreLock lock(h);
+	kel::WriteScope write(h);
 	char derived[KEL_UUID_TEXT_LEN];
 	kel_l2ntype_t type = KEL_L2NTYPE_UNKNOWN;
-	if ((rc = lock.status()) != KEL_SUCCESS || (rc = pick_name(h, tenant, uuidtext, &name, derived)) != KEL_SUCCESS ||
+	if ((rc = write.locked()) != KEL_SUCCESS || (rc = pick_name(h, tenant, uuidtext, &name, derived)) != KEL_SUCCESS ||
 	    (rc = settle_l2type(h, set.get(), &type)) != KEL_SUCCESS)
 		return rc;
 	// Step 4: draw and insert commit together; a crash at any instant keeps both or
 	// neither.
-	kel::Transaction tx(h->edh_db);
-	if ((rc = tx.begin()) != KEL_SUCCESS)
+	if ((rc = write.begin()) != KEL_SUCCESS)
 		return rc;
 	int drawn_id = 0;
 	bool drawn = false;
-	// After tx: gives the ID back inside the transaction, before its rollback.
+	// After the write scope: gives the ID back inside the transaction, before its rollback.
 	kel::Hold id([&] {
 		(void)(type == KEL_L2NTYPE_VLAN ? kel_db_free_vlanid(h, drawn_id) : kel_db_free_vni(h, drawn_id));
 	});
@@ -135,7 +134,7 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	kel::RecordList<kel_t> made;
 	if (rc == KEL_SUCCESS)
 		rc = made.read([&](list_t *l) { return kel_db_get_kellist(h, tenant, name, l, 0); });
-	if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS) {
+	if (rc == KEL_SUCCESS && (rc = write.commit()) == KEL_SUCCESS) {
 		*kelp = made.take(made.front());
 		id.keep();
 	}
@@ -171,8 +170,8 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	int rc = kel::names_filter(filter, tenant, name);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel::StoreLock lock(h);
-	if ((rc = lock.status()) != KEL_SUCCESS)
+	kel::WriteScope write(h);
+	if ((rc = write.locked()) != KEL_SUCCESS)
 		return rc;
 	// Whether a port is bound is all that is asked of its ports: the free ones go unread.
 	kel::RecordList<kel_t> kels;
@@ -184,9 +183,8 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 		rc = KEL_E_VPORT_INUSE;
 	char keluuid[KEL_UUID_TEXT_LEN];
 	uuid_unparse_lower(kel->kel_uuid, keluuid);
-	kel::Transaction tx(h->edh_db);
 	if (rc == KEL_SUCCESS)
-		rc = tx.begin();
+		rc = write.begin();
 	if (rc == KEL_SUCCESS)
 		rc = kel::exec(h->edh_db, "DELETE FROM vport_tbl WHERE vport_keluuid = ?", {keluuid});
 	if (rc == KEL_SUCCESS)
@@ -202,7 +200,7 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	if (rc == KEL_SUCCESS)
 		rc = give_back_id(h, kel->kel_props);
 	if (rc == KEL_SUCCESS)
-		rc = tx.commit();
+		rc = write.commit();
 	return rc;
 }
 

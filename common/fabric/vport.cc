@@ -165,15 +165,12 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	int rc = read_request(props, &req);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel::StoreLock lock(h);
-	if ((rc = lock.status()) != KEL_SUCCESS)
-		return rc;
 	// The address is drawn in the transaction that inserts the port: a crash at any
 	// instant keeps both or neither. The checks read in it too, so the store is opened
 	// for reading once, not once per check.
-	kel::Transaction tx(h->edh_db);
+	kel::WriteScope write(h);
 	char derived[KEL_UUID_TEXT_LEN];
-	if ((rc = tx.begin()) != KEL_SUCCESS || (rc = check_name(h, tenant, kel, req, &name, derived)) != KEL_SUCCESS)
+	if ((rc = write.begin()) != KEL_SUCCESS || (rc = check_name(h, tenant, kel, req, &name, derived)) != KEL_SUCCESS)
 		return rc;
 	// Step 3: the switch's network, whose pool the address comes from.
 	char filter[KEL_FILTER_LEN];
@@ -199,7 +196,7 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	if (rc == KEL_SUCCESS && vportp != nullptr &&
 	    (rc = kel::names_filter(filter, tenant, kel, "vport", name)) == KEL_SUCCESS)
 		rc = made.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
-	if (rc == KEL_SUCCESS && (rc = tx.commit()) == KEL_SUCCESS) {
+	if (rc == KEL_SUCCESS && (rc = write.commit()) == KEL_SUCCESS) {
 		address.keep();
 		if (vportp != nullptr)
 			*vportp = made.take(made.front());
@@ -231,8 +228,8 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 		return KEL_E_INVALID_NAME;
 	if (kel_is_system_vport(name) && !(flags & KEL_SYSTEM_VPORT_OK))
 		return KEL_E_PERM;
-	kel::StoreLock lock(h);
-	int rc = lock.status();
+	kel::WriteScope write(h);
+	int rc = write.locked();
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kel_t *raw = nullptr;
@@ -253,8 +250,7 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 		char filter[KEL_FILTER_LEN];
 		char vpuuid[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(vp->evp_uuid, vpuuid);
-		kel::Transaction tx(h->edh_db);
-		rc = tx.begin();
+		rc = write.begin();
 		if (rc == KEL_SUCCESS && !addr.empty() &&
 		    (rc = kel::names_filter(filter, tenant, kel)) == KEL_SUCCESS &&
 		    (rc = nets.read([&](list_t *l) { return kel_db_get_filtered_ipnetlist(h, filter, l, 0); })) ==
@@ -267,7 +263,7 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 		if (rc == KEL_SUCCESS)
 			rc = kel::exec(h->edh_db, "DELETE FROM vport_tbl WHERE vport_uuid = ?", {vpuuid});
 		if (rc == KEL_SUCCESS)
-			rc = tx.commit();
+			rc = write.commit();
 	}
 	return rc;
 }
@@ -305,15 +301,14 @@ int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const cha
 		if (!force && vnic_still_there(h, vp)) {
 			rc = KEL_E_VPORT_INUSE;
 		} else {
-			kel::StoreLock lock(h);
-			kel::Transaction tx(h->edh_db);
-			if ((rc = lock.status()) == KEL_SUCCESS && (rc = tx.begin()) == KEL_SUCCESS &&
+			kel::WriteScope write(h);
+			if ((rc = write.begin()) == KEL_SUCCESS &&
 			    (rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) ==
 			        KEL_SUCCESS &&
 			    kel_is_system_vport(name))
 				rc = kel_db_remove_system_vport(h, tenant, kel, name);
 			if (rc == KEL_SUCCESS)
-				rc = tx.commit();
+				rc = write.commit();
 		}
 	}
 	return rc;
@@ -403,20 +398,17 @@ int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *ke
 {
 	if (h == nullptr || name == nullptr)
 		return KEL_E_INVALID_ARGS;
-	kel::StoreLock lock(h);
-	int rc = lock.status();
-	if (rc != KEL_SUCCESS)
-		return rc;
 	// The number and the port commit together (inside a binding, with the binding).
-	kel::Transaction tx(h->edh_db);
-	if ((rc = tx.begin()) == KEL_SUCCESS)
+	kel::WriteScope write(h);
+	int rc = write.begin();
+	if (rc == KEL_SUCCESS)
 		rc = kel_db_get_next_sysvportname(h, tenant, kel, name, KEL_NAME_LEN);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	rc = kel_db_add_vport(h, tenant, kel, name, nullptr, nullptr, KEL_NAME_DASH_OK);
 	if (rc != KEL_SUCCESS)
 		(void)kel_db_free_sysvportname(h, tenant, kel, name);
-	return rc != KEL_SUCCESS ? rc : tx.commit();
+	return rc != KEL_SUCCESS ? rc : write.commit();
 }
 
 int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
@@ -424,16 +416,13 @@ int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char 
 {
 	if (h == nullptr || name == nullptr)
 		return KEL_E_INVALID_ARGS;
-	kel::StoreLock lock(h);
-	int rc = lock.status();
-	if (rc != KEL_SUCCESS)
-		return rc;
 	// The port goes and its number comes back in one transaction.
-	kel::Transaction tx(h->edh_db);
-	if ((rc = tx.begin()) == KEL_SUCCESS &&
+	kel::WriteScope write(h);
+	int rc = write.begin();
+	if (rc == KEL_SUCCESS &&
 	    (rc = kel_db_remove_vport(h, tenant, kel, name, nullptr, KEL_SYSTEM_VPORT_OK)) == KEL_SUCCESS &&
 	    (rc = kel_db_free_sysvportname(h, tenant, kel, name)) == KEL_SUCCESS)
-		rc = tx.commit();
+		rc = write.commit();
 	return rc;
 }
 

@@ -425,31 +425,26 @@ int kel_db_verify(kel_dbhandle_t h, const char *filter, uint32_t flags, list_t *
 {
 	if (h == nullptr || drifts == nullptr || (flags & ~KEL_VERIFY_REPAIR) != 0)
 		return KEL_E_INVALID_ARGS;
-	list_create(drifts, sizeof(kel_drift_t), offsetof(kel_drift_t, edr_node));
-	const int rc = kel::c_boundary([&] {
+	return kel::c_boundary([&] {
 		std::vector<Drift> found;
-		int rc = verify(h, filter, (flags & KEL_VERIFY_REPAIR) != 0, &found);
+		const int rc = verify(h, filter, (flags & KEL_VERIFY_REPAIR) != 0, &found);
+		if (rc != KEL_SUCCESS)
+			return rc;
+		kel::RecordList<kel_drift_t> built;
 		for (const Drift &d : found) {
-			if (rc != KEL_SUCCESS)
-				break;
-			auto *rec = static_cast<kel_drift_t *>(std::calloc(1, sizeof(kel_drift_t)));
-			if (rec == nullptr) {
-				rc = KEL_E_NOMEM;
-				break;
-			}
+			kel_drift_t *rec = built.append();
+			if (rec == nullptr)
+				return KEL_E_NOMEM;
 			kel::copy_text(rec->edr_object, d.object.c_str(), sizeof(rec->edr_object));
 			kel::copy_text(rec->edr_host, d.host.c_str(), sizeof(rec->edr_host));
 			kel::copy_text(rec->edr_what, d.what.c_str(), sizeof(rec->edr_what));
 			kel::copy_text(rec->edr_store, d.store.c_str(), sizeof(rec->edr_store));
 			kel::copy_text(rec->edr_found, d.found.c_str(), sizeof(rec->edr_found));
 			rec->edr_repaired = d.repaired ? B_TRUE : B_FALSE;
-			list_insert_tail(drifts, rec);
 		}
-		return rc;
+		built.release(drifts);
+		return KEL_SUCCESS;
 	});
-	if (rc != KEL_SUCCESS)
-		kel_free_driftlist(drifts);
-	return rc;
 }
 
 void kel_free_driftlist(list_t *drifts) noexcept

@@ -367,8 +367,9 @@ int Checker::check_ipnets()
 
 int Checker::run(bool repair)
 {
-	kel::StoreLock lock(h_);
-	int rc = lock.status();
+	// Read under the lock; the repairs, when asked for, are written in one transaction.
+	kel::WriteScope write(h_);
+	int rc = write.locked();
 	if (rc != KEL_SUCCESS)
 		return rc;
 	std::string version = "<none>";
@@ -392,8 +393,7 @@ int Checker::run(bool repair)
 	check_ports();
 	if ((rc = check_ipnets()) != KEL_SUCCESS || !repair || fixes_.empty())
 		return rc;
-	kel::Transaction tx(db_);
-	if ((rc = tx.begin()) != KEL_SUCCESS)
+	if ((rc = write.begin()) != KEL_SUCCESS)
 		return rc;
 	for (const auto &[sql, values] : fixes_) {
 		kel::Statement st;
@@ -407,7 +407,7 @@ int Checker::run(bool repair)
 		if (rc != KEL_SUCCESS)
 			return rc;
 	}
-	return tx.commit();
+	return write.commit();
 }
 
 void free_problem(kel_store_problem_t *p)
@@ -424,29 +424,23 @@ int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems) noexc
 {
 	if (h == nullptr || problems == nullptr)
 		return KEL_E_INVALID_ARGS;
-	list_create(problems, sizeof(kel_store_problem_t), offsetof(kel_store_problem_t, esp_node));
-	const int rc = kel::c_boundary([&] {
+	return kel::c_boundary([&] {
 		Checker checker(h);
 		const bool repair = (flags & KEL_CHECK_REPAIR) != 0;
-		int rc = checker.run(repair);
+		const int rc = checker.run(repair);
+		if (rc != KEL_SUCCESS)
+			return rc;
+		kel::RecordList<kel_store_problem_t> built;
 		for (const Problem &p : checker.problems()) {
-			if (rc != KEL_SUCCESS)
-				break;
-			auto *rec = static_cast<kel_store_problem_t *>(std::calloc(1, sizeof(kel_store_problem_t)));
-			if (rec == nullptr || (rec->esp_text = strdup(p.text.c_str())) == nullptr) {
-				std::free(rec);
-				rc = KEL_E_NOMEM;
-				break;
-			}
+			kel_store_problem_t *rec = built.append();
+			if (rec == nullptr || (rec->esp_text = strdup(p.text.c_str())) == nullptr)
+				return KEL_E_NOMEM;
 			kel::copy_text(rec->esp_object, p.object.c_str(), sizeof(rec->esp_object));
 			rec->esp_repaired = repair && p.repairable ? B_TRUE : B_FALSE;
-			list_insert_tail(problems, rec);
 		}
-		return rc;
+		built.release(problems);
+		return KEL_SUCCESS;
 	});
-	if (rc != KEL_SUCCESS)
-		kel_free_problemlist(problems);
-	return rc;
 }
 
 void kel_free_problemlist(list_t *problems) noexcept

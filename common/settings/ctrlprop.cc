@@ -35,11 +35,6 @@ namespace {
 
 using kel::AttrSetPtr;
 
-void create_list(list_t *list)
-{
-	list_create(list, sizeof(kel_ctrlprop_t), offsetof(kel_ctrlprop_t, ecp_node));
-}
-
 void free_ctrlprop(kel_ctrlprop_t *rec)
 {
 	std::free(rec->ecp_propval);
@@ -138,27 +133,25 @@ int list_ctrlprops(kel_dbhandle_t h, const char *propnames, const char *host, li
 	kel::StoreLock lock(h);
 	if ((rc = lock.status()) != KEL_SUCCESS)
 		return rc;
-	create_list(list);
+	kel::RecordList<kel_ctrlprop_t> built;
+	list_t *rows_read = built.start();
 	if (rows)
 		rc = kel_db_get_filtered_common(h, "ctrl_tbl", nullptr, nullptr, nullptr, filter.c_str(),
-		    list, kel_dbrow2cproplist);
+		    rows_read, kel_dbrow2cproplist);
 	if (rc == KEL_SUCCESS && uuid) {
 		char value[KEL_UUID_TEXT_LEN];
 		rc = kel_tog_get_one_value(KEL_CONTROLLER_FMRI, "config", "uuid", VUR_TYPE_ASTRING, value,
 		    sizeof(value));
-		auto *rec = static_cast<kel_ctrlprop_t *>(std::calloc(1, sizeof(kel_ctrlprop_t)));
+		kel_ctrlprop_t *rec = rc == KEL_SUCCESS ? built.append() : nullptr;
 		if (rc == KEL_SUCCESS && (rec == nullptr || (rec->ecp_propval = strdup(value)) == nullptr))
 			rc = KEL_E_NOMEM;
 		if (rc == KEL_SUCCESS) {
 			kel::copy_text(rec->ecp_propname, "uuid", sizeof(rec->ecp_propname));
 			kel::copy_text(rec->ecp_perm, "r-", sizeof(rec->ecp_perm));
-			list_insert_tail(list, rec);
-		} else if (rec != nullptr) {
-			free_ctrlprop(rec);
 		}
 	}
-	if (rc != KEL_SUCCESS)
-		kel_free_ctrlproplist(list);
+	if (rc == KEL_SUCCESS)
+		built.release(list);
 	return rc;
 }
 

@@ -8,6 +8,7 @@
 #include "error_code.h"
 #include "kel_assert.h"
 #include "nuq_uri.h"
+#include "owners.h"
 #include "text.h"
 
 namespace {
@@ -31,27 +32,13 @@ void check_type(vur_type_t type)
 	KEL_ASSERT(kel::kAreaTog, type == VUR_TYPE_ASTRING || type == VUR_TYPE_NET_ADDR);
 }
 
-// Destroys a repository object on scope exit.
-template <class T, void (*destroy)(T *)>
-class Owned {
-public:
-	explicit Owned(T *obj) : obj_(obj) {}
-	~Owned() { destroy(obj_); }
-	Owned(const Owned &) = delete;
-	Owned &operator=(const Owned &) = delete;
-	T *get() const { return obj_; }
-
-private:
-	T *obj_;
-};
-
+using kel::Owned;
 using Value = Owned<vur_value_t, vur_value_destroy>;
-
-// Releases a read's or a write's per-call objects on scope exit.
-struct DropComposed {
-	kel_vur_state_t *state;
-	~DropComposed() { kel_drop_composed(state); }
-};
+// An open instance, closed on scope exit.
+using OpenInstance = Owned<kel_vur_state_t, kel_vur_close>;
+// A read's or a write's per-call objects in an open instance's state, dropped on scope
+// exit; the instance stays open.
+using Composed = Owned<kel_vur_state_t, kel_drop_composed>;
 
 // Commits one transaction on the group st->ess_pg, whose entries `fill` adds (false
 // when it cannot). A commit answering 0 means the group changed since the transaction
@@ -120,21 +107,24 @@ int delete_property(kel_vur_state_t *st, const char *pgname, const char *pname)
 	return fill_error == VUR_ERROR_NOT_FOUND ? KEL_SUCCESS : rc;
 }
 
-kel_togprop_t *new_togprop(const kel_tog_pdesc_t *row, const char *name, const char *value)
+// Appends setting `name` (its table row `row`) with `value` to `list`; false when memory
+// runs out.
+bool append_togprop(kel::RecordList<kel_togprop_t> *list, const kel_tog_pdesc_t *row, const char *name,
+    const char *value)
 {
-	auto *rec = static_cast<kel_togprop_t *>(std::calloc(1, sizeof(kel_togprop_t)));
+	kel_togprop_t *rec = list->append();
 	if (rec == nullptr)
-		return nullptr;
+		return false;
 	kel::copy_text(rec->esp_propname, name, sizeof(rec->esp_propname));
 	kel::copy_text(rec->esp_propval, value, sizeof(rec->esp_propval));
 	kel::copy_text(rec->esp_defvalue, row->espd_defvalue, sizeof(rec->esp_defvalue));
 	kel::copy_text(rec->esp_perm, row->espd_perm, sizeof(rec->esp_perm));
-	return rec;
+	return true;
 }
 
 // The walk of one instance's "application" groups, appending the client settings asked
 // for to `list`.
-int walk(kel_vur_state_t *st, attrset_t *names, list_t *list)
+int walk(kel_vur_state_t *st, attrset_t *names, kel::RecordList<kel_togprop_t> *list)
 {
 	vur_handle_t *h = st->ess_handle;
 	Owned<vur_propertygroup_t, vur_pg_destroy> pg(vur_pg_create(h));
@@ -162,10 +152,8 @@ int walk(kel_vur_state_t *st, attrset_t *names, list_t *list)
 			if (vur_property_get_value(prop.get(), val.get()) != 0 ||
 			    vur_value_get_as_string(val.get(), value, sizeof(value)) < 0)
 				return vur_failure();
-			kel_togprop_t *rec = new_togprop(row, name, value);
-			if (rec == nullptr)
+			if (!append_togprop(list, row, name, value))
 				return KEL_E_NOMEM;
-			list_insert_tail(list, rec);
 		}
 		if (pmore != 0)
 			return vur_failure();
@@ -246,7 +234,7 @@ int kel_tog_get_value(kel_vur_state_t *state, const char *pgname, const char *pn
 	int rc = kel_get_composed_properties(pgname, state);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	DropComposed drop{state};
+	const Composed composed(state);
 	Value val(vur_value_create(state->ess_handle));
 	char *text = static_cast<char *>(buf);
 	if (val.get() == nullptr || vur_pg_get_property(state->ess_pg, pname, state->ess_prop) != 0 ||
@@ -262,19 +250,18 @@ int kel_tog_get_one_value(const char *instance, const char *pgname, const char *
     vur_type_t type, void *buf, size_t size)
 {
 	kel_vur_state_t state;
-	int rc = kel_vur_open(instance, &state);
+	const int rc = kel_vur_open(instance, &state);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	rc = kel_tog_get_value(&state, pgname, pname, type, buf, size);
-	kel_vur_close(&state);
-	return rc;
+	const OpenInstance open(&state);
+	return kel_tog_get_value(&state, pgname, pname, type, buf, size);
 }
 
 int kel_tog_set_value(kel_vur_state_t *state, const char *pgname, const char *pname,
     vur_type_t type, void *value)
 {
 	check_type(type);
-	DropComposed drop{state};
+	const Composed composed(state);
 	if ((state->ess_trans = vur_transaction_create(state->ess_handle)) == nullptr ||
 	    (state->ess_tent = vur_entry_create(state->ess_handle)) == nullptr ||
 	    (state->ess_pg = vur_pg_create(state->ess_handle)) == nullptr)
@@ -288,12 +275,11 @@ int kel_tog_set_one_value(const char *instance, const char *pgname, const char *
     vur_type_t type, void *value)
 {
 	kel_vur_state_t state;
-	int rc = kel_vur_open(instance, &state);
+	const int rc = kel_vur_open(instance, &state);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	rc = kel_tog_set_value(&state, pgname, pname, type, value);
-	kel_vur_close(&state);
-	return rc;
+	const OpenInstance open(&state);
+	return kel_tog_set_value(&state, pgname, pname, type, value);
 }
 
 const kel_tog_pdesc_t *kel_get_tog_pdesc_entry(const kel_tog_pdesc_t *table, const char *name)
@@ -325,16 +311,15 @@ int kel_set_controller(kel_dbhandle_t, void *descriptor, const char *pgname, voi
 	    const_cast<char *>(text));
 }
 
-int kel_walk_togprop(const char *instance, attrset_t *names, list_t *list)
+int kel_walk_togprop(const char *instance, attrset_t *names, kel::RecordList<kel_togprop_t> *list)
 {
 	KEL_ASSERT(kel::kAreaTog, std::strcmp(instance, KEL_NODE_FMRI) == 0);
 	kel_vur_state_t state;
-	int rc = kel_vur_open(instance, &state);
-	if (rc == KEL_SUCCESS) {
-		rc = walk(&state, names, list);
-		kel_vur_close(&state);
-	}
-	return rc;
+	const int rc = kel_vur_open(instance, &state);
+	if (rc != KEL_SUCCESS)
+		return rc;
+	const OpenInstance open(&state);
+	return walk(&state, names, list);
 }
 
 extern "C" {
@@ -364,24 +349,23 @@ int kel_get_client_togprop(const char *propnames, list_t *list) noexcept
 {
 	if (list == nullptr)
 		return KEL_E_INVALID_ARGS;
-	attrset_t *names = nullptr;
+	attrset_t *parsed = nullptr;
 	if (propnames != nullptr) {
-		int rc = kel_str2attrset(propnames, &names, B_FALSE, ATTRSET_UNIQUE_NAME);
+		int rc = kel_str2attrset(propnames, &parsed, B_FALSE, ATTRSET_UNIQUE_NAME);
 		if (rc != KEL_SUCCESS)
 			return rc;
-		for (attrset_entry_t *e = attrset_next_entry(names, nullptr); e != nullptr;
-		     e = attrset_next_entry(names, e))
-			if (kel_get_tog_pdesc_entry(kel_tog_client_table, attrset_entry_name(e)) == nullptr) {
-				attrset_free(names);
-				return KEL_E_INVALID_PROP;
-			}
 	}
-	list_create(list, sizeof(kel_togprop_t), offsetof(kel_togprop_t, esp_node));
-	int rc = kel::c_boundary([&] { return kel_walk_togprop(KEL_NODE_FMRI, names, list); });
-	attrset_free(names);
-	if (rc != KEL_SUCCESS)
-		kel_free_togproplist(list);
-	return rc;
+	const kel::AttrSetPtr names(parsed);
+	for (attrset_entry_t *e = attrset_next_entry(parsed, nullptr); e != nullptr; e = attrset_next_entry(parsed, e))
+		if (kel_get_tog_pdesc_entry(kel_tog_client_table, attrset_entry_name(e)) == nullptr)
+			return KEL_E_INVALID_PROP;
+	return kel::c_boundary([&] {
+		kel::RecordList<kel_togprop_t> built;
+		const int rc = kel_walk_togprop(KEL_NODE_FMRI, parsed, &built);
+		if (rc == KEL_SUCCESS)
+			built.release(list);
+		return rc;
+	});
 }
 
 void kel_free_togproplist(list_t *list) noexcept

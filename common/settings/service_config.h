@@ -5,6 +5,7 @@
 #include <cstddef>
 
 #include <kel/libkel.h>
+#include "owners.h"
 #include "vur.h"
 
 inline constexpr const char *KEL_NODE_FMRI = "svc:/network/kel:default";
@@ -66,7 +67,7 @@ int kel_tog_set_one_value(const char *instance, const char *pgname, const char *
 const kel_tog_pdesc_t *kel_get_tog_pdesc_entry(const kel_tog_pdesc_t *table, const char *name);
 // Appends a kel_togprop_t to `list` for each client setting of `instance` (only the node
 // instance has them) named in `names` (NULL: all), with its value or default.
-int kel_walk_togprop(const char *instance, attrset_t *names, list_t *list);
+int kel_walk_togprop(const char *instance, attrset_t *names, kel::RecordList<kel_togprop_t> *list);
 // The setter of "controller": `descriptor` is its kel_tog_pdesc_t row, `value` the URI
 // text (unix:// or ssh://; "" resets it to the default). KEL_E_INVALID_URI for any
 // other text. The handle is unused: the setting is not in the store.

@@ -120,7 +120,7 @@ int switch_alone(sqlite3_stmt *stmt, void *list)
 int switches_alone(kel_dbhandle_t h, const char *filter, list_t *out)
 {
 	kel::RecordList<kel_t> kels;
-	kel_create_kellist(kels.own());
+	kels.start();
 	kel::StoreLock lock(h);
 	int rc = lock.status();
 	if (rc == KEL_SUCCESS)
@@ -130,9 +130,7 @@ int switches_alone(kel_dbhandle_t h, const char *filter, list_t *out)
 		rc = kel_not_found(h, filter);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel_create_kellist(out);
-	while (void *k = list_remove_head(kels.get()))
-		list_insert_tail(out, k);
+	kels.release(out);
 	return KEL_SUCCESS;
 }
 
@@ -191,8 +189,8 @@ int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t
 		return switches_alone(h, filter, out);
 	kel_kellist_cbarg_t with_ports, with_ipnets;
 	kel::RecordList<kel_t> a, b;
-	kel_create_kellist(a.own());
-	kel_create_kellist(b.own());
+	a.start();
+	b.start();
 	with_ports.evc_list = a.get();
 	with_ipnets.evc_list = b.get();
 	int rc;

@@ -12,6 +12,7 @@
 #include "error_code.h"
 #include <kel/libkel.h>
 #include "mac_index.h"
+#include "owners.h"
 #include "paths.h"
 #include "sql.h"
 #include "store_handle.h"
@@ -162,23 +163,20 @@ int make_store_file(const std::string &path)
 
 int create_schema()
 {
-	kel_dbhandle_t handle;
+	kel_dbhandle_t raw = nullptr;
 	// Not kel_db_open: it would refuse a store without a version, which this one is yet.
-	int rc = kel::open_store(&handle, SQLITE_OPEN_READWRITE);
+	int rc = kel::open_store(&raw, SQLITE_OPEN_READWRITE);
 	if (rc != KEL_SUCCESS)
 		return rc;
+	const kel::StoreHandle handle(raw);
 	// No store lock: nobody can be using a store that does not exist yet.
-	{
-		kel::Transaction tx(handle->edh_db);
-		rc = tx.begin();
-		for (const char *const *stmts :
-		    {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts, kel::schema::kColonTails})
-			for (int i = 0; rc == KEL_SUCCESS && stmts[i] != nullptr; i++)
-				rc = kel_sqlite3_exec(handle->edh_db, "%s", 1, stmts[i], 0);
-		if (rc == KEL_SUCCESS)
-			rc = tx.commit();
-	}
-	kel_db_close(handle);
+	kel::Transaction tx(handle->edh_db);
+	rc = tx.begin();
+	for (const char *const *stmts : {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts, kel::schema::kColonTails})
+		for (int i = 0; rc == KEL_SUCCESS && stmts[i] != nullptr; i++)
+			rc = kel_sqlite3_exec(handle->edh_db, "%s", 1, stmts[i], 0);
+	if (rc == KEL_SUCCESS)
+		rc = tx.commit();
 	return rc;
 }
 

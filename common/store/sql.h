@@ -1,6 +1,7 @@
 // RAII over the statement operations, for the library's own C++ code: a statement that
-// finalizes itself, a transaction that rolls back unless committed, and the store-lock
-// guard. With these, "release on every path out" holds by construction.
+// finalizes itself, a transaction that rolls back unless committed, the store-lock
+// guard, and the two together for a write. With these, "release on every path out" holds
+// by construction.
 #pragma once
 
 #include <sqlite3.h>
@@ -141,6 +142,28 @@ public:
 private:
 	kel_dbhandle_t handle_;
 	int rc_;
+};
+
+// What an operation that writes holds: the store lock, taken at once, and a transaction
+// under it, begun by begin() (after whatever reads decide what to write, when there are
+// any). At scope exit a transaction not committed is rolled back, and then the lock is
+// given up; within a caller's lock and transaction both are the caller's to end.
+class WriteScope {
+public:
+	explicit WriteScope(kel_dbhandle_t handle) : lock_(handle), tx_(handle->edh_db) {}
+	WriteScope(const WriteScope &) = delete;
+	WriteScope &operator=(const WriteScope &) = delete;
+
+	// KEL_SUCCESS when the lock is held, else why it could not be taken.
+	int locked() const { return lock_.status(); }
+	// Begins the transaction; the lock's failure instead when it is not held.
+	int begin() { return locked() != KEL_SUCCESS ? locked() : tx_.begin(); }
+	// Commits; a failed commit is rolled back and its code returned.
+	int commit() { return tx_.commit(); }
+
+private:
+	StoreLock lock_;
+	Transaction tx_;	// after the lock: rolled back before it goes
 };
 
 }  // namespace kel

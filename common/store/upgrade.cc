@@ -165,34 +165,31 @@ int ensure_lookups(kel_dbhandle_t h)
 
 int upgrade()
 {
-	kel_dbhandle_t h = nullptr;
-	int rc = kel_db_open(&h, SQLITE_OPEN_READWRITE);
+	kel::StoreHandle store;
+	int rc = kel::db_open(&store, SQLITE_OPEN_READWRITE);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	{
-		kel::StoreLock lock(h);
-		int version = 0;
-		if ((rc = lock.status()) == KEL_SUCCESS && (rc = kel::schema::read_version(h->edh_db, &version)) == KEL_SUCCESS &&
-		    version <= kel::schema::kVersion) {
-			kel::Transaction tx(h->edh_db);
-			rc = tx.begin();
-			for (int i = version; rc == KEL_SUCCESS && kel_db_upgrade_stmts[i].version != -1; i++) {
-				const UpgradeStep &step = kel_db_upgrade_stmts[i];
-				rc = run_all(h, step.stmts);
-				if (rc == KEL_SUCCESS && step.fn != nullptr)
-					rc = step.fn(h);
-			}
-			// A current store made by an older build gets them too: its tables are
-			// already what they should be.
-			if (rc == KEL_SUCCESS)
-				rc = ensure_lookups(h);
-			if (rc == KEL_SUCCESS)
-				rc = tx.commit();
-		} else if (rc == KEL_SUCCESS && version > kel::schema::kVersion) {
-			rc = KEL_E_DB_VERSION;
+	kel_dbhandle_t h = store.get();
+	kel::WriteScope write(h);
+	int version = 0;
+	if ((rc = write.locked()) == KEL_SUCCESS && (rc = kel::schema::read_version(h->edh_db, &version)) == KEL_SUCCESS &&
+	    version <= kel::schema::kVersion) {
+		rc = write.begin();
+		for (int i = version; rc == KEL_SUCCESS && kel_db_upgrade_stmts[i].version != -1; i++) {
+			const UpgradeStep &step = kel_db_upgrade_stmts[i];
+			rc = run_all(h, step.stmts);
+			if (rc == KEL_SUCCESS && step.fn != nullptr)
+				rc = step.fn(h);
 		}
+		// A current store made by an older build gets them too: its tables are already
+		// what they should be.
+		if (rc == KEL_SUCCESS)
+			rc = ensure_lookups(h);
+		if (rc == KEL_SUCCESS)
+			rc = write.commit();
+	} else if (rc == KEL_SUCCESS && version > kel::schema::kVersion) {
+		rc = KEL_E_DB_VERSION;
 	}
-	kel_db_close(h);
 	return rc;
 }
 

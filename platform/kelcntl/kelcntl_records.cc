@@ -47,27 +47,6 @@ long long integer(const json &j, const char *key)
 	return v.get_ref<const json::number_integer_t &>();	// throws
 }
 
-template <class T, void (*Free)(T *), class Make>
-T **array_from(const json &items, int *count, Make make)
-{
-	const auto &list = items.get_ref<const json::array_t &>();	// throws unless an array
-	const size_t n = list.size();
-	auto **arr = static_cast<T **>(std::calloc(n == 0 ? 1 : n, sizeof(T *)));
-	if (arr == nullptr)
-		throw std::bad_alloc();
-	try {
-		for (size_t i = 0; i < n; i++)
-			arr[i] = make(list[i]);
-	} catch (...) {
-		for (size_t i = 0; i < n; i++)
-			Free(arr[i]);
-		std::free(arr);
-		throw;
-	}
-	*count = static_cast<int>(n);
-	return arr;
-}
-
 template <class T, void (*Free)(T *)>
 void free_array(T **arr, int count)
 {
@@ -76,6 +55,22 @@ void free_array(T **arr, int count)
 	for (int i = 0; i < count; i++)
 		Free(arr[i]);
 	std::free(arr);
+}
+
+// The array of records `make` reads from each item of `items`, and its length into
+// *count. A throw part-way frees the records made so far and the array.
+template <class T, void (*Free)(T *), class Make>
+T **array_from(const json &items, int *count, Make make)
+{
+	const auto &list = items.get_ref<const json::array_t &>();	// throws unless an array
+	const size_t n = list.size();
+	kel::OwnedArray<T, free_array<T, Free>> arr(static_cast<T **>(std::calloc(n == 0 ? 1 : n, sizeof(T *))),
+	    static_cast<int>(n));
+	if (arr.get() == nullptr)
+		throw std::bad_alloc();
+	for (size_t i = 0; i < n; i++)
+		arr.get()[i] = make(list[i]);
+	return arr.release(count);
 }
 
 kelcntl_PropertyNV *nv_from(const json &j)

@@ -18,6 +18,7 @@
 #include "nuq_errors.h"
 #include "paths.h"
 #include "request.h"
+#include "unique_fd.h"
 #include "wire.h"
 
 using nlohmann::json;
@@ -109,16 +110,14 @@ int connect_unix(const std::string &path)
 	struct sockaddr_un addr {};
 	if (path.size() >= sizeof(addr.sun_path))
 		return -1;
-	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-	if (fd == -1)
+	kel::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+	if (!fd.valid())
 		return -1;
 	addr.sun_family = AF_UNIX;
 	std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-	if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
-		close(fd);
+	if (connect(fd.get(), reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0)
 		return -1;
-	}
-	return fd;
+	return fd.release();
 }
 
 nuq_conn_t *connect_fds(int in, int out)
@@ -209,12 +208,12 @@ nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
 			const std::string path = *nuq_uri_get_path(uri) != '\0'
 			    ? std::string(nuq_uri_get_path(uri))
 			    : kel::paths::under_root(kel::paths::kSocketFile);
-			const int fd = nuq::connect_unix(path);
-			if (fd == -1)
+			kel::UniqueFd fd(nuq::connect_unix(path));
+			if (!fd.valid())
 				return nullptr;
-			nuq_conn_t *conn = nuq::connect_fds(fd, fd);
-			if (conn == nullptr)
-				close(fd);
+			nuq_conn_t *conn = nuq::connect_fds(fd.get(), fd.get());
+			if (conn != nullptr)
+				(void)fd.release();	// the connection's from now on
 			return conn;
 		}
 		if (*nuq_uri_get_host(uri) == '\0')

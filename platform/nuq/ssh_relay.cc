@@ -26,6 +26,7 @@
 #include "nuq_errors.h"
 #include "request.h"
 #include "ssh_share.h"
+#include "unique_fd.h"
 
 using nlohmann::json;
 
@@ -72,12 +73,23 @@ std::vector<char *> c_args(std::vector<std::string> &argv)
 	return args;
 }
 
+// A pipe, its ends into *read_end and *write_end; false when none could be made.
+bool make_pipe(kel::UniqueFd *read_end, kel::UniqueFd *write_end)
+{
+	int ends[2];
+	if (pipe2(ends, O_CLOEXEC) != 0)
+		return false;
+	read_end->reset(ends[0]);
+	write_end->reset(ends[1]);
+	return true;
+}
+
 // Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire, and
 // what it says on its standard error comes to *errors_from_child, to be passed on with
 // the host's name (relay_errors). posix_spawn rather than fork: callers may reach several
 // hosts from several threads.
-pid_t start_relay(const nuq_uri_t *uri, const std::vector<std::string> &share, int *to_child, int *from_child,
-    int *errors_from_child)
+pid_t start_relay(const nuq_uri_t *uri, const std::vector<std::string> &share, kel::UniqueFd *to_child,
+    kel::UniqueFd *from_child, kel::UniqueFd *errors_from_child)
 {
 	std::vector<std::string> options = {"-T"};
 	options.insert(options.end(), share.begin(), share.end());
@@ -88,44 +100,27 @@ pid_t start_relay(const nuq_uri_t *uri, const std::vector<std::string> &share, i
 		argv.push_back(nuq_uri_get_path(uri));
 	std::vector<char *> args = c_args(argv);
 
-	int down[2], up[2], err[2];
-	if (pipe2(down, O_CLOEXEC) != 0)
+	kel::UniqueFd child_in, to, from, child_out, errors, child_err;
+	if (!make_pipe(&child_in, &to) || !make_pipe(&from, &child_out) || !make_pipe(&errors, &child_err))
 		return -1;
-	if (pipe2(up, O_CLOEXEC) != 0) {
-		close(down[0]);
-		close(down[1]);
-		return -1;
-	}
-	if (pipe2(err, O_CLOEXEC) != 0) {
-		for (int fd : {down[0], down[1], up[0], up[1]})
-			close(fd);
-		return -1;
-	}
 	posix_spawn_file_actions_t actions;
 	pid_t pid = -1;
 	if (posix_spawn_file_actions_init(&actions) == 0) {
-		if (posix_spawn_file_actions_adddup2(&actions, down[0], STDIN_FILENO) == 0 &&
-		    posix_spawn_file_actions_adddup2(&actions, up[1], STDOUT_FILENO) == 0 &&
-		    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO) == 0 &&
+		if (posix_spawn_file_actions_adddup2(&actions, child_in.get(), STDIN_FILENO) == 0 &&
+		    posix_spawn_file_actions_adddup2(&actions, child_out.get(), STDOUT_FILENO) == 0 &&
+		    posix_spawn_file_actions_adddup2(&actions, child_err.get(), STDERR_FILENO) == 0 &&
 		    posix_spawnp(&pid, "ssh", &actions, nullptr, args.data(), environ) != 0)
 			pid = -1;
 		posix_spawn_file_actions_destroy(&actions);
 	}
-	close(down[0]);
-	close(up[1]);
-	close(err[1]);
-	if (pid == -1) {
-		close(down[1]);
-		close(up[0]);
-		close(err[0]);
+	if (pid == -1)
 		return -1;
-	}
 	// Read before each exchange and when the connection ends; a shared connection's
 	// master leaves the pipe when it goes to the background.
-	(void)fcntl(err[0], F_SETFL, O_NONBLOCK);
-	*to_child = down[1];
-	*from_child = up[0];
-	*errors_from_child = err[0];
+	(void)fcntl(errors.get(), F_SETFL, O_NONBLOCK);
+	*to_child = std::move(to);
+	*from_child = std::move(from);
+	*errors_from_child = std::move(errors);
 	return pid;
 }
 
@@ -209,26 +204,30 @@ std::string socket_of(const json &pong)
 Attempt try_ssh(const nuq_uri_t *uri, const std::vector<std::string> &share)
 {
 	Attempt attempt;
-	int to_child = -1, from_child = -1, errors = -1;
+	kel::UniqueFd to_child, from_child, errors;
 	const pid_t pid = start_relay(uri, share, &to_child, &from_child, &errors);
 	if (pid == -1)
 		return attempt;
-	nuq_conn_t *conn = nuq::connect_fds(from_child, to_child);
+	nuq_conn_t *conn = nuq::connect_fds(from_child.get(), to_child.get());
 	if (conn == nullptr) {
-		close(to_child);
-		close(from_child);
-		close(errors);
+		// Its stdin closed first, ssh is then stopped and reaped.
+		to_child.reset();
+		from_child.reset();
+		errors.reset();
 		kill(pid, SIGTERM);
 		waitpid(pid, nullptr, 0);
 		return attempt;
 	}
+	(void)to_child.release();	// the connection's from now on
+	(void)from_child.release();
 	conn->relay = pid;
-	conn->relay_errors = errors;
+	conn->relay_errors = errors.get();
 	conn->host = nuq_uri_get_host(uri);
 	// Starting ssh proves nothing about the far end: one exchange does.
 	json pong;
 	const int rc = nuq::exchange(conn, "ping", json::object(), &pong, nullptr);
 	if (rc == NUQ_E_SUCCESS) {
+		(void)errors.release();	// the connection's, as conn->relay_errors
 		attempt.conn = conn;
 		attempt.keld_socket = socket_of(pong);
 		return attempt;
@@ -238,8 +237,7 @@ Attempt try_ssh(const nuq_uri_t *uri, const std::vector<std::string> &share)
 	// connection's end stops ssh if it still runs, so that they are all there.
 	conn->relay_errors = -1;
 	nuq_disconnect(conn);
-	attempt.words = read_errors(errors);
-	close(errors);
+	attempt.words = read_errors(errors.get());
 	return attempt;
 }
 
@@ -248,14 +246,13 @@ Attempt try_ssh(const nuq_uri_t *uri, const std::vector<std::string> &share)
 // far end does not answer (the host refused the forward, or its keld is not there).
 nuq_conn_t *connect_forwarded(const std::string &socket, const char *host)
 {
-	const int fd = nuq::connect_unix(socket);
-	if (fd == -1)
+	kel::UniqueFd fd(nuq::connect_unix(socket));
+	if (!fd.valid())
 		return nullptr;
-	nuq_conn_t *conn = nuq::connect_fds(fd, fd);
-	if (conn == nullptr) {
-		close(fd);
+	nuq_conn_t *conn = nuq::connect_fds(fd.get(), fd.get());
+	if (conn == nullptr)
 		return nullptr;
-	}
+	(void)fd.release();	// the connection's from now on
 	conn->host = host;
 	json pong;
 	if (nuq::exchange(conn, "ping", json::object(), &pong, nullptr) == NUQ_E_SUCCESS)

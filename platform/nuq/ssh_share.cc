@@ -86,11 +86,8 @@ bool SshShare::master_up() const
 		return false;
 	addr.sun_family = AF_UNIX;
 	std::memcpy(addr.sun_path, socket_.c_str(), socket_.size() + 1);
-	const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-	const bool up = fd != -1 && connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) == 0;
-	if (fd != -1)
-		close(fd);
-	return up;
+	const kel::UniqueFd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+	return fd.valid() && connect(fd.get(), reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) == 0;
 }
 
 std::string SshShare::forward_socket(const std::string &path) const
@@ -112,52 +109,29 @@ std::vector<std::string> SshShare::options(bool through_master) const
 
 FileSlot::FileSlot(const std::string &file, int slots, std::chrono::steady_clock::time_point deadline)
 {
-	fd_ = open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
-	while (fd_ != -1) {
+	fd_.reset(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+	while (fd_.valid()) {
 		for (int slot = 0; slot < slots; slot++) {
 			struct flock byte {};
 			byte.l_type = F_WRLCK;
 			byte.l_whence = SEEK_SET;
 			byte.l_start = slot;
 			byte.l_len = 1;
-			if (fcntl(fd_, F_OFD_SETLK, &byte) == 0)
+			if (fcntl(fd_.get(), F_OFD_SETLK, &byte) == 0)
 				return;
 			if (errno != EAGAIN && errno != EACCES && errno != EINTR) {
-				close(fd_);
-				fd_ = -1;
+				fd_.reset();
 				return;
 			}
 		}
 		if (std::chrono::steady_clock::now() >= deadline) {
 			timed_out_ = true;
-			close(fd_);
-			fd_ = -1;
+			fd_.reset();
 			return;
 		}
 		std::this_thread::sleep_for(kLockPoll);
 	}
 }
 
-FileSlot::~FileSlot()
-{
-	if (fd_ != -1)
-		close(fd_);	// the slot goes with the open file
-}
-
-FileSlot::FileSlot(FileSlot &&other) noexcept
-    : fd_(std::exchange(other.fd_, -1)), timed_out_(other.timed_out_)
-{
-}
-
-FileSlot &FileSlot::operator=(FileSlot &&other) noexcept
-{
-	if (this != &other) {
-		if (fd_ != -1)
-			close(fd_);
-		fd_ = std::exchange(other.fd_, -1);
-		timed_out_ = other.timed_out_;
-	}
-	return *this;
-}
 
 }  // namespace nuq

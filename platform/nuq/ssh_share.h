@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "unique_fd.h"
+
 namespace nuq {
 
 // How the calls to one destination share its connection, left open for KEL_SSH_PERSIST
@@ -61,17 +63,14 @@ public:
 	FileSlot() = default;
 	// Waits for a free slot of `file` until `deadline`.
 	FileSlot(const std::string &file, int slots, std::chrono::steady_clock::time_point deadline);
-	~FileSlot();
-	FileSlot(FileSlot &&other) noexcept;
-	FileSlot &operator=(FileSlot &&other) noexcept;
 
-	bool held() const { return fd_ != -1; }
+	bool held() const { return fd_.valid(); }
 	// The deadline came first, every slot still held by others. (Without it, the file
 	// could not be opened.)
 	bool timed_out() const { return timed_out_; }
 
 private:
-	int fd_ = -1;
+	kel::UniqueFd fd_;	// the slot goes with the open file
 	bool timed_out_ = false;
 };
 

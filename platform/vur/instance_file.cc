@@ -9,6 +9,7 @@
 
 #include "paths.h"
 #include "text_file.h"
+#include "unique_fd.h"
 
 namespace vur {
 namespace {
@@ -136,19 +137,11 @@ bool parse(const std::string &text, InstanceFile *file)
 // Closes the lock file (and so drops the lock) when it goes out of scope.
 class LockFile {
 public:
-	explicit LockFile(const std::string &path)
-	    : fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600))
-	{
-	}
-	~LockFile()
-	{
-		if (fd_ != -1)
-			close(fd_);
-	}
-	bool lock() { return fd_ != -1 && flock(fd_, LOCK_EX) == 0; }
+	explicit LockFile(const std::string &path) : fd_(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {}
+	bool lock() { return fd_.valid() && flock(fd_.get(), LOCK_EX) == 0; }
 
 private:
-	int fd_;
+	kel::UniqueFd fd_;
 };
 
 int write_atomically(const std::string &path, const std::string &text)
@@ -166,11 +159,9 @@ int write_atomically(const std::string &path, const std::string &text)
 		return VUR_ERROR_BACKEND_ACCESS;
 	}
 	// The rename is durable once the directory is.
-	const int dir = open(parent_of(path).c_str(), O_RDONLY | O_CLOEXEC);
-	if (dir != -1) {
-		(void)fsync(dir);
-		close(dir);
-	}
+	const kel::UniqueFd dir(open(parent_of(path).c_str(), O_RDONLY | O_CLOEXEC));
+	if (dir.valid())
+		(void)fsync(dir.get());
 	return VUR_ERROR_NONE;
 }
 

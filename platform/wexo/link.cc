@@ -19,6 +19,7 @@
 #include "c_boundary.h"
 #include "link_internal.h"
 #include "netns_switch.h"
+#include "unique_fd.h"
 #include "wexo.h"
 
 struct wexo_handle {
@@ -127,12 +128,10 @@ wexo_status_t wexo_host_lower(wexo_handle_t h, struct rtnl_link *link, datalink_
 		// The index is one of the namespace h's namespace knows by that ID: the host's
 		// only when h's namespace knows the host's by it.
 		wexo_handle_t ask = nullptr;
-		const int home = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-		const int32_t host_id = home != -1 && wexo_open_netns(h->ns.c_str(), &ask) == WEXO_STATUS_OK
-		    ? wexo_peer_nsid(ask, home) : -1;
+		const kel::UniqueFd home(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+		const int32_t host_id = home.valid() && wexo_open_netns(h->ns.c_str(), &ask) == WEXO_STATUS_OK
+		    ? wexo_peer_nsid(ask, home.get()) : -1;
 		wexo_close(ask);
-		if (home != -1)
-			close(home);
 		if (host_id < 0 || host_id != nsid)
 			return WEXO_STATUS_NOTFOUND;
 	}

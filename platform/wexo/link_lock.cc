@@ -10,6 +10,7 @@
 #include <mutex>
 
 #include "paths.h"
+#include "unique_fd.h"
 
 namespace wexo {
 
@@ -19,7 +20,7 @@ namespace wexo {
 struct LinkLock::Entry {
 	std::recursive_mutex turn;
 	int depth = 0;	// how deep the holding thread is in it, under `turn`
-	int fd = -1;	// the locked file while depth > 0
+	kel::UniqueFd fd;	// the locked file while depth > 0
 	int users = 0;	// threads holding or waiting, under `entries_mutex`
 };
 
@@ -34,19 +35,13 @@ int lock_file(const std::string &name)
 	const std::string path = kel::paths::under_root(kel::paths::kLinksDir) + "/" + name + ".lock";
 	if (!kel::paths::make_dirs(std::filesystem::path(path).parent_path(), 0755))
 		return -1;
-	const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-	if (fd == -1)
+	kel::UniqueFd fd(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+	if (!fd.valid())
 		return -1;
 	int rc;
-	while ((rc = flock(fd, LOCK_EX)) == -1 && errno == EINTR) {
+	while ((rc = flock(fd.get(), LOCK_EX)) == -1 && errno == EINTR) {
 	}
-	if (rc == -1) {
-		const int err = errno;
-		close(fd);
-		errno = err;
-		return -1;
-	}
-	return fd;
+	return rc == -1 ? -1 : fd.release();
 }
 
 }  // namespace
@@ -63,8 +58,8 @@ LinkLock::LinkLock(const std::string &name) : name_(name)
 	}
 	entry_->turn.lock();
 	if (entry_->depth == 0) {
-		entry_->fd = lock_file(name);
-		if (entry_->fd == -1) {
+		entry_->fd.reset(lock_file(name));
+		if (!entry_->fd.valid()) {
 			entry_->turn.unlock();
 			return;
 		}
@@ -77,10 +72,8 @@ LinkLock::~LinkLock()
 {
 	if (held_) {
 		// Closing the descriptor releases the file lock; the file stays for the next holder.
-		if (--entry_->depth == 0) {
-			close(entry_->fd);
-			entry_->fd = -1;
-		}
+		if (--entry_->depth == 0)
+			entry_->fd.reset();
 		entry_->turn.unlock();
 	}
 	std::lock_guard<std::mutex> hold(entries_mutex);

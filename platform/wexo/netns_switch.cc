@@ -35,22 +35,17 @@ NetnsSwitch::NetnsSwitch(int fd)
 {
 	if (fd == -1)
 		return;
-	home_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-	ok_ = home_ != -1 && setns(fd, CLONE_NEWNET) == 0;
-	if (!ok_ && home_ != -1) {
-		close(home_);
-		home_ = -1;
-	}
+	home_.reset(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+	ok_ = home_.valid() && setns(fd, CLONE_NEWNET) == 0;
+	if (!ok_)
+		home_.reset();
 }
 
 NetnsSwitch::~NetnsSwitch()
 {
-	if (home_ == -1)
-		return;
 	// A thread left in another namespace would do everything after in the wrong place.
-	if (setns(home_, CLONE_NEWNET) != 0)
+	if (home_.valid() && setns(home_.get(), CLONE_NEWNET) != 0)
 		std::abort();
-	close(home_);
 }
 
 }  // namespace wexo

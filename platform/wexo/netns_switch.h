@@ -2,6 +2,8 @@
 // the calling thread inside one.
 #pragma once
 
+#include "unique_fd.h"
+
 namespace wexo {
 
 // A namespace name as "ip netns" takes it: 1-255 letters, digits, '_', '-' or '.', not
@@ -22,7 +24,7 @@ public:
 	bool ok() const { return ok_; }
 
 private:
-	int home_ = -1;
+	kel::UniqueFd home_;	// where the thread was, while it is elsewhere
 	bool ok_ = true;
 };
 

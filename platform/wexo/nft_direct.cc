@@ -17,6 +17,7 @@
 #include <libnftnl/udata.h>
 
 #include "nft_values.h"
+#include "owners.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -32,18 +33,12 @@ namespace {
 
 using Json = nlohmann::json;
 
-template <class T, void (*Free)(const T *)>
-struct Owned {
-	struct Del {
-		void operator()(T *p) const { Free(p); }
-	};
-	using Ptr = std::unique_ptr<T, Del>;
-};
-using TablePtr = Owned<nftnl_table, nftnl_table_free>::Ptr;
-using ChainPtr = Owned<nftnl_chain, nftnl_chain_free>::Ptr;
-using SetPtr = Owned<nftnl_set, nftnl_set_free>::Ptr;
-using RulePtr = Owned<nftnl_rule, nftnl_rule_free>::Ptr;
-using UdataPtr = Owned<nftnl_udata_buf, nftnl_udata_buf_free>::Ptr;
+using kel::Owned;
+using TablePtr = Owned<nftnl_table, nftnl_table_free>;
+using ChainPtr = Owned<nftnl_chain, nftnl_chain_free>;
+using SetPtr = Owned<nftnl_set, nftnl_set_free>;
+using RulePtr = Owned<nftnl_rule, nftnl_rule_free>;
+using UdataPtr = Owned<nftnl_udata_buf, nftnl_udata_buf_free>;
 
 // The messages of one batch, one after another in one buffer, between its begin and end.
 class Wire {

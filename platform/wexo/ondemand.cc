@@ -17,6 +17,7 @@
 #include "link_internal.h"
 #include "link_lock.h"
 #include "nft.h"
+#include "unique_fd.h"
 
 namespace {
 
@@ -52,7 +53,8 @@ wexo_status_t wexo_has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 	wexo_status_t st = uppers_in(h, h, -1, id, busy);
 	// The handle's namespace, as a descriptor the other namespaces can be asked about.
 	const int own = wexo_netns_fd(h);
-	const int home = own != -1 ? own : open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+	const kel::UniqueFd opened(own != -1 ? -1 : open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
+	const int home = own != -1 ? own : opened.get();
 	std::error_code ec;
 	for (const auto &entry : std::filesystem::directory_iterator("/run/netns", ec)) {
 		if (st != WEXO_STATUS_OK || *busy)
@@ -67,8 +69,6 @@ wexo_status_t wexo_has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 			st = uppers_in(other, h, homeid, id, busy);
 		wexo_close(other);
 	}
-	if (home != -1 && home != own)
-		close(home);
 	return st;
 }
 

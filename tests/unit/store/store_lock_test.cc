@@ -234,6 +234,39 @@ TEST_F(StoreLockTest, GuardReleasesOnScopeExit)
 	kel_db_close(h);
 }
 
+// A write scope's transaction is rolled back, unless committed, while the lock is still
+// held; the lock goes after it.
+TEST_F(StoreLockTest, WriteScopeRollsBackUnlessCommittedThenUnlocks)
+{
+	kel_dbhandle_t h = open(SQLITE_OPEN_READWRITE);
+	for (bool commit : {false, true}) {
+		{
+			kel::WriteScope write(h);
+			ASSERT_EQ(write.begin(), KEL_SUCCESS);
+			ASSERT_EQ(kel::exec(h->edh_db, "INSERT INTO misc_tbl (misc_name, misc_value) VALUES (?, ?)",
+			              {"probe", commit ? "kept" : "dropped"}),
+			    KEL_SUCCESS);
+			if (commit) {
+				ASSERT_EQ(write.commit(), KEL_SUCCESS);
+			}
+			EXPECT_FALSE(other_process_can_lock(lock_path(), F_WRLCK));
+		}
+		EXPECT_EQ(h->edh_cnt, 0);
+		EXPECT_TRUE(other_process_can_lock(lock_path(), F_WRLCK));
+		EXPECT_NE(sqlite3_get_autocommit(h->edh_db), 0);
+		int rows = 0;
+		ASSERT_EQ(kel::for_each_row(h->edh_db, "SELECT misc_value FROM misc_tbl WHERE misc_name = 'probe'", {},
+		              [&](kel::Statement &st) {
+			              EXPECT_STREQ(st.text(0), "kept");
+			              rows++;
+			              return KEL_SUCCESS;
+		              }),
+		    KEL_SUCCESS);
+		EXPECT_EQ(rows, commit ? 1 : 0);
+	}
+	kel_db_close(h);
+}
+
 TEST_F(StoreLockTest, FailedLockLeavesTheDepthAlone)
 {
 	kel_dbhandle_t h = open(SQLITE_OPEN_READWRITE);
@@ -244,6 +277,13 @@ TEST_F(StoreLockTest, FailedLockLeavesTheDepthAlone)
 	EXPECT_EQ(h->edh_cnt, 0);
 	kel::StoreLock guard(h);
 	EXPECT_EQ(guard.status(), EBADF * 256 + KEL_E_SYSTEM);
+	// A write scope without its lock begins nothing and answers the lock's failure.
+	{
+		kel::WriteScope write(h);
+		EXPECT_EQ(write.begin(), EBADF * 256 + KEL_E_SYSTEM);
+		EXPECT_NE(sqlite3_get_autocommit(h->edh_db), 0);
+	}
+	EXPECT_EQ(h->edh_cnt, 0);
 	::close(h->edh_fd);
 	h->edh_fd = real_fd;
 	kel_db_close(h);
