@@ -24,6 +24,8 @@ int help(const Subcommand &cmd, const Options &opts);
 	"priority=low|medium|high\t(default: medium)\n"
 #define KELADM_EXTENDED_PROP "NAME:NAME=TEXT\tone of your own: any name holding ':'\n"
 
+// One row a subcommand, laid out as a table.
+// clang-format off
 const Subcommand kSubcommands[] = {
 	{.name = "help", .usage = "[SUBCOMMAND]", .summary = "describe keladm or one of its subcommands",
 	    .options = kNone, .run = help, .example = "keladm help add-vport"},
@@ -170,6 +172,7 @@ const Subcommand kSubcommands[] = {
 	{.name = "check-store", .usage = "[--repair]", .summary = "check the store's invariants (--repair: put back what leaked)",
 	    .options = kRepair, .run = check_store, .example = "keladm check-store --repair"},
 };
+// clang-format on
 
 const Subcommand *find(const char *name)
 {

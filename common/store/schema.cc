@@ -20,6 +20,7 @@
 namespace kel::schema {
 
 // Column order is part of the file format: row readers read columns by position.
+// clang-format off
 const char *const kel_sqlstmts[] = {
 	"CREATE TABLE kel_tbl ("
 	"kel_uuid\t\tCHAR(36) PRIMARY KEY NOT NULL,"
@@ -101,6 +102,7 @@ const char *const kel_indexstmts[] = {
 	kMacKeyIndex,
 	nullptr,
 };
+// clang-format on
 
 int has_table(sqlite3 *db, const char *name, bool *found)
 {

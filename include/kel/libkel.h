@@ -242,6 +242,7 @@ typedef struct kel_prop_s {
 } kel_prop_t;
 
 /* Error codes: the reason in the low 8 bits. */
+/* clang-format off */
 #define KEL_SUCCESS                   0
 #define KEL_E_FAILED                  1
 #define KEL_E_CONTINUE                2
@@ -331,6 +332,7 @@ typedef struct kel_prop_s {
 #define KEL_ERR_REASON(code)          ((int)((unsigned int)(code) & 0xFFu))
 #define KEL_ERR_STATUS(code)          ((int)(code) >> 8)
 #define KEL_ERR_CODE(status, reason)  ((int)(status) * 256 + (int)(reason))
+/* clang-format on */
 
 /* The English message of each reason, indexed by reason. */
 extern const char *const kel_errlist[KEL_NUM_REASONS];
