@@ -18,5 +18,4 @@ inline constexpr const char *kAreaNuq = "common/libkel_nuq";
 
 }  // namespace kel
 
-#define KEL_ASSERT(area, expr) \
-	((expr) ? (void)0 : ::kel::assert_fail(#expr, (area), __LINE__))
+#define KEL_ASSERT(area, expr) ((expr) ? (void)0 : ::kel::assert_fail(#expr, (area), __LINE__))

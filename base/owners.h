@@ -29,7 +29,10 @@ namespace kel {
 template <auto Free>
 struct FreeWith {
 	template <class T>
-	void operator()(T *p) const { Free(p); }
+	void operator()(T *p) const
+	{
+		Free(p);
+	}
 };
 
 // Owned<kelcntl_KELError, kelcntl_KELError_free> err(raw);
@@ -68,11 +71,11 @@ inline int props_text(attrset_t *set, Text *out)
 // records and all.
 template <class T>
 struct ListOf;
-#define KEL_LIST_OF(T, node_member, free_list)                                   \
-	template <>                                                               \
-	struct ListOf<T> {                                                        \
-		static constexpr size_t node = offsetof(T, node_member);          \
-		static void free(list_t *l) { free_list(l); }                     \
+#define KEL_LIST_OF(T, node_member, free_list)                           \
+	template <>                                                      \
+	struct ListOf<T> {                                               \
+		static constexpr size_t node = offsetof(T, node_member); \
+		static void free(list_t *l) { free_list(l); }            \
 	};
 KEL_LIST_OF(kel_t, kel_node, kel_free_kellist)
 KEL_LIST_OF(kel_vport_t, evp_node, kel_free_vportlist)
@@ -265,8 +268,8 @@ public:
 	Hold(const Hold &) = delete;
 	Hold &operator=(const Hold &) = delete;
 
-	void arm() { armed_ = true; }	// the value is drawn
-	void keep() { armed_ = false; }	// the operation succeeded: the value stays drawn
+	void arm() { armed_ = true; }    // the value is drawn
+	void keep() { armed_ = false; }  // the operation succeeded: the value stays drawn
 
 private:
 	GiveBack give_back_;

@@ -27,7 +27,7 @@ bool make_dirs(const std::string &dir, mode_t mode)
 	if (slash != std::string::npos && slash != 0 && !make_dirs(dir.substr(0, slash), mode))
 		return false;
 	if (mkdir(dir.c_str(), mode) != 0)
-		return errno == EEXIST;	// made by someone else meanwhile: theirs to set
+		return errno == EEXIST;  // made by someone else meanwhile: theirs to set
 	return chmod(dir.c_str(), mode) == 0;
 }
 

@@ -12,9 +12,9 @@ inline constexpr const char *kEtcDir = "/etc/kel";
 inline constexpr const char *kDbFile = "/etc/kel/kel.db";
 inline constexpr const char *kLockFile = "/etc/kel/kel.lock";
 inline constexpr const char *kRunDir = "/run/kel";
-inline constexpr const char *kSocketFile = "/run/kel/keld.sock";	// keld's interfaces
-inline constexpr const char *kPidFile = "/run/kel/keld.pid";	// the running keld
-inline constexpr const char *kLinksDir = "/run/kel/links";	// link locks and kept link properties
+inline constexpr const char *kSocketFile = "/run/kel/keld.sock";  // keld's interfaces
+inline constexpr const char *kPidFile = "/run/kel/keld.pid";      // the running keld
+inline constexpr const char *kLinksDir = "/run/kel/links";        // link locks and kept link properties
 // What the fabric made on this host, a file per link: the VNICs bound through the
 // library, and the links made on demand under them. Only root writes there.
 inline constexpr const char *kVnicsDir = "/run/kel/vnics";
@@ -23,7 +23,7 @@ inline constexpr const char *kLowersDir = "/run/kel/lowers";
 inline constexpr const char *kAllowedMacsDir = "/run/kel/allowed-macs";
 // The namespaces the fabric named under /run/netns itself, one empty file each.
 inline constexpr const char *kAttachedNetnsDir = "/run/kel/netns";
-inline constexpr const char *kServiceDir = "/etc/kel/svc";	// service settings, a file per instance
+inline constexpr const char *kServiceDir = "/etc/kel/svc";  // service settings, a file per instance
 
 // `absolute` (a path beginning with "/") placed under the configured root.
 std::string under_root(const char *absolute);

@@ -68,7 +68,8 @@ int main(int argc, char **argv)
 	in_process();
 	kel_db_close(h);
 	const double in = median(inproc), out = median(socket);
-	std::printf("{\"ports\": %s, \"op\": \"bind_unbind\", \"inproc_us\": %.0f, \"socket_us\": %.0f, \"ratio\": %.2f}\n",
+	std::printf(
+	    "{\"ports\": %s, \"op\": \"bind_unbind\", \"inproc_us\": %.0f, \"socket_us\": %.0f, \"ratio\": %.2f}\n",
 	    argv[2], in, out, out / in);
 	return 0;
 }

@@ -63,8 +63,9 @@ int main(int argc, char **argv)
 			const auto t0 = std::chrono::steady_clock::now();
 			const int rc = work_once(store.get(), shape, text);
 			const double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-			std::printf("{\"shape\": \"%s\", \"names\": %d, \"text_bytes\": %zu, \"rc\": %d, \"s\": %.4f}\n",
-			    shape, n, text.size(), rc, s);
+			std::printf(
+			    "{\"shape\": \"%s\", \"names\": %d, \"text_bytes\": %zu, \"rc\": %d, \"s\": %.4f}\n", shape,
+			    n, text.size(), rc, s);
 			std::fflush(stdout);
 		}
 	}

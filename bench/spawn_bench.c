@@ -74,8 +74,8 @@ int main(int argc, char **argv)
 				const char *at = strstr(args[c][i], "%d");
 				argv_r[i] = args[c][i];
 				if (at != NULL) {
-					snprintf(text[i], sizeof(text[i]), "%.*s%d%s", (int)(at - args[c][i]), args[c][i], r,
-					    at + 2);
+					snprintf(text[i], sizeof(text[i]), "%.*s%d%s", (int)(at - args[c][i]),
+					    args[c][i], r, at + 2);
 					argv_r[i] = text[i];
 				}
 			}

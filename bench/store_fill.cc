@@ -43,8 +43,8 @@ int main(int argc, char **argv)
 		char uuid[KEL_UUID_TEXT_LEN], props[160];
 		std::snprintf(uuid, sizeof(uuid), "00000000-0000-4000-8000-%012d", i);
 		if (v6)
-			std::snprintf(props, sizeof(props), "ipaddr=fd00::%x:%x/64,macaddr=2:8:20:%x:%x:%x",
-			    i >> 16, i & 0xffff, (i >> 16) & 255, (i >> 8) & 255, i & 255);
+			std::snprintf(props, sizeof(props), "ipaddr=fd00::%x:%x/64,macaddr=2:8:20:%x:%x:%x", i >> 16,
+			    i & 0xffff, (i >> 16) & 255, (i >> 8) & 255, i & 255);
 		else
 			std::snprintf(props, sizeof(props), "ipaddr=10.%d.%d.%d/8,macaddr=2:8:20:%x:%x:%x",
 			    (i >> 16) & 255, (i >> 8) & 255, i & 255, (i >> 16) & 255, (i >> 8) & 255, i & 255);

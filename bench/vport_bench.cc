@@ -36,7 +36,10 @@ double median(std::vector<double> v)
 	return v.empty() ? 0 : v[v.size() / 2];
 }
 
-double since_us(Clock::time_point t0) { return std::chrono::duration<double, std::micro>(Clock::now() - t0).count(); }
+double since_us(Clock::time_point t0)
+{
+	return std::chrono::duration<double, std::micro>(Clock::now() - t0).count();
+}
 
 // The floor under every store write: one durable one-row commit, with the store's own
 // settings (rollback journal, synchronous FULL), in a file beside the store.
@@ -93,13 +96,19 @@ Cost run(int n, const std::function<int(int)> &op)
 	return cost;
 }
 
-std::string port(int i) { return "p" + std::to_string(i); }
-std::string vnic(int i) { return "vn" + std::to_string(i); }
+std::string port(int i)
+{
+	return "p" + std::to_string(i);
+}
+std::string vnic(int i)
+{
+	return "vn" + std::to_string(i);
+}
 
 void print(int n, const char *op, Cost c)
 {
-	std::printf("{\"ports\": %d, \"op\": \"%s\", \"start_us\": %.1f, \"end_us\": %.1f, \"median_us\": %.1f}\n",
-	    n, op, c.start_us, c.end_us, c.median_us);
+	std::printf("{\"ports\": %d, \"op\": \"%s\", \"start_us\": %.1f, \"end_us\": %.1f, \"median_us\": %.1f}\n", n,
+	    op, c.start_us, c.end_us, c.median_us);
 	std::fflush(stdout);
 }
 
@@ -138,18 +147,17 @@ int main(int argc, char **argv)
 			return kel_db_add_vport(h, "sys-global", "web", port(i).c_str(), nullptr, nullptr, 0);
 		});
 		print(n, "add", add);
-		std::printf("{\"ports\": %d, \"op\": \"raw_commit\", \"median_us\": %.1f, \"add_ratio\": %.2f}\n", n, raw,
-		    add.median_us / raw);
+		std::printf("{\"ports\": %d, \"op\": \"raw_commit\", \"median_us\": %.1f, \"add_ratio\": %.2f}\n", n,
+		    raw, add.median_us / raw);
 		print(n, "bind", run(n, [&](int i) {
 			kel_t *bound = nullptr;
-			const int rc = kel_db_assign_vport(h, "sys-global", "web", port(i).c_str(),
-			    vnic(i).c_str(), "h1", nullptr, &bound);
+			const int rc = kel_db_assign_vport(h, "sys-global", "web", port(i).c_str(), vnic(i).c_str(),
+			    "h1", nullptr, &bound);
 			kel_free_kel(bound);
 			return rc;
 		}));
-		print(n, "unbind", run(n, [&](int i) {
-			return kel_db_unassign_vport(h, vnic(i).c_str(), "h1", nullptr);
-		}));
+		print(n, "unbind",
+		    run(n, [&](int i) { return kel_db_unassign_vport(h, vnic(i).c_str(), "h1", nullptr); }));
 		list_t list;
 		const Cost listing = run(1, [&](int) {
 			const int rc = kel_db_get_filtered_vportlist(h, "", &list, 0);

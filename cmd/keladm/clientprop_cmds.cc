@@ -25,7 +25,8 @@ int show_clientprop(const Subcommand &cmd, const Options &opts)
 	if (!out.configure(cmd.fields, opts.fields, opts.format))
 		return kExitUsage;
 	kel::RecordList<kel_togprop_t> settings;
-	int rc = settings.read([&](list_t *l) { return kel_get_client_togprop(opts.operands.empty() ? nullptr : opts.operands[0], l); });
+	int rc = settings.read(
+	    [&](list_t *l) { return kel_get_client_togprop(opts.operands.empty() ? nullptr : opts.operands[0], l); });
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list client properties", rc);
 	for (kel_togprop_t *p : settings)

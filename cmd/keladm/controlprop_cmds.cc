@@ -44,7 +44,8 @@ int show_controlprop(const Subcommand &cmd, const Options &opts)
 		return kExitFailed;
 	kel::RecordList<kel_ctrlprop_t> rows;
 	int rc = rows.read([&](list_t *l) {
-		return kel_db_get_ctrlprop(store.get(), opts.operands.empty() ? nullptr : opts.operands[0], opts.host, l);
+		return kel_db_get_ctrlprop(store.get(), opts.operands.empty() ? nullptr : opts.operands[0], opts.host,
+		    l);
 	});
 	if (rc != KEL_SUCCESS)
 		return fail("cannot list controller properties", rc);

@@ -20,7 +20,7 @@ constexpr size_t kAskedAtOnce = 16;
 
 struct HostRow {
 	std::string host;
-	int rc = KEL_SUCCESS;	// why the host's keld did not answer
+	int rc = KEL_SUCCESS;  // why the host's keld did not answer
 	kel_hostinfo_t info{};
 };
 
@@ -40,7 +40,8 @@ std::string host_field(const HostRow &row, size_t field)
 	default:
 		if (!up)
 			return message(row.rc);
-		return checked && i.ehi_controller_rc != KEL_SUCCESS ? "controller: " + message(i.ehi_controller_rc) : "";
+		return checked && i.ehi_controller_rc != KEL_SUCCESS ? "controller: " + message(i.ehi_controller_rc)
+		                                                     : "";
 	}
 }
 
@@ -77,7 +78,8 @@ void ask_hosts(std::span<HostRow> rows, bool check = true)
 int known_hosts(kel_dbhandle_t h, std::set<std::string> *out)
 {
 	kel::RecordList<kel_ctrlprop_t> props;
-	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); }); rc != KEL_SUCCESS)
+	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); });
+	    rc != KEL_SUCCESS)
 		return rc;
 	for (kel_ctrlprop_t *p : props)
 		if (*p->ecp_host != '\0')
@@ -126,11 +128,12 @@ void say_silent_hosts(kel_dbhandle_t h, const Options &opts, const std::string &
 	for (const std::string &host : silent)
 		list += (list.empty() ? "" : ", ") + host;
 	if (silent.empty())
-		std::fprintf(stderr, "keladm: every host of it answers now: a host's link refused the change (its keld's "
-		                     "log says why)\n");
+		std::fprintf(stderr,
+		    "keladm: every host of it answers now: a host's link refused the change (its keld's "
+		    "log says why)\n");
 	else
-		std::fprintf(stderr, "keladm: host%s that did not answer: %s; %s once %s back\n", silent.size() > 1 ? "s" : "",
-		    list.c_str(), redo, silent.size() > 1 ? "they are" : "it is");
+		std::fprintf(stderr, "keladm: host%s that did not answer: %s; %s once %s back\n",
+		    silent.size() > 1 ? "s" : "", list.c_str(), redo, silent.size() > 1 ? "they are" : "it is");
 }
 
 int show_host(const Subcommand &cmd, const Options &opts)
@@ -174,7 +177,8 @@ int show_host(const Subcommand &cmd, const Options &opts)
 	out.print();
 	// A host that does not answer, or cannot reach its controller, is a failure to report.
 	const bool sound = std::all_of(rows.begin(), rows.end(), [](const HostRow &r) {
-		return r.rc == KEL_SUCCESS && (r.info.ehi_controller_rc == KEL_SUCCESS || r.info.ehi_controller_rc == KEL_E_NOTSUP);
+		return r.rc == KEL_SUCCESS &&
+		    (r.info.ehi_controller_rc == KEL_SUCCESS || r.info.ehi_controller_rc == KEL_E_NOTSUP);
 	});
 	return sound ? kExitOk : kExitFailed;
 }

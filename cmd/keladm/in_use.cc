@@ -51,7 +51,8 @@ void say_outside_pool(kel_dbhandle_t h, const Options &opts, const std::string &
 	auto each = [](const kel_vport_t *vp, void *arg) {
 		const std::string ip = prop(vp->evp_props, "ipaddr");
 		if (!ip.empty())
-			static_cast<Outside *>(arg)->add(ip.substr(0, ip.find('/')), std::string("vport ") + vp->evp_name);
+			static_cast<Outside *>(arg)->add(ip.substr(0, ip.find('/')),
+			    std::string("vport ") + vp->evp_name);
 		return 0;
 	};
 	if (kel_db_walk_vports(h, filter, 0, each, &out) == KEL_SUCCESS)
@@ -77,7 +78,8 @@ void say_outside_ids(kel_dbhandle_t h, const std::string &setting)
 	Outside out(&range);
 	for (kel_t *k : kels)
 		if (prop(k->kel_props, "l2-type") == (vxlan ? "vxlan" : "vlan"))
-			out.add(prop(k->kel_props, vxlan ? "vni" : "vlanid"), std::string("kel ") + k->kel_tenantname + "/" + k->kel_name);
+			out.add(prop(k->kel_props, vxlan ? "vni" : "vlanid"),
+			    std::string("kel ") + k->kel_tenantname + "/" + k->kel_name);
 	out.say(vxlan ? "VNIs" : "VLAN IDs", text);
 }
 

@@ -40,12 +40,11 @@ int add_ipnet(const Subcommand &cmd, const Options &opts)
 	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	kel_ipnet_t *made = nullptr;
-	int rc = kel_db_add_ipnet(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(),
-	    opts.props.c_str(), &made, KEL_NAME_DASH_OK);
+	int rc = kel_db_add_ipnet(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(), opts.props.c_str(),
+	    &made, KEL_NAME_DASH_OK);
 	kel::Owned<kel_ipnet_t, kel_free_ipnet> ip(made);
 	kel::RecordList<kel_ipnet_t> there;
-	if (rc == KEL_E_EXISTS && opts.may_exist &&
-	    there.read([&](list_t *l) {
+	if (rc == KEL_E_EXISTS && opts.may_exist && there.read([&](list_t *l) {
 		    return kel_db_get_ipnetlist(store.get(), opts.tenant.c_str(), kel.c_str(), name.c_str(), l, 0);
 	    }) == KEL_SUCCESS) {
 		// The one there is what a script goes on with.
@@ -61,8 +60,8 @@ int add_ipnet(const Subcommand &cmd, const Options &opts)
 		out.add_with([&](size_t f) { return ipnet_field(ip.get(), f); });
 		out.print();
 	} else {
-		std::printf("added ipnet %s/%s (%s, router %s, pool %s)\n", kel.c_str(), ip->ei_name,
-		    ip->ei_subnet, prop(ip->ei_props, "defrouter").c_str(), prop(ip->ei_props, "pool").c_str());
+		std::printf("added ipnet %s/%s (%s, router %s, pool %s)\n", kel.c_str(), ip->ei_name, ip->ei_subnet,
+		    prop(ip->ei_props, "defrouter").c_str(), prop(ip->ei_props, "pool").c_str());
 	}
 	return kExitOk;
 }
@@ -80,7 +79,8 @@ int remove_ipnet(const Subcommand &cmd, const Options &opts)
 	if (opts.if_exists && (rc == KEL_E_IPNET_NOTFOUND || rc == KEL_E_KEL_NOTFOUND))
 		return kExitOk;
 	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts, "cannot remove ipnet '" + kel + "/" + name + "'", rc, kel, "ipnet", name);
+		return fail_here(store.get(), opts, "cannot remove ipnet '" + kel + "/" + name + "'", rc, kel, "ipnet",
+		    name);
 	return kExitOk;
 }
 
@@ -97,7 +97,8 @@ int show_ipnet(const Subcommand &cmd, const Options &opts)
 		return kExitFailed;
 	kel::RecordList<kel_ipnet_t> nets;
 	const std::string tenant = listed_tenant(opts);
-	int rc = nets.read([&](list_t *l) { return kel_db_get_ipnetlist(store.get(), tenant.c_str(), kel, name, l, 0); });
+	int rc = nets.read(
+	    [&](list_t *l) { return kel_db_get_ipnetlist(store.get(), tenant.c_str(), kel, name, l, 0); });
 	if (rc == KEL_E_IPNET_NOTFOUND && opts.operands.empty()) {
 		out.print();
 		return kExitOk;

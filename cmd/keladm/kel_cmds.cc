@@ -54,8 +54,8 @@ void say_bound_ports(kel_dbhandle_t h, const Options &opts, const std::string &k
 	auto each = [](const kel_vport_t *vp, void *arg) {
 		if (vp->evp_status == VPORT_STATUS_USED) {
 			std::string &l = *static_cast<std::string *>(arg);
-			l += (l.empty() ? "" : ", ") + std::string(vp->evp_name) + " (VNIC " + vp->evp_vnicname + " on " +
-			    vp->evp_hostname + ")";
+			l += (l.empty() ? "" : ", ") + std::string(vp->evp_name) + " (VNIC " + vp->evp_vnicname +
+			    " on " + vp->evp_hostname + ")";
 		}
 		return 0;
 	};
@@ -153,8 +153,8 @@ int sync_flood(const Subcommand &cmd, const Options &opts)
 		return kExitFailed;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts, std::string("cannot join every host of kel '") + opts.operands[0] + "'",
-		    rc, opts.operands[0]);
+		return fail_here(store.get(), opts,
+		    std::string("cannot join every host of kel '") + opts.operands[0] + "'", rc, opts.operands[0]);
 	return kExitOk;
 }
 
@@ -181,12 +181,14 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts, "cannot list kels", rc, opts.operands.size() == 1 ? opts.operands[0] : "");
+		return fail_here(store.get(), opts, "cannot list kels", rc,
+		    opts.operands.size() == 1 ? opts.operands[0] : "");
 	// The ports' names, read one port at a time and only for the column that lists them.
 	std::unordered_map<std::string, std::string> vports;
 	if (out.shows("vports")) {
 		auto each = [](const kel_vport_t *vp, void *arg) {
-			std::string &names = (*static_cast<std::unordered_map<std::string, std::string> *>(arg))[uuid_key(vp->evp_keluuid)];
+			std::string &names = (*static_cast<std::unordered_map<std::string, std::string> *>(
+			    arg))[uuid_key(vp->evp_keluuid)];
 			names += (names.empty() ? "" : ",") + std::string(vp->evp_name);
 			return 0;
 		};

@@ -18,14 +18,13 @@ inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;
 inline constexpr int kExitUsage = 2;
 
-
 struct Options;
 
 struct Subcommand {
 	const char *name;
-	const char *usage;	// operands and options after the name
-	const char *summary;	// one line for the overview
-	unsigned options;	// the OptionSet it takes; the dispatcher parses them
+	const char *usage;    // operands and options after the name
+	const char *summary;  // one line for the overview
+	unsigned options;     // the OptionSet it takes; the dispatcher parses them
 	int (*run)(const Subcommand &cmd, const Options &opts);
 	// What `keladm help NAME` adds: the fields -o chooses from (what the command prints,
 	// in order), the properties it takes ("name=VALUES" then what they mean, one a line)
@@ -37,33 +36,32 @@ struct Subcommand {
 
 // What each listing prints, in order: the fields -o chooses from. Create and add commands
 // print the new object with its listing's fields.
-inline constexpr Field kKelFields[] = {{"name"}, {"tenant"}, {"l2type"}, {"id", Kind::Number}, {"status"},
-    {"uuid"}, {"vports", Kind::List}};
+inline constexpr Field kKelFields[] = {{"name"}, {"tenant"}, {"l2type"}, {"id", Kind::Number}, {"status"}, {"uuid"},
+    {"vports", Kind::List}};
 inline constexpr Field kIpnetFields[] = {{"name"}, {"kel"}, {"tenant"}, {"subnet"}, {"defrouter"}, {"pool"},
     {"available"}};
 // A port's counters are its VNICs' in all, asked of its host: only when -o names them.
-inline constexpr Field kVportFields[] = {{"name"}, {"kel"}, {"tenant"}, {"status"}, {"host"}, {"vnic"},
-    {"ipaddr"}, {"macaddr"}, {"uuid"}, {"ipackets", Kind::Number, true}, {"rbytes", Kind::Number, true},
+inline constexpr Field kVportFields[] = {{"name"}, {"kel"}, {"tenant"}, {"status"}, {"host"}, {"vnic"}, {"ipaddr"},
+    {"macaddr"}, {"uuid"}, {"ipackets", Kind::Number, true}, {"rbytes", Kind::Number, true},
     {"opackets", Kind::Number, true}, {"obytes", Kind::Number, true}};
 inline constexpr Field kClientpropFields[] = {{"property"}, {"permission"}, {"value"}, {"default"}};
-inline constexpr Field kControlpropFields[] = {{"property"}, {"host"}, {"permission"}, {"value"},
-    {"default"}, {"vlan-range"}, {"vxlan-range"}, {"flat", Kind::Flag}};
+inline constexpr Field kControlpropFields[] = {{"property"}, {"host"}, {"permission"}, {"value"}, {"default"},
+    {"vlan-range"}, {"vxlan-range"}, {"flat", Kind::Flag}};
 // The property listings name their objects' tenant only with -T all (or when asked).
-inline constexpr Field kKelpropFields[] = {{"kel"}, {"tenant", Kind::Text, true}, {"property"},
-    {"permission"}, {"value"}, {"default"}, {"possible", Kind::List}};
-inline constexpr Field kVportpropFields[] = {{"vport"}, {"tenant", Kind::Text, true}, {"property"},
-    {"permission"}, {"value"}, {"default"}, {"possible", Kind::List}};
-inline constexpr Field kIpnetpropFields[] = {{"ipnet"}, {"tenant", Kind::Text, true}, {"property"},
-    {"permission"}, {"value"}, {"default"}, {"possible", Kind::List}};
-inline constexpr Field kHostFields[] = {{"host"}, {"answers", Kind::Flag}, {"version"},
-    {"uptime", Kind::Number}, {"reloads", Kind::Number}, {"controller"}, {"reaches", Kind::Flag},
-    {"problem"}};
+inline constexpr Field kKelpropFields[] = {{"kel"}, {"tenant", Kind::Text, true}, {"property"}, {"permission"},
+    {"value"}, {"default"}, {"possible", Kind::List}};
+inline constexpr Field kVportpropFields[] = {{"vport"}, {"tenant", Kind::Text, true}, {"property"}, {"permission"},
+    {"value"}, {"default"}, {"possible", Kind::List}};
+inline constexpr Field kIpnetpropFields[] = {{"ipnet"}, {"tenant", Kind::Text, true}, {"property"}, {"permission"},
+    {"value"}, {"default"}, {"possible", Kind::List}};
+inline constexpr Field kHostFields[] = {{"host"}, {"answers", Kind::Flag}, {"version"}, {"uptime", Kind::Number},
+    {"reloads", Kind::Number}, {"controller"}, {"reaches", Kind::Flag}, {"problem"}};
 inline constexpr Field kUsageFields[] = {{"resource"}, {"owner"}, {"range"}, {"total", Kind::Number},
     {"used", Kind::Number}, {"free", Kind::Number}, {"percent", Kind::Decimal}, {"high", Kind::Flag}};
 inline constexpr Field kDriftFields[] = {{"object"}, {"host"}, {"what"}, {"store"}, {"found"},
     {"repaired", Kind::Flag}};
-inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"},
-    {"lower"}, {"mtu", Kind::Number}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
+inline constexpr Field kVnicFields[] = {{"vnic"}, {"kel"}, {"vport"}, {"tenant"}, {"macaddr"}, {"ipaddr"}, {"lower"},
+    {"mtu", Kind::Number}, {"ipackets", Kind::Number}, {"rbytes", Kind::Number}, {"opackets", Kind::Number},
     {"obytes", Kind::Number}, {"container"}};
 
 // The text of a library code in keladm's words: the library's message, but for the few
@@ -85,39 +83,39 @@ int usage_error(const Subcommand &cmd, const std::string &problem);
 // The options every subcommand may take, as parsed by parse_options.
 struct Options {
 	std::string tenant = KEL_DEFAULT_TENANT;
-	bool all_tenants = false;	// -T all (show commands): every tenant's objects
-	const char *host = nullptr;	// -h host (controller properties)
-	std::string props;	// -p name=value,... (subcommands that change things)
-	std::string fields;	// -o field,...
-	Format format = Format::Table;	// -p / --parseable, --json
-	bool echo = false;	// create and add: print the new object's fields, not a sentence
-	std::string names;	// -P name,...
-	bool force = false;	// -f
-	bool macvtap = false;	// --macvtap (create-vnic)
-	bool address = false;	// --address (create-vnic)
-	bool default_route = false;	// --default-route (create-vnic)
-	bool may_exist = false;	// --may-exist: an object of that name is success
-	bool if_exists = false;	// --if-exists: no such object is success
-	bool repair = false;	// --repair (check-store)
-	double threshold = 90;	// --threshold PERCENT (show-usage): what counts as nearly full
+	bool all_tenants = false;       // -T all (show commands): every tenant's objects
+	const char *host = nullptr;     // -h host (controller properties)
+	std::string props;              // -p name=value,... (subcommands that change things)
+	std::string fields;             // -o field,...
+	Format format = Format::Table;  // -p / --parseable, --json
+	bool echo = false;              // create and add: print the new object's fields, not a sentence
+	std::string names;              // -P name,...
+	bool force = false;             // -f
+	bool macvtap = false;           // --macvtap (create-vnic)
+	bool address = false;           // --address (create-vnic)
+	bool default_route = false;     // --default-route (create-vnic)
+	bool may_exist = false;         // --may-exist: an object of that name is success
+	bool if_exists = false;         // --if-exists: no such object is success
+	bool repair = false;            // --repair (check-store)
+	double threshold = 90;          // --threshold PERCENT (show-usage): what counts as nearly full
 	std::span<char *> operands;
 };
 
 // Which options a subcommand takes (always --help).
 enum OptionSet : unsigned {
 	kNone = 0,
-	kTenant = 1,		// -T tenant (-T all with kShow)
-	kChange = 2,		// -p name=value,...
-	kShow = 4,		// -o fields, -p / --parseable, --json
-	kEcho = 8,		// -o fields, --parseable, --json: print what was made
-	kHost = 16,		// -h host (and no -h for help; --help still works)
-	kForce = 32,		// -f: go on although the object is in use
-	kNames = 64,		// -P name,...: which properties to show
-	kVnic = 128,		// --macvtap, --address: how a VNIC is made
-	kMayExist = 256,	// --may-exist
-	kIfExists = 512,	// --if-exists
-	kRepair = 1024,		// --repair
-	kThreshold = 2048,	// --threshold PERCENT
+	kTenant = 1,        // -T tenant (-T all with kShow)
+	kChange = 2,        // -p name=value,...
+	kShow = 4,          // -o fields, -p / --parseable, --json
+	kEcho = 8,          // -o fields, --parseable, --json: print what was made
+	kHost = 16,         // -h host (and no -h for help; --help still works)
+	kForce = 32,        // -f: go on although the object is in use
+	kNames = 64,        // -P name,...: which properties to show
+	kVnic = 128,        // --macvtap, --address: how a VNIC is made
+	kMayExist = 256,    // --may-exist
+	kIfExists = 512,    // --if-exists
+	kRepair = 1024,     // --repair
+	kThreshold = 2048,  // --threshold PERCENT
 };
 
 // Parses `args` for subcommand `cmd`: options may stand before, between and after the
@@ -172,8 +170,8 @@ inline std::string listed_tenant(const Options &opts)
 // fail(what, code), and when the code says the object named is not in the tenant given,
 // a second line naming the tenants that do have it. `member_key` ("vport", "ipnet") and
 // `member` name a member of switch `kel`; NULL and "" for the switch itself.
-int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, int code,
-    const std::string &kel, const char *member_key = nullptr, const std::string &member = "");
+int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, int code, const std::string &kel,
+    const char *member_key = nullptr, const std::string &member = "");
 
 // Of `hosts`, those whose keld does not answer now (several are asked at once).
 std::vector<std::string> hosts_not_answering(const std::set<std::string> &hosts);
@@ -196,12 +194,11 @@ struct Member {
 using MemberParser = boolean_t (*)(const char *text, char *kel, char *name);
 
 // The one operand a change subcommand takes, as KEL/<what>; false after a usage message.
-bool one_member(const Subcommand &cmd, const Options &opts, MemberParser parse, const char *what,
-    Member *out);
+bool one_member(const Subcommand &cmd, const Options &opts, MemberParser parse, const char *what, Member *out);
 // The optional operand of a show subcommand: "KEL" or "KEL/<what>" ("" for what is not
 // given); false after a usage message.
-bool member_selection(const Subcommand &cmd, const Options &opts, MemberParser parse,
-    const char *what, char (&kel)[KEL_NAME_LEN], char (&name)[KEL_NAME_LEN]);
+bool member_selection(const Subcommand &cmd, const Options &opts, MemberParser parse, const char *what,
+    char (&kel)[KEL_NAME_LEN], char (&name)[KEL_NAME_LEN]);
 
 // A string property of a record's set ("" when it has none).
 inline std::string prop(attrset_t *props, const char *name)

@@ -5,8 +5,8 @@
 
 #include <sqlite3.h>
 
-#include "keladm.h"
 #include <kel/libkel.h>
+#include "keladm.h"
 #include "owners.h"
 #include "paths.h"
 
@@ -16,11 +16,11 @@ namespace {
 int help(const Subcommand &cmd, const Options &opts);
 
 // The property lines of `keladm help`: "NAME=VALUES", a tab, what it means.
-#define KELADM_LINK_PROPS                                                                       \
+#define KELADM_LINK_PROPS                                                                         \
 	"protection=WORD,...\tmac-nospoof, ip-nospoof, dhcp-nospoof, restricted, or none alone\n" \
-	"\t(default: mac-nospoof,ip-nospoof)\n"                                                     \
-	"maxbw=BANDWIDTH\ta bandwidth cap: 500 or 500M is 500 Mbit/s (no unit means Mbit/s);\n"     \
-	"\tK, M and G are decimal bits per second (1.5G is 1,500,000,000)\n"                        \
+	"\t(default: mac-nospoof,ip-nospoof)\n"                                                   \
+	"maxbw=BANDWIDTH\ta bandwidth cap: 500 or 500M is 500 Mbit/s (no unit means Mbit/s);\n"   \
+	"\tK, M and G are decimal bits per second (1.5G is 1,500,000,000)\n"                      \
 	"priority=low|medium|high\t(default: medium)\n"
 #define KELADM_EXTENDED_PROP "NAME:NAME=TEXT\tone of your own: any name holding ':'\n"
 
@@ -224,12 +224,12 @@ std::string message(int code)
 		int reason;
 		const char *words;
 	} kOwnWords[] = {
-		{KEL_E_INVALID_URI, "invalid URI (unix:// or ssh://[USER@]HOST[:PORT][/SOCKET])"},
-		{KEL_E_WEXO, "datalink error"},
-		{KEL_E_FENU, "IP interface error"},
-		{KEL_E_URI_NOTSUP, "URI not supported (unix:// or ssh:// only)"},
-		{KEL_E_NUQ, "remote call failed"},
-		{KEL_E_VUR, "service configuration error"},
+	    {KEL_E_INVALID_URI, "invalid URI (unix:// or ssh://[USER@]HOST[:PORT][/SOCKET])"},
+	    {KEL_E_WEXO, "datalink error"},
+	    {KEL_E_FENU, "IP interface error"},
+	    {KEL_E_URI_NOTSUP, "URI not supported (unix:// or ssh:// only)"},
+	    {KEL_E_NUQ, "remote call failed"},
+	    {KEL_E_VUR, "service configuration error"},
 	};
 	char buf[1024];
 	std::string text = kel_errmsg(code, buf, sizeof(buf));
@@ -245,7 +245,8 @@ const char *store_refusal(int code)
 {
 	if (code == KEL_E_DB_VERSION)
 		return "holds a newer schema than this keladm writes";
-	if (KEL_ERR_REASON(code) == KEL_E_SQL && (KEL_ERR_STATUS(code) == SQLITE_CORRUPT || KEL_ERR_STATUS(code) == SQLITE_NOTADB))
+	if (KEL_ERR_REASON(code) == KEL_E_SQL &&
+	    (KEL_ERR_STATUS(code) == SQLITE_CORRUPT || KEL_ERR_STATUS(code) == SQLITE_NOTADB))
 		return "is damaged, or is not a configuration store";
 	return nullptr;
 }
@@ -264,7 +265,8 @@ int fail(const std::string &what, int code)
 		if (setting.read([](list_t *l) { return kel_get_client_togprop("controller", l); }) == KEL_SUCCESS &&
 		    !setting.empty()) {
 			const char *uri = setting.front()->esp_propval;
-			std::fprintf(stderr, "keladm: this host's controller is %s%s%s (keladm set-clientprop controller=URI)\n",
+			std::fprintf(stderr,
+			    "keladm: this host's controller is %s%s%s (keladm set-clientprop controller=URI)\n",
 			    *uri ? "'" : "", *uri ? uri : "not set", *uri ? "'" : "");
 		}
 	}

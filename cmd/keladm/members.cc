@@ -8,8 +8,7 @@
 
 namespace keladm {
 
-bool one_member(const Subcommand &cmd, const Options &opts, MemberParser parse, const char *what,
-    Member *out)
+bool one_member(const Subcommand &cmd, const Options &opts, MemberParser parse, const char *what, Member *out)
 {
 	if (opts.operands.size() != 1) {
 		usage_error(cmd, std::string(cmd.name) + " takes one KEL/" + what);
@@ -25,8 +24,8 @@ bool one_member(const Subcommand &cmd, const Options &opts, MemberParser parse, 
 	return true;
 }
 
-bool member_selection(const Subcommand &cmd, const Options &opts, MemberParser parse,
-    const char *what, char (&kel)[KEL_NAME_LEN], char (&name)[KEL_NAME_LEN])
+bool member_selection(const Subcommand &cmd, const Options &opts, MemberParser parse, const char *what,
+    char (&kel)[KEL_NAME_LEN], char (&name)[KEL_NAME_LEN])
 {
 	kel[0] = name[0] = '\0';
 	if (opts.operands.size() > 1) {
@@ -53,8 +52,9 @@ std::set<std::string> tenants_of(kel_dbhandle_t h, const char *filter, const cha
 	std::set<std::string> out;
 	if (member_key == nullptr) {
 		kel::RecordList<kel_t> kels;
-		if (kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_NO_MEMBERS); }) ==
-		    KEL_SUCCESS)
+		if (kels.read([&](list_t *l) {
+			    return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_NO_MEMBERS);
+		    }) == KEL_SUCCESS)
 			for (kel_t *k : kels)
 				out.insert(k->kel_tenantname);
 	} else if (std::string(member_key) == "vport") {
@@ -96,9 +96,10 @@ int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, in
 	std::string list;
 	for (const std::string &t : tenants)
 		list += (list.empty() ? "" : ", ") + t;
-	const std::string object = member_key ? std::string(member_key) + " '" + kel + "/" + member + "'" : "kel '" + kel + "'";
-	std::fprintf(stderr, "keladm: %s is in tenant%s %s: give -T %s\n", object.c_str(), tenants.size() > 1 ? "s" : "",
-	    list.c_str(), tenants.size() > 1 ? "TENANT" : tenants.begin()->c_str());
+	const std::string object = member_key ? std::string(member_key) + " '" + kel + "/" + member + "'"
+	                                      : "kel '" + kel + "'";
+	std::fprintf(stderr, "keladm: %s is in tenant%s %s: give -T %s\n", object.c_str(),
+	    tenants.size() > 1 ? "s" : "", list.c_str(), tenants.size() > 1 ? "TENANT" : tenants.begin()->c_str());
 	return kExitFailed;
 }
 

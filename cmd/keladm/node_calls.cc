@@ -23,10 +23,10 @@ bool load_node_calls()
 		std::fprintf(stderr, "keladm: cannot load the node side: %s\n", dlerror());
 		return false;
 	}
-#define KELADM_NODE_LOAD(name)                                                              \
+#define KELADM_NODE_LOAD(name)                                                                     \
 	if ((calls.name = reinterpret_cast<decltype(calls.name)>(dlsym(lib, #name))) == nullptr) { \
-		std::fprintf(stderr, "keladm: the node side lacks %s: %s\n", #name, dlerror());         \
-		return false;                                                                         \
+		std::fprintf(stderr, "keladm: the node side lacks %s: %s\n", #name, dlerror());    \
+		return false;                                                                      \
 	}
 	KELADM_NODE_CALLS(KELADM_NODE_LOAD)
 #undef KELADM_NODE_LOAD

@@ -37,22 +37,22 @@ struct OptionDoc {
 };
 
 constexpr OptionDoc kOptionDocs[] = {
-	{kTenant, "-T TENANT", "the tenant meant (default: " KEL_DEFAULT_TENANT "; show commands: all)"},
-	{kChange, "-p PROP=VALUE,...", "properties, as listed below"},
-	{kHost, "-h HOST", "for this host only (default: the whole fabric)"},
-	{kForce, "-f", "remove-vport: even while bound; reset-vport: without asking the host"},
-	{kNames, "-P PROP,...", "only these properties"},
-	{kVnic, "--macvtap", "make a macvtap, for a virtual machine (default: a macvlan)"},
-	{kVnic, "--address", "give the VNIC the port's address, and a default route if there is none"},
-	{kVnic, "--default-route", "with --address: the network's router replaces the default route"},
-	{kMayExist, "--may-exist", "an object of that name already there is success, not an error"},
-	{kIfExists, "--if-exists", "no such object is success, not an error"},
-	{kRepair, "--repair", "put back what an older version leaked"},
-	{kThreshold, "--threshold PERCENT", "flag what is used this much or more (default: 90)"},
-	{kShow | kEcho, "-o FIELD,...", "the fields to print, in this order (fields below)"},
-	{kShow, "-p, --parseable", "one line per object, fields joined by ':' (escaped as \\: when more than one)"},
-	{kEcho, "--parseable", "print the new object as show's -p does, not as a sentence"},
-	{kShow | kEcho, "--json", "a JSON array: numbers, lists, true/false as such; null where absent"},
+    {kTenant, "-T TENANT", "the tenant meant (default: " KEL_DEFAULT_TENANT "; show commands: all)"},
+    {kChange, "-p PROP=VALUE,...", "properties, as listed below"},
+    {kHost, "-h HOST", "for this host only (default: the whole fabric)"},
+    {kForce, "-f", "remove-vport: even while bound; reset-vport: without asking the host"},
+    {kNames, "-P PROP,...", "only these properties"},
+    {kVnic, "--macvtap", "make a macvtap, for a virtual machine (default: a macvlan)"},
+    {kVnic, "--address", "give the VNIC the port's address, and a default route if there is none"},
+    {kVnic, "--default-route", "with --address: the network's router replaces the default route"},
+    {kMayExist, "--may-exist", "an object of that name already there is success, not an error"},
+    {kIfExists, "--if-exists", "no such object is success, not an error"},
+    {kRepair, "--repair", "put back what an older version leaked"},
+    {kThreshold, "--threshold PERCENT", "flag what is used this much or more (default: 90)"},
+    {kShow | kEcho, "-o FIELD,...", "the fields to print, in this order (fields below)"},
+    {kShow, "-p, --parseable", "one line per object, fields joined by ':' (escaped as \\: when more than one)"},
+    {kEcho, "--parseable", "print the new object as show's -p does, not as a sentence"},
+    {kShow | kEcho, "--json", "a JSON array: numbers, lists, true/false as such; null where absent"},
 };
 
 // Calls fn with each line of `text`, without its newline.
@@ -114,7 +114,7 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 
 	bool parseable = false, json = false;
 	*help = false;
-	optind = 0;	// start afresh: rescans from args[1]
+	optind = 0;  // start afresh: rescans from args[1]
 	opterr = 0;
 	int c;
 	while ((c = getopt_long(static_cast<int>(args.size()), args.data(), optstring.c_str(), longs.data(),
@@ -145,7 +145,8 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 			char *end = nullptr;
 			opts->threshold = std::strtod(optarg, &end);
 			if (end == optarg || *end != '\0' || !(opts->threshold >= 0 && opts->threshold <= 100))
-				return refuse(cmd, std::string("--threshold takes a percentage from 0 to 100, not '") + optarg + "'");
+				return refuse(cmd,
+				    std::string("--threshold takes a percentage from 0 to 100, not '") + optarg + "'");
 			break;
 		}
 		case 'P': opts->names = optarg; break;
@@ -166,11 +167,13 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 			[[fallthrough]];
 		case kOptHelp: *help = true; return true;
 		case ':':
-			return refuse(cmd, optopt ? std::string("option -") + static_cast<char>(optopt) + " needs a value"
-			                          : std::string("option ") + args[optind - 1] + " needs a value");
+			return refuse(cmd,
+			    optopt ? std::string("option -") + static_cast<char>(optopt) + " needs a value"
+			           : std::string("option ") + args[optind - 1] + " needs a value");
 		default:
-			return refuse(cmd, optopt ? std::string("unknown option -") + static_cast<char>(optopt)
-			                          : std::string("unknown option ") + args[optind - 1]);
+			return refuse(cmd,
+			    optopt ? std::string("unknown option -") + static_cast<char>(optopt)
+			           : std::string("unknown option ") + args[optind - 1]);
 		}
 	}
 	// Two ways to print are one too many: say so rather than pick one.
@@ -223,14 +226,18 @@ int open_store(kel::StoreHandle *store, bool write, bool report)
 	// Say where, and the two causes an operator meets most in words of their own.
 	const std::string path = kel::paths::under_root(kel::paths::kDbFile);
 	if (!kel_db_exists())
-		std::fprintf(stderr, "keladm: no configuration store at %s: this host is not the controller, "
-		                     "or keladm create-store has not made it yet\n", path.c_str());
+		std::fprintf(stderr,
+		    "keladm: no configuration store at %s: this host is not the controller, "
+		    "or keladm create-store has not made it yet\n",
+		    path.c_str());
 	else if (access(path.c_str(), write ? R_OK | W_OK : R_OK) != 0 && errno == EACCES)
-		std::fprintf(stderr, "keladm: cannot open the configuration store %s: permission denied: "
-		                     "run keladm as root\n", path.c_str());
+		std::fprintf(stderr,
+		    "keladm: cannot open the configuration store %s: permission denied: "
+		    "run keladm as root\n",
+		    path.c_str());
 	else if (const char *why = store_refusal(rc))
-		std::fprintf(stderr, "keladm: cannot open the configuration store %s: it %s (%s)\n", path.c_str(),
-		    why, message(rc).c_str());
+		std::fprintf(stderr, "keladm: cannot open the configuration store %s: it %s (%s)\n", path.c_str(), why,
+		    message(rc).c_str());
 	else
 		fail("cannot open the configuration store " + path, rc);
 	return rc;

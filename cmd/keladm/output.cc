@@ -87,7 +87,7 @@ std::string json_string(std::string_view v)
 
 bool whole_number(std::string_view v)
 {
-	if (v.empty() || v.size() > 39)	// 2^128 has 39 digits: address counts reach that
+	if (v.empty() || v.size() > 39)  // 2^128 has 39 digits: address counts reach that
 		return false;
 	for (char c : v)
 		if (c < '0' || c > '9')
@@ -115,7 +115,8 @@ std::string json_value(Kind kind, std::string_view v)
 		const size_t dot = v.find('.');
 		const bool ok = whole_number(v.substr(0, dot)) &&
 		    (dot == std::string_view::npos ||
-		        (dot + 1 < v.size() && v.substr(dot + 1).find_first_not_of("0123456789") == std::string_view::npos));
+		        (dot + 1 < v.size() &&
+		            v.substr(dot + 1).find_first_not_of("0123456789") == std::string_view::npos));
 		return ok ? std::string(v) : "null";
 	}
 	if (kind == Kind::Flag)
@@ -239,7 +240,8 @@ void Output::print() const
 		const bool escape = columns_.size() > 1;
 		each_row([&](const std::vector<std::string_view> &row) {
 			for (size_t c = 0; c < columns_.size(); c++)
-				std::printf("%s%s", c ? ":" : "", escape ? escape_colons(row[c]).c_str() : std::string(row[c]).c_str());
+				std::printf("%s%s", c ? ":" : "",
+				    escape ? escape_colons(row[c]).c_str() : std::string(row[c]).c_str());
 			std::printf("\n");
 		});
 		return;

@@ -14,17 +14,17 @@ enum class Format { Table, Parseable, Json };
 // What a field's text stands for, so that --json can give it its type. In every kind an
 // empty text (and "--", which tables print for "none") is an absent value: null.
 enum class Kind {
-	Text,		// a string
-	Number,		// a whole number
-	Decimal,	// a number that may have a fraction
-	List,		// comma-separated items: an array of strings ([] when empty)
-	Flag,		// "yes" or "no": true or false
+	Text,     // a string
+	Number,   // a whole number
+	Decimal,  // a number that may have a fraction
+	List,     // comma-separated items: an array of strings ([] when empty)
+	Flag,     // "yes" or "no": true or false
 };
 
 struct Field {
-	const char *name;	// as -o names it; the header is its upper-case form
+	const char *name;  // as -o names it; the header is its upper-case form
 	Kind kind = Kind::Text;
-	bool on_request = false;	// printed only when -o names it, or as configure's `also`
+	bool on_request = false;  // printed only when -o names it, or as configure's `also`
 };
 
 // Records are kept as the text of the chosen fields only, packed into large blocks, until
@@ -60,11 +60,11 @@ private:
 	void each_row(OnRow &&on_row) const;
 
 	std::span<const Field> all_;
-	std::vector<size_t> columns_;	// indexes into all_, in print order
+	std::vector<size_t> columns_;  // indexes into all_, in print order
 	Format format_ = Format::Table;
-	std::vector<size_t> width_;	// per printed column, for the table
-	std::string row_;		// the record being added: its values, each ended by '\0'
-	std::vector<std::string> blocks_;	// whole records, one after another
+	std::vector<size_t> width_;        // per printed column, for the table
+	std::string row_;                  // the record being added: its values, each ended by '\0'
+	std::vector<std::string> blocks_;  // whole records, one after another
 };
 
 }  // namespace keladm

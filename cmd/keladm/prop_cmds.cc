@@ -13,8 +13,8 @@ namespace {
 
 // What differs between switches, ports and networks.
 struct Kind {
-	const char *noun;	// "kel", "vport", "ipnet": the first column and messages
-	const char *member;	// "VPORT", "IPNET"; NULL for switches
+	const char *noun;    // "kel", "vport", "ipnet": the first column and messages
+	const char *member;  // "VPORT", "IPNET"; NULL for switches
 	kel_proptype_t type;
 	MemberParser parse;
 };
@@ -39,15 +39,15 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
 	const char *tenant = opts.tenant.c_str(), *prop = opts.props.c_str();
-	const int rc = kind.type == KEL_PROPTYPE_KEL
-	    ? kel_set_kelprop(store.get(), tenant, m.kel.c_str(), prop, 0)
+	const int rc = kind.type == KEL_PROPTYPE_KEL ? kel_set_kelprop(store.get(), tenant, m.kel.c_str(), prop, 0)
 	    : kind.type == KEL_PROPTYPE_VPORT
 	    ? kel_set_vportprop(store.get(), tenant, m.kel.c_str(), m.name.c_str(), prop, 0)
 	    : kel_set_ipnetprop(store.get(), tenant, m.kel.c_str(), m.name.c_str(), prop, 0);
 	const std::string object = m.kel + (m.name.empty() ? "" : "/" + m.name);
 	if (rc == KEL_E_PROP_PARTIAL || (KEL_ERR_REASON(rc) == KEL_E_HOST_CONNECT && kind.type == KEL_PROPTYPE_VPORT)) {
-		fail(rc == KEL_E_PROP_PARTIAL ? "set '" + opts.props + "' on kel '" + object + "' (stored; some hosts missed it)"
-		                              : "cannot set '" + opts.props + "' on vport '" + object + "'",
+		fail(rc == KEL_E_PROP_PARTIAL
+		        ? "set '" + opts.props + "' on kel '" + object + "' (stored; some hosts missed it)"
+		        : "cannot set '" + opts.props + "' on vport '" + object + "'",
 		    rc);
 		say_silent_hosts(store.get(), opts, m.kel, m.name, "set the property again");
 		return kExitFailed;
@@ -58,8 +58,9 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 		return kExitFailed;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts, "cannot set '" + opts.props + "' on " + kind.noun + " '" + object + "'", rc,
-		    m.kel, kind.member ? kind.noun : nullptr, m.name);
+		return fail_here(store.get(), opts,
+		    "cannot set '" + opts.props + "' on " + kind.noun + " '" + object + "'", rc, m.kel,
+		    kind.member ? kind.noun : nullptr, m.name);
 	return kExitOk;
 }
 
@@ -74,7 +75,8 @@ int objects_of(kel_dbhandle_t h, const char *filter, const Kind &kind, std::vect
 {
 	if (kind.type == KEL_PROPTYPE_KEL) {
 		kel::RecordList<kel_t> kels;
-		if (int rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_NO_MEMBERS); });
+		if (int rc = kels.read(
+		        [&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_NO_MEMBERS); });
 		    rc != KEL_SUCCESS)
 			return rc;
 		for (kel_t *k : kels)
@@ -126,8 +128,8 @@ int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	std::vector<Object> objects;
 	if ((rc = objects_of(store.get(), filter, kind, &objects)) != KEL_SUCCESS) {
 		// Nothing to show is an empty table unless an object was named.
-		if (opts.operands.empty() && (rc == KEL_E_KEL_NOTFOUND || rc == KEL_E_VPORT_NOTFOUND ||
-		                                 rc == KEL_E_IPNET_NOTFOUND)) {
+		if (opts.operands.empty() &&
+		    (rc == KEL_E_KEL_NOTFOUND || rc == KEL_E_VPORT_NOTFOUND || rc == KEL_E_IPNET_NOTFOUND)) {
 			out.print();
 			return kExitOk;
 		}
@@ -135,11 +137,13 @@ int show_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	}
 	kel::RecordList<kel_prop_t> props;
 	const char *names = opts.names.empty() ? nullptr : opts.names.c_str();
-	if ((rc = props.read([&](list_t *l) { return kel_db_get_filtered_proplist(store.get(), filter, names, l, kind.type); })) !=
-	    KEL_SUCCESS)
+	if ((rc = props.read([&](list_t *l) {
+		    return kel_db_get_filtered_proplist(store.get(), filter, names, l, kind.type);
+	    })) != KEL_SUCCESS)
 		return fail(what, rc);
 	// Every object has the same number of records, in the objects' order.
-	const size_t per_object = std::max<size_t>(1, kel_list_count(props.get()) / std::max<size_t>(1, objects.size()));
+	const size_t per_object = std::max<size_t>(1,
+	    kel_list_count(props.get()) / std::max<size_t>(1, objects.size()));
 	size_t i = 0;
 	for (kel_prop_t *p : props) {
 		const Object &o = objects[i / per_object];

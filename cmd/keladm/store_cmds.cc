@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <string>
 
+#include <kel/libkel.h>
 #include "keladm.h"
 #include "owners.h"
-#include <kel/libkel.h>
 
 namespace keladm {
 
@@ -50,9 +50,11 @@ int check_store(const Subcommand &cmd, const Options &opts)
 	if (open_store(&store, repair) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_store_problem_t> problems;
-	const int rc = problems.read([&](list_t *l) { return kel_db_check_store(store.get(), repair ? KEL_CHECK_REPAIR : 0, l); });
+	const int rc = problems.read(
+	    [&](list_t *l) { return kel_db_check_store(store.get(), repair ? KEL_CHECK_REPAIR : 0, l); });
 	if (rc != KEL_SUCCESS)
-		return fail(repair ? "cannot repair the configuration store" : "cannot check the configuration store", rc);
+		return fail(repair ? "cannot repair the configuration store" : "cannot check the configuration store",
+		    rc);
 	// One line per problem; with --repair, whether it was put right.
 	bool left = false;
 	for (kel_store_problem_t *p : problems) {

@@ -15,14 +15,15 @@ namespace {
 struct UsageRow {
 	std::string resource, owner, range;
 	Value total = 0, used = 0;
-	bool known = true;	// false when a range text could not be read
+	bool known = true;  // false when a range text could not be read
 };
 
 // Field `field` of kUsageFields for `row`, flagged high from `threshold` percent.
 std::string usage_field(const UsageRow &row, double threshold, size_t field)
 {
 	// Whole values keep their exactness as text; only the percentage is a ratio.
-	const double percent = row.total == 0 ? 0 : static_cast<double>(row.used) * 100 / static_cast<double>(row.total);
+	const double percent = row.total == 0 ? 0
+	                                      : static_cast<double>(row.used) * 100 / static_cast<double>(row.total);
 	switch (field) {
 	case 0: return row.resource;
 	case 1: return row.owner;
@@ -58,11 +59,13 @@ UsageRow count_row(std::string resource, std::string owner, const std::string &r
 int id_rows(kel_dbhandle_t h, std::vector<UsageRow> *rows)
 {
 	kel::RecordList<kel_ctrlprop_t> props;
-	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); }); rc != KEL_SUCCESS)
+	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); });
+	    rc != KEL_SUCCESS)
 		return rc;
 	auto fabric = [&](const char *name) -> std::string {
 		for (kel_ctrlprop_t *p : props)
-			if (*p->ecp_host == '\0' && std::strcmp(p->ecp_propname, name) == 0 && p->ecp_propval != nullptr)
+			if (*p->ecp_host == '\0' && std::strcmp(p->ecp_propname, name) == 0 &&
+			    p->ecp_propval != nullptr)
 				return p->ecp_propval;
 		return "";
 	};
@@ -77,7 +80,8 @@ int id_rows(kel_dbhandle_t h, std::vector<UsageRow> *rows)
 		for (kel_ctrlprop_t *p : props) {
 			const char *share = std::strcmp(id, "vlan-range") == 0 ? p->ecp_vlanrange : p->ecp_vxlanrange;
 			if (*p->ecp_host != '\0' && share != nullptr && *share != '\0')
-				rows->push_back(count_row(id, std::string("host ") + p->ecp_host + " " + p->ecp_propname + " " +
+				rows->push_back(count_row(id,
+				    std::string("host ") + p->ecp_host + " " + p->ecp_propname + " " +
 				        (p->ecp_propval != nullptr ? p->ecp_propval : ""),
 				    share, held));
 		}

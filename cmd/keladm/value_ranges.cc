@@ -17,7 +17,8 @@ bool ValueRanges::value_of(const std::string &text, Value *out)
 	}
 	unsigned char bytes[16];
 	if (inet_pton(AF_INET, v.c_str(), bytes) == 1) {
-		*out = Value(0xffff) << 32 | Value(bytes[0]) << 24 | Value(bytes[1]) << 16 | Value(bytes[2]) << 8 | bytes[3];
+		*out = Value(0xffff) << 32 | Value(bytes[0]) << 24 | Value(bytes[1]) << 16 | Value(bytes[2]) << 8 |
+		    bytes[3];
 		return true;
 	}
 	if (inet_pton(AF_INET6, v.c_str(), bytes) != 1)
@@ -73,7 +74,7 @@ Value ValueRanges::count() const
 {
 	Value total = 0;
 	for (const auto &[lo, hi] : spans_) {
-		const Value n = hi - lo + 1;	// 0 only for the whole space, which saturates below
+		const Value n = hi - lo + 1;  // 0 only for the whole space, which saturates below
 		total = (n == 0 || total + n < total) ? ~Value(0) : total + n;
 	}
 	return total;
@@ -87,7 +88,8 @@ ValueRanges ValueRanges::within(const ValueRanges &other) const
 		while (j < other.spans_.size() && other.spans_[j].second < lo)
 			j++;
 		for (size_t k = j; k < other.spans_.size() && other.spans_[k].first <= hi; k++)
-			out.spans_.emplace_back(std::max(lo, other.spans_[k].first), std::min(hi, other.spans_[k].second));
+			out.spans_.emplace_back(std::max(lo, other.spans_[k].first),
+			    std::min(hi, other.spans_[k].second));
 	}
 	return out;
 }

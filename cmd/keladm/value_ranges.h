@@ -32,7 +32,7 @@ public:
 
 private:
 	void normalise();
-	std::vector<std::pair<Value, Value>> spans_;	// rising, disjoint, not touching
+	std::vector<std::pair<Value, Value>> spans_;  // rising, disjoint, not touching
 };
 
 }  // namespace keladm

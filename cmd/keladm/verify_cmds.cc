@@ -26,8 +26,8 @@ int verify(const Subcommand &cmd, const Options &opts)
 		vport = v;
 	}
 	char filter[KEL_FILTER_LEN];
-	if (int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 4, "tenant", listed_tenant(opts).c_str(), "kel",
-	        kel.c_str(), "vport", vport.c_str(), "host", opts.host != nullptr ? opts.host : "");
+	if (int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 4, "tenant", listed_tenant(opts).c_str(),
+	        "kel", kel.c_str(), "vport", vport.c_str(), "host", opts.host != nullptr ? opts.host : "");
 	    rc != KEL_SUCCESS)
 		return fail("cannot verify", rc);
 	kel::StoreHandle store;
@@ -36,14 +36,14 @@ int verify(const Subcommand &cmd, const Options &opts)
 	if (open_store(&store, opts.repair) != KEL_SUCCESS)
 		return kExitFailed;
 	kel::RecordList<kel_drift_t> drifts;
-	const int rc = drifts.read([&](list_t *l) {
-		return kel_db_verify(store.get(), filter, opts.repair ? KEL_VERIFY_REPAIR : 0, l);
-	});
+	const int rc = drifts.read(
+	    [&](list_t *l) { return kel_db_verify(store.get(), filter, opts.repair ? KEL_VERIFY_REPAIR : 0, l); });
 	if (rc != KEL_SUCCESS)
 		return fail_here(store.get(), opts, "cannot verify", rc, kel, vport.empty() ? nullptr : "vport", vport);
 	bool left = false;
 	for (kel_drift_t *d : drifts) {
-		out.add({d->edr_object, d->edr_host, d->edr_what, d->edr_store, d->edr_found, d->edr_repaired ? "yes" : "no"});
+		out.add({d->edr_object, d->edr_host, d->edr_what, d->edr_store, d->edr_found,
+		    d->edr_repaired ? "yes" : "no"});
 		left = left || !d->edr_repaired;
 	}
 	// No difference prints nothing, as a sound store prints nothing for check-store; JSON

@@ -5,15 +5,14 @@
 #include <string>
 #include <vector>
 
-#include "keladm.h"
 #include <kel/libkel_node.h>
-#include "node_calls.h"
 #include "error_code.h"
+#include "keladm.h"
+#include "node_calls.h"
 #include "owners.h"
 
 namespace keladm {
 namespace {
-
 
 // "NAMESPACE/LINK" into its namespace ("" without one).
 std::string netns_of(const std::string &vnic)
@@ -59,8 +58,14 @@ std::string link_name(wexo_handle_t h, datalink_id_t id)
 // The MTU of VNIC `vnic` ("LINK" or "NAMESPACE/LINK"; "" when it is not there).
 std::string vnic_mtu(const std::string &vnic);
 
-void kel_vnic_free_call(kel_vnic_t *v) { node().kel_vnic_free(v); }
-void vport_array_free_call(kelcntl_VPortInfo **array, int count) { node().kelcntl_VPortInfo_array_free(array, count); }
+void kel_vnic_free_call(kel_vnic_t *v)
+{
+	node().kel_vnic_free(v);
+}
+void vport_array_free_call(kelcntl_VPortInfo **array, int count)
+{
+	node().kelcntl_VPortInfo_array_free(array, count);
+}
 
 // Ports the controller answered with, freed on scope exit.
 using Ports = kel::OwnedArray<kelcntl_VPortInfo, vport_array_free_call>;
@@ -122,8 +127,9 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 		return usage_error(cmd, std::string("'") + target + "' is not a kel name");
 	}
 	// A namespace given by its path is known by its name under /run/netns from here on.
-	char name[256 + MAXLINKNAMELEN];	// a namespace name, "/" and a link name
-	if (int rc = node().kel_vnic_name(opts.operands[1], KEL_VNIC_NAME_ATTACH, name, sizeof(name)); rc != KEL_SUCCESS)
+	char name[256 + MAXLINKNAMELEN];  // a namespace name, "/" and a link name
+	if (int rc = node().kel_vnic_name(opts.operands[1], KEL_VNIC_NAME_ATTACH, name, sizeof(name));
+	    rc != KEL_SUCCESS)
 		return fail(std::string("cannot use '") + opts.operands[1] + "' as a VNIC", rc);
 	const std::string vnic = name;
 	// The controller answers a VNIC it already knows with that VNIC's binding, so a name
@@ -133,18 +139,23 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 		Handle host, guest;
 		Ports bound;
 		const std::string link = vnic.substr(vnic.find('/') + 1);
-		const kelcntl_VPortInfo *vp = host.open("") == WEXO_STATUS_OK && guest.open(netns_of(vnic)) == WEXO_STATUS_OK &&
+		const kelcntl_VPortInfo *vp = host.open("") == WEXO_STATUS_OK &&
+		        guest.open(netns_of(vnic)) == WEXO_STATUS_OK &&
 		        node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK &&
-		        bound.read([&](kelcntl_VPortInfo ***a, int *n) { return node().kel_get_vnicinfo(vnic.c_str(), a, n); }) ==
-		            KEL_SUCCESS &&
+		        bound.read([&](kelcntl_VPortInfo ***a, int *n) {
+			        return node().kel_get_vnicinfo(vnic.c_str(), a, n);
+		        }) == KEL_SUCCESS &&
 		        bound.size() > 0
-		    ? bound.get()[0] : nullptr;
+		    ? bound.get()[0]
+		    : nullptr;
 		if (vp != nullptr && opts.tenant == vp->evpi_tenantname && std::strcmp(vp->evpi_kelname, kel) == 0 &&
 		    (vport[0] == '\0' || std::strcmp(vp->evpi_name, vport) == 0)) {
 			if (opts.echo) {
 				datalink_id_t id = DATALINK_INVALID_LINKID;
-				const std::string lower = node().wexo_vnic_lower(host.get(), vnic.c_str(), &id) == WEXO_STATUS_OK
-				    ? link_name(host.get(), id) : "";
+				const std::string lower = node().wexo_vnic_lower(host.get(), vnic.c_str(), &id) ==
+				        WEXO_STATUS_OK
+				    ? link_name(host.get(), id)
+				    : "";
 				const std::string mtu = vnic_mtu(vnic);
 				out.add_with([&](size_t f) { return vnic_field(vp, lower, mtu, {}, f); });
 				out.print();
@@ -153,8 +164,9 @@ int create_vnic(const Subcommand &cmd, const Options &opts)
 		}
 	}
 	kel_vnic_t made;
-	const int rc = node().kel_vnic_create(opts.tenant.c_str(), kel, vport[0] != '\0' ? vport : nullptr, vnic.c_str(),
-	    opts.props.empty() ? nullptr : opts.props.c_str(), opts.macvtap ? WEXO_VNIC_MACVTAP : WEXO_VNIC_MACVLAN,
+	const int rc = node().kel_vnic_create(opts.tenant.c_str(), kel, vport[0] != '\0' ? vport : nullptr,
+	    vnic.c_str(), opts.props.empty() ? nullptr : opts.props.c_str(),
+	    opts.macvtap ? WEXO_VNIC_MACVTAP : WEXO_VNIC_MACVLAN,
 	    (opts.address ? KEL_VNIC_ADDRESS : 0) | (opts.default_route ? KEL_VNIC_DEFAULT_ROUTE : 0), &made);
 	if (rc != KEL_SUCCESS)
 		return fail(failed_step(made.kv_stage, kel, vnic), rc);
@@ -181,10 +193,12 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 		return kExitFailed;
 	if (opts.operands.size() != 1)
 		return usage_error(cmd, "give the VNIC's name");
-	char name[256 + MAXLINKNAMELEN];	// a namespace name, "/" and a link name
+	char name[256 + MAXLINKNAMELEN];  // a namespace name, "/" and a link name
 	const int named = node().kel_vnic_name(opts.operands[0], 0, name, sizeof(name));
 	if (named == KEL_E_NOTFOUND || named == kel::sys_error(ENOENT))
-		return opts.if_exists ? kExitOk : fail(std::string("no VNIC '") + opts.operands[0] + "': no such namespace", named);
+		return opts.if_exists
+		    ? kExitOk
+		    : fail(std::string("no VNIC '") + opts.operands[0] + "': no such namespace", named);
 	if (named != KEL_SUCCESS)
 		return fail(std::string("cannot use '") + opts.operands[0] + "' as a VNIC", named);
 	const std::string vnic = name;
@@ -193,15 +207,18 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 	Handle guest;
 	const std::string link = vnic.substr(vnic.find('/') + 1);
 	const bool here = guest.open(netns_of(vnic)) == WEXO_STATUS_OK &&
-	                  node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK;
+	    node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK;
 	const int rc = node().kel_vnic_remove(vnic.c_str(), nullptr, 0);
 	if (rc == KEL_E_VPORT_NOTFOUND && !here)
-		return opts.if_exists ? kExitOk
-		                      : fail("no VNIC '" + vnic + "' on this host, and no port bound to one", KEL_E_VPORT_NOTFOUND);
+		return opts.if_exists
+		    ? kExitOk
+		    : fail("no VNIC '" + vnic + "' on this host, and no port bound to one", KEL_E_VPORT_NOTFOUND);
 	if (rc != KEL_SUCCESS)
-		return fail(here ? "cannot remove VNIC '" + vnic + "'" : "cannot release the port of VNIC '" + vnic + "'", rc);
+		return fail(
+		    here ? "cannot remove VNIC '" + vnic + "'" : "cannot release the port of VNIC '" + vnic + "'", rc);
 	if (!here)
-		warn("VNIC '" + vnic + "' was not on this host; its port is released", KEL_WEXO_ERROR(WEXO_STATUS_NOTFOUND));
+		warn("VNIC '" + vnic + "' was not on this host; its port is released",
+		    KEL_WEXO_ERROR(WEXO_STATUS_NOTFOUND));
 	return kExitOk;
 }
 
@@ -233,7 +250,8 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 		found = true;
 		std::string lower;
 		datalink_id_t id = DATALINK_INVALID_LINKID;
-		if (opened == WEXO_STATUS_OK && node().wexo_vnic_lower(host.get(), vp->evpi_vnicname, &id) == WEXO_STATUS_OK)
+		if (opened == WEXO_STATUS_OK &&
+		    node().wexo_vnic_lower(host.get(), vp->evpi_vnicname, &id) == WEXO_STATUS_OK)
 			lower = link_name(host.get(), id);
 		std::vector<std::string> counters(4);
 		link_stat_t st;
@@ -244,7 +262,8 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 		out.add_with([&](size_t f) { return vnic_field(vp, lower, mtu, counters, f); });
 	}
 	if (!found)
-		return fail("no VNIC '" + std::string(opts.operands[0]) + "' is bound on this host", KEL_E_VPORT_NOTFOUND);
+		return fail("no VNIC '" + std::string(opts.operands[0]) + "' is bound on this host",
+		    KEL_E_VPORT_NOTFOUND);
 	out.print();
 	return kExitOk;
 }

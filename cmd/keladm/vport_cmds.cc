@@ -18,7 +18,8 @@ int read_vport(kel_dbhandle_t h, const Options &opts, const std::string &kel, co
 	char filter[KEL_FILTER_LEN];
 	const int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", opts.tenant.c_str(), "kel",
 	    kel.c_str(), "vport", name.c_str());
-	return rc != KEL_SUCCESS ? rc : out->read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
+	return rc != KEL_SUCCESS ? rc
+	                         : out->read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
 }
 
 // Where a bound port is, as the lines about it say it: "VNIC vn0 on host h1".
@@ -53,29 +54,34 @@ int change(const Subcommand &cmd, const Options &opts, bool reset)
 		nuq_disconnect(conn);
 	}
 	const char *force = opts.force ? "force=yes" : nullptr;
-	const int rc = reset ? kel_db_reset_vport(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(), force, 0)
-	                     : kel_db_remove_vport(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(), force, 0);
+	const int rc = reset
+	    ? kel_db_reset_vport(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(), force, 0)
+	    : kel_db_remove_vport(store.get(), opts.tenant.c_str(), kel.c_str(), vport.c_str(), force, 0);
 	if (opts.if_exists && (rc == KEL_E_VPORT_NOTFOUND || rc == KEL_E_KEL_NOTFOUND))
 		return kExitOk;
 	if (rc == KEL_E_VPORT_INUSE && was != nullptr) {
 		fail(std::string("cannot ") + (reset ? "reset" : "remove") + " vport '" + object + "'", rc);
 		if (reset)
-			std::fprintf(stderr, "keladm: its %s is still there: delete it there (keladm delete-vnic %s), "
-			                     "or give -f to free the port all the same\n",
+			std::fprintf(stderr,
+			    "keladm: its %s is still there: delete it there (keladm delete-vnic %s), "
+			    "or give -f to free the port all the same\n",
 			    where(was).c_str(), was->evp_vnicname);
 		else
-			std::fprintf(stderr, "keladm: it is bound to %s: delete the VNIC there (keladm delete-vnic %s) "
-			                     "or give -f; if the VNIC is gone, keladm reset-vport %s frees the port\n",
+			std::fprintf(stderr,
+			    "keladm: it is bound to %s: delete the VNIC there (keladm delete-vnic %s) "
+			    "or give -f; if the VNIC is gone, keladm reset-vport %s frees the port\n",
 			    where(was).c_str(), was->evp_vnicname, object.c_str());
 		return kExitFailed;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts, std::string("cannot ") + (reset ? "reset" : "remove") + " vport '" +
-		        object + "'", rc, kel, "vport", vport);
+		return fail_here(store.get(), opts,
+		    std::string("cannot ") + (reset ? "reset" : "remove") + " vport '" + object + "'", rc, kel, "vport",
+		    vport);
 	if (reset && was == nullptr)
 		std::printf("vport %s was free already\n", object.c_str());
 	else if (reset && opts.force)
-		std::printf("freed vport %s, bound to %s, without asking the host (-f)\n", object.c_str(), where(was).c_str());
+		std::printf("freed vport %s, bound to %s, without asking the host (-f)\n", object.c_str(),
+		    where(was).c_str());
 	else if (reset && host_answers)
 		std::printf("freed vport %s: %s is gone\n", object.c_str(), where(was).c_str());
 	else if (reset)
@@ -107,7 +113,7 @@ std::string vport_field(const kel_vport_t *vp, size_t field, const kel_vport_cou
 		if (counters == nullptr)
 			return "";
 		const uint64_t values[] = {counters->evc_ipackets, counters->evc_rbytes, counters->evc_opackets,
-			counters->evc_obytes};
+		    counters->evc_obytes};
 		return std::to_string(values[field - 9]);
 	}
 	}
@@ -118,15 +124,16 @@ std::string vport_field(const kel_vport_t *vp, size_t field, const kel_vport_cou
 int show_counted_vports(kel_dbhandle_t h, const char *filter, Output *out)
 {
 	kel::RecordList<kel_vport_t> ports;
-	if (int rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); }); rc != KEL_SUCCESS)
+	if (int rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, 0); });
+	    rc != KEL_SUCCESS)
 		return rc;
 	std::string silent;
 	for (kel_vport_t *vp : ports) {
 		kel_vport_counters_t c{};
 		const int rc = kel_db_get_vport_counters(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name, &c);
 		if (rc != KEL_SUCCESS)
-			silent += (silent.empty() ? "" : ", ") + std::string(vp->evp_kelname) + "/" + vp->evp_name + " (" +
-			    message(rc) + ")";
+			silent += (silent.empty() ? "" : ", ") + std::string(vp->evp_kelname) + "/" + vp->evp_name +
+			    " (" + message(rc) + ")";
 		out->add_with([&](size_t f) { return vport_field(vp, f, rc == KEL_SUCCESS ? &c : nullptr); });
 	}
 	if (!silent.empty())

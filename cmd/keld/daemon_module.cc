@@ -6,11 +6,11 @@
 #include <cstdlib>
 
 #include <kel/libkel.h>
-#include "log.h"
+#include <kel/sys/fabric.h>
 #include "datalink_error.h"
+#include "log.h"
 #include "nuq_errors.h"
 #include "owners.h"
-#include <kel/sys/fabric.h>
 
 namespace keld {
 namespace {
@@ -55,7 +55,8 @@ nuq::Interface daemon_interface(const DaemonState &state)
 	};
 	iface.methods["info"] = [&state](const nuq::Json &, const nuq::Json &args) {
 		nuq::Json info = {{"host", node_name()}, {"version", KELD_VERSION}, {"pid", getpid()},
-		    {"uptime", state.uptime()}, {"reloads", state.reloads()}, {"controller", state.settings().controller}};
+		    {"uptime", state.uptime()}, {"reloads", state.reloads()},
+		    {"controller", state.settings().controller}};
 		// Reaching the controller takes as long as the transport does: only when asked, and
 		// only from a host that has one to reach.
 		const nuq::Json *check = nuq::member(args, "check");
@@ -71,11 +72,12 @@ nuq::Interface daemon_interface(const DaemonState &state)
 			return nuq::Reply{NUQ_E_BADARGS, nullptr};
 		wexo_leftover_t *list = nullptr;
 		size_t count = 0;
-		const wexo_status_t st = wexo_fabric_leftovers(grace != nullptr ? grace->get<long>() : WEXO_LEFTOVER_GRACE_SECONDS, &list, &count);
+		const wexo_status_t st = wexo_fabric_leftovers(
+		    grace != nullptr ? grace->get<long>() : WEXO_LEFTOVER_GRACE_SECONDS, &list, &count);
 		nuq::Json found = nuq::Json::array();
 		for (size_t i = 0; i < count; i++)
-			found.push_back({{"kind", list[i].wl_kind}, {"name", list[i].wl_name}, {"what", list[i].wl_what},
-			    {"age", list[i].wl_age}});
+			found.push_back({{"kind", list[i].wl_kind}, {"name", list[i].wl_name},
+			    {"what", list[i].wl_what}, {"age", list[i].wl_age}});
 		std::free(list);
 		return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, {{"leftovers", found}}} : datalink_error(st);
 	};

@@ -13,7 +13,7 @@ namespace keld {
 
 // What SIGHUP re-reads.
 struct Settings {
-	std::string controller;	// this host's "controller" client setting, "" when unset
+	std::string controller;  // this host's "controller" client setting, "" when unset
 };
 
 class DaemonState {
@@ -26,7 +26,8 @@ public:
 	uint64_t uptime() const
 	{
 		return static_cast<uint64_t>(
-		    std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started_).count());
+		    std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started_)
+		        .count());
 	}
 
 private:

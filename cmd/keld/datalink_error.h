@@ -1,9 +1,9 @@
 // A datalink failure as a method's error record: the status and its text.
 #pragma once
 
-#include "server.h"
-#include "nuq_errors.h"
 #include <kel/sys/fabric.h>
+#include "nuq_errors.h"
+#include "server.h"
 
 namespace keld {
 

@@ -92,7 +92,7 @@ struct Endpoint {
 	int ifindex = 0;
 	kel::UniqueFd fd;
 	Mac mac{};
-	int family = AF_INET;	// of the kel's ipnet
+	int family = AF_INET;  // of the kel's ipnet
 	struct in_addr addr {};
 	struct in6_addr prefix {};
 	int plen = 0;
@@ -102,7 +102,7 @@ struct Endpoint {
 		Budget budget;
 		std::optional<Clock::time_point> advertised;
 	};
-	std::map<Mac, Guest> guests;	// of the guests bound here: bounded by the records
+	std::map<Mac, Guest> guests;  // of the guests bound here: bounded by the records
 };
 
 // A packet socket on `ifindex` that reads only what kFilter lets through and writes
@@ -142,7 +142,8 @@ uint16_t link_mtu(int fd, const std::string &name)
 	struct ifreq ifr {};
 	std::snprintf(ifr.ifr_name, sizeof(ifr.ifr_name), "%s", name.c_str());
 	return ioctl(fd, SIOCGIFMTU, &ifr) == 0 && ifr.ifr_mtu > 0 && ifr.ifr_mtu <= 65535
-	    ? static_cast<uint16_t>(ifr.ifr_mtu) : 0;
+	    ? static_cast<uint16_t>(ifr.ifr_mtu)
+	    : 0;
 }
 
 class Responder {
@@ -169,7 +170,7 @@ public:
 			const auto link = links.find(it->first);
 			const int ifindex = static_cast<int>(if_nametoindex(it->first.c_str()));
 			if (link == links.end() || ifindex != it->second->ifindex)
-				it = endpoints_.erase(it);	// gone, or made again since
+				it = endpoints_.erase(it);  // gone, or made again since
 			else
 				++it;
 		}
@@ -185,10 +186,10 @@ public:
 			e->plen = v.lease->plen;
 			e->ifindex = static_cast<int>(if_nametoindex(name.c_str()));
 			if (e->ifindex == 0)
-				continue;	// not made yet: next time
+				continue;  // not made yet: next time
 			e->fd.reset(open_socket(e->ifindex, e->family == AF_INET6));
 			if (!e->fd.valid())
-				continue;	// made by a process still at work: next time
+				continue;  // made by a process still at work: next time
 			e->mtu = link_mtu(e->fd.get(), name);
 			endpoints_.emplace(name, std::move(e));
 		}
@@ -216,11 +217,12 @@ public:
 		for (int i = 0; i < 64; i++) {
 			struct sockaddr_ll from {};
 			socklen_t fromlen = sizeof(from);
-			const ssize_t n = recvfrom(fd, frame, sizeof(frame), 0, reinterpret_cast<struct sockaddr *>(&from), &fromlen);
+			const ssize_t n = recvfrom(fd, frame, sizeof(frame), 0,
+			    reinterpret_cast<struct sockaddr *>(&from), &fromlen);
 			if (n <= 0)
 				return;
 			if (from.sll_pkttype == PACKET_OUTGOING)
-				continue;	// its own answers
+				continue;  // its own answers
 			answer(e, frame, static_cast<size_t>(n));
 		}
 	}
@@ -239,7 +241,8 @@ private:
 	{
 		const Clock::time_point now = Clock::now();
 		if (!e->guests[guest].budget.spend(now, kAnswersPerGuest) || !e->all.spend(now, kAnswersPerSecond)) {
-			nuq::log::write_limited(limiter_, nuq::log::kWarning, "address responder: more requests than it answers, some ignored");
+			nuq::log::write_limited(limiter_, nuq::log::kWarning,
+			    "address responder: more requests than it answers, some ignored");
 			return false;
 		}
 		return true;
@@ -317,7 +320,8 @@ private:
 		if (const auto arp = parse_arp_request(frame, len)) {
 			// Only the kel's guests on this host learn where the responder is: a guest of
 			// another host asks its own.
-			if (arp->tpa.s_addr == e->addr.s_addr && guest(*e, arp->sha) != nullptr && within_rate(e, arp->sha))
+			if (arp->tpa.s_addr == e->addr.s_addr && guest(*e, arp->sha) != nullptr &&
+			    within_rate(e, arp->sha))
 				send(*e, arp_reply(*arp, e->mac, e->addr));
 			return;
 		}
@@ -351,8 +355,7 @@ private:
 			a.type = kAck;
 			a.yiaddr.s_addr = INADDR_ANY;
 			break;
-		default:
-			return;	// a release or decline changes nothing: the address is the port's
+		default: return;  // a release or decline changes nothing: the address is the port's
 		}
 		if (within_rate(e, req->chaddr))
 			send(*e, answer_frame(*req, a, e->mac, e->addr));

@@ -5,13 +5,13 @@
 #include <string>
 #include <vector>
 
-#include "harl_module.h"
+#include <kel/sys/fabric.h>
+#include "datalink_error.h"
 #include "harl.h"
+#include "harl_module.h"
 #include "kelnet.h"
 #include "log.h"
-#include "datalink_error.h"
 #include "nuq_errors.h"
-#include <kel/sys/fabric.h>
 
 namespace harl {
 namespace {
@@ -48,7 +48,8 @@ nuq::Reply with_link(const nuq::Json &keys, Body &&body)
 	const std::string &name = keys.at("name").get_ref<const std::string &>();
 	wexo_status_t st = find_link(name, &h, &id);
 	if (st == WEXO_STATUS_OK && (st = wexo_link_owned(h, id, name.c_str())) == WEXO_STATUS_NOTFABRIC)
-		nuq::log::write_limited(refusals, nuq::log::kWarning, "refused to act on link " + name + ": the fabric did not make it");
+		nuq::log::write_limited(refusals, nuq::log::kWarning,
+		    "refused to act on link " + name + ": the fabric did not make it");
 	nuq::Reply reply = st == WEXO_STATUS_OK ? body(h, id) : datalink_error(st);
 	wexo_close(h);
 	return reply;
@@ -96,7 +97,8 @@ nuq::Interface datalink_interface()
 		nuq::Reply reply = with_link(keys, [&](wexo_handle_t h, datalink_id_t id) {
 			const wexo_status_t st = wexo_set_linkprop(h, id, text->substr(0, eq).c_str(),
 			    text->substr(eq + 1).c_str());
-			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
+			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()}
+			                            : datalink_error(st);
 		});
 		nuq::log::write(reply.status == NUQ_E_SUCCESS ? nuq::log::kInfo : nuq::log::kErr,
 		    "set " + *text + " on link " + link +
@@ -114,8 +116,8 @@ nuq::Interface datalink_interface()
 			return nuq::Reply{NUQ_E_SUCCESS,
 			    {{"mac", s.wls_mac}, {"lower", s.wls_lower}, {"lower_kind", s.wls_lower_kind},
 			        {"lower_id", s.wls_lower_id}, {"local", s.wls_local}, {"group", s.wls_group},
-			        {"maxbw", s.wls_maxbw}, {"filtered", s.wls_filtered == B_TRUE}, {"filters", s.wls_filters},
-			        {"allowed", s.wls_allowed}}};
+			        {"maxbw", s.wls_maxbw}, {"filtered", s.wls_filtered == B_TRUE},
+			        {"filters", s.wls_filters}, {"allowed", s.wls_allowed}}};
 		});
 	};
 	// The flood list of a VXLAN link: its own endpoint and those it copies broadcast
@@ -127,8 +129,9 @@ nuq::Interface datalink_interface()
 			const std::vector<std::string> remotes(flood.wf_remotes, flood.wf_remotes + flood.wf_count);
 			const std::string local = flood.wf_local;
 			wexo_free_flood(&flood);
-			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, {{"local", local}, {"remotes", remotes}}}
-			                            : datalink_error(st);
+			return st == WEXO_STATUS_OK
+			    ? nuq::Reply{NUQ_E_SUCCESS, {{"local", local}, {"remotes", remotes}}}
+			    : datalink_error(st);
 		});
 	};
 	iface.methods["setFlood"] = [](const nuq::Json &keys, const nuq::Json &args) {
@@ -145,8 +148,10 @@ nuq::Interface datalink_interface()
 		}
 		const std::string &link = keys.at("name").get_ref<const std::string &>();
 		nuq::Reply reply = with_link(keys, [&](wexo_handle_t h, datalink_id_t id) {
-			const wexo_status_t st = wexo_vxlan_set_flood(h, id, remotes.data(), remotes.size(), add->get<bool>() ? B_TRUE : B_FALSE);
-			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()} : datalink_error(st);
+			const wexo_status_t st = wexo_vxlan_set_flood(h, id, remotes.data(), remotes.size(),
+			    add->get<bool>() ? B_TRUE : B_FALSE);
+			return st == WEXO_STATUS_OK ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()}
+			                            : datalink_error(st);
 		});
 		nuq::log::write(reply.status == NUQ_E_SUCCESS ? nuq::log::kInfo : nuq::log::kErr,
 		    "flood list of link " + link + (add->get<bool>() ? " gains " : " set to ") + nuq::dump_line(*list) +

@@ -7,20 +7,19 @@
 
 #include <string>
 
-#include "kelcntl_module.h"
-#include "store_pool.h"
-#include "kelcntl.h"
 #include <kel/libkel.h>
-#include "uuid_text.h"
-#include "owners.h"
+#include "kelcntl.h"
+#include "kelcntl_module.h"
 #include "log.h"
 #include "nuq_errors.h"
+#include "owners.h"
+#include "store_pool.h"
+#include "uuid_text.h"
 
 namespace kelcntl {
 namespace {
 
 using nuq::Json;
-
 
 using Store = PooledStore;
 
@@ -42,7 +41,7 @@ bool read_counters(const Json &args, kel_vport_counters_t *out, bool *counted)
 		const char *name;
 		uint64_t *to;
 	} fields[] = {{"ipackets", &out->evc_ipackets}, {"rbytes", &out->evc_rbytes}, {"opackets", &out->evc_opackets},
-		{"obytes", &out->evc_obytes}};
+	    {"obytes", &out->evc_obytes}};
 	for (const auto &f : fields) {
 		const Json *n = nuq::member(*c, f.name);
 		if (n == nullptr || !n->is_number_unsigned())
@@ -70,8 +69,7 @@ void log_change(int rc, const std::string &what)
 Json props(attrset_t *set)
 {
 	Json out = Json::array();
-	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr;
-	     e = attrset_next_entry(set, e)) {
+	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr; e = attrset_next_entry(set, e)) {
 		std::string value;
 		char *s = nullptr;
 		int32_t n = 0;
@@ -96,10 +94,9 @@ Json vport_json(kel_vport_t *v)
 
 Json ipnet_json(kel_ipnet_t *n)
 {
-	return {{"eipi_name", n->ei_name}, {"eipi_uuid", kel::uuid_text(n->ei_uuid)},
-	    {"eipi_kelname", n->ei_kelname}, {"eipi_keluuid", kel::uuid_text(n->ei_keluuid)},
-	    {"eipi_tenantname", n->ei_tenantname}, {"eipi_props", props(n->ei_props)},
-	    {"eipi_start", n->ei_sastr}, {"eipi_end", n->ei_eastr},
+	return {{"eipi_name", n->ei_name}, {"eipi_uuid", kel::uuid_text(n->ei_uuid)}, {"eipi_kelname", n->ei_kelname},
+	    {"eipi_keluuid", kel::uuid_text(n->ei_keluuid)}, {"eipi_tenantname", n->ei_tenantname},
+	    {"eipi_props", props(n->ei_props)}, {"eipi_start", n->ei_sastr}, {"eipi_end", n->ei_eastr},
 	    {"eipi_range", n->ei_availrange != nullptr ? n->ei_availrange : ""},
 	    {"eipi_ipvers", n->ei_af == AF_INET6 ? EIPV_IPV6 : EIPV_IPV4}};
 }
@@ -151,8 +148,7 @@ nuq::Interface kel_interface()
 			return false;
 		const std::string tenant = given != nullptr ? *given : KEL_DEFAULT_TENANT;
 		Store store(KEL_DB_READONLY);
-		if (store.status() != KEL_SUCCESS ||
-		    !kel_db_kel_exists(store.get(), tenant.c_str(), name->c_str()))
+		if (store.status() != KEL_SUCCESS || !kel_db_kel_exists(store.get(), tenant.c_str(), name->c_str()))
 			return false;
 		*found = {{"name", *name}, {"tenant", tenant}};
 		return true;
@@ -170,11 +166,12 @@ nuq::Interface kel_interface()
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
 		kel_t *raw = nullptr;
-		const int rc = kel_db_assign_vport(store.get(), tenant.c_str(), name.c_str(), vport,
-		    vnic->c_str(), host->c_str(), extra, &raw);
+		const int rc = kel_db_assign_vport(store.get(), tenant.c_str(), name.c_str(), vport, vnic->c_str(),
+		    host->c_str(), extra, &raw);
 		const kel::KelPtr kel(raw);
-		log_change(rc, "bind " + tenant + "/" + name + "/" + (vport != nullptr ? vport : "(system port)") +
-		        " to VNIC " + *vnic + " on host " + *host);
+		log_change(rc,
+		    "bind " + tenant + "/" + name + "/" + (vport != nullptr ? vport : "(system port)") + " to VNIC " +
+		        *vnic + " on host " + *host);
 		if (rc != KEL_SUCCESS)
 			return kel_error(rc);
 		return nuq::Reply{NUQ_E_SUCCESS, implinfo_json(kel.get())};
@@ -238,8 +235,8 @@ nuq::Interface controller_interface()
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
 		kel::RecordList<kel_vport_t> ports;
-		const int rc =
-		    ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(store.get(), filter->c_str(), l, 0); });
+		const int rc = ports.read(
+		    [&](list_t *l) { return kel_db_get_filtered_vportlist(store.get(), filter->c_str(), l, 0); });
 		if (rc == KEL_E_VPORT_NOTFOUND)
 			return nuq::Reply{NUQ_E_SUCCESS, Json::array()};
 		if (rc != KEL_SUCCESS)

@@ -32,13 +32,18 @@
 
 namespace {
 
-constexpr const char *kUsage =
-    "usage: keld            serve this host's interfaces on /run/kel/keld.sock\n"
-    "       keld bridge [SOCKET]  relay standard input and output to the socket\n"
-    "       keld --version  print keld's version\n";
+constexpr const char *kUsage = "usage: keld            serve this host's interfaces on /run/kel/keld.sock\n"
+                               "       keld bridge [SOCKET]  relay standard input and output to the socket\n"
+                               "       keld --version  print keld's version\n";
 
-std::string socket_path() { return kel::paths::under_root(kel::paths::kSocketFile); }
-std::string pid_path() { return kel::paths::under_root(kel::paths::kPidFile); }
+std::string socket_path()
+{
+	return kel::paths::under_root(kel::paths::kSocketFile);
+}
+std::string pid_path()
+{
+	return kel::paths::under_root(kel::paths::kPidFile);
+}
 
 void say(int priority, const std::string &text)
 {
@@ -99,8 +104,7 @@ int bridge(const char *path)
 	addr.sun_family = AF_UNIX;
 	std::memcpy(addr.sun_path, target.c_str(), target.size() + 1);
 	if (connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0) {
-		std::fprintf(stderr, "keld bridge: cannot connect to %s: %s\n", target.c_str(),
-		    std::strerror(errno));
+		std::fprintf(stderr, "keld bridge: cannot connect to %s: %s\n", target.c_str(), std::strerror(errno));
 		return 1;
 	}
 	signal(SIGPIPE, SIG_IGN);
@@ -161,8 +165,8 @@ int serve()
 	// wait) puts its own there, which this one must leave when it stops.
 	struct stat made {};
 	(void)stat(socket_path().c_str(), &made);
-	say(nuq::log::kNotice, "keld " KELD_VERSION " started as pid " + std::to_string(getpid()) +
-	        ", serving " + socket_path());
+	say(nuq::log::kNotice,
+	    "keld " KELD_VERSION " started as pid " + std::to_string(getpid()) + ", serving " + socket_path());
 	keld::notify(("READY=1\nMAINPID=" + std::to_string(getpid())).c_str());
 	keld::DhcpResponder responder;
 	responder.start();
@@ -179,7 +183,8 @@ int serve()
 				state.reload();
 				admit_kel_group(server);
 				const std::string controller = state.settings().controller;
-				say(nuq::log::kInfo, "reloaded the configuration; controller " +
+				say(nuq::log::kInfo,
+				    "reloaded the configuration; controller " +
 				        (controller.empty() ? std::string("unset") : controller));
 				keld::notify("READY=1");
 				continue;

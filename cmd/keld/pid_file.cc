@@ -24,8 +24,8 @@ pid_t read_pid(int fd)
 bool still_there(int fd, const std::string &path)
 {
 	struct stat held, named;
-	return fstat(fd, &held) == 0 && stat(path.c_str(), &named) == 0 &&
-	    held.st_dev == named.st_dev && held.st_ino == named.st_ino;
+	return fstat(fd, &held) == 0 && stat(path.c_str(), &named) == 0 && held.st_dev == named.st_dev &&
+	    held.st_ino == named.st_ino;
 }
 
 }  // namespace

@@ -29,7 +29,7 @@ struct Pool {
 
 Pool &pool()
 {
-	static Pool *p = new Pool;	// never destroyed: detached threads may still give back
+	static Pool *p = new Pool;  // never destroyed: detached threads may still give back
 	return *p;
 }
 
@@ -60,7 +60,7 @@ PooledStore::PooledStore(int mode) : mode_(mode), rc_(KEL_SUCCESS)
 				stale.push_back(std::move(k));
 		}
 	}
-	stale.clear();	// closed outside the pool's lock, before a new one opens
+	stale.clear();  // closed outside the pool's lock, before a new one opens
 	// Identity is taken before the open: a file replaced in between is seen as replaced
 	// at the next call, and only costs a reopen then.
 	if (h_ == nullptr)

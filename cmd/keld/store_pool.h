@@ -25,7 +25,7 @@ public:
 private:
 	int mode_;
 	kel::StoreHandle h_;
-	unsigned long dev_ = 0, ino_ = 0;	// the store file this handle opened
+	unsigned long dev_ = 0, ino_ = 0;  // the store file this handle opened
 	int rc_;
 };
 

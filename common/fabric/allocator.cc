@@ -10,15 +10,15 @@
 #include <cstring>
 #include <string>
 
+#include "attrset_ptr.h"
 #include "filter.h"
 #include "kelnet.h"
+#include "names.h"
+#include "owners.h"
 #include "pool.h"
 #include "range.h"
 #include "records.h"
 #include "sql.h"
-#include "attrset_ptr.h"
-#include "names.h"
-#include "owners.h"
 #include "unique_fd.h"
 
 const uint8_t vport_def_prefix[3] = {0x02, 0x08, 0x20};
@@ -41,8 +41,7 @@ constexpr IdPool kVnis = {"ctrl_pname=vxlan-range-avail", KEL_E_NO_VNI, KEL_E_VN
 int next_id(kel_dbhandle_t h, const IdPool &pool, int *id)
 {
 	char text[32];
-	int rc = kel_get_next_resource(h, "ctrl_tbl", "ctrl_pval", pool.filter, text, sizeof(text),
-	    KEL_RANGE_NUMBER);
+	int rc = kel_get_next_resource(h, "ctrl_tbl", "ctrl_pval", pool.filter, text, sizeof(text), KEL_RANGE_NUMBER);
 	if (rc == KEL_E_NORESOURCE)
 		return pool.none_left;
 	return rc != KEL_SUCCESS ? rc : kel_str2int(text, id);
@@ -51,16 +50,14 @@ int next_id(kel_dbhandle_t h, const IdPool &pool, int *id)
 int this_id(kel_dbhandle_t h, const IdPool &pool, int id)
 {
 	const std::string text = std::to_string(id);
-	int rc = kel_get_this_resource(h, "ctrl_tbl", "ctrl_pval", pool.filter, text.c_str(),
-	    KEL_RANGE_NUMBER);
+	int rc = kel_get_this_resource(h, "ctrl_tbl", "ctrl_pval", pool.filter, text.c_str(), KEL_RANGE_NUMBER);
 	return rc == KEL_E_NORESOURCE ? pool.taken : rc;
 }
 
 int free_id(kel_dbhandle_t h, const IdPool &pool, int id)
 {
 	const std::string text = std::to_string(id);
-	return kel_free_resource(h, "ctrl_tbl", "ctrl_pval", pool.filter, text.c_str(),
-	    KEL_RANGE_NUMBER);
+	return kel_free_resource(h, "ctrl_tbl", "ctrl_pval", pool.filter, text.c_str(), KEL_RANGE_NUMBER);
 }
 
 // "ipnet=<uuid>": selects the ipnet by its own key.
@@ -81,20 +78,37 @@ int kel_ipnet_rangetype(sa_family_t af)
 	return af == AF_INET ? KEL_RANGE_IPV4 : KEL_RANGE_IPV6;
 }
 
-int kel_db_get_next_vlanid(kel_dbhandle_t h, int *vlanid) { return next_id(h, kVlanIds, vlanid); }
-int kel_db_get_this_vlanid(kel_dbhandle_t h, int vlanid) { return this_id(h, kVlanIds, vlanid); }
-int kel_db_free_vlanid(kel_dbhandle_t h, int vlanid) { return free_id(h, kVlanIds, vlanid); }
-int kel_db_get_next_vni(kel_dbhandle_t h, int *vni) { return next_id(h, kVnis, vni); }
-int kel_db_get_this_vni(kel_dbhandle_t h, int vni) { return this_id(h, kVnis, vni); }
-int kel_db_free_vni(kel_dbhandle_t h, int vni) { return free_id(h, kVnis, vni); }
+int kel_db_get_next_vlanid(kel_dbhandle_t h, int *vlanid)
+{
+	return next_id(h, kVlanIds, vlanid);
+}
+int kel_db_get_this_vlanid(kel_dbhandle_t h, int vlanid)
+{
+	return this_id(h, kVlanIds, vlanid);
+}
+int kel_db_free_vlanid(kel_dbhandle_t h, int vlanid)
+{
+	return free_id(h, kVlanIds, vlanid);
+}
+int kel_db_get_next_vni(kel_dbhandle_t h, int *vni)
+{
+	return next_id(h, kVnis, vni);
+}
+int kel_db_get_this_vni(kel_dbhandle_t h, int vni)
+{
+	return this_id(h, kVnis, vni);
+}
+int kel_db_free_vni(kel_dbhandle_t h, int vni)
+{
+	return free_id(h, kVnis, vni);
+}
 
-int kel_ipnpool_contains_addr(kel_dbhandle_t h, const char *filter, const char *addr,
-    sa_family_t af, boolean_t *inpool)
+int kel_ipnpool_contains_addr(kel_dbhandle_t h, const char *filter, const char *addr, sa_family_t af, boolean_t *inpool)
 {
 	*inpool = B_FALSE;
 	char props[1024];
-	int rc = kel_db_get_filtered_value(h, "ipnet_tbl", "ipnet_props", filter, props,
-	    sizeof(props), DATA_TYPE_STRING);
+	int rc = kel_db_get_filtered_value(h, "ipnet_tbl", "ipnet_props", filter, props, sizeof(props),
+	    DATA_TYPE_STRING);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	attrset_t *set = nullptr;
@@ -103,7 +117,7 @@ int kel_ipnpool_contains_addr(kel_dbhandle_t h, const char *filter, const char *
 	const kel::AttrSetPtr owned(set);
 	char *pool = nullptr;
 	if (attrset_lookup_string(set, "pool", &pool) != 0) {
-		*inpool = B_TRUE;	// an ipnet without a pool is all pool
+		*inpool = B_TRUE;  // an ipnet without a pool is all pool
 	} else {
 		rc = kel_rsrc_range_contains(pool, addr, kel_ipnet_rangetype(af));
 		if (rc == KEL_SUCCESS)
@@ -123,8 +137,8 @@ int kel_db_get_next_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, char *add
 	kel::Transaction tx(h->edh_db);
 	int rc = tx.begin();
 	if (rc == KEL_SUCCESS)
-		rc = kel_get_next_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr,
-		    kAddrLen, type);
+		rc = kel_get_next_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr, kAddrLen,
+		    type);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	rc = kel_get_this_resource(h, "ipnet_tbl", "ipnet_avail_range", filter.c_str(), addr, type);
@@ -146,24 +160,20 @@ int kel_db_get_this_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, const cha
 	if ((rc = tx.begin()) != KEL_SUCCESS)
 		return rc;
 	if (inpool)
-		rc = kel_get_this_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(),
-		    addr, type);
+		rc = kel_get_this_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr, type);
 	if (rc == KEL_SUCCESS)
-		rc = kel_get_this_resource(h, "ipnet_tbl", "ipnet_avail_range", filter.c_str(), addr,
-		    type);
+		rc = kel_get_this_resource(h, "ipnet_tbl", "ipnet_avail_range", filter.c_str(), addr, type);
 	return rc != KEL_SUCCESS ? rc : tx.commit();
 }
 
-int kel_db_free_ipaddr(kel_dbhandle_t h, const uuid_t ipnet_uuid, sa_family_t af,
-    const char *addr)
+int kel_db_free_ipaddr(kel_dbhandle_t h, const uuid_t ipnet_uuid, sa_family_t af, const char *addr)
 {
 	const std::string filter = ipnet_filter(ipnet_uuid);
 	const int type = kel_ipnet_rangetype(af);
 	boolean_t inpool = B_FALSE;
 	int rc = kel_ipnpool_contains_addr(h, filter.c_str(), addr, af, &inpool);
 	if (rc == KEL_SUCCESS && inpool)
-		rc = kel_free_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr,
-		    type);
+		rc = kel_free_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr, type);
 	if (rc == KEL_SUCCESS)
 		rc = kel_free_resource(h, "ipnet_tbl", "ipnet_avail_range", filter.c_str(), addr, type);
 	return rc;
@@ -177,32 +187,29 @@ boolean_t kel_is_defrouter(const char *addr, const kel_ipnet_t *ipnet)
 	return std::strcmp(addr, router) == 0 ? B_TRUE : B_FALSE;
 }
 
-int kel_db_get_next_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel,
-    char *name, size_t namelen)
+int kel_db_get_next_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel, char *name, size_t namelen)
 {
 	char filter[KEL_FILTER_LEN], number[1024];
 	int rc = kel_filter(tenant, kel, filter);
 	if (rc == KEL_SUCCESS)
-		rc = kel_get_next_resource(h, "kel_tbl", "kel_vportnum_range", filter, number,
-		    sizeof(number), KEL_RANGE_NUMBER);
+		rc = kel_get_next_resource(h, "kel_tbl", "kel_vportnum_range", filter, number, sizeof(number),
+		    KEL_RANGE_NUMBER);
 	if (rc == KEL_SUCCESS &&
 	    static_cast<size_t>(std::snprintf(name, namelen, "%s%s", kSysVportPrefix, number)) >= namelen) {
-		(void)kel_free_resource(h, "kel_tbl", "kel_vportnum_range", filter, number,
-		    KEL_RANGE_NUMBER);
+		(void)kel_free_resource(h, "kel_tbl", "kel_vportnum_range", filter, number, KEL_RANGE_NUMBER);
 		rc = KEL_E_NOSPACE;
 	}
 	return rc;
 }
 
-int kel_db_free_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name)
+int kel_db_free_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name)
 {
 	char filter[KEL_FILTER_LEN];
 	int rc = kel_filter(tenant, kel, filter);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	return kel_free_resource(h, "kel_tbl", "kel_vportnum_range", filter,
-	    name + sizeof(kSysVportPrefix) - 1, KEL_RANGE_NUMBER);
+	return kel_free_resource(h, "kel_tbl", "kel_vportnum_range", filter, name + sizeof(kSysVportPrefix) - 1,
+	    KEL_RANGE_NUMBER);
 }
 
 // A short read is read again until the random octets are all filled: a partly random
@@ -263,8 +270,8 @@ int kel_check_ipnet_overlap(kel_dbhandle_t h, const kel_ipnet_t *ipnet)
 
 int kel_valid_poolrange(const char *pool, const char *defrouter, const kel_ipnet_t *ipnet)
 {
-	const int rc = kel_rsrc_valid_range(pool, kel_ipnet_rangetype(ipnet->ei_af),
-	    ipnet->ei_sastr, ipnet->ei_eastr, defrouter);
+	const int rc = kel_rsrc_valid_range(pool, kel_ipnet_rangetype(ipnet->ei_af), ipnet->ei_sastr, ipnet->ei_eastr,
+	    defrouter);
 	if (rc == KEL_E_INVALID_RANGE)
 		return KEL_E_INVALID_POOL;
 	if (rc == KEL_E_RANGE_EXCLUSIVE)

@@ -20,16 +20,13 @@ int kel_db_free_vni(kel_dbhandle_t h, int vni);
 // subnet and is drawn from the pool too when it lies in it.
 int kel_db_get_next_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, char *addr);
 int kel_db_get_this_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, const char *addr);
-int kel_db_free_ipaddr(kel_dbhandle_t h, const uuid_t ipnet_uuid, sa_family_t af,
-    const char *addr);
-int kel_ipnpool_contains_addr(kel_dbhandle_t h, const char *filter, const char *addr,
-    sa_family_t af, boolean_t *inpool);
+int kel_db_free_ipaddr(kel_dbhandle_t h, const uuid_t ipnet_uuid, sa_family_t af, const char *addr);
+int kel_ipnpool_contains_addr(kel_dbhandle_t h, const char *filter, const char *addr, sa_family_t af,
+    boolean_t *inpool);
 boolean_t kel_is_defrouter(const char *addr, const kel_ipnet_t *ipnet);
 
-int kel_db_get_next_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel,
-    char *name, size_t namelen);
-int kel_db_free_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name);
+int kel_db_get_next_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel, char *name, size_t namelen);
+int kel_db_free_sysvportname(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name);
 
 // The first three bytes of every generated MAC address: 02:08:20.
 extern const uint8_t vport_def_prefix[3];

@@ -40,13 +40,12 @@ int read_ctrl(kel_dbhandle_t h, const char *pname, char *buf, size_t size)
 {
 	const std::string filter = std::string("ctrl_pname=") + pname;
 	buf[0] = '\0';
-	return kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), buf,
-	    static_cast<int>(size), DATA_TYPE_STRING);
+	return kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), buf, static_cast<int>(size),
+	    DATA_TYPE_STRING);
 }
 
 // The host's row of `pname` serving the kel, else the fabric's; "" when neither has one.
-int host_or_global(kel_dbhandle_t h, attrset_t *props, const char *host, const char *pname,
-    char *buf, size_t size)
+int host_or_global(kel_dbhandle_t h, attrset_t *props, const char *host, const char *pname, char *buf, size_t size)
 {
 	buf[0] = '\0';
 	int rc = kel_db_get_uport_or_vaddr_hostprop(h, props, host, pname, buf, size);
@@ -97,13 +96,11 @@ int kel_fill_node_view(kel_dbhandle_t h, kel_t *k, const char *host)
 namespace {
 
 // The binding of `vnic` on `host` in the tenant, if there is one: *found is the kel.
-int existing_binding(kel_dbhandle_t h, const char *tenant, const char *vnic, const char *host,
-    kel_t **found)
+int existing_binding(kel_dbhandle_t h, const char *tenant, const char *vnic, const char *host, kel_t **found)
 {
 	*found = nullptr;
 	char filter[KEL_FILTER_LEN];
-	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "vnic", vnic,
-	    "host", host);
+	int rc = kel_create_attrstr(filter, sizeof(filter), nullptr, 3, "tenant", tenant, "vnic", vnic, "host", host);
 	kel::RecordList<kel_t> kels;
 	if (rc == KEL_SUCCESS)
 		rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); });
@@ -129,12 +126,12 @@ int bind(kel_dbhandle_t h, kel_t *k, const char *vnic, const char *host, attrset
 	return same_vm ? kel_db_set_vport_migration(h, vp, host) : KEL_E_VPORT_INUSE;
 }
 
-int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *vportname,
-    const char *vnic, const char *host, const char *props, kel_t **kelp)
+int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *vportname, const char *vnic,
+    const char *host, const char *props, kel_t **kelp)
 {
 	if (!kel_valid_name(kelname) || !kel_valid_name(tenant) ||
-	    (vportname != nullptr && !kel_valid_name(vportname)) || !kel_valid_zonevnicname(vnic) ||
-	    host == nullptr || !valid_hostname(host))
+	    (vportname != nullptr && !kel_valid_name(vportname)) || !kel_valid_zonevnicname(vnic) || host == nullptr ||
+	    !valid_hostname(host))
 		return KEL_E_INVALID_ARGS;
 	kel::AttrSetPtr set;
 	int rc = kel::read_props(props, &set, {.malformed = KEL_E_INVALID_ARGS});
@@ -193,8 +190,7 @@ int keep_counters(kel_vport_t *vp, const kel_vport_counters_t &last)
 	return kel::add_counters_gone(vp->evp_props, last);
 }
 
-int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *extra,
-    const kel_vport_counters_t *last)
+int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *extra, const kel_vport_counters_t *last)
 {
 	// Both go into a filter: a comma in either would add an alternative to it.
 	if (!kel_valid_zonevnicname(vnic) || !valid_hostname(host))
@@ -231,7 +227,7 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 		if (attrset_exists(vp->evp_props, kMigrating))
 			rc = kel_db_clear_vport_migration(h, vp, host, filter);
 		else if ((rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) == KEL_SUCCESS &&
-		         kel_is_system_vport(vp->evp_name))
+		    kel_is_system_vport(vp->evp_name))
 			rc = kel_db_remove_system_vport(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name);
 	}
 	return rc != KEL_SUCCESS ? rc : write.commit();
@@ -246,8 +242,7 @@ int kel_db_set_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *ho
 	return write_props(h, vp);
 }
 
-int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *host,
-    const char *)
+int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *host, const char *)
 {
 	char *dest = nullptr;
 	if (attrset_lookup_string(vp->evp_props, kMigrating, &dest) != 0)
@@ -270,8 +265,8 @@ int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *
 
 extern "C" {
 
-int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, const char *vnic, const char *host, const char *props, kel_t **kelp) noexcept
+int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport, const char *vnic,
+    const char *host, const char *props, kel_t **kelp) noexcept
 {
 	if (kelp == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -281,8 +276,7 @@ int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 	return kel::c_boundary([&] { return assign(h, tenant, kel, vport, vnic, host, props, kelp); });
 }
 
-int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
-    const char *filter) noexcept
+int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host, const char *filter) noexcept
 {
 	return kel_db_unassign_vport_counted(h, vnic, host, filter, nullptr);
 }

@@ -13,12 +13,12 @@
 #include "filter.h"
 #include "kel_lifecycle.h"
 #include "names.h"
+#include "owners.h"
 #include "prop_catalogue.h"
 #include "range.h"
 #include "sql.h"
 #include "subnet.h"
 #include "text.h"
-#include "owners.h"
 
 namespace {
 
@@ -28,9 +28,9 @@ using kel::AttrSetPtr;
 
 // What an ipnet's row holds beyond its properties.
 struct IpnetPlan {
-	kel_ipnet_t span{};	// subnet fields only
-	std::string avail;	// every free address
-	std::string avail_pool;	// the free addresses of the pool
+	kel_ipnet_t span{};      // subnet fields only
+	std::string avail;       // every free address
+	std::string avail_pool;  // the free addresses of the pool
 };
 
 // Works out the router, the available addresses and the pool, completing `set` with the
@@ -58,8 +58,8 @@ int plan_ipnet(attrset_t *set, IpnetPlan *plan)
 	} else if (!kel_address_unspecified(given)) {
 		// The network and broadcast addresses lie in the subnet but no host can use
 		// them as its router: the router must lie in the usable span.
-		if (!kel_ipnet_contains_ip(&ip, given) ||
-		    kel_rsrc_cmp(given, ip.ei_sastr, type) < 0 || kel_rsrc_cmp(given, ip.ei_eastr, type) > 0)
+		if (!kel_ipnet_contains_ip(&ip, given) || kel_rsrc_cmp(given, ip.ei_sastr, type) < 0 ||
+		    kel_rsrc_cmp(given, ip.ei_eastr, type) > 0)
 			return KEL_E_IP_NOT_IN_IPNET;
 		router = given;
 	}
@@ -67,8 +67,7 @@ int plan_ipnet(attrset_t *set, IpnetPlan *plan)
 		plan->avail = full;
 	} else {
 		char avail[kRangeLen];
-		if ((rc = kel_rsrc_range_diff(full.c_str(), router.c_str(), avail, sizeof(avail), type)) !=
-		    KEL_SUCCESS)
+		if ((rc = kel_rsrc_range_diff(full.c_str(), router.c_str(), avail, sizeof(avail), type)) != KEL_SUCCESS)
 			return rc;
 		plan->avail = avail;
 	}
@@ -76,13 +75,11 @@ int plan_ipnet(attrset_t *set, IpnetPlan *plan)
 	char *pool = nullptr;
 	if (attrset_lookup_string(set, "pool", &pool) != 0) {
 		plan->avail_pool = plan->avail;
-		return attrset_add_string(set, "pool", plan->avail.c_str()) == 0 ? KEL_SUCCESS
-		                                                                : KEL_E_NOMEM;
+		return attrset_add_string(set, "pool", plan->avail.c_str()) == 0 ? KEL_SUCCESS : KEL_E_NOMEM;
 	}
 	if (*pool == '\0')
 		return KEL_E_INVALID_ARGS;
-	if ((rc = kel_valid_poolrange(pool, router.empty() ? nullptr : router.c_str(), &ip)) !=
-	    KEL_SUCCESS)
+	if ((rc = kel_valid_poolrange(pool, router.empty() ? nullptr : router.c_str(), &ip)) != KEL_SUCCESS)
 		return rc;
 	char merged[1024];
 	if ((rc = kel_rsrc_range_merge(pool, merged, sizeof(merged), type)) != KEL_SUCCESS)
@@ -95,8 +92,8 @@ boolean_t ipnet_exists(kel_dbhandle_t h, const char *tenant, const char *name)
 {
 	boolean_t is_uuid = B_FALSE;
 	(void)kel_parse_name(name, &is_uuid);
-	return kel_db_value_exists(h, "AND", "=", "kel_ipnet_view", 2, "kel_tenant_name",
-	    DATA_TYPE_STRING, tenant, is_uuid ? "ipnet_uuid" : "ipnet_name", DATA_TYPE_STRING, name);
+	return kel_db_value_exists(h, "AND", "=", "kel_ipnet_view", 2, "kel_tenant_name", DATA_TYPE_STRING, tenant,
+	    is_uuid ? "ipnet_uuid" : "ipnet_name", DATA_TYPE_STRING, name);
 }
 
 // The store keeps the address family as 2 or 26 whatever this host calls them.
@@ -105,8 +102,8 @@ int stored_family(sa_family_t af)
 	return af == AF_INET ? 2 : 26;
 }
 
-int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *name,
-    const char *props, uint32_t flags, kel_ipnet_t **ipnetp)
+int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *name, const char *props,
+    uint32_t flags, kel_ipnet_t **ipnetp)
 {
 	if (name != nullptr && !kel::valid_new_name(name, flags))
 		return KEL_E_INVALID_NAME;
@@ -138,8 +135,11 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	char filter[KEL_FILTER_LEN];
 	kel::RecordList<kel_t> kels;
 	// Only its networks are asked of the switch: none of its ports is read.
-	const auto no_free_ports = [&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_BOUND_PORTS); };
-	if ((rc = kel::names_filter(filter, tenant, kelname)) != KEL_SUCCESS || (rc = kels.read(no_free_ports)) != KEL_SUCCESS)
+	const auto no_free_ports = [&](list_t *l) {
+		return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_BOUND_PORTS);
+	};
+	if ((rc = kel::names_filter(filter, tenant, kelname)) != KEL_SUCCESS ||
+	    (rc = kels.read(no_free_ports)) != KEL_SUCCESS)
 		return rc;
 	char keluuid[KEL_UUID_TEXT_LEN];
 	uuid_unparse_lower(kels.front()->kel_uuid, keluuid);
@@ -156,8 +156,8 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	    "INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_name, ipnet_keluuid, ipnet_props, ipnet_af, "
 	    "ipnet_start_addr, ipnet_end_addr, ipnet_avail_range, ipnet_avail_pool_range) "
 	    "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
-	    {uuidtext, name, keluuid, text, stored_family(plan.span.ei_af), plan.span.ei_sastr,
-	        plan.span.ei_eastr, plan.avail, plan.avail_pool});
+	    {uuidtext, name, keluuid, text, stored_family(plan.span.ei_af), plan.span.ei_sastr, plan.span.ei_eastr,
+	        plan.avail, plan.avail_pool});
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kel::RecordList<kel_ipnet_t> nets;
@@ -206,8 +206,8 @@ boolean_t kel_db_ipnet_exists(kel_dbhandle_t h, const char *tenant, const char *
 
 extern "C" {
 
-int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_ipnet_t **ipnetp, uint32_t flags) noexcept
+int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    kel_ipnet_t **ipnetp, uint32_t flags) noexcept
 {
 	if (ipnetp == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -219,8 +219,7 @@ int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 	return kel::c_boundary([&] { return add_ipnet(h, tenant, kel, name, props, flags, ipnetp); });
 }
 
-int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, uint32_t) noexcept
+int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, uint32_t) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;

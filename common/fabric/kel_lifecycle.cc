@@ -12,10 +12,10 @@
 #include "c_boundary.h"
 #include "filter.h"
 #include "names.h"
+#include "owners.h"
 #include "prop_catalogue.h"
 #include "sql.h"
 #include "text.h"
-#include "owners.h"
 
 namespace {
 
@@ -51,8 +51,7 @@ int take_id(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t type, int *id, bool 
 	if (rc != KEL_SUCCESS)
 		return rc;
 	*drawn = true;
-	return attrset_add_string(set, key, std::to_string(*id).c_str()) == 0 ? KEL_SUCCESS
-	                                                                     : KEL_E_NOMEM;
+	return attrset_add_string(set, key, std::to_string(*id).c_str()) == 0 ? KEL_SUCCESS : KEL_E_NOMEM;
 }
 
 // Step 2, under the lock: a switch given no name takes one from its UUID (into
@@ -82,8 +81,7 @@ int settle_l2type(kel_dbhandle_t h, attrset_t *set, kel_l2ntype_t *type)
 	return attrset_add_string(set, "l2-type", ctrltype) == 0 ? KEL_SUCCESS : KEL_E_NOMEM;
 }
 
-int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props,
-    uint32_t flags, kel_t **kelp)
+int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props, uint32_t flags, kel_t **kelp)
 {
 	// Step 1: the caller's names and properties.
 	if (name != nullptr && !kel::valid_new_name(name, flags))
@@ -102,7 +100,8 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	kel::WriteScope write(h);
 	char derived[KEL_UUID_TEXT_LEN];
 	kel_l2ntype_t type = KEL_L2NTYPE_UNKNOWN;
-	if ((rc = write.locked()) != KEL_SUCCESS || (rc = pick_name(h, tenant, uuidtext, &name, derived)) != KEL_SUCCESS ||
+	if ((rc = write.locked()) != KEL_SUCCESS ||
+	    (rc = pick_name(h, tenant, uuidtext, &name, derived)) != KEL_SUCCESS ||
 	    (rc = settle_l2type(h, set.get(), &type)) != KEL_SUCCESS)
 		return rc;
 	// Step 4: draw and insert commit together; a crash at any instant keeps both or
@@ -112,9 +111,8 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	int drawn_id = 0;
 	bool drawn = false;
 	// After the write scope: gives the ID back inside the transaction, before its rollback.
-	kel::Hold id([&] {
-		(void)(type == KEL_L2NTYPE_VLAN ? kel_db_free_vlanid(h, drawn_id) : kel_db_free_vni(h, drawn_id));
-	});
+	kel::Hold id(
+	    [&] { (void)(type == KEL_L2NTYPE_VLAN ? kel_db_free_vlanid(h, drawn_id) : kel_db_free_vni(h, drawn_id)); });
 	if (type != KEL_L2NTYPE_FLAT) {
 		rc = take_id(h, set.get(), type, &drawn_id, &drawn);
 		if (drawn)
@@ -150,8 +148,7 @@ int give_back_id(kel_dbhandle_t h, attrset_t *props)
 	if (attrset_lookup_string(props, "l2-type", &l2type) == 0)
 		kel_str2ntype(l2type, &type);
 	const char *key = type == KEL_L2NTYPE_VLAN ? "vlanid" : "vni";
-	if ((type != KEL_L2NTYPE_VLAN && type != KEL_L2NTYPE_VXLAN) ||
-	    attrset_lookup_string(props, key, &idtext) != 0)
+	if ((type != KEL_L2NTYPE_VLAN && type != KEL_L2NTYPE_VXLAN) || attrset_lookup_string(props, key, &idtext) != 0)
 		return KEL_SUCCESS;
 	int id = 0;
 	int rc = kel_str2int(idtext, &id);
@@ -175,8 +172,9 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 		return rc;
 	// Whether a port is bound is all that is asked of its ports: the free ones go unread.
 	kel::RecordList<kel_t> kels;
-	if ((rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_BOUND_PORTS); })) !=
-	    KEL_SUCCESS)
+	if ((rc = kels.read([&](list_t *l) {
+		    return kel_db_get_filtered_kellist(h, filter, l, KEL_LIST_BOUND_PORTS);
+	    })) != KEL_SUCCESS)
 		return rc;
 	kel_t *kel = kels.front();
 	if (kel->kel_status == KEL_STATUS_BUSY)
@@ -189,8 +187,7 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 		rc = kel::exec(h->edh_db, "DELETE FROM vport_tbl WHERE vport_keluuid = ?", {keluuid});
 	if (rc == KEL_SUCCESS)
 		rc = kel::exec(h->edh_db, "DELETE from kel_tbl where kel_uuid = ?", {keluuid});
-	for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&kel->kel_ipnets));
-	     rc == KEL_SUCCESS && ip != nullptr;
+	for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&kel->kel_ipnets)); rc == KEL_SUCCESS && ip != nullptr;
 	     ip = static_cast<kel_ipnet_t *>(list_next(&kel->kel_ipnets, ip))) {
 		char ipuuid[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(ip->ei_uuid, ipuuid);
@@ -209,8 +206,8 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 int kel_get_l2type_info(kel_dbhandle_t h, kel_l2ntype_t *type, char *buf, int buflen)
 {
 	buf[0] = '\0';
-	int rc = kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", "ctrl_pname=l2-type", buf,
-	    buflen, DATA_TYPE_STRING);
+	int rc = kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", "ctrl_pname=l2-type", buf, buflen,
+	    DATA_TYPE_STRING);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	kel_str2ntype(buf, type);
@@ -219,8 +216,8 @@ int kel_get_l2type_info(kel_dbhandle_t h, kel_l2ntype_t *type, char *buf, int bu
 
 extern "C" {
 
-int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name,
-    const char *props, uint32_t flags, kel_t **kelp) noexcept
+int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props, uint32_t flags,
+    kel_t **kelp) noexcept
 {
 	if (kelp == nullptr)
 		return KEL_E_INVALID_ARGS;

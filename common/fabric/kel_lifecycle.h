@@ -5,7 +5,6 @@
 
 #include <kel/libkel.h>
 
-
 // The type an "l2-type" text names; KEL_L2NTYPE_UNKNOWN for NULL or any other text.
 inline void kel_str2ntype(const char *str, kel_l2ntype_t *type)
 {

@@ -41,9 +41,8 @@ bool found(sqlite3 *db, const kel::SqlText &sql, kel::SqlValues values)
 // The plain meaning: a LIKE over every port.
 boolean_t scan(kel_dbhandle_t h, const std::string &pattern)
 {
-	return found(h->edh_db, "SELECT 1 FROM vport_tbl WHERE vport_props LIKE ?1 LIMIT 1", {pattern})
-	    ? B_TRUE
-	    : B_FALSE;
+	return found(h->edh_db, "SELECT 1 FROM vport_tbl WHERE vport_props LIKE ?1 LIMIT 1", {pattern}) ? B_TRUE
+	                                                                                                : B_FALSE;
 }
 
 }  // namespace
@@ -73,7 +72,7 @@ boolean_t kel_db_macaddr_exists(kel_dbhandle_t h, const char *mac)
 	if (like || (rc != KEL_SUCCESS && rc != KEL_E_CONTINUE))
 		return like ? B_TRUE : B_FALSE;
 	std::string kept = tail.substr(0, kel::schema::kKeptTail), past = kept;
-	past.back()++;	// a colon or a hex digit: never the last character there is
+	past.back()++;  // a colon or a hex digit: never the last character there is
 	return found(h->edh_db, KEL_SQL_MAC_BY_TAIL, {kept, past, pattern}) ? B_TRUE : B_FALSE;
 }
 

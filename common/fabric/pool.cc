@@ -33,14 +33,12 @@ std::vector<std::string> texts(const std::vector<KelRangeElement> &elems, int ty
 	return out;
 }
 
-int read_pool(kel_dbhandle_t h, const char *table, const char *column, const char *filter,
-    std::string *pool)
+int read_pool(kel_dbhandle_t h, const char *table, const char *column, const char *filter, std::string *pool)
 {
 	return kel_db_get_filtered_text(h, table, column, filter, pool);
 }
 
-int write_pool(kel_dbhandle_t h, const char *table, const char *column, const char *filter,
-    const std::string &pool)
+int write_pool(kel_dbhandle_t h, const char *table, const char *column, const char *filter, const std::string &pool)
 {
 	return kel_db_set_filtered_value(h, table, column, filter, pool.c_str(), DATA_TYPE_STRING);
 }
@@ -75,7 +73,7 @@ int take(const std::string &pool, const std::string &value, int type, std::strin
 	for (size_t i = 0; i < elems.size(); i++) {
 		const int s = kel_rsrc_cmp(value.c_str(), elems[i].start.c_str(), type);
 		if (s < 0)
-			return KEL_E_NORESOURCE;	// below this element: not free
+			return KEL_E_NORESOURCE;  // below this element: not free
 		const int e = kel_rsrc_cmp(value.c_str(), elems[i].end.c_str(), type);
 		if (e > 0)
 			continue;
@@ -106,11 +104,10 @@ std::string give(const std::string &pool, const std::string &value, int type)
 		const int ds = kel_rsrc_cmp(value.c_str(), el.start.c_str(), type);
 		if (ds >= 0) {
 			if (kel_rsrc_cmp(value.c_str(), el.end.c_str(), type) <= 0)
-				return pool;	// already free: leave the pool as it was
+				return pool;  // already free: leave the pool as it was
 			continue;
 		}
-		const bool next_to_prev = i > 0 &&
-		    kel_rsrc_cmp(value.c_str(), elems[i - 1].end.c_str(), type) == 1;
+		const bool next_to_prev = i > 0 && kel_rsrc_cmp(value.c_str(), elems[i - 1].end.c_str(), type) == 1;
 		if (!next_to_prev) {
 			pieces[i] = ds == -1 ? value + "-" + el.end : value + "," + pieces[i];
 		} else if (ds == -1) {
@@ -131,8 +128,8 @@ std::string give(const std::string &pool, const std::string &value, int type)
 
 }  // namespace kel::pool
 
-int kel_get_next_resource(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, char *out, size_t outlen, int type)
+int kel_get_next_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter, char *out,
+    size_t outlen, int type)
 {
 	try {
 		std::string pool, drawn, rest;
@@ -150,8 +147,8 @@ int kel_get_next_resource(kel_dbhandle_t h, const char *table, const char *colum
 	}
 }
 
-int kel_get_this_resource(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, const char *target, int type)
+int kel_get_this_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter,
+    const char *target, int type)
 {
 	try {
 		std::string pool, rest;
@@ -164,15 +161,14 @@ int kel_get_this_resource(kel_dbhandle_t h, const char *table, const char *colum
 	}
 }
 
-int kel_free_resource(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, const char *tofree, int type)
+int kel_free_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter, const char *tofree,
+    int type)
 {
 	try {
 		std::string pool;
 		int rc = read_pool(h, table, column, filter, &pool);
 		return rc != KEL_SUCCESS ? rc
-		                         : write_pool(h, table, column, filter,
-		                               kel::pool::give(pool, tofree, type));
+		                         : write_pool(h, table, column, filter, kel::pool::give(pool, tofree, type));
 	} catch (const std::bad_alloc &) {
 		return KEL_E_NOMEM;
 	}

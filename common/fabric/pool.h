@@ -22,9 +22,9 @@ std::string give(const std::string &pool, const std::string &value, int type);
 
 // The store forms: the pool is `column` of the row of `table` that `filter` selects.
 // A NULL column reads as an empty pool.
-int kel_get_next_resource(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, char *out, size_t outlen, int type);
-int kel_get_this_resource(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, const char *target, int type);
-int kel_free_resource(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, const char *tofree, int type);
+int kel_get_next_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter, char *out,
+    size_t outlen, int type);
+int kel_get_this_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter,
+    const char *target, int type);
+int kel_free_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter, const char *tofree,
+    int type);

@@ -16,7 +16,7 @@ namespace {
 
 // What a listing needs of an object, whichever kind it is.
 struct ObjectFacts {
-	const char *kel = nullptr;	// the owning switch's name (ports and networks)
+	const char *kel = nullptr;  // the owning switch's name (ports and networks)
 	const char *tenant;
 	const unsigned char *uuid;
 	attrset_t *props;
@@ -37,9 +37,7 @@ ObjectFacts facts(void *object, kel_proptype_t type)
 		auto *n = static_cast<kel_ipnet_t *>(object);
 		return {n->ei_kelname, n->ei_tenantname, n->ei_uuid, n->ei_props};
 	}
-	default:
-		KEL_ASSERT(kel::kAreaProp, !"a listing of one object type");
-		return {};
+	default: KEL_ASSERT(kel::kAreaProp, !"a listing of one object type"); return {};
 	}
 }
 
@@ -58,20 +56,15 @@ const char *current(const ObjectFacts &obj, const char *name, char (&uuid)[KEL_U
 	return attrset_lookup_string(obj.props, name, &value) == 0 ? value : nullptr;
 }
 
-
 int read_objects(kel_dbhandle_t h, const char *filter, list_t *objects, kel_proptype_t type)
 {
 	switch (type) {
 	case KEL_PROPTYPE_KEL:
 		// A switch's properties are its own: its ports are not read.
 		return kel_db_get_filtered_kellist(h, filter, objects, KEL_LIST_NO_MEMBERS);
-	case KEL_PROPTYPE_VPORT:
-		return kel_db_get_filtered_vportlist(h, filter, objects, 0);
-	case KEL_PROPTYPE_IPNET:
-		return kel_db_get_filtered_ipnetlist(h, filter, objects, 0);
-	default:
-		KEL_ASSERT(kel::kAreaProp, !"a listing of one object type");
-		return KEL_E_INVALID_ARGS;
+	case KEL_PROPTYPE_VPORT: return kel_db_get_filtered_vportlist(h, filter, objects, 0);
+	case KEL_PROPTYPE_IPNET: return kel_db_get_filtered_ipnetlist(h, filter, objects, 0);
+	default: KEL_ASSERT(kel::kAreaProp, !"a listing of one object type"); return KEL_E_INVALID_ARGS;
 	}
 }
 
@@ -85,8 +78,7 @@ void free_objects(list_t *objects, kel_proptype_t type)
 		kel_free_ipnetlist(objects);
 }
 
-int list_props(kel_dbhandle_t h, const char *filter, const char *names_text, list_t *list,
-    kel_proptype_t type)
+int list_props(kel_dbhandle_t h, const char *filter, const char *names_text, list_t *list, kel_proptype_t type)
 {
 	attrset_t *names_raw = nullptr;
 	if (names_text != nullptr && *names_text != '\0') {
@@ -171,7 +163,8 @@ int inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *buf, s
 		const char *value = kel_propattrset_lookup(vport->evpi_props, vport->evpi_props_count, row->ep_pname);
 		if (value == nullptr)
 			value = kel_propattrset_lookup(kel->ekeli_props, kel->ekeli_props_count, row->ep_pname);
-		if (value == nullptr || (std::strcmp(row->ep_pname, "protection") == 0 && std::strcmp(value, "none") == 0))
+		if (value == nullptr ||
+		    (std::strcmp(row->ep_pname, "protection") == 0 && std::strcmp(value, "none") == 0))
 			continue;
 		text += (text.empty() ? "" : ",") + std::string(row->ep_pname) + "=" + value;
 	}
@@ -194,8 +187,8 @@ int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *bu
 
 extern "C" {
 
-int kel_db_get_filtered_proplist(kel_dbhandle_t h, const char *filter, const char *names,
-    list_t *list, kel_proptype_t type) noexcept
+int kel_db_get_filtered_proplist(kel_dbhandle_t h, const char *filter, const char *names, list_t *list,
+    kel_proptype_t type) noexcept
 {
 	if (h == nullptr || list == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -205,7 +198,8 @@ int kel_db_get_filtered_proplist(kel_dbhandle_t h, const char *filter, const cha
 char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const char *name) noexcept
 {
 	for (int i = 0; name != nullptr && i < count; i++)
-		if (props[i] != nullptr && props[i]->epnv_name != nullptr && std::strcmp(props[i]->epnv_name, name) == 0)
+		if (props[i] != nullptr && props[i]->epnv_name != nullptr &&
+		    std::strcmp(props[i]->epnv_name, name) == 0)
 			return props[i]->epnv_value;
 	return nullptr;
 }

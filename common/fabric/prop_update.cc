@@ -13,26 +13,26 @@
 #include "allocator.h"
 #include "attrset_ptr.h"
 #include "c_boundary.h"
+#include "connections.h"
 #include "error_code.h"
 #include "fan_out.h"
 #include "filter.h"
 #include "harl.h"
-#include "connections.h"
-#include "names.h"
 #include "host_link.h"
-#include "nuq_errors.h"
 #include "kel_assert.h"
+#include "names.h"
+#include "nuq_errors.h"
+#include "owners.h"
 #include "prop_catalogue.h"
 #include "range.h"
 #include "sql.h"
 #include "text.h"
-#include "owners.h"
 
 namespace {
 
-constexpr int kLinkFlags = 0x8001;	// the datalink manager's: apply now, not persistent
+constexpr int kLinkFlags = 0x8001;  // the datalink manager's: apply now, not persistent
 constexpr size_t kTextLen = 1024;
-constexpr int kBindingAttempts = 3;	// times a port update follows a port that moves
+constexpr int kBindingAttempts = 3;  // times a port update follows a port that moves
 
 using kel::KelPtr;
 using kel::Text;
@@ -100,8 +100,8 @@ int with_value(attrset_t **set, const char *name, const char *value, char **text
 	return kel_attrset2str(*set, text);
 }
 
-int store_props(kel_dbhandle_t h, attrset_t **set, const char *name, const char *value,
-    const char *table, const char *column, const char *key, const uuid_t uuid)
+int store_props(kel_dbhandle_t h, attrset_t **set, const char *name, const char *value, const char *table,
+    const char *column, const char *key, const uuid_t uuid)
 {
 	char *raw = nullptr;
 	if (int rc = with_value(set, name, value, &raw); rc != KEL_SUCCESS)
@@ -133,14 +133,13 @@ std::string link_value(const OneProp &p, kel_t *kel)
 struct HostShare {
 	std::string host;
 	std::vector<const kel_vport_t *> ports;
-	std::string uri;	// empty: the host's URI could not be made
+	std::string uri;  // empty: the host's URI could not be made
 	bool failed = false;
 };
 
 // Sets the property on every VNIC of the share; runs on a thread of its own, so it
 // touches neither the store nor anything another share uses, and throws nothing.
-void reach_host(HostShare *share, attrset_t *kelprops, const char *name, const char *value,
-    uint32_t flags) noexcept
+void reach_host(HostShare *share, attrset_t *kelprops, const char *name, const char *value, uint32_t flags) noexcept
 {
 	try {
 		nuq::KeptConnection conn;
@@ -150,11 +149,14 @@ void reach_host(HostShare *share, attrset_t *kelprops, const char *name, const c
 		}
 		for (const kel_vport_t *vp : share->ports) {
 			nuq_instance_t *link = nullptr;
-			const auto lookup = [&] { return harl_Datalink__nuq_lookup(conn.get(), 1, &link, 1, "name", vp->evp_vnicname); };
+			const auto lookup = [&] {
+				return harl_Datalink__nuq_lookup(conn.get(), 1, &link, 1, "name", vp->evp_vnicname);
+			};
 			int r = lookup();
 			if (r != 0 && conn.stale(r))
 				r = conn.open(share->uri) == NUQ_E_SUCCESS ? lookup() : r;
-			if (r != 0 || kel_host_set_one_linkprop(link, kelprops, vp->evp_props, name, value, flags) != KEL_SUCCESS)
+			if (r != 0 ||
+			    kel_host_set_one_linkprop(link, kelprops, vp->evp_props, name, value, flags) != KEL_SUCCESS)
 				share->failed = true;
 			nuq_instance_rele(link);
 		}
@@ -163,8 +165,7 @@ void reach_host(HostShare *share, attrset_t *kelprops, const char *name, const c
 	}
 }
 
-int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *prop,
-    uint32_t flags)
+int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *prop, uint32_t flags)
 {
 	OneProp p;
 	int rc = read_update(prop, KEL_PROPTYPE_KEL, &p);
@@ -176,7 +177,9 @@ int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const
 		if ((rc = lock.status()) != KEL_SUCCESS)
 			return rc;
 		kel::RecordList<kel_t> kels;
-		const auto bound = [&](list_t *l) { return kel_db_get_kellist(h, tenant, kelname, l, KEL_LIST_BOUND_PORTS); };
+		const auto bound = [&](list_t *l) {
+			return kel_db_get_kellist(h, tenant, kelname, l, KEL_LIST_BOUND_PORTS);
+		};
 		if ((rc = kels.read(bound)) != KEL_SUCCESS)
 			return rc;
 		kel.reset(kels.take(kels.front()));
@@ -207,9 +210,8 @@ int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const
 		if (kel_kelnode_uri(h, share.host.c_str(), uri, sizeof(uri)) == KEL_SUCCESS)
 			share.uri = uri;
 	}
-	kel::fan_out(shares.size(), [&](size_t i) {
-		reach_host(&shares[i], kel->kel_props, p.name.c_str(), p.value.c_str(), flags);
-	});
+	kel::fan_out(shares.size(),
+	    [&](size_t i) { reach_host(&shares[i], kel->kel_props, p.name.c_str(), p.value.c_str(), flags); });
 	for (const HostShare &share : shares)
 		if (share.failed)
 			return KEL_E_PROP_PARTIAL;
@@ -217,8 +219,7 @@ int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const
 }
 
 // The switch with its one port, under the lock: KEL_E_KEL_NOTFOUND or KEL_E_VPORT_NOTFOUND.
-int read_kelvport(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *vport,
-    KelPtr *kel)
+int read_kelvport(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *vport, KelPtr *kel)
 {
 	if (!kel_db_kel_exists(h, tenant, kelname))
 		return KEL_E_KEL_NOTFOUND;
@@ -229,8 +230,8 @@ int read_kelvport(kel_dbhandle_t h, const char *tenant, const char *kelname, con
 	return KEL_SUCCESS;
 }
 
-int set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *vport,
-    const char *prop, uint32_t flags)
+int set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *vport, const char *prop,
+    uint32_t flags)
 {
 	OneProp p;
 	int rc = read_update(prop, KEL_PROPTYPE_VPORT, &p);
@@ -266,8 +267,8 @@ int set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kelname, con
 			continue;
 		const std::optional<std::string> old = lookup(vp->evp_props, name);
 		const std::string value = link_value(p, kel.get());
-		if ((rc = kel_host_set_one_linkprop(link.get(), kel->kel_props, vp->evp_props, name,
-		         value.c_str(), flags)) != KEL_SUCCESS)
+		if ((rc = kel_host_set_one_linkprop(link.get(), kel->kel_props, vp->evp_props, name, value.c_str(),
+		         flags)) != KEL_SUCCESS)
 			return rc;
 		if ((rc = kel_db_set_one_vportprop(h, vp, name, p.value.c_str(), flags)) != KEL_SUCCESS && old)
 			(void)kel_host_set_one_linkprop(link.get(), kel->kel_props, vp->evp_props, name, old->c_str(),
@@ -278,8 +279,8 @@ int set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kelname, con
 	return KEL_E_FAILED;
 }
 
-int set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *ipnet,
-    const char *prop, uint32_t flags)
+int set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *ipnet, const char *prop,
+    uint32_t flags)
 {
 	OneProp p;
 	int rc = read_one(prop, &p);
@@ -312,8 +313,7 @@ int kel_db_set_one_kelprop(kel_dbhandle_t h, kel_t *kel, const char *name, const
 	return store_props(h, &kel->kel_props, name, value, "kel_tbl", "kel_props", "kel_uuid", kel->kel_uuid);
 }
 
-int kel_db_set_one_vportprop(kel_dbhandle_t h, kel_vport_t *vport, const char *name,
-    const char *value, uint32_t)
+int kel_db_set_one_vportprop(kel_dbhandle_t h, kel_vport_t *vport, const char *name, const char *value, uint32_t)
 {
 	return store_props(h, &vport->evp_props, name, value, "vport_tbl", "vport_props", "vport_uuid",
 	    vport->evp_uuid);
@@ -326,7 +326,7 @@ int kel_db_set_bind_props(kel_dbhandle_t h, kel_vport_t *vport, attrset_t *props
 		const std::string name = attrset_entry_name(e);
 		char *value = nullptr;
 		if (name == "vmid" || name == "containerid")
-			continue;	// the binding's own, kept with it
+			continue;  // the binding's own, kept with it
 		if (attrset_entry_value_string(e, &value) != 0 ||
 		    (kel_get_prop_entry(name.c_str(), KEL_PROPTYPE_VPORT).ep_flags & EPD_DLPROP) == 0)
 			return KEL_E_INVALID_PROP;
@@ -348,8 +348,8 @@ int kel_db_validate_newpool(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *ne
 	const std::string pool = lookup(ipnet->ei_props, "pool").value_or("");
 	const std::string filter = "ipnet=" + kel::uuid_text(ipnet->ei_uuid);
 	char *avail_raw = nullptr;
-	int rc = kel_db_get_filtered_value(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(),
-	    &avail_raw, -1, DATA_TYPE_STRING);
+	int rc = kel_db_get_filtered_value(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), &avail_raw, -1,
+	    DATA_TYPE_STRING);
 	Text avail(avail_raw);
 	if (rc != KEL_SUCCESS)
 		return rc;
@@ -386,8 +386,7 @@ int kel_db_validate_newpool(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *ne
 	return rc;
 }
 
-int kel_db_set_one_ipnetprop(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *name,
-    const char *value, uint32_t)
+int kel_db_set_one_ipnetprop(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *name, const char *value, uint32_t)
 {
 	if (std::strcmp(name, "pool") != 0)
 		return store_props(h, &ipnet->ei_props, name, value, "ipnet_tbl", "ipnet_props", "ipnet_uuid",
@@ -425,8 +424,8 @@ int kel_db_set_one_ipnetprop(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *n
 	    {text.get(), avail.get(), kel::uuid_text(ipnet->ei_uuid)});
 }
 
-int kel_host_set_one_linkprop(nuq_instance_t *link, attrset_t *kelprops, attrset_t *vportprops,
-    const char *name, const char *value, uint32_t)
+int kel_host_set_one_linkprop(nuq_instance_t *link, attrset_t *kelprops, attrset_t *vportprops, const char *name,
+    const char *value, uint32_t)
 {
 	char fallback[kTextLen];
 	if (*value == '\0') {
@@ -435,8 +434,7 @@ int kel_host_set_one_linkprop(nuq_instance_t *link, attrset_t *kelprops, attrset
 		value = fallback;
 	}
 	const bool protection = std::strcmp(name, "protection") == 0;
-	const std::string text = std::string(name) + "=" +
-	    (protection && std::strcmp(value, "none") == 0 ? "" : value);
+	const std::string text = std::string(name) + "=" + (protection && std::strcmp(value, "none") == 0 ? "" : value);
 	harl_DatalinkError *err = nullptr;
 	int r = harl_Datalink_setProperty(link, text.c_str(), kLinkFlags, &err);
 	if (r == 0 && protection)
@@ -450,8 +448,8 @@ int kel_host_set_one_linkprop(nuq_instance_t *link, attrset_t *kelprops, attrset
 	return rc;
 }
 
-int kel_set_allowed_ips(nuq_instance_t *link, attrset_t *kelprops, attrset_t *vportprops,
-    const char *name, const char *protection, int flags, harl_DatalinkError **err)
+int kel_set_allowed_ips(nuq_instance_t *link, attrset_t *kelprops, attrset_t *vportprops, const char *name,
+    const char *protection, int flags, harl_DatalinkError **err)
 {
 	std::string text = "allowed-ips=";
 	if (std::strstr(protection, "ip-nospoof") != nullptr) {
@@ -479,8 +477,7 @@ int kel_set_allowed_ips(nuq_instance_t *link, attrset_t *kelprops, attrset_t *vp
 
 extern "C" {
 
-int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *prop,
-    uint32_t flags) noexcept
+int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *prop, uint32_t flags) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -489,8 +486,8 @@ int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const
 	return kel::c_boundary([&] { return set_kelprop(h, tenant, kel, prop, flags); });
 }
 
-int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport,
-    const char *prop, uint32_t flags) noexcept
+int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport, const char *prop,
+    uint32_t flags) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -499,8 +496,8 @@ int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, con
 	return kel::c_boundary([&] { return set_vportprop(h, tenant, kel, vport, prop, flags); });
 }
 
-int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *ipnet,
-    const char *prop, uint32_t flags) noexcept
+int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *ipnet, const char *prop,
+    uint32_t flags) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;

@@ -14,11 +14,11 @@
 #include "host_link.h"
 #include "kelnet.h"
 #include "names.h"
+#include "owners.h"
 #include "prop_catalogue.h"
 #include "sql.h"
 #include "subnet.h"
 #include "text.h"
-#include "owners.h"
 
 namespace {
 
@@ -67,8 +67,7 @@ int pick_mac(kel_dbhandle_t h, const GivenMac *given, char (&mac)[18])
 
 // Draws the port's address: the lowest free pool address for "auto", else the one asked
 // for. The default router is taken without touching the pools, once.
-int draw_address(kel_dbhandle_t h, const kel_ipnet_t *ip, const char *given, char (&addr)[46],
-    bool *drawn)
+int draw_address(kel_dbhandle_t h, const kel_ipnet_t *ip, const char *given, char (&addr)[46], bool *drawn)
 {
 	*drawn = false;
 	if (std::strcmp(given, "auto") == 0) {
@@ -89,8 +88,7 @@ int draw_address(kel_dbhandle_t h, const kel_ipnet_t *ip, const char *given, cha
 	if (!kel_is_defrouter(given, ip))
 		return KEL_E_IPADDR_INUSE;
 	const std::string pattern = "%ipaddr=" + std::string(given) + "/" + std::to_string(ip->ei_prefixlen) + "%";
-	return kel_db_value_exists(h, nullptr, "LIKE", "vport_tbl", 1, "vport_props", DATA_TYPE_STRING,
-	           pattern.c_str())
+	return kel_db_value_exists(h, nullptr, "LIKE", "vport_tbl", 1, "vport_props", DATA_TYPE_STRING, pattern.c_str())
 	    ? KEL_E_IPADDR_INUSE
 	    : KEL_SUCCESS;
 }
@@ -156,8 +154,8 @@ int insert_port(kel_dbhandle_t h, const kel_ipnet_t *ip, PortRequest *req, const
 	    {req->uuid, kel::uuid_text(ip->ei_keluuid), name, text.get(), ""});
 }
 
-int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_vport_t **vportp, uint32_t flags)
+int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    kel_vport_t **vportp, uint32_t flags)
 {
 	if (name != nullptr && !kel::valid_new_name(name, flags))
 		return KEL_E_INVALID_NAME;
@@ -170,7 +168,8 @@ int add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char 
 	// for reading once, not once per check.
 	kel::WriteScope write(h);
 	char derived[KEL_UUID_TEXT_LEN];
-	if ((rc = write.begin()) != KEL_SUCCESS || (rc = check_name(h, tenant, kel, req, &name, derived)) != KEL_SUCCESS)
+	if ((rc = write.begin()) != KEL_SUCCESS ||
+	    (rc = check_name(h, tenant, kel, req, &name, derived)) != KEL_SUCCESS)
 		return rc;
 	// Step 3: the switch's network, whose pool the address comes from.
 	char filter[KEL_FILTER_LEN];
@@ -214,15 +213,14 @@ int parse_force(const char *props, bool *force)
 	if (int rc = kel::read_props(props, &set, {.empty = KEL_E_INVALID_PROP}); rc != KEL_SUCCESS)
 		return rc;
 	char *value = nullptr;
-	if (kel_attrset_count(set.get()) != 1 ||
-	    attrset_lookup_string(set.get(), "force", &value) != 0)
+	if (kel_attrset_count(set.get()) != 1 || attrset_lookup_string(set.get(), "force", &value) != 0)
 		return KEL_E_INVALID_PROP;
 	*force = std::strcmp(value, "yes") == 0;
 	return KEL_SUCCESS;
 }
 
-int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, uint32_t flags)
+int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    uint32_t flags)
 {
 	if (!kel_valid_name(name))
 		return KEL_E_INVALID_NAME;
@@ -276,8 +274,7 @@ bool vnic_still_there(kel_dbhandle_t h, const kel_vport_t *vp)
 	return link.open(h, vp->evp_hostname, vp->evp_vnicname) == KEL_SUCCESS;
 }
 
-int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props)
+int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props)
 {
 	if (!kel_valid_name(name))
 		return KEL_E_INVALID_NAME;
@@ -316,8 +313,8 @@ int reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const cha
 
 }  // namespace
 
-int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char *vnicname,
-    const char *hostname, attrset_t *props, vport_status_t status)
+int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char *vnicname, const char *hostname,
+    attrset_t *props, vport_status_t status)
 {
 	if (vport->evp_props == nullptr && attrset_create(&vport->evp_props, ATTRSET_UNIQUE_NAME) != 0)
 		return KEL_E_NOMEM;
@@ -326,7 +323,8 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 	for (const char *name : {"vmid", "containerid"}) {
 		char *value = nullptr;
 		(void)attrset_remove(vport->evp_props, name, DATA_TYPE_STRING);
-		if (status != VPORT_STATUS_FREE && props != nullptr && attrset_lookup_string(props, name, &value) == 0 &&
+		if (status != VPORT_STATUS_FREE && props != nullptr &&
+		    attrset_lookup_string(props, name, &value) == 0 &&
 		    attrset_add_string(vport->evp_props, name, value) != 0)
 			return KEL_E_NOMEM;
 	}
@@ -346,8 +344,7 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 
 extern "C" {
 
-boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport) noexcept
+boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport) noexcept
 {
 	if (h == nullptr || kel == nullptr || vport == nullptr)
 		return B_FALSE;
@@ -357,13 +354,13 @@ boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *
 	kel::StoreLock lock(h);
 	if (lock.status() != KEL_SUCCESS)
 		return B_FALSE;
-	return kel_db_value_exists(h, "AND", "=", "kel_vport_view", 3, "kel_tenant_name",
-	    DATA_TYPE_STRING, tenant, kel_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, kel,
-	    vport_uuid ? "vport_uuid" : "vport_name", DATA_TYPE_STRING, vport);
+	return kel_db_value_exists(h, "AND", "=", "kel_vport_view", 3, "kel_tenant_name", DATA_TYPE_STRING, tenant,
+	    kel_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, kel, vport_uuid ? "vport_uuid" : "vport_name",
+	    DATA_TYPE_STRING, vport);
 }
 
-int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_vport_t **vportp, uint32_t flags) noexcept
+int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    kel_vport_t **vportp, uint32_t flags) noexcept
 {
 	if (vportp != nullptr)
 		*vportp = nullptr;
@@ -374,8 +371,8 @@ int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 	return kel::c_boundary([&] { return add_vport(h, tenant, kel, name, props, vportp, flags); });
 }
 
-int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, const char *props, uint32_t flags) noexcept
+int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    uint32_t flags) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -384,8 +381,8 @@ int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
 	return kel::c_boundary([&] { return remove_vport(h, tenant, kel, name, props, flags); });
 }
 
-int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, const char *props, uint32_t) noexcept
+int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    uint32_t) noexcept
 {
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -411,8 +408,7 @@ int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *ke
 	return rc != KEL_SUCCESS ? rc : write.commit();
 }
 
-int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name) noexcept
+int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name) noexcept
 {
 	if (h == nullptr || name == nullptr)
 		return KEL_E_INVALID_ARGS;

@@ -90,7 +90,8 @@ kel_vport_counters_t counters_gone(attrset_t *props)
 		return c;
 	char end = 0;
 	if (std::sscanf(text, "%" SCNu64 "/%" SCNu64 "/%" SCNu64 "/%" SCNu64 "%c", &c.evc_ipackets, &c.evc_rbytes,
-	        &c.evc_opackets, &c.evc_obytes, &end) != 4 || std::strchr(text, '-') != nullptr)
+	        &c.evc_opackets, &c.evc_obytes, &end) != 4 ||
+	    std::strchr(text, '-') != nullptr)
 		return kel_vport_counters_t{};
 	return c;
 }
@@ -107,8 +108,8 @@ int add_counters_gone(attrset_t *props, const kel_vport_counters_t &last)
 
 }  // namespace kel
 
-extern "C" int kel_db_get_vport_counters(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, kel_vport_counters_t *total) noexcept
+extern "C" int kel_db_get_vport_counters(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport,
+    kel_vport_counters_t *total) noexcept
 {
 	if (total == nullptr)
 		return KEL_E_INVALID_ARGS;

@@ -42,14 +42,14 @@ using kel::Drift;
 // A bound port and what its host should have in force for it.
 struct Port {
 	const kel_vport_t *vp = nullptr;
-	kel_t *kel = nullptr;	// its switch, completed for the port's host
-	std::string object;	// "tenant/kel/vport"
-	std::string lower;	// the link its VNIC should be made over
-	std::string lower_kind;	// "vxlan", "vlan", or "" for the uplink
+	kel_t *kel = nullptr;    // its switch, completed for the port's host
+	std::string object;      // "tenant/kel/vport"
+	std::string lower;       // the link its VNIC should be made over
+	std::string lower_kind;  // "vxlan", "vlan", or "" for the uplink
 	uint32_t lower_id = 0;
-	std::string endpoint, group;	// VXLAN: the host's endpoint (address or subnet), the group
-	std::map<std::string, std::string> props;	// the link properties it inherits
-	int view = KEL_SUCCESS;	// why the store cannot say what the host should have
+	std::string endpoint, group;               // VXLAN: the host's endpoint (address or subnet), the group
+	std::map<std::string, std::string> props;  // the link properties it inherits
+	int view = KEL_SUCCESS;                    // why the store cannot say what the host should have
 };
 
 std::string value_of(attrset_t *set, const char *name)
@@ -150,12 +150,16 @@ void compare(const Port &p, const HarlLinkState &s, std::vector<Drift> *out)
 		std::string store = p.lower, found = s.lower;
 		if (!p.lower_kind.empty()) {
 			store += " (" + p.lower_kind + " " + std::to_string(p.lower_id) +
-			    (p.lower_kind == "vxlan" ? ", endpoint " + (p.endpoint.empty() ? "any" : p.endpoint) + ", group " +
-			                                   (p.group.empty() ? "none" : p.group)
-			                             : "") + ")";
-			found += " (" + (s.lower_kind.empty() ? "device" : s.lower_kind) + " " + std::to_string(s.lower_id) +
-			    (s.lower_kind == "vxlan" ? ", endpoint " + s.local + ", group " + (s.group.empty() ? "none" : s.group)
-			                             : "") + ")";
+			    (p.lower_kind == "vxlan" ? ", endpoint " + (p.endpoint.empty() ? "any" : p.endpoint) +
+			                ", group " + (p.group.empty() ? "none" : p.group)
+			                             : "") +
+			    ")";
+			found += " (" + (s.lower_kind.empty() ? "device" : s.lower_kind) + " " +
+			    std::to_string(s.lower_id) +
+			    (s.lower_kind == "vxlan"
+			            ? ", endpoint " + s.local + ", group " + (s.group.empty() ? "none" : s.group)
+			            : "") +
+			    ")";
 		}
 		// The uplink is whatever device the host has; the links made for VNICs are of a kind.
 		const bool kind_right = p.lower_kind.empty() ? s.lower_kind != "vxlan" && s.lower_kind != "vlan"
@@ -190,7 +194,9 @@ void compare(const Port &p, const HarlLinkState &s, std::vector<Drift> *out)
 	}
 	const std::string priority = p.props.at("priority");
 	const std::string wanted = priority == "low" || priority == "high" ? "priority=" + priority : "";
-	const std::string held = filters.count("priority=high") ? "priority=high" : filters.count("priority=low") ? "priority=low" : "";
+	const std::string held = filters.count("priority=high") ? "priority=high"
+	    : filters.count("priority=low")                     ? "priority=low"
+	                                                        : "";
 	if (wanted != held)
 		differ("priority", wanted.empty() ? "medium" : priority, held.empty() ? "medium" : held.substr(9));
 }
@@ -201,8 +207,9 @@ bool reapply(nuq_instance_t *link, const Port &p)
 	bool all = true;
 	for (const auto &[name, value] : p.props)
 		if (name != "cos" || !value.empty())
-			all = kel_host_set_one_linkprop(link, p.kel->kel_props, p.vp->evp_props, name.c_str(), value.c_str(), 0) ==
-			        KEL_SUCCESS && all;
+			all = kel_host_set_one_linkprop(link, p.kel->kel_props, p.vp->evp_props, name.c_str(),
+			          value.c_str(), 0) == KEL_SUCCESS &&
+			    all;
 	return all;
 }
 
@@ -227,16 +234,17 @@ void verify_host(const std::string &host, const std::string &uri, const std::vec
 	std::vector<const Port *> missing;
 	for (const Port *p : ports) {
 		if (opened != KEL_SUCCESS) {
-			out->push_back({p->object, p->vp->evp_hostname, "host", "VNIC " + std::string(p->vp->evp_vnicname),
-			    "the host did not answer"});
+			out->push_back({p->object, p->vp->evp_hostname, "host",
+			    "VNIC " + std::string(p->vp->evp_vnicname), "the host did not answer"});
 			continue;
 		}
 		nuq_instance_t *link_raw = nullptr;
 		const int found = harl_Datalink__nuq_lookup(conn.get(), 1, &link_raw, 1, "name", p->vp->evp_vnicname);
 		const kel::Owned<nuq_instance_t, nuq_instance_rele> link(link_raw);
 		if (found != NUQ_E_SUCCESS) {
-			out->push_back({p->object, p->vp->evp_hostname, "vnic", std::string("VNIC ") + p->vp->evp_vnicname,
-			    found == NUQ_E_NOTFOUND ? "no such link" : "cannot be looked up"});
+			out->push_back(
+			    {p->object, p->vp->evp_hostname, "vnic", std::string("VNIC ") + p->vp->evp_vnicname,
+			        found == NUQ_E_NOTFOUND ? "no such link" : "cannot be looked up"});
 			if (found == NUQ_E_NOTFOUND) {
 				result->release.emplace_back(p, out->size() - 1);
 				missing.push_back(p);
@@ -248,8 +256,8 @@ void verify_host(const std::string &host, const std::string &uri, const std::vec
 		const int r = harl_Datalink_getState(link.get(), &state, &err_raw);
 		const kel::Owned<harl_DatalinkError, harl_DatalinkError_free> err(err_raw);
 		if (r != NUQ_E_SUCCESS) {
-			out->push_back({p->object, p->vp->evp_hostname, "host", "VNIC " + std::string(p->vp->evp_vnicname),
-			    "its state cannot be read"});
+			out->push_back({p->object, p->vp->evp_hostname, "host",
+			    "VNIC " + std::string(p->vp->evp_vnicname), "its state cannot be read"});
 			continue;
 		}
 		const size_t first = out->size();
@@ -287,18 +295,20 @@ int verify_flood(kel_dbhandle_t h, const char *tenant, const char *kel, bool rep
 	const size_t first = out->size();
 	for (const kel::FloodMember &m : members) {
 		if (!m.reached) {
-			out->push_back({std::string(tenant) + "/" + kel, m.host, "host", "flood list", "the host did not answer"});
+			out->push_back(
+			    {std::string(tenant) + "/" + kel, m.host, "host", "flood list", "the host did not answer"});
 			continue;
 		}
 		if (!m.has_link)
 			continue;
 		const std::vector<std::string> wanted = kel::flood_wanted(members, m);
-		const std::set<std::string> want(wanted.begin(), wanted.end()), have(m.remotes.begin(), m.remotes.end());
+		const std::set<std::string> want(wanted.begin(), wanted.end()),
+		    have(m.remotes.begin(), m.remotes.end());
 		if (want != have)
-			out->push_back({std::string(tenant) + "/" + kel, m.host, "flood", "floods to " + joined(want, "nobody"),
-			    "floods to " + joined(have, "nobody")});
+			out->push_back({std::string(tenant) + "/" + kel, m.host, "flood",
+			    "floods to " + joined(want, "nobody"), "floods to " + joined(have, "nobody")});
 	}
-	members.clear();	// their connections go before the repair opens its own
+	members.clear();  // their connections go before the repair opens its own
 	if (repair && out->size() > first && kel_sync_vxlan_flood(h, tenant, kel) == KEL_SUCCESS)
 		for (size_t i = first; i < out->size(); i++)
 			(*out)[i].repaired = (*out)[i].what == "flood";
@@ -316,14 +326,16 @@ bool whole_fabric(const char *filter, std::string *host)
 	char *value = nullptr;
 	if (attrset_lookup_string(set.get(), "host", &value) == 0)
 		*host = value;
-	return attrset_lookup_string(set.get(), "kel", &value) != 0 && attrset_lookup_string(set.get(), "vport", &value) != 0;
+	return attrset_lookup_string(set.get(), "kel", &value) != 0 &&
+	    attrset_lookup_string(set.get(), "vport", &value) != 0;
 }
 
 // The hosts the store knows by their settings, into `uris` (host: how to reach it).
 int add_known_hosts(kel_dbhandle_t h, const std::string &only, std::map<std::string, std::string> *uris)
 {
 	kel::RecordList<kel_ctrlprop_t> props;
-	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); }); rc != KEL_SUCCESS)
+	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); });
+	    rc != KEL_SUCCESS)
 		return rc;
 	for (kel_ctrlprop_t *p : props) {
 		if (*p->ecp_host == '\0' || uris->count(p->ecp_host) != 0 || (!only.empty() && only != p->ecp_host))
@@ -339,16 +351,17 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 	std::string only_host;
 	const bool all = whole_fabric(filter, &only_host);
 	kel::RecordList<kel_vport_t> ports;
-	std::deque<kel::RecordList<kel_t>> kels;	// records stay where they are as more come
+	std::deque<kel::RecordList<kel_t>> kels;  // records stay where they are as more come
 	std::vector<Port> bound;
-	std::map<std::string, std::string> uris;	// host: how to reach it ("" when it cannot be)
-	std::set<std::pair<std::string, std::string>> flooded;	// (tenant, kel) of VXLAN kels
+	std::map<std::string, std::string> uris;                // host: how to reach it ("" when it cannot be)
+	std::set<std::pair<std::string, std::string>> flooded;  // (tenant, kel) of VXLAN kels
 	{
 		kel::StoreLock lock(h);
 		int rc = lock.status();
 		if (rc != KEL_SUCCESS)
 			return rc;
-		rc = ports.read([&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, KEL_LIST_BOUND_PORTS); });
+		rc = ports.read(
+		    [&](list_t *l) { return kel_db_get_filtered_vportlist(h, filter, l, KEL_LIST_BOUND_PORTS); });
 		if (rc == KEL_E_VPORT_NOTFOUND && !all)
 			return KEL_SUCCESS;
 		if (rc != KEL_SUCCESS && rc != KEL_E_VPORT_NOTFOUND)
@@ -356,7 +369,7 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 		// The whole fabric: every host the store knows, for what it left behind.
 		if (all && (rc = add_known_hosts(h, only_host, &uris)) != KEL_SUCCESS)
 			return rc;
-		std::map<std::string, kel_t *> by_kel;	// "tenant/kel" to its record
+		std::map<std::string, kel_t *> by_kel;  // "tenant/kel" to its record
 		for (kel_vport_t *vp : ports) {
 			if (vp->evp_status != VPORT_STATUS_USED)
 				continue;
@@ -364,7 +377,8 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 			if (by_kel.count(key) == 0) {
 				kels.emplace_back();
 				if ((rc = kels.back().read([&](list_t *l) {
-					    return kel_db_get_kellist(h, vp->evp_tenantname, vp->evp_kelname, l, KEL_LIST_NO_MEMBERS);
+					    return kel_db_get_kellist(h, vp->evp_tenantname, vp->evp_kelname, l,
+					        KEL_LIST_NO_MEMBERS);
 				    })) != KEL_SUCCESS)
 					return rc;
 				by_kel[key] = kels.back().front();
@@ -379,7 +393,10 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 			bound.push_back(std::move(p));
 			if (uris.count(vp->evp_hostname) == 0) {
 				char uri[1024];
-				uris[vp->evp_hostname] = kel_kelnode_uri(h, vp->evp_hostname, uri, sizeof(uri)) == KEL_SUCCESS ? uri : "";
+				uris[vp->evp_hostname] = kel_kelnode_uri(h, vp->evp_hostname, uri, sizeof(uri)) ==
+				        KEL_SUCCESS
+				    ? uri
+				    : "";
 			}
 		}
 	}
@@ -407,8 +424,8 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 		// store's handle; the release asks the host once more.
 		if (repair)
 			for (const auto &[p, at] : f.release)
-				f.drifts[at].repaired = kel_db_reset_vport(h, p->vp->evp_tenantname, p->vp->evp_kelname, p->vp->evp_name,
-				                            nullptr, 0) == KEL_SUCCESS;
+				f.drifts[at].repaired = kel_db_reset_vport(h, p->vp->evp_tenantname, p->vp->evp_kelname,
+				                            p->vp->evp_name, nullptr, 0) == KEL_SUCCESS;
 		out->insert(out->end(), f.drifts.begin(), f.drifts.end());
 	}
 	for (const auto &[tenant, kel] : flooded)

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "nuq_types.h"
 #include <kel/sys/fabric.h>
+#include "nuq_types.h"
 
 namespace kel {
 

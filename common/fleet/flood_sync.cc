@@ -15,6 +15,7 @@
 #include "ctrlprop.h"
 #include "error_code.h"
 #include "fan_out.h"
+#include "flood_sync.h"
 #include "harl.h"
 #include "host_link.h"
 #include "kelnet.h"
@@ -22,7 +23,6 @@
 #include "nuq_errors.h"
 #include "owners.h"
 #include "sql.h"
-#include "flood_sync.h"
 
 namespace {
 
@@ -30,9 +30,9 @@ using DatalinkError = kel::Owned<harl_DatalinkError, harl_DatalinkError_free>;
 
 // What the store says about the kel: the VXLAN link its hosts have, and the hosts.
 struct KelHosts {
-	bool flooded = false;	// a VXLAN kel without a group: the lists are ours to keep
+	bool flooded = false;  // a VXLAN kel without a group: the lists are ours to keep
 	char link[32] = "";
-	std::set<std::string> hosts;	// bound there, or a port migrating there
+	std::set<std::string> hosts;  // bound there, or a port migrating there
 };
 
 int read_kel(kel_dbhandle_t h, const char *tenant, const char *kelname, KelHosts *out)
@@ -159,8 +159,8 @@ std::vector<std::string> flood_wanted(const std::vector<FloodMember> &members, c
 	std::set<std::string> remotes;
 	for (const FloodMember &from : members) {
 		int f = AF_UNSPEC;
-		if (&from != &to && from.has_link && from.local != to.local && unicast_endpoint(from.local.c_str(), &f) &&
-		    f == family)
+		if (&from != &to && from.has_link && from.local != to.local &&
+		    unicast_endpoint(from.local.c_str(), &f) && f == family)
 			remotes.insert(from.local);
 	}
 	return {remotes.begin(), remotes.end()};

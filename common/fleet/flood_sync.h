@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "host_link.h"
 #include <kel/libkel.h>
+#include "host_link.h"
 
 namespace kel {
 
@@ -14,10 +14,10 @@ namespace kel {
 struct FloodMember {
 	std::string host;
 	HostLink link;
-	bool reached = false;	// its keld answered
-	bool has_link = false;	// and it has the kel's link: not before its first VNIC
-	std::string local;	// the link's own endpoint
-	std::vector<std::string> remotes;	// the endpoints it floods to
+	bool reached = false;              // its keld answered
+	bool has_link = false;             // and it has the kel's link: not before its first VNIC
+	std::string local;                 // the link's own endpoint
+	std::vector<std::string> remotes;  // the endpoints it floods to
 };
 
 // The endpoints `to` should flood to, sorted: every other member's with a link, each

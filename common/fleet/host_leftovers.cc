@@ -15,7 +15,8 @@ std::vector<bool> host_leftovers(nuq_conn_t *conn, const std::string &host, cons
 	if (const int rc = daemon_leftovers(conn, &left); rc != NUQ_E_SUCCESS) {
 		// A keld without the method records nothing: its ports are the store's to release.
 		if (all)
-			out->push_back({host, host, "host", "what is left behind", rc == NUQ_E_NOMETHOD ? "its keld cannot tell" : "the host did not answer"});
+			out->push_back({host, host, "host", "what is left behind",
+			    rc == NUQ_E_NOMETHOD ? "its keld cannot tell" : "the host did not answer"});
 		return releasable;
 	}
 	std::map<std::string, const Leftover *> vnics;
@@ -35,7 +36,7 @@ std::vector<bool> host_leftovers(nuq_conn_t *conn, const std::string &host, cons
 		return releasable;
 	for (const Leftover &l : left) {
 		if (l.kind == "vnic" && (vnics.count(l.name) == 0 || l.age < kLeftoverGraceSeconds))
-			continue;	// a missing port's, or still being made
+			continue;  // a missing port's, or still being made
 		Drift d{l.name, host, "leftover", "none", l.kind + ": " + l.what};
 		d.repaired = repair && daemon_remove_leftover(conn, l) == NUQ_E_SUCCESS;
 		out->push_back(d);

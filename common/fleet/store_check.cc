@@ -12,11 +12,11 @@
 #include "c_boundary.h"
 #include "kelnet.h"
 #include "range.h"
+#include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
 #include "text.h"
 #include "value_set.h"
-#include "schema.h"
 
 namespace {
 
@@ -36,7 +36,7 @@ struct Problem {
 
 struct Kel {
 	std::string uuid, tenant, name, l2type, id, numbers;
-	bool readable = true;	// false: what it holds is not known
+	bool readable = true;  // false: what it holds is not known
 	std::string label() const { return "kel " + tenant + "/" + name; }
 };
 
@@ -88,7 +88,7 @@ public:
 
 private:
 	int read();
-	void check_ids(bool vlan);	// the VLAN range (`vlan`) or the VXLAN range
+	void check_ids(bool vlan);  // the VLAN range (`vlan`) or the VXLAN range
 	void check_shares(bool vlan, const ValueSet &range);
 	void check_port_numbers();
 	void check_ports();
@@ -107,9 +107,9 @@ private:
 	sqlite3 *db_;
 	std::vector<Problem> problems_;
 	std::vector<std::pair<std::string, std::vector<std::string>>> fixes_;
-	std::map<std::string, Kel> kels_;	// by UUID
+	std::map<std::string, Kel> kels_;  // by UUID
 	std::vector<Port> ports_;
-	std::map<std::string, std::string> ctrl_;	// the fabric-wide rows
+	std::map<std::string, std::string> ctrl_;  // the fabric-wide rows
 	struct Share {
 		std::string pname, host, value, vlan, vxlan;
 	};
@@ -118,21 +118,23 @@ private:
 
 int Checker::read()
 {
-	int rc = kel::for_each_row(db_, "SELECT kel_uuid, kel_tenant_name, kel_name, kel_props, "
-	                                "kel_vportnum_range FROM kel_tbl", {}, [&](kel::Statement &st) {
-		Kel k{col(st, 0), col(st, 1), col(st, 2), "", "", col(st, 4)};
-		std::map<std::string, std::string> props;
-		k.readable = props_of(col(st, 3), &props);
-		if (!k.readable)
-			problem(k.label(), "its properties do not read: " + col(st, 3));
-		k.l2type = props["l2-type"];
-		k.id = props[k.l2type == "vxlan" ? "vni" : "vlanid"];
-		kels_[k.uuid] = k;
-		return KEL_SUCCESS;
-	});
+	int rc = kel::for_each_row(db_,
+	    "SELECT kel_uuid, kel_tenant_name, kel_name, kel_props, "
+	    "kel_vportnum_range FROM kel_tbl",
+	    {}, [&](kel::Statement &st) {
+		    Kel k{col(st, 0), col(st, 1), col(st, 2), "", "", col(st, 4)};
+		    std::map<std::string, std::string> props;
+		    k.readable = props_of(col(st, 3), &props);
+		    if (!k.readable)
+			    problem(k.label(), "its properties do not read: " + col(st, 3));
+		    k.l2type = props["l2-type"];
+		    k.id = props[k.l2type == "vxlan" ? "vni" : "vlanid"];
+		    kels_[k.uuid] = k;
+		    return KEL_SUCCESS;
+	    });
 	if (rc == KEL_SUCCESS)
-		rc = kel::for_each_row(db_, "SELECT vport_uuid, vport_keluuid, vport_name, vport_props FROM vport_tbl", {},
-		    [&](kel::Statement &st) {
+		rc = kel::for_each_row(db_, "SELECT vport_uuid, vport_keluuid, vport_name, vport_props FROM vport_tbl",
+		    {}, [&](kel::Statement &st) {
 			    Port p{col(st, 0), col(st, 1), col(st, 2), "", ""};
 			    std::map<std::string, std::string> props;
 			    p.readable = props_of(col(st, 3), &props);
@@ -144,15 +146,17 @@ int Checker::read()
 			    return KEL_SUCCESS;
 		    });
 	if (rc == KEL_SUCCESS)
-		rc = kel::for_each_row(db_, "SELECT ctrl_pname, ifnull(ctrl_host, ''), ifnull(ctrl_pval, ''), "
-		                            "ctrl_vlan_range, ctrl_vxlan_range FROM ctrl_tbl", {}, [&](kel::Statement &st) {
-			const std::string pname = col(st, 0), host = col(st, 1);
-			if (host.empty())
-				ctrl_[pname] = col(st, 2);
-			if (pname == "uplink-port" || pname == "vxlan-addr")
-				shares_.push_back({pname, host, col(st, 2), col(st, 3), col(st, 4)});
-			return KEL_SUCCESS;
-		});
+		rc = kel::for_each_row(db_,
+		    "SELECT ctrl_pname, ifnull(ctrl_host, ''), ifnull(ctrl_pval, ''), "
+		    "ctrl_vlan_range, ctrl_vxlan_range FROM ctrl_tbl",
+		    {}, [&](kel::Statement &st) {
+			    const std::string pname = col(st, 0), host = col(st, 1);
+			    if (host.empty())
+				    ctrl_[pname] = col(st, 2);
+			    if (pname == "uplink-port" || pname == "vxlan-addr")
+				    shares_.push_back({pname, host, col(st, 2), col(st, 3), col(st, 4)});
+			    return KEL_SUCCESS;
+		    });
 	return rc;
 }
 
@@ -209,22 +213,24 @@ void Checker::check_ids(bool vlan)
 // The hosts' shares of a range: within it, and apart for one host's rows of one kind.
 void Checker::check_shares(bool vlan, const ValueSet &range)
 {
-	std::map<std::string, ValueSet> taken;	// by host and property
+	std::map<std::string, ValueSet> taken;  // by host and property
 	for (const Share &s : shares_) {
 		const std::string &text = vlan ? s.vlan : s.vxlan;
-		const std::string where = (s.host.empty() ? std::string("fabric") : "host " + s.host) + " " +
-		    s.pname + " " + s.value;
+		const std::string where = (s.host.empty() ? std::string("fabric") : "host " + s.host) + " " + s.pname +
+		    " " + s.value;
 		ValueSet share(KEL_RANGE_NUMBER);
 		if (!ValueSet::parse(text.c_str(), KEL_RANGE_NUMBER, &share)) {
 			problem(where, "its share does not read: " + text);
 			continue;
 		}
 		if (const ValueSet outside = share.minus(range); !outside.empty())
-			problem(where, std::string(vlan ? "VLAN IDs" : "VNIs") + " of its share outside the range: " +
-			        outside.text());
+			problem(where,
+			    std::string(vlan ? "VLAN IDs" : "VNIs") +
+			        " of its share outside the range: " + outside.text());
 		ValueSet &mine = taken.try_emplace(s.host + "\n" + s.pname, KEL_RANGE_NUMBER).first->second;
 		if (const ValueSet twice = mine.intersect(share); !twice.empty())
-			problem(where, std::string(vlan ? "VLAN IDs" : "VNIs") + " shared with another " + s.pname +
+			problem(where,
+			    std::string(vlan ? "VLAN IDs" : "VNIs") + " shared with another " + s.pname +
 			        " of the same host: " + twice.text());
 		mine = mine.unite(share);
 	}
@@ -264,7 +270,7 @@ void Checker::check_port_numbers()
 // Every port belongs to a kel; no MAC address is held twice, however it is spelled.
 void Checker::check_ports()
 {
-	std::map<std::string, std::vector<std::string>> macs;	// by canonical spelling
+	std::map<std::string, std::vector<std::string>> macs;  // by canonical spelling
 	for (const Port &p : ports_) {
 		const auto k = kels_.find(p.keluuid);
 		if (k == kels_.end()) {
@@ -297,17 +303,20 @@ int Checker::check_ipnets()
 		const std::string uuid = col(st, schema::kIpnetUuid), keluuid = col(st, schema::kIpnetKeluuid);
 		const auto k = kels_.find(keluuid);
 		if (k == kels_.end()) {
-			problem("ipnet " + uuid, "network " + col(st, schema::kIpnetName) + " belongs to no kel (" + keluuid + ")", true);
+			problem("ipnet " + uuid,
+			    "network " + col(st, schema::kIpnetName) + " belongs to no kel (" + keluuid + ")", true);
 			fix("DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {uuid});
 			return KEL_SUCCESS;
 		}
-		const std::string label = "ipnet " + k->second.tenant + "/" + k->second.name + "/" + col(st, schema::kIpnetName);
+		const std::string label = "ipnet " + k->second.tenant + "/" + k->second.name + "/" +
+		    col(st, schema::kIpnetName);
 		if (++per_kel[keluuid] == 2)
 			problem(k->second.label(), "more than one network");
 		const int type = st.integer(schema::kIpnetAf) == 2 ? KEL_RANGE_IPV4 : KEL_RANGE_IPV6;
 		std::map<std::string, std::string> props;
 		Value start, end;
-		if (!props_of(col(st, schema::kIpnetProps), &props) || !ValueSet::value_of(col(st, schema::kIpnetStart), type, &start) ||
+		if (!props_of(col(st, schema::kIpnetProps), &props) ||
+		    !ValueSet::value_of(col(st, schema::kIpnetStart), type, &start) ||
 		    !ValueSet::value_of(col(st, schema::kIpnetEnd), type, &end)) {
 			problem(label, "its properties or span do not read");
 			return KEL_SUCCESS;
@@ -324,8 +333,8 @@ int Checker::check_ipnets()
 			return KEL_SUCCESS;
 		}
 		if (!props.count("pool"))
-			pool = span.minus(router);	// a network without a pool is all pool
-		bool known = true;	// false while a port's properties do not read
+			pool = span.minus(router);  // a network without a pool is all pool
+		bool known = true;                  // false while a port's properties do not read
 		std::map<Value, std::vector<std::string>> holders;
 		for (const Port &p : ports_) {
 			Value a;
@@ -344,7 +353,8 @@ int Checker::check_ipnets()
 			ValueSet one(type);
 			one.add(a);
 			if (names.size() > 1)
-				problem(label, "address " + one.text() + " held by more than one port: " + joined(names));
+				problem(label,
+				    "address " + one.text() + " held by more than one port: " + joined(names));
 		}
 		const ValueSet expected = span.minus(router).minus(held);
 		const ValueSet expected_pool = pool.intersect(span).minus(router).minus(held);
@@ -356,8 +366,9 @@ int Checker::check_ipnets()
 		if (const ValueSet leaked = expected_pool.minus(avail_pool); !leaked.empty())
 			problem(label, "pool addresses neither free nor held by a port: " + leaked.text(), known);
 		if (const ValueSet extra = avail_pool.minus(expected_pool); !extra.empty())
-			problem(label, "free pool addresses that are held, the router or outside the pool: " +
-			        extra.text(), known);
+			problem(label,
+			    "free pool addresses that are held, the router or outside the pool: " + extra.text(),
+			    known);
 		if (known && (!(expected == avail) || !(expected_pool == avail_pool)))
 			fix("UPDATE ipnet_tbl SET ipnet_avail_range = ?, ipnet_avail_pool_range = ? WHERE ipnet_uuid = ?",
 			    {expected.text(), expected_pool.text(), uuid});
@@ -399,8 +410,8 @@ int Checker::run(bool repair)
 		kel::Statement st;
 		rc = st.prepare(db_, sql.c_str());
 		for (size_t i = 0; rc == KEL_SUCCESS && i < values.size(); i++)
-			if (sqlite3_bind_text(st.get(), static_cast<int>(i + 1), values[i].c_str(), -1, SQLITE_TRANSIENT) !=
-			    SQLITE_OK)
+			if (sqlite3_bind_text(st.get(), static_cast<int>(i + 1), values[i].c_str(), -1,
+			        SQLITE_TRANSIENT) != SQLITE_OK)
 				rc = KEL_E_NOMEM;
 		if (rc == KEL_SUCCESS && (rc = st.step()) == KEL_E_CONTINUE)
 			rc = KEL_SUCCESS;

@@ -15,8 +15,8 @@
 #include <unordered_map>
 #include <variant>
 
-#include "c_boundary.h"
 #include <kel/libkel.h>
+#include "c_boundary.h"
 
 struct attrset_entry {
 	std::string name;
@@ -47,7 +47,7 @@ struct attrset {
 	bool unique_names = false;
 	Entries entries;
 	uint64_t next_order = 0;
-	bool indexed = false;	// once true, `index` holds every entry
+	bool indexed = false;  // once true, `index` holds every entry
 	NameIndex index;
 
 	// The first entry named `name` in set order, or entries.end().
@@ -100,10 +100,11 @@ struct attrset {
 			indexed = true;
 		}
 		if (indexed)
-			index.emplace(e->name, e);	// splice keeps the iterator valid
+			index.emplace(e->name, e);  // splice keeps the iterator valid
 		// From here on nothing throws.
 		if (unique_names)
-			remove_named(e->name, [](const attrset_entry &) { return true; }, &*e);
+			remove_named(
+			    e->name, [](const attrset_entry &) { return true; }, &*e);
 		e->self = e;
 		entries.splice(entries.end(), fresh);
 	}

@@ -10,8 +10,8 @@
 #include <cstring>
 #include <string>
 
-#include "attrset_ptr.h"
 #include <kel/libkel.h>
+#include "attrset_ptr.h"
 #include "number.h"
 
 namespace {
@@ -73,7 +73,7 @@ int read_pairs(char *text, size_t len, SetBuilder &out)
 	for (;;) {
 		char *eq = last_of(text, len, '=');
 		if (eq == nullptr)
-			return KEL_E_INVALID_ARGS;	// a leading piece without '='
+			return KEL_E_INVALID_ARGS;  // a leading piece without '='
 		*eq = '\0';
 		len = eq - text;
 		const char *value = eq + 1;
@@ -127,8 +127,7 @@ int kel_attrset2str(attrset_t *set, char **out) noexcept
 	*out = nullptr;
 	// Each entry needs its name, its value, '=' and a comma or the terminator.
 	size_t size = 0;
-	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr;
-	     e = attrset_next_entry(set, e)) {
+	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr; e = attrset_next_entry(set, e)) {
 		char *value = nullptr;
 		if (attrset_entry_value_string(e, &value) != 0)
 			return KEL_E_INVALID_ARGS;
@@ -138,14 +137,12 @@ int kel_attrset2str(attrset_t *set, char **out) noexcept
 	if (text == nullptr)
 		return KEL_E_NOMEM;
 	size_t n = 0;
-	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr;
-	     e = attrset_next_entry(set, e)) {
+	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr; e = attrset_next_entry(set, e)) {
 		char *value = nullptr;
 		(void)attrset_entry_value_string(e, &value);
 		if (*value == '\0')
-			continue;	// an empty value is how a property is cleared
-		n += std::snprintf(text + n, size - n, n == 0 ? "%s=%s" : ",%s=%s",
-		    attrset_entry_name(e), value);
+			continue;  // an empty value is how a property is cleared
+		n += std::snprintf(text + n, size - n, n == 0 ? "%s=%s" : ",%s=%s", attrset_entry_name(e), value);
 	}
 	*out = text;
 	return KEL_SUCCESS;
@@ -188,7 +185,7 @@ attrset_t *kel_create_attrset(int count, ...) noexcept
 	va_start(ap, count);
 	for (int i = 0; i < count && set != nullptr; i++) {
 		const char *name = va_arg(ap, const char *);
-		(void)va_arg(ap, int);	// the type: strings are the only kind callers pass
+		(void)va_arg(ap, int);  // the type: strings are the only kind callers pass
 		const char *value = va_arg(ap, const char *);
 		if (value != nullptr && attrset_add_string(set, name, value) != 0) {
 			attrset_free(set);
@@ -202,8 +199,7 @@ attrset_t *kel_create_attrset(int count, ...) noexcept
 int kel_attrset_count(attrset_t *set) noexcept
 {
 	int count = 0;
-	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr;
-	     e = attrset_next_entry(set, e))
+	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr; e = attrset_next_entry(set, e))
 		count++;
 	return count;
 }

@@ -7,10 +7,10 @@
 #include <cstring>
 #include <string>
 
+#include <kel/libkel.h>
 #include "fenu.h"
 #include "nuq_errors.h"
 #include "vur.h"
-#include <kel/libkel.h>
 
 extern "C" const char *const kel_errlist[KEL_NUM_REASONS] = {
     /*  0 */ "kel operation succeeded",
@@ -89,11 +89,13 @@ extern "C" const char *const kel_errlist[KEL_NUM_REASONS] = {
     /* 73 */ "invalid protection",
     /* 74 */ "provided value range is not a subset of v(x)lan-range",
     /* 75 */ "provided value range overlaps with existing set of ranges",
-    /* 76 */ "provided value range is a subset of the complete range. Ensure to provide the remaining value range on a different uplink-port or vxlan-addr",
+    /* 76 */
+    "provided value range is a subset of the complete range. Ensure to provide the remaining value range on a different uplink-port or vxlan-addr",
     /* 77 */ "you may have to manually update the v(x)lan-range of uplink-port or vxlan-addr",
     /* 78 */ "invalid host URI template specified (should be of the form unix://[username@] or ssh://[username@])",
     /* 79 */ "invalid filter name",
-    /* 80 */ "vlan-range, vxlan-range, and flat are the only attributes allowed to be specified for uplink-port property",
+    /* 80 */
+    "vlan-range, vxlan-range, and flat are the only attributes allowed to be specified for uplink-port property",
     /* 81 */ "vxlan-range is the only attribute allowed to be specified for vxlan-addr property",
 };
 
@@ -110,27 +112,16 @@ const char *facility_text(int reason, int status, char (&scratch)[kWexoStrSize])
 {
 	const char *text = nullptr;
 	switch (reason) {
-	case KEL_E_WEXO:
-		text = wexo_status2str(status, scratch);
-		break;
-	case KEL_E_FENU:
-		text = fenu_status2str(status);
-		break;
-	case KEL_E_NUQ:
-		text = nuq_err_string(status);
-		break;
-	case KEL_E_VUR:
-		text = vur_strerror(status);
-		break;
-	case KEL_E_SQL:
-		text = sqlite3_errstr(status);
-		break;
+	case KEL_E_WEXO: text = wexo_status2str(status, scratch); break;
+	case KEL_E_FENU: text = fenu_status2str(status); break;
+	case KEL_E_NUQ: text = nuq_err_string(status); break;
+	case KEL_E_VUR: text = vur_strerror(status); break;
+	case KEL_E_SQL: text = sqlite3_errstr(status); break;
 	case KEL_E_SYSTEM:
 		// strerror_r (GNU form) is used because strerror is not thread-safe.
 		text = strerror_r(status, scratch, sizeof(scratch));
 		break;
-	default:
-		return nullptr;
+	default: return nullptr;
 	}
 	if (text == nullptr) {
 		std::snprintf(scratch, sizeof(scratch), "%d", status);

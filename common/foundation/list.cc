@@ -1,8 +1,8 @@
 // The intrusive doubly linked list: a sentinel node per list, records linked through the
 // list_node_t found at the list's offset inside each record.
 
-#include "kel_assert.h"
 #include <kel/libkel.h>
+#include "kel_assert.h"
 
 namespace {
 

@@ -14,14 +14,14 @@
 
 namespace {
 
-constexpr size_t kCompoundLen = 256;	// kel name, '/', member name, terminator
-constexpr size_t kAddressLen = 50;	// an address text, a prefix length, terminator
+constexpr size_t kCompoundLen = 256;  // kel name, '/', member name, terminator
+constexpr size_t kAddressLen = 50;    // an address text, a prefix length, terminator
 constexpr const char kSystemVportPrefix[] = "sys-vport";
 
 bool name_char(char c)
 {
-	return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-	    c == '_' || c == '-' || c == '.';
+	return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
+	    c == '.';
 }
 
 // At most 49 characters of an address text, cut at the first '/'.
@@ -148,8 +148,7 @@ boolean_t kel_parse_kelipnetname(const char *text, char *kelname, char *ipnetnam
 boolean_t kel_is_system_vport(const char *vportname) noexcept
 {
 	KEL_ASSERT(kel::kAreaUtil, vportname != NULL);
-	return std::strncmp(vportname, kSystemVportPrefix, sizeof(kSystemVportPrefix) - 1) == 0
-	    ? B_TRUE : B_FALSE;
+	return std::strncmp(vportname, kSystemVportPrefix, sizeof(kSystemVportPrefix) - 1) == 0 ? B_TRUE : B_FALSE;
 }
 
 // A text that is not an IPv4 or IPv6 address is not the unspecified address: the answer
@@ -186,4 +185,3 @@ boolean_t kel_valid_address(const char *text) noexcept
 }
 
 }  // extern "C"
-

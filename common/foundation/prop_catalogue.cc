@@ -69,34 +69,33 @@ constexpr kel_proptype_t types(int bits)
 
 constexpr int K = KEL_PROPTYPE_KEL, V = KEL_PROPTYPE_VPORT, I = KEL_PROPTYPE_IPNET;
 
-constexpr const char *kProtectionWords[] = {"mac-nospoof", "restricted", "ip-nospoof",
-    "dhcp-nospoof", "none"};
+constexpr const char *kProtectionWords[] = {"mac-nospoof", "restricted", "ip-nospoof", "dhcp-nospoof", "none"};
 constexpr size_t kProtectionNone = 4;
 
 }  // namespace
 
 const kel_prop_desc_t kel_prop_table[] = {
-	{"protection", EPD_DLPROP, types(K | V), kel_check_protection, kel_pinfo_protection},
-	{"cos", EPD_DLPROP, types(V), kel_check_cos, kel_pinfo_cos},
-	{"maxbw", EPD_DLPROP, types(K | V), kel_check_maxbw, kel_pinfo_maxbw},
-	{"priority", EPD_DLPROP, types(K | V), kel_check_priority, kel_pinfo_priority},
-	{"ipaddr", 0, types(V), kel_check_ipaddr, kel_pinfo_generic},
-	{"macaddr", 0, types(V), kel_check_macaddr, kel_pinfo_generic},
-	{"vmid", EPD_INVISIBLE, types(V), nullptr, kel_pinfo_generic},
-	{"l2-type", 0, types(K), kel_check_l2type, kel_pinfo_generic},
-	{"vlanid", 0, types(K), kel_check_vlanid, kel_pinfo_generic},
-	{"vni", 0, types(K), kel_check_vni, kel_pinfo_generic},
-	{"kel", 0, types(V | I), kel_check_name, kel_pinfo_generic},
-	{"subnet", 0, types(I), kel_check_subnet, kel_pinfo_generic},
-	{"defrouter", 0, types(I), kel_check_ipaddr, kel_pinfo_generic},
-	{"pool", 0, types(I), nullptr, kel_pinfo_pool},
-	{"tenant", 0, types(K | V | I), nullptr, kel_pinfo_generic},
-	{"uuid", 0, types(K | V | I), kel_check_uuid, kel_pinfo_generic},
-	{nullptr, 0, types(0), nullptr, nullptr},
+    {"protection", EPD_DLPROP, types(K | V), kel_check_protection, kel_pinfo_protection},
+    {"cos", EPD_DLPROP, types(V), kel_check_cos, kel_pinfo_cos},
+    {"maxbw", EPD_DLPROP, types(K | V), kel_check_maxbw, kel_pinfo_maxbw},
+    {"priority", EPD_DLPROP, types(K | V), kel_check_priority, kel_pinfo_priority},
+    {"ipaddr", 0, types(V), kel_check_ipaddr, kel_pinfo_generic},
+    {"macaddr", 0, types(V), kel_check_macaddr, kel_pinfo_generic},
+    {"vmid", EPD_INVISIBLE, types(V), nullptr, kel_pinfo_generic},
+    {"l2-type", 0, types(K), kel_check_l2type, kel_pinfo_generic},
+    {"vlanid", 0, types(K), kel_check_vlanid, kel_pinfo_generic},
+    {"vni", 0, types(K), kel_check_vni, kel_pinfo_generic},
+    {"kel", 0, types(V | I), kel_check_name, kel_pinfo_generic},
+    {"subnet", 0, types(I), kel_check_subnet, kel_pinfo_generic},
+    {"defrouter", 0, types(I), kel_check_ipaddr, kel_pinfo_generic},
+    {"pool", 0, types(I), nullptr, kel_pinfo_pool},
+    {"tenant", 0, types(K | V | I), nullptr, kel_pinfo_generic},
+    {"uuid", 0, types(K | V | I), kel_check_uuid, kel_pinfo_generic},
+    {nullptr, 0, types(0), nullptr, nullptr},
 };
 
-const kel_prop_desc_t kel_extended_prop = {nullptr, EPD_INVISIBLE, types(K | V | I),
-    kel_check_extended_prop, kel_pinfo_extended_prop};
+const kel_prop_desc_t kel_extended_prop = {nullptr, EPD_INVISIBLE, types(K | V | I), kel_check_extended_prop,
+    kel_pinfo_extended_prop};
 
 kel_prop_desc_t kel_get_prop_entry(const char *name, kel_proptype_t wanted)
 {
@@ -113,8 +112,7 @@ kel_prop_desc_t kel_get_prop_entry(const char *name, kel_proptype_t wanted)
 
 int kel_check_prop(attrset_t *props, kel_proptype_t type)
 {
-	for (attrset_entry_t *e = attrset_next_entry(props, nullptr); e != nullptr;
-	     e = attrset_next_entry(props, e)) {
+	for (attrset_entry_t *e = attrset_next_entry(props, nullptr); e != nullptr; e = attrset_next_entry(props, e)) {
 		const kel_prop_desc_t desc = kel_get_prop_entry(attrset_entry_name(e), type);
 		char *value = nullptr;
 		if (desc.ep_pname == nullptr || attrset_entry_value_string(e, &value) != 0)
@@ -128,8 +126,7 @@ int kel_check_prop(attrset_t *props, kel_proptype_t type)
 
 boolean_t kel_check_propname(attrset_t *names, kel_proptype_t wanted)
 {
-	for (attrset_entry_t *e = attrset_next_entry(names, nullptr); e != nullptr;
-	     e = attrset_next_entry(names, e))
+	for (attrset_entry_t *e = attrset_next_entry(names, nullptr); e != nullptr; e = attrset_next_entry(names, e))
 		if (kel_get_prop_entry(attrset_entry_name(e), wanted).ep_pname == nullptr)
 			return B_FALSE;
 	return B_TRUE;
@@ -161,8 +158,7 @@ int kel_check_protection(const char *value, uint32_t)
 	bool seen[std::size(kProtectionWords)] = {};
 	int count = 0;
 	char *save = nullptr;
-	for (char *word = strtok_r(copy.data(), ",", &save); word != nullptr;
-	     word = strtok_r(nullptr, ",", &save)) {
+	for (char *word = strtok_r(copy.data(), ",", &save); word != nullptr; word = strtok_r(nullptr, ",", &save)) {
 		size_t i = 0;
 		while (i < std::size(kProtectionWords) && strcasecmp(word, kProtectionWords[i]) != 0)
 			i++;
@@ -198,8 +194,8 @@ int kel_check_priority(const char *value, uint32_t)
 int kel_check_ipaddr(const char *value, uint32_t)
 {
 	unsigned char addr[sizeof(struct in6_addr)];
-	return inet_pton(AF_INET, value, addr) == 1 || inet_pton(AF_INET6, value, addr) == 1
-	    ? KEL_SUCCESS : KEL_E_INVALID_IPADDR;
+	return inet_pton(AF_INET, value, addr) == 1 || inet_pton(AF_INET6, value, addr) == 1 ? KEL_SUCCESS
+	                                                                                     : KEL_E_INVALID_IPADDR;
 }
 
 int kel_check_subnet(const char *value, uint32_t)
@@ -229,15 +225,13 @@ int kel_check_l2type(const char *value, uint32_t)
 int kel_check_vlanid(const char *value, uint32_t)
 {
 	long id;
-	return kel::parse_long(value, &id) && id >= 1 && id <= 4094 ? KEL_SUCCESS
-	                                                          : KEL_E_INVALID_VLANID;
+	return kel::parse_long(value, &id) && id >= 1 && id <= 4094 ? KEL_SUCCESS : KEL_E_INVALID_VLANID;
 }
 
 int kel_check_vni(const char *value, uint32_t)
 {
 	long vni;
-	return kel::parse_long(value, &vni) && vni >= 0 && vni <= 16777215 ? KEL_SUCCESS
-	                                                                 : KEL_E_INVALID_VNI;
+	return kel::parse_long(value, &vni) && vni >= 0 && vni <= 16777215 ? KEL_SUCCESS : KEL_E_INVALID_VNI;
 }
 
 int kel_check_name(const char *value, uint32_t)

@@ -9,18 +9,14 @@
 
 // Property flags (a bit set).
 typedef uint32_t kel_propflags_t;
-inline constexpr kel_propflags_t EPD_DLPROP = 1;	// applied as a link property to a VNIC
-inline constexpr kel_propflags_t EPD_INVISIBLE = 2;	// not shown in listings
+inline constexpr kel_propflags_t EPD_DLPROP = 1;     // applied as a link property to a VNIC
+inline constexpr kel_propflags_t EPD_INVISIBLE = 2;  // not shown in listings
 
-typedef enum {
-	KEL_PROPINFO_PERM = 0,
-	KEL_PROPINFO_DEFAULT = 1,
-	KEL_PROPINFO_POSSIBLE = 2
-} kel_pinfo_type_t;
+typedef enum { KEL_PROPINFO_PERM = 0, KEL_PROPINFO_DEFAULT = 1, KEL_PROPINFO_POSSIBLE = 2 } kel_pinfo_type_t;
 
 // Every object kind at once, for lookups that do not care which.
-inline constexpr kel_proptype_t KEL_PROPTYPE_ALL =
-    static_cast<kel_proptype_t>(KEL_PROPTYPE_KEL | KEL_PROPTYPE_VPORT | KEL_PROPTYPE_IPNET);
+inline constexpr kel_proptype_t KEL_PROPTYPE_ALL = static_cast<kel_proptype_t>(
+    KEL_PROPTYPE_KEL | KEL_PROPTYPE_VPORT | KEL_PROPTYPE_IPNET);
 
 typedef int kel_pcheckfn_t(const char *value, uint32_t flags);
 typedef int kel_pinfofn_t(char *buf, size_t size, kel_pinfo_type_t kind);
@@ -29,7 +25,7 @@ struct kel_prop_desc_t {
 	const char *ep_pname;
 	kel_propflags_t ep_flags;
 	kel_proptype_t ep_ptype;
-	kel_pcheckfn_t *ep_pcheckfn;	// NULL: any value
+	kel_pcheckfn_t *ep_pcheckfn;  // NULL: any value
 	kel_pinfofn_t *ep_pinfofn;
 };
 

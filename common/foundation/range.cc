@@ -180,32 +180,24 @@ void kel_str2range(char *element, char **startp, char **endp, int type)
 		KEL_ASSERT(kel::kAreaUtil, atoi(*startp) >= 0 && atoi(*endp) >= 0);
 		KEL_ASSERT(kel::kAreaUtil, atoi(*startp) <= atoi(*endp));
 		break;
-	case KEL_RANGE_IPV4:
-		KEL_ASSERT(kel::kAreaUtil, kel_ipcmp(AF_INET, *startp, *endp) <= 0);
-		break;
-	case KEL_RANGE_IPV6:
-		KEL_ASSERT(kel::kAreaUtil, kel_ipcmp(AF_INET6, *startp, *endp) <= 0);
-		break;
-	default:
-		KEL_ASSERT(kel::kAreaUtil, !"unknown range type");
+	case KEL_RANGE_IPV4: KEL_ASSERT(kel::kAreaUtil, kel_ipcmp(AF_INET, *startp, *endp) <= 0); break;
+	case KEL_RANGE_IPV6: KEL_ASSERT(kel::kAreaUtil, kel_ipcmp(AF_INET6, *startp, *endp) <= 0); break;
+	default: KEL_ASSERT(kel::kAreaUtil, !"unknown range type");
 	}
 }
 
-void kel_print_range(const char *start, const char *end, char *buf, size_t size, int *len,
-    int type)
+void kel_print_range(const char *start, const char *end, char *buf, size_t size, int *len, int type)
 {
 	const size_t at = static_cast<size_t>(*len);
 	const size_t room = at < size ? size - at : 0;
 	char *dst = room > 0 ? buf + at : nullptr;
 	const char *sep = *len != 0 ? "," : "";
-	const int n = kel_rsrc_cmp(start, end, type) == 0
-	    ? std::snprintf(dst, room, "%s%s", sep, start)
-	    : std::snprintf(dst, room, "%s%s-%s", sep, start, end);
+	const int n = kel_rsrc_cmp(start, end, type) == 0 ? std::snprintf(dst, room, "%s%s", sep, start)
+	                                                  : std::snprintf(dst, room, "%s%s-%s", sep, start, end);
 	*len += n;
 }
 
-int kel_rsrc_valid_range(const char *range, int type, const char *min, const char *max,
-    const char *excluded)
+int kel_rsrc_valid_range(const char *range, int type, const char *min, const char *max, const char *excluded)
 {
 	try {
 		const std::string *prev_end = nullptr;
@@ -216,8 +208,7 @@ int kel_rsrc_valid_range(const char *range, int type, const char *min, const cha
 			for (const std::string *v : {&e.start, &e.end})
 				if (cmp(*v, min, type) < 0 || cmp(*v, max, type) > 0)
 					return KEL_E_INVALID_RANGE;
-			if (excluded != nullptr && cmp(e.start, excluded, type) <= 0 &&
-			    cmp(e.end, excluded, type) >= 0)
+			if (excluded != nullptr && cmp(e.start, excluded, type) <= 0 && cmp(e.end, excluded, type) >= 0)
 				return KEL_E_RANGE_EXCLUSIVE;
 			const int span = cmp(e.start, e.end, type);
 			if (span > 0 || (span == 0 && e.interval))
@@ -244,9 +235,9 @@ int kel_rsrc_range_merge(const char *range, char *buf, size_t size, int type)
 		auto write = [&](const std::string &start, const std::string &end, bool single) {
 			const size_t room = n < size ? size - n : 0;
 			const char *sep = n != 0 ? "," : "";
-			n += single ? std::snprintf(room ? buf + n : nullptr, room, "%s%s", sep, start.c_str())
-			            : std::snprintf(room ? buf + n : nullptr, room, "%s%s-%s", sep,
-			                  start.c_str(), end.c_str());
+			n += single
+			    ? std::snprintf(room ? buf + n : nullptr, room, "%s%s", sep, start.c_str())
+			    : std::snprintf(room ? buf + n : nullptr, room, "%s%s-%s", sep, start.c_str(), end.c_str());
 			return n < size;
 		};
 		const Element *first = &elems[0];
@@ -355,7 +346,7 @@ int kel_rsrc_range_contains(const char *a, const char *b, int type)
 			for (; cursor < bs.size(); cursor++) {
 				const Element &be = bs[cursor];
 				if (cmp(be.start, ae.end, type) > 0)
-					break;	// try the next element of a
+					break;  // try the next element of a
 				if (cmp(be.start, ae.start, type) < 0 || cmp(be.end, ae.end, type) > 0)
 					return KEL_E_RANGE_INUSE;
 			}

@@ -30,13 +30,11 @@ void kel_str2range(char *element, char **startp, char **endp, int type);
 // Appends one element (",start" or ",start-end"; no comma when *len is 0) to `buf`.
 // *len grows by the full length even when the buffer is too small: nothing is written
 // past `size`, and the caller tells an overflow by *len >= size.
-void kel_print_range(const char *start, const char *end, char *buf, size_t size, int *len,
-    int type);
+void kel_print_range(const char *start, const char *end, char *buf, size_t size, int *len, int type);
 
 // KEL_SUCCESS when `range` parses for its type, rises strictly, lies within [min, max]
 // and no element holds `excluded` (KEL_E_RANGE_EXCLUSIVE); else KEL_E_INVALID_RANGE.
-int kel_rsrc_valid_range(const char *range, int type, const char *min, const char *max,
-    const char *excluded);
+int kel_rsrc_valid_range(const char *range, int type, const char *min, const char *max, const char *excluded);
 // Joins touching and overlapping neighbours of a rising range-set into `buf`.
 // KEL_E_NOSPACE when the result does not fit.
 int kel_rsrc_range_merge(const char *range, char *buf, size_t size, int type);
@@ -53,7 +51,7 @@ int kel_rsrc_range_contains(const char *a, const char *b, int type);
 struct KelRangeElement {
 	std::string start;
 	std::string end;
-	bool interval;	// written with a '-'
+	bool interval;  // written with a '-'
 };
 
 // The elements of a range-set in order; empty elements (doubled, leading or trailing

@@ -88,7 +88,7 @@ bool parse_v6(const char *addrtext, uint32_t prefix, kel_ipnet_t *ipnet)
 		first[i] = network[i];
 		last[i] = network[i] | static_cast<uint8_t>(~mask[i]);
 	}
-	first[15]++;	// the last octet's host bits are clear: at least two host bits remain
+	first[15]++;  // the last octet's host bits are clear: at least two host bits remain
 	ipnet->ei_af = AF_INET6;
 	set_v6(ipnet->ei_ca, network);
 	set_v6(ipnet->ei_sa, first);

@@ -85,7 +85,7 @@ ValueSet ValueSet::minus(const ValueSet &other) const
 				out.spans_.push_back({lo, c->first - 1});
 			if (c->second >= hi) {
 				lo = 1;
-				hi = 0;	// nothing left of this span
+				hi = 0;  // nothing left of this span
 				break;
 			}
 			lo = c->second + 1;

@@ -40,7 +40,7 @@ private:
 	std::string value_text(Value v) const;
 
 	int type_;
-	std::vector<std::pair<Value, Value>> spans_;	// sorted, disjoint, not touching
+	std::vector<std::pair<Value, Value>> spans_;  // sorted, disjoint, not touching
 };
 
 }  // namespace kel

@@ -7,17 +7,17 @@
 #include <cstring>
 #include <memory>
 
+#include <kel/libkel_node.h>
 #include "c_boundary.h"
-#include "xml_uri.h"
-#include "nuq_types.h"
 #include "ctrlprop.h"
 #include "kel_assert.h"
 #include "kept.h"
 #include "nuq_errors.h"
-#include <kel/libkel_node.h>
+#include "nuq_types.h"
 #include "service_config.h"
 #include "sql.h"
 #include "text.h"
+#include "xml_uri.h"
 
 namespace {
 
@@ -43,11 +43,9 @@ int kel_kelnode_uri(kel_dbhandle_t h, const char *hostname, char *uri, size_t si
 		int rc = lock.status();
 		if (rc != KEL_SUCCESS)
 			return rc;
-		rc = kel_db_get_one_hostprop(h, hostname, "uri-template", DATA_TYPE_STRING, tmpl,
-		    sizeof(tmpl));
+		rc = kel_db_get_one_hostprop(h, hostname, "uri-template", DATA_TYPE_STRING, tmpl, sizeof(tmpl));
 		if (rc == KEL_E_NOTFOUND)
-			rc = kel_db_get_one_hostprop(h, nullptr, "uri-template", DATA_TYPE_STRING, tmpl,
-			    sizeof(tmpl));
+			rc = kel_db_get_one_hostprop(h, nullptr, "uri-template", DATA_TYPE_STRING, tmpl, sizeof(tmpl));
 		if (rc != KEL_SUCCESS)
 			return rc;
 	}
@@ -74,12 +72,11 @@ int kel_host_uri(const char *tmpl, const char *hostname, char *buf, size_t size)
 	int n;
 	if (uri->scheme != nullptr && std::strcmp(uri->scheme, "unix") == 0) {
 		// A unix template reaches the daemon of the controller's own host.
-		n = std::snprintf(buf, size, "unix://%s%s%s", user ? uri->user : "",
-		    user ? "@localhost" : "", uri->path != nullptr ? uri->path : "");
+		n = std::snprintf(buf, size, "unix://%s%s%s", user ? uri->user : "", user ? "@localhost" : "",
+		    uri->path != nullptr ? uri->path : "");
 	} else {
 		KEL_ASSERT(kel::kAreaNuq, uri->scheme != NULL && strcmp(uri->scheme, "ssh") == 0);
-		n = std::snprintf(buf, size, "ssh://%s%s%s", user ? uri->user : "", user ? "@" : "",
-		    hostname);
+		n = std::snprintf(buf, size, "ssh://%s%s%s", user ? uri->user : "", user ? "@" : "", hostname);
 	}
 	return n >= 0 && static_cast<size_t>(n) < size ? KEL_SUCCESS : KEL_E_NOSPACE;
 }
@@ -89,9 +86,8 @@ int kel_controller_uri(char *buf, size_t size) noexcept
 	if (buf == nullptr || size == 0)
 		return KEL_E_INVALID_ARGS;
 	buf[0] = '\0';
-	return kel::c_boundary([&] {
-		return kel_tog_get_one_value(KEL_NODE_FMRI, "config", "controller", VUR_TYPE_ASTRING, buf, size);
-	});
+	return kel::c_boundary(
+	    [&] { return kel_tog_get_one_value(KEL_NODE_FMRI, "config", "controller", VUR_TYPE_ASTRING, buf, size); });
 }
 
 // The canonical name of the node name, as the name service knows it.
@@ -145,7 +141,7 @@ nuq_conn_t *kel_kept_conn(const kel_kept_conn_t *kept) noexcept
 
 void kel_kept_release(kel_kept_conn_t *kept) noexcept
 {
-	delete kept;	// gives the connection back to be kept
+	delete kept;  // gives the connection back to be kept
 }
 
 int kel_nuq_connection_to_controller(nuq_conn_t **conn) noexcept

@@ -2,11 +2,11 @@
 // the health questions an operator asks of a fabric.
 #include <cstring>
 
+#include <kel/libkel.h>
 #include "c_boundary.h"
 #include "connections.h"
 #include "daemon_client.h"
 #include "error_code.h"
-#include <kel/libkel.h>
 #include "nuq_errors.h"
 #include "nuq_types.h"
 #include "owners.h"
@@ -32,9 +32,9 @@ int kel_get_hostinfo(nuq_conn_t *conn, uint32_t flags, kel_hostinfo_t *info) noe
 		info->ehi_uptime = got.uptime;
 		info->ehi_reloads = got.reloads;
 		// A code from another host is only as good as its form: the reason must be one of ours.
-		info->ehi_controller_rc = !got.checked ? KEL_E_NOTSUP
+		info->ehi_controller_rc = !got.checked                           ? KEL_E_NOTSUP
 		    : KEL_ERR_REASON(got.controller_rc) <= KEL_E_VXLANADDR_ATTRS ? got.controller_rc
-		                                                          : KEL_E_FAILED;
+		                                                                 : KEL_E_FAILED;
 		return KEL_SUCCESS;
 	});
 }

@@ -50,7 +50,8 @@ int HostLink::call_named(const std::string &uri, const char *vnic, const std::fu
 			return NUQ_E_CONNECT;
 		nuq_instance_rele(link_);
 		link_ = nullptr;
-		if ((r = harl_Datalink__nuq_lookup(conn_.get(), NUQ_LOOKUP_NAMED, &link_, 1, "name", vnic)) == NUQ_E_SUCCESS)
+		if ((r = harl_Datalink__nuq_lookup(conn_.get(), NUQ_LOOKUP_NAMED, &link_, 1, "name", vnic)) ==
+		    NUQ_E_SUCCESS)
 			r = first(link_);
 		if (!conn_.stale(r))
 			return r;

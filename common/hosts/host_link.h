@@ -4,8 +4,8 @@
 #include <functional>
 #include <string>
 
-#include "kept.h"
 #include <kel/libkel.h>
+#include "kept.h"
 #include "nuq_types.h"
 
 namespace kel {

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <string>
 
-#include "fabric_links.h"
 #include <kel/libkel.h>
+#include "fabric_links.h"
 #include "vnic.h"
 
 namespace {

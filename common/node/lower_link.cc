@@ -83,8 +83,8 @@ int vlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_id
 	char name[MAXLINKNAMELEN];
 	std::snprintf(name, sizeof(name), "kel-vlan%d", vid);
 	return make_or_share(handle, name, linkid, [&] {
-		return wexo_vlan_create(handle, name, up, static_cast<uint16_t>(vid), WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND,
-		    linkid);
+		return wexo_vlan_create(handle, name, up, static_cast<uint16_t>(vid),
+		    WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND, linkid);
 	});
 }
 
@@ -102,8 +102,8 @@ int vxlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_i
 	char params[1024];
 	int n = is_set(localaddr)
 	    ? std::snprintf(params, sizeof(params), "vni=%d,addr=%s", vni, localaddr)
-	    : std::snprintf(params, sizeof(params), "vni=%d,interface=%s,ipvers=%s", vni,
-	          info->ekelii_uplink_port, info->ekelii_vxlan_ipvers != nullptr ? info->ekelii_vxlan_ipvers : "");
+	    : std::snprintf(params, sizeof(params), "vni=%d,interface=%s,ipvers=%s", vni, info->ekelii_uplink_port,
+	          info->ekelii_vxlan_ipvers != nullptr ? info->ekelii_vxlan_ipvers : "");
 	if (n >= 0 && static_cast<size_t>(n) < sizeof(params) && is_set(info->ekelii_vxlan_mgroup))
 		n += std::snprintf(params + n, sizeof(params) - n, ",mgroup=%s", info->ekelii_vxlan_mgroup);
 	if (n < 0 || static_cast<size_t>(n) >= sizeof(params))
@@ -119,7 +119,8 @@ int vxlan_link(wexo_handle_t handle, const kelcntl_KELImplInfo *info, datalink_i
 		return wexo_error(st);
 	return make_or_share(handle, name, linkid, [&] {
 		vxlan_kparams_t attempt = kp;
-		return wexo_vxlan_create(handle, name, &attempt, args.get(), WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND, linkid);
+		return wexo_vxlan_create(handle, name, &attempt, args.get(), WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND,
+		    linkid);
 	});
 }
 
@@ -130,30 +131,26 @@ int kel_setup_l2network(wexo_handle_t handle, datalink_id_t *linkid, kelcntl_KEL
 	KEL_ASSERT(kel::kAreaNuq, linkid != NULL);
 	kelcntl_KELInfo *kel = info->ekelii_kelinfo;
 	const char *l2type = kel != nullptr
-	    ? kel_propattrset_lookup(kel->ekeli_props, kel->ekeli_props_count, "l2-type") : nullptr;
+	    ? kel_propattrset_lookup(kel->ekeli_props, kel->ekeli_props_count, "l2-type")
+	    : nullptr;
 	if (l2type == nullptr)
 		return protocol_error();
 	kel_l2ntype_t type;
 	kel_str2ntype(l2type, &type);
 	switch (type) {
-	case KEL_L2NTYPE_VLAN:
-		return vlan_link(handle, info, linkid);
-	case KEL_L2NTYPE_FLAT:
-		return uplink(handle, info, linkid);
-	case KEL_L2NTYPE_VXLAN:
-		return vxlan_link(handle, info, linkid);
-	default:
-		return wexo_error(WEXO_STATUS_NOTSUP);
+	case KEL_L2NTYPE_VLAN: return vlan_link(handle, info, linkid);
+	case KEL_L2NTYPE_FLAT: return uplink(handle, info, linkid);
+	case KEL_L2NTYPE_VXLAN: return vxlan_link(handle, info, linkid);
+	default: return wexo_error(WEXO_STATUS_NOTSUP);
 	}
 }
 
-wexo_status_t kel_vxlan_props2kparams(wexo_handle_t handle, const wexo_arg_list_t *args,
-    vxlan_kparams_t *kp)
+wexo_status_t kel_vxlan_props2kparams(wexo_handle_t handle, const wexo_arg_list_t *args, vxlan_kparams_t *kp)
 {
 	*kp = vxlan_kparams_t{};
 	mac_vxlan_props_t &mvp = kp->vk_mvp;
-	wexo_status_t st = wexo_link_proplist_extract(handle, DATALINK_INVALID_LINKID,
-	    DATALINK_CLASS_VXLAN, args, &mvp, 0);
+	wexo_status_t st = wexo_link_proplist_extract(handle, DATALINK_INVALID_LINKID, DATALINK_CLASS_VXLAN, args, &mvp,
+	    0);
 	if (st != WEXO_STATUS_OK)
 		return st;
 	const bool addr = (mvp.mvp_mask & MVP_VXLAN_ADDR) != 0, intf = (mvp.mvp_mask & MVP_VXLAN_IF) != 0;
@@ -162,12 +159,13 @@ wexo_status_t kel_vxlan_props2kparams(wexo_handle_t handle, const wexo_arg_list_
 	if (addr) {
 		kp->vk_addr = mvp.mvp_addr;
 		const uint32_t plen = (mvp.mvp_mask & MVP_VXLAN_PLEN) ? mvp.mvp_plen
-		    : mvp.mvp_addr.ip_version == 6 ? 128 : 32;
+		    : mvp.mvp_addr.ip_version == 6                    ? 128
+		                                                      : 32;
 		kp->vk_pmask.ip_version = mvp.mvp_addr.ip_version;
 		// An endpoint this host does not hold leaves vk_ifindex 0, which the link's
 		// creation refuses.
-		(void)fenu_get_addrinfo(&kp->vk_addr, &kp->vk_pmask, plen, &kp->vk_ifindex, &kp->vk_llinkid,
-		    B_FALSE, mvp.mvp_addr.ip_version == 6 ? AF_INET6 : AF_INET);
+		(void)fenu_get_addrinfo(&kp->vk_addr, &kp->vk_pmask, plen, &kp->vk_ifindex, &kp->vk_llinkid, B_FALSE,
+		    mvp.mvp_addr.ip_version == 6 ? AF_INET6 : AF_INET);
 		return WEXO_STATUS_OK;
 	}
 	fenu_handle_t fh = nullptr;

@@ -12,13 +12,13 @@
 #include <cstdio>
 #include <filesystem>
 
+#include <kel/libkel.h>
 #include "error_code.h"
 #include "fabric_links.h"
 #include "kelnet.h"
-#include <kel/libkel.h>
+#include "netns_switch.h"
 #include "paths.h"
 #include "text_file.h"
-#include "netns_switch.h"
 #include "unique_fd.h"
 
 namespace {
@@ -48,7 +48,7 @@ bool prepare_dir()
 	if (mount("", kNetnsDir, "none", MS_SHARED | MS_REC, nullptr) == 0)
 		return true;
 	return errno == EINVAL && mount(kNetnsDir, kNetnsDir, "none", MS_BIND | MS_REC, nullptr) == 0 &&
-	       mount("", kNetnsDir, "none", MS_SHARED | MS_REC, nullptr) == 0;
+	    mount("", kNetnsDir, "none", MS_SHARED | MS_REC, nullptr) == 0;
 }
 
 std::string attached_record(const std::string &name)
@@ -77,7 +77,7 @@ int attach(int fd, const struct stat &st, std::string *name)
 	    !kel::replace_text_file(record, "", 0644)) {
 		const int rc = kel::last_sys_error();
 		if (made != -1)
-			(void)unlink(target.c_str());	// the empty file this call made
+			(void)unlink(target.c_str());  // the empty file this call made
 		return rc;
 	}
 	// The descriptor, not the path the caller gave: what is named is what was checked.

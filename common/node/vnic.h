@@ -10,16 +10,14 @@
 #include "names.h"
 
 // Asks the controller to bind a port of the kel to `vnicname` on `hostname`.
-int kel_assign_vport(const char *tenant, const char *kelname, const char *vportname,
-    const char *vnicname, const char *hostname, const char *extra,
-    kelcntl_KELImplInfo **implinfo);
+int kel_assign_vport(const char *tenant, const char *kelname, const char *vportname, const char *vnicname,
+    const char *hostname, const char *extra, kelcntl_KELImplInfo **implinfo);
 // Releases the port of `vnicname` on `hostname` (with `extra`: the port "vnic" and
 // `extra` select); KEL_SUCCESS when none is bound.
 int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra,
     const kel_vport_counters_t *last = nullptr);
 // The ports the controller lists for `filter`.
-int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,
-    int *count);
+int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array, int *count);
 
 // The name of a kel's address responder link on a host (see names.h): "kel-dhcp" and
 // seven hex digits of a hash of the kel's UUID (a link name has at most 15 characters).
@@ -34,5 +32,4 @@ std::string kel_lease_text(const kelcntl_KELImplInfo *implinfo, bool endpoint);
 // (made unless it exists).
 int kel_setup_l2network(wexo_handle_t handle, datalink_id_t *linkid, kelcntl_KELImplInfo *implinfo);
 // The VXLAN parameters of `args` with the host's part filled in; a datalink status.
-wexo_status_t kel_vxlan_props2kparams(wexo_handle_t handle, const wexo_arg_list_t *args,
-    vxlan_kparams_t *kparams);
+wexo_status_t kel_vxlan_props2kparams(wexo_handle_t handle, const wexo_arg_list_t *args, vxlan_kparams_t *kparams);

@@ -9,8 +9,8 @@
 #include "kel_assert.h"
 #include "kel_lifecycle.h"
 #include "kelnet.h"
-#include "nuq_errors.h"
 #include "names.h"
+#include "nuq_errors.h"
 #include "owners.h"
 #include "prop_list.h"
 #include "text.h"
@@ -112,7 +112,7 @@ int prepare_lower(wexo_handle_t handle, const char *vnicname, kelcntl_KELImplInf
 	const kelcntl_VPortInfo *vport = info->ekelii_kelinfo->ekeli_vports[0];
 	const char *mac = kel_propattrset_lookup(vport->evpi_props, vport->evpi_props_count, "macaddr");
 	if (mac == nullptr)
-		return nuq_error(NUQ_E_PROTOCOL);	// every port has one
+		return nuq_error(NUQ_E_PROTOCOL);  // every port has one
 	// Kept with the record, what the host's address responder hands the VNIC's guest.
 	const std::string lease = kel_lease_text(info, kel_is_dhcp_endpoint(vnicname));
 	wexo_status_t st = WEXO_STATUS_NOTFOUND;
@@ -124,9 +124,9 @@ int prepare_lower(wexo_handle_t handle, const char *vnicname, kelcntl_KELImplInf
 	return st == WEXO_STATUS_OK ? KEL_SUCCESS : kel::wexo_error(st);
 }
 
-int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
-    const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
-    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo)
+int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname, const char *vportname,
+    const char *vnicname, wexo_arg_list_t **proplist, const char *extra, datalink_id_t *linkid,
+    kelcntl_KELImplInfo **implinfo)
 {
 	char host[kHostLen];
 	int rc = kel_get_hostname(host, sizeof(host));
@@ -170,8 +170,8 @@ int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
 	return KEL_SUCCESS;
 }
 
-int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid, const kel_vport_counters_t *last)
+int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra, datalink_id_t linkid,
+    const kel_vport_counters_t *last)
 {
 	char host[kHostLen];
 	int rc = kel_get_hostname(host, sizeof(host));
@@ -192,8 +192,9 @@ int disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extr
 		st = WEXO_STATUS_OK;
 	const bool ours = st == WEXO_STATUS_OK && std::strncmp(name, "kel-", 4) == 0;
 	if (ours && (cls == DATALINK_CLASS_VXLAN || cls == DATALINK_CLASS_VLAN)) {
-		st = cls == DATALINK_CLASS_VXLAN ? wexo_vxlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND)
-		                                 : wexo_vlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND);
+		st = cls == DATALINK_CLASS_VXLAN
+		    ? wexo_vxlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND)
+		    : wexo_vlan_delete(handle, linkid, WEXO_OPT_ACTIVE | WEXO_OPT_ONDEMAND);
 		// Other VNICs of the kel still use it, or a release of another removed it first.
 		if (st == WEXO_STATUS_LINKBUSY || st == WEXO_STATUS_NOTFOUND)
 			st = WEXO_STATUS_OK;
@@ -224,8 +225,8 @@ int get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count)
 
 }  // namespace
 
-int kel_assign_vport(const char *tenant, const char *kelname, const char *vportname,
-    const char *vnicname, const char *hostname, const char *extra, kelcntl_KELImplInfo **implinfo)
+int kel_assign_vport(const char *tenant, const char *kelname, const char *vportname, const char *vnicname,
+    const char *hostname, const char *extra, kelcntl_KELImplInfo **implinfo)
 {
 	*implinfo = nullptr;
 	Conn conn;
@@ -240,8 +241,7 @@ int kel_assign_vport(const char *tenant, const char *kelname, const char *vportn
 	return method_result(r, KelError(err));
 }
 
-int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra,
-    const kel_vport_counters_t *last)
+int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra, const kel_vport_counters_t *last)
 {
 	char filter[kPropLen];
 	int rc = extra != nullptr
@@ -258,7 +258,7 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 		return rc;
 	if (count == 0) {
 		kelcntl_VPortInfo_array_free(ports, count);
-		return KEL_SUCCESS;	// nothing bound: nothing to release
+		return KEL_SUCCESS;  // nothing bound: nothing to release
 	}
 	Instance kel;
 	rc = lookup_kel(kel_kept_conn(conn.get()), ports[0]->evpi_tenantname, ports[0]->evpi_kelname, &kel);
@@ -271,8 +271,7 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 	return method_result(r, KelError(err));
 }
 
-int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array,
-    int *count)
+int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array, int *count)
 {
 	nuq_instance_t *raw = nullptr;
 	int r = kelcntl_KELController__nuq_lookup(conn, NUQ_LOOKUP_NAMED, &raw, 0);
@@ -286,9 +285,9 @@ int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInf
 
 extern "C" {
 
-int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
-    const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
-    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo, uint32_t) noexcept
+int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname, const char *vportname,
+    const char *vnicname, wexo_arg_list_t **proplist, const char *extra, datalink_id_t *linkid,
+    kelcntl_KELImplInfo **implinfo, uint32_t) noexcept
 {
 	KEL_ASSERT(kel::kAreaNuq, implinfo != NULL && proplist != NULL && linkid != NULL);
 	*implinfo = nullptr;
@@ -303,14 +302,14 @@ int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelna
 	});
 }
 
-int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid, uint32_t flags) noexcept
+int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra, datalink_id_t linkid,
+    uint32_t flags) noexcept
 {
 	return kel_disconnect_vnic_counted(handle, vnicname, extra, linkid, nullptr, flags);
 }
 
-int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid, const kel_vport_counters_t *last, uint32_t) noexcept
+int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, const char *extra, datalink_id_t linkid,
+    const kel_vport_counters_t *last, uint32_t) noexcept
 {
 	KEL_ASSERT(kel::kAreaNuq, vnicname != NULL);
 	if (handle == nullptr || !kel_valid_zonevnicname(vnicname))

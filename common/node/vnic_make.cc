@@ -7,11 +7,11 @@
 
 #include <fstream>
 
+#include <kel/libkel_node.h>
 #include "c_boundary.h"
 #include "connections.h"
 #include "error_code.h"
 #include "fabric_links.h"
-#include <kel/libkel_node.h>
 #include "link_filter.h"
 #include "link_internal.h"
 #include "link_lock.h"
@@ -88,11 +88,13 @@ public:
 		// A VM's tap whose port is still bound to another host: a machine moving here,
 		// whose traffic stays with the host it runs on until it runs here.
 		char host[256];
-		down_ = kind == WEXO_VNIC_MACVTAP && kel_get_hostname(host, sizeof(host)) == KEL_SUCCESS && port()->evpi_hostname != nullptr &&
-		        port()->evpi_hostname[0] != '\0' && std::strcmp(port()->evpi_hostname, host) != 0;
+		down_ = kind == WEXO_VNIC_MACVTAP && kel_get_hostname(host, sizeof(host)) == KEL_SUCCESS &&
+		    port()->evpi_hostname != nullptr && port()->evpi_hostname[0] != '\0' &&
+		    std::strcmp(port()->evpi_hostname, host) != 0;
 		if (down_)
 			kind = static_cast<wexo_vnic_kind_t>(kind | WEXO_VNIC_DOWN);
-		const wexo_status_t st = wexo_vnic_create(host_, vnic_, lower_, kind, port_prop(port(), "macaddr"), &id_);
+		const wexo_status_t st = wexo_vnic_create(host_, vnic_, lower_, kind, port_prop(port(), "macaddr"),
+		    &id_);
 		made_ = st == WEXO_STATUS_OK;
 		return made_ ? KEL_SUCCESS : wexo_error(st);
 	}
@@ -100,7 +102,8 @@ public:
 	int apply(wexo_handle_t guest, const wexo_arg_list_t *props)
 	{
 		for (uint_t i = 0; i < wexo_arg_count(props); i++)
-			if (wexo_status_t st = wexo_set_linkprop(guest, id_, wexo_arg_name(props, i), wexo_arg_value(props, i));
+			if (wexo_status_t st = wexo_set_linkprop(guest, id_, wexo_arg_name(props, i),
+			        wexo_arg_value(props, i));
 			    st != WEXO_STATUS_OK)
 				return wexo_error(st);
 		return KEL_SUCCESS;
@@ -123,12 +126,13 @@ public:
 			return KEL_E_IPNET_NOTFOUND;
 		const std::string addr(ip, std::strcspn(ip, "/"));
 		const bool routed = router != nullptr && router[0] != '\0' && std::strcmp(router, "0.0.0.0") != 0 &&
-		                    std::strcmp(router, "::") != 0;
+		    std::strcmp(router, "::") != 0;
 		wexo_status_t st = wexo_link_set_ipaddr(guest, id_, addr.c_str(), static_cast<uint32_t>(plen), nullptr);
 		// A namespace that has a default route already (a container's second network)
 		// keeps it unless the caller asks for this one.
 		if (st == WEXO_STATUS_OK && routed && (flags & KEL_VNIC_NO_ROUTE) == 0 &&
-		    (st = wexo_default_route(guest, id_, router, (flags & KEL_VNIC_DEFAULT_ROUTE) != 0)) == WEXO_STATUS_EXIST)
+		    (st = wexo_default_route(guest, id_, router, (flags & KEL_VNIC_DEFAULT_ROUTE) != 0)) ==
+		        WEXO_STATUS_EXIST)
 			st = WEXO_STATUS_OK;
 		return st == WEXO_STATUS_OK ? KEL_SUCCESS : wexo_error(st);
 	}
@@ -137,7 +141,8 @@ public:
 	{
 		out->kv_linkid = id_;
 		out->kv_lower = lower_;
-		(void)wexo_datalink_id2info(host_, lower_, nullptr, nullptr, nullptr, out->kv_lowername, sizeof(out->kv_lowername));
+		(void)wexo_datalink_id2info(host_, lower_, nullptr, nullptr, nullptr, out->kv_lowername,
+		    sizeof(out->kv_lowername));
 		(void)wexo_link_mtu(guest, id_, &out->kv_mtu);
 		out->kv_implinfo = info_;
 		out->kv_down = down_ ? B_TRUE : B_FALSE;
@@ -257,7 +262,8 @@ void release_responder(const std::string &keluuid)
 		return;
 	Handle host;
 	if (host.open("") == WEXO_STATUS_OK)
-		(void)wexo::nft::run(wexo_netns_fd(host.get()), wexo::filter::removal(wexo::filter::sealed_table(name)));
+		(void)wexo::nft::run(wexo_netns_fd(host.get()),
+		    wexo::filter::removal(wexo::filter::sealed_table(name)));
 	(void)vnic_remove(name.c_str(), nullptr);
 }
 
@@ -338,10 +344,11 @@ int kel_vnic_create(const char *tenant, const char *kelname, const char *vportna
 		std::string name;
 		int rc = kel_vnic_by_name(vnicname, true, &name);
 		if (rc == KEL_SUCCESS)
-			rc = kel_valid_zonevnicname(name.c_str()) ? vnic_create(tenant, kelname, vportname, name.c_str(), extra, kind, flags, vnic)
-			                                          : KEL_E_INVALID_ARGS;
+			rc = kel_valid_zonevnicname(name.c_str())
+			    ? vnic_create(tenant, kelname, vportname, name.c_str(), extra, kind, flags, vnic)
+			    : KEL_E_INVALID_ARGS;
 		if (rc != KEL_SUCCESS)
-			kel_netns_release(netns_of(name));	// a name given for this VNIC alone
+			kel_netns_release(netns_of(name));  // a name given for this VNIC alone
 		return rc;
 	});
 }

@@ -1,11 +1,11 @@
 // A VNIC's traffic counters, read from its host's datalink interface.
 #include <cstring>
 
+#include <kel/libkel_node.h>
 #include "c_boundary.h"
 #include "error_code.h"
 #include "harl.h"
 #include "kel_assert.h"
-#include <kel/libkel_node.h>
 #include "nuq_errors.h"
 #include "owners.h"
 

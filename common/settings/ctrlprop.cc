@@ -11,24 +11,24 @@
 #include "filter.h"
 #include "kel_assert.h"
 #include "kelnet.h"
+#include "schema.h"
 #include "service_config.h"
 #include "sql.h"
 #include "text.h"
-#include "schema.h"
 
 const kel_ctrlprop_desc_t kel_ctrlprop_table[] = {
-	{"uri-template", kel_set_uri_template, "ssh://", "rw", 3},
-	{"uuid", nullptr, "", "r-", 2},
-	{"l2-type", kel_set_l2network, "vlan", "rw", 2},
-	{"vlan-range", kel_set_newrange, "", "rw", 2},
-	{"vlan-range-avail", nullptr, "", "r-", 2},
-	{"vxlan-range", kel_set_newrange, "", "rw", 2},
-	{"vxlan-range-avail", nullptr, "", "r-", 2},
-	{"vxlan-mgroup", kel_set_mgroup, "0.0.0.0", "rw", 2},
-	{"vxlan-ipvers", kel_set_ipvers, "v4", "rw", 2},
-	{"vxlan-addr", kel_set_addr, "0.0.0.0", "rw", 3},
-	{"uplink-port", kel_set_uplinkport, "", "rw", 3},
-	{nullptr, nullptr, nullptr, nullptr, 0},
+    {"uri-template", kel_set_uri_template, "ssh://", "rw", 3},
+    {"uuid", nullptr, "", "r-", 2},
+    {"l2-type", kel_set_l2network, "vlan", "rw", 2},
+    {"vlan-range", kel_set_newrange, "", "rw", 2},
+    {"vlan-range-avail", nullptr, "", "r-", 2},
+    {"vxlan-range", kel_set_newrange, "", "rw", 2},
+    {"vxlan-range-avail", nullptr, "", "r-", 2},
+    {"vxlan-mgroup", kel_set_mgroup, "0.0.0.0", "rw", 2},
+    {"vxlan-ipvers", kel_set_ipvers, "v4", "rw", 2},
+    {"vxlan-addr", kel_set_addr, "0.0.0.0", "rw", 3},
+    {"uplink-port", kel_set_uplinkport, "", "rw", 3},
+    {nullptr, nullptr, nullptr, nullptr, 0},
 };
 
 namespace {
@@ -92,8 +92,7 @@ int kel_dbrow2cproplist(sqlite3_stmt *stmt, void *list)
 }
 
 // The filter for the listing, and whether the uuid record is wanted.
-int listing_filter(attrset_t *names, const char *host, std::string *filter, bool *uuid,
-    bool *rows)
+int listing_filter(attrset_t *names, const char *host, std::string *filter, bool *uuid, bool *rows)
 {
 	*uuid = host == nullptr && (names == nullptr || attrset_exists(names, "uuid"));
 	*rows = true;
@@ -102,7 +101,7 @@ int listing_filter(attrset_t *names, const char *host, std::string *filter, bool
 		if (std::strcmp(attrset_entry_name(e), "uuid") != 0)
 			pnames += (pnames.empty() ? "" : ",") + std::string(attrset_entry_name(e));
 	if (names != nullptr && pnames.empty())
-		*rows = false;	// "uuid" alone: no store row
+		*rows = false;  // "uuid" alone: no store row
 	if (!pnames.empty())
 		*filter = "ctrl_pname=" + pnames;
 	if (host != nullptr)
@@ -136,8 +135,8 @@ int list_ctrlprops(kel_dbhandle_t h, const char *propnames, const char *host, li
 	kel::RecordList<kel_ctrlprop_t> built;
 	list_t *rows_read = built.start();
 	if (rows)
-		rc = kel_db_get_filtered_common(h, "ctrl_tbl", nullptr, nullptr, nullptr, filter.c_str(),
-		    rows_read, kel_dbrow2cproplist);
+		rc = kel_db_get_filtered_common(h, "ctrl_tbl", nullptr, nullptr, nullptr, filter.c_str(), rows_read,
+		    kel_dbrow2cproplist);
 	if (rc == KEL_SUCCESS && uuid) {
 		char value[KEL_UUID_TEXT_LEN];
 		rc = kel_tog_get_one_value(KEL_CONTROLLER_FMRI, "config", "uuid", VUR_TYPE_ASTRING, value,
@@ -240,21 +239,19 @@ int kel_parse_ctrlprop(attrset_t *props, char **pname, char **pval, kel_ctrlprop
 	return KEL_SUCCESS;
 }
 
-int kel_db_get_one_hostprop(kel_dbhandle_t h, const char *host, const char *pname,
-    data_type_t type, void *buf, size_t size)
+int kel_db_get_one_hostprop(kel_dbhandle_t h, const char *host, const char *pname, data_type_t type, void *buf,
+    size_t size)
 {
 	if (host != nullptr && *host != '\0' && !valid_hostname(host))
 		return KEL_E_INVALID_HOSTNAME;
 	const std::string filter = std::string("ctrl_pname=") + pname + ",ctrl_host=" + (host ? host : "");
-	if (!kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_pname", DATA_TYPE_STRING,
-	        pname, "ctrl_host", DATA_TYPE_STRING, host ? host : ""))
+	if (!kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_pname", DATA_TYPE_STRING, pname, "ctrl_host",
+	        DATA_TYPE_STRING, host ? host : ""))
 		return KEL_E_NOTFOUND;
-	return kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), buf,
-	    static_cast<int>(size), type);
+	return kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), buf, static_cast<int>(size), type);
 }
 
-int kel_db_set_one_hostprop(kel_dbhandle_t h, const char *host, const char *pname,
-    const char *value)
+int kel_db_set_one_hostprop(kel_dbhandle_t h, const char *host, const char *pname, const char *value)
 {
 	const char *where = host != nullptr ? host : "";
 	kel::Transaction tx(h->edh_db);
@@ -265,16 +262,16 @@ int kel_db_set_one_hostprop(kel_dbhandle_t h, const char *host, const char *pnam
 		rc = kel::exec(h->edh_db,
 		    kel::SqlText("DELETE FROM %s WHERE %s = ? AND %s = ?", "ctrl_tbl", "ctrl_pname", "ctrl_host"),
 		    {pname, where});
-	else if (kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_host", DATA_TYPE_STRING,
-	             where, "ctrl_pname", DATA_TYPE_STRING, pname))
+	else if (kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_host", DATA_TYPE_STRING, where,
+	             "ctrl_pname", DATA_TYPE_STRING, pname))
 		rc = kel::exec(h->edh_db,
-		    kel::SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ?", "ctrl_tbl", "ctrl_pval",
-		        "ctrl_pname", "ctrl_host"),
+		    kel::SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ?", "ctrl_tbl", "ctrl_pval", "ctrl_pname",
+		        "ctrl_host"),
 		    {value, pname, where});
 	else
 		rc = kel::exec(h->edh_db,
-		    kel::SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl", "ctrl_pname",
-		        "ctrl_pval", "ctrl_host"),
+		    kel::SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl", "ctrl_pname", "ctrl_pval",
+		        "ctrl_host"),
 		    {pname, value, where});
 	return rc != KEL_SUCCESS ? rc : tx.commit();
 }

@@ -9,18 +9,24 @@
 #include "ctrlprop.h"
 #include "filter.h"
 #include "kel_assert.h"
-#include "xml_uri.h"
+#include "owners.h"
 #include "range.h"
 #include "sql.h"
-#include "owners.h"
+#include "xml_uri.h"
 
 namespace {
 
 using kel::Text;
 
 // The bounds of IDs in the VLAN range (`vlan`) or the VXLAN range.
-const char *min_id(bool vlan) { return vlan ? "1" : "0"; }
-const char *max_id(bool vlan) { return vlan ? "4094" : "16777215"; }
+const char *min_id(bool vlan)
+{
+	return vlan ? "1" : "0";
+}
+const char *max_id(bool vlan)
+{
+	return vlan ? "4094" : "16777215";
+}
 
 // ctrl_pval of the global row `pname` as a new string ("" for none).
 int read_global(kel_dbhandle_t h, const char *pname, std::string *out)
@@ -32,8 +38,7 @@ int read_global(kel_dbhandle_t h, const char *pname, std::string *out)
 int write_global(kel_dbhandle_t h, const char *pname, const char *value)
 {
 	const std::string filter = std::string("ctrl_pname=") + pname;
-	return kel_db_set_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), value,
-	    DATA_TYPE_STRING);
+	return kel_db_set_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), value, DATA_TYPE_STRING);
 }
 
 int diff(const std::string &a, const std::string &b, std::string *out)
@@ -83,8 +88,7 @@ int kel_set_l2network(kel_dbhandle_t h, void *cbarg, const char *)
 {
 	const auto *arg = static_cast<kel_ctrlprop_cbarg_t *>(cbarg);
 	const char *value = arg->ecc_arg ? static_cast<const char *>(arg->ecc_arg) : "vlan";
-	if (std::strcmp(value, "vlan") != 0 && std::strcmp(value, "vxlan") != 0 &&
-	    std::strcmp(value, "flat") != 0)
+	if (std::strcmp(value, "vlan") != 0 && std::strcmp(value, "vxlan") != 0 && std::strcmp(value, "flat") != 0)
 		return KEL_E_INVALID_L2TYPE;
 	return write_global(h, "l2-type", value);
 }
@@ -119,16 +123,14 @@ int kel_set_newrange(kel_dbhandle_t h, void *cbarg, const char *)
 	kel::Transaction tx(h->edh_db);
 	if ((rc = tx.begin()) == KEL_SUCCESS && (rc = write_global(h, pname, newrange.c_str())) == KEL_SUCCESS &&
 	    (rc = write_global(h, availname.c_str(), newavail.c_str())) == KEL_SUCCESS &&
-	    (rc = kel_update_uport_or_vxlanaddr(h, newrange.data(), vlan ? B_TRUE : B_FALSE, &manual)) ==
-	        KEL_SUCCESS)
+	    (rc = kel_update_uport_or_vxlanaddr(h, newrange.data(), vlan ? B_TRUE : B_FALSE, &manual)) == KEL_SUCCESS)
 		rc = tx.commit();
 	if (rc != KEL_SUCCESS)
 		return rc;
 	return manual ? KEL_E_RANGE_MANUAL : KEL_SUCCESS;
 }
 
-int kel_update_uport_or_vxlanaddr(kel_dbhandle_t h, char *newrange, boolean_t vlan,
-    boolean_t *manual)
+int kel_update_uport_or_vxlanaddr(kel_dbhandle_t h, char *newrange, boolean_t vlan, boolean_t *manual)
 {
 	*manual = B_FALSE;
 	int count = 0;
@@ -139,7 +141,7 @@ int kel_update_uport_or_vxlanaddr(kel_dbhandle_t h, char *newrange, boolean_t vl
 	if (count >= 2)
 		*manual = B_TRUE;
 	else if (!vlan && global != "0.0.0.0" &&
-	         (rc = set_subrange_column(h, "vxlan-addr", "ctrl_vxlan_range", newrange)) != KEL_SUCCESS)
+	    (rc = set_subrange_column(h, "vxlan-addr", "ctrl_vxlan_range", newrange)) != KEL_SUCCESS)
 		return rc;
 	global.clear();
 	if ((rc = count_rows(h, "uplink-port", &count, &global)) != KEL_SUCCESS)
@@ -147,8 +149,7 @@ int kel_update_uport_or_vxlanaddr(kel_dbhandle_t h, char *newrange, boolean_t vl
 	if (count >= 2)
 		*manual = B_TRUE;
 	else if (!global.empty())
-		rc = set_subrange_column(h, "uplink-port", vlan ? "ctrl_vlan_range" : "ctrl_vxlan_range",
-		    newrange);
+		rc = set_subrange_column(h, "uplink-port", vlan ? "ctrl_vlan_range" : "ctrl_vxlan_range", newrange);
 	return rc;
 }
 
@@ -169,8 +170,8 @@ int kel_set_uri_template(kel_dbhandle_t h, void *cbarg, const char *host)
 	return kel_db_set_one_hostprop(h, host, "uri-template", value);
 }
 
-int kel_db_validate_subrange(kel_dbhandle_t h, const char *subrange, const char *fullrange,
-    boolean_t vlan, const char *host, const char *pname, const char *pval, char **normalized)
+int kel_db_validate_subrange(kel_dbhandle_t h, const char *subrange, const char *fullrange, boolean_t vlan,
+    const char *host, const char *pname, const char *pval, char **normalized)
 {
 	KEL_ASSERT(kel::kAreaCtrlProp, subrange != NULL);
 	*normalized = nullptr;
@@ -190,8 +191,8 @@ int kel_db_validate_subrange(kel_dbhandle_t h, const char *subrange, const char 
 	return rc;
 }
 
-int kel_check_host_subranges_compatibility(kel_dbhandle_t h, const char *subrange,
-    boolean_t vlan, const char *host, const char *pname, const char *pval, const char *fullrange)
+int kel_check_host_subranges_compatibility(kel_dbhandle_t h, const char *subrange, boolean_t vlan, const char *host,
+    const char *pname, const char *pval, const char *fullrange)
 {
 	kel::RecordList<kel_ctrlprop_t> rows;
 	int rc = rows.read([&](list_t *l) { return kel_db_get_ctrlprop(h, pname, host != nullptr ? host : "", l); });
@@ -203,7 +204,7 @@ int kel_check_host_subranges_compatibility(kel_dbhandle_t h, const char *subrang
 		if (rc != KEL_SUCCESS)
 			break;
 		if (std::strcmp(p->ecp_propval, pval) == 0)
-			continue;	// the row being set: its old sub-range is replaced
+			continue;  // the row being set: its old sub-range is replaced
 		const char *theirs = vlan ? p->ecp_vlanrange : p->ecp_vxlanrange;
 		if (kel_rsrc_range_contains(remaining.c_str(), theirs, KEL_RANGE_NUMBER) != KEL_SUCCESS)
 			rc = KEL_E_RANGE_OVERLAP;

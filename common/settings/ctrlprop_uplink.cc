@@ -12,10 +12,10 @@
 #include "kel_assert.h"
 #include "kelnet.h"
 #include "names.h"
+#include "owners.h"
 #include "range.h"
 #include "sql.h"
 #include "subnet.h"
-#include "owners.h"
 
 namespace {
 
@@ -25,15 +25,14 @@ int read_global(kel_dbhandle_t h, const char *pname, char *buf, size_t size)
 {
 	const std::string filter = std::string("ctrl_pname=") + pname;
 	buf[0] = '\0';
-	return kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), buf,
-	    static_cast<int>(size), DATA_TYPE_STRING);
+	return kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), buf, static_cast<int>(size),
+	    DATA_TYPE_STRING);
 }
 
 int write_global(kel_dbhandle_t h, const char *pname, const char *value)
 {
 	const std::string filter = std::string("ctrl_pname=") + pname;
-	return kel_db_set_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), value,
-	    DATA_TYPE_STRING);
+	return kel_db_set_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), value, DATA_TYPE_STRING);
 }
 
 bool parses_as(int af, const std::string &text)
@@ -60,14 +59,13 @@ int addrs_of_family(kel_dbhandle_t h, int af)
 
 // Checks a given sub-range (when there is one) and replaces it with its normalised form,
 // kept in `owned`. KEL_E_RANGE_PARTIAL goes to *warning.
-int check_subrange(kel_dbhandle_t h, char **range, kel::Text *owned, const char *fullrange,
-    bool vlan, const char *host, const char *pname, const char *pval, int *warning)
+int check_subrange(kel_dbhandle_t h, char **range, kel::Text *owned, const char *fullrange, bool vlan, const char *host,
+    const char *pname, const char *pval, int *warning)
 {
 	if (*range == nullptr || **range == '\0')
 		return KEL_SUCCESS;
 	char *norm = nullptr;
-	int rc = kel_db_validate_subrange(h, *range, fullrange, vlan ? B_TRUE : B_FALSE, host, pname,
-	    pval, &norm);
+	int rc = kel_db_validate_subrange(h, *range, fullrange, vlan ? B_TRUE : B_FALSE, host, pname, pval, &norm);
 	owned->reset(norm);
 	if (rc == KEL_E_RANGE_PARTIAL)
 		*warning = rc;
@@ -81,8 +79,7 @@ int read_range(kel_dbhandle_t h, const char *pname, kel::Text *out)
 {
 	const std::string filter = std::string("ctrl_pname=") + pname;
 	char *raw = nullptr;
-	int rc = kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), &raw, -1,
-	    DATA_TYPE_STRING);
+	int rc = kel_db_get_filtered_value(h, "ctrl_tbl", "ctrl_pval", filter.c_str(), &raw, -1, DATA_TYPE_STRING);
 	out->reset(raw);
 	if (rc == KEL_SUCCESS && raw == nullptr) {
 		out->reset(strdup(""));
@@ -94,8 +91,8 @@ int read_range(kel_dbhandle_t h, const char *pname, kel::Text *out)
 
 bool row_exists(kel_dbhandle_t h, const char *pname, const char *value, const char *host)
 {
-	return kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 3, "ctrl_pname", DATA_TYPE_STRING,
-	    pname, "ctrl_pval", DATA_TYPE_STRING, value, "ctrl_host", DATA_TYPE_STRING, host);
+	return kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 3, "ctrl_pname", DATA_TYPE_STRING, pname, "ctrl_pval",
+	    DATA_TYPE_STRING, value, "ctrl_host", DATA_TYPE_STRING, host);
 }
 
 // The rows of one property of one host, with their sub-ranges.
@@ -103,20 +100,19 @@ bool row_exists(kel_dbhandle_t h, const char *pname, const char *value, const ch
 // new row is added unless there is one.
 int write_value_row(kel_dbhandle_t h, const char *host, const char *pname, const char *def, const char *value)
 {
-	const bool placeholder = kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 6, "ctrl_pname",
-	    DATA_TYPE_STRING, pname, "ctrl_host", DATA_TYPE_STRING, host, "ctrl_pval",
-	    DATA_TYPE_STRING, def, "ctrl_vlan_range", DATA_TYPE_STRING, "", "ctrl_vxlan_range",
-	    DATA_TYPE_STRING, "", "ctrl_flat_range", DATA_TYPE_STRING, "");
+	const bool placeholder = kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 6, "ctrl_pname", DATA_TYPE_STRING,
+	    pname, "ctrl_host", DATA_TYPE_STRING, host, "ctrl_pval", DATA_TYPE_STRING, def, "ctrl_vlan_range",
+	    DATA_TYPE_STRING, "", "ctrl_vxlan_range", DATA_TYPE_STRING, "", "ctrl_flat_range", DATA_TYPE_STRING, "");
 	if (placeholder)
 		return kel::exec(h->edh_db,
-		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?",
-		        "ctrl_tbl", "ctrl_pval", "ctrl_pname", "ctrl_host", "ctrl_vlan_range",
-		        "ctrl_vxlan_range", "ctrl_flat_range"),
+		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?", "ctrl_tbl",
+		        "ctrl_pval", "ctrl_pname", "ctrl_host", "ctrl_vlan_range", "ctrl_vxlan_range",
+		        "ctrl_flat_range"),
 		    {value, pname, host, "", "", ""});
 	if (row_exists(h, pname, value, host))
 		return KEL_SUCCESS;
-	return kel::exec(h->edh_db, SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl",
-	                                "ctrl_pname", "ctrl_pval", "ctrl_host"),
+	return kel::exec(h->edh_db,
+	    SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl", "ctrl_pname", "ctrl_pval", "ctrl_host"),
 	    {pname, value, host});
 }
 
@@ -124,11 +120,10 @@ int write_value_row(kel_dbhandle_t h, const char *host, const char *pname, const
 int write_shares(kel_dbhandle_t h, const char *host, const char *pname, const char *value,
     const kel_ctrlprop_cbarg_t *arg)
 {
-	const SqlText set_column_sql[] = {
-	    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? ", "ctrl_tbl",
-	        "ctrl_vlan_range", "ctrl_pname", "ctrl_pval", "ctrl_host"),
-	    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? ", "ctrl_tbl",
-	        "ctrl_vxlan_range", "ctrl_pname", "ctrl_pval", "ctrl_host")};
+	const SqlText set_column_sql[] = {SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? ",
+	                                      "ctrl_tbl", "ctrl_vlan_range", "ctrl_pname", "ctrl_pval", "ctrl_host"),
+	    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? ", "ctrl_tbl", "ctrl_vxlan_range",
+	        "ctrl_pname", "ctrl_pval", "ctrl_host")};
 	int rc = KEL_SUCCESS;
 	if (arg->ecc_vlanrange != nullptr)
 		rc = kel::exec(h->edh_db, set_column_sql[0], {arg->ecc_vlanrange, pname, value, host});
@@ -148,8 +143,8 @@ int write_flat(kel_dbhandle_t h, const char *host, const char *value, const char
 	}
 	if (rc == KEL_SUCCESS)
 		rc = kel::exec(h->edh_db,
-		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ?", "ctrl_tbl",
-		        "ctrl_flat_range", "ctrl_pname", "ctrl_pval", "ctrl_host"),
+		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ?", "ctrl_tbl", "ctrl_flat_range",
+		        "ctrl_pname", "ctrl_pval", "ctrl_host"),
 		    {yes ? "0" : "", "uplink-port", value, host});
 	return rc;
 }
@@ -158,31 +153,29 @@ int write_flat(kel_dbhandle_t h, const char *host, const char *value, const char
 int drop_if_empty(kel_dbhandle_t h, const char *host, const char *pname, const char *value)
 {
 	return kel::exec(h->edh_db,
-	    SqlText("DELETE FROM %s WHERE %s = ? AND %s == ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?",
-	        "ctrl_tbl", "ctrl_pname", "ctrl_pval", "ctrl_host", "ctrl_flat_range",
-	        "ctrl_vlan_range", "ctrl_vxlan_range"),
+	    SqlText("DELETE FROM %s WHERE %s = ? AND %s == ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?", "ctrl_tbl",
+	        "ctrl_pname", "ctrl_pval", "ctrl_host", "ctrl_flat_range", "ctrl_vlan_range", "ctrl_vxlan_range"),
 	    {pname, value, host, "", "", ""});
 }
 
 // The fabric keeps a global row of the property, a placeholder at least.
 int keep_global_row(kel_dbhandle_t h, const char *pname, const char *def)
 {
-	if (kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_pname", DATA_TYPE_STRING, pname,
-	        "ctrl_host", DATA_TYPE_STRING, ""))
+	if (kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_pname", DATA_TYPE_STRING, pname, "ctrl_host",
+	        DATA_TYPE_STRING, ""))
 		return KEL_SUCCESS;
-	return kel::exec(h->edh_db, SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl",
-	                                "ctrl_pname", "ctrl_pval", "ctrl_host"),
+	return kel::exec(h->edh_db,
+	    SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl", "ctrl_pname", "ctrl_pval", "ctrl_host"),
 	    {pname, def, ""});
 }
 
-int write_rows(kel_dbhandle_t h, const char *host, const char *pname, const char *def,
-    kel_ctrlprop_cbarg_t *arg)
+int write_rows(kel_dbhandle_t h, const char *host, const char *pname, const char *def, kel_ctrlprop_cbarg_t *arg)
 {
 	const char *value = static_cast<const char *>(arg->ecc_arg);
 	int rc;
 	if (value == nullptr) {
-		rc = kel::exec(h->edh_db, SqlText("DELETE FROM %s WHERE %s = ? AND %s = ?", "ctrl_tbl",
-		                              "ctrl_pname", "ctrl_host"),
+		rc = kel::exec(h->edh_db,
+		    SqlText("DELETE FROM %s WHERE %s = ? AND %s = ?", "ctrl_tbl", "ctrl_pname", "ctrl_host"),
 		    {pname, host});
 	} else {
 		rc = write_value_row(h, host, pname, def, value);
@@ -273,8 +266,8 @@ int kel_set_uplinkport(kel_dbhandle_t h, void *cbarg, const char *host)
 			arg->ecc_vxlanrange = vxlanrange.get();
 			arg->ecc_flatstr = const_cast<char *>("yes");
 		}
-		if ((rc = check_subrange(h, &arg->ecc_vlanrange, &vlannorm, vlanrange.get(), true, host,
-		         "uplink-port", name, &warning)) != KEL_SUCCESS ||
+		if ((rc = check_subrange(h, &arg->ecc_vlanrange, &vlannorm, vlanrange.get(), true, host, "uplink-port",
+		         name, &warning)) != KEL_SUCCESS ||
 		    (rc = check_subrange(h, &arg->ecc_vxlanrange, &vxlannorm, vxlanrange.get(), false, host,
 		         "uplink-port", name, &warning)) != KEL_SUCCESS)
 			return rc;
@@ -298,7 +291,7 @@ int kel_set_addr(kel_dbhandle_t h, void *cbarg, const char *host)
 		int af;
 		if (std::strchr(value, '/') == nullptr) {
 			if (host == nullptr)
-				return KEL_E_INVALID_SUBNET;	// the fabric-wide endpoint is a subnet
+				return KEL_E_INVALID_SUBNET;  // the fabric-wide endpoint is a subnet
 			if (parses_as(AF_INET, value))
 				af = AF_INET;
 			else if (parses_as(AF_INET6, value))
@@ -316,8 +309,8 @@ int kel_set_addr(kel_dbhandle_t h, void *cbarg, const char *host)
 			return rc;
 		if (arg->ecc_vxlanrange == nullptr)
 			arg->ecc_vxlanrange = fabric.get();
-		if ((rc = check_subrange(h, &arg->ecc_vxlanrange, &norm, fabric.get(), false, host, "vxlan-addr",
-		         value, &warning)) != KEL_SUCCESS)
+		if ((rc = check_subrange(h, &arg->ecc_vxlanrange, &norm, fabric.get(), false, host, "vxlan-addr", value,
+		         &warning)) != KEL_SUCCESS)
 			return rc;
 	} else if (arg->ecc_vxlanrange != nullptr) {
 		return KEL_E_INVALID_ARGS;
@@ -337,15 +330,15 @@ int kel_db_set_uport_or_vaddr_hostprop(kel_dbhandle_t h, const char *host, const
 	return rc != KEL_SUCCESS ? rc : tx.commit();
 }
 
-int kel_db_get_uport_or_vaddr_hostprop(kel_dbhandle_t h, attrset_t *props, const char *host,
-    const char *pname, char *buf, size_t size)
+int kel_db_get_uport_or_vaddr_hostprop(kel_dbhandle_t h, attrset_t *props, const char *host, const char *pname,
+    char *buf, size_t size)
 {
 	char *vlanid = nullptr, *vni = nullptr, *l2type = nullptr;
 	const bool by_vlan = attrset_lookup_string(props, "vlanid", &vlanid) == 0;
 	const bool by_vni = !by_vlan && attrset_lookup_string(props, "vni", &vni) == 0;
 	if (!by_vlan && !by_vni)
-		KEL_ASSERT(kel::kAreaCtrlProp, attrset_lookup_string(props, "l2-type", &l2type) == 0 &&
-		    std::strcmp(l2type, "flat") == 0);
+		KEL_ASSERT(kel::kAreaCtrlProp,
+		    attrset_lookup_string(props, "l2-type", &l2type) == 0 && std::strcmp(l2type, "flat") == 0);
 	kel::RecordList<kel_ctrlprop_t> rows;
 	int rc = rows.read([&](list_t *l) { return kel_db_get_ctrlprop(h, pname, host != nullptr ? host : "", l); });
 	if (rc != KEL_SUCCESS)

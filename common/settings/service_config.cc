@@ -66,8 +66,7 @@ int commit_until_current(kel_vur_state_t *st, Fill &&fill, int *fill_error)
 	}
 }
 
-int set_existing_or_new(kel_vur_state_t *st, const char *pgname, const char *pname,
-    vur_type_t type, const char *value)
+int set_existing_or_new(kel_vur_state_t *st, const char *pgname, const char *pname, vur_type_t type, const char *value)
 {
 	bool created = false;
 	if (vur_instance_add_pg(st->ess_inst, pgname, "application", 0, st->ess_pg) == 0)
@@ -83,11 +82,15 @@ int set_existing_or_new(kel_vur_state_t *st, const char *pgname, const char *pna
 		rc = vur_failure();
 	} else {
 		int ignored;
-		rc = commit_until_current(st, [&] {
-			return (vur_transaction_property_new(st->ess_trans, st->ess_tent, pname, type) == 0 ||
-			           vur_transaction_property_change(st->ess_trans, st->ess_tent, pname, type) == 0) &&
-			    vur_entry_add_value(st->ess_tent, val.get()) == 0;
-		}, &ignored);
+		rc = commit_until_current(
+		    st,
+		    [&] {
+			    return (vur_transaction_property_new(st->ess_trans, st->ess_tent, pname, type) == 0 ||
+			               vur_transaction_property_change(st->ess_trans, st->ess_tent, pname, type) ==
+			                   0) &&
+			        vur_entry_add_value(st->ess_tent, val.get()) == 0;
+		    },
+		    &ignored);
 	}
 	// A failed first write leaves no empty group behind.
 	if (rc != KEL_SUCCESS && created)
@@ -100,9 +103,8 @@ int delete_property(kel_vur_state_t *st, const char *pgname, const char *pname)
 	if (vur_instance_get_pg(st->ess_inst, pgname, st->ess_pg) != 0)
 		return vur_error() == VUR_ERROR_NOT_FOUND ? KEL_SUCCESS : vur_failure();
 	int fill_error = 0;
-	const int rc = commit_until_current(st, [&] {
-		return vur_transaction_property_delete(st->ess_trans, st->ess_tent, pname) == 0;
-	}, &fill_error);
+	const int rc = commit_until_current(
+	    st, [&] { return vur_transaction_property_delete(st->ess_trans, st->ess_tent, pname) == 0; }, &fill_error);
 	// A property that is not there is deleted already.
 	return fill_error == VUR_ERROR_NOT_FOUND ? KEL_SUCCESS : rc;
 }
@@ -165,18 +167,17 @@ int walk(kel_vur_state_t *st, attrset_t *names, kel::RecordList<kel_togprop_t> *
 }  // namespace
 
 const kel_tog_pdesc_t kel_tog_client_table[] = {
-	{"controller", "config", "", VUR_TYPE_ASTRING, kel_set_controller, "rw"},
-	{nullptr, nullptr, nullptr, VUR_TYPE_ASTRING, nullptr, nullptr},
+    {"controller", "config", "", VUR_TYPE_ASTRING, kel_set_controller, "rw"},
+    {nullptr, nullptr, nullptr, VUR_TYPE_ASTRING, nullptr, nullptr},
 };
 
 int kel_vur_open(const char *instance, kel_vur_state_t *state)
 {
 	std::memset(state, 0, sizeof(*state));
-	if ((state->ess_handle = vur_handle_create(1)) == nullptr ||
-	    vur_handle_bind(state->ess_handle) != 0 ||
+	if ((state->ess_handle = vur_handle_create(1)) == nullptr || vur_handle_bind(state->ess_handle) != 0 ||
 	    (state->ess_inst = vur_instance_create(state->ess_handle)) == nullptr ||
-	    vur_handle_decode_fmri(state->ess_handle, instance, nullptr, nullptr, state->ess_inst,
-	        nullptr, nullptr, 0) != 0) {
+	    vur_handle_decode_fmri(state->ess_handle, instance, nullptr, nullptr, state->ess_inst, nullptr, nullptr,
+	        0) != 0) {
 		const int rc = vur_failure();
 		kel_vur_close(state);
 		return rc;
@@ -227,8 +228,8 @@ void kel_drop_composed(kel_vur_state_t *state)
 	state->ess_pg = nullptr;
 }
 
-int kel_tog_get_value(kel_vur_state_t *state, const char *pgname, const char *pname,
-    vur_type_t type, void *buf, size_t size)
+int kel_tog_get_value(kel_vur_state_t *state, const char *pgname, const char *pname, vur_type_t type, void *buf,
+    size_t size)
 {
 	check_type(type);
 	int rc = kel_get_composed_properties(pgname, state);
@@ -246,8 +247,8 @@ int kel_tog_get_value(kel_vur_state_t *state, const char *pgname, const char *pn
 	return n < 0 ? read_failure() : KEL_SUCCESS;
 }
 
-int kel_tog_get_one_value(const char *instance, const char *pgname, const char *pname,
-    vur_type_t type, void *buf, size_t size)
+int kel_tog_get_one_value(const char *instance, const char *pgname, const char *pname, vur_type_t type, void *buf,
+    size_t size)
 {
 	kel_vur_state_t state;
 	const int rc = kel_vur_open(instance, &state);
@@ -257,8 +258,7 @@ int kel_tog_get_one_value(const char *instance, const char *pgname, const char *
 	return kel_tog_get_value(&state, pgname, pname, type, buf, size);
 }
 
-int kel_tog_set_value(kel_vur_state_t *state, const char *pgname, const char *pname,
-    vur_type_t type, void *value)
+int kel_tog_set_value(kel_vur_state_t *state, const char *pgname, const char *pname, vur_type_t type, void *value)
 {
 	check_type(type);
 	const Composed composed(state);
@@ -271,8 +271,7 @@ int kel_tog_set_value(kel_vur_state_t *state, const char *pgname, const char *pn
 	return set_existing_or_new(state, pgname, pname, type, static_cast<const char *>(value));
 }
 
-int kel_tog_set_one_value(const char *instance, const char *pgname, const char *pname,
-    vur_type_t type, void *value)
+int kel_tog_set_one_value(const char *instance, const char *pgname, const char *pname, vur_type_t type, void *value)
 {
 	kel_vur_state_t state;
 	const int rc = kel_vur_open(instance, &state);
@@ -299,16 +298,14 @@ int kel_set_controller(kel_dbhandle_t, void *descriptor, const char *pgname, voi
 		if (uri == nullptr)
 			return KEL_E_INVALID_URI;
 		// The local-socket scheme must be spelled as the node service reads it.
-		const bool bad = nuq_uri_get_scheme(uri) == NUQS_UNIX &&
-		    std::strncmp(text, "unix://", 7) != 0;
+		const bool bad = nuq_uri_get_scheme(uri) == NUQS_UNIX && std::strncmp(text, "unix://", 7) != 0;
 		nuq_free_uri(uri);
 		if (bad)
 			return KEL_E_INVALID_URI;
 	} else {
 		text = row->espd_defvalue;
 	}
-	return kel_tog_set_one_value(KEL_NODE_FMRI, pgname, "controller", VUR_TYPE_ASTRING,
-	    const_cast<char *>(text));
+	return kel_tog_set_one_value(KEL_NODE_FMRI, pgname, "controller", VUR_TYPE_ASTRING, const_cast<char *>(text));
 }
 
 int kel_walk_togprop(const char *instance, attrset_t *names, kel::RecordList<kel_togprop_t> *list)
@@ -391,9 +388,8 @@ int kel_get_controller_togprop(const char *name, char *buf, size_t size) noexcep
 {
 	if (name == nullptr || std::strcmp(name, "uuid") != 0)
 		return KEL_E_INVALID_CTRLPROP;
-	return kel::c_boundary([&] {
-		return kel_tog_get_one_value(KEL_CONTROLLER_FMRI, "config", "uuid", VUR_TYPE_ASTRING, buf, size);
-	});
+	return kel::c_boundary(
+	    [&] { return kel_tog_get_one_value(KEL_CONTROLLER_FMRI, "config", "uuid", VUR_TYPE_ASTRING, buf, size); });
 }
 
 }  // extern "C"

@@ -21,8 +21,7 @@ struct kel_vur_state_t {
 	vur_property_t *ess_prop;
 };
 
-typedef int kel_tog_setfn_t(kel_dbhandle_t handle, void *descriptor, const char *pgname,
-    void *value);
+typedef int kel_tog_setfn_t(kel_dbhandle_t handle, void *descriptor, const char *pgname, void *value);
 
 // One client setting: where it lives, its default, how it is set.
 struct kel_tog_pdesc_t {
@@ -49,20 +48,18 @@ int kel_get_composed_properties(const char *pgname, kel_vur_state_t *state);
 void kel_drop_composed(kel_vur_state_t *state);
 // Reads property pgname/pname as text into buf: KEL_E_NOTFOUND when the group or the
 // property is missing, KEL_E_VUR with the repository's error otherwise.
-int kel_tog_get_value(kel_vur_state_t *state, const char *pgname, const char *pname,
-    vur_type_t type, void *buf, size_t size);
+int kel_tog_get_value(kel_vur_state_t *state, const char *pgname, const char *pname, vur_type_t type, void *buf,
+    size_t size);
 // The same on an instance opened and closed for the one read.
-int kel_tog_get_one_value(const char *instance, const char *pgname, const char *pname,
-    vur_type_t type, void *buf, size_t size);
+int kel_tog_get_one_value(const char *instance, const char *pgname, const char *pname, vur_type_t type, void *buf,
+    size_t size);
 // Writes `value` (text), or deletes the property when `value` is NULL. A write retries
 // while another writer changes the group; a failed write into a group it created
 // removes the group again.
-int kel_tog_set_value(kel_vur_state_t *state, const char *pgname, const char *pname,
-    vur_type_t type, void *value);
+int kel_tog_set_value(kel_vur_state_t *state, const char *pgname, const char *pname, vur_type_t type, void *value);
 // The same on an instance opened and closed for the one write (telling a running keld
 // is the caller's part).
-int kel_tog_set_one_value(const char *instance, const char *pgname, const char *pname,
-    vur_type_t type, void *value);
+int kel_tog_set_one_value(const char *instance, const char *pgname, const char *pname, vur_type_t type, void *value);
 // The row of setting `name` in `table`; NULL when it has none.
 const kel_tog_pdesc_t *kel_get_tog_pdesc_entry(const kel_tog_pdesc_t *table, const char *name);
 // Appends a kel_togprop_t to `list` for each client setting of `instance` (only the node

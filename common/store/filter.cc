@@ -14,11 +14,11 @@
 #include "kelnet.h"
 #include "names.h"
 #include "number.h"
+#include "owners.h"
 #include "prop_catalogue.h"
 #include "sql.h"
 #include "store_handle.h"
 #include "text.h"
-#include "owners.h"
 
 namespace {
 
@@ -38,9 +38,9 @@ struct ObjectTable {
 };
 
 constexpr ObjectTable kObjectTables[] = {
-	{"kel_tbl", "kel", KEL_PROPTYPE_KEL, "kel_prop"},
-	{"vport_tbl", "vport", KEL_PROPTYPE_VPORT, "vport_prop"},
-	{"ipnet_tbl", "ipnet", KEL_PROPTYPE_IPNET, "ipnet_prop"},
+    {"kel_tbl", "kel", KEL_PROPTYPE_KEL, "kel_prop"},
+    {"vport_tbl", "vport", KEL_PROPTYPE_VPORT, "vport_prop"},
+    {"ipnet_tbl", "ipnet", KEL_PROPTYPE_IPNET, "ipnet_prop"},
 };
 
 const ObjectTable *object_table(const char *table)
@@ -53,9 +53,9 @@ const ObjectTable *object_table(const char *table)
 
 // Which keys suit which object kind, by kel_type_t.
 constexpr const char *kCompatibleKeys[][7] = {
-	{"tenant", "kel", "vport", "ipnet", "host", "vnic", nullptr},
-	{"tenant", "kel", "vport", "host", "vnic", nullptr},
-	{"tenant", "kel", "ipnet", nullptr},
+    {"tenant", "kel", "vport", "ipnet", "host", "vnic", nullptr},
+    {"tenant", "kel", "vport", "host", "vnic", nullptr},
+    {"tenant", "kel", "ipnet", nullptr},
 };
 
 using kel::AttrSetPtr;
@@ -162,8 +162,8 @@ int add_param(attrset_t *params, int n, const std::string &piece, uint32_t colty
 // The clause and its values for `filter`. A clause that reaches `size` bytes stops the
 // build at once with KEL_E_NOSPACE, so that a filter of any length costs no more than the
 // pieces that fit.
-int build_clause(const char *filter, std::string *clause, AttrSetPtr *params, const char *t1,
-    const char *t2, size_t size)
+int build_clause(const char *filter, std::string *clause, AttrSetPtr *params, const char *t1, const char *t2,
+    size_t size)
 {
 	attrset_t *norm_raw = nullptr;
 	int rc = normalise(filter, &norm_raw, t1);
@@ -179,7 +179,7 @@ int build_clause(const char *filter, std::string *clause, AttrSetPtr *params, co
 			return KEL_E_INVALID_ARGS;
 		if (std::strcmp(entry->efe_tblname, t1) != 0 &&
 		    (t2 == nullptr || std::strcmp(entry->efe_tblname, t2) != 0))
-			continue;	// a key of a table this query does not read
+			continue;  // a key of a table this query does not read
 		char *value = nullptr;
 		(void)attrset_entry_value_string(e, &value);
 		std::string prefix = first_group ? " WHERE (" : " AND (";
@@ -191,14 +191,13 @@ int build_clause(const char *filter, std::string *clause, AttrSetPtr *params, co
 				return KEL_E_INVALID_ARGS;
 			if (column == nullptr)
 				column = kel_fname2cname(entry, piece.c_str());
-			*clause += prefix + " " + column + " " + entry->efe_ops + " ?" +
-			    std::to_string(n) + " ";
+			*clause += prefix + " " + column + " " + entry->efe_ops + " ?" + std::to_string(n) + " ";
 			if (like) {
 				*clause += std::string("OR ") + column + " LIKE ?" + std::to_string(n + 1) + " ";
-				if ((rc = add_string(params->get(), std::to_string(n).c_str(), ("%" + piece + ",%").c_str())) !=
-				        KEL_SUCCESS ||
-				    (rc = add_string(params->get(), std::to_string(n + 1).c_str(), ("%" + piece).c_str())) !=
-				        KEL_SUCCESS)
+				if ((rc = add_string(params->get(), std::to_string(n).c_str(),
+				         ("%" + piece + ",%").c_str())) != KEL_SUCCESS ||
+				    (rc = add_string(params->get(), std::to_string(n + 1).c_str(),
+				         ("%" + piece).c_str())) != KEL_SUCCESS)
 					return rc;
 				n += 2;
 			} else {
@@ -235,27 +234,26 @@ int store_value(kel::Statement &st, void *dest, int destlen, data_type_t type)
 	}
 	if (destlen == 0)
 		return KEL_SUCCESS;
-	kel::copy_text(static_cast<char *>(dest), text != nullptr ? text : "",
-	    static_cast<size_t>(destlen));
+	kel::copy_text(static_cast<char *>(dest), text != nullptr ? text : "", static_cast<size_t>(destlen));
 	return KEL_SUCCESS;
 }
 
 }  // namespace
 
 const kel_filter_entry_t kel_filter_table[] = {
-	{"kel", KEL_FILTER_KEL, S, "kel_tbl", kel_valid_name, "="},
-	{"vport", KEL_FILTER_VPORT, S, "vport_tbl", kel_valid_name, "="},
-	{"ipnet", KEL_FILTER_IPNET, S, "ipnet_tbl", kel_valid_name, "="},
-	{"host", KEL_FILTER_HOST, S, "vport_tbl", check_hostname, "="},
-	{"vnic", KEL_FILTER_VNIC, S, "vport_tbl", kel_valid_zonevnicname, "="},
-	{"tenant", KEL_FILTER_TENANT, S, "kel_tbl", kel_valid_name, "="},
-	{"ctrl_pname", KEL_FILTER_CTRL_PNAME, S, "ctrl_tbl", nullptr, "="},
-	{"ctrl_host", KEL_FILTER_CTRL_HOST, S, "ctrl_tbl", nullptr, "="},
-	{"misc_name", KEL_FILTER_MISC_NAME, S, "misc_tbl", nullptr, "="},
-	{"kel_prop", KEL_FILTER_KELPROP, S, "kel_tbl", nullptr, "LIKE"},
-	{"vport_prop", KEL_FILTER_VPORTPROP, S, "vport_tbl", nullptr, "LIKE"},
-	{"ipnet_prop", KEL_FILTER_IPNETPROP, S, "ipnet_tbl", nullptr, "LIKE"},
-	{nullptr, static_cast<kel_filter_id_t>(0), 0, nullptr, nullptr, nullptr},
+    {"kel", KEL_FILTER_KEL, S, "kel_tbl", kel_valid_name, "="},
+    {"vport", KEL_FILTER_VPORT, S, "vport_tbl", kel_valid_name, "="},
+    {"ipnet", KEL_FILTER_IPNET, S, "ipnet_tbl", kel_valid_name, "="},
+    {"host", KEL_FILTER_HOST, S, "vport_tbl", check_hostname, "="},
+    {"vnic", KEL_FILTER_VNIC, S, "vport_tbl", kel_valid_zonevnicname, "="},
+    {"tenant", KEL_FILTER_TENANT, S, "kel_tbl", kel_valid_name, "="},
+    {"ctrl_pname", KEL_FILTER_CTRL_PNAME, S, "ctrl_tbl", nullptr, "="},
+    {"ctrl_host", KEL_FILTER_CTRL_HOST, S, "ctrl_tbl", nullptr, "="},
+    {"misc_name", KEL_FILTER_MISC_NAME, S, "misc_tbl", nullptr, "="},
+    {"kel_prop", KEL_FILTER_KELPROP, S, "kel_tbl", nullptr, "LIKE"},
+    {"vport_prop", KEL_FILTER_VPORTPROP, S, "vport_tbl", nullptr, "LIKE"},
+    {"ipnet_prop", KEL_FILTER_IPNETPROP, S, "ipnet_tbl", nullptr, "LIKE"},
+    {nullptr, static_cast<kel_filter_id_t>(0), 0, nullptr, nullptr, nullptr},
 };
 
 const kel_filter_entry_t *kel_get_filter_entry(const char *key)
@@ -297,8 +295,8 @@ int kel_fstr2fattrset(const char *filter, attrset_t **out, const char *table)
 	}
 }
 
-int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_t **params,
-    const char *table1, const char *table2)
+int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_t **params, const char *table1,
+    const char *table2)
 {
 	*params = nullptr;
 	if (size > 0)
@@ -322,8 +320,8 @@ int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_
 	}
 }
 
-int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char *table2,
-    const char *col1, const char *col2, const char *filter, void *arg, kel_row_cb_t *cb, bool bound_only)
+int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char *table2, const char *col1,
+    const char *col2, const char *filter, void *arg, kel_row_cb_t *cb, bool bound_only)
 {
 	char clause[KEL_FILTER_CLAUSE_LEN];
 	attrset_t *params_raw = nullptr;
@@ -343,8 +341,8 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 		auto on_row = [&](kel::Statement &st) { return cb(st.get(), arg); };
 		if (table2 != nullptr)
 			return kel::for_each_row(h->edh_db,
-			    kel::SqlText("SELECT * FROM %s LEFT JOIN %s ON %s = %s%s %s", table1, table2,
-			        col1, col2, on_also.c_str(), where.c_str()),
+			    kel::SqlText("SELECT * FROM %s LEFT JOIN %s ON %s = %s%s %s", table1, table2, col1, col2,
+			        on_also.c_str(), where.c_str()),
 			    {params.get()}, on_row);
 		return kel::for_each_row(h->edh_db, kel::SqlText("SELECT * FROM %s %s", table1, where.c_str()),
 		    {params.get()}, on_row);
@@ -353,8 +351,8 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 	}
 }
 
-int kel_db_get_filtered_text(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, std::string *out)
+int kel_db_get_filtered_text(kel_dbhandle_t h, const char *table, const char *column, const char *filter,
+    std::string *out)
 {
 	char *raw = nullptr;
 	const int rc = kel_db_get_filtered_value(h, table, column, filter, &raw, -1, DATA_TYPE_STRING);
@@ -364,8 +362,8 @@ int kel_db_get_filtered_text(kel_dbhandle_t h, const char *table, const char *co
 	return rc;
 }
 
-int kel_db_get_filtered_value(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, void *dest, int destlen, data_type_t type)
+int kel_db_get_filtered_value(kel_dbhandle_t h, const char *table, const char *column, const char *filter, void *dest,
+    int destlen, data_type_t type)
 {
 	char clause[KEL_FILTER_CLAUSE_LEN];
 	attrset_t *params_raw = nullptr;
@@ -374,15 +372,14 @@ int kel_db_get_filtered_value(kel_dbhandle_t h, const char *table, const char *c
 		return rc;
 	AttrSetPtr params(params_raw);
 	kel::Statement st;
-	rc = st.prepare(h->edh_db, kel::SqlText("SELECT %s FROM %s %s", column, table, clause),
-	    {params.get()});
+	rc = st.prepare(h->edh_db, kel::SqlText("SELECT %s FROM %s %s", column, table, clause), {params.get()});
 	if (rc == KEL_SUCCESS && (rc = st.step()) == KEL_E_CONTINUE)
 		rc = store_value(st, dest, destlen, type);
 	return rc;
 }
 
-int kel_db_set_filtered_value(kel_dbhandle_t h, const char *table, const char *column,
-    const char *filter, const void *value, data_type_t type)
+int kel_db_set_filtered_value(kel_dbhandle_t h, const char *table, const char *column, const char *filter,
+    const void *value, data_type_t type)
 {
 	char clause[KEL_FILTER_CLAUSE_LEN];
 	attrset_t *params_raw = nullptr;
@@ -397,13 +394,11 @@ int kel_db_set_filtered_value(kel_dbhandle_t h, const char *table, const char *c
 	return kel::exec(h->edh_db, sql, {static_cast<const char *>(value), params.get()});
 }
 
-boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op,
-    const char *table, int count, ...)
+boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op, const char *table, int count, ...)
 {
 	if (table == nullptr || count < 1)
 		return B_FALSE;
-	if (count > 1 && (conj == nullptr ||
-	                     (std::strcmp(conj, "AND") != 0 && std::strcmp(conj, "OR") != 0)))
+	if (count > 1 && (conj == nullptr || (std::strcmp(conj, "AND") != 0 && std::strcmp(conj, "OR") != 0)))
 		return B_FALSE;
 	if (op == nullptr)
 		op = "=";
@@ -430,7 +425,8 @@ boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op
 					const char *value = va_arg(ap, const char *);
 					rc = add_string(params.get(), key.c_str(), value != nullptr ? value : "");
 				}
-				clause += std::string(" ") + (i == 0 ? "WHERE" : conj) + " " + column + " " + op + " ?" + key;
+				clause += std::string(" ") + (i == 0 ? "WHERE" : conj) + " " + column + " " + op +
+				    " ?" + key;
 			}
 		} catch (const std::bad_alloc &) {
 			rc = KEL_E_NOMEM;
@@ -473,8 +469,7 @@ int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t p
 	for (attrset_entry_t *e = attrset_next_entry(set.get(), nullptr); e != nullptr;
 	     e = attrset_next_entry(set.get(), e)) {
 		const char *name = attrset_entry_name(e);
-		if (kel_get_prop_entry(name, proptype).ep_pname == nullptr &&
-		    !kel_is_compatible_filter(name, type))
+		if (kel_get_prop_entry(name, proptype).ep_pname == nullptr && !kel_is_compatible_filter(name, type))
 			return KEL_E_INVALID_FILTER;
 	}
 	return KEL_SUCCESS;
@@ -491,13 +486,11 @@ void kel_filterstr2regex(char *text) noexcept
 
 namespace kel {
 
-int names_filter(char *out, size_t size, const char *tenant, const char *kel, const char *key,
-    const char *value)
+int names_filter(char *out, size_t size, const char *tenant, const char *kel, const char *key, const char *value)
 {
 	if (!names_valid({tenant, kel, key != nullptr ? value : nullptr}))
 		return KEL_E_INVALID_NAME;
-	return kel_create_attrstr(out, size, nullptr, key != nullptr ? 3 : 2, "tenant", tenant, "kel",
-	    kel, key, value);
+	return kel_create_attrstr(out, size, nullptr, key != nullptr ? 3 : 2, "tenant", tenant, "kel", kel, key, value);
 }
 
 }  // namespace kel

@@ -8,13 +8,13 @@
 // so that every property, the first included, starts after a ','.
 #define KEL_SQL_PROPS "(',' || lower(vport_props) || ',')"
 // The first macaddr value in `s`, a property string framed by commas, or NULL.
-#define KEL_SQL_MACPOS_IN(s) "instr(" s ", ',macaddr=')"
+#define KEL_SQL_MACPOS_IN(s)    "instr(" s ", ',macaddr=')"
 #define KEL_SQL_AFTER_MAC_IN(s) "substr(" s ", " KEL_SQL_MACPOS_IN(s) " + 9)"
-#define KEL_SQL_MACVAL_IN(s)                                                                   \
-	"(CASE WHEN " KEL_SQL_MACPOS_IN(s) " > 0 THEN substr(" KEL_SQL_AFTER_MAC_IN(s) ", 1, instr(" \
-	KEL_SQL_AFTER_MAC_IN(s) ", ',') - 1) END)"
+#define KEL_SQL_MACVAL_IN(s)                                                         \
+	"(CASE WHEN " KEL_SQL_MACPOS_IN(s) " > 0 THEN substr(" KEL_SQL_AFTER_MAC_IN( \
+	    s) ", 1, instr(" KEL_SQL_AFTER_MAC_IN(s) ", ',') - 1) END)"
 // The port's first macaddr value, or NULL.
-#define KEL_SQL_MACVAL KEL_SQL_MACVAL_IN(KEL_SQL_PROPS)
+#define KEL_SQL_MACVAL    KEL_SQL_MACVAL_IN(KEL_SQL_PROPS)
 #define KEL_SQL_COLONS(x) "(length(" x ") - length(replace(" x ", ':', '')))"
 
 // The macaddr value from its first colon on: the lookup key of the equality path.
@@ -27,8 +27,8 @@
 // colon, which puts the text's tail at the start of the key.
 // `t` is the lower-cased property string and `m` its macaddr value.
 #define KEL_SQL_MAC_UNKEYED(t, m)                                                        \
-	"(" KEL_SQL_COLONS(t) " > 5 OR (" KEL_SQL_COLONS(t) " = 5 AND (" KEL_SQL_COLONS(m)   \
-	" IS NOT 5 OR trim(" m ", '0123456789abcdef:') <> '')))"
+	"(" KEL_SQL_COLONS(t) " > 5 OR (" KEL_SQL_COLONS(t) " = 5 AND (" KEL_SQL_COLONS( \
+	    m) " IS NOT 5 OR trim(" m ", '0123456789abcdef:') <> '')))"
 
 // For those ports, vport_colon_tbl holds what follows each colon of the lower-cased
 // property string (kKeptTail characters from the colon on): a text occurs in the string
@@ -41,15 +41,16 @@
 // The text of the triggers is what every process that writes a port parses and compiles,
 // so each value is spelled once and named: the property string framed (s) and lower-cased
 // (t), and its macaddr value (m).
-#define KEL_SQL_COLON_ROWS(source)                                                          \
-	"INSERT INTO vport_colon_tbl (colon_vport, colon_pos, colon_tail) "                    \
-	"WITH RECURSIVE p(u, t, m) AS (SELECT u, t, " KEL_SQL_MACVAL_IN("s") " FROM "          \
-	"(SELECT vport_uuid AS u, lower(vport_props) AS t, ',' || lower(vport_props) || ',' AS s " \
-	"FROM " source ")), "                                                                 \
-	"at(u, t, i) AS (SELECT u, t, instr(t, ':') FROM p WHERE " KEL_SQL_MAC_UNKEYED("t", "m") \
-	" UNION ALL SELECT u, t, i + instr(substr(t, i + 1), ':') FROM at "                   \
-	"WHERE instr(substr(t, i + 1), ':') > 0) "                                            \
-	"SELECT u, i, substr(t, i, " KEL_SQL_KEPT_TAIL ") FROM at WHERE i > 0"
+#define KEL_SQL_COLON_ROWS(source)                                                                          \
+	"INSERT INTO vport_colon_tbl (colon_vport, colon_pos, colon_tail) "                                 \
+	"WITH RECURSIVE p(u, t, m) AS (SELECT u, t, " KEL_SQL_MACVAL_IN(                                    \
+	    "s") " FROM "                                                                                   \
+	         "(SELECT vport_uuid AS u, lower(vport_props) AS t, ',' || lower(vport_props) || ',' AS s " \
+	         "FROM " source ")), "                                                                      \
+	         "at(u, t, i) AS (SELECT u, t, instr(t, ':') FROM p WHERE " KEL_SQL_MAC_UNKEYED("t",        \
+	             "m") " UNION ALL SELECT u, t, i + instr(substr(t, i + 1), ':') FROM at "               \
+	                  "WHERE instr(substr(t, i + 1), ':') > 0) "                                        \
+	                  "SELECT u, i, substr(t, i, " KEL_SQL_KEPT_TAIL ") FROM at WHERE i > 0"
 #define KEL_SQL_NEW_ROW "(SELECT new.vport_uuid AS vport_uuid, new.vport_props AS vport_props)"
 
 // The two lookups behind both questions, text and value. A short-lived process prepares
@@ -58,34 +59,31 @@
 // and whether their property string is LIKE ?3. For a text, ?1 is its tail from its
 // first colon and ?2 that tail followed by 'g' (the key's next characters, if any, are
 // hex digits); for a value, the same for each spelling of its key.
-#define KEL_SQL_MAC_BY_KEY                                                                \
+#define KEL_SQL_MAC_BY_KEY                                                                    \
 	"SELECT " KEL_SQL_MACVAL ", vport_props LIKE ?3 FROM vport_tbl WHERE " KEL_SQL_MACKEY \
 	" >= ?1 AND " KEL_SQL_MACKEY " < ?2"
 // The ports the key cannot answer for, through their kept tails: ?1 is the text's tail
 // cut to the kept length, ?2 the same with its last character raised by one, ?3 the LIKE
 // pattern that decides.
-#define KEL_SQL_MAC_BY_TAIL                                                               \
-	"SELECT 1 FROM vport_colon_tbl JOIN vport_tbl ON vport_uuid = colon_vport "         \
+#define KEL_SQL_MAC_BY_TAIL                                                         \
+	"SELECT 1 FROM vport_colon_tbl JOIN vport_tbl ON vport_uuid = colon_vport " \
 	"WHERE colon_tail >= ?1 AND colon_tail < ?2 AND vport_props LIKE ?3 LIMIT 1"
 
 namespace kel::schema {
-inline constexpr int kKeptTail = 24;	// KEL_SQL_KEPT_TAIL
-inline constexpr const char kMacKeyIndex[] =
-    "CREATE INDEX vport_mackey_idx ON vport_tbl (" KEL_SQL_MACKEY ")";
+inline constexpr int kKeptTail = 24;  // KEL_SQL_KEPT_TAIL
+inline constexpr const char kMacKeyIndex[] = "CREATE INDEX vport_mackey_idx ON vport_tbl (" KEL_SQL_MACKEY ")";
 // The tails' table and what keeps it: created together, or not at all.
 inline constexpr const char *const kColonTails[] = {
-	"CREATE TABLE vport_colon_tbl (colon_vport CHAR(36) NOT NULL, colon_pos INTEGER NOT NULL, "
-	"colon_tail TEXT NOT NULL, PRIMARY KEY (colon_vport, colon_pos)) WITHOUT ROWID",
-	"CREATE INDEX vport_colon_tail_idx ON vport_colon_tbl (colon_tail)",
-	"CREATE TRIGGER vport_colon_ins AFTER INSERT ON vport_tbl BEGIN "
-	KEL_SQL_COLON_ROWS(KEL_SQL_NEW_ROW) "; END",
-	"CREATE TRIGGER vport_colon_upd AFTER UPDATE OF vport_uuid, vport_props ON vport_tbl "
-	"WHEN old.vport_props IS NOT new.vport_props OR old.vport_uuid IS NOT new.vport_uuid BEGIN "
-	"DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; "
-	KEL_SQL_COLON_ROWS(KEL_SQL_NEW_ROW) "; END",
-	"CREATE TRIGGER vport_colon_del AFTER DELETE ON vport_tbl BEGIN "
-	"DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; END",
-	nullptr,
+    "CREATE TABLE vport_colon_tbl (colon_vport CHAR(36) NOT NULL, colon_pos INTEGER NOT NULL, "
+    "colon_tail TEXT NOT NULL, PRIMARY KEY (colon_vport, colon_pos)) WITHOUT ROWID",
+    "CREATE INDEX vport_colon_tail_idx ON vport_colon_tbl (colon_tail)",
+    "CREATE TRIGGER vport_colon_ins AFTER INSERT ON vport_tbl BEGIN " KEL_SQL_COLON_ROWS(KEL_SQL_NEW_ROW) "; END",
+    "CREATE TRIGGER vport_colon_upd AFTER UPDATE OF vport_uuid, vport_props ON vport_tbl "
+    "WHEN old.vport_props IS NOT new.vport_props OR old.vport_uuid IS NOT new.vport_uuid BEGIN "
+    "DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; " KEL_SQL_COLON_ROWS(KEL_SQL_NEW_ROW) "; END",
+    "CREATE TRIGGER vport_colon_del AFTER DELETE ON vport_tbl BEGIN "
+    "DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; END",
+    nullptr,
 };
 // Fills the table for the ports a store already has.
 inline constexpr const char kColonTailsFill[] = KEL_SQL_COLON_ROWS("vport_tbl");

@@ -8,21 +8,21 @@
 #include "c_boundary.h"
 #include "filter.h"
 #include "names.h"
+#include "owners.h"
 #include "records.h"
 #include "sql.h"
-#include "owners.h"
 #include "store_handle.h"
 #include "uuid_text.h"
 
 namespace {
 
 // Builds one switch list over kel_tbl joined with `table2`.
-int switches_joined_with(kel_dbhandle_t h, const char *filter, const char *table2,
-    const char *joincol, kel_infotype_t info, kel_kellist_cbarg_t *arg, bool bound_only = false)
+int switches_joined_with(kel_dbhandle_t h, const char *filter, const char *table2, const char *joincol,
+    kel_infotype_t info, kel_kellist_cbarg_t *arg, bool bound_only = false)
 {
 	arg->evc_infotype = info;
-	return kel_db_get_filtered_common(h, "kel_tbl", table2, "kel_uuid", joincol, filter, arg,
-	    kel_dbrow2kellist, bound_only);
+	return kel_db_get_filtered_common(h, "kel_tbl", table2, "kel_uuid", joincol, filter, arg, kel_dbrow2kellist,
+	    bound_only);
 }
 
 // The not-found code for a switch list that came back empty, from what the filter named.
@@ -39,8 +39,8 @@ int kel_not_found(kel_dbhandle_t h, const char *filter)
 	(void)attrset_lookup_string(set, "tenant", &tenant);
 	int rc = KEL_E_KEL_NOTFOUND;
 	if (kel != nullptr && vport != nullptr)
-		rc = kel_db_kel_exists(h, tenant != nullptr ? tenant : KEL_DEFAULT_TENANT, kel)
-		    ? KEL_E_VPORT_NOTFOUND : KEL_E_KEL_NOTFOUND;
+		rc = kel_db_kel_exists(h, tenant != nullptr ? tenant : KEL_DEFAULT_TENANT, kel) ? KEL_E_VPORT_NOTFOUND
+		                                                                                : KEL_E_KEL_NOTFOUND;
 	else if (vport != nullptr)
 		rc = KEL_E_VPORT_NOTFOUND;
 	attrset_free(set);
@@ -85,7 +85,7 @@ bool selects_switches_only(const char *filter)
 		return true;
 	attrset_t *raw = nullptr;
 	if (kel_fstr2fattrset(filter, &raw, "kel_tbl") != KEL_SUCCESS)
-		return false;	// the joined path reports what is wrong with it
+		return false;  // the joined path reports what is wrong with it
 	kel::AttrSetPtr keys(raw);
 	for (attrset_entry_t *e = attrset_next_entry(keys.get(), nullptr); e != nullptr;
 	     e = attrset_next_entry(keys.get(), e)) {
@@ -124,8 +124,8 @@ int switches_alone(kel_dbhandle_t h, const char *filter, list_t *out)
 	kel::StoreLock lock(h);
 	int rc = lock.status();
 	if (rc == KEL_SUCCESS)
-		rc = kel_db_get_filtered_common(h, "kel_tbl", nullptr, nullptr, nullptr, filter,
-		    kels.get(), switch_alone);
+		rc = kel_db_get_filtered_common(h, "kel_tbl", nullptr, nullptr, nullptr, filter, kels.get(),
+		    switch_alone);
 	if (rc == KEL_SUCCESS && kels.empty())
 		rc = kel_not_found(h, filter);
 	if (rc != KEL_SUCCESS)
@@ -173,8 +173,8 @@ int walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags, kel_vport_
 	kel::StoreLock lock(h);
 	if (int rc = lock.status(); rc != KEL_SUCCESS)
 		return rc;
-	const int rc = kel_db_get_filtered_common(h, "vport_tbl", "kel_tbl", "vport_keluuid", "kel_uuid",
-	    filter, &walk, walk_row, (flags & KEL_LIST_BOUND_PORTS) != 0);
+	const int rc = kel_db_get_filtered_common(h, "vport_tbl", "kel_tbl", "vport_keluuid", "kel_uuid", filter, &walk,
+	    walk_row, (flags & KEL_LIST_BOUND_PORTS) != 0);
 	if (walk.verdict != 0)
 		return walk.verdict;
 	if (rc == KEL_SUCCESS && !walk.any)
@@ -198,11 +198,10 @@ int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t
 		kel::StoreLock lock(h);
 		if ((rc = lock.status()) != KEL_SUCCESS)
 			return rc;
-		rc = switches_joined_with(h, filter, "vport_tbl", "vport_keluuid", KEL_VPORTINFO,
-		    &with_ports, (flags & KEL_LIST_BOUND_PORTS) != 0);
+		rc = switches_joined_with(h, filter, "vport_tbl", "vport_keluuid", KEL_VPORTINFO, &with_ports,
+		    (flags & KEL_LIST_BOUND_PORTS) != 0);
 		if (rc == KEL_SUCCESS)
-			rc = switches_joined_with(h, filter, "ipnet_tbl", "ipnet_keluuid", KEL_IPNETINFO,
-			    &with_ipnets);
+			rc = switches_joined_with(h, filter, "ipnet_tbl", "ipnet_keluuid", KEL_IPNETINFO, &with_ipnets);
 		// The not-found test reads the store, so it runs before the lock goes.
 		if (rc == KEL_SUCCESS && a.empty())
 			rc = kel_not_found(h, filter);
@@ -213,16 +212,14 @@ int filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t
 }
 
 // A port or network list: `table` joined with kel_tbl, read by `reader`.
-int member_list(kel_dbhandle_t h, const char *filter, list_t *out, const char *table,
-    const char *joincol, kel_row_cb_t *reader, void (*create)(list_t *),
-    void (*free_list)(void *), int notfound, bool bound_only = false)
+int member_list(kel_dbhandle_t h, const char *filter, list_t *out, const char *table, const char *joincol,
+    kel_row_cb_t *reader, void (*create)(list_t *), void (*free_list)(void *), int notfound, bool bound_only = false)
 {
 	kel::StoreLock lock(h);
 	if (int rc = lock.status(); rc != KEL_SUCCESS)
 		return rc;
 	create(out);
-	int rc = kel_db_get_filtered_common(h, table, "kel_tbl", joincol, "kel_uuid", filter, out,
-	    reader, bound_only);
+	int rc = kel_db_get_filtered_common(h, table, "kel_tbl", joincol, "kel_uuid", filter, out, reader, bound_only);
 	if (rc == KEL_SUCCESS && list_is_empty(out))
 		rc = notfound;
 	if (rc != KEL_SUCCESS)
@@ -251,8 +248,7 @@ int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *ou
 	return kel::c_boundary([&] { return filtered_kellist(h, filter, out, flags); });
 }
 
-int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out,
-    uint32_t flags) noexcept
+int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out, uint32_t flags) noexcept
 {
 	if (name == nullptr)
 		return KEL_E_INVALID_NAME;
@@ -261,8 +257,7 @@ int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, l
 	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_kellist(h, filter, out, flags);
 }
 
-int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, kel_t **out) noexcept
+int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport, kel_t **out) noexcept
 {
 	if (out == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -290,8 +285,8 @@ boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *na
 	kel::StoreLock lock(h);
 	if (lock.status() != KEL_SUCCESS)
 		return B_FALSE;
-	return kel_db_value_exists(h, "AND", "=", "kel_tbl", 2, "kel_tenant_name", DATA_TYPE_STRING,
-	    tenant, is_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, name);
+	return kel_db_value_exists(h, "AND", "=", "kel_tbl", 2, "kel_tenant_name", DATA_TYPE_STRING, tenant,
+	    is_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, name);
 }
 
 int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) noexcept
@@ -300,12 +295,13 @@ int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *
 		return KEL_E_INVALID_ARGS;
 	return kel::c_boundary([&] {
 		return member_list(h, filter, out, "vport_tbl", "vport_keluuid", kel_dbrow2vportlist,
-		    kel_create_vportlist, kel_free_vportlist, KEL_E_VPORT_NOTFOUND, (flags & KEL_LIST_BOUND_PORTS) != 0);
+		    kel_create_vportlist, kel_free_vportlist, KEL_E_VPORT_NOTFOUND,
+		    (flags & KEL_LIST_BOUND_PORTS) != 0);
 	});
 }
 
-int kel_db_walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags,
-    kel_vport_walk_fn_t *fn, void *arg) noexcept
+int kel_db_walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags, kel_vport_walk_fn_t *fn,
+    void *arg) noexcept
 {
 	if (h == nullptr || fn == nullptr)
 		return KEL_E_INVALID_ARGS;
@@ -322,14 +318,13 @@ int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *
 	});
 }
 
-int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *ipnet, list_t *out, uint32_t flags) noexcept
+int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel, const char *ipnet, list_t *out,
+    uint32_t flags) noexcept
 {
 	if (out == nullptr)
 		return KEL_E_INVALID_ARGS;
 	char filter[KEL_FILTER_LEN];
-	int rc = kel::names_filter(filter, any_if_empty(tenant), any_if_empty(kel), "ipnet",
-	    any_if_empty(ipnet));
+	int rc = kel::names_filter(filter, any_if_empty(tenant), any_if_empty(kel), "ipnet", any_if_empty(ipnet));
 	// This reader's names have always been checked as the filter's values are, and its
 	// callers are told KEL_E_INVALID_ARGS for one that is not a name. The check is made
 	// before the filter is composed all the same: a comma in a name would add an

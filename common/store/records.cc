@@ -48,11 +48,11 @@ struct SwitchCols {
 
 using namespace kel::schema;
 
-constexpr SwitchCols kSwitchFirst = {kKelUuid, kKelName, kKelTenant};	// switch lists
+constexpr SwitchCols kSwitchFirst = {kKelUuid, kKelName, kKelTenant};  // switch lists
 constexpr SwitchCols kBehindPort = {kVportColumns + kKelUuid, kVportColumns + kKelName,
-    kVportColumns + kKelTenant};	// port lists
+    kVportColumns + kKelTenant};  // port lists
 constexpr SwitchCols kBehindIpnet = {kIpnetColumns + kKelUuid, kIpnetColumns + kKelName,
-    kIpnetColumns + kKelTenant};	// network lists
+    kIpnetColumns + kKelTenant};  // network lists
 
 template <class T>
 T *zalloc()
@@ -125,7 +125,7 @@ int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k, bool with_prop
 {
 	*out = nullptr;
 	if (sqlite3_column_type(stmt, k + kVportUuid) == SQLITE_NULL)
-		return KEL_E_NOTFOUND;	// a switch row without a port
+		return KEL_E_NOTFOUND;  // a switch row without a port
 	kel_vport_t *vp = zalloc<kel_vport_t>();
 	if (vp == nullptr)
 		return KEL_E_NOMEM;
@@ -156,7 +156,7 @@ int kel_dbrow2ipnet(sqlite3_stmt *stmt, kel_ipnet_t **out, int k)
 {
 	*out = nullptr;
 	if (sqlite3_column_type(stmt, k + kIpnetUuid) == SQLITE_NULL)
-		return KEL_E_NOTFOUND;	// a switch row without a network
+		return KEL_E_NOTFOUND;  // a switch row without a network
 	kel_ipnet_t *ip = zalloc<kel_ipnet_t>();
 	if (ip == nullptr)
 		return KEL_E_NOMEM;
@@ -214,7 +214,7 @@ int kel_dbrow2kellist(sqlite3_stmt *stmt, void *cbarg)
 			list_insert_tail(&kel->kel_ipnets, ip);
 	}
 	if (rc == KEL_E_NOTFOUND)
-		return KEL_SUCCESS;	// the switch has none: it stays with an empty list
+		return KEL_SUCCESS;  // the switch has none: it stays with an empty list
 	if (rc != KEL_SUCCESS && fresh) {
 		arg->evc_index.erase(key);
 		list_remove(arg->evc_list, kel);

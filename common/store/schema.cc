@@ -8,9 +8,9 @@
 #include <cstdlib>
 #include <string>
 
+#include <kel/libkel.h>
 #include "c_boundary.h"
 #include "error_code.h"
-#include <kel/libkel.h>
 #include "mac_index.h"
 #include "owners.h"
 #include "paths.h"
@@ -111,8 +111,8 @@ int has_table(sqlite3 *db, const char *name, bool *found)
 	// the answer. Without a column, SQLite answers whether the table exists; a missing table
 	// is its plain error, anything else a failure to read the schema.
 	*found = false;
-	const int sqlrc = sqlite3_table_column_metadata(db, "main", name, nullptr, nullptr, nullptr,
-	    nullptr, nullptr, nullptr);
+	const int sqlrc = sqlite3_table_column_metadata(db, "main", name, nullptr, nullptr, nullptr, nullptr, nullptr,
+	    nullptr);
 	if (sqlrc == SQLITE_OK)
 		*found = true;
 	return sqlrc == SQLITE_OK || sqlrc == SQLITE_ERROR ? KEL_SUCCESS : kel::sql_error(sqlrc);
@@ -174,7 +174,8 @@ int create_schema()
 	// No store lock: nobody can be using a store that does not exist yet.
 	kel::Transaction tx(handle->edh_db);
 	rc = tx.begin();
-	for (const char *const *stmts : {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts, kel::schema::kColonTails})
+	for (const char *const *stmts :
+	    {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts, kel::schema::kColonTails})
 		for (int i = 0; rc == KEL_SUCCESS && stmts[i] != nullptr; i++)
 			rc = kel_sqlite3_exec(handle->edh_db, "%s", 1, stmts[i], 0);
 	if (rc == KEL_SUCCESS)

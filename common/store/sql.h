@@ -38,8 +38,8 @@ public:
 	SqlText(const char *literal) : text_(literal) {}
 
 	template <class... Args>
-	    requires(sizeof...(Args) > 0 && (std::is_convertible_v<Args, const char *> && ...))
-	SqlText(const char *format, Args... args)
+	requires(sizeof...(Args) > 0 && (std::is_convertible_v<Args, const char *> && ...))
+	    SqlText(const char *format, Args... args)
 	    : built_(sqlite3_mprintf(format, static_cast<const char *>(args)...)), text_(built_)
 	{
 	}
@@ -74,10 +74,7 @@ public:
 
 	sqlite3_stmt *get() const { return stmt_; }
 	// Column `i` of the current row as text; NULL for an SQL NULL.
-	const char *text(int i) const
-	{
-		return reinterpret_cast<const char *>(sqlite3_column_text(stmt_, i));
-	}
+	const char *text(int i) const { return reinterpret_cast<const char *>(sqlite3_column_text(stmt_, i)); }
 	int integer(int i) const { return sqlite3_column_int(stmt_, i); }
 
 private:
@@ -163,7 +160,7 @@ public:
 
 private:
 	StoreLock lock_;
-	Transaction tx_;	// after the lock: rolled back before it goes
+	Transaction tx_;  // after the lock: rolled back before it goes
 };
 
 }  // namespace kel

@@ -19,12 +19,9 @@ public:
 	int bind(const kel::SqlValue &v)
 	{
 		switch (v.type) {
-		case DATA_TYPE_INT32:
-			return result(sqlite3_bind_int(stmt_, ++pos_, v.number));
-		case DATA_TYPE_STRING:
-			return bind_text(++pos_, v.text);
-		case DATA_TYPE_ATTRSET:
-			return bind_numbered(v.set);
+		case DATA_TYPE_INT32: return result(sqlite3_bind_int(stmt_, ++pos_, v.number));
+		case DATA_TYPE_STRING: return bind_text(++pos_, v.text);
+		case DATA_TYPE_ATTRSET: return bind_numbered(v.set);
 		}
 		KEL_ASSERT(kel::kAreaUtil, !"unknown value type in a typed value list");
 	}
@@ -34,8 +31,8 @@ private:
 
 	int bind_text(int at, const char *text)
 	{
-		return result(sqlite3_bind_text(stmt_, at, text, static_cast<int>(std::strlen(text)),
-		    SQLITE_TRANSIENT));
+		return result(
+		    sqlite3_bind_text(stmt_, at, text, static_cast<int>(std::strlen(text)), SQLITE_TRANSIENT));
 	}
 
 	// Entries are named by their parameter numbers, as the filter builder writes "?%d".
@@ -68,12 +65,9 @@ kel::SqlValue next_item(va_list *ap)
 {
 	const auto type = static_cast<data_type_t>(va_arg(*ap, int));
 	switch (type) {
-	case DATA_TYPE_INT32:
-		return kel::SqlValue(va_arg(*ap, int));
-	case DATA_TYPE_STRING:
-		return kel::SqlValue(va_arg(*ap, const char *));
-	case DATA_TYPE_ATTRSET:
-		return kel::SqlValue(va_arg(*ap, attrset_t *));
+	case DATA_TYPE_INT32: return kel::SqlValue(va_arg(*ap, int));
+	case DATA_TYPE_STRING: return kel::SqlValue(va_arg(*ap, const char *));
+	case DATA_TYPE_ATTRSET: return kel::SqlValue(va_arg(*ap, attrset_t *));
 	}
 	KEL_ASSERT(kel::kAreaUtil, !"unknown value type in a typed value list");
 }
@@ -86,8 +80,7 @@ int prepare_text(sqlite3 *db, sqlite3_stmt **stmtp, const char *text)
 		return KEL_E_NOMEM;
 	if (int injected = kel::fault::next_statement_fault())
 		return injected;
-	int sqlrc = sqlite3_prepare_v2(db, text, static_cast<int>(std::strlen(text)) + 1, stmtp,
-	    nullptr);
+	int sqlrc = sqlite3_prepare_v2(db, text, static_cast<int>(std::strlen(text)) + 1, stmtp, nullptr);
 	return sqlrc == SQLITE_OK ? KEL_SUCCESS : kel::sql_error(sqlrc);
 }
 
@@ -218,7 +211,7 @@ int Transaction::begin()
 int Transaction::commit()
 {
 	if (!open_)
-		return KEL_SUCCESS;	// joined a caller's transaction
+		return KEL_SUCCESS;  // joined a caller's transaction
 	int rc = exec(db_, "COMMIT TRANSACTION");
 	if (rc == KEL_SUCCESS)
 		open_ = false;

@@ -9,8 +9,8 @@
 
 #include "c_boundary.h"
 #include "error_code.h"
-#include "statement_cache.h"
 #include "paths.h"
+#include "statement_cache.h"
 
 static_assert(KEL_DB_READONLY == SQLITE_OPEN_READONLY && KEL_DB_READWRITE == SQLITE_OPEN_READWRITE,
     "the public open modes are SQLite's");

@@ -7,11 +7,11 @@
 #include <kel/libkel.h>
 
 struct kel_dbhandle {
-	sqlite3 *edh_db;		// connection to the store
-	int edh_mode;			// SQLite open flags, as given to kel_db_open
-	int edh_fd;			// descriptor of the lock file; -1 until open
-	int edh_cnt;			// lock depth: kel_lock calls not yet matched by kel_unlock
-	pthread_mutex_t edh_cntmutex;	// guards edh_cnt and the file lock's state
+	sqlite3 *edh_db;               // connection to the store
+	int edh_mode;                  // SQLite open flags, as given to kel_db_open
+	int edh_fd;                    // descriptor of the lock file; -1 until open
+	int edh_cnt;                   // lock depth: kel_lock calls not yet matched by kel_unlock
+	pthread_mutex_t edh_cntmutex;  // guards edh_cnt and the file lock's state
 };
 
 // Takes the store lock: a whole-file record lock on the lock file (exclusive for a

@@ -34,7 +34,7 @@ constexpr const char kSoundAttr[] = "user.kel.sound";
 // The database file as the attribute records it: its device, inode, size and time.
 struct Identity {
 	char text[96];
-	size_t len = 0;	// 0: the file could not be looked at
+	size_t len = 0;  // 0: the file could not be looked at
 };
 
 Identity db_identity(kel_dbhandle_t h)

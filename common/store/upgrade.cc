@@ -6,39 +6,39 @@
 
 #include "c_boundary.h"
 #include "filter.h"
-#include "range.h"
 #include "mac_index.h"
+#include "names.h"
+#include "owners.h"
+#include "range.h"
 #include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
-#include "names.h"
-#include "owners.h"
 
 namespace {
 
 int kel_db_upgrade_v2(kel_dbhandle_t h);
 
 const char *const kel_sqlstmts_v2[] = {
-	"ALTER TABLE ipnet_tbl ADD ipnet_avail_pool_range VARCHAR DEFAULT ''",
-	"UPDATE ipnet_tbl SET ipnet_avail_pool_range = ipnet_avail_range",
-	"ALTER TABLE ctrl_tbl ADD ctrl_vlan_range VARCHAR DEFAULT ''",
-	"ALTER TABLE ctrl_tbl ADD ctrl_vxlan_range VARCHAR DEFAULT ''",
-	"UPDATE ctrl_tbl SET ctrl_host = '' WHERE ctrl_host is NULL",
-	"UPDATE ctrl_tbl SET ctrl_vlan_range = (SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = "
-	"'vlan-range') WHERE ctrl_pname = 'uplink-port' AND ctrl_pval != ''",
-	"UPDATE ctrl_tbl SET ctrl_vxlan_range = (SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = "
-	"'vxlan-range') WHERE (ctrl_pname = 'vxlan-addr' AND ctrl_pval != '0.0.0.0') OR "
-	"(ctrl_pname = 'uplink-port' AND ctrl_pval != '')",
-	"UPDATE vport_tbl SET vport_hostname = '' WHERE vport_hostname is NULL",
-	"UPDATE misc_tbl SET misc_value = '2' WHERE misc_name = 'db-version'",
-	nullptr,
+    "ALTER TABLE ipnet_tbl ADD ipnet_avail_pool_range VARCHAR DEFAULT ''",
+    "UPDATE ipnet_tbl SET ipnet_avail_pool_range = ipnet_avail_range",
+    "ALTER TABLE ctrl_tbl ADD ctrl_vlan_range VARCHAR DEFAULT ''",
+    "ALTER TABLE ctrl_tbl ADD ctrl_vxlan_range VARCHAR DEFAULT ''",
+    "UPDATE ctrl_tbl SET ctrl_host = '' WHERE ctrl_host is NULL",
+    "UPDATE ctrl_tbl SET ctrl_vlan_range = (SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = "
+    "'vlan-range') WHERE ctrl_pname = 'uplink-port' AND ctrl_pval != ''",
+    "UPDATE ctrl_tbl SET ctrl_vxlan_range = (SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = "
+    "'vxlan-range') WHERE (ctrl_pname = 'vxlan-addr' AND ctrl_pval != '0.0.0.0') OR "
+    "(ctrl_pname = 'uplink-port' AND ctrl_pval != '')",
+    "UPDATE vport_tbl SET vport_hostname = '' WHERE vport_hostname is NULL",
+    "UPDATE misc_tbl SET misc_value = '2' WHERE misc_name = 'db-version'",
+    nullptr,
 };
 
 const char *const kel_sqlstmts_v3[] = {
-	"INSERT into ctrl_tbl (ctrl_pname, ctrl_pval, ctrl_host) VALUES('uri-template', 'ssh://', '')",
-	"ALTER TABLE ctrl_tbl ADD ctrl_flat_range VARCHAR DEFAULT ''",
-	"UPDATE misc_tbl SET misc_value = '3' WHERE misc_name = 'db-version'",
-	nullptr,
+    "INSERT into ctrl_tbl (ctrl_pname, ctrl_pval, ctrl_host) VALUES('uri-template', 'ssh://', '')",
+    "ALTER TABLE ctrl_tbl ADD ctrl_flat_range VARCHAR DEFAULT ''",
+    "UPDATE misc_tbl SET misc_value = '3' WHERE misc_name = 'db-version'",
+    nullptr,
 };
 
 struct UpgradeStep {
@@ -49,10 +49,10 @@ struct UpgradeStep {
 
 // Row i brings a store of version i to version i + 1.
 const UpgradeStep kel_db_upgrade_stmts[] = {
-	{1, nullptr, nullptr},
-	{2, kel_sqlstmts_v2, kel_db_upgrade_v2},
-	{3, kel_sqlstmts_v3, nullptr},
-	{-1, nullptr, nullptr},
+    {1, nullptr, nullptr},
+    {2, kel_sqlstmts_v2, kel_db_upgrade_v2},
+    {3, kel_sqlstmts_v3, nullptr},
+    {-1, nullptr, nullptr},
 };
 
 int run_all(kel_dbhandle_t h, const char *const *stmts)
@@ -144,8 +144,8 @@ int ensure_lookups(kel_dbhandle_t h)
 {
 	int rc = KEL_SUCCESS;
 	for (int i = 0; rc == KEL_SUCCESS && kel::schema::kel_indexstmts[i] != nullptr; i++) {
-		const std::string stmt = std::string(kel::schema::kel_indexstmts[i])
-		    .replace(0, 12, "CREATE INDEX IF NOT EXISTS");
+		const std::string stmt =
+		    std::string(kel::schema::kel_indexstmts[i]).replace(0, 12, "CREATE INDEX IF NOT EXISTS");
 		rc = kel_sqlite3_exec(h->edh_db, "%s", 1, stmt.c_str(), 0);
 	}
 	if (rc == KEL_SUCCESS)
@@ -172,8 +172,8 @@ int upgrade()
 	kel_dbhandle_t h = store.get();
 	kel::WriteScope write(h);
 	int version = 0;
-	if ((rc = write.locked()) == KEL_SUCCESS && (rc = kel::schema::read_version(h->edh_db, &version)) == KEL_SUCCESS &&
-	    version <= kel::schema::kVersion) {
+	if ((rc = write.locked()) == KEL_SUCCESS &&
+	    (rc = kel::schema::read_version(h->edh_db, &version)) == KEL_SUCCESS && version <= kel::schema::kVersion) {
 		rc = write.begin();
 		for (int i = version; rc == KEL_SUCCESS && kel_db_upgrade_stmts[i].version != -1; i++) {
 			const UpgradeStep &step = kel_db_upgrade_stmts[i];

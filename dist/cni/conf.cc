@@ -11,8 +11,8 @@ namespace {
 using nlohmann::json;
 
 // Keys every container network configuration may carry, or that runtimes add to it.
-const std::vector<std::string> kCommonKeys = {"cniVersion", "name", "type", "args", "runtimeConfig",
-    "capabilities", "prevResult", "dns", "cniVersions", "disableCheck"};
+const std::vector<std::string> kCommonKeys = {"cniVersion", "name", "type", "args", "runtimeConfig", "capabilities",
+    "prevResult", "dns", "cniVersions", "disableCheck"};
 const std::vector<std::string> kPluginKeys = {"kel", "tenant", "vport", "properties", "defaultRoute"};
 const std::vector<std::string> kLinkProps = {"maxbw", "priority", "cos", "protection"};
 
@@ -33,7 +33,8 @@ bool valid_value(const std::string &name, const std::string &value)
 	if (value.empty() || value.size() > 256)
 		return false;
 	for (const char c : value)
-		if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-' && !(c == ',' && name == "protection"))
+		if (!std::isalnum(static_cast<unsigned char>(c)) && c != '.' && c != '-' &&
+		    !(c == ',' && name == "protection"))
 			return false;
 	return value.front() != ',' && value.back() != ',';
 }
@@ -77,14 +78,17 @@ std::variant<NetConf, Error> parse_conf(const std::string &text)
 		return invalid("\"cniVersion\" is missing");
 	out.version = conf["cniVersion"].get<std::string>();
 	if (!known(kSupportedVersions, out.version))
-		return Error{kIncompatibleVersion, "incompatible CNI version", "\"" + out.version + "\" is not one of 0.3.0, 0.3.1, 0.4.0, 1.0.0"};
+		return Error{kIncompatibleVersion, "incompatible CNI version",
+		    "\"" + out.version + "\" is not one of 0.3.0, 0.3.1, 0.4.0, 1.0.0"};
 	if (conf.contains("name") && conf["name"].is_string())
 		out.name = conf["name"].get<std::string>();
 	for (const auto &[key, value] : conf.items())
 		if (!known(kCommonKeys, key) && !known(kPluginKeys, key))
-			return Error{kUnsupportedField, "unsupported field in network configuration", key + "=" + value.dump()};
+			return Error{kUnsupportedField, "unsupported field in network configuration",
+			    key + "=" + value.dump()};
 	if (conf.contains("ipam") || conf.contains("ipMasq"))
-		return Error{kUnsupportedField, "unsupported field in network configuration", "the fabric gives the addresses"};
+		return Error{kUnsupportedField, "unsupported field in network configuration",
+		    "the fabric gives the addresses"};
 	if (auto e = name_field(conf, "kel", true, &out.kel))
 		return *e;
 	if (auto e = name_field(conf, "tenant", false, &out.tenant))
@@ -102,7 +106,8 @@ std::variant<NetConf, Error> parse_conf(const std::string &text)
 			return invalid("\"properties\" is not an object of port properties", props.dump());
 		for (const auto &[name, value] : props.items()) {
 			if (!known(kLinkProps, name))
-				return invalid("\"" + name + "\" is not a port property this plugin sets", "maxbw, priority, cos or protection");
+				return invalid("\"" + name + "\" is not a port property this plugin sets",
+				    "maxbw, priority, cos or protection");
 			if (!value.is_string() || !valid_value(name, value.get<std::string>()))
 				return invalid("the value of \"" + name + "\" is not valid", value.dump());
 			out.props.emplace_back(name, value.get<std::string>());

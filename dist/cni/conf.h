@@ -21,10 +21,16 @@ struct Error {
 };
 
 enum : int {
-	kIncompatibleVersion = 1, kUnsupportedField = 2, kUnknownContainer = 3, kInvalidEnvironment = 4,
-	kIoFailure = 5, kDecodeFailure = 6, kInvalidConfig = 7, kTryAgainLater = 11,
-	kFabricRefused = 100,	// the fabric could not do what was asked
-	kDrift = 101,		// CHECK: the container's interface is not what its binding says
+	kIncompatibleVersion = 1,
+	kUnsupportedField = 2,
+	kUnknownContainer = 3,
+	kInvalidEnvironment = 4,
+	kIoFailure = 5,
+	kDecodeFailure = 6,
+	kInvalidConfig = 7,
+	kTryAgainLater = 11,
+	kFabricRefused = 100,  // the fabric could not do what was asked
+	kDrift = 101,          // CHECK: the container's interface is not what its binding says
 };
 
 // The version this plugin speaks, and every version it answers in.
@@ -32,14 +38,14 @@ inline constexpr const char *kVersion = "1.0.0";
 inline const std::vector<std::string> kSupportedVersions = {"0.3.0", "0.3.1", "0.4.0", "1.0.0"};
 
 struct NetConf {
-	std::string version;	// the configuration's cniVersion
-	std::string name;	// the network's
+	std::string version;  // the configuration's cniVersion
+	std::string name;     // the network's
 	std::string kel;
-	std::string tenant;	// "" for the default tenant
-	std::string vport;	// "" for a system port made for the container
+	std::string tenant;  // "" for the default tenant
+	std::string vport;   // "" for a system port made for the container
 	// The port's link properties for the binding (maxbw, priority, cos, protection).
 	std::vector<std::pair<std::string, std::string>> props;
-	bool default_route = true;	// a default route through the ipnet's router, unless there is one
+	bool default_route = true;  // a default route through the ipnet's router, unless there is one
 	std::optional<nlohmann::json> prev_result;
 };
 

@@ -25,9 +25,9 @@
 #include <string>
 #include <vector>
 
-#include "conf.h"
 #include <kel/libkel.h>
 #include <kel/libkel_node.h>
+#include "conf.h"
 #include "netns_view.h"
 #include "result.h"
 
@@ -74,14 +74,18 @@ Env read_env(bool netns_required)
 	if (!kelcni::valid_container_id(e.container))
 		fail({kelcni::kInvalidEnvironment, "CNI_CONTAINERID is not a container ID", e.container});
 	if (e.ifname.empty() || e.ifname.size() >= IF_NAMESIZE || e.ifname.find('/') != std::string::npos ||
-	    e.ifname.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.") != std::string::npos)
+	    e.ifname.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_-.") !=
+	        std::string::npos)
 		fail({kelcni::kInvalidEnvironment, "CNI_IFNAME is not a link name", e.ifname});
 	if ((netns_required || !e.netns.empty()) && (e.netns.empty() || e.netns[0] != '/'))
 		fail({kelcni::kInvalidEnvironment, "CNI_NETNS is not the path of a network namespace", e.netns});
 	return e;
 }
 
-bool ipv6(const std::string &address) { return address.find(':') != std::string::npos; }
+bool ipv6(const std::string &address)
+{
+	return address.find(':') != std::string::npos;
+}
 
 // The name servers of the kel ("dhcp:dns") of the address's family.
 std::vector<std::string> name_servers(const kelcntl_KELInfo *k, bool v6)
@@ -134,7 +138,8 @@ void add(const NetConf &conf, const Env &e)
 
 bool tenant_matches(const NetConf &conf, const char *tenant)
 {
-	return (conf.tenant.empty() ? std::string(KEL_DEFAULT_TENANT) : conf.tenant) == (tenant != nullptr ? tenant : "");
+	return (conf.tenant.empty() ? std::string(KEL_DEFAULT_TENANT) : conf.tenant) ==
+	    (tenant != nullptr ? tenant : "");
 }
 
 void del(const NetConf &conf, const Env &e)
@@ -145,21 +150,25 @@ void del(const NetConf &conf, const Env &e)
 	int count = 0;
 	int rc = kel_get_host_vnicinfo(&ports, &count);
 	if (rc != KEL_SUCCESS)
-		fail({kelcni::kTryAgainLater, "cannot ask the fabric's controller what the container holds", library_message(rc)});
+		fail({kelcni::kTryAgainLater, "cannot ask the fabric's controller what the container holds",
+		    library_message(rc)});
 	std::vector<std::string> vnics;
 	const std::string suffix = "/" + e.ifname;
 	for (int i = 0; i < count; i++) {
 		const kelcntl_VPortInfo *p = ports[i];
 		const std::string name = p->evpi_vnicname != nullptr ? p->evpi_vnicname : "";
-		if (remote_prop(p->evpi_props, p->evpi_props_count, "containerid") == e.container && name.size() > suffix.size() &&
-		    name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0 && p->evpi_kelname != nullptr &&
-		    conf.kel == p->evpi_kelname && tenant_matches(conf, p->evpi_tenantname))
+		if (remote_prop(p->evpi_props, p->evpi_props_count, "containerid") == e.container &&
+		    name.size() > suffix.size() &&
+		    name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0 &&
+		    p->evpi_kelname != nullptr && conf.kel == p->evpi_kelname &&
+		    tenant_matches(conf, p->evpi_tenantname))
 			vnics.push_back(name);
 	}
 	kelcntl_VPortInfo_array_free(ports, count);
 	for (const std::string &vnic : vnics)
 		if ((rc = kel_vnic_remove(vnic.c_str(), nullptr, 0)) != KEL_SUCCESS && rc != KEL_E_VPORT_NOTFOUND)
-			fail({kelcni::kFabricRefused, "cannot release the container's port on kel " + conf.kel, library_message(rc)});
+			fail({kelcni::kFabricRefused, "cannot release the container's port on kel " + conf.kel,
+			    library_message(rc)});
 }
 
 [[noreturn]] void drift(const std::string &what, const std::string &details = "")
@@ -174,13 +183,15 @@ void check(const NetConf &conf, const Env &e)
 	char name[512];
 	int rc = kel_vnic_name((e.netns + "/" + e.ifname).c_str(), 0, name, sizeof(name));
 	if (rc != KEL_SUCCESS)
-		fail({kelcni::kUnknownContainer, "the container's network namespace is not there", library_message(rc)});
+		fail(
+		    {kelcni::kUnknownContainer, "the container's network namespace is not there", library_message(rc)});
 	kelcntl_VPortInfo **ports = nullptr;
 	int count = 0;
 	if ((rc = kel_get_vnicinfo(name, &ports, &count)) != KEL_SUCCESS)
-		fail({kelcni::kTryAgainLater, "cannot ask the fabric's controller for the binding", library_message(rc)});
-	const std::unique_ptr<kelcntl_VPortInfo *, std::function<void(kelcntl_VPortInfo **)>> owned(
-	    ports, [count](kelcntl_VPortInfo **p) { kelcntl_VPortInfo_array_free(p, count); });
+		fail({kelcni::kTryAgainLater, "cannot ask the fabric's controller for the binding",
+		    library_message(rc)});
+	const std::unique_ptr<kelcntl_VPortInfo *, std::function<void(kelcntl_VPortInfo **)>> owned(ports,
+	    [count](kelcntl_VPortInfo **p) { kelcntl_VPortInfo_array_free(p, count); });
 	if (count == 0 || ports[0]->evpi_kelname == nullptr || conf.kel != ports[0]->evpi_kelname)
 		drift("no port of kel " + conf.kel + " is bound to " + e.ifname);
 	const kelcntl_VPortInfo *port = ports[0];
@@ -195,7 +206,8 @@ void check(const NetConf &conf, const Env &e)
 		drift("the container has no interface " + e.ifname);
 	if (link->second.mac != mac)
 		drift("the MAC address of " + e.ifname + " is not its port's", link->second.mac + ", not " + mac);
-	if (std::find(link->second.addresses.begin(), link->second.addresses.end(), address) == link->second.addresses.end())
+	if (std::find(link->second.addresses.begin(), link->second.addresses.end(), address) ==
+	    link->second.addresses.end())
 		drift(e.ifname + " does not have its port's address", address);
 
 	// What ADD said of this interface must still hold.

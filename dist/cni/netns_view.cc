@@ -23,7 +23,8 @@ int prefix_length(const struct sockaddr *mask)
 	if (mask == nullptr)
 		return 0;
 	if (mask->sa_family == AF_INET) {
-		bytes = reinterpret_cast<const uint8_t *>(&reinterpret_cast<const struct sockaddr_in *>(mask)->sin_addr);
+		bytes = reinterpret_cast<const uint8_t *>(
+		    &reinterpret_cast<const struct sockaddr_in *>(mask)->sin_addr);
 		len = 4;
 	} else if (mask->sa_family == AF_INET6) {
 		bytes = reinterpret_cast<const struct sockaddr_in6 *>(mask)->sin6_addr.s6_addr;
@@ -58,11 +59,13 @@ void read_links(NetnsView *out)
 			const auto *ll = reinterpret_cast<const struct sockaddr_ll *>(i->ifa_addr);
 			char mac[18] = "";
 			if (ll->sll_halen == 6)
-				std::snprintf(mac, sizeof(mac), "%02x:%02x:%02x:%02x:%02x:%02x", ll->sll_addr[0], ll->sll_addr[1],
-				    ll->sll_addr[2], ll->sll_addr[3], ll->sll_addr[4], ll->sll_addr[5]);
+				std::snprintf(mac, sizeof(mac), "%02x:%02x:%02x:%02x:%02x:%02x", ll->sll_addr[0],
+				    ll->sll_addr[1], ll->sll_addr[2], ll->sll_addr[3], ll->sll_addr[4],
+				    ll->sll_addr[5]);
 			link.mac = mac;
 		} else if (i->ifa_addr->sa_family == AF_INET || i->ifa_addr->sa_family == AF_INET6) {
-			link.addresses.push_back(address_text(i->ifa_addr) + "/" + std::to_string(prefix_length(i->ifa_netmask)));
+			link.addresses.push_back(
+			    address_text(i->ifa_addr) + "/" + std::to_string(prefix_length(i->ifa_netmask)));
 		}
 	}
 	freeifaddrs(list);
@@ -73,7 +76,7 @@ void read_defaults(NetnsView *out)
 {
 	std::ifstream v4("/proc/thread-self/net/route");
 	std::string line;
-	std::getline(v4, line);	// the header
+	std::getline(v4, line);  // the header
 	while (std::getline(v4, line)) {
 		std::istringstream in(line);
 		std::string ifname, dst, gw, flags, refcnt, use, metric, mask;
@@ -96,7 +99,8 @@ void read_defaults(NetnsView *out)
 		for (int i = 0; i < 16; i++)
 			a.s6_addr[i] = static_cast<uint8_t>(std::stoul(gw.substr(i * 2, 2), nullptr, 16));
 		char buf[INET6_ADDRSTRLEN];
-		out->defaults.push_back({ifname, IN6_IS_ADDR_UNSPECIFIED(&a) ? "" : inet_ntop(AF_INET6, &a, buf, sizeof(buf))});
+		out->defaults.push_back(
+		    {ifname, IN6_IS_ADDR_UNSPECIFIED(&a) ? "" : inet_ntop(AF_INET6, &a, buf, sizeof(buf))});
 	}
 }
 

@@ -10,19 +10,19 @@
 namespace kelcni {
 
 struct LinkView {
-	std::string mac;			// "02:08:20:0a:0b:0c"
-	std::vector<std::string> addresses;	// "10.1.0.5/24", "2001:db8::5/64"
+	std::string mac;                     // "02:08:20:0a:0b:0c"
+	std::vector<std::string> addresses;  // "10.1.0.5/24", "2001:db8::5/64"
 };
 
 struct DefaultRoute {
 	std::string ifname;
-	std::string gateway;	// "" when the route has none
+	std::string gateway;  // "" when the route has none
 };
 
 struct NetnsView {
-	bool opened = false;	// false: the namespace is gone, or not a network namespace
+	bool opened = false;  // false: the namespace is gone, or not a network namespace
 	std::map<std::string, LinkView> links;
-	std::vector<DefaultRoute> defaults;	// of both families
+	std::vector<DefaultRoute> defaults;  // of both families
 };
 
 // The namespace whose file is at `path` (the caller's own namespace stays its own).

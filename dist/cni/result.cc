@@ -5,7 +5,10 @@ namespace {
 
 using nlohmann::json;
 
-bool ipv6(const std::string &address) { return address.find(':') != std::string::npos; }
+bool ipv6(const std::string &address)
+{
+	return address.find(':') != std::string::npos;
+}
 
 json list(const json &prev, const char *key)
 {

@@ -16,11 +16,11 @@ namespace kelcni {
 struct Attachment {
 	std::string ifname;
 	std::string mac;
-	std::string sandbox;		// the namespace's path, as the runtime gave it
-	std::string address;		// the port's, with the ipnet's prefix length ("10.1.0.5/24")
-	std::string gateway;		// the ipnet's router ("" when it has none)
-	bool default_route = false;	// the namespace's default route is through the gateway here
-	std::vector<std::string> dns;	// name servers of the address's family
+	std::string sandbox;           // the namespace's path, as the runtime gave it
+	std::string address;           // the port's, with the ipnet's prefix length ("10.1.0.5/24")
+	std::string gateway;           // the ipnet's router ("" when it has none)
+	bool default_route = false;    // the namespace's default route is through the gateway here
+	std::vector<std::string> dns;  // name servers of the address's family
 };
 
 nlohmann::json add_result(const NetConf &conf, const Attachment &a);

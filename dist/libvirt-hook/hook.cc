@@ -117,36 +117,37 @@ Domain parse_domain(const std::string &xml)
 {
 	// No network, no entities, no DTD: the text comes from whoever defined the domain.
 	xmlDoc *doc = xmlReadMemory(xml.data(), static_cast<int>(xml.size()), "domain.xml", nullptr,
-				    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
+	    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING);
 	if (doc == nullptr)
 		fail("the domain XML on standard input does not parse");
 	xmlXPathContext *ctx = xmlXPathNewContext(doc);
 	if (ctx == nullptr)
 		fail("out of memory");
 	xmlXPathRegisterNs(ctx, reinterpret_cast<const xmlChar *>("kel"),
-			   reinterpret_cast<const xmlChar *>(kNamespace));
+	    reinterpret_cast<const xmlChar *>(kNamespace));
 	Domain dom;
-	xmlXPathObject *uuid = xmlXPathEvalExpression(
-		reinterpret_cast<const xmlChar *>("string(/domain/uuid)"), ctx);
+	xmlXPathObject *uuid = xmlXPathEvalExpression(reinterpret_cast<const xmlChar *>("string(/domain/uuid)"), ctx);
 	if (uuid != nullptr && uuid->stringval != nullptr)
 		dom.uuid = reinterpret_cast<const char *>(uuid->stringval);
 	xmlXPathFreeObject(uuid);
 	xmlXPathObject *ports = xmlXPathEvalExpression(
-		reinterpret_cast<const xmlChar *>("/domain/metadata/kel:ports/kel:port"), ctx);
+	    reinterpret_cast<const xmlChar *>("/domain/metadata/kel:ports/kel:port"), ctx);
 	if (ports != nullptr && ports->nodesetval != nullptr) {
 		for (int i = 0; i < ports->nodesetval->nodeNr; i++) {
 			xmlNode *node = ports->nodesetval->nodeTab[i];
 			Port p{attribute(node, "kel"), attribute(node, "vport"), attribute(node, "vnic"),
-			       attribute(node, "tenant")};
+			    attribute(node, "tenant")};
 			if (!kel_valid_name(p.kel.c_str()))
 				fail("port " + std::to_string(i + 1) + ": kel \"" + p.kel + "\" is no valid kel name");
 			if (!kel_valid_name(p.vport.c_str()))
-				fail("port " + std::to_string(i + 1) + ": vport \"" + p.vport + "\" is no valid vport name");
+				fail("port " + std::to_string(i + 1) + ": vport \"" + p.vport +
+				    "\" is no valid vport name");
 			if (!valid_vnic_name(p.vnic))
 				fail("port " + std::to_string(i + 1) + ": vnic \"" + p.vnic +
-				     "\" is no valid link name (letters, digits, _ . -, at most 15)");
+				    "\" is no valid link name (letters, digits, _ . -, at most 15)");
 			if (!p.tenant.empty() && !kel_valid_name(p.tenant.c_str()))
-				fail("port " + std::to_string(i + 1) + ": tenant \"" + p.tenant + "\" is no valid tenant name");
+				fail("port " + std::to_string(i + 1) + ": tenant \"" + p.tenant +
+				    "\" is no valid tenant name");
 			for (const Port &q : dom.ports)
 				if (q.vnic == p.vnic)
 					fail("vnic " + p.vnic + " is named by two ports");
@@ -178,7 +179,7 @@ bool keladm(const std::vector<std::string> &args)
 	if (pid == 0) {
 		const char *path = std::getenv("PATH");
 		std::string full = std::string(path != nullptr && *path ? path : "/usr/sbin:/usr/bin:/sbin:/bin") +
-				   ":" KEL_SBINDIR;
+		    ":" KEL_SBINDIR;
 		setenv("PATH", full.c_str(), 1);
 		dup2(STDERR_FILENO, STDOUT_FILENO);
 		int null = open("/dev/null", O_RDONLY);
@@ -255,7 +256,7 @@ int main(int argc, char **argv)
 	}
 	const std::string op = argv[2], sub = argv[3];
 	bool mine = (op == "prepare" && sub == "begin") || (op == "started" && sub == "begin") ||
-		    (op == "release" && sub == "end");
+	    (op == "release" && sub == "end");
 	if (!mine) {
 		// Read what the hypervisor writes, so that it never meets a closed pipe; print
 		// nothing, which leaves a migrating domain's XML as it is.

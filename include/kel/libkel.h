@@ -36,11 +36,7 @@ typedef enum { B_FALSE = 0, B_TRUE = 1 } boolean_t;
 typedef unsigned int uint_t;
 
 /* Value type tags, for attribute-set entries and typed value lists. */
-typedef enum {
-	DATA_TYPE_INT32 = 5,
-	DATA_TYPE_STRING = 9,
-	DATA_TYPE_ATTRSET = 19
-} data_type_t;
+typedef enum { DATA_TYPE_INT32 = 5, DATA_TYPE_STRING = 9, DATA_TYPE_ATTRSET = 19 } data_type_t;
 
 /*
  * Intrusive doubly linked list. Every record kept in a list begins with (or
@@ -53,9 +49,9 @@ typedef struct list_node {
 } list_node_t;
 
 typedef struct list {
-	size_t list_size;	/* size of one record */
-	size_t list_offset;	/* offset of the list_node_t inside the record */
-	list_node_t list_head;	/* sentinel */
+	size_t list_size;      /* size of one record */
+	size_t list_offset;    /* offset of the list_node_t inside the record */
+	list_node_t list_head; /* sentinel */
 } list_t;
 
 /* Prepares an empty list of records of `size` bytes with their node at `offset`. */
@@ -155,28 +151,20 @@ boolean_t kel_address_unspecified(const char *text) KEL_NOEXCEPT;
 boolean_t kel_valid_address(const char *text) KEL_NOEXCEPT;
 
 /* Object kinds: bits for property catalogue lookups, and plain kinds. */
-typedef enum {
-	KEL_PROPTYPE_KEL = 1,
-	KEL_PROPTYPE_VPORT = 2,
-	KEL_PROPTYPE_IPNET = 4
-} kel_proptype_t;
+typedef enum { KEL_PROPTYPE_KEL = 1, KEL_PROPTYPE_VPORT = 2, KEL_PROPTYPE_IPNET = 4 } kel_proptype_t;
 
-typedef enum {
-	KEL_TYPE_KEL = 0,
-	KEL_TYPE_VPORT = 1,
-	KEL_TYPE_IPNET = 2
-} kel_type_t;
+typedef enum { KEL_TYPE_KEL = 0, KEL_TYPE_VPORT = 1, KEL_TYPE_IPNET = 2 } kel_type_t;
 
 /* Records. Each is one heap block owned by the caller; its property set, its owned
  * strings and the records on its lists belong to it. */
-#define KEL_NAME_LEN		128
-#define KEL_UUID_TEXT_LEN	37	/* a UUID's text, lower case, and its terminator */
-#define KEL_FILTER_LEN		1024	/* room for a filter text such as "tenant=t,kel=k" */
-#define KEL_DEFAULT_TENANT	"sys-global"	/* the tenant of objects given without one */
-#define KEL_VNICNAME_LEN	96
-#define KEL_HOSTNAME_LEN	1025
-#define KEL_SUBNET_LEN		50
-#define KEL_ADDRSTR_LEN		46
+#define KEL_NAME_LEN       128
+#define KEL_UUID_TEXT_LEN  37           /* a UUID's text, lower case, and its terminator */
+#define KEL_FILTER_LEN     1024         /* room for a filter text such as "tenant=t,kel=k" */
+#define KEL_DEFAULT_TENANT "sys-global" /* the tenant of objects given without one */
+#define KEL_VNICNAME_LEN   96
+#define KEL_HOSTNAME_LEN   1025
+#define KEL_SUBNET_LEN     50
+#define KEL_ADDRSTR_LEN    46
 
 typedef enum { KEL_STATUS_IDLE = 0, KEL_STATUS_BUSY = 1 } kel_status_t;
 typedef enum { VPORT_STATUS_FREE = 0, VPORT_STATUS_USED = 1 } vport_status_t;
@@ -191,12 +179,12 @@ typedef struct kel_ipnet_s {
 	uuid_t ei_uuid;
 	attrset_t *ei_props;
 	sa_family_t ei_af;
-	char ei_subnet[KEL_SUBNET_LEN];		/* network address "/" prefix length */
+	char ei_subnet[KEL_SUBNET_LEN]; /* network address "/" prefix length */
 	uint32_t ei_prefixlen;
-	char ei_sastr[KEL_ADDRSTR_LEN];		/* first usable address */
-	char ei_eastr[KEL_ADDRSTR_LEN];		/* last usable address */
-	char *ei_availrange;			/* addresses not yet handed out */
-	struct sockaddr_storage ei_ca;		/* network address */
+	char ei_sastr[KEL_ADDRSTR_LEN]; /* first usable address */
+	char ei_eastr[KEL_ADDRSTR_LEN]; /* last usable address */
+	char *ei_availrange;            /* addresses not yet handed out */
+	struct sockaddr_storage ei_ca;  /* network address */
 	struct sockaddr_storage ei_sa;
 	struct sockaddr_storage ei_ea;
 } kel_ipnet_t;
@@ -222,21 +210,21 @@ typedef struct kel_s {
 	char kel_name[KEL_NAME_LEN];
 	uuid_t kel_uuid;
 	attrset_t *kel_props;
-	list_t kel_ipnets;			/* kel_ipnet_t */
-	list_t kel_ports;			/* kel_vport_t */
+	list_t kel_ipnets; /* kel_ipnet_t */
+	list_t kel_ports;  /* kel_vport_t */
 	kel_status_t kel_status;
-	char kel_uport[32];			/* for the bound host: uplink port */
-	char kel_localaddr[50];			/* VXLAN endpoint address */
-	char kel_mgroup[50];			/* VXLAN multicast group */
-	char kel_ipvers[3];			/* "v4" or "v6" */
+	char kel_uport[32];     /* for the bound host: uplink port */
+	char kel_localaddr[50]; /* VXLAN endpoint address */
+	char kel_mgroup[50];    /* VXLAN multicast group */
+	char kel_ipvers[3];     /* "v4" or "v6" */
 } kel_t;
 
 /* One listed property of an object. */
 typedef struct kel_prop_s {
 	list_node_t ep_node;
 	char ep_propname[32];
-	char ep_perm[3];			/* "rw" or "r-" */
-	char *ep_current;			/* the object's value; NULL when it has none */
+	char ep_perm[3];  /* "rw" or "r-" */
+	char *ep_current; /* the object's value; NULL when it has none */
 	char ep_default[1024];
 	char ep_possible[1024];
 } kel_prop_t;
@@ -352,8 +340,8 @@ const char *kel_errmsg(int code, char *buf, uint_t len) KEL_NOEXCEPT;
 typedef struct kel_dbhandle *kel_dbhandle_t;
 
 /* Open modes for kel_db_open: SQLite's own SQLITE_OPEN_READONLY and _READWRITE. */
-#define KEL_DB_READONLY		0x00000001
-#define KEL_DB_READWRITE	0x00000002
+#define KEL_DB_READONLY  0x00000001
+#define KEL_DB_READWRITE 0x00000002
 
 /*
  * Opens the store with the given SQLite open flags (SQLITE_OPEN_READONLY to read,
@@ -402,13 +390,13 @@ int kel_db_upgrade(void) KEL_NOEXCEPT;
  * that it repaired; the others need an operator. Returns the store's error when it could
  * not check (or repair), with nothing to free.
  */
-#define KEL_CHECK_REPAIR	0x1
+#define KEL_CHECK_REPAIR 0x1
 
 typedef struct kel_store_problem {
 	list_node_t esp_node;
-	char esp_object[3 * KEL_NAME_LEN];	/* what it concerns: "vlan-range", "ipnet t/k/n" */
-	char *esp_text;				/* what is wrong */
-	boolean_t esp_repaired;			/* put right by this call */
+	char esp_object[3 * KEL_NAME_LEN]; /* what it concerns: "vlan-range", "ipnet t/k/n" */
+	char *esp_text;                    /* what is wrong */
+	boolean_t esp_repaired;            /* put right by this call */
 } kel_store_problem_t;
 
 int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems) KEL_NOEXCEPT;
@@ -433,19 +421,19 @@ void kel_free_problemlist(list_t *problems) KEL_NOEXCEPT;
  * neither released nor its record taken for a leftover. The hosts are asked without the
  * store lock held. Free the list with kel_free_driftlist.
  */
-#define KEL_VERIFY_REPAIR	0x1
+#define KEL_VERIFY_REPAIR 0x1
 
 typedef struct kel_drift {
 	list_node_t edr_node;
-	char edr_object[3 * KEL_NAME_LEN];	/* "tenant/kel/vport", "tenant/kel" for a flood list, the
+	char edr_object[3 * KEL_NAME_LEN]; /* "tenant/kel/vport", "tenant/kel" for a flood list, the
 					   VNIC, link or table of a leftover, a host */
 	char edr_host[256];
-	char edr_what[32];		/* "vnic", "mac", "lower", "maxbw", "protection", "allowed-ips",
+	char edr_what[32];      /* "vnic", "mac", "lower", "maxbw", "protection", "allowed-ips",
 					   "priority", "flood", "leftover" or "host" (it did not
 					   answer) */
-	char edr_store[1024];		/* what the store says */
-	char edr_found[1024];		/* what the host has */
-	boolean_t edr_repaired;		/* put right by this call */
+	char edr_store[1024];   /* what the store says */
+	char edr_found[1024];   /* what the host has */
+	boolean_t edr_repaired; /* put right by this call */
 } kel_drift_t;
 
 int kel_db_verify(kel_dbhandle_t h, const char *filter, uint32_t flags, list_t *drifts) KEL_NOEXCEPT;
@@ -462,25 +450,22 @@ void kel_free_driftlist(list_t *drifts) KEL_NOEXCEPT;
  * and networks that match. None: KEL_E_KEL_NOTFOUND, or KEL_E_VPORT_NOTFOUND when the
  * filter named a port of an existing switch or a port alone.
  */
-int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out,
-    uint32_t flags) KEL_NOEXCEPT;
+int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) KEL_NOEXCEPT;
 /* Switches named `name` (of `tenant`, when given). */
 int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out,
     uint32_t flags) KEL_NOEXCEPT;
 /* One switch carrying exactly its port `vport`. */
-int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, kel_t **out) KEL_NOEXCEPT;
+int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport,
+    kel_t **out) KEL_NOEXCEPT;
 /* Whether `tenant` has a switch `name` (a name or a UUID text). */
 boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name) KEL_NOEXCEPT;
 /* Ports that match; none is KEL_E_VPORT_NOTFOUND. */
-int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out,
-    uint32_t flags) KEL_NOEXCEPT;
+int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) KEL_NOEXCEPT;
 /* Networks that match; none is KEL_E_IPNET_NOTFOUND. */
-int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *out,
-    uint32_t flags) KEL_NOEXCEPT;
+int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) KEL_NOEXCEPT;
 /* Networks by tenant, switch and network name; each may be NULL or empty. */
-int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *ipnet, list_t *out, uint32_t flags) KEL_NOEXCEPT;
+int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel, const char *ipnet, list_t *out,
+    uint32_t flags) KEL_NOEXCEPT;
 
 /*
  * Listing large stores without holding them in memory.
@@ -490,9 +475,9 @@ int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
  * what their ports do. kel_status is still KEL_STATUS_BUSY when a port of the switch is
  * bound, and a filter that names ports or networks still selects by them.
  */
-#define KEL_LIST_NO_MEMBERS	0x1u
+#define KEL_LIST_NO_MEMBERS 0x1u
 /* KEL_WALK_NO_PROPS, as the flags of kel_db_walk_vports: evp_props stays NULL. */
-#define KEL_WALK_NO_PROPS	0x2u
+#define KEL_WALK_NO_PROPS 0x2u
 /*
  * KEL_LIST_BOUND_PORTS, as the flags of kel_db_get_filtered_kellist,
  * kel_db_get_filtered_vportlist and kel_db_walk_vports: of the ports, only the bound ones
@@ -500,7 +485,7 @@ int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel,
  * so what the switch's own work costs stays what its bound ports cost, however many
  * free ports it has.
  */
-#define KEL_LIST_BOUND_PORTS	0x4u
+#define KEL_LIST_BOUND_PORTS 0x4u
 
 typedef int kel_vport_walk_fn_t(const kel_vport_t *vport, void *arg);
 /*
@@ -510,8 +495,8 @@ typedef int kel_vport_walk_fn_t(const kel_vport_t *vport, void *arg);
  * matched: KEL_E_VPORT_NOTFOUND. The store lock is held until the walk ends (shared for a
  * read-only handle), so `fn` should collect rather than wait on anything slow.
  */
-int kel_db_walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags,
-    kel_vport_walk_fn_t *fn, void *arg) KEL_NOEXCEPT;
+int kel_db_walk_vports(kel_dbhandle_t h, const char *filter, uint32_t flags, kel_vport_walk_fn_t *fn,
+    void *arg) KEL_NOEXCEPT;
 
 /* L2 network types of a switch. */
 typedef enum {
@@ -522,7 +507,7 @@ typedef enum {
 } kel_l2ntype_t;
 
 /* Flag for creating switches and networks: the name may contain '-'. */
-#define KEL_NAME_DASH_OK	0x1
+#define KEL_NAME_DASH_OK 0x1
 
 /*
  * Creates a switch of `tenant` (NULL: "sys-global"). `name` NULL derives the name from
@@ -531,8 +516,8 @@ typedef enum {
  * and extended "vendor:name" properties. *kelp receives the new switch. Nothing is left
  * in the store, and no ID stays drawn, when it fails.
  */
-int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name,
-    const char *props, uint32_t flags, kel_t **kelp) KEL_NOEXCEPT;
+int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const char *props, uint32_t flags,
+    kel_t **kelp) KEL_NOEXCEPT;
 /* Deletes a switch with its ports and network and gives its ID back; refused with
  * KEL_E_VPORT_INUSE while a port is bound. */
 int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, uint32_t flags) KEL_NOEXCEPT;
@@ -542,21 +527,21 @@ int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, ui
  * "defrouter" (default: the first usable address; 0.0.0.0 or :: for none), "pool"
  * (default: every address left), "uuid" and extended properties.
  */
-int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_ipnet_t **ipnetp, uint32_t flags) KEL_NOEXCEPT;
+int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    kel_ipnet_t **ipnetp, uint32_t flags) KEL_NOEXCEPT;
 /* Removes a network; refused with KEL_E_IPNET_INUSE while its switch has ports. */
-int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, uint32_t flags) KEL_NOEXCEPT;
+int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
+    uint32_t flags) KEL_NOEXCEPT;
 
 /* One controller property, fabric-wide or of one host, as listed. */
 typedef struct kel_ctrlprop_s {
 	list_node_t ecp_node;
 	char ecp_propname[32];
 	char *ecp_propval;
-	char ecp_defvalue[1024];		/* empty for a host row and "uuid" */
-	char ecp_host[256];			/* empty for a fabric-wide row */
-	char ecp_perm[3];			/* "rw" or "r-" */
-	char *ecp_vlanrange;			/* NULL for "uuid" */
+	char ecp_defvalue[1024]; /* empty for a host row and "uuid" */
+	char ecp_host[256];      /* empty for a fabric-wide row */
+	char ecp_perm[3];        /* "rw" or "r-" */
+	char *ecp_vlanrange;     /* NULL for "uuid" */
 	char *ecp_vxlanrange;
 	char *ecp_flatrange;
 } kel_ctrlprop_t;
@@ -596,18 +581,18 @@ void nuq_disconnect(nuq_conn_t *conn) KEL_NOEXCEPT;
 
 /* What a host's daemon says of itself. */
 typedef struct kel_hostinfo {
-	char ehi_host[256];		/* its node name */
+	char ehi_host[256]; /* its node name */
 	char ehi_version[32];
 	int64_t ehi_pid;
-	uint64_t ehi_uptime;		/* seconds since it started */
-	uint64_t ehi_reloads;		/* configuration reads, the first at start included */
-	char ehi_controller[1024];	/* its "controller" client setting ("" when unset) */
-	int ehi_controller_rc;		/* with KEL_HOSTINFO_CHECK: KEL_SUCCESS when it reached
+	uint64_t ehi_uptime;       /* seconds since it started */
+	uint64_t ehi_reloads;      /* configuration reads, the first at start included */
+	char ehi_controller[1024]; /* its "controller" client setting ("" when unset) */
+	int ehi_controller_rc;     /* with KEL_HOSTINFO_CHECK: KEL_SUCCESS when it reached
 					   its controller, else why not; otherwise KEL_E_NOTSUP */
 } kel_hostinfo_t;
 
 /* For kel_get_hostinfo: the daemon first tries to reach its own controller. */
-#define KEL_HOSTINFO_CHECK	0x1u
+#define KEL_HOSTINFO_CHECK 0x1u
 
 /*
  * Asks the daemon at the other end of `conn` (kel_nuq_connection_to_kelnode,
@@ -648,7 +633,7 @@ int kel_set_controller_togprop(const char *name, const char *value) KEL_NOEXCEPT
 int kel_get_controller_togprop(const char *name, char *buf, size_t size) KEL_NOEXCEPT;
 
 /* Flag for removing ports: a system vport may be removed (the library's own use). */
-#define KEL_SYSTEM_VPORT_OK	0x1
+#define KEL_SYSTEM_VPORT_OK 0x1
 
 /*
  * Ports. `props` of kel_db_add_vport may give "ipaddr" (default: the lowest free pool
@@ -656,19 +641,17 @@ int kel_get_controller_togprop(const char *name, char *buf, size_t size) KEL_NOE
  * "protection", "maxbw", "priority", "vmid" and extended properties; `vportp` may be NULL.
  * Remove and reset take NULL or "force=yes", which overrides the in-use refusal.
  */
-boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport) KEL_NOEXCEPT;
-int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name,
-    const char *props, kel_vport_t **vportp, uint32_t flags) KEL_NOEXCEPT;
-int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, const char *props, uint32_t flags) KEL_NOEXCEPT;
+boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport) KEL_NOEXCEPT;
+int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    kel_vport_t **vportp, uint32_t flags) KEL_NOEXCEPT;
+int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    uint32_t flags) KEL_NOEXCEPT;
 /* Frees a bound port whose VNIC is gone (checked on its host unless "force=yes"). */
-int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name, const char *props, uint32_t flags) KEL_NOEXCEPT;
+int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
+    uint32_t flags) KEL_NOEXCEPT;
 /* A port named "sys-vport" and the kel's next number; `name` gets it (128 bytes). */
 int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name) KEL_NOEXCEPT;
-int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *name) KEL_NOEXCEPT;
+int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name) KEL_NOEXCEPT;
 
 /*
  * Binding ports to VNICs. kel_db_assign_vport binds `vport` (NULL: a new system port) of
@@ -677,11 +660,10 @@ int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char 
  * VNIC again returns the current binding. A port bound elsewhere is in use, unless `props`
  * and the port carry the same "vmid": then the port starts migrating to `host`.
  */
-int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, const char *vnic, const char *host, const char *props, kel_t **kelp) KEL_NOEXCEPT;
+int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport, const char *vnic,
+    const char *host, const char *props, kel_t **kelp) KEL_NOEXCEPT;
 /* Unbinds the port bound to `vnic` on `host` (or, failing that, found with `filter`). */
-int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host,
-    const char *filter) KEL_NOEXCEPT;
+int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host, const char *filter) KEL_NOEXCEPT;
 
 /* A port's traffic counters. */
 typedef struct kel_vport_counters {
@@ -697,16 +679,16 @@ typedef struct kel_vport_counters {
  * VNICs that are gone (hidden property "kel:counters_gone"). A migration's old host
  * letting go thus hands its counters over with the port.
  */
-int kel_db_unassign_vport_counted(kel_dbhandle_t h, const char *vnic, const char *host,
-    const char *filter, const kel_vport_counters_t *last) KEL_NOEXCEPT;
+int kel_db_unassign_vport_counted(kel_dbhandle_t h, const char *vnic, const char *host, const char *filter,
+    const kel_vport_counters_t *last) KEL_NOEXCEPT;
 /*
  * A port's traffic in all: what its VNICs that are gone carried, plus what its VNIC reports
  * now when it is bound (asked of its host, without the store lock held). KEL_E_KEL_NOTFOUND,
  * KEL_E_VPORT_NOTFOUND, or the host's code (KEL_E_HOST_CONNECT, KEL_E_NUQ, KEL_E_WEXO) when
  * the VNIC cannot be read; `*total` is cleared on failure.
  */
-int kel_db_get_vport_counters(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, kel_vport_counters_t *total) KEL_NOEXCEPT;
+int kel_db_get_vport_counters(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport,
+    kel_vport_counters_t *total) KEL_NOEXCEPT;
 /*
  * Joins the hosts of VXLAN kel `kel` when the fabric has no multicast group: each host
  * with a port of the kel bound (or migrating) there gets the VXLAN endpoints of the
@@ -732,8 +714,8 @@ void kel_free_proplist(void *list) KEL_NOEXCEPT;
  * in `names` ("a,b"; hidden and extended names allowed). The caller frees the list
  * with kel_free_proplist.
  */
-int kel_db_get_filtered_proplist(kel_dbhandle_t h, const char *filter, const char *names,
-    list_t *list, kel_proptype_t type) KEL_NOEXCEPT;
+int kel_db_get_filtered_proplist(kel_dbhandle_t h, const char *filter, const char *names, list_t *list,
+    kel_proptype_t type) KEL_NOEXCEPT;
 /* The value of the first element named exactly `name` in a remote property array. */
 struct kelcntl_PropertyNV;
 char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const char *name) KEL_NOEXCEPT;
@@ -746,10 +728,10 @@ char *kel_propattrset_lookup(struct kelcntl_PropertyNV **props, int count, const
  */
 int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *prop,
     uint32_t flags) KEL_NOEXCEPT;
-int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *vport, const char *prop, uint32_t flags) KEL_NOEXCEPT;
-int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel,
-    const char *ipnet, const char *prop, uint32_t flags) KEL_NOEXCEPT;
+int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport, const char *prop,
+    uint32_t flags) KEL_NOEXCEPT;
+int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *ipnet, const char *prop,
+    uint32_t flags) KEL_NOEXCEPT;
 
 /* Filters. */
 /* KEL_E_INVALID_FILTER unless every name is a property of `proptype` or a key that

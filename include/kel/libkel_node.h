@@ -38,27 +38,27 @@ extern "C" {
 
 typedef int wexo_status_t;
 
-#define WEXO_STATUS_OK		0
-#define WEXO_STATUS_FAILED	1	/* the kernel refused, for a reason not below */
-#define WEXO_STATUS_BADARG	2
-#define WEXO_STATUS_NOTFOUND	3	/* no such link */
-#define WEXO_STATUS_NOTSUP	4
-#define WEXO_STATUS_NOMEM	5
-#define WEXO_STATUS_DENIED	6
-#define WEXO_STATUS_BADVAL	7	/* a property value that does not parse */
-#define WEXO_STATUS_EXIST	8	/* a link of that name exists already */
-#define WEXO_STATUS_NOADDR	9	/* a VXLAN endpoint address this host does not hold */
-#define WEXO_STATUS_DBNOTFOUND	12	/* the IP interface configuration cannot be read */
-#define WEXO_STATUS_LINKBUSY	25	/* other links are made over it */
-#define WEXO_STATUS_NOTFABRIC	26	/* a link the fabric did not make: left alone */
-#define WEXO_STATUS_BADVXLANIF	105	/* a VXLAN interface that is not an IP interface */
+#define WEXO_STATUS_OK         0
+#define WEXO_STATUS_FAILED     1 /* the kernel refused, for a reason not below */
+#define WEXO_STATUS_BADARG     2
+#define WEXO_STATUS_NOTFOUND   3 /* no such link */
+#define WEXO_STATUS_NOTSUP     4
+#define WEXO_STATUS_NOMEM      5
+#define WEXO_STATUS_DENIED     6
+#define WEXO_STATUS_BADVAL     7   /* a property value that does not parse */
+#define WEXO_STATUS_EXIST      8   /* a link of that name exists already */
+#define WEXO_STATUS_NOADDR     9   /* a VXLAN endpoint address this host does not hold */
+#define WEXO_STATUS_DBNOTFOUND 12  /* the IP interface configuration cannot be read */
+#define WEXO_STATUS_LINKBUSY   25  /* other links are made over it */
+#define WEXO_STATUS_NOTFABRIC  26  /* a link the fabric did not make: left alone */
+#define WEXO_STATUS_BADVXLANIF 105 /* a VXLAN interface that is not an IP interface */
 
 /* The libkel code of a datalink status: KEL_E_WEXO with the status above the low byte. */
-#define KEL_WEXO_ERROR(status)	KEL_ERR_CODE(status, KEL_E_WEXO)
+#define KEL_WEXO_ERROR(status) KEL_ERR_CODE(status, KEL_E_WEXO)
 
 /* A link's ID is its interface index; 0 is no link. */
 typedef uint32_t datalink_id_t;
-#define DATALINK_INVALID_LINKID	0
+#define DATALINK_INVALID_LINKID 0
 
 /* What kind of link, from the kernel's link kind: vlan; macvlan, macvtap and veth are
  * VNICs; vxlan; everything else counts as physical. */
@@ -71,8 +71,8 @@ typedef enum {
 
 /* Options of link creation and deletion. WEXO_OPT_ACTIVE must be given: links live in
  * the running system only. WEXO_OPT_ONDEMAND marks a link made on demand for VNICs. */
-#define WEXO_OPT_ACTIVE		0x00001
-#define WEXO_OPT_ONDEMAND	0x10000
+#define WEXO_OPT_ACTIVE   0x00001
+#define WEXO_OPT_ONDEMAND 0x10000
 
 /* A datalink handle: a netlink socket of the caller's network namespace, or of a named
  * one ("ip netns" names, /run/netns/NAME). */
@@ -89,8 +89,8 @@ wexo_status_t wexo_name2info(wexo_handle_t handle, const char *name, datalink_id
     datalink_class_t *classp) KEL_NOEXCEPT;
 /* The flags (IFF_*), class, media (ARPHRD_*) and name of link `id`; any out
  * parameter may be NULL; the name is cut to `namelen` bytes. */
-wexo_status_t wexo_datalink_id2info(wexo_handle_t handle, datalink_id_t id, uint32_t *flagsp,
-    datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen) KEL_NOEXCEPT;
+wexo_status_t wexo_datalink_id2info(wexo_handle_t handle, datalink_id_t id, uint32_t *flagsp, datalink_class_t *classp,
+    uint32_t *mediap, char *name, size_t namelen) KEL_NOEXCEPT;
 /* Sets one link property live ("" as value resets it): maxbw, priority, cos,
  * protection, allowed-ips, allowed-mac, iov (only "off"). */
 wexo_status_t wexo_set_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
@@ -111,8 +111,8 @@ typedef enum {
  * over `lower`, a link of the handle's namespace, with the MAC address `mac` (text such
  * as "2:8:20:a:b:c"; NULL: one of the kernel's), up. *idp is its ID in its own namespace.
  * WEXO_STATUS_EXIST when a link of that name is there. */
-wexo_status_t wexo_vnic_create(wexo_handle_t handle, const char *name, datalink_id_t lower,
-    wexo_vnic_kind_t kind, const char *mac, datalink_id_t *idp) KEL_NOEXCEPT;
+wexo_status_t wexo_vnic_create(wexo_handle_t handle, const char *name, datalink_id_t lower, wexo_vnic_kind_t kind,
+    const char *mac, datalink_id_t *idp) KEL_NOEXCEPT;
 /* Deletes the VNIC `name` ("LINK" or "NAMESPACE/LINK"), with the link properties kept
  * for it; *lowerp (when given) gets the link it was made over. */
 wexo_status_t wexo_vnic_delete(wexo_handle_t handle, const char *name, datalink_id_t *lowerp) KEL_NOEXCEPT;
@@ -128,8 +128,8 @@ wexo_status_t wexo_link_mtu(wexo_handle_t handle, datalink_id_t id, uint32_t *mt
 wexo_status_t wexo_vnic_recorded_lower(const char *name, char *buf, size_t size) KEL_NOEXCEPT;
 /* Gives link `id` of the handle's namespace the address `addr` with `prefixlen`, and,
  * when `router` is not NULL, a default route through it. */
-wexo_status_t wexo_link_set_ipaddr(wexo_handle_t handle, datalink_id_t id, const char *addr,
-    uint32_t prefixlen, const char *router) KEL_NOEXCEPT;
+wexo_status_t wexo_link_set_ipaddr(wexo_handle_t handle, datalink_id_t id, const char *addr, uint32_t prefixlen,
+    const char *router) KEL_NOEXCEPT;
 
 /* The text of a status, written into `buf` (1024 bytes) and returned. */
 const char *wexo_status2str(wexo_status_t status, char *buf) KEL_NOEXCEPT;
@@ -144,8 +144,7 @@ typedef struct wexo_arg_list wexo_arg_list_t;
 /* Parses `text` into a new list (*listp; NULL on failure). With `novalues`, pieces are
  * names without values. WEXO_STATUS_BADVAL for an empty name, a repeated name, or a
  * value before any name. */
-wexo_status_t wexo_parse_link_props(const char *text, wexo_arg_list_t **listp,
-    boolean_t novalues) KEL_NOEXCEPT;
+wexo_status_t wexo_parse_link_props(const char *text, wexo_arg_list_t **listp, boolean_t novalues) KEL_NOEXCEPT;
 /* NULL is accepted. */
 void wexo_free_args(wexo_arg_list_t *list) KEL_NOEXCEPT;
 uint_t wexo_arg_count(const wexo_arg_list_t *list) KEL_NOEXCEPT;
@@ -156,41 +155,41 @@ const char *wexo_arg_value(const wexo_arg_list_t *list, uint_t i) KEL_NOEXCEPT;
 
 /* An IP address: IPv4 is kept as an IPv4-mapped IPv6 address (::ffff:a.b.c.d). */
 typedef struct mac_ipaddr_s {
-	uint32_t ip_version;		/* 4 or 6; 0 when unset */
+	uint32_t ip_version; /* 4 or 6; 0 when unset */
 	struct in6_addr ip_addr;
 } mac_ipaddr_t;
 
 /* VXLAN link properties, as extracted from an argument list. */
-#define MVP_VXLAN_VNI		0x01	/* "vni" */
-#define MVP_VXLAN_ADDR		0x02	/* "addr": the local endpoint, or a subnet of it */
-#define MVP_VXLAN_PLEN		0x04	/* "addr" had a prefix length */
-#define MVP_VXLAN_MGROUP	0x08	/* "mgroup" */
-#define MVP_VXLAN_IPVERS	0x10	/* "ipvers": "v4" or "v6" */
-#define MVP_VXLAN_IF		0x20	/* "interface": the link whose address is the endpoint */
+#define MVP_VXLAN_VNI    0x01 /* "vni" */
+#define MVP_VXLAN_ADDR   0x02 /* "addr": the local endpoint, or a subnet of it */
+#define MVP_VXLAN_PLEN   0x04 /* "addr" had a prefix length */
+#define MVP_VXLAN_MGROUP 0x08 /* "mgroup" */
+#define MVP_VXLAN_IPVERS 0x10 /* "ipvers": "v4" or "v6" */
+#define MVP_VXLAN_IF     0x20 /* "interface": the link whose address is the endpoint */
 
-#define MAXLINKNAMELEN		32
+#define MAXLINKNAMELEN 32
 
 typedef struct mac_vxlan_props_s {
-	uint32_t mvp_mask;		/* which of the fields below were given */
+	uint32_t mvp_mask; /* which of the fields below were given */
 	uint32_t mvp_vni;
 	mac_ipaddr_t mvp_addr;
 	mac_ipaddr_t mvp_mgroup;
 	uint32_t mvp_plen;
-	uint32_t mvp_ipvers;		/* 4 or 6 */
+	uint32_t mvp_ipvers; /* 4 or 6 */
 	char mvp_if[MAXLINKNAMELEN];
 } mac_vxlan_props_t;
 
 /* What a VXLAN link is made from. */
 typedef struct vxlan_kparams_s {
-	datalink_id_t vk_linkid;	/* the VXLAN link, once made */
-	datalink_id_t vk_llinkid;	/* the link that carries its packets */
-	int vk_ifindex;			/* the interface holding the local endpoint */
-	mac_ipaddr_t vk_addr;		/* the local endpoint */
-	mac_ipaddr_t vk_pmask;		/* the endpoint's netmask */
-	mac_ipaddr_t vk_maddr;		/* the multicast group (ip_version 0: none) */
-	boolean_t vk_syslink;		/* made on demand for VNICs */
+	datalink_id_t vk_linkid;  /* the VXLAN link, once made */
+	datalink_id_t vk_llinkid; /* the link that carries its packets */
+	int vk_ifindex;           /* the interface holding the local endpoint */
+	mac_ipaddr_t vk_addr;     /* the local endpoint */
+	mac_ipaddr_t vk_pmask;    /* the endpoint's netmask */
+	mac_ipaddr_t vk_maddr;    /* the multicast group (ip_version 0: none) */
+	boolean_t vk_syslink;     /* made on demand for VNICs */
 	mac_vxlan_props_t vk_mvp;
-	int vk_diag;			/* why the kernel refused the creation (libnl NLE_*) */
+	int vk_diag; /* why the kernel refused the creation (libnl NLE_*) */
 } vxlan_kparams_t;
 
 /* A link's traffic counters. The fabric fills the packets, bytes and drops of each
@@ -218,7 +217,7 @@ typedef struct kelcntl_PropertyNV {
 } kelcntl_PropertyNV;
 
 typedef struct kelcntl_KELError {
-	int ekele_err;			/* a libkel code */
+	int ekele_err; /* a libkel code */
 	char *ekele_errmsg;
 } kelcntl_KELError;
 
@@ -234,7 +233,7 @@ typedef struct kelcntl_VPortInfo {
 	char *evpi_tenantname;
 	kelcntl_VPortStatus evpi_status;
 	char *evpi_vnicname;
-	kelcntl_PropertyNV **evpi_props;	/* "ipaddr", "macaddr", "cos", ... */
+	kelcntl_PropertyNV **evpi_props; /* "ipaddr", "macaddr", "cos", ... */
 	int evpi_props_count;
 	char *evpi_hostname;
 } kelcntl_VPortInfo;
@@ -257,10 +256,10 @@ typedef struct kelcntl_KELInfo {
 	char *ekeli_name;
 	char *ekeli_uuid;
 	char *ekeli_tenantname;
-	kelcntl_PropertyNV **ekeli_props;	/* "l2-type", "vlanid" or "vni", ... */
+	kelcntl_PropertyNV **ekeli_props; /* "l2-type", "vlanid" or "vni", ... */
 	int ekeli_props_count;
 	kelcntl_KELStatus ekeli_status;
-	kelcntl_VPortInfo **ekeli_vports;	/* after a binding: the one port bound */
+	kelcntl_VPortInfo **ekeli_vports; /* after a binding: the one port bound */
 	int ekeli_vports_count;
 	kelcntl_IPnetInfo **ekeli_ipnets;
 	int ekeli_ipnets_count;
@@ -294,21 +293,21 @@ void kelcntl_KELImplInfo_free(kelcntl_KELImplInfo *info) KEL_NOEXCEPT;
  * (free with kelcntl_KELImplInfo_free). On failure nothing stays bound and the out
  * parameters are cleared.
  */
-int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname,
-    const char *vportname, const char *vnicname, wexo_arg_list_t **proplist,
-    const char *extra, datalink_id_t *linkid, kelcntl_KELImplInfo **implinfo, uint32_t flags) KEL_NOEXCEPT;
+int kel_connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname, const char *vportname,
+    const char *vnicname, wexo_arg_list_t **proplist, const char *extra, datalink_id_t *linkid,
+    kelcntl_KELImplInfo **implinfo, uint32_t flags) KEL_NOEXCEPT;
 /* Releases the port of `vnicname` on this host (or, when none, the one `extra` selects)
  * and removes the lower link `linkid` when it is a VXLAN link that nothing else uses.
  * The release's error comes first, then the link's. */
-int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid, uint32_t flags) KEL_NOEXCEPT;
+int kel_disconnect_vnic(wexo_handle_t handle, const char *vnicname, const char *extra, datalink_id_t linkid,
+    uint32_t flags) KEL_NOEXCEPT;
 /*
  * kel_disconnect_vnic, with `last` the counters the VNIC carried (NULL: none): the
  * controller adds them to the port's, so that its traffic counters survive the VNIC. Read
  * them (kel_get_vnicstat) just before removing the VNIC.
  */
-int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, const char *extra,
-    datalink_id_t linkid, const kel_vport_counters_t *last, uint32_t flags) KEL_NOEXCEPT;
+int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, const char *extra, datalink_id_t linkid,
+    const kel_vport_counters_t *last, uint32_t flags) KEL_NOEXCEPT;
 /*
  * The whole VNIC in one call, for the tools that put guests on a kel.
  *
@@ -341,24 +340,24 @@ int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, cons
  * kel_vnic_remove takes away with the namespace's last VNIC), and is KEL_E_NOTFOUND
  * without. A PATH that is no network namespace is KEL_E_INVALID_ARGS.
  */
-#define KEL_VNIC_ADDRESS	0x1
-#define KEL_VNIC_DEFAULT_ROUTE	0x2
-#define KEL_VNIC_NO_ROUTE	0x4
-#define KEL_VNIC_NAME_ATTACH	0x1
+#define KEL_VNIC_ADDRESS       0x1
+#define KEL_VNIC_DEFAULT_ROUTE 0x2
+#define KEL_VNIC_NO_ROUTE      0x4
+#define KEL_VNIC_NAME_ATTACH   0x1
 
-#define KEL_VNIC_STAGE_BIND	1	/* binding the port, preparing the lower link */
-#define KEL_VNIC_STAGE_MAKE	2	/* making the link */
-#define KEL_VNIC_STAGE_PROPS	3	/* the port's link properties */
-#define KEL_VNIC_STAGE_ADDRESS	4	/* the address and the route */
+#define KEL_VNIC_STAGE_BIND    1 /* binding the port, preparing the lower link */
+#define KEL_VNIC_STAGE_MAKE    2 /* making the link */
+#define KEL_VNIC_STAGE_PROPS   3 /* the port's link properties */
+#define KEL_VNIC_STAGE_ADDRESS 4 /* the address and the route */
 
 typedef struct kel_vnic_s {
-	datalink_id_t kv_linkid;		/* the VNIC, in its own namespace */
-	datalink_id_t kv_lower;			/* the link under it, in the host's namespace */
+	datalink_id_t kv_linkid; /* the VNIC, in its own namespace */
+	datalink_id_t kv_lower;  /* the link under it, in the host's namespace */
 	char kv_lowername[MAXLINKNAMELEN];
-	uint32_t kv_mtu;			/* the VNIC's MTU */
-	boolean_t kv_down;			/* made down: a migration's destination */
-	kelcntl_KELImplInfo *kv_implinfo;	/* the kel; its first port is the one bound */
-	int kv_stage;				/* after a failure: KEL_VNIC_STAGE_* */
+	uint32_t kv_mtu;                  /* the VNIC's MTU */
+	boolean_t kv_down;                /* made down: a migration's destination */
+	kelcntl_KELImplInfo *kv_implinfo; /* the kel; its first port is the one bound */
+	int kv_stage;                     /* after a failure: KEL_VNIC_STAGE_* */
 } kel_vnic_t;
 
 int kel_vnic_create(const char *tenant, const char *kelname, const char *vportname, const char *vnicname,

@@ -71,7 +71,8 @@ int daemon_leftovers(nuq_conn_t *conn, std::vector<Leftover> *out)
 		const nlohmann::json *age = nuq::member(l, "age");
 		if (kind == nullptr || name == nullptr || what == nullptr)
 			return NUQ_E_PROTOCOL;
-		out->push_back({*kind, *name, *what, age != nullptr && age->is_number_integer() ? age->get<int64_t>() : 0});
+		out->push_back(
+		    {*kind, *name, *what, age != nullptr && age->is_number_integer() ? age->get<int64_t>() : 0});
 	}
 	return NUQ_E_SUCCESS;
 }

@@ -10,14 +10,14 @@
 #include "nuq_types.h"
 
 struct DaemonInfo {
-	std::string host;	// the host's node name
+	std::string host;  // the host's node name
 	std::string version;
 	int64_t pid = 0;
-	uint64_t uptime = 0;	// seconds since the daemon started
+	uint64_t uptime = 0;  // seconds since the daemon started
 	uint64_t reloads = 0;
-	std::string controller;	// its "controller" client setting
-	bool checked = false;	// whether it tried its controller, and then:
-	int controller_rc = 0;	// what that gave, as a library code
+	std::string controller;  // its "controller" client setting
+	bool checked = false;    // whether it tried its controller, and then:
+	int controller_rc = 0;   // what that gave, as a library code
 };
 
 // Asks the daemon at the other end of `conn` (found by any key) for its info; with `check`

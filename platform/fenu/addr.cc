@@ -21,8 +21,7 @@ namespace {
 
 // Walks the kernel's addresses (through `sock`, or a socket of its own when NULL) until
 // `take` answers true; FENU_NOTFOUND when it never does.
-fenu_status_t walk(struct nl_sock *sock, const std::function<bool(struct rtnl_addr *)> &take,
-    fenu_addr_t *out)
+fenu_status_t walk(struct nl_sock *sock, const std::function<bool(struct rtnl_addr *)> &take, fenu_addr_t *out)
 {
 	struct nl_sock *own = nullptr;
 	if (sock == nullptr) {
@@ -80,9 +79,10 @@ fenu_status_t fenu_interface_addr(const char *ifname, sa_family_t af, fenu_addr_
 	const int ifindex = static_cast<int>(if_nametoindex(ifname));
 	if (ifindex == 0)
 		return FENU_NOTFOUND;
-	return walk(nullptr, [&](struct rtnl_addr *a) {
-		return rtnl_addr_get_ifindex(a) == ifindex && rtnl_addr_get_family(a) == af;
-	}, out);
+	return walk(
+	    nullptr,
+	    [&](struct rtnl_addr *a) { return rtnl_addr_get_ifindex(a) == ifindex && rtnl_addr_get_family(a) == af; },
+	    out);
 }
 
 fenu_status_t fenu_local_addr(const char *addr, fenu_addr_t *out)
@@ -97,11 +97,14 @@ fenu_status_t fenu_local_addr(const char *addr, fenu_addr_t *out)
 			return FENU_BADARG;
 	}
 	const size_t len = af == AF_INET ? 4 : 16;
-	return walk(nullptr, [&](struct rtnl_addr *a) {
-		struct nl_addr *local = rtnl_addr_get_local(a);
-		return rtnl_addr_get_family(a) == af && nl_addr_get_len(local) == len &&
-		    std::memcmp(nl_addr_get_binary_addr(local), want, len) == 0;
-	}, out);
+	return walk(
+	    nullptr,
+	    [&](struct rtnl_addr *a) {
+		    struct nl_addr *local = rtnl_addr_get_local(a);
+		    return rtnl_addr_get_family(a) == af && nl_addr_get_len(local) == len &&
+		        std::memcmp(nl_addr_get_binary_addr(local), want, len) == 0;
+	    },
+	    out);
 }
 
 fenu_status_t fenu_open(fenu_handle_t *hp, const char *profile, int, int)
@@ -139,13 +142,16 @@ boolean_t fenu_is_ip(fenu_handle_t h, const char *ifname)
 		return B_FALSE;
 	const int ifindex = static_cast<int>(if_nametoindex(ifname));
 	fenu_addr_t any;
-	return ifindex != 0 && walk(h->sock, [&](struct rtnl_addr *a) {
-		return rtnl_addr_get_ifindex(a) == ifindex;
-	}, &any) == FENU_SUCCESS ? B_TRUE : B_FALSE;
+	return ifindex != 0 &&
+	        walk(
+	            h->sock, [&](struct rtnl_addr *a) { return rtnl_addr_get_ifindex(a) == ifindex; }, &any) ==
+	            FENU_SUCCESS
+	    ? B_TRUE
+	    : B_FALSE;
 }
 
-fenu_status_t fenu_get_addrinfo(mac_ipaddr_t *addr, mac_ipaddr_t *mask, uint32_t plen,
-    int *ifindex, datalink_id_t *linkid, boolean_t by_interface, int family)
+fenu_status_t fenu_get_addrinfo(mac_ipaddr_t *addr, mac_ipaddr_t *mask, uint32_t plen, int *ifindex,
+    datalink_id_t *linkid, boolean_t by_interface, int family)
 {
 	if (addr == nullptr || linkid == nullptr || (family != AF_INET && family != AF_INET6))
 		return FENU_BADARG;
@@ -156,18 +162,20 @@ fenu_status_t fenu_get_addrinfo(mac_ipaddr_t *addr, mac_ipaddr_t *mask, uint32_t
 		return FENU_BADARG;
 	fenu_addr_t found;
 	mac_ipaddr_t local{};
-	const fenu_status_t st = walk(nullptr, [&](struct rtnl_addr *a) {
-		struct nl_addr *l = rtnl_addr_get_local(a);
-		if (rtnl_addr_get_family(a) != family || nl_addr_get_len(l) != len)
-			return false;
-		const auto *raw = static_cast<const unsigned char *>(nl_addr_get_binary_addr(l));
-		const bool match = by_interface
-		    ? rtnl_addr_get_ifindex(a) == static_cast<int>(*linkid)
-		    : same_prefix(raw, want, len, plen);
-		if (match)
-			kel::ipaddr::assign(&local, family, raw);
-		return match;
-	}, &found);
+	const fenu_status_t st = walk(
+	    nullptr,
+	    [&](struct rtnl_addr *a) {
+		    struct nl_addr *l = rtnl_addr_get_local(a);
+		    if (rtnl_addr_get_family(a) != family || nl_addr_get_len(l) != len)
+			    return false;
+		    const auto *raw = static_cast<const unsigned char *>(nl_addr_get_binary_addr(l));
+		    const bool match = by_interface ? rtnl_addr_get_ifindex(a) == static_cast<int>(*linkid)
+		                                    : same_prefix(raw, want, len, plen);
+		    if (match)
+			    kel::ipaddr::assign(&local, family, raw);
+		    return match;
+	    },
+	    &found);
 	if (st != FENU_SUCCESS)
 		return st;
 	*addr = local;

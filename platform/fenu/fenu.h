@@ -12,11 +12,11 @@ extern "C" {
 
 typedef int fenu_status_t;
 
-#define FENU_SUCCESS	0
-#define FENU_FAILURE	1
-#define FENU_NOTFOUND	2
-#define FENU_NOMEM	3
-#define FENU_BADARG	4
+#define FENU_SUCCESS  0
+#define FENU_FAILURE  1
+#define FENU_NOTFOUND 2
+#define FENU_NOMEM    3
+#define FENU_BADARG   4
 
 // One address of one interface.
 typedef struct fenu_addr {
@@ -42,8 +42,7 @@ boolean_t fenu_is_ip(fenu_handle_t h, const char *ifname);
 // first on link *linkid; else the first whose first `plen` bits are those of *addr (all
 // of them: that very address). The address found replaces *addr; its netmask goes to
 // *mask, its interface to *ifindex (each when given) and *linkid.
-fenu_status_t fenu_get_addrinfo(mac_ipaddr_t *addr, mac_ipaddr_t *mask, uint32_t plen,
-    int *ifindex, datalink_id_t *linkid, boolean_t by_interface, int family);
+fenu_status_t fenu_get_addrinfo(mac_ipaddr_t *addr, mac_ipaddr_t *mask, uint32_t plen, int *ifindex,
+    datalink_id_t *linkid, boolean_t by_interface, int family);
 const char *fenu_status2str(int status) noexcept;
-
 }

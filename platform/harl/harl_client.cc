@@ -39,8 +39,7 @@ int harl_Datalink__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **ins
 	return rc;
 }
 
-int harl_Datalink_getStat(nuq_instance_t *inst, void *, harl_StatValue **value,
-    harl_DatalinkError **err) noexcept
+int harl_Datalink_getStat(nuq_instance_t *inst, void *, harl_StatValue **value, harl_DatalinkError **err) noexcept
 {
 	return nuq::client_boundary([&] {
 		*value = nullptr;
@@ -65,9 +64,9 @@ int harl_Datalink_getStat(nuq_instance_t *inst, void *, harl_StatValue **value,
 			const char *name;
 			uint64_t *to;
 		} counters[] = {{"dls_ipackets", &s->dls_ipackets}, {"dls_rbytes", &s->dls_rbytes},
-			{"dls_idrops", &s->dls_idrops}, {"dls_idropbytes", &s->dls_idropbytes},
-			{"dls_obytes", &s->dls_obytes}, {"dls_opackets", &s->dls_opackets},
-			{"dls_odrops", &s->dls_odrops}, {"dls_odropbytes", &s->dls_odropbytes}};
+		    {"dls_idrops", &s->dls_idrops}, {"dls_idropbytes", &s->dls_idropbytes},
+		    {"dls_obytes", &s->dls_obytes}, {"dls_opackets", &s->dls_opackets}, {"dls_odrops", &s->dls_odrops},
+		    {"dls_odropbytes", &s->dls_odropbytes}};
 		for (const auto &c : counters) {
 			const nlohmann::json *n = nuq::member(result, c.name);
 			if (n == nullptr || !n->is_number_unsigned()) {
@@ -84,8 +83,7 @@ int harl_Datalink_getStat(nuq_instance_t *inst, void *, harl_StatValue **value,
 	});
 }
 
-int harl_Datalink_setProperty(nuq_instance_t *inst, const char *text, int flags,
-    harl_DatalinkError **err)
+int harl_Datalink_setProperty(nuq_instance_t *inst, const char *text, int flags, harl_DatalinkError **err)
 {
 	if (err != nullptr)
 		*err = nullptr;
@@ -171,8 +169,8 @@ int harl_Datalink_getState(nuq_instance_t *inst, HarlLinkState *state, harl_Data
 		const char *name;
 		std::string *to;
 	} texts[] = {{"mac", &state->mac}, {"lower", &state->lower}, {"lower_kind", &state->lower_kind},
-		{"local", &state->local}, {"group", &state->group}, {"filters", &state->filters},
-		{"allowed", &state->allowed}};
+	    {"local", &state->local}, {"group", &state->group}, {"filters", &state->filters},
+	    {"allowed", &state->allowed}};
 	for (const auto &t : texts) {
 		const std::string *v = nuq::text_member(result, t.name);
 		if (v == nullptr)

@@ -12,4 +12,3 @@
 #include <kel/sys/fabric.h>
 
 #include "nuq_types.h"
-

@@ -21,8 +21,7 @@ json text_or_null(const char *s)
 // Calls `method` and hands a successful result to `take`, which builds the caller's
 // records; a controller error becomes the caller's error record.
 template <class Take>
-int call(nuq_instance_t *inst, const char *method, const json &args, kelcntl_KELError **err,
-    Take &&take)
+int call(nuq_instance_t *inst, const char *method, const json &args, kelcntl_KELError **err, Take &&take)
 {
 	if (err != nullptr)
 		*err = nullptr;
@@ -49,8 +48,7 @@ int kelcntl_KEL__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst,
 	return rc;
 }
 
-int kelcntl_KELController__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst,
-    int nkeys, ...) noexcept
+int kelcntl_KELController__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst, int nkeys, ...) noexcept
 {
 	va_list ap;
 	va_start(ap, nkeys);
@@ -59,9 +57,8 @@ int kelcntl_KELController__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance
 	return rc;
 }
 
-int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
-    const char *vportname, const char *extra, kelcntl_KELImplInfo **implinfo,
-    kelcntl_KELError **err) noexcept
+int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname, const char *vportname,
+    const char *extra, kelcntl_KELImplInfo **implinfo, kelcntl_KELError **err) noexcept
 {
 	return nuq::client_boundary([&] {
 		if (implinfo == nullptr)
@@ -76,8 +73,8 @@ int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const ch
 	});
 }
 
-int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
-    const char *extra, const kel_vport_counters_t *last, kelcntl_KELError **err) noexcept
+int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname, const char *extra,
+    const kel_vport_counters_t *last, kelcntl_KELError **err) noexcept
 {
 	return nuq::client_boundary([&] {
 		if (vnicname == nullptr || hostname == nullptr)
@@ -92,13 +89,11 @@ int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const 
 
 int kelcntl_KEL_syncFlood(nuq_instance_t *inst, kelcntl_KELError **err) noexcept
 {
-	return nuq::client_boundary([&] {
-		return call(inst, "syncFlood", json::object(), err, [](const json &) {});
-	});
+	return nuq::client_boundary([&] { return call(inst, "syncFlood", json::object(), err, [](const json &) {}); });
 }
 
-int kelcntl_KELController_getVPortInfo(nuq_instance_t *inst, const char *filter,
-    kelcntl_VPortInfo ***array, int *count, kelcntl_KELError **err) noexcept
+int kelcntl_KELController_getVPortInfo(nuq_instance_t *inst, const char *filter, kelcntl_VPortInfo ***array, int *count,
+    kelcntl_KELError **err) noexcept
 {
 	return nuq::client_boundary([&] {
 		if (array == nullptr || count == nullptr)

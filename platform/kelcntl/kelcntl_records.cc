@@ -44,7 +44,7 @@ long long integer(const json &j, const char *key)
 	const json &v = j.at(key);
 	if (v.is_number_integer())
 		return v.get<long long>();
-	return v.get_ref<const json::number_integer_t &>();	// throws
+	return v.get_ref<const json::number_integer_t &>();  // throws
 }
 
 template <class T, void (*Free)(T *)>
@@ -62,7 +62,7 @@ void free_array(T **arr, int count)
 template <class T, void (*Free)(T *), class Make>
 T **array_from(const json &items, int *count, Make make)
 {
-	const auto &list = items.get_ref<const json::array_t &>();	// throws unless an array
+	const auto &list = items.get_ref<const json::array_t &>();  // throws unless an array
 	const size_t n = list.size();
 	kel::OwnedArray<T, free_array<T, Free>> arr(static_cast<T **>(std::calloc(n == 0 ? 1 : n, sizeof(T *))),
 	    static_cast<int>(n));
@@ -184,8 +184,8 @@ void kelcntl_VPortInfo_free(kelcntl_VPortInfo *v) noexcept
 {
 	if (v == nullptr)
 		return;
-	for (char *s : {v->evpi_name, v->evpi_uuid, v->evpi_kelname, v->evpi_keluuid,
-	         v->evpi_tenantname, v->evpi_vnicname, v->evpi_hostname})
+	for (char *s : {v->evpi_name, v->evpi_uuid, v->evpi_kelname, v->evpi_keluuid, v->evpi_tenantname,
+	         v->evpi_vnicname, v->evpi_hostname})
 		std::free(s);
 	free_array<kelcntl_PropertyNV, kelcntl_PropertyNV_free>(v->evpi_props, v->evpi_props_count);
 	std::free(v);
@@ -200,8 +200,8 @@ void kelcntl_IPnetInfo_free(kelcntl_IPnetInfo *n) noexcept
 {
 	if (n == nullptr)
 		return;
-	for (char *s : {n->eipi_name, n->eipi_uuid, n->eipi_kelname, n->eipi_keluuid,
-	         n->eipi_tenantname, n->eipi_start, n->eipi_end, n->eipi_range})
+	for (char *s : {n->eipi_name, n->eipi_uuid, n->eipi_kelname, n->eipi_keluuid, n->eipi_tenantname, n->eipi_start,
+	         n->eipi_end, n->eipi_range})
 		std::free(s);
 	free_array<kelcntl_PropertyNV, kelcntl_PropertyNV_free>(n->eipi_props, n->eipi_props_count);
 	std::free(n);
@@ -224,8 +224,8 @@ void kelcntl_KELImplInfo_free(kelcntl_KELImplInfo *info) noexcept
 	if (info == nullptr)
 		return;
 	kelcntl_KELInfo_free(info->ekelii_kelinfo);
-	for (char *s : {info->ekelii_uplink_port, info->ekelii_vxlan_localaddr,
-	         info->ekelii_vxlan_mgroup, info->ekelii_vxlan_ipvers})
+	for (char *s : {info->ekelii_uplink_port, info->ekelii_vxlan_localaddr, info->ekelii_vxlan_mgroup,
+	         info->ekelii_vxlan_ipvers})
 		std::free(s);
 	std::free(info);
 }

@@ -20,7 +20,10 @@ using frame::get16;
 using frame::put16;
 using frame::put_mac;
 
-void put_addr(std::vector<uint8_t> *out, struct in_addr a) { frame::put_bytes(out, &a.s_addr, 4); }
+void put_addr(std::vector<uint8_t> *out, struct in_addr a)
+{
+	frame::put_bytes(out, &a.s_addr, 4);
+}
 
 }  // namespace
 
@@ -59,7 +62,7 @@ std::optional<Request> parse_request(const uint8_t *f, size_t len)
 			continue;
 		}
 		if (i + 2 > blen || i + 2 + b[i + 1] > blen)
-			return std::nullopt;	// an option running past the end
+			return std::nullopt;  // an option running past the end
 		const uint8_t olen = b[i + 1];
 		const uint8_t *v = b + i + 2;
 		if (code == 53 && olen == 1)
@@ -80,7 +83,7 @@ std::vector<uint8_t> answer_frame(const Request &req, const Answer &a, const Mac
 {
 	// The BOOTP reply first: the IPv4 and UDP headers need its length.
 	std::vector<uint8_t> b(kBootp, 0);
-	b[0] = 2;	// BOOTREPLY
+	b[0] = 2;  // BOOTREPLY
 	b[1] = 1;
 	b[2] = 6;
 	std::memcpy(&b[4], &req.xid, 4);
@@ -128,7 +131,7 @@ std::vector<uint8_t> answer_frame(const Request &req, const Answer &a, const Mac
 			option(26, {static_cast<uint8_t>(a.mtu >> 8), static_cast<uint8_t>(a.mtu)});
 	}
 	b.push_back(255);
-	while (b.size() < 300)	// the smallest BOOTP message some clients take
+	while (b.size() < 300)  // the smallest BOOTP message some clients take
 		b.push_back(0);
 
 	// To the guest's own MAC address always: the frame never leaves this host. Its IP
@@ -142,10 +145,10 @@ std::vector<uint8_t> answer_frame(const Request &req, const Answer &a, const Mac
 	ethernet(&out, req.source, mac, 0x0800);
 	const size_t ip = out.size();
 	out.push_back(0x45);
-	out.push_back(0x10);	// low delay
+	out.push_back(0x10);  // low delay
 	put16(&out, static_cast<uint16_t>(kIp + kUdp + b.size()));
 	put16(&out, 0);
-	put16(&out, 0x4000);	// don't fragment
+	put16(&out, 0x4000);  // don't fragment
 	out.push_back(64);
 	out.push_back(17);
 	put16(&out, 0);
@@ -157,7 +160,7 @@ std::vector<uint8_t> answer_frame(const Request &req, const Answer &a, const Mac
 	put16(&out, kServerPort);
 	put16(&out, kClientPort);
 	put16(&out, static_cast<uint16_t>(kUdp + b.size()));
-	put16(&out, 0);	// no UDP checksum: allowed over IPv4
+	put16(&out, 0);  // no UDP checksum: allowed over IPv4
 	out.insert(out.end(), b.begin(), b.end());
 	return out;
 }
@@ -187,7 +190,7 @@ std::vector<uint8_t> arp_reply(const ArpRequest &req, const Mac &mac, struct in_
 	put_addr(&out, ip);
 	put_mac(&out, req.sha);
 	put_addr(&out, req.spa);
-	out.resize(60, 0);	// the shortest Ethernet frame
+	out.resize(60, 0);  // the shortest Ethernet frame
 	return out;
 }
 

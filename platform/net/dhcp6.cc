@@ -21,8 +21,14 @@ constexpr uint8_t kAllNodes[16] = {0xff, 2, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 
 constexpr size_t kMaxDuid = 130;
 
 enum : uint16_t {
-	kOptClientId = 1, kOptServerId = 2, kOptIaNa = 3, kOptIaAddr = 5, kOptPreference = 7,
-	kOptStatus = 13, kOptRapidCommit = 14, kOptDns = 23,
+	kOptClientId = 1,
+	kOptServerId = 2,
+	kOptIaNa = 3,
+	kOptIaAddr = 5,
+	kOptPreference = 7,
+	kOptStatus = 13,
+	kOptRapidCommit = 14,
+	kOptDns = 23,
 };
 enum : uint16_t { kSuccess = 0, kNoAddrsAvail = 2, kNotOnLink = 4 };
 
@@ -56,7 +62,8 @@ std::vector<uint8_t> ipv6_frame(const Mac &to, const Mac &mac, const uint8_t *ds
 	frame::put_bytes(&pseudo, dst, 16);
 	put32(&pseudo, static_cast<uint32_t>(payload.size()));
 	put32(&pseudo, proto);
-	const uint16_t sum = frame::fold(frame::sum16(payload.data(), payload.size(), frame::sum16(pseudo.data(), pseudo.size())));
+	const uint16_t sum = frame::fold(
+	    frame::sum16(payload.data(), payload.size(), frame::sum16(pseudo.data(), pseudo.size())));
 	payload[sum_at] = static_cast<uint8_t>(sum >> 8);
 	payload[sum_at + 1] = static_cast<uint8_t>(sum);
 
@@ -91,12 +98,15 @@ std::vector<uint8_t> ia_addr(const struct in6_addr &a, uint32_t lifetime)
 {
 	std::vector<uint8_t> v;
 	frame::put_bytes(&v, &a, 16);
-	put32(&v, lifetime);	// preferred
-	put32(&v, lifetime);	// valid
+	put32(&v, lifetime);  // preferred
+	put32(&v, lifetime);  // valid
 	return v;
 }
 
-bool same(const struct in6_addr &a, const struct in6_addr &b) { return std::memcmp(&a, &b, 16) == 0; }
+bool same(const struct in6_addr &a, const struct in6_addr &b)
+{
+	return std::memcmp(&a, &b, 16) == 0;
+}
 
 // The IA_NA options of an answer: the port's one address in the first association (with
 // any other address the guest asked for there, at lifetime 0 so that it lets go of it), and
@@ -108,8 +118,8 @@ void bindings(std::vector<uint8_t> *out, const Request &req, const Lease &lease)
 		std::vector<uint8_t> v;
 		put32(&v, ia.iaid);
 		if (i == 0) {
-			put32(&v, lease.lifetime / 2);		// T1: renew
-			put32(&v, lease.lifetime / 5 * 4);	// T2: rebind
+			put32(&v, lease.lifetime / 2);      // T1: renew
+			put32(&v, lease.lifetime / 5 * 4);  // T2: rebind
 			option(&v, kOptIaAddr, ia_addr(lease.addr, lease.lifetime));
 			for (const struct in6_addr &asked : ia.asked)
 				if (!same(asked, lease.addr))
@@ -160,15 +170,19 @@ std::optional<Request> parse_request(const uint8_t *f, size_t len)
 	r.type = m[0];
 	std::memcpy(r.xid.data(), m + 1, 3);
 	switch (r.type) {
-	case kSolicit: case kRequest: case kConfirm: case kRenew: case kRebind: case kRelease: case kDecline:
-	case kInformationRequest:
-		break;
-	default:
-		return std::nullopt;
+	case kSolicit:
+	case kRequest:
+	case kConfirm:
+	case kRenew:
+	case kRebind:
+	case kRelease:
+	case kDecline:
+	case kInformationRequest: break;
+	default: return std::nullopt;
 	}
 	for (size_t i = 4; i < mlen;) {
 		if (i + 4 > mlen || i + 4 + get16(m + i + 2) > mlen)
-			return std::nullopt;	// an option running past the end
+			return std::nullopt;  // an option running past the end
 		const uint16_t code = get16(m + i);
 		const size_t olen = get16(m + i + 2);
 		const uint8_t *v = m + i + 4;
@@ -212,7 +226,8 @@ std::optional<std::vector<uint8_t>> answer_frame(const Request &req, const Lease
 	// Who a message is for: these name their server, the others must not.
 	const bool names_server = req.type == kRequest || req.type == kRenew || req.type == kRelease ||
 	    req.type == kDecline;
-	if (names_server ? req.server_id != duid : (req.server_id && (req.type != kInformationRequest || *req.server_id != duid)))
+	if (names_server ? req.server_id != duid
+	                 : (req.server_id && (req.type != kInformationRequest || *req.server_id != duid)))
 		return std::nullopt;
 	if (req.client_id.empty() && req.type != kInformationRequest)
 		return std::nullopt;
@@ -229,14 +244,14 @@ std::optional<std::vector<uint8_t>> answer_frame(const Request &req, const Lease
 		if (req.rapid_commit)
 			option(&m, kOptRapidCommit, {});
 		else
-			option(&m, kOptPreference, {255});	// the only server for this port: take it at once
+			option(&m, kOptPreference, {255});  // the only server for this port: take it at once
 		if (!req.has_ia)
 			option(&m, kOptStatus, status(kNoAddrsAvail));
 		bindings(&m, req, lease);
 		break;
-	case kRequest: case kRenew: case kRebind:
-		bindings(&m, req, lease);
-		break;
+	case kRequest:
+	case kRenew:
+	case kRebind: bindings(&m, req, lease); break;
 	case kConfirm: {
 		// Whether the guest's addresses still fit where it is: only the port's does.
 		bool any = false, fits = true;
@@ -250,12 +265,12 @@ std::optional<std::vector<uint8_t>> answer_frame(const Request &req, const Lease
 		option(&m, kOptStatus, status(fits ? kSuccess : kNotOnLink));
 		break;
 	}
-	case kRelease: case kDecline:
+	case kRelease:
+	case kDecline:
 		// The address stays the port's whatever the guest says of it.
 		option(&m, kOptStatus, status(kSuccess));
 		break;
-	default:
-		break;
+	default: break;
 	}
 	if (!lease.dns.empty() && req.type != kRelease && req.type != kDecline) {
 		std::vector<uint8_t> v;
@@ -288,10 +303,10 @@ std::optional<Mac> parse_router_solicit(const uint8_t *f, size_t len)
 std::vector<uint8_t> router_advert(const Mac &to, const Mac &mac, const Advert &a)
 {
 	std::vector<uint8_t> icmp = {134, 0, 0, 0, 64, static_cast<uint8_t>(0x80 | (a.other ? 0x40 : 0))};
-	put16(&icmp, 0);	// router lifetime: no default router
-	put32(&icmp, 0);	// reachable time: unspecified
-	put32(&icmp, 0);	// retransmission timer: unspecified
-	icmp.push_back(1);	// source link-layer address
+	put16(&icmp, 0);    // router lifetime: no default router
+	put32(&icmp, 0);    // reachable time: unspecified
+	put32(&icmp, 0);    // retransmission timer: unspecified
+	icmp.push_back(1);  // source link-layer address
 	icmp.push_back(1);
 	frame::put_mac(&icmp, mac);
 	if (a.mtu != 0) {
@@ -302,9 +317,9 @@ std::vector<uint8_t> router_advert(const Mac &to, const Mac &mac, const Advert &
 	struct in6_addr prefix {};
 	for (int bit = 0; bit < plen; bit++)
 		prefix.s6_addr[bit / 8] |= a.prefix.s6_addr[bit / 8] & (0x80 >> (bit % 8));
-	icmp.insert(icmp.end(), {3, 4, static_cast<uint8_t>(plen), 0x80});	// on the link; not for autoconfiguration
-	put32(&icmp, a.lifetime);	// valid
-	put32(&icmp, a.lifetime);	// preferred
+	icmp.insert(icmp.end(), {3, 4, static_cast<uint8_t>(plen), 0x80});  // on the link; not for autoconfiguration
+	put32(&icmp, a.lifetime);                                           // valid
+	put32(&icmp, a.lifetime);                                           // preferred
 	put32(&icmp, 0);
 	frame::put_bytes(&icmp, &prefix, 16);
 	return ipv6_frame(to, mac, kAllNodes, kIcmp6Proto, 255, std::move(icmp), 2);

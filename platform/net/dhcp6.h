@@ -19,8 +19,16 @@ using Mac = kel::frame::Mac;
 
 // DHCPv6 message types.
 enum : uint8_t {
-	kSolicit = 1, kAdvertise = 2, kRequest = 3, kConfirm = 4, kRenew = 5, kRebind = 6, kReply = 7,
-	kRelease = 8, kDecline = 9, kInformationRequest = 11,
+	kSolicit = 1,
+	kAdvertise = 2,
+	kRequest = 3,
+	kConfirm = 4,
+	kRenew = 5,
+	kRebind = 6,
+	kReply = 7,
+	kRelease = 8,
+	kDecline = 9,
+	kInformationRequest = 11,
 };
 
 // Bounds on what a request may carry: one port has one address, so more than a few
@@ -29,19 +37,19 @@ constexpr size_t kMaxIas = 4;
 constexpr size_t kMaxAddrsPerIa = 4;
 
 struct Request {
-	Mac source{};			// the frame's source address
-	struct in6_addr from {};	// the link-local address it came from: the answer's destination
+	Mac source{};             // the frame's source address
+	struct in6_addr from {};  // the link-local address it came from: the answer's destination
 	uint8_t type = 0;
 	std::array<uint8_t, 3> xid{};
-	std::vector<uint8_t> client_id;	// the client's DUID, as sent
+	std::vector<uint8_t> client_id;  // the client's DUID, as sent
 	std::optional<std::vector<uint8_t>> server_id;
 	bool rapid_commit = false;
-	bool has_ia = false;		// any IA_NA at all (some beyond kMaxIas are not kept)
+	bool has_ia = false;  // any IA_NA at all (some beyond kMaxIas are not kept)
 	struct Ia {
 		uint32_t iaid = 0;
 		std::vector<struct in6_addr> asked;
 	};
-	std::vector<Ia> ias;		// the IA_NAs, at most kMaxIas
+	std::vector<Ia> ias;  // the IA_NAs, at most kMaxIas
 };
 
 // A client message to ff02::1:2, UDP port 547, from a link-local address, in an untagged
@@ -51,7 +59,7 @@ std::optional<Request> parse_request(const uint8_t *frame, size_t len);
 // What the port gets.
 struct Lease {
 	struct in6_addr addr {};
-	uint32_t lifetime = 0;		// seconds
+	uint32_t lifetime = 0;  // seconds
 	std::vector<struct in6_addr> dns;
 };
 
@@ -70,9 +78,9 @@ std::optional<Mac> parse_router_solicit(const uint8_t *frame, size_t len);
 struct Advert {
 	struct in6_addr prefix {};
 	int plen = 64;
-	uint16_t mtu = 0;		// 0: not sent
-	bool other = false;		// more to ask DHCPv6 for (name servers)
-	uint32_t lifetime = 0;		// the prefix's, in seconds
+	uint16_t mtu = 0;       // 0: not sent
+	bool other = false;     // more to ask DHCPv6 for (name servers)
+	uint32_t lifetime = 0;  // the prefix's, in seconds
 };
 
 // A router advertisement to all nodes, in a frame to `to` alone, from `mac`'s link-local

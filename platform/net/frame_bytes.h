@@ -12,8 +12,14 @@ namespace kel::frame {
 
 using Mac = std::array<uint8_t, 6>;
 
-inline uint16_t get16(const uint8_t *p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
-inline uint32_t get32(const uint8_t *p) { return static_cast<uint32_t>(get16(p)) << 16 | get16(p + 2); }
+inline uint16_t get16(const uint8_t *p)
+{
+	return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
+inline uint32_t get32(const uint8_t *p)
+{
+	return static_cast<uint32_t>(get16(p)) << 16 | get16(p + 2);
+}
 
 inline void put16(std::vector<uint8_t> *out, uint16_t v)
 {
@@ -33,7 +39,10 @@ inline void put_bytes(std::vector<uint8_t> *out, const void *p, size_t n)
 	out->insert(out->end(), b, b + n);
 }
 
-inline void put_mac(std::vector<uint8_t> *out, const Mac &m) { out->insert(out->end(), m.begin(), m.end()); }
+inline void put_mac(std::vector<uint8_t> *out, const Mac &m)
+{
+	out->insert(out->end(), m.begin(), m.end());
+}
 
 // The one's complement sum of `len` bytes from `p`, added to `sum` (not folded), so that
 // a pseudo-header and a payload can be summed in parts.

@@ -35,8 +35,7 @@ bool dlparse_drvppa(const char *name, char *driver, size_t driverlen, uint32_t *
 // ("vnic0", "tenant1/vnic0"). Link names have 1-15 characters, namespace names 1-255,
 // both of letters, digits, '_', '-' and '.', and neither is "." or "..". The parts go
 // to `link` and `ns` (the namespace empty when none was given), each when given.
-bool dlparse_zonelinkname(const char *name, char *link, size_t linklen, char *ns,
-    size_t nslen) noexcept;
+bool dlparse_zonelinkname(const char *name, char *link, size_t linklen, char *ns, size_t nslen) noexcept;
 
 // Whether `sa` holds the unspecified address of its family (0.0.0.0 or ::). False for
 // any other address and for families other than IPv4 and IPv6.
@@ -46,5 +45,4 @@ bool sockaddrunspec(const struct sockaddr *sa);
 // unspecified, loopback, multicast or broadcast (nor in 0/8, nor IPv4 written as IPv6).
 // Its family (AF_INET or AF_INET6) goes to *family when given.
 bool unicast_endpoint(const char *text, int *family);
-
 }

@@ -11,8 +11,8 @@ namespace {
 
 constexpr size_t kMaxHostName = 253;
 constexpr size_t kMaxLabel = 63;
-constexpr size_t kMaxLinkName = 15;	// IFNAMSIZ less the terminator
-constexpr size_t kMaxNsName = 255;	// a file name under /run/netns
+constexpr size_t kMaxLinkName = 15;  // IFNAMSIZ less the terminator
+constexpr size_t kMaxNsName = 255;   // a file name under /run/netns
 
 bool alnum(char c)
 {
@@ -26,8 +26,7 @@ bool digit(char c)
 
 bool valid_label(std::string_view label)
 {
-	if (label.empty() || label.size() > kMaxLabel || label.front() == '-' ||
-	    label.back() == '-')
+	if (label.empty() || label.size() > kMaxLabel || label.front() == '-' || label.back() == '-')
 		return false;
 	for (char c : label)
 		if (!alnum(c) && c != '-')
@@ -91,8 +90,7 @@ bool dlparse_drvppa(const char *name, char *driver, size_t driverlen, uint32_t *
 		start--;
 	const std::string_view drv = text.substr(0, start), number = text.substr(start);
 	// "net01" is not an instance number; nor is a number past 32 bits.
-	if (drv.empty() || number.empty() || (number.size() > 1 && number[0] == '0') ||
-	    number.size() > 10)
+	if (drv.empty() || number.empty() || (number.size() > 1 && number[0] == '0') || number.size() > 10)
 		return false;
 	for (char c : drv)
 		if (!alnum(c) && c != '_' && c != '.')

@@ -1,7 +1,7 @@
 #include "client.h"
 
-#include <signal.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -42,7 +42,6 @@ std::chrono::milliseconds call_timeout()
 
 namespace {
 
-
 // What ssh said since the last exchange is passed on before the next, so that a
 // talkative ssh (a configuration asking for its debug output) never fills the pipe and
 // stalls.
@@ -56,8 +55,7 @@ void pass_on_errors(nuq_conn_t *conn)
 
 namespace nuq {
 
-int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *result,
-    json *error)
+int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *result, json *error)
 {
 	if (conn->broken)
 		return NUQ_E_CLOSED;
@@ -79,7 +77,7 @@ int exchange(nuq_conn_t *conn, const std::string &op, const json &params, json *
 	// A reply is held to the same nesting bound as a request: it may come from a host
 	// that is not to be trusted.
 	const json reply = nuq::nesting_within(line, nuq::kMaxNesting) ? json::parse(line, nullptr, false)
-	                                                                : json(json::value_t::discarded);
+	                                                               : json(json::value_t::discarded);
 	const json *reply_id = nuq::member(reply, "id");
 	if (reply_id == nullptr) {
 		conn->broken = true;
@@ -141,8 +139,8 @@ int call(nuq_instance_t *inst, const char *method, const json &args, json *resul
 		pass_on_errors(inst->conn);
 		json res;
 		const int rc = exchange(inst->conn, "call",
-		    {{"interface", inst->interface}, {"keys", inst->keys}, {"method", method}, {"args", args}},
-		    &res, error);
+		    {{"interface", inst->interface}, {"keys", inst->keys}, {"method", method}, {"args", args}}, &res,
+		    error);
 		if (rc == NUQ_E_SUCCESS && result != nullptr)
 			*result = std::move(res);
 		return rc;
@@ -151,8 +149,7 @@ int call(nuq_instance_t *inst, const char *method, const json &args, json *resul
 	}
 }
 
-int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
-    int nkeys, va_list ap)
+int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out, int nkeys, va_list ap)
 {
 	if (out == nullptr)
 		return NUQ_E_BADARGS;
@@ -166,7 +163,7 @@ int lookup_v(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t
 			const char *value = va_arg(ap, const char *);
 			if (name == nullptr)
 				return NUQ_E_BADARGS;
-			if (value != nullptr)	// a key without a value is left to the server's default
+			if (value != nullptr)  // a key without a value is left to the server's default
 				keys[name] = value;
 		}
 		if (strict == NUQ_LOOKUP_NAMED) {
@@ -213,11 +210,11 @@ nuq_conn_t *nuq_connect_uri(const nuq_uri_t *uri, void *)
 				return nullptr;
 			nuq_conn_t *conn = nuq::connect_fds(fd.get(), fd.get());
 			if (conn != nullptr)
-				(void)fd.release();	// the connection's from now on
+				(void)fd.release();  // the connection's from now on
 			return conn;
 		}
 		if (*nuq_uri_get_host(uri) == '\0')
-			return nullptr;	// an ssh template without a host reaches nobody
+			return nullptr;  // an ssh template without a host reaches nobody
 		return nuq::connect_ssh(uri);
 	} catch (const std::bad_alloc &) {
 		return nullptr;
@@ -251,8 +248,7 @@ void nuq_disconnect(nuq_conn_t *conn) noexcept
 	delete conn;
 }
 
-int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
-    int nkeys, ...)
+int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out, int nkeys, ...)
 {
 	va_list ap;
 	va_start(ap, nkeys);

@@ -16,17 +16,17 @@
 #include "wire.h"
 
 struct nuq_conn {
-	int in = -1;		// replies come from here
-	int out = -1;		// requests go there (the same socket for unix://)
-	pid_t relay = -1;	// the ssh process, for ssh://
-	int relay_errors = -1;	// what it writes to its standard error (non-blocking)
-	std::string host;	// where it goes, to name in what it says
+	int in = -1;            // replies come from here
+	int out = -1;           // requests go there (the same socket for unix://)
+	pid_t relay = -1;       // the ssh process, for ssh://
+	int relay_errors = -1;  // what it writes to its standard error (non-blocking)
+	std::string host;       // where it goes, to name in what it says
 	nuq::LineReader reader{-1};
-	std::mutex mutex;	// one call at a time per connection
+	std::mutex mutex;  // one call at a time per connection
 	long next_id = 1;
 	std::chrono::milliseconds timeout{30000};
-	bool broken = false;	// after a time-out or a framing error replies cannot be matched
-	nuq::FileSlot session;	// its place among the sessions on a shared ssh connection
+	bool broken = false;    // after a time-out or a framing error replies cannot be matched
+	nuq::FileSlot session;  // its place among the sessions on a shared ssh connection
 };
 
 namespace nuq {

@@ -6,8 +6,8 @@
 #include <mutex>
 #include <vector>
 
-#include "nuq_uri.h"
 #include "nuq_errors.h"
+#include "nuq_uri.h"
 
 namespace nuq {
 namespace {
@@ -30,13 +30,13 @@ struct Idle {
 
 struct Pool {
 	std::mutex mutex;
-	std::vector<Idle> idle;	// oldest first
+	std::vector<Idle> idle;  // oldest first
 	pid_t owner = getpid();
 };
 
 Pool &pool()
 {
-	static Pool *p = new Pool;	// never destroyed: a connection may come back at exit
+	static Pool *p = new Pool;  // never destroyed: a connection may come back at exit
 	return *p;
 }
 
@@ -61,7 +61,8 @@ void expire(std::vector<nuq_conn_t *> *closing)
 	std::vector<Idle> &idle = idle_here();
 	const Clock::time_point now = Clock::now();
 	size_t keep_from = 0;
-	while (keep_from < idle.size() && (now - idle[keep_from].since > kMaxIdle || idle.size() - keep_from > kMaxKept))
+	while (
+	    keep_from < idle.size() && (now - idle[keep_from].since > kMaxIdle || idle.size() - keep_from > kMaxKept))
 		closing->push_back(idle[keep_from++].conn);
 	idle.erase(idle.begin(), idle.begin() + static_cast<std::ptrdiff_t>(keep_from));
 }

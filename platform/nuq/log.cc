@@ -52,8 +52,8 @@ void write_limited(Limiter &limiter, int priority, const std::string &text)
 	unsigned long suppressed = 0;
 	if (!limiter.allow(&suppressed))
 		return;
-	write(priority, suppressed == 0 ? text
-	                                : text + " (and " + std::to_string(suppressed) + " more like it not logged)");
+	write(priority,
+	    suppressed == 0 ? text : text + " (and " + std::to_string(suppressed) + " more like it not logged)");
 }
 
 }  // namespace nuq::log

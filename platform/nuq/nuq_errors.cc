@@ -6,7 +6,7 @@ constexpr int kParseError = -32700;
 constexpr int kInvalidRequest = -32600;
 constexpr int kMethodNotFound = -32601;
 constexpr int kInvalidParams = -32602;
-constexpr int kServerBase = -32000;	// -32000 to -32099: defined by the server
+constexpr int kServerBase = -32000;  // -32000 to -32099: defined by the server
 
 }  // namespace
 
@@ -61,8 +61,7 @@ int from_wire_code(long code)
 	case NUQ_E_DENIED:
 	case NUQ_E_NOINTERFACE:
 	case NUQ_E_SYSTEM:
-	case NUQ_E_BUSY:
-		return static_cast<int>(err);
+	case NUQ_E_BUSY: return static_cast<int>(err);
 	}
 	return NUQ_E_PROTOCOL;
 }

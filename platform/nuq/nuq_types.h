@@ -25,12 +25,10 @@ void nuq_disconnect(nuq_conn_t *conn) noexcept;
 // fails with NUQ_E_NOTFOUND, as the lookup would have, one exchange later. For callers that
 // know the object's keys (from the server, or whole from their own caller) and call at once.
 #define NUQ_LOOKUP_NAMED 2
-int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out,
-    int nkeys, ...);
+int nuq_lookup(nuq_conn_t *conn, const char *interface, int strict, nuq_instance_t **out, int nkeys, ...);
 void nuq_instance_rele(nuq_instance_t *inst) noexcept;
 // Whether `conn`, between calls, can still carry them: false once an exchange on it failed
 // in a way that leaves its replies unmatched (a time-out, a closed pipe, a reply out of
 // order), or when its other end has closed it since.
 int nuq_conn_usable(const nuq_conn_t *conn);
-
 }

@@ -119,10 +119,25 @@ void nuq_free_uri(nuq_uri_t *uri)
 	delete uri;
 }
 
-nuq_scheme_t nuq_uri_get_scheme(const nuq_uri_t *uri) { return uri->scheme; }
-const char *nuq_uri_get_user(const nuq_uri_t *uri) { return uri->user.c_str(); }
-const char *nuq_uri_get_host(const nuq_uri_t *uri) { return uri->host.c_str(); }
-int nuq_uri_get_port(const nuq_uri_t *uri) { return uri->port; }
-const char *nuq_uri_get_path(const nuq_uri_t *uri) { return uri->path.c_str(); }
+nuq_scheme_t nuq_uri_get_scheme(const nuq_uri_t *uri)
+{
+	return uri->scheme;
+}
+const char *nuq_uri_get_user(const nuq_uri_t *uri)
+{
+	return uri->user.c_str();
+}
+const char *nuq_uri_get_host(const nuq_uri_t *uri)
+{
+	return uri->host.c_str();
+}
+int nuq_uri_get_port(const nuq_uri_t *uri)
+{
+	return uri->port;
+}
+const char *nuq_uri_get_path(const nuq_uri_t *uri)
+{
+	return uri->path.c_str();
+}
 
 }  // extern "C"

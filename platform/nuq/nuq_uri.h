@@ -9,10 +9,7 @@
 extern "C" {
 
 // Scheme bits, combined into the mask of schemes a caller accepts.
-typedef enum {
-	NUQS_UNIX = 0x1,
-	NUQS_SSH = 0x8
-} nuq_scheme_t;
+typedef enum { NUQS_UNIX = 0x1, NUQS_SSH = 0x8 } nuq_scheme_t;
 
 typedef struct nuq_uri nuq_uri_t;
 
@@ -26,5 +23,4 @@ const char *nuq_uri_get_user(const nuq_uri_t *uri);
 const char *nuq_uri_get_host(const nuq_uri_t *uri);
 int nuq_uri_get_port(const nuq_uri_t *uri);
 const char *nuq_uri_get_path(const nuq_uri_t *uri);
-
 }

@@ -74,19 +74,21 @@ size_t value_end(std::string_view text, size_t at)
 // last one when the name repeats, as the parser keeps the last. Empty when there is none.
 std::string_view id_text(std::string_view line)
 {
-	constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";	// the parser skips one
-	size_t i = skip_space(line, line.substr(0, kByteOrderMark.size()) == kByteOrderMark ? kByteOrderMark.size() : 0);
+	constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";  // the parser skips one
+	size_t i = skip_space(line,
+	    line.substr(0, kByteOrderMark.size()) == kByteOrderMark ? kByteOrderMark.size() : 0);
 	std::string_view found;
 	if (i >= line.size() || line[i] != '{')
 		return found;
 	for (i = skip_space(line, i + 1); i < line.size() && line[i] == '"';) {
 		const size_t name_end = value_end(line, i);
 		const std::string_view name = line.substr(i, name_end - i);
-		const size_t start = skip_space(line, skip_space(line, name_end) + 1);	// past the colon
+		const size_t start = skip_space(line, skip_space(line, name_end) + 1);  // past the colon
 		const size_t end = value_end(line, start);
 		// A name may be written with escapes ("\u0069d").
 		if (name == "\"id\"" ||
-		    (name.find('\\') != std::string_view::npos && Json::parse(name.begin(), name.end(), nullptr, false) == "id"))
+		    (name.find('\\') != std::string_view::npos &&
+		        Json::parse(name.begin(), name.end(), nullptr, false) == "id"))
 			found = line.substr(start, end - start);
 		i = skip_space(line, end);
 		if (i < line.size() && line[i] == ',')
@@ -118,7 +120,7 @@ bool nesting_within(std::string_view text, int limit)
 			if (++depth > limit)
 				return false;
 		} else if ((c == ']' || c == '}') && depth > 0) {
-			depth--;	// unbalanced text is the parser's to refuse
+			depth--;  // unbalanced text is the parser's to refuse
 		}
 	}
 	return true;

@@ -30,7 +30,7 @@ struct Request {
 	// integer beyond 64 bits nor the written form of a number ("1.50", "1e2").
 	std::string id = kNullId;
 	std::string method;
-	Json params;	// an object
+	Json params;  // an object
 };
 
 // Reads one line into *req: NUQ_E_SUCCESS, NUQ_E_PARSE (not JSON, or too deep) or

@@ -223,7 +223,7 @@ bool Server::listen(const std::string &path)
 		return false;
 	addr.sun_family = AF_UNIX;
 	std::memcpy(addr.sun_path, side.c_str(), side.size() + 1);
-	(void)unlink(side.c_str());	// a socket left by a daemon that died
+	(void)unlink(side.c_str());  // a socket left by a daemon that died
 	if (bind(listen_fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr)) != 0)
 		return false;
 	// Access is decided per caller (root or the kel group), not by the file mode.
@@ -316,7 +316,7 @@ void Server::admit(int fd)
 		users_++;
 	clients_.push_back(fd);
 	if (stopping_)
-		shutdown(fd, SHUT_RDWR);	// stop() ran while this one was accepted
+		shutdown(fd, SHUT_RDWR);  // stop() ran while this one was accepted
 	try {
 		std::thread([this, fd, uid = caller.uid] { serve(fd, uid); }).detach();
 	} catch (const std::exception &) {
@@ -353,10 +353,10 @@ void Server::serve(int fd, uid_t uid)
 		const ReadResult r = reader.read(&line, limits_.idle);
 		if (r == ReadResult::TooLong) {
 			(void)write_line(fd, error_reply(kNullId, NUQ_E_REQUEST));
-			break;	// the rest of the stream cannot be framed any more
+			break;  // the rest of the stream cannot be framed any more
 		}
 		if (r != ReadResult::Line)
-			break;	// closed, failed, or idle too long
+			break;  // closed, failed, or idle too long
 		if (!write_line(fd, dispatcher_.handle(line)))
 			break;
 	}

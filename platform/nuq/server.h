@@ -13,8 +13,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "request.h"
@@ -64,7 +64,7 @@ struct Caller {
 	uid_t uid = 0;
 	gid_t gid = 0;
 	pid_t pid = 0;
-	std::vector<gid_t> groups;	// supplementary groups
+	std::vector<gid_t> groups;  // supplementary groups
 };
 
 // The caller at the far end of unix socket `fd`; false when the kernel cannot tell.
@@ -80,9 +80,9 @@ struct Limits {
 	// A connection that sends no whole request for this long is closed; so is one that
 	// does not read its replies for as long.
 	std::chrono::milliseconds idle{60000};
-	size_t per_user = 32;	// open connections of any one uid but root
-	size_t users = 256;	// open connections of all uids but root together
-	size_t root = 64;	// root's own share, which nobody else can use up
+	size_t per_user = 32;  // open connections of any one uid but root
+	size_t users = 256;    // open connections of all uids but root together
+	size_t root = 64;      // root's own share, which nobody else can use up
 };
 
 class Server {
@@ -113,11 +113,11 @@ private:
 	int wake_[2] = {-1, -1};
 	std::atomic<bool> stopping_{false};
 	std::mutex mutex_;
-	std::condition_variable idle_;	// signalled as connections end
+	std::condition_variable idle_;  // signalled as connections end
 	std::optional<gid_t> group_;
-	std::vector<int> clients_;	// open connections, one detached thread each
+	std::vector<int> clients_;  // open connections, one detached thread each
 	std::map<uid_t, size_t> per_uid_;
-	size_t users_ = 0;	// connections of uids other than root
+	size_t users_ = 0;  // connections of uids other than root
 };
 
 // Builds the error reply for a request id, given as JSON text (Request::id, kNullId).

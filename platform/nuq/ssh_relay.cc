@@ -6,9 +6,9 @@
 // costs an ssh client, a remote shell and the bridge, started anew for each call (some
 // 20 ms), while a forwarded call costs a connect.
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -184,10 +184,10 @@ int relay_status(nuq_conn_t *conn)
 }
 
 struct Attempt {
-	nuq_conn_t *conn = nullptr;	// the connection made
-	std::string keld_socket;	// where keld listens on its host, as its ping answered
-	bool again = false;	// else: ssh failed to set it up, before any reply
-	std::string words;	// what ssh said of the failure, kept back
+	nuq_conn_t *conn = nullptr;  // the connection made
+	std::string keld_socket;     // where keld listens on its host, as its ping answered
+	bool again = false;          // else: ssh failed to set it up, before any reply
+	std::string words;           // what ssh said of the failure, kept back
 };
 
 // keld's answer to a ping: where it listens, when it says so.
@@ -218,7 +218,7 @@ Attempt try_ssh(const nuq_uri_t *uri, const std::vector<std::string> &share)
 		waitpid(pid, nullptr, 0);
 		return attempt;
 	}
-	(void)to_child.release();	// the connection's from now on
+	(void)to_child.release();  // the connection's from now on
 	(void)from_child.release();
 	conn->relay = pid;
 	conn->relay_errors = errors.get();
@@ -227,7 +227,7 @@ Attempt try_ssh(const nuq_uri_t *uri, const std::vector<std::string> &share)
 	json pong;
 	const int rc = nuq::exchange(conn, "ping", json::object(), &pong, nullptr);
 	if (rc == NUQ_E_SUCCESS) {
-		(void)errors.release();	// the connection's, as conn->relay_errors
+		(void)errors.release();  // the connection's, as conn->relay_errors
 		attempt.conn = conn;
 		attempt.keld_socket = socket_of(pong);
 		return attempt;
@@ -252,7 +252,7 @@ nuq_conn_t *connect_forwarded(const std::string &socket, const char *host)
 	nuq_conn_t *conn = nuq::connect_fds(fd.get(), fd.get());
 	if (conn == nullptr)
 		return nullptr;
-	(void)fd.release();	// the connection's from now on
+	(void)fd.release();  // the connection's from now on
 	conn->host = host;
 	json pong;
 	if (nuq::exchange(conn, "ping", json::object(), &pong, nullptr) == NUQ_E_SUCCESS)
@@ -333,15 +333,16 @@ nuq_conn_t *offer_forward(const nuq_uri_t *uri, const nuq::SshShare &share, cons
 		close(fd);
 	} else {
 		(void)unlink(forward.c_str());
-		std::vector<std::string> argv =
-		    ssh_argv(uri, {"-o", "ControlPath=" + share.control_socket(), "-O", "forward", "-L",
-		                      forward + ":" + keld_socket});
+		std::vector<std::string> argv = ssh_argv(uri,
+		    {"-o", "ControlPath=" + share.control_socket(), "-O", "forward", "-L",
+		        forward + ":" + keld_socket});
 		if (!run_control(std::move(argv)))
 			return nullptr;
 	}
 	if (nuq_conn_t *conn = connect_forwarded(forward, nuq_uri_get_host(uri)); conn != nullptr)
 		return conn;
-	const int marker = open(share.refused_file().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+	const int marker = open(share.refused_file().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+	    0600);
 	if (marker != -1)
 		close(marker);
 	return nullptr;
@@ -369,7 +370,7 @@ nuq_conn_t *connect_ssh(const nuq_uri_t *uri)
 	nuq::FileSlot session;
 	if (share.enabled() &&
 	    (session = nuq::FileSlot(share.sessions_file(), nuq::SshShare::kSessions, deadline)).timed_out())
-		return nullptr;	// the call's time is up, waiting for a session
+		return nullptr;  // the call's time is up, waiting for a session
 	std::minstd_rand jitter(std::random_device{}());
 	std::chrono::milliseconds pause = kFirstPause;
 	for (int logins = 0;;) {
@@ -377,8 +378,8 @@ nuq_conn_t *connect_ssh(const nuq_uri_t *uri)
 		nuq::FileSlot setup;
 		if (share.enabled() && !through_master) {
 			if ((setup = nuq::FileSlot(share.setup_file(), 1, deadline)).timed_out())
-				return nullptr;	// likewise, waiting for another's set-up
-			through_master = share.master_up();	// made while this one waited
+				return nullptr;              // likewise, waiting for another's set-up
+			through_master = share.master_up();  // made while this one waited
 		}
 		logins += through_master ? 0 : 1;
 		Attempt attempt = try_ssh(uri, share.options(through_master));

@@ -22,8 +22,8 @@ constexpr long kDefaultPersistSeconds = 60;
 // ssh first makes a control socket under its name and a 17-character suffix.
 constexpr size_t kSshSuffixLen = 17;
 // Socket names are name-based UUIDs of the destination in this namespace (32 digits).
-constexpr uuid_t kSocketNames = {0x08, 0x2d, 0x06, 0x30, 0x27, 0x00, 0x44, 0x68, 0xb8, 0xe1, 0x16, 0x53,
-    0xc5, 0xeb, 0xc6, 0xba};
+constexpr uuid_t kSocketNames = {0x08, 0x2d, 0x06, 0x30, 0x27, 0x00, 0x44, 0x68, 0xb8, 0xe1, 0x16, 0x53, 0xc5, 0xeb,
+    0xc6, 0xba};
 constexpr size_t kSocketNameLen = 32;
 constexpr std::chrono::milliseconds kLockPoll{10};
 
@@ -57,8 +57,7 @@ std::string socket_name(const std::string &destination)
 bool private_dir(const std::string &dir, uid_t uid)
 {
 	struct stat st;
-	return lstat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == uid &&
-	    (st.st_mode & 077) == 0;
+	return lstat(dir.c_str(), &st) == 0 && S_ISDIR(st.st_mode) && st.st_uid == uid && (st.st_mode & 077) == 0;
 }
 
 SshShare::SshShare(const std::string &destination) : destination_(destination), persist_(persist_seconds())
@@ -132,6 +131,5 @@ FileSlot::FileSlot(const std::string &file, int slots, std::chrono::steady_clock
 		std::this_thread::sleep_for(kLockPoll);
 	}
 }
-
 
 }  // namespace nuq

@@ -70,7 +70,7 @@ public:
 	bool timed_out() const { return timed_out_; }
 
 private:
-	kel::UniqueFd fd_;	// the slot goes with the open file
+	kel::UniqueFd fd_;  // the slot goes with the open file
 	bool timed_out_ = false;
 };
 

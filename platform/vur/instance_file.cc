@@ -1,8 +1,8 @@
 #include "instance_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -151,8 +151,8 @@ int write_atomically(const std::string &path, const std::string &text)
 	if (fd == -1)
 		return errno == EACCES ? VUR_ERROR_PERMISSION_DENIED : VUR_ERROR_BACKEND_ACCESS;
 	// Readable by every user whatever the umask: the settings are not secret.
-	bool ok = fchmod(fd, 0644) == 0 &&
-	    write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) && fsync(fd) == 0;
+	bool ok = fchmod(fd, 0644) == 0 && write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
+	    fsync(fd) == 0;
 	ok = close(fd) == 0 && ok;
 	if (!ok || rename(tmp.c_str(), path.c_str()) != 0) {
 		unlink(tmp.c_str());
@@ -212,7 +212,7 @@ int load(const std::string &path, InstanceFile *out)
 	try {
 		return parse(text, out) ? VUR_ERROR_NONE : VUR_ERROR_BACKEND_ACCESS;
 	} catch (const std::exception &) {
-		return VUR_ERROR_BACKEND_ACCESS;	// a number that does not read
+		return VUR_ERROR_BACKEND_ACCESS;  // a number that does not read
 	}
 }
 

@@ -19,14 +19,14 @@ struct Property {
 struct Group {
 	std::string name;
 	std::string type;
-	uint64_t generation = 0;	// the file generation of the group's last change
+	uint64_t generation = 0;  // the file generation of the group's last change
 	std::vector<Property> props;
 
 	Property *find(const std::string &prop);
 };
 
 struct InstanceFile {
-	uint64_t generation = 0;	// raised by every write
+	uint64_t generation = 0;  // raised by every write
 	std::vector<Group> groups;
 
 	Group *find(const std::string &group);

@@ -35,10 +35,10 @@ pid_t recorded_pid()
 
 extern "C" int tog_refresh_instance(const char *fmri)
 {
-	(void)fmri;	// one daemon serves every instance
+	(void)fmri;  // one daemon serves every instance
 	const pid_t pid = recorded_pid();
 	if (pid == 0 || !is_keld(pid))
-		return 0;	// no daemon runs: nothing to refresh
+		return 0;  // no daemon runs: nothing to refresh
 	if (kill(pid, SIGHUP) == 0 || errno == ESRCH)
 		return 0;
 	vur::set_error(errno == EPERM ? VUR_ERROR_PERMISSION_DENIED : VUR_ERROR_BACKEND_ACCESS);

@@ -17,13 +17,13 @@ struct vur_handle {
 struct vur_instance {
 	vur_handle_t *handle;
 	std::string fmri;
-	std::string path;	// empty until decoded
+	std::string path;  // empty until decoded
 };
 
 struct vur_propertygroup {
 	vur_handle_t *handle;
-	std::string path;	// the instance's file; empty until fetched
-	vur::Group group;	// as read when fetched or updated
+	std::string path;  // the instance's file; empty until fetched
+	vur::Group group;  // as read when fetched or updated
 };
 
 struct vur_property {
@@ -59,7 +59,7 @@ struct Op {
 
 struct vur_transaction {
 	vur_handle_t *handle;
-	vur_propertygroup_t *pg = nullptr;	// set by start
+	vur_propertygroup_t *pg = nullptr;  // set by start
 	uint64_t start_generation = 0;
 	std::vector<Op> ops;
 };
@@ -67,8 +67,8 @@ struct vur_transaction {
 struct vur_iter {
 	vur_handle_t *handle;
 	std::string path;
-	std::vector<vur::Group> groups;	// iterating groups
-	std::vector<vur::Property> props;	// or properties of one group
+	std::vector<vur::Group> groups;    // iterating groups
+	std::vector<vur::Property> props;  // or properties of one group
 	size_t next = 0;
 	bool over_groups = true;
 };
@@ -207,13 +207,21 @@ int vur_handle_unbind(vur_handle_t *h)
 	return 0;
 }
 
-void vur_handle_destroy(vur_handle_t *h) { delete h; }
+void vur_handle_destroy(vur_handle_t *h)
+{
+	delete h;
+}
 
-vur_instance_t *vur_instance_create(vur_handle_t *h) { return make<vur_instance_t>(h); }
-void vur_instance_destroy(vur_instance_t *inst) { delete inst; }
+vur_instance_t *vur_instance_create(vur_handle_t *h)
+{
+	return make<vur_instance_t>(h);
+}
+void vur_instance_destroy(vur_instance_t *inst)
+{
+	delete inst;
+}
 
-int vur_handle_decode_fmri(vur_handle_t *h, const char *fmri, void *, void *,
-    vur_instance_t *inst, void *, void *, int)
+int vur_handle_decode_fmri(vur_handle_t *h, const char *fmri, void *, void *, vur_instance_t *inst, void *, void *, int)
 {
 	if (h == nullptr || fmri == nullptr || inst == nullptr)
 		return fail(VUR_ERROR_INVALID_ARGUMENT);
@@ -227,15 +235,33 @@ int vur_handle_decode_fmri(vur_handle_t *h, const char *fmri, void *, void *,
 	return 0;
 }
 
-vur_propertygroup_t *vur_pg_create(vur_handle_t *h) { return make<vur_propertygroup_t>(h); }
-void vur_pg_destroy(vur_propertygroup_t *pg) { delete pg; }
-vur_property_t *vur_property_create(vur_handle_t *h) { return make<vur_property_t>(h); }
-void vur_property_destroy(vur_property_t *prop) { delete prop; }
-vur_value_t *vur_value_create(vur_handle_t *h) { return make<vur_value_t>(h); }
-void vur_value_destroy(vur_value_t *val) { delete val; }
+vur_propertygroup_t *vur_pg_create(vur_handle_t *h)
+{
+	return make<vur_propertygroup_t>(h);
+}
+void vur_pg_destroy(vur_propertygroup_t *pg)
+{
+	delete pg;
+}
+vur_property_t *vur_property_create(vur_handle_t *h)
+{
+	return make<vur_property_t>(h);
+}
+void vur_property_destroy(vur_property_t *prop)
+{
+	delete prop;
+}
+vur_value_t *vur_value_create(vur_handle_t *h)
+{
+	return make<vur_value_t>(h);
+}
+void vur_value_destroy(vur_value_t *val)
+{
+	delete val;
+}
 
-int vur_instance_get_pg_composed(const vur_instance_t *inst, const vur_snapshot_t *,
-    const char *name, vur_propertygroup_t *pg)
+int vur_instance_get_pg_composed(const vur_instance_t *inst, const vur_snapshot_t *, const char *name,
+    vur_propertygroup_t *pg)
 {
 	return vur_instance_get_pg(inst, name, pg);
 }
@@ -249,8 +275,8 @@ int vur_instance_get_pg(const vur_instance_t *inst, const char *name, vur_proper
 	return fetch_group(inst->path, name, pg);
 }
 
-int vur_instance_add_pg(const vur_instance_t *inst, const char *name, const char *type,
-    uint32_t, vur_propertygroup_t *pg)
+int vur_instance_add_pg(const vur_instance_t *inst, const char *name, const char *type, uint32_t,
+    vur_propertygroup_t *pg)
 {
 	if (inst == nullptr || name == nullptr || type == nullptr || pg == nullptr || *name == '\0' ||
 	    std::strpbrk(name, "[]\n") != nullptr)
@@ -352,8 +378,7 @@ ssize_t vur_value_get_as_string(const vur_value_t *val, char *buf, size_t size)
 	return copy_out(val->text, buf, size);
 }
 
-ssize_t vur_value_get_as_string_typed(const vur_value_t *val, vur_type_t type, char *buf,
-    size_t size)
+ssize_t vur_value_get_as_string_typed(const vur_value_t *val, vur_type_t type, char *buf, size_t size)
 {
 	if (val == nullptr || !val->set)
 		return fail(VUR_ERROR_NOT_SET);
@@ -381,10 +406,22 @@ int vur_value_set_from_string(vur_value_t *val, vur_type_t type, const char *tex
 	return 0;
 }
 
-vur_transaction_t *vur_transaction_create(vur_handle_t *h) { return make<vur_transaction_t>(h); }
-void vur_transaction_destroy(vur_transaction_t *tx) { delete tx; }
-vur_transaction_entry_t *vur_entry_create(vur_handle_t *h) { return make<vur_transaction_entry_t>(h); }
-void vur_entry_destroy(vur_transaction_entry_t *entry) { delete entry; }
+vur_transaction_t *vur_transaction_create(vur_handle_t *h)
+{
+	return make<vur_transaction_t>(h);
+}
+void vur_transaction_destroy(vur_transaction_t *tx)
+{
+	delete tx;
+}
+vur_transaction_entry_t *vur_entry_create(vur_handle_t *h)
+{
+	return make<vur_transaction_entry_t>(h);
+}
+void vur_entry_destroy(vur_transaction_entry_t *entry)
+{
+	delete entry;
+}
 
 int vur_transaction_start(vur_transaction_t *tx, vur_propertygroup_t *pg)
 {
@@ -400,8 +437,8 @@ int vur_transaction_start(vur_transaction_t *tx, vur_propertygroup_t *pg)
 	return 0;
 }
 
-static int declare(vur_transaction_t *tx, vur_transaction_entry_t *entry, const char *name,
-    vur_type_t type, OpKind kind)
+static int declare(vur_transaction_t *tx, vur_transaction_entry_t *entry, const char *name, vur_type_t type,
+    OpKind kind)
 {
 	if (tx == nullptr || entry == nullptr || name == nullptr || *name == '\0' ||
 	    std::strpbrk(name, " =\n[") != nullptr)
@@ -418,20 +455,19 @@ static int declare(vur_transaction_t *tx, vur_transaction_entry_t *entry, const 
 	return 0;
 }
 
-int vur_transaction_property_new(vur_transaction_t *tx, vur_transaction_entry_t *entry,
-    const char *name, vur_type_t type)
+int vur_transaction_property_new(vur_transaction_t *tx, vur_transaction_entry_t *entry, const char *name,
+    vur_type_t type)
 {
 	return declare(tx, entry, name, type, OpKind::New);
 }
 
-int vur_transaction_property_change(vur_transaction_t *tx, vur_transaction_entry_t *entry,
-    const char *name, vur_type_t type)
+int vur_transaction_property_change(vur_transaction_t *tx, vur_transaction_entry_t *entry, const char *name,
+    vur_type_t type)
 {
 	return declare(tx, entry, name, type, OpKind::Change);
 }
 
-int vur_transaction_property_delete(vur_transaction_t *tx, vur_transaction_entry_t *entry,
-    const char *name)
+int vur_transaction_property_delete(vur_transaction_t *tx, vur_transaction_entry_t *entry, const char *name)
 {
 	return declare(tx, entry, name, VUR_TYPE_ASTRING, OpKind::Delete);
 }
@@ -455,10 +491,10 @@ int vur_transaction_commit(vur_transaction_t *tx)
 	int err = vur::update(tx->pg->path, [&](vur::InstanceFile &file) {
 		vur::Group *g = file.find(name);
 		if (g == nullptr)
-			return VUR_ERROR_NOT_FOUND;	// deleted since it was fetched
+			return VUR_ERROR_NOT_FOUND;  // deleted since it was fetched
 		if (g->generation != tx->start_generation) {
 			changed_meanwhile = true;
-			return VUR_ERROR_IN_USE;	// nothing is written
+			return VUR_ERROR_IN_USE;  // nothing is written
 		}
 		for (const Op &op : tx->ops) {
 			vur::Property *p = g->find(op.name);
@@ -489,8 +525,14 @@ void vur_transaction_reset(vur_transaction_t *tx)
 	tx->ops.clear();
 }
 
-vur_iter_t *vur_iter_create(vur_handle_t *h) { return make<vur_iter_t>(h); }
-void vur_iter_destroy(vur_iter_t *iter) { delete iter; }
+vur_iter_t *vur_iter_create(vur_handle_t *h)
+{
+	return make<vur_iter_t>(h);
+}
+void vur_iter_destroy(vur_iter_t *iter)
+{
+	delete iter;
+}
 
 void vur_iter_reset(vur_iter_t *iter)
 {
@@ -501,8 +543,8 @@ void vur_iter_reset(vur_iter_t *iter)
 	iter->next = 0;
 }
 
-int vur_iter_instance_pgs_typed_composed(vur_iter_t *iter, const vur_instance_t *inst,
-    const vur_snapshot_t *, const char *type)
+int vur_iter_instance_pgs_typed_composed(vur_iter_t *iter, const vur_instance_t *inst, const vur_snapshot_t *,
+    const char *type)
 {
 	if (iter == nullptr || inst == nullptr || type == nullptr)
 		return fail(VUR_ERROR_INVALID_ARGUMENT);

@@ -31,15 +31,24 @@ extern "C" bool wexo_str2bw(const char *text, uint64_t *bps) noexcept
 			return false;
 		for (; digit(*p); p++, fraction_digits++) {
 			if (fraction_digits == 9)
-				return false;	// finer than one bit per second at any unit
+				return false;  // finer than one bit per second at any unit
 			mantissa = mantissa * 10 + static_cast<unsigned>(*p - '0');
 		}
 	}
 	uint64_t unit = 1000 * 1000;
 	switch (std::toupper(static_cast<unsigned char>(*p))) {
-	case 'K': unit = 1000; p++; break;
-	case 'M': unit = 1000 * 1000; p++; break;
-	case 'G': unit = 1000 * 1000 * 1000; p++; break;
+	case 'K':
+		unit = 1000;
+		p++;
+		break;
+	case 'M':
+		unit = 1000 * 1000;
+		p++;
+		break;
+	case 'G':
+		unit = 1000 * 1000 * 1000;
+		p++;
+		break;
 	case '\0': break;
 	default: return false;
 	}
@@ -48,7 +57,7 @@ extern "C" bool wexo_str2bw(const char *text, uint64_t *bps) noexcept
 	unsigned __int128 value = mantissa * unit;
 	for (int i = 0; i < fraction_digits; i++) {
 		if (value % 10 != 0)
-			return false;	// a fraction of a bit per second
+			return false;  // a fraction of a bit per second
 		value /= 10;
 	}
 	if (value == 0 || value > UINT64_MAX)

@@ -19,16 +19,26 @@ namespace {
 
 namespace fs = std::filesystem;
 
-std::string vnics_dir() { return kel::paths::under_root(kel::paths::kVnicsDir); }
-std::string lowers_dir() { return kel::paths::under_root(kel::paths::kLowersDir); }
-std::string allowed_dir() { return kel::paths::under_root(kel::paths::kAllowedMacsDir); }
+std::string vnics_dir()
+{
+	return kel::paths::under_root(kel::paths::kVnicsDir);
+}
+std::string lowers_dir()
+{
+	return kel::paths::under_root(kel::paths::kLowersDir);
+}
+std::string allowed_dir()
+{
+	return kel::paths::under_root(kel::paths::kAllowedMacsDir);
+}
 
 // Whether `name` is a link name, or "NAMESPACE/LINK": only those become file names, so
 // no record can be written or read outside its folder.
 bool valid_name(const std::string &name)
 {
 	char link[IFNAMSIZ], ns[256];
-	return name.find('\0') == std::string::npos && dlparse_zonelinkname(name.c_str(), link, sizeof(link), ns, sizeof(ns));
+	return name.find('\0') == std::string::npos &&
+	    dlparse_zonelinkname(name.c_str(), link, sizeof(link), ns, sizeof(ns));
 }
 
 // The value of `field` in a record's "field=value" lines ("" when absent).
@@ -57,7 +67,7 @@ void remove_record(const std::string &dir, const std::string &name)
 	std::error_code ec;
 	fs::remove(dir + "/" + name, ec);
 	if (const size_t slash = name.find('/'); slash != std::string::npos)
-		fs::remove(dir + "/" + name.substr(0, slash), ec);	// fails while not empty
+		fs::remove(dir + "/" + name.substr(0, slash), ec);  // fails while not empty
 }
 
 std::optional<Vnic> read_vnic(const std::string &name)
@@ -71,7 +81,8 @@ std::optional<Vnic> read_vnic(const std::string &name)
 	struct stat st;
 	if (stat((vnics_dir() + "/" + name).c_str(), &st) == 0)
 		v.recorded = st.st_mtime;
-	if (!filter::parse_mac(field(text, "mac"), &v.mac) || !valid_name(v.lower) || v.lower.find('/') != std::string::npos)
+	if (!filter::parse_mac(field(text, "mac"), &v.mac) || !valid_name(v.lower) ||
+	    v.lower.find('/') != std::string::npos)
 		return std::nullopt;
 	v.lease = parse_lease(text);
 	return v;
@@ -88,7 +99,9 @@ int parse_ip(const std::string &text, struct in_addr *v4, struct in6_addr *v6)
 {
 	if (text.find('\0') != std::string::npos)
 		return 0;
-	return inet_pton(AF_INET, text.c_str(), v4) == 1 ? AF_INET : inet_pton(AF_INET6, text.c_str(), v6) == 1 ? AF_INET6 : 0;
+	return inet_pton(AF_INET, text.c_str(), v4) == 1 ? AF_INET
+	    : inet_pton(AF_INET6, text.c_str(), v6) == 1 ? AF_INET6
+	                                                 : 0;
 }
 
 // A UUID's text: 36 characters of hex digits and dashes.
@@ -97,7 +110,8 @@ bool valid_uuid(const std::string &text)
 	if (text.size() != 36)
 		return false;
 	for (size_t i = 0; i < text.size(); i++)
-		if ((i == 8 || i == 13 || i == 18 || i == 23) ? text[i] != '-' : !std::isxdigit(static_cast<unsigned char>(text[i])))
+		if ((i == 8 || i == 13 || i == 18 || i == 23) ? text[i] != '-'
+		                                              : !std::isxdigit(static_cast<unsigned char>(text[i])))
 			return false;
 	return true;
 }
@@ -204,8 +218,8 @@ bool record_vnic(const Vnic &v)
 		errno = EINVAL;
 		return false;
 	}
-	return write_record(vnics_dir() + "/" + v.name, "mac=" + filter::mac_text(v.mac) + "\nlower=" + v.lower + "\n" +
-	    (v.lease ? lease_text(*v.lease) : ""));
+	return write_record(vnics_dir() + "/" + v.name,
+	    "mac=" + filter::mac_text(v.mac) + "\nlower=" + v.lower + "\n" + (v.lease ? lease_text(*v.lease) : ""));
 }
 
 void forget_vnic(const std::string &name)
@@ -260,7 +274,8 @@ bool any_in(const std::string &ns)
 std::optional<int> lower(const std::string &name)
 {
 	std::string text;
-	if (!valid_name(name) || name.find('/') != std::string::npos || !kel::read_text_file(lowers_dir() + "/" + name, &text))
+	if (!valid_name(name) || name.find('/') != std::string::npos ||
+	    !kel::read_text_file(lowers_dir() + "/" + name, &text))
 		return std::nullopt;
 	const std::string index = field(text, "ifindex");
 	char *end = nullptr;

@@ -23,22 +23,22 @@ namespace wexo::fabric {
 // from (the responder's own endpoint on the kel): kept with the binding, so that it keeps
 // answering while the controller is away.
 struct Lease {
-	std::string kel;		// the kel's UUID text
-	int family = AF_INET;		// of the port's address: AF_INET or AF_INET6
-	struct in_addr addr {};		// the port's address, IPv4
-	struct in6_addr addr6 {};	// or IPv6
-	int plen = 0;			// the ipnet's prefix length
-	std::optional<struct in_addr> router;	// IPv4 only: an IPv6 router advertises itself
-	std::vector<struct in_addr> dns;	// name servers of each family
+	std::string kel;                       // the kel's UUID text
+	int family = AF_INET;                  // of the port's address: AF_INET or AF_INET6
+	struct in_addr addr {};                // the port's address, IPv4
+	struct in6_addr addr6 {};              // or IPv6
+	int plen = 0;                          // the ipnet's prefix length
+	std::optional<struct in_addr> router;  // IPv4 only: an IPv6 router advertises itself
+	std::vector<struct in_addr> dns;       // name servers of each family
 	std::vector<struct in6_addr> dns6;
-	bool endpoint = false;		// the responder's own link, not a guest's
+	bool endpoint = false;  // the responder's own link, not a guest's
 };
 
 struct Vnic {
-	std::string name;	// "LINK", or "NAMESPACE/LINK" for one in a named namespace
-	filter::Mac mac{};	// its port's address
-	std::string lower;	// the link it is made over, in the host's namespace
-	time_t recorded = 0;	// when its port was bound here
+	std::string name;     // "LINK", or "NAMESPACE/LINK" for one in a named namespace
+	filter::Mac mac{};    // its port's address
+	std::string lower;    // the link it is made over, in the host's namespace
+	time_t recorded = 0;  // when its port was bound here
 	std::optional<Lease> lease;
 };
 

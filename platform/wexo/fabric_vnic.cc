@@ -51,7 +51,8 @@ void add_vnic_macs(const wexo::fabric::Vnic &v, std::set<Mac> *macs)
 	macs->insert(v.mac);
 	const auto kept = wexo::settings::load(v.name);
 	std::optional<Mac> allowed;
-	if (auto it = kept.find("allowed-mac"); it != kept.end() && wexo::filter::parse_mac(it->second, &allowed.emplace()))
+	if (auto it = kept.find("allowed-mac");
+	    it != kept.end() && wexo::filter::parse_mac(it->second, &allowed.emplace()))
 		macs->insert(*allowed);
 	else
 		allowed.reset();
@@ -84,7 +85,8 @@ wexo_status_t link_macs(wexo_handle_t h, datalink_id_t id, struct rtnl_link *lin
 		auto *upper = reinterpret_cast<struct rtnl_link *>(o);
 		int32_t nsid = -1;
 		const bool elsewhere = rtnl_link_get_link_netnsid(upper, &nsid) == 0 && nsid >= 0;
-		if (elsewhere || rtnl_link_get_link(upper) != static_cast<int>(id) || rtnl_link_get_ifindex(upper) == static_cast<int>(id))
+		if (elsewhere || rtnl_link_get_link(upper) != static_cast<int>(id) ||
+		    rtnl_link_get_ifindex(upper) == static_cast<int>(id))
 			continue;
 		if (mac_of(upper, &mac))
 			macs->insert(mac);
@@ -109,8 +111,8 @@ bool add_to_guard(wexo_handle_t h, datalink_id_t lower, const wexo::fabric::Vnic
 		return false;
 	std::set<Mac> macs;
 	add_vnic_macs(v, &macs);
-	return wexo::nft::run(wexo_netns_fd(h), wexo::filter::lower_guard_addition(v.lower, {macs.begin(), macs.end()})) ==
-	    WEXO_STATUS_OK;
+	return wexo::nft::run(wexo_netns_fd(h),
+	           wexo::filter::lower_guard_addition(v.lower, {macs.begin(), macs.end()})) == WEXO_STATUS_OK;
 }
 
 // Takes the port's address of `v`, just forgotten, out of its lower link's guard: what
@@ -125,11 +127,13 @@ bool remove_from_guard(wexo_handle_t h, const wexo::fabric::Vnic &v, const std::
 	datalink_id_t id = DATALINK_INVALID_LINKID;
 	struct rtnl_link *raw = nullptr;
 	if (gone.size() != 1 || wexo::fabric::allowed_by_any(v.mac) ||
-	    wexo_name2info(h, v.lower.c_str(), &id, nullptr) != WEXO_STATUS_OK || wexo_get_link(h, id, &raw) != WEXO_STATUS_OK)
+	    wexo_name2info(h, v.lower.c_str(), &id, nullptr) != WEXO_STATUS_OK ||
+	    wexo_get_link(h, id, &raw) != WEXO_STATUS_OK)
 		return false;
 	const std::unique_ptr<struct rtnl_link, void (*)(struct rtnl_link *)> link(raw, rtnl_link_put);
 	std::set<Mac> kept;
-	if (is_vlan(link.get()) || link_macs(h, id, link.get(), &kept, nullptr) != WEXO_STATUS_OK || !wexo::fabric::in_use(v.lower))
+	if (is_vlan(link.get()) || link_macs(h, id, link.get(), &kept, nullptr) != WEXO_STATUS_OK ||
+	    !wexo::fabric::in_use(v.lower))
 		return false;
 	if (kept.count(v.mac) != 0)
 		return true;
@@ -143,7 +147,8 @@ wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower)
 	const int nsfd = wexo_netns_fd(h);
 	datalink_id_t id = DATALINK_INVALID_LINKID;
 	struct rtnl_link *raw = nullptr;
-	if (wexo_name2info(h, lower.c_str(), &id, nullptr) != WEXO_STATUS_OK || wexo_get_link(h, id, &raw) != WEXO_STATUS_OK)
+	if (wexo_name2info(h, lower.c_str(), &id, nullptr) != WEXO_STATUS_OK ||
+	    wexo_get_link(h, id, &raw) != WEXO_STATUS_OK)
 		return wexo::nft::run(nsfd, wexo::filter::removal(wexo::filter::lower_table(lower)));
 	const std::unique_ptr<struct rtnl_link, void (*)(struct rtnl_link *)> link(raw, rtnl_link_put);
 	// A VNIC in a guest's namespace may have changed its address there: only the recorded
@@ -159,8 +164,9 @@ wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower)
 			any = true;
 		}
 	// A link no VNIC of the fabric uses keeps no guard: the uplink is the host's own.
-	const wexo_status_t st = wexo::nft::run(nsfd, any ? wexo::filter::lower_guard(lower, {macs.begin(), macs.end()})
-	                                               : wexo::filter::removal(wexo::filter::lower_table(lower)));
+	const wexo_status_t st = wexo::nft::run(nsfd,
+	    any ? wexo::filter::lower_guard(lower, {macs.begin(), macs.end()})
+	        : wexo::filter::removal(wexo::filter::lower_table(lower)));
 	if (st != WEXO_STATUS_OK)
 		return st;
 	// A VLAN link's frames leave again through the uplink under it, whose guard lets
@@ -182,12 +188,14 @@ wexo_status_t wexo_vnic_own(wexo_handle_t h, const char *name, const char *mac, 
 	return kel::wexo_boundary([&]() -> wexo_status_t {
 		char link[IFNAMSIZ], ns[256], lower_name[IFNAMSIZ];
 		wexo::fabric::Vnic v;
-		if (h == nullptr || name == nullptr || mac == nullptr || !dlparse_zonelinkname(name, link, sizeof(link), ns, sizeof(ns)) ||
+		if (h == nullptr || name == nullptr || mac == nullptr ||
+		    !dlparse_zonelinkname(name, link, sizeof(link), ns, sizeof(ns)) ||
 		    !wexo::filter::parse_mac(mac, &v.mac))
 			return WEXO_STATUS_BADARG;
 		if (lease != nullptr && !(v.lease = wexo::fabric::parse_lease(lease)))
 			return WEXO_STATUS_BADVAL;
-		wexo_status_t st = wexo_datalink_id2info(h, lower, nullptr, nullptr, nullptr, lower_name, sizeof(lower_name));
+		wexo_status_t st = wexo_datalink_id2info(h, lower, nullptr, nullptr, nullptr, lower_name,
+		    sizeof(lower_name));
 		if (st != WEXO_STATUS_OK)
 			return st;
 		v.name = name;
@@ -199,7 +207,8 @@ wexo_status_t wexo_vnic_own(wexo_handle_t h, const char *name, const char *mac, 
 		if (!lock.held())
 			return WEXO_STATUS_DENIED;
 		char now[IFNAMSIZ] = "";
-		if (wexo_datalink_id2info(h, lower, nullptr, nullptr, nullptr, now, sizeof(now)) != WEXO_STATUS_OK || v.lower != now)
+		if (wexo_datalink_id2info(h, lower, nullptr, nullptr, nullptr, now, sizeof(now)) != WEXO_STATUS_OK ||
+		    v.lower != now)
 			return WEXO_STATUS_NOTFOUND;
 		if (!wexo::fabric::record_vnic(v))
 			return WEXO_STATUS_FAILED;
@@ -221,7 +230,7 @@ wexo_status_t wexo_vnic_disown(wexo_handle_t h, const char *name) noexcept
 			return WEXO_STATUS_BADARG;
 		const auto v = wexo::fabric::vnic(name);
 		if (!v)
-			return WEXO_STATUS_OK;	// never recorded, or forgotten already
+			return WEXO_STATUS_OK;  // never recorded, or forgotten already
 		wexo::LinkLock lock(v->lower);
 		if (!lock.held())
 			return WEXO_STATUS_DENIED;
@@ -262,14 +271,15 @@ wexo_status_t wexo_link_owned(wexo_handle_t h, datalink_id_t id, const char *nam
 			// Still a VNIC, over the link it was bound over: a link of another kind that
 			// took the name since is not the fabric's.
 			std::string lower;
-			return is_vnic_kind(link.get()) && wexo_host_lower(h, link.get(), nullptr, &lower) == WEXO_STATUS_OK &&
-			        lower == v->lower
-			    ? WEXO_STATUS_OK : WEXO_STATUS_NOTFABRIC;
+			return is_vnic_kind(link.get()) &&
+			        wexo_host_lower(h, link.get(), nullptr, &lower) == WEXO_STATUS_OK && lower == v->lower
+			    ? WEXO_STATUS_OK
+			    : WEXO_STATUS_NOTFABRIC;
 		}
 		// A link made on demand is the very link made: one made by hand after it went
 		// has another index.
-		if (const auto index = wexo::fabric::lower(name); index && wexo_netns_name(h).empty() &&
-		    *index == rtnl_link_get_ifindex(link.get()))
+		if (const auto index = wexo::fabric::lower(name);
+		    index && wexo_netns_name(h).empty() && *index == rtnl_link_get_ifindex(link.get()))
 			return WEXO_STATUS_OK;
 		return WEXO_STATUS_NOTFABRIC;
 	});

@@ -75,13 +75,13 @@ wexo_status_t vxlan_local(wexo_handle_t h, datalink_id_t id, std::string *local,
 
 // One destination of the link's all-zero entry, as the kernel lists it.
 struct Remote {
-	std::string dst;	// "" when it names none
-	std::string more;	// what else it names: " port 5000", " vni 77"
-	int via = 0;	// the lower link it names, 0 for none
-	bool permanent = true;	// the entry does not age
-	unsigned flags = 0;	// the entry's flags beyond NTF_SELF
-	bool plain = false;	// a destination alone, as change_entry makes it
-	std::string text;	// how it reads in a list
+	std::string dst;        // "" when it names none
+	std::string more;       // what else it names: " port 5000", " vni 77"
+	int via = 0;            // the lower link it names, 0 for none
+	bool permanent = true;  // the entry does not age
+	unsigned flags = 0;     // the entry's flags beyond NTF_SELF
+	bool plain = false;     // a destination alone, as change_entry makes it
+	std::string text;       // how it reads in a list
 };
 
 struct Dump {
@@ -108,7 +108,8 @@ int take_remote(struct nl_msg *msg, void *arg) noexcept
 	try {
 		Remote r;
 		char buf[INET6_ADDRSTRLEN];
-		if (const struct nlattr *dst = tb[NDA_DST]; dst != nullptr && (nla_len(dst) == 4 || nla_len(dst) == 16) &&
+		if (const struct nlattr *dst = tb[NDA_DST]; dst != nullptr &&
+		    (nla_len(dst) == 4 || nla_len(dst) == 16) &&
 		    inet_ntop(nla_len(dst) == 4 ? AF_INET : AF_INET6, nla_data(dst), buf, sizeof(buf)) != nullptr)
 			r.dst = buf;
 		if (tb[NDA_PORT] != nullptr)
@@ -125,7 +126,7 @@ int take_remote(struct nl_msg *msg, void *arg) noexcept
 		r.flags = ndm->ndm_flags & ~NTF_SELF;
 		dump->remotes->push_back(std::move(r));
 	} catch (const std::bad_alloc &) {
-		dump->failed = true;	// the rest of the dump is still read, so that none stays queued
+		dump->failed = true;  // the rest of the dump is still read, so that none stays queued
 	}
 	return NL_OK;
 }
@@ -163,10 +164,11 @@ wexo_status_t read_remotes(wexo_handle_t h, datalink_id_t id, const std::string 
 		r.text += r.more;
 		char name[IF_NAMESIZE];
 		if (r.via != 0)
-			r.text += " via " + (wexo_datalink_id2info(h, static_cast<datalink_id_t>(r.via), nullptr, nullptr,
-			                         nullptr, name, sizeof(name)) == WEXO_STATUS_OK
-			                            ? std::string(name)
-			                            : std::to_string(r.via));
+			r.text += " via " +
+			    (wexo_datalink_id2info(h, static_cast<datalink_id_t>(r.via), nullptr, nullptr, nullptr,
+			         name, sizeof(name)) == WEXO_STATUS_OK
+			            ? std::string(name)
+			            : std::to_string(r.via));
 		if (!r.permanent)
 			r.text += " (not permanent)";
 		if (r.flags != 0) {

@@ -86,7 +86,8 @@ std::set<std::string> guarded(wexo_handle_t host)
 		datalink_id_t id = DATALINK_INVALID_LINKID;
 		struct rtnl_link *link = nullptr;
 		std::string under;
-		if (wexo_name2info(host, v.lower.c_str(), &id, nullptr) == WEXO_STATUS_OK && wexo_get_link(host, id, &link) == WEXO_STATUS_OK) {
+		if (wexo_name2info(host, v.lower.c_str(), &id, nullptr) == WEXO_STATUS_OK &&
+		    wexo_get_link(host, id, &link) == WEXO_STATUS_OK) {
 			if (rtnl_link_is_vlan(link) && wexo_host_lower(host, link, nullptr, &under) == WEXO_STATUS_OK)
 				out.insert(under);
 			rtnl_link_put(link);
@@ -124,7 +125,8 @@ std::string table_unused(wexo_handle_t host, const std::string &name, const std:
 	if (const std::string sealed_prefix = filter::sealed_table(""); name.rfind(sealed_prefix, 0) == 0) {
 		const std::string link = name.substr(sealed_prefix.size());
 		return wexo_name2info(host, link.c_str(), nullptr, nullptr) == WEXO_STATUS_OK
-		    ? "" : "the seal of the address responder's link " + link + ", which is gone";
+		    ? ""
+		    : "the seal of the address responder's link " + link + ", which is gone";
 	}
 	// A link's own table, as links had before they shared one.
 	return name.rfind(link_prefix, 0) == 0 ? filters_unused(name.substr(link_prefix.size())) : "";
@@ -144,7 +146,8 @@ std::vector<std::string> tables()
 {
 	std::vector<std::string> out;
 	nlohmann::json listing;
-	if (wexo::nft::list(-1, {{"nftables", {{{"list", {{"tables", {{"family", "netdev"}}}}}}}}}, &listing) != WEXO_STATUS_OK)
+	if (wexo::nft::list(-1, {{"nftables", {{{"list", {{"tables", {{"family", "netdev"}}}}}}}}}, &listing) !=
+	    WEXO_STATUS_OK)
 		return out;
 	for (const nlohmann::json &o : listing.value("nftables", nlohmann::json::array()))
 		if (o.contains("table") && o["table"].value("family", "") == "netdev" && o["table"]["name"].is_string())
@@ -161,7 +164,8 @@ std::vector<Leftover> find(wexo_handle_t host, time_t grace)
 		if (now - v.recorded < grace)
 			continue;
 		if (const std::string why = vnic_gone(v); !why.empty())
-			out.push_back({"vnic", v.name, "bound over " + v.lower + ", but " + why, static_cast<long>(now - v.recorded)});
+			out.push_back({"vnic", v.name, "bound over " + v.lower + ", but " + why,
+			    static_cast<long>(now - v.recorded)});
 	}
 	for (const auto &[name, index] : wexo::fabric::lowers())
 		if (const std::string why = link_unused(host, name, index); !why.empty())
@@ -186,7 +190,7 @@ wexo_status_t remove_link(wexo_handle_t host, const std::string &name)
 	datalink_class_t cls{};
 	if (wexo_name2info(host, name.c_str(), &id, &cls) != WEXO_STATUS_OK || static_cast<int>(id) != *index) {
 		wexo::LinkLock lock(name);
-		wexo::fabric::forget_lower(name);	// never a link of that name made otherwise
+		wexo::fabric::forget_lower(name);  // never a link of that name made otherwise
 		return WEXO_STATUS_OK;
 	}
 	return wexo_ondemand_delete(host, id, WEXO_OPT_ACTIVE, cls);
@@ -204,8 +208,8 @@ wexo_status_t remove_vnic(wexo_handle_t host, const std::string &name)
 		// Asked again under the lock its maker records it under: made again since, or
 		// still being made, it is no leftover.
 		const auto now = wexo::fabric::vnic(name);
-		if (!now || now->lower != v->lower || std::time(nullptr) - now->recorded < WEXO_LEFTOVER_GRACE_SECONDS ||
-		    vnic_gone(*now).empty())
+		if (!now || now->lower != v->lower ||
+		    std::time(nullptr) - now->recorded < WEXO_LEFTOVER_GRACE_SECONDS || vnic_gone(*now).empty())
 			return WEXO_STATUS_LINKBUSY;
 		wexo::fabric::forget_vnic(name);
 		const size_t slash = name.find('/');
@@ -279,7 +283,8 @@ wexo_status_t wexo_fabric_remove_leftover(const char *kind, const char *name) no
 		if (std::strcmp(kind, "table") == 0)
 			return remove_table(host.h, name);
 		if (std::strcmp(kind, "filters") == 0)
-			return filters_unused(name).empty() ? WEXO_STATUS_OK : wexo::nft::run(-1, filter::removal_of(name));
+			return filters_unused(name).empty() ? WEXO_STATUS_OK
+			                                    : wexo::nft::run(-1, filter::removal_of(name));
 		return WEXO_STATUS_BADARG;
 	});
 }

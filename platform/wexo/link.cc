@@ -1,5 +1,5 @@
-#include <net/if.h>
 #include <linux/net_namespace.h>
+#include <net/if.h>
 #include <netlink/errno.h>
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
@@ -24,8 +24,8 @@
 
 struct wexo_handle {
 	struct nl_sock *sock = nullptr;
-	int nsfd = -1;		// the handle's network namespace; -1: the opener's
-	std::string ns;		// its name, "" for the opener's
+	int nsfd = -1;   // the handle's network namespace; -1: the opener's
+	std::string ns;  // its name, "" for the opener's
 };
 
 wexo_status_t wexo_from_nl(int err)
@@ -123,14 +123,15 @@ wexo_status_t wexo_host_lower(wexo_handle_t h, struct rtnl_link *link, datalink_
 	int32_t nsid = -1;
 	const bool elsewhere = rtnl_link_get_link_netnsid(link, &nsid) == 0 && nsid >= 0;
 	if (elsewhere == (h->nsfd == -1))
-		return WEXO_STATUS_NOTFOUND;	// not where the host's links are
+		return WEXO_STATUS_NOTFOUND;  // not where the host's links are
 	if (elsewhere) {
 		// The index is one of the namespace h's namespace knows by that ID: the host's
 		// only when h's namespace knows the host's by it.
 		wexo_handle_t ask = nullptr;
 		const kel::UniqueFd home(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
 		const int32_t host_id = home.valid() && wexo_open_netns(h->ns.c_str(), &ask) == WEXO_STATUS_OK
-		    ? wexo_peer_nsid(ask, home.get()) : -1;
+		    ? wexo_peer_nsid(ask, home.get())
+		    : -1;
 		wexo_close(ask);
 		if (host_id < 0 || host_id != nsid)
 			return WEXO_STATUS_NOTFOUND;
@@ -139,7 +140,8 @@ wexo_status_t wexo_host_lower(wexo_handle_t h, struct rtnl_link *link, datalink_
 	char text[IFNAMSIZ] = "";
 	wexo_status_t st = wexo_open(&host);
 	if (st == WEXO_STATUS_OK)
-		st = wexo_datalink_id2info(host, static_cast<datalink_id_t>(lower), nullptr, nullptr, nullptr, text, sizeof(text));
+		st = wexo_datalink_id2info(host, static_cast<datalink_id_t>(lower), nullptr, nullptr, nullptr, text,
+		    sizeof(text));
 	wexo_close(host);
 	if (st != WEXO_STATUS_OK)
 		return st;
@@ -217,8 +219,7 @@ void wexo_close(wexo_handle_t h) noexcept
 	delete h;
 }
 
-wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *idp,
-    datalink_class_t *classp) noexcept
+wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *idp, datalink_class_t *classp) noexcept
 {
 	if (name == nullptr || *name == '\0')
 		return WEXO_STATUS_BADARG;
@@ -234,8 +235,8 @@ wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *i
 	return WEXO_STATUS_OK;
 }
 
-wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t *flagsp,
-    datalink_class_t *classp, uint32_t *mediap, char *name, size_t namelen) noexcept
+wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t *flagsp, datalink_class_t *classp,
+    uint32_t *mediap, char *name, size_t namelen) noexcept
 {
 	return with_link(h, id, [&](struct rtnl_link *link) {
 		if (flagsp != nullptr)

@@ -60,7 +60,8 @@ std::vector<std::string> pieces(const std::string &text)
 // A decimal prefix length of at most `bits`: digits only, no sign, no spaces.
 bool parse_len(const std::string &text, unsigned bits, unsigned *out)
 {
-	if (text.empty() || text.size() > 3 || !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
+	if (text.empty() || text.size() > 3 ||
+	    !std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; }))
 		return false;
 	*out = static_cast<unsigned>(std::atoi(text.c_str()));
 	return *out <= bits;
@@ -102,9 +103,8 @@ bool covers(const Prefix &outer, const Prefix &inner)
 // Sorted, with every prefix another covers left out: an interval set refuses overlaps.
 void make_disjoint(std::vector<Prefix> *list)
 {
-	std::sort(list->begin(), list->end(), [](const Prefix &a, const Prefix &b) {
-		return a.bytes != b.bytes ? a.bytes < b.bytes : a.len < b.len;
-	});
+	std::sort(list->begin(), list->end(),
+	    [](const Prefix &a, const Prefix &b) { return a.bytes != b.bytes ? a.bytes < b.bytes : a.len < b.len; });
 	std::vector<Prefix> out;
 	for (const Prefix &p : *list)
 		if (out.empty() || !covers(out.back(), p))
@@ -154,8 +154,14 @@ Json match(const char *op, Json left, Json right)
 {
 	return {{"match", {{"op", op}, {"left", std::move(left)}, {"right", std::move(right)}}}};
 }
-Json eq(Json left, Json right) { return match("==", std::move(left), std::move(right)); }
-Json ne(Json left, Json right) { return match("!=", std::move(left), std::move(right)); }
+Json eq(Json left, Json right)
+{
+	return match("==", std::move(left), std::move(right));
+}
+Json ne(Json left, Json right)
+{
+	return match("!=", std::move(left), std::move(right));
+}
 // A match against several values is several tests rather than an anonymous set: the
 // kernel keeps a table's sets in one list, which every set made and every set looked up
 // walks, so a set per rule per link would make each link's filters cost more as a host's
@@ -173,7 +179,10 @@ std::vector<Json> plus(std::vector<Json> exprs, const std::vector<Json> &more)
 	exprs.insert(exprs.end(), more.begin(), more.end());
 	return exprs;
 }
-Json verdict(const char *what) { return {{what, nullptr}}; }
+Json verdict(const char *what)
+{
+	return {{what, nullptr}};
+}
 
 // The chains and sets a link may have in the shared table, by their own names.
 const char *const kLinkChains[] = {"egress", "ingress", "guard", "guard_ip4", "guard_arp", "guard_ip6",
@@ -217,8 +226,10 @@ public:
 				clear(verb, "chain", {{"table", table_}, {"name", name(chain)}});
 		for (const char *verb : {"add", "delete"})
 			for (const char *set : kLinkSets)
-				clear(verb, "set", {{"table", table_}, {"name", name(set)}, {"type", std::strcmp(set, "allowed4") == 0 ? "ipv4_addr" : "ipv6_addr"},
-				    {"flags", {"interval"}}});
+				clear(verb, "set",
+				    {{"table", table_}, {"name", name(set)},
+				        {"type", std::strcmp(set, "allowed4") == 0 ? "ipv4_addr" : "ipv6_addr"},
+				        {"flags", {"interval"}}});
 		for (const char *verb : {"add", "delete"})
 			clear(verb, "table", {{"name", legacy_table(key_)}});
 	}
@@ -244,8 +255,9 @@ public:
 	void chain(const char *own) { command("add", "chain", {{"table", table_}, {"name", name(own)}}); }
 	void base_chain(const std::string &own, const std::string &hook, const std::string &device)
 	{
-		command("add", "chain", {{"table", table_}, {"name", name(own)}, {"type", "filter"}, {"hook", hook},
-		    {"dev", device}, {"prio", 0}, {"policy", "accept"}});
+		command("add", "chain",
+		    {{"table", table_}, {"name", name(own)}, {"type", "filter"}, {"hook", hook}, {"dev", device},
+		        {"prio", 0}, {"policy", "accept"}});
 	}
 	void rule(const char *chain, std::vector<Json> exprs, const std::string &what = "")
 	{
@@ -278,8 +290,9 @@ private:
 void ip4_rules(Batch &b)
 {
 	b.chain("guard_ip4");
-	b.rule("guard_ip4", {eq(field("ip", "saddr"), "0.0.0.0"), eq(field("udp", "sport"), 68), eq(field("udp", "dport"), 67),
-	                  verdict("return")});
+	b.rule("guard_ip4",
+	    {eq(field("ip", "saddr"), "0.0.0.0"), eq(field("udp", "sport"), 68), eq(field("udp", "dport"), 67),
+	        verdict("return")});
 	b.drop("guard_ip4", {ne(field("ip", "saddr"), b.set_ref("allowed4"))}, "ip-nospoof");
 	b.drop("guard_ip4", {eq(field("icmp", "type"), "redirect")}, "ip-nospoof");
 }
@@ -292,7 +305,8 @@ void arp_rules(Batch &b, const Mac &mac)
 	b.drop("guard_arp", {ne(field("arp", "hlen"), 6)}, "ip-nospoof");
 	b.drop("guard_arp", {ne(field("arp", "plen"), 4)}, "ip-nospoof");
 	b.drop("guard_arp", {ne(field("arp", "saddr ether"), mac_text(mac))}, "ip-nospoof");
-	b.rule("guard_arp", {eq(field("arp", "saddr ip"), "0.0.0.0"), eq(field("arp", "operation"), "request"), verdict("return")});
+	b.rule("guard_arp",
+	    {eq(field("arp", "saddr ip"), "0.0.0.0"), eq(field("arp", "operation"), "request"), verdict("return")});
 	b.drop("guard_arp", {ne(field("arp", "saddr ip"), b.set_ref("allowed4"))}, "ip-nospoof");
 }
 
@@ -331,7 +345,8 @@ void ip6_rules(Batch &b, const Settings &s)
 	for (const char *type : {"nd-router-advert", "nd-redirect"})
 		b.drop("guard_ip6", {eq(icmp6, type)}, "ip-nospoof");
 	b.rule("guard_ip6", {eq(field("ip6", "saddr"), "::"), b.go("guard_ip6_unspec")});
-	b.drop("guard_ip6", {ne(field("ip6", "saddr"), b.set_ref("allowed6")), ne(field("ip6", "saddr"), own_ll)}, "ip-nospoof");
+	b.drop("guard_ip6", {ne(field("ip6", "saddr"), b.set_ref("allowed6")), ne(field("ip6", "saddr"), own_ll)},
+	    "ip-nospoof");
 	for (const char *type : {"nd-neighbor-solicit", "nd-neighbor-advert"})
 		b.rule("guard_ip6", {eq(icmp6, type), b.go("guard_nd")});
 
@@ -344,14 +359,15 @@ void ip6_rules(Batch &b, const Settings &s)
 	b.chain("guard_nd");
 	b.drop("guard_nd", {ne(field("ip6", "nexthdr"), "ipv6-icmp")}, "ip-nospoof");
 	b.drop("guard_nd", none_of(field("ip6", "length"), {kNdBare, kNdOneOption}), "ip-nospoof");
-	const auto option = [](unsigned type) { return type << 8 | 1; };	// type, then length 1
+	const auto option = [](unsigned type) { return type << 8 | 1; };  // type, then length 1
 	b.drop("guard_nd",
 	    plus({eq(field("ip6", "length"), kNdOneOption)},
 	        none_of(raw("th", kOptionOffset, 16), {option(kSourceLladdr), option(kTargetLladdr), option(kNonce)})),
 	    "ip-nospoof");
 	for (const unsigned type : {kSourceLladdr, kTargetLladdr})
-		b.drop("guard_nd", {eq(field("ip6", "length"), kNdOneOption), eq(raw("th", kOptionOffset, 8), type),
-		                 ne(raw("th", kOptionMacOffset, 48), hex(s.mac.data(), s.mac.size()))},
+		b.drop("guard_nd",
+		    {eq(field("ip6", "length"), kNdOneOption), eq(raw("th", kOptionOffset, 8), type),
+		        ne(raw("th", kOptionMacOffset, 48), hex(s.mac.data(), s.mac.size()))},
 		    "ip-nospoof");
 	b.rule("guard_nd", {eq(icmp6, "nd-neighbor-advert"), b.go("guard_nd_target")});
 	b.rule("guard_nd", {eq(field("ip6", "saddr"), "::"), b.go("guard_nd_target")});
@@ -373,10 +389,12 @@ std::vector<std::pair<std::string, size_t>> comments(const Json &j, const std::s
 			continue;
 		const Json &r = (*rule)["rule"];
 		const auto chain = r.find("chain");
-		if (chain == r.end() || !chain->is_string() || chain->get_ref<const std::string &>().rfind(key + ".", 0) != 0)
+		if (chain == r.end() || !chain->is_string() ||
+		    chain->get_ref<const std::string &>().rfind(key + ".", 0) != 0)
 			continue;
 		const auto comment = r.find("comment");
-		if (comment == r.end() || !comment->is_string() || comment->get_ref<const std::string &>().rfind("kel:", 0) != 0)
+		if (comment == r.end() || !comment->is_string() ||
+		    comment->get_ref<const std::string &>().rfind("kel:", 0) != 0)
 			continue;
 		const std::string what = comment->get<std::string>().substr(4);
 		const auto it = std::find_if(out.begin(), out.end(), [&](const auto &c) { return c.first == what; });
@@ -462,7 +480,8 @@ bool parse(const std::map<std::string, std::string> &props, const Mac &own, Sett
 std::string mac_text(const Mac &mac)
 {
 	char buf[18];
-	std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]);
+	std::snprintf(buf, sizeof(buf), "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2], mac[3], mac[4],
+	    mac[5]);
 	return buf;
 }
 
@@ -479,8 +498,8 @@ Prefix link_local(const Mac &mac)
 	Prefix p;
 	p.family = AF_INET6;
 	p.len = 128;
-	p.bytes = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(mac[0] ^ 0x02), mac[1], mac[2], 0xff, 0xfe, mac[3], mac[4],
-	    mac[5]};
+	p.bytes = {0xfe, 0x80, 0, 0, 0, 0, 0, 0, static_cast<uint8_t>(mac[0] ^ 0x02), mac[1], mac[2], 0xff, 0xfe,
+	    mac[3], mac[4], mac[5]};
 	return p;
 }
 
@@ -524,7 +543,8 @@ Json ruleset(const Placement &at, const Settings &s)
 	b.chain("guard");
 	if (s.priority != Priority::Medium) {
 		const bool high = s.priority == Priority::High;
-		b.rule("guard", {{{"mangle", {{"key", {{"meta", {{"key", "priority"}}}}}, {"value", high ? "0:6" : "0:2"}}}}},
+		b.rule("guard",
+		    {{{"mangle", {{"key", {{"meta", {{"key", "priority"}}}}}, {"value", high ? "0:6" : "0:2"}}}}},
 		    high ? "priority=high" : "priority=low");
 	}
 	const Json ether_type = field("ether", "type");
@@ -567,12 +587,13 @@ std::vector<std::string> in_force(const Json &listing, const Placement &at)
 	const auto found = comments(listing, at.key);
 	std::vector<std::string> out;
 	if (found.empty() || found.back().first != kHooked || found.back().second != want.back().second)
-		return out;	// unhooked, its rules are in force nowhere
+		return out;  // unhooked, its rules are in force nowhere
 	for (const auto &entry : found) {
 		const std::string &what = entry.first;
 		const size_t count = entry.second;
 		const auto it = std::find_if(want.begin(), want.end(), [&](const auto &w) { return w.first == what; });
-		if (what != kHooked && (what.rfind("priority=", 0) == 0 ? count == 1 : it != want.end() && it->second == count))
+		if (what != kHooked &&
+		    (what.rfind("priority=", 0) == 0 ? count == 1 : it != want.end() && it->second == count))
 			out.push_back(what);
 	}
 	return out;
@@ -619,7 +640,8 @@ Json lower_guard(const std::string &device, const std::vector<Mac> &macs)
 	Json elems = Json::array();
 	for (const Mac &m : macs)
 		elems.push_back(mac_text(m));
-	b.command("add", "set", {{"table", lower_table(device)}, {"name", "vnics"}, {"type", "ether_addr"}, {"elem", elems}});
+	b.command("add", "set",
+	    {{"table", lower_table(device)}, {"name", "vnics"}, {"type", "ether_addr"}, {"elem", elems}});
 	b.base_chain("egress", "egress", device);
 	b.drop("egress", {ne(field("ether", "saddr"), "@vnics")}, "foreign-mac");
 	return b.done();
@@ -633,8 +655,11 @@ Json lower_guard_elements(const char *verb, const std::string &device, const std
 	Json elems = Json::array();
 	for (const Mac &m : macs)
 		elems.push_back(mac_text(m));
-	return {{"nftables", {{{verb, {{"element", {{"family", kFamily}, {"table", lower_table(device)}, {"name", "vnics"},
-	                                               {"elem", std::move(elems)}}}}}}}}};
+	return {{"nftables",
+	    {{{verb,
+	        {{"element",
+	            {{"family", kFamily}, {"table", lower_table(device)}, {"name", "vnics"},
+	                {"elem", std::move(elems)}}}}}}}}};
 }
 
 }  // namespace

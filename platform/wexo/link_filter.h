@@ -22,7 +22,7 @@ using Mac = std::array<uint8_t, 6>;
 // An address with its prefix length: IPv4 in the first 4 bytes, IPv6 in all 16. The
 // bits past the prefix are zero.
 struct Prefix {
-	int family = 0;	// AF_INET or AF_INET6
+	int family = 0;  // AF_INET or AF_INET6
 	std::array<uint8_t, 16> bytes{};
 	unsigned len = 0;
 	bool operator==(const Prefix &) const = default;
@@ -34,8 +34,8 @@ enum class Priority { Low, Medium, High };
 struct Settings {
 	Priority priority = Priority::Medium;
 	bool mac_nospoof = false, ip_nospoof = false, dhcp_nospoof = false, restricted = false;
-	Mac mac{};	// what the guest's frames must carry: allowed-mac, else the link's own
-	std::vector<Prefix> allowed4, allowed6;	// disjoint, in order
+	Mac mac{};                               // what the guest's frames must carry: allowed-mac, else the link's own
+	std::vector<Prefix> allowed4, allowed6;  // disjoint, in order
 	// Whether there is anything to filter at all.
 	bool any() const;
 	bool protects() const { return mac_nospoof || ip_nospoof || dhcp_nospoof || restricted; }
@@ -57,7 +57,7 @@ bool parse(const std::map<std::string, std::string> &props, const Mac &own, Sett
 
 // The text forms the fabric writes and reads back.
 std::string mac_text(const Mac &mac);
-std::string prefix_text(const Prefix &p);	// "10.0.0.1", "10.1.0.0/16"
+std::string prefix_text(const Prefix &p);  // "10.0.0.1", "10.1.0.0/16"
 // The IPv6 link-local address a MAC address gives (modified EUI-64).
 Prefix link_local(const Mac &mac);
 
@@ -72,9 +72,9 @@ inline constexpr const char *kLinkTable = "kel";
 // which frames are that VNIC's.
 struct Placement {
 	std::string key;
-	std::vector<std::pair<std::string, std::string>> hooks;	// ("egress" or "ingress", device)
+	std::vector<std::pair<std::string, std::string>> hooks;  // ("egress" or "ingress", device)
 	std::optional<Mac> selector;
-	bool host_side = false;	// in the caller's namespace rather than the link's
+	bool host_side = false;  // in the caller's namespace rather than the link's
 };
 
 // The key of `link` in namespace `ns` ("" for the host's own): "LINK", "NS/LINK".

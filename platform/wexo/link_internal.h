@@ -42,5 +42,4 @@ wexo_status_t wexo_ondemand_made(wexo_handle_t h, const char *name, datalink_id_
 // Deletes link `linkid` of class `expected`, made on demand, under its link lock:
 // WEXO_STATUS_LINKBUSY, deleting nothing, while a link in any namespace is made over it
 // or enslaved to it (Linux would delete those with it), or a VNIC is recorded over it.
-wexo_status_t wexo_ondemand_delete(wexo_handle_t h, datalink_id_t linkid, uint32_t flags,
-    datalink_class_t expected);
+wexo_status_t wexo_ondemand_delete(wexo_handle_t h, datalink_id_t linkid, uint32_t flags, datalink_class_t expected);

@@ -19,9 +19,9 @@ namespace wexo {
 // process takes the file lock once, and its threads take turns on the mutex.
 struct LinkLock::Entry {
 	std::recursive_mutex turn;
-	int depth = 0;	// how deep the holding thread is in it, under `turn`
-	kel::UniqueFd fd;	// the locked file while depth > 0
-	int users = 0;	// threads holding or waiting, under `entries_mutex`
+	int depth = 0;     // how deep the holding thread is in it, under `turn`
+	kel::UniqueFd fd;  // the locked file while depth > 0
+	int users = 0;     // threads holding or waiting, under `entries_mutex`
 };
 
 namespace {

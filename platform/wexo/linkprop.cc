@@ -19,8 +19,8 @@
 #include <netlink/route/link.h>
 #include <netlink/route/link/vlan.h>
 #include <netlink/route/link/vxlan.h>
-#include <netlink/route/qdisc/tbf.h>
 #include <netlink/route/qdisc.h>
+#include <netlink/route/qdisc/tbf.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -115,9 +115,10 @@ wexo_status_t apply_filters(wexo_handle_t h, struct rtnl_link *link, const Props
 {
 	filter::Settings s;
 	if (!filter::parse(props, mac_of(link), &s))
-		return WEXO_STATUS_BADVAL;	// kept settings edited by hand
+		return WEXO_STATUS_BADVAL;  // kept settings edited by hand
 	for (const filter::Placement &at : placements_of(h, link, s))
-		if (const wexo_status_t st = wexo::nft::run(nsfd_of(h, at), filter::ruleset(at, s)); st != WEXO_STATUS_OK)
+		if (const wexo_status_t st = wexo::nft::run(nsfd_of(h, at), filter::ruleset(at, s));
+		    st != WEXO_STATUS_OK)
 			return st;
 	return WEXO_STATUS_OK;
 }
@@ -136,7 +137,7 @@ wexo_status_t apply_maxbw(struct nl_sock *sock, int ifindex, const std::string &
 	rtnl_tc_set_parent(TC_CAST(q), TC_H_ROOT);
 	int err = rtnl_qdisc_delete(sock, q);
 	if (err == -NLE_OBJ_NOTFOUND || err == -NLE_NOADDR || err == -NLE_INVAL)
-		err = 0;	// nothing to remove
+		err = 0;  // nothing to remove
 	rtnl_qdisc_put(q);
 	return err == 0 ? WEXO_STATUS_OK : wexo_from_nl(err);
 }
@@ -292,16 +293,15 @@ void wexo_linkprop_forget(wexo_handle_t h, const char *ifname)
 
 extern "C" {
 
-wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *name,
-    const char *value) noexcept
+wexo_status_t wexo_set_linkprop(wexo_handle_t h, datalink_id_t id, const char *name, const char *value) noexcept
 {
 	return kel::wexo_boundary([&]() -> wexo_status_t {
 		if (name == nullptr || value == nullptr)
 			return WEXO_STATUS_BADARG;
 		if (std::strcmp(name, "iov") == 0)
 			return *value == '\0' || std::strcmp(value, "off") == 0 ? WEXO_STATUS_OK : WEXO_STATUS_NOTSUP;
-		if (std::find_if(std::begin(kProperties), std::end(kProperties), [&](const char *p) { return std::strcmp(p, name) == 0; }) ==
-		    std::end(kProperties))
+		if (std::find_if(std::begin(kProperties), std::end(kProperties),
+		        [&](const char *p) { return std::strcmp(p, name) == 0; }) == std::end(kProperties))
 			return WEXO_STATUS_NOTSUP;
 		if (!valid_value(name, value))
 			return WEXO_STATUS_BADVAL;
@@ -357,18 +357,18 @@ wexo_status_t wexo_link_state(wexo_handle_t h, datalink_id_t id, wexo_link_state
 		const filter::Placement at = placements_of(h, link.get(), own).front();
 		nlohmann::json listing;
 		// Read by name: a host's other links' filters cost this nothing.
-		if (wexo::nft::list_link(nsfd_of(h, at), filter::kLinkTable, filter::chain_names(at.key), filter::set_names(at.key),
-		        &listing) == WEXO_STATUS_OK) {
+		if (wexo::nft::list_link(nsfd_of(h, at), filter::kLinkTable, filter::chain_names(at.key),
+		        filter::set_names(at.key), &listing) == WEXO_STATUS_OK) {
 			const std::vector<std::string> keys = filter::keys(listing);
-			state->wls_filtered = std::find(keys.begin(), keys.end(), at.key) != keys.end() ? B_TRUE : B_FALSE;
+			state->wls_filtered = std::find(keys.begin(), keys.end(), at.key) != keys.end() ? B_TRUE
+			                                                                                : B_FALSE;
 			read_filters(listing, at, state);
 		}
 		return WEXO_STATUS_OK;
 	});
 }
 
-wexo_status_t wexo_get_linkprop(wexo_handle_t h, datalink_id_t id, const char *name,
-    char *value, size_t size)
+wexo_status_t wexo_get_linkprop(wexo_handle_t h, datalink_id_t id, const char *name, char *value, size_t size)
 {
 	char ifname[64];
 	wexo_status_t st = wexo_datalink_id2info(h, id, nullptr, nullptr, nullptr, ifname, sizeof(ifname));

@@ -24,7 +24,7 @@ public:
 	bool ok() const { return ok_; }
 
 private:
-	kel::UniqueFd home_;	// where the thread was, while it is elsewhere
+	kel::UniqueFd home_;  // where the thread was, while it is elsewhere
 	bool ok_ = true;
 };
 

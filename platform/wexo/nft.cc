@@ -45,12 +45,9 @@ wexo_status_t run(int nsfd, const nlohmann::json &batch)
 		if (!in.ok())
 			return WEXO_STATUS_DENIED;
 		switch (run_direct(batch)) {
-		case Direct::Done:
-			return WEXO_STATUS_OK;
-		case Direct::Refused:
-			return WEXO_STATUS_FAILED;
-		case Direct::Unsupported:
-			break;	// libnftables builds it, at the cost of reading the ruleset first
+		case Direct::Done: return WEXO_STATUS_OK;
+		case Direct::Refused: return WEXO_STATUS_FAILED;
+		case Direct::Unsupported: break;  // libnftables builds it, at the cost of reading the ruleset first
 		}
 	}
 	return execute(nsfd, batch.dump(), nullptr);

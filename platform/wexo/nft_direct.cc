@@ -130,25 +130,33 @@ private:
 		nftnl_chain_set_u32(ch.get(), NFTNL_CHAIN_FAMILY, NFPROTO_NETDEV);
 		if (o.contains("hook")) {
 			const std::string &hook = o.at("hook").get_ref<const std::string &>();
-			if ((hook != "ingress" && hook != "egress") || o.at("type") != "filter" || o.at("policy") != "accept")
+			if ((hook != "ingress" && hook != "egress") || o.at("type") != "filter" ||
+			    o.at("policy") != "accept")
 				throw Unknown{};
-			nftnl_chain_set_u32(ch.get(), NFTNL_CHAIN_HOOKNUM, hook == "ingress" ? NF_NETDEV_INGRESS : NF_NETDEV_EGRESS);
+			nftnl_chain_set_u32(ch.get(), NFTNL_CHAIN_HOOKNUM,
+			    hook == "ingress" ? NF_NETDEV_INGRESS : NF_NETDEV_EGRESS);
 			nftnl_chain_set_s32(ch.get(), NFTNL_CHAIN_PRIO, o.at("prio").get<int32_t>());
 			nftnl_chain_set_str(ch.get(), NFTNL_CHAIN_TYPE, "filter");
-			nftnl_chain_set_str(ch.get(), NFTNL_CHAIN_DEV, o.at("dev").get_ref<const std::string &>().c_str());
+			nftnl_chain_set_str(ch.get(), NFTNL_CHAIN_DEV,
+			    o.at("dev").get_ref<const std::string &>().c_str());
 			nftnl_chain_set_u32(ch.get(), NFTNL_CHAIN_POLICY, NF_ACCEPT);
 		}
 		if (verb == "add") {
-			wire_.message(NFT_MSG_NEWCHAIN, NLM_F_CREATE, 1024, [&](nlmsghdr *nlh) { nftnl_chain_nlmsg_build_payload(nlh, ch.get()); });
+			wire_.message(NFT_MSG_NEWCHAIN, NLM_F_CREATE, 1024,
+			    [&](nlmsghdr *nlh) { nftnl_chain_nlmsg_build_payload(nlh, ch.get()); });
 		} else if (verb == "flush") {
 			// Every rule of the chain: a rule deletion that names no rule.
 			RulePtr r(nftnl_rule_alloc());
-			nftnl_rule_set_str(r.get(), NFTNL_RULE_TABLE, o.at("table").get_ref<const std::string &>().c_str());
-			nftnl_rule_set_str(r.get(), NFTNL_RULE_CHAIN, o.at("name").get_ref<const std::string &>().c_str());
+			nftnl_rule_set_str(r.get(), NFTNL_RULE_TABLE,
+			    o.at("table").get_ref<const std::string &>().c_str());
+			nftnl_rule_set_str(r.get(), NFTNL_RULE_CHAIN,
+			    o.at("name").get_ref<const std::string &>().c_str());
 			nftnl_rule_set_u32(r.get(), NFTNL_RULE_FAMILY, NFPROTO_NETDEV);
-			wire_.message(NFT_MSG_DELRULE, 0, 1024, [&](nlmsghdr *nlh) { nftnl_rule_nlmsg_build_payload(nlh, r.get()); });
+			wire_.message(NFT_MSG_DELRULE, 0, 1024,
+			    [&](nlmsghdr *nlh) { nftnl_rule_nlmsg_build_payload(nlh, r.get()); });
 		} else if (verb == "delete") {
-			wire_.message(NFT_MSG_DELCHAIN, 0, 1024, [&](nlmsghdr *nlh) { nftnl_chain_nlmsg_build_payload(nlh, ch.get()); });
+			wire_.message(NFT_MSG_DELCHAIN, 0, 1024,
+			    [&](nlmsghdr *nlh) { nftnl_chain_nlmsg_build_payload(nlh, ch.get()); });
 		} else {
 			throw Unknown{};
 		}
@@ -167,7 +175,8 @@ private:
 		nftnl_set_set_u32(s.get(), NFTNL_SET_ID, ++set_ids_);
 		UdataPtr ud(nftnl_udata_buf_alloc(64));
 		nftnl_udata_put_u32(ud.get(), NFTNL_UDATA_SET_KEYBYTEORDER, kBigEndian);
-		nftnl_set_set_data(s.get(), NFTNL_SET_USERDATA, nftnl_udata_buf_data(ud.get()), nftnl_udata_buf_len(ud.get()));
+		nftnl_set_set_data(s.get(), NFTNL_SET_USERDATA, nftnl_udata_buf_data(ud.get()),
+		    nftnl_udata_buf_len(ud.get()));
 		return s;
 	}
 
@@ -183,7 +192,8 @@ private:
 	// Sends set `s` and then its `count` elements.
 	void send_set(nftnl_set *s, size_t count)
 	{
-		wire_.message(NFT_MSG_NEWSET, NLM_F_CREATE, 1024, [&](nlmsghdr *nlh) { nftnl_set_nlmsg_build_payload(nlh, s); });
+		wire_.message(NFT_MSG_NEWSET, NLM_F_CREATE, 1024,
+		    [&](nlmsghdr *nlh) { nftnl_set_nlmsg_build_payload(nlh, s); });
 		if (count > 0)
 			wire_.message(NFT_MSG_NEWSETELEM, NLM_F_CREATE, 256 + count * 96,
 			    [&](nlmsghdr *nlh) { nftnl_set_elems_nlmsg_build_payload(nlh, s); });
@@ -202,7 +212,8 @@ private:
 		}
 		SetPtr s = new_set(table, name, key, interval ? NFT_SET_INTERVAL : 0);
 		if (verb == "delete") {
-			wire_.message(NFT_MSG_DELSET, 0, 1024, [&](nlmsghdr *nlh) { nftnl_set_nlmsg_build_payload(nlh, s.get()); });
+			wire_.message(NFT_MSG_DELSET, 0, 1024,
+			    [&](nlmsghdr *nlh) { nftnl_set_nlmsg_build_payload(nlh, s.get()); });
 			return;
 		}
 		if (verb != "add")
@@ -350,10 +361,10 @@ private:
 		const unsigned offset = p.at("offset").get<unsigned>(), len = p.at("len").get<unsigned>();
 		if (offset % 8 != 0 || len % 8 != 0 || len == 0 || len > 128)
 			throw Unknown{};
-		const uint32_t header = base == "ll"   ? NFT_PAYLOAD_LL_HEADER
-		                        : base == "nh" ? NFT_PAYLOAD_NETWORK_HEADER
-		                        : base == "th" ? NFT_PAYLOAD_TRANSPORT_HEADER
-		                                       : throw Unknown{};
+		const uint32_t header = base == "ll" ? NFT_PAYLOAD_LL_HEADER
+		    : base == "nh"                   ? NFT_PAYLOAD_NETWORK_HEADER
+		    : base == "th"                   ? NFT_PAYLOAD_TRANSPORT_HEADER
+		                                     : throw Unknown{};
 		x.payload(header, offset / 8, len / 8);
 		return {kInteger, len / 8};
 	}
@@ -448,9 +459,11 @@ private:
 		if (o.contains("comment")) {
 			const std::string &comment = o.at("comment").get_ref<const std::string &>();
 			UdataPtr ud(nftnl_udata_buf_alloc(comment.size() + 16));
-			if (comment.size() > 128 || !nftnl_udata_put_strz(ud.get(), NFTNL_UDATA_RULE_COMMENT, comment.c_str()))
+			if (comment.size() > 128 ||
+			    !nftnl_udata_put_strz(ud.get(), NFTNL_UDATA_RULE_COMMENT, comment.c_str()))
 				throw Unknown{};
-			nftnl_rule_set_data(r.get(), NFTNL_RULE_USERDATA, nftnl_udata_buf_data(ud.get()), nftnl_udata_buf_len(ud.get()));
+			nftnl_rule_set_data(r.get(), NFTNL_RULE_USERDATA, nftnl_udata_buf_data(ud.get()),
+			    nftnl_udata_buf_len(ud.get()));
 		}
 		wire_.message(NFT_MSG_NEWRULE, NLM_F_CREATE | NLM_F_APPEND, 8192,
 		    [&](nlmsghdr *nlh) { nftnl_rule_nlmsg_build_payload(nlh, r.get()); });
@@ -458,7 +471,7 @@ private:
 
 	Wire wire_;
 	uint32_t set_ids_ = 0;
-	std::map<std::string, uint32_t> named_;	// "TABLE\nSET" to the id of the batch's own
+	std::map<std::string, uint32_t> named_;  // "TABLE\nSET" to the id of the batch's own
 };
 
 struct SocketClose {

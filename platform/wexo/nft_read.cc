@@ -82,7 +82,7 @@ std::string address_text(int family, const Bytes &b)
 Json element(int family, const Bytes &first, const Bytes &last)
 {
 	const unsigned bits = static_cast<unsigned>(first.size() * 8);
-	unsigned host = 0;	// the trailing bits that are 0 in `first` and 1 in `last`
+	unsigned host = 0;  // the trailing bits that are 0 in `first` and 1 in `last`
 	while (host < bits) {
 		const unsigned bit = bits - 1 - host;
 		const uint8_t mask = static_cast<uint8_t>(0x80u >> (bit % 8));
@@ -90,7 +90,7 @@ Json element(int family, const Bytes &first, const Bytes &last)
 			break;
 		host++;
 	}
-	bool prefix = true;	// and the bits above those the same in both
+	bool prefix = true;  // and the bits above those the same in both
 	for (unsigned bit = 0; bit + host < bits && prefix; bit++) {
 		const uint8_t mask = static_cast<uint8_t>(0x80u >> (bit % 8));
 		prefix = (first[bit / 8] & mask) == (last[bit / 8] & mask);
@@ -108,9 +108,8 @@ Json intervals(int family, std::vector<std::pair<Bytes, bool>> keys)
 {
 	// In key order, an end before a start of the same key: one interval ends where the
 	// next begins.
-	std::sort(keys.begin(), keys.end(), [](const auto &a, const auto &b) {
-		return a.first != b.first ? a.first < b.first : a.second > b.second;
-	});
+	std::sort(keys.begin(), keys.end(),
+	    [](const auto &a, const auto &b) { return a.first != b.first ? a.first < b.first : a.second > b.second; });
 	Json out = Json::array();
 	std::optional<Bytes> open;
 	for (auto &[key, end] : keys) {
@@ -143,17 +142,21 @@ bool read_link(const std::string &table, const std::vector<std::string> &chains,
 		nftnl_rule_set_str(ask.get(), NFTNL_RULE_CHAIN, chain.c_str());
 		nftnl_rule_set_u32(ask.get(), NFTNL_RULE_FAMILY, NFPROTO_NETDEV);
 		Json rules = Json::array();
-		const bool ok = dump(nl.get(), NFT_MSG_GETRULE, [&](nlmsghdr *nlh) { nftnl_rule_nlmsg_build_payload(nlh, ask.get()); },
+		const bool ok = dump(
+		    nl.get(), NFT_MSG_GETRULE, [&](nlmsghdr *nlh) { nftnl_rule_nlmsg_build_payload(nlh, ask.get()); },
 		    [&](const nlmsghdr *nlh) {
-			    std::unique_ptr<nftnl_rule, void (*)(const nftnl_rule *)> r(nftnl_rule_alloc(), nftnl_rule_free);
-			    if (nftnl_rule_nlmsg_parse(nlh, r.get()) < 0 || !nftnl_rule_is_set(r.get(), NFTNL_RULE_CHAIN) ||
+			    std::unique_ptr<nftnl_rule, void (*)(const nftnl_rule *)> r(nftnl_rule_alloc(),
+			        nftnl_rule_free);
+			    if (nftnl_rule_nlmsg_parse(nlh, r.get()) < 0 ||
+			        !nftnl_rule_is_set(r.get(), NFTNL_RULE_CHAIN) ||
 			        chain != nftnl_rule_get_str(r.get(), NFTNL_RULE_CHAIN))
 				    return;
 			    Json rule = {{"family", "netdev"}, {"table", table}, {"chain", chain}};
 			    uint32_t len = 0;
 			    const void *ud = nftnl_rule_get_data(r.get(), NFTNL_RULE_USERDATA, &len);
 			    std::string comment;
-			    if (ud != nullptr && nftnl_udata_parse(ud, len, comment_of, &comment) >= 0 && !comment.empty())
+			    if (ud != nullptr && nftnl_udata_parse(ud, len, comment_of, &comment) >= 0 &&
+			        !comment.empty())
 				    rule["comment"] = comment;
 			    rules.push_back({{"rule", std::move(rule)}});
 		    });
@@ -171,19 +174,24 @@ bool read_link(const std::string &table, const std::vector<std::string> &chains,
 		nftnl_set_set_u32(ask.get(), NFTNL_SET_FAMILY, NFPROTO_NETDEV);
 		const size_t len = family == AF_INET ? 4 : 16;
 		std::vector<std::pair<Bytes, bool>> keys;
-		const bool ok = dump(nl.get(), NFT_MSG_GETSETELEM, [&](nlmsghdr *nlh) { nftnl_set_elems_nlmsg_build_payload(nlh, ask.get()); },
+		const bool ok = dump(
+		    nl.get(), NFT_MSG_GETSETELEM,
+		    [&](nlmsghdr *nlh) { nftnl_set_elems_nlmsg_build_payload(nlh, ask.get()); },
 		    [&](const nlmsghdr *nlh) {
-			    std::unique_ptr<nftnl_set, void (*)(const nftnl_set *)> s(nftnl_set_alloc(), nftnl_set_free);
+			    std::unique_ptr<nftnl_set, void (*)(const nftnl_set *)> s(nftnl_set_alloc(),
+			        nftnl_set_free);
 			    if (nftnl_set_elems_nlmsg_parse(nlh, s.get()) < 0)
 				    return;
 			    nftnl_set_elems_iter *it = nftnl_set_elems_iter_create(s.get());
 			    for (nftnl_set_elem *e; it != nullptr && (e = nftnl_set_elems_iter_next(it)) != nullptr;) {
 				    uint32_t klen = 0;
-				    const auto *key = static_cast<const uint8_t *>(nftnl_set_elem_get(e, NFTNL_SET_ELEM_KEY, &klen));
+				    const auto *key = static_cast<const uint8_t *>(
+				        nftnl_set_elem_get(e, NFTNL_SET_ELEM_KEY, &klen));
 				    if (key == nullptr || klen != len)
 					    continue;
 				    const bool end = nftnl_set_elem_is_set(e, NFTNL_SET_ELEM_FLAGS) &&
-				        (nftnl_set_elem_get_u32(e, NFTNL_SET_ELEM_FLAGS) & NFT_SET_ELEM_INTERVAL_END) != 0;
+				        (nftnl_set_elem_get_u32(e, NFTNL_SET_ELEM_FLAGS) & NFT_SET_ELEM_INTERVAL_END) !=
+				            0;
 				    keys.emplace_back(Bytes(key, key + klen), end);
 			    }
 			    if (it != nullptr)
@@ -193,7 +201,8 @@ bool read_link(const std::string &table, const std::vector<std::string> &chains,
 			return false;
 		Json elems = intervals(family, std::move(keys));
 		if (!elems.empty())
-			objects.push_back({{"set", {{"family", "netdev"}, {"table", table}, {"name", name}, {"elem", std::move(elems)}}}});
+			objects.push_back({{"set",
+			    {{"family", "netdev"}, {"table", table}, {"name", name}, {"elem", std::move(elems)}}}});
 	}
 	*listing = {{"nftables", std::move(objects)}};
 	return true;

@@ -39,12 +39,22 @@ struct Symbol {
 	uint32_t value;
 };
 const Symbol kSymbols[] = {
-    {kEtherType, "ip", kIp}, {kEtherType, "arp", kArp}, {kEtherType, "ip6", kIp6}, {kEtherType, "8021q", 0x8100},
-    {kEtherType, "8021ad", 0x88a8}, {kIcmpType, "redirect", 5}, {kArpOp, "request", 1}, {kArpOp, "reply", 2},
-    {kInetProto, "ipv6-icmp", IPPROTO_ICMPV6}, {kInetProto, "udp", IPPROTO_UDP},
-    {kIcmp6Type, "mld-listener-report", 131}, {kIcmp6Type, "nd-router-advert", 134},
-    {kIcmp6Type, "nd-neighbor-solicit", 135}, {kIcmp6Type, "nd-neighbor-advert", 136},
-    {kIcmp6Type, "nd-redirect", 137}, {kIcmp6Type, "mld2-listener-report", 143},
+    {kEtherType, "ip", kIp},
+    {kEtherType, "arp", kArp},
+    {kEtherType, "ip6", kIp6},
+    {kEtherType, "8021q", 0x8100},
+    {kEtherType, "8021ad", 0x88a8},
+    {kIcmpType, "redirect", 5},
+    {kArpOp, "request", 1},
+    {kArpOp, "reply", 2},
+    {kInetProto, "ipv6-icmp", IPPROTO_ICMPV6},
+    {kInetProto, "udp", IPPROTO_UDP},
+    {kIcmp6Type, "mld-listener-report", 131},
+    {kIcmp6Type, "nd-router-advert", 134},
+    {kIcmp6Type, "nd-neighbor-solicit", 135},
+    {kIcmp6Type, "nd-neighbor-advert", 136},
+    {kIcmp6Type, "nd-redirect", 137},
+    {kIcmp6Type, "mld2-listener-report", 143},
 };
 
 Bytes big_endian(uint64_t value, uint32_t len)
@@ -102,7 +112,8 @@ Bytes value_of(const Json &v, KeyType type, uint32_t len)
 	if (type == kEtherAddr && len == 6) {
 		unsigned b[6];
 		char end;
-		if (std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5], &end) != 6)
+		if (std::sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &b[0], &b[1], &b[2], &b[3], &b[4], &b[5],
+		        &end) != 6)
 			throw Unknown{};
 		std::copy(b, b + 6, out.begin());
 		return out;

@@ -41,11 +41,11 @@ enum class Needs { Nothing, Ethernet, Network, Transport };
 
 struct Field {
 	const char *protocol, *name;
-	uint32_t base, offset, len;	// bytes
+	uint32_t base, offset, len;  // bytes
 	KeyType type;
 	Needs needs;
-	uint16_t network;	// the EtherType it needs, for Network and Transport (0: none)
-	uint8_t transport;	// the IP protocol it needs, for Transport
+	uint16_t network;   // the EtherType it needs, for Network and Transport (0: none)
+	uint8_t transport;  // the IP protocol it needs, for Transport
 };
 
 constexpr uint16_t kIp = 0x0800, kArp = 0x0806, kIp6 = 0x86dd;

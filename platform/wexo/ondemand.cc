@@ -63,7 +63,8 @@ wexo_status_t wexo_has_uppers(wexo_handle_t h, datalink_id_t id, bool *busy)
 		wexo_handle_t ask = nullptr, other = nullptr;
 		// A namespace that goes away meanwhile holds nothing.
 		const int32_t homeid = home != -1 && wexo_open_netns(name.c_str(), &ask) == WEXO_STATUS_OK
-		    ? wexo_peer_nsid(ask, home) : -1;
+		    ? wexo_peer_nsid(ask, home)
+		    : -1;
 		wexo_close(ask);
 		if (homeid >= 0 && wexo_open_netns(name.c_str(), &other) == WEXO_STATUS_OK)
 			st = uppers_in(other, h, homeid, id, busy);
@@ -85,8 +86,7 @@ wexo_status_t wexo_ondemand_made(wexo_handle_t h, const char *name, datalink_id_
 	return WEXO_STATUS_FAILED;
 }
 
-wexo_status_t wexo_ondemand_delete(wexo_handle_t h, datalink_id_t linkid, uint32_t flags,
-    datalink_class_t expected)
+wexo_status_t wexo_ondemand_delete(wexo_handle_t h, datalink_id_t linkid, uint32_t flags, datalink_class_t expected)
 {
 	if (h == nullptr || linkid == DATALINK_INVALID_LINKID)
 		return WEXO_STATUS_BADARG;

@@ -11,8 +11,8 @@
 namespace wexo {
 namespace {
 
-constexpr uint64_t kLatencyUs = 50000;	// what may queue: 50 ms at the rate
-constexpr uint64_t kBurstMs = 10;	// the bucket: 10 ms at the rate, at least 16 KiB
+constexpr uint64_t kLatencyUs = 50000;  // what may queue: 50 ms at the rate
+constexpr uint64_t kBurstMs = 10;       // the bucket: 10 ms at the rate, at least 16 KiB
 constexpr uint64_t kMinBurst = 16384;
 
 // A message that frees itself.
@@ -25,7 +25,7 @@ struct Message {
 
 wexo_status_t tbf_set(struct nl_sock *sock, int ifindex, uint64_t bps)
 {
-	const uint64_t rate = std::max<uint64_t>(bps / 8, 1);	// bytes per second
+	const uint64_t rate = std::max<uint64_t>(bps / 8, 1);  // bytes per second
 	const uint64_t burst = std::min<uint64_t>(std::max(rate * kBurstMs / 1000, kMinBurst), UINT32_MAX);
 	const uint64_t limit = std::min<uint64_t>(rate * kLatencyUs / 1000000 + burst, UINT32_MAX);
 	struct tc_tbf_qopt qopt {};
@@ -44,8 +44,7 @@ wexo_status_t tbf_set(struct nl_sock *sock, int ifindex, uint64_t bps)
 	if (m.msg == nullptr)
 		return WEXO_STATUS_NOMEM;
 	struct nlattr *opts = nullptr;
-	if (nlmsg_append(m.msg, &tcm, sizeof(tcm), NLMSG_ALIGNTO) < 0 ||
-	    nla_put_string(m.msg, TCA_KIND, "tbf") < 0 ||
+	if (nlmsg_append(m.msg, &tcm, sizeof(tcm), NLMSG_ALIGNTO) < 0 || nla_put_string(m.msg, TCA_KIND, "tbf") < 0 ||
 	    (opts = nla_nest_start(m.msg, TCA_OPTIONS)) == nullptr ||
 	    nla_put(m.msg, TCA_TBF_PARMS, sizeof(qopt), &qopt) < 0 ||
 	    nla_put_u32(m.msg, TCA_TBF_BURST, static_cast<uint32_t>(burst)) < 0 ||

@@ -10,8 +10,8 @@
 #include "link_lock.h"
 #include "wexo.h"
 
-wexo_status_t wexo_vlan_create(wexo_handle_t h, const char *name, datalink_id_t uplink, uint16_t vid,
-    uint32_t flags, datalink_id_t *linkidp)
+wexo_status_t wexo_vlan_create(wexo_handle_t h, const char *name, datalink_id_t uplink, uint16_t vid, uint32_t flags,
+    datalink_id_t *linkidp)
 {
 	if (linkidp != nullptr)
 		*linkidp = DATALINK_INVALID_LINKID;

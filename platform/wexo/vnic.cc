@@ -13,8 +13,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "kelnet.h"
 #include "c_boundary.h"
+#include "kelnet.h"
 #include "link_internal.h"
 #include "netns_switch.h"
 #include "wexo.h"
@@ -76,15 +76,15 @@ wexo_status_t find_vnic(const VnicHandle &vh, const std::string &link, struct rt
 
 extern "C" {
 
-wexo_status_t wexo_vnic_create(wexo_handle_t h, const char *name, datalink_id_t lower,
-    wexo_vnic_kind_t kind, const char *mac, datalink_id_t *idp) noexcept
+wexo_status_t wexo_vnic_create(wexo_handle_t h, const char *name, datalink_id_t lower, wexo_vnic_kind_t kind,
+    const char *mac, datalink_id_t *idp) noexcept
 {
 	return kel::wexo_boundary([&]() -> wexo_status_t {
 		std::string ns, link;
 		const bool down = (kind & WEXO_VNIC_DOWN) != 0;
 		kind = static_cast<wexo_vnic_kind_t>(kind & ~WEXO_VNIC_DOWN);
-		if (h == nullptr || idp == nullptr || lower == DATALINK_INVALID_LINKID || !split_name(name, &ns, &link) ||
-		    (kind != WEXO_VNIC_MACVLAN && kind != WEXO_VNIC_MACVTAP))
+		if (h == nullptr || idp == nullptr || lower == DATALINK_INVALID_LINKID ||
+		    !split_name(name, &ns, &link) || (kind != WEXO_VNIC_MACVLAN && kind != WEXO_VNIC_MACVTAP))
 			return WEXO_STATUS_BADARG;
 		*idp = DATALINK_INVALID_LINKID;
 		struct nl_addr *addr = nullptr;
@@ -182,7 +182,8 @@ wexo_status_t wexo_default_route(wexo_handle_t h, datalink_id_t id, const char *
 	struct rtnl_route *r = rtnl_route_alloc();
 	struct rtnl_nexthop *nh = rtnl_route_nh_alloc();
 	struct nl_addr *any = nullptr;
-	int err = r == nullptr || nh == nullptr ? -NLE_NOMEM
+	int err = r == nullptr || nh == nullptr
+	    ? -NLE_NOMEM
 	    : nl_addr_parse(nl_addr_get_family(gw) == AF_INET6 ? "::/0" : "0.0.0.0/0", AF_UNSPEC, &any);
 	if (err == 0) {
 		rtnl_route_set_family(r, static_cast<uint8_t>(nl_addr_get_family(gw)));
@@ -190,7 +191,7 @@ wexo_status_t wexo_default_route(wexo_handle_t h, datalink_id_t id, const char *
 		rtnl_route_nh_set_gateway(nh, gw);
 		rtnl_route_nh_set_ifindex(nh, static_cast<int>(id));
 		rtnl_route_add_nexthop(r, nh);
-		nh = nullptr;	// the route owns it now
+		nh = nullptr;  // the route owns it now
 		err = rtnl_route_add(wexo_sock(h), r, NLM_F_CREATE | (replace ? NLM_F_REPLACE : NLM_F_EXCL));
 	}
 	if (nh != nullptr)
@@ -203,8 +204,8 @@ wexo_status_t wexo_default_route(wexo_handle_t h, datalink_id_t id, const char *
 
 extern "C" {
 
-wexo_status_t wexo_link_set_ipaddr(wexo_handle_t h, datalink_id_t id, const char *addr,
-    uint32_t prefixlen, const char *router) noexcept
+wexo_status_t wexo_link_set_ipaddr(wexo_handle_t h, datalink_id_t id, const char *addr, uint32_t prefixlen,
+    const char *router) noexcept
 {
 	return kel::wexo_boundary([&]() -> wexo_status_t {
 		if (h == nullptr || id == DATALINK_INVALID_LINKID || addr == nullptr)

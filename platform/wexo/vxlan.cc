@@ -3,12 +3,12 @@
 #include <fcntl.h>
 #include <linux/net_namespace.h>
 #include <net/if.h>
-#include <unistd.h>
 #include <netlink/cache.h>
 #include <netlink/errno.h>
 #include <netlink/msg.h>
 #include <netlink/route/link.h>
 #include <netlink/route/link/vxlan.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
@@ -64,7 +64,8 @@ bool extract_one(const char *name, const char *value, mac_vxlan_props_t *mvp)
 		}
 		mvp->mvp_mask |= MVP_VXLAN_ADDR;
 		return kel::ipaddr::parse(addr.c_str(), &mvp->mvp_addr) &&
-		    (!(mvp->mvp_mask & MVP_VXLAN_PLEN) || mvp->mvp_plen <= (mvp->mvp_addr.ip_version == 6 ? 128u : 32u));
+		    (!(mvp->mvp_mask & MVP_VXLAN_PLEN) ||
+		        mvp->mvp_plen <= (mvp->mvp_addr.ip_version == 6 ? 128u : 32u));
 	}
 	if (std::strcmp(name, "mgroup") == 0) {
 		mvp->mvp_mask |= MVP_VXLAN_MGROUP;
@@ -99,7 +100,7 @@ struct nl_addr *to_nl(const mac_ipaddr_t &a)
 uint32_t mtu_over(wexo_handle_t h, datalink_id_t underlay, bool ipv6)
 {
 	constexpr uint32_t kOverhead4 = 20 + 8 + 8 + 14, kOverhead6 = 40 + 8 + 8 + 14;
-	constexpr uint32_t kMinMtu = 68;	// the least an IPv4 link may carry
+	constexpr uint32_t kMinMtu = 68;  // the least an IPv4 link may carry
 	struct rtnl_link *l = nullptr;
 	if (underlay == DATALINK_INVALID_LINKID || wexo_get_link(h, underlay, &l) != WEXO_STATUS_OK)
 		return 0;
@@ -157,15 +158,15 @@ wexo_status_t wexo_link_proplist_extract(wexo_handle_t, datalink_id_t, datalink_
 	return WEXO_STATUS_OK;
 }
 
-wexo_status_t wexo_vxlan_create(wexo_handle_t h, const char *name, vxlan_kparams_t *kp,
-    const wexo_arg_list_t *args, uint32_t flags, datalink_id_t *linkidp)
+wexo_status_t wexo_vxlan_create(wexo_handle_t h, const char *name, vxlan_kparams_t *kp, const wexo_arg_list_t *args,
+    uint32_t flags, datalink_id_t *linkidp)
 {
 	if (h == nullptr || name == nullptr || kp == nullptr || linkidp == nullptr ||
 	    !(kp->vk_mvp.mvp_mask & MVP_VXLAN_VNI) || std::strlen(name) >= IFNAMSIZ)
 		return WEXO_STATUS_BADARG;
 	*linkidp = DATALINK_INVALID_LINKID;
 	if (!(flags & WEXO_OPT_ACTIVE))
-		return WEXO_STATUS_NOTSUP;	// nothing persists across restarts here
+		return WEXO_STATUS_NOTSUP;  // nothing persists across restarts here
 	// An endpoint the host does not hold would send from an address nobody answers.
 	if (kel::ipaddr::specified(kp->vk_addr) && kp->vk_ifindex == 0)
 		return WEXO_STATUS_NOADDR;

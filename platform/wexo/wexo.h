@@ -19,8 +19,8 @@ extern "C" {
 // length, "mgroup", "ipvers", "interface"), with the mask bits of those given. Other
 // names are left alone; a value that does not parse is WEXO_STATUS_BADVAL. `linkid`
 // and `flags` are unused (the properties are those of a link still to be made).
-wexo_status_t wexo_link_proplist_extract(wexo_handle_t handle, datalink_id_t linkid,
-    datalink_class_t dlclass, const wexo_arg_list_t *args, void *props, uint32_t flags);
+wexo_status_t wexo_link_proplist_extract(wexo_handle_t handle, datalink_id_t linkid, datalink_class_t dlclass,
+    const wexo_arg_list_t *args, void *props, uint32_t flags);
 
 // Makes the VXLAN link `name` from `kparams` (VNI, local endpoint, the link under it,
 // multicast group; destination port 4789), up, with the MTU of its underlay (the link
@@ -45,7 +45,5 @@ wexo_status_t wexo_vlan_create(wexo_handle_t handle, const char *name, datalink_
 wexo_status_t wexo_vlan_delete(wexo_handle_t handle, datalink_id_t linkid, uint32_t flags);
 
 // The link property kept for `id` ("" when unset).
-wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name,
-    char *value, size_t size);
-
+wexo_status_t wexo_get_linkprop(wexo_handle_t handle, datalink_id_t id, const char *name, char *value, size_t size);
 }

@@ -32,7 +32,6 @@ int attrset_create(attrset_t **setp, int flags)
 	return 12;
 }
 
-
 int main(void)
 {
 	kel_dbhandle_t h = NULL;
@@ -41,8 +40,7 @@ int main(void)
 
 	CHECK(kel_db_create() == KEL_SUCCESS);
 	CHECK(kel_db_open(&h, KEL_DB_READWRITE) == KEL_SUCCESS);
-	CHECK(kel_db_create_kel(h, NULL, "web", "l2-type=flat", KEL_NAME_DASH_OK, &kel) ==
-	    KEL_SUCCESS);
+	CHECK(kel_db_create_kel(h, NULL, "web", "l2-type=flat", KEL_NAME_DASH_OK, &kel) == KEL_SUCCESS);
 	kel_free_kel(kel);
 	CHECK(kel_db_get_filtered_kellist(h, "kel=web", &kels, 0) == KEL_SUCCESS);
 	CHECK(kel_list_count(&kels) == 1);

@@ -60,8 +60,8 @@ int main(int argc, char **argv)
 		return fail("create", rc);
 	bound = made.kv_implinfo->ekelii_kelinfo->ekeli_vports[0];
 	mac = kel_propattrset_lookup(bound->evpi_props, bound->evpi_props_count, "macaddr");
-	printf("bound %s of %s, lower link %s, MTU %u\n", bound->evpi_name, made.kv_implinfo->ekelii_kelinfo->ekeli_name,
-	    made.kv_lowername, made.kv_mtu);
+	printf("bound %s of %s, lower link %s, MTU %u\n", bound->evpi_name,
+	    made.kv_implinfo->ekelii_kelinfo->ekeli_name, made.kv_lowername, made.kv_mtu);
 	/* What the caller can see of it with the system's own tools. */
 	snprintf(cmd, sizeof(cmd), "/sys/class/net/%s/address", vnic);
 	if ((f = fopen(cmd, "r")) != NULL) {

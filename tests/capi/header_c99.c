@@ -1,6 +1,6 @@
 /* The public headers compile as strict C99, each on its own. */
-#include <kel/libkel_node.h>
 #include <kel/libkel.h>
+#include <kel/libkel_node.h>
 #include <kel/sys/fabric.h>
 
 /* Every reason code is an integer constant expression. */

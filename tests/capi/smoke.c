@@ -16,7 +16,6 @@ struct rec {
 	int value;
 };
 
-
 int main(void)
 {
 	list_t list;

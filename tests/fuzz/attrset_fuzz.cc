@@ -8,8 +8,8 @@
 #include <cstring>
 #include <string>
 
-#include "fuzz_check.h"
 #include <kel/libkel.h>
+#include "fuzz_check.h"
 
 namespace {
 

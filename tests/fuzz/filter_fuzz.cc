@@ -5,9 +5,9 @@
 #include <cstring>
 #include <string>
 
+#include <kel/libkel.h>
 #include "filter.h"
 #include "fuzz_check.h"
-#include <kel/libkel.h>
 
 namespace {
 
@@ -16,12 +16,12 @@ struct Join {
 };
 
 constexpr Join kJoins[] = {
-	{"kel_tbl", "vport_tbl"},
-	{"kel_tbl", "ipnet_tbl"},
-	{"vport_tbl", "kel_tbl"},
-	{"ipnet_tbl", "kel_tbl"},
-	{"ctrl_tbl", nullptr},
-	{"misc_tbl", nullptr},
+    {"kel_tbl", "vport_tbl"},
+    {"kel_tbl", "ipnet_tbl"},
+    {"vport_tbl", "kel_tbl"},
+    {"ipnet_tbl", "kel_tbl"},
+    {"ctrl_tbl", nullptr},
+    {"misc_tbl", nullptr},
 };
 
 }  // namespace
@@ -32,8 +32,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	for (const Join &j : kJoins) {
 		char clause[KEL_FILTER_CLAUSE_LEN];
 		attrset_t *params = nullptr;
-		if (kel_filterstr2sqlfmt(text.c_str(), clause, sizeof(clause), &params, j.t1, j.t2) !=
-		    KEL_SUCCESS) {
+		if (kel_filterstr2sqlfmt(text.c_str(), clause, sizeof(clause), &params, j.t1, j.t2) != KEL_SUCCESS) {
 			FUZZ_CHECK(params == nullptr);
 			continue;
 		}

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <string>
 
-#include "fuzz_check.h"
 #include <kel/libkel.h>
+#include "fuzz_check.h"
 #include "subnet.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

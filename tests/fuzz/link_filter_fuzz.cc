@@ -18,7 +18,8 @@ using namespace wexo::filter;
 
 const std::set<std::string> kVerbs = {"add", "flush", "delete"}, kKinds = {"table", "set", "chain", "rule"},
                             kComments = {"kel:priority=high", "kel:priority=low", "kel:mac-nospoof", "kel:tagged",
-                                "kel:restricted", "kel:dhcp-nospoof", "kel:ip-nospoof", "kel:hooked", "kel:foreign-mac"};
+                                "kel:restricted", "kel:dhcp-nospoof", "kel:ip-nospoof", "kel:hooked",
+                                "kel:foreign-mac"};
 
 // Every object is a command of the builder's on table `table`, in the netdev family; with
 // a `key`, on that link's own objects there (or its table of old) alone.
@@ -34,23 +35,28 @@ void check_structure(const Json &batch, const std::string &table, const std::str
 		const bool is_table = inner.begin().key() == "table";
 		FUZZ_CHECK(obj[is_table ? "name" : "table"] == table || (is_table && obj["name"] == legacy_table(key)));
 		if (!key.empty() && !is_table)
-			FUZZ_CHECK(obj[inner.begin().key() == "rule" ? "chain" : "name"].get<std::string>().rfind(key + ".", 0) == 0);
+			FUZZ_CHECK(obj[inner.begin().key() == "rule" ? "chain" : "name"].get<std::string>().rfind(
+			               key + ".", 0) == 0);
 		if (obj.contains("comment"))
 			FUZZ_CHECK(kComments.count(obj["comment"].get<std::string>()) == 1);
 		if (obj.contains("elem"))
 			for (const Json &e : obj["elem"]) {
-				const std::string addr = e.is_string() ? e.get<std::string>() : e["prefix"]["addr"].get<std::string>();
+				const std::string addr = e.is_string() ? e.get<std::string>()
+				                                       : e["prefix"]["addr"].get<std::string>();
 				unsigned char buf[16];
-				FUZZ_CHECK(inet_pton(AF_INET, addr.c_str(), buf) == 1 || inet_pton(AF_INET6, addr.c_str(), buf) == 1 ||
+				FUZZ_CHECK(inet_pton(AF_INET, addr.c_str(), buf) == 1 ||
+				    inet_pton(AF_INET6, addr.c_str(), buf) == 1 ||
 				    (obj["name"] == "vnics" && addr.size() == 17));
-		// A rule's set and jump targets are the link's own.
-		if (obj.contains("expr") && !key.empty()) {
-			const std::string text = obj["expr"].dump();
-			for (size_t at = text.find("\"@"); at != std::string::npos; at = text.find("\"@", at + 1))
-				FUZZ_CHECK(text.compare(at + 2, key.size() + 1, key + ".") == 0);
-			for (size_t at = text.find("\"target\":\""); at != std::string::npos; at = text.find("\"target\":\"", at + 1))
-				FUZZ_CHECK(text.compare(at + 10, key.size() + 1, key + ".") == 0);
-		}
+				// A rule's set and jump targets are the link's own.
+				if (obj.contains("expr") && !key.empty()) {
+					const std::string text = obj["expr"].dump();
+					for (size_t at = text.find("\"@"); at != std::string::npos;
+					     at = text.find("\"@", at + 1))
+						FUZZ_CHECK(text.compare(at + 2, key.size() + 1, key + ".") == 0);
+					for (size_t at = text.find("\"target\":\""); at != std::string::npos;
+					     at = text.find("\"target\":\"", at + 1))
+						FUZZ_CHECK(text.compare(at + 10, key.size() + 1, key + ".") == 0);
+				}
 			}
 	}
 }
@@ -95,8 +101,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	const std::vector<std::string> held = in_force(batch, at);
 	const auto has = [&](const char *what) { return std::find(held.begin(), held.end(), what) != held.end(); };
 	FUZZ_CHECK(has("mac-nospoof") == s.mac_nospoof && has("ip-nospoof") == s.ip_nospoof &&
-	    has("dhcp-nospoof") == s.dhcp_nospoof && has("restricted") == s.restricted && has("tagged") == s.protects());
-	FUZZ_CHECK(has("priority=high") == (s.priority == Priority::High) && has("priority=low") == (s.priority == Priority::Low));
+	    has("dhcp-nospoof") == s.dhcp_nospoof && has("restricted") == s.restricted &&
+	    has("tagged") == s.protects());
+	FUZZ_CHECK(has("priority=high") == (s.priority == Priority::High) &&
+	    has("priority=low") == (s.priority == Priority::Low));
 	check_structure(Json::parse(lower_guard("eth0", {own, s.mac}).dump()), lower_table("eth0"), "");
 	return 0;
 }

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "fuzz_check.h"
 #include <kel/libkel.h>
+#include "fuzz_check.h"
 #include "range.h"
 
 namespace {
@@ -17,15 +17,14 @@ struct Bounds {
 };
 
 constexpr Bounds kBounds[] = {
-	{"0", "2147483647"},
-	{"0.0.0.0", "255.255.255.255"},
-	{"::", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+    {"0", "2147483647"},
+    {"0.0.0.0", "255.255.255.255"},
+    {"::", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
 };
 
 bool valid(const std::string &r, int type)
 {
-	return kel_rsrc_valid_range(r.c_str(), type, kBounds[type].min, kBounds[type].max, nullptr) ==
-	    KEL_SUCCESS;
+	return kel_rsrc_valid_range(r.c_str(), type, kBounds[type].min, kBounds[type].max, nullptr) == KEL_SUCCESS;
 }
 
 }  // namespace

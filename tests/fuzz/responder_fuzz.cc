@@ -77,7 +77,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 	}
 	if (solicit) {
 		kel::dhcp6::Advert a;
-		a.plen = frame.size() > 20 ? frame[20] : 64;	// any length, even past 128
+		a.plen = frame.size() > 20 ? frame[20] : 64;  // any length, even past 128
 		const auto f = kel::dhcp6::router_advert(*solicit, kServer, a);
 		FUZZ_CHECK(!kel::dhcp6::parse_router_solicit(f.data(), f.size()));
 	}

@@ -130,7 +130,9 @@ int main(int argc, char **argv)
 			die(std::string("not NAME=VALUE: ") + argv[i]);
 		a[std::string(argv[i], static_cast<size_t>(eq - argv[i]))] = eq + 1;
 	}
-	const auto get = [&](const char *name, const std::string &fallback) { return a.count(name) ? a[name] : fallback; };
+	const auto get = [&](const char *name, const std::string &fallback) {
+		return a.count(name) ? a[name] : fallback;
+	};
 
 	const int fd = socket(AF_PACKET, SOCK_RAW, 0);
 	struct ifreq req {};
@@ -139,7 +141,8 @@ int main(int argc, char **argv)
 		die("no link " + ifname);
 	const Bytes own(req.ifr_hwaddr.sa_data, req.ifr_hwaddr.sa_data + 6);
 	char own_text[18];
-	std::snprintf(own_text, sizeof(own_text), "%02x:%02x:%02x:%02x:%02x:%02x", own[0], own[1], own[2], own[3], own[4], own[5]);
+	std::snprintf(own_text, sizeof(own_text), "%02x:%02x:%02x:%02x:%02x:%02x", own[0], own[1], own[2], own[3],
+	    own[4], own[5]);
 
 	unsigned type = 0;
 	Bytes payload;
@@ -149,7 +152,7 @@ int main(int argc, char **argv)
 		put16(udp, sport);
 		put16(udp, dport);
 		put16(udp, 8 + 4);
-		put16(udp, 0);	// no checksum, which IPv4 allows
+		put16(udp, 0);  // no checksum, which IPv4 allows
 		udp.insert(udp.end(), {'k', 'e', 'l', '!'});
 		payload = ipv4(ip(AF_INET, get("sip", "0.0.0.0")), ip(AF_INET, get("dip", "255.255.255.255")), 17, udp);
 		type = 0x0800;
@@ -158,8 +161,8 @@ int main(int argc, char **argv)
 		bootp[0] = 1;
 		bootp[1] = 1;
 		bootp[2] = 6;
-		bootp[4] = 0x6b;	// xid
-		bootp[10] = 0x80;	// broadcast flag
+		bootp[4] = 0x6b;   // xid
+		bootp[10] = 0x80;  // broadcast flag
 		const Bytes ch = mac(get("chaddr", own_text));
 		std::copy(ch.begin(), ch.end(), bootp.begin() + 28);
 		bootp.insert(bootp.begin() + 236, {99, 130, 83, 99});
@@ -180,7 +183,8 @@ int main(int argc, char **argv)
 		type = 0x0800;
 	} else if (kind == "redirect4") {
 		// ICMP redirect (host) to gateway `gw`, quoting a datagram of the receiver's to `for`.
-		const Bytes quoted = ipv4(ip(AF_INET, get("dip", "0.0.0.0")), ip(AF_INET, get("for", "192.0.2.1")), 17, Bytes(8, 0));
+		const Bytes quoted = ipv4(ip(AF_INET, get("dip", "0.0.0.0")), ip(AF_INET, get("for", "192.0.2.1")), 17,
+		    Bytes(8, 0));
 		Bytes icmp = {5, 1, 0, 0};
 		append(icmp, ip(AF_INET, get("gw", get("sip", "0.0.0.0"))));
 		icmp.insert(icmp.end(), quoted.begin(), quoted.begin() + 28);
@@ -212,7 +216,7 @@ int main(int argc, char **argv)
 			sum_at = 6;
 		} else if (kind == "ns" || kind == "na") {
 			l4 = {static_cast<uint8_t>(kind == "ns" ? 135 : 136), 0, 0, 0,
-			    static_cast<uint8_t>(kind == "na" ? 0x20 : 0), 0, 0, 0};	// na: override
+			    static_cast<uint8_t>(kind == "na" ? 0x20 : 0), 0, 0, 0};  // na: override
 			append(l4, ip(AF_INET6, get("target", "::")));
 			if (a.count("lladdr")) {
 				l4.insert(l4.end(), {static_cast<uint8_t>(kind == "ns" ? 1 : 2), 1});
@@ -221,7 +225,7 @@ int main(int argc, char **argv)
 			if (get("nonce", "no") == "yes")
 				l4.insert(l4.end(), {14, 1, 1, 2, 3, 4, 5, 6});
 		} else if (kind == "ra") {
-			l4 = {134, 0, 0, 0, 64, 0, 0x07, 0x08, 0, 0, 0, 0, 0, 0, 0, 0};	// lifetime 1800 s
+			l4 = {134, 0, 0, 0, 64, 0, 0x07, 0x08, 0, 0, 0, 0, 0, 0, 0, 0};  // lifetime 1800 s
 		} else if (kind == "redirect6") {
 			// A better first hop `target` for `for`.
 			l4 = {137, 0, 0, 0, 0, 0, 0, 0};
@@ -257,7 +261,7 @@ int main(int argc, char **argv)
 	const int listen_s = std::atoi(get("listen", "0").c_str());
 	int in = -1;
 	if (listen_s > 0) {
-		in = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP));	// from the IPv4 header on
+		in = socket(AF_PACKET, SOCK_DGRAM, htons(ETH_P_IP));  // from the IPv4 header on
 		struct sockaddr_ll at = to;
 		at.sll_protocol = htons(ETH_P_IP);
 		struct timeval tv = {listen_s, 0};
@@ -271,7 +275,7 @@ int main(int argc, char **argv)
 	for (int i = 0; i < count; i++) {
 		if (sendto(fd, frame.data(), frame.size(), 0, reinterpret_cast<struct sockaddr *>(&to), sizeof(to)) !=
 		    static_cast<ssize_t>(frame.size()))
-			return 1;	// a filter on the way may refuse it
+			return 1;  // a filter on the way may refuse it
 		usleep(20000);
 	}
 	close(fd);
@@ -295,12 +299,18 @@ int main(int argc, char **argv)
 			continue;
 		const uint8_t *b = got + ihl + 8;
 		unsigned msg = 0;
-		for (size_t i = 240; i + 2 < static_cast<size_t>(n) - ihl - 8 && b[i] != 255; i += b[i] == 0 ? 1 : 2 + b[i + 1])
+		for (size_t i = 240; i + 2 < static_cast<size_t>(n) - ihl - 8 && b[i] != 255;
+		     i += b[i] == 0 ? 1 : 2 + b[i + 1])
 			if (b[i] == 53)
 				msg = b[i + 2];
 		char yiaddr[INET_ADDRSTRLEN];
 		inet_ntop(AF_INET, b + 16, yiaddr, sizeof(yiaddr));
-		std::printf("answered %s %s\n", msg == 2 ? "offer" : msg == 5 ? "ack" : msg == 6 ? "nak" : "other", yiaddr);
+		std::printf("answered %s %s\n",
+		    msg == 2       ? "offer"
+		        : msg == 5 ? "ack"
+		        : msg == 6 ? "nak"
+		                   : "other",
+		    yiaddr);
 		return 0;
 	}
 }

@@ -44,17 +44,17 @@ wexo_status_t wexo_link_stats(wexo_handle_t handle, datalink_id_t id, wexo_stats
  * with what the store says.
  */
 typedef struct wexo_link_state {
-	char wls_mac[18];		/* its address, "xx:xx:xx:xx:xx:xx" */
-	char wls_lower[16];		/* the link it is made over ("" for none) */
-	char wls_lower_kind[16];	/* that link's kind: "vxlan", "vlan", ... ("" for a device) */
-	uint32_t wls_lower_id;		/* a VXLAN lower link's VNI, a VLAN lower link's ID */
-	char wls_local[46];		/* a VXLAN lower link's endpoint ("" unset) */
-	char wls_group[46];		/* and multicast group ("" none) */
-	uint64_t wls_maxbw;		/* a root tbf's rate in bits per second; 0 for none */
-	boolean_t wls_filtered;		/* whether it has filters (chains in the shared table) */
-	char wls_filters[256];		/* what the table's rules are for: their "kel:" comments, */
-					/* comma-separated ("mac-nospoof,ip-nospoof,priority=high") */
-	char wls_allowed[1024];		/* the elements of its allowed address sets, comma-separated */
+	char wls_mac[18];        /* its address, "xx:xx:xx:xx:xx:xx" */
+	char wls_lower[16];      /* the link it is made over ("" for none) */
+	char wls_lower_kind[16]; /* that link's kind: "vxlan", "vlan", ... ("" for a device) */
+	uint32_t wls_lower_id;   /* a VXLAN lower link's VNI, a VLAN lower link's ID */
+	char wls_local[46];      /* a VXLAN lower link's endpoint ("" unset) */
+	char wls_group[46];      /* and multicast group ("" none) */
+	uint64_t wls_maxbw;      /* a root tbf's rate in bits per second; 0 for none */
+	boolean_t wls_filtered;  /* whether it has filters (chains in the shared table) */
+	char wls_filters[256];   /* what the table's rules are for: their "kel:" comments, */
+	                         /* comma-separated ("mac-nospoof,ip-nospoof,priority=high") */
+	char wls_allowed[1024];  /* the elements of its allowed address sets, comma-separated */
 } wexo_link_state_t;
 
 /*
@@ -95,9 +95,9 @@ wexo_status_t wexo_link_owned(wexo_handle_t handle, datalink_id_t id, const char
  */
 typedef struct wexo_leftover {
 	char wl_kind[8];
-	char wl_name[320];	/* the VNIC ("NAMESPACE/LINK"), link, table, or link whose filters */
-	char wl_what[320];	/* what is wrong with it, for people */
-	long wl_age;		/* a VNIC's: seconds since its port was bound here */
+	char wl_name[320]; /* the VNIC ("NAMESPACE/LINK"), link, table, or link whose filters */
+	char wl_what[320]; /* what is wrong with it, for people */
+	long wl_age;       /* a VNIC's: seconds since its port was bound here */
 } wexo_leftover_t;
 wexo_status_t wexo_fabric_leftovers(long grace, wexo_leftover_t **list, size_t *count) KEL_NOEXCEPT;
 /* How long a VNIC's record stays "being made": its VNIC may follow the record that long. */
@@ -137,8 +137,8 @@ void wexo_free_flood(wexo_flood_t *flood) KEL_NOEXCEPT;
  * changing nothing, for a remote that is not a whole unicast address of the link's
  * family (unspecified, loopback, multicast, broadcast) or is the link's own endpoint.
  */
-wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id, const char *const *remotes,
-    size_t count, boolean_t only_add) KEL_NOEXCEPT;
+wexo_status_t wexo_vxlan_set_flood(wexo_handle_t handle, datalink_id_t id, const char *const *remotes, size_t count,
+    boolean_t only_add) KEL_NOEXCEPT;
 
 /*
  * The remote interfaces' clients (libkel.so), for the node side: the transport's object
@@ -169,25 +169,23 @@ int kelcntl_KEL__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst,
  * Binds a port of the switch (`vportname`, or a new system port when NULL) to `vnicname`
  * on `hostname`; `extra` is passed to the binding as its property text (may be NULL).
  */
-int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
-    const char *vportname, const char *extra, kelcntl_KELImplInfo **implinfo,
-    kelcntl_KELError **err) KEL_NOEXCEPT;
+int kelcntl_KEL_assignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname, const char *vportname,
+    const char *extra, kelcntl_KELImplInfo **implinfo, kelcntl_KELError **err) KEL_NOEXCEPT;
 /*
  * Unbinds the port of `vnicname` on `hostname`; `extra` as the unbinding's filter; `last`
  * (NULL: none) the counters the VNIC carried, for the port to keep.
  */
-int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname,
-    const char *extra, const kel_vport_counters_t *last, kelcntl_KELError **err) KEL_NOEXCEPT;
+int kelcntl_KEL_unAssignVPort(nuq_instance_t *inst, const char *vnicname, const char *hostname, const char *extra,
+    const kel_vport_counters_t *last, kelcntl_KELError **err) KEL_NOEXCEPT;
 /*
  * Joins the switch's hosts again when it is a VXLAN switch without a multicast group
  * (each host's VXLAN link floods to the others).
  */
 int kelcntl_KEL_syncFlood(nuq_instance_t *inst, kelcntl_KELError **err) KEL_NOEXCEPT;
-int kelcntl_KELController__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst,
-    int nkeys, ...) KEL_NOEXCEPT;
+int kelcntl_KELController__nuq_lookup(nuq_conn_t *conn, int strict, nuq_instance_t **inst, int nkeys, ...) KEL_NOEXCEPT;
 /* The ports matching a filter text; none is an empty array (*count 0), not an error. */
-int kelcntl_KELController_getVPortInfo(nuq_instance_t *inst, const char *filter,
-    kelcntl_VPortInfo ***array, int *count, kelcntl_KELError **err) KEL_NOEXCEPT;
+int kelcntl_KELController_getVPortInfo(nuq_instance_t *inst, const char *filter, kelcntl_VPortInfo ***array, int *count,
+    kelcntl_KELError **err) KEL_NOEXCEPT;
 
 typedef struct harl_LinkStat {
 	uint64_t dls_ipackets;
@@ -208,7 +206,7 @@ typedef struct harl_StatValue {
 } harl_StatValue;
 
 typedef struct harl_DatalinkError {
-	int dde_err;		/* a datalink status */
+	int dde_err; /* a datalink status */
 	char *dde_errmsg;
 } harl_DatalinkError;
 

@@ -5,8 +5,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
 #include <functional>
+#include <iterator>
 #include <new>
 #include <string>
 
@@ -37,8 +37,14 @@ void *allocate(std::size_t n)
 
 // The test binary's own allocator: the library's objects are linked into it, so their
 // C++ allocations come here.
-void *operator new(std::size_t n) { return allocate(n); }
-void *operator new[](std::size_t n) { return allocate(n); }
+void *operator new(std::size_t n)
+{
+	return allocate(n);
+}
+void *operator new[](std::size_t n)
+{
+	return allocate(n);
+}
 void *operator new(std::size_t n, const std::nothrow_t &) noexcept
 {
 	try {
@@ -47,11 +53,26 @@ void *operator new(std::size_t n, const std::nothrow_t &) noexcept
 		return nullptr;
 	}
 }
-void *operator new[](std::size_t n, const std::nothrow_t &t) noexcept { return operator new(n, t); }
-void operator delete(void *p) noexcept { std::free(p); }
-void operator delete[](void *p) noexcept { std::free(p); }
-void operator delete(void *p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void *p, std::size_t) noexcept { std::free(p); }
+void *operator new[](std::size_t n, const std::nothrow_t &t) noexcept
+{
+	return operator new(n, t);
+}
+void operator delete(void *p) noexcept
+{
+	std::free(p);
+}
+void operator delete[](void *p) noexcept
+{
+	std::free(p);
+}
+void operator delete(void *p, std::size_t) noexcept
+{
+	std::free(p);
+}
+void operator delete[](void *p, std::size_t) noexcept
+{
+	std::free(p);
+}
 
 namespace {
 
@@ -149,9 +170,10 @@ TEST_F(OutOfMemory, StoreOperationsChangeNothingWhenMemoryRunsOut)
 		        return rc;
 	        }},
 	    {"unbind it", [](kel_dbhandle_t h) { return kel_db_unassign_vport(h, "vn1", "host-a", nullptr); }},
-	    {"shrink the pool", [](kel_dbhandle_t h) {
-		     return kel_set_ipnetprop(h, "sys-global", "web", "n", "pool=10.1.0.2-10.1.0.99", 0);
-	     }},
+	    {"shrink the pool",
+	        [](kel_dbhandle_t h) {
+		        return kel_set_ipnetprop(h, "sys-global", "web", "n", "pool=10.1.0.2-10.1.0.99", 0);
+	        }},
 	    {"share the VLAN range between uplinks",
 	        [](kel_dbhandle_t h) {
 		        return kel_db_set_ctrlprop(h, "uplink-port=eth1,vlan-range=150-199", "host-a");

@@ -17,8 +17,8 @@ namespace {
 using AllocationConcurrency = kel::test::StoreFixture;
 
 constexpr int kWorkers = 4;
-constexpr int kRounds = 63;	// twelve create-delete cycles, then three held
-constexpr const char *kRange = "100-115";	// fewer IDs than the workers want
+constexpr int kRounds = 63;                // twelve create-delete cycles, then three held
+constexpr const char *kRange = "100-115";  // fewer IDs than the workers want
 
 // One worker: its own handle, creating and deleting its own switches, keeping at most
 // five at a time. Exit status 0 when every call answered as it should.

@@ -33,8 +33,8 @@ protected:
 };
 
 // Texts that are not one name: alternatives, extra keys, an empty name, wildcards.
-const char *const kHostile[] = {"nosuch,acme", "db,db", "nosuch,kel=db", "", "a=b", "%", "d*",
-    "db ", "ac me", "sys-global,acme"};
+const char *const kHostile[] = {"nosuch,acme", "db,db", "nosuch,kel=db", "", "a=b", "%", "d*", "db ", "ac me",
+    "sys-global,acme"};
 
 TEST_F(CallerNames, NoCallerTextWidensAFilter)
 {
@@ -42,60 +42,61 @@ TEST_F(CallerNames, NoCallerTextWidensAFilter)
 	struct {
 		const char *what;
 		Op op;
-		int names = 3;	// how many of tenant, switch and member it takes
-		int refused = KEL_E_INVALID_NAME;	// its answer to a text that is not one name
-		bool empty_is_any = false;	// a reader that takes an empty name as any
+		int names = 3;                     // how many of tenant, switch and member it takes
+		int refused = KEL_E_INVALID_NAME;  // its answer to a text that is not one name
+		bool empty_is_any = false;         // a reader that takes an empty name as any
 	} ops[] = {
-		{"delete-kel", [&](auto t, auto k, auto) { return kel_db_delete_kel(h_, t, k, 0); }, 2},
-		{"add-ipnet", [&](auto t, auto k, auto) {
-			 kel_ipnet_t *ip = nullptr;
-			 const int rc = kel_db_add_ipnet(h_, t, k, "n2", "subnet=10.9.0.0/24", &ip, 0);
-			 kel_free_ipnet(ip);
-			 return rc;
-		 }, 2},
-		{"remove-ipnet", [&](auto t, auto k, auto m) { return kel_db_remove_ipnet(h_, t, k, m, 0); }},
-		{"add-vport", [&](auto t, auto k, auto) {
-			 return kel_db_add_vport(h_, t, k, "p2", nullptr, nullptr, 0);
-		 }, 2},
-		{"add-system-vport", [&](auto t, auto k, auto) {
-			 char name[KEL_NAME_LEN];
-			 return kel_db_add_system_vport(h_, t, k, name);
-		 }, 2},
-		{"remove-vport", [&](auto t, auto k, auto m) {
-			 return kel_db_remove_vport(h_, t, k, m, "force=yes", 0);
-		 }},
-		{"reset-vport", [&](auto t, auto k, auto m) {
-			 return kel_db_reset_vport(h_, t, k, m, "force=yes", 0);
-		 }},
-		{"set-kelprop", [&](auto t, auto k, auto) { return kel_set_kelprop(h_, t, k, "maxbw=5M", 0); }, 2},
-		{"set-vportprop", [&](auto t, auto k, auto m) {
-			 return kel_set_vportprop(h_, t, k, m, "maxbw=5M", 0);
-		 }},
-		{"set-ipnetprop", [&](auto t, auto k, auto m) {
-			 return kel_set_ipnetprop(h_, t, k, m, "pool=10.0.0.50-10.0.0.60", 0);
-		 }},
-		{"kel list", [&](auto t, auto k, auto) {
-			 list_t list;
-			 const int rc = kel_db_get_kellist(h_, *t ? t : "sys-global", k, &list, 0);
-			 if (rc == KEL_SUCCESS)
-				 kel_free_kellist(&list);
-			 return rc;
-		 }, 2, KEL_E_INVALID_NAME, true},
-		// Its names are checked as the filter's values are: a name that is not one is
-		// invalid arguments, as it has always been.
-		{"ipnet list", [&](auto t, auto k, auto m) {
-			 list_t list;
-			 const int rc = kel_db_get_ipnetlist(h_, t, k, m, &list, 0);
-			 if (rc == KEL_SUCCESS)
-				 kel_free_ipnetlist(&list);
-			 return rc;
-		 }, 3, KEL_E_INVALID_ARGS, true},
-		{"kel and port", [&](auto t, auto k, auto m) {
-			 kel_t *kel = nullptr;
-			 const int rc = kel_db_get_kelvport(h_, t, k, m, &kel);
-			 kel_free_kel(kel);
-			 return rc;
-		 }},
+	    {"delete-kel", [&](auto t, auto k, auto) { return kel_db_delete_kel(h_, t, k, 0); }, 2},
+	    {"add-ipnet",
+	        [&](auto t, auto k, auto) {
+		        kel_ipnet_t *ip = nullptr;
+		        const int rc = kel_db_add_ipnet(h_, t, k, "n2", "subnet=10.9.0.0/24", &ip, 0);
+		        kel_free_ipnet(ip);
+		        return rc;
+	        },
+	        2},
+	    {"remove-ipnet", [&](auto t, auto k, auto m) { return kel_db_remove_ipnet(h_, t, k, m, 0); }},
+	    {"add-vport", [&](auto t, auto k, auto) { return kel_db_add_vport(h_, t, k, "p2", nullptr, nullptr, 0); },
+	        2},
+	    {"add-system-vport",
+	        [&](auto t, auto k, auto) {
+		        char name[KEL_NAME_LEN];
+		        return kel_db_add_system_vport(h_, t, k, name);
+	        },
+	        2},
+	    {"remove-vport", [&](auto t, auto k, auto m) { return kel_db_remove_vport(h_, t, k, m, "force=yes", 0); }},
+	    {"reset-vport", [&](auto t, auto k, auto m) { return kel_db_reset_vport(h_, t, k, m, "force=yes", 0); }},
+	    {"set-kelprop", [&](auto t, auto k, auto) { return kel_set_kelprop(h_, t, k, "maxbw=5M", 0); }, 2},
+	    {"set-vportprop", [&](auto t, auto k, auto m) { return kel_set_vportprop(h_, t, k, m, "maxbw=5M", 0); }},
+	    {"set-ipnetprop",
+	        [&](auto t, auto k, auto m) { return kel_set_ipnetprop(h_, t, k, m, "pool=10.0.0.50-10.0.0.60", 0); }},
+	    {"kel list",
+	        [&](auto t, auto k, auto) {
+		        list_t list;
+		        const int rc = kel_db_get_kellist(h_, *t ? t : "sys-global", k, &list, 0);
+		        if (rc == KEL_SUCCESS)
+			        kel_free_kellist(&list);
+		        return rc;
+	        },
+	        2, KEL_E_INVALID_NAME, true},
+	    // Its names are checked as the filter's values are: a name that is not one is
+	    // invalid arguments, as it has always been.
+	    {"ipnet list",
+	        [&](auto t, auto k, auto m) {
+		        list_t list;
+		        const int rc = kel_db_get_ipnetlist(h_, t, k, m, &list, 0);
+		        if (rc == KEL_SUCCESS)
+			        kel_free_ipnetlist(&list);
+		        return rc;
+	        },
+	        3, KEL_E_INVALID_ARGS, true},
+	    {"kel and port",
+	        [&](auto t, auto k, auto m) {
+		        kel_t *kel = nullptr;
+		        const int rc = kel_db_get_kelvport(h_, t, k, m, &kel);
+		        kel_free_kel(kel);
+		        return rc;
+	        }},
 	};
 	const std::string before = dump();
 	for (const auto &o : ops) {

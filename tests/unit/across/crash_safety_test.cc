@@ -13,13 +13,13 @@
 #include <string>
 #include <vector>
 
-#include "fault.h"
 #include <kel/libkel.h>
+#include "fault.h"
 #include "store_fixture.h"
 
 namespace {
 
-constexpr int kDied = 86;	// the status of a child that died at its statement
+constexpr int kDied = 86;  // the status of a child that died at its statement
 
 class CrashSafety : public kel::test::StoreFixture {
 protected:
@@ -43,7 +43,8 @@ protected:
 		ASSERT_EQ(kel_db_assign_vport(h_, "sys-global", "web", nullptr, "vn1", "node1", nullptr, &bound),
 		    KEL_SUCCESS);
 		kel_free_kel(bound);
-		ASSERT_EQ(kel_db_assign_vport(h_, "sys-global", "web", "p2", "vn5", "node1", nullptr, &bound), KEL_SUCCESS);
+		ASSERT_EQ(kel_db_assign_vport(h_, "sys-global", "web", "p2", "vn5", "node1", nullptr, &bound),
+		    KEL_SUCCESS);
 		kel_free_kel(bound);
 		kel_t *bare = nullptr;
 		ASSERT_EQ(kel_db_create_kel(h_, nullptr, "bare", "l2-type=flat", 0, &bare), KEL_SUCCESS);
@@ -100,71 +101,80 @@ using Writer = std::function<int(kel_dbhandle_t)>;
 const std::vector<std::pair<const char *, Writer>> &writers()
 {
 	static const std::vector<std::pair<const char *, Writer>> all = {
-		{"create a VLAN kel", [](kel_dbhandle_t h) {
-			 kel_t *k = nullptr;
-			 const int rc = kel_db_create_kel(h, nullptr, "new", "l2-type=vlan", 0, &k);
-			 kel_free_kel(k);
-			 return rc;
-		 }},
-		{"create a VXLAN kel with its VNI", [](kel_dbhandle_t h) {
-			 kel_t *k = nullptr;
-			 const int rc = kel_db_create_kel(h, nullptr, "new", "l2-type=vxlan,vni=5050", 0, &k);
-			 kel_free_kel(k);
-			 return rc;
-		 }},
-		{"delete a kel", [](kel_dbhandle_t h) { return kel_db_delete_kel(h, nullptr, "old", 0); }},
-		{"add a port", [](kel_dbhandle_t h) {
-			 return kel_db_add_vport(h, "sys-global", "web", "new", nullptr, nullptr, 0);
-		 }},
-		{"add a port with a pool address", [](kel_dbhandle_t h) {
-			 return kel_db_add_vport(h, "sys-global", "web", "new", "ipaddr=10.0.0.50", nullptr, 0);
-		 }},
-		{"add a port with an address outside the pool", [](kel_dbhandle_t h) {
-			 return kel_db_add_vport(h, "sys-global", "web", "new", "ipaddr=10.0.0.200", nullptr, 0);
-		 }},
-		{"add an IPv6 port", [](kel_dbhandle_t h) {
-			 return kel_db_add_vport(h, "sys-global", "six", "new", nullptr, nullptr, 0);
-		 }},
-		{"remove a port", [](kel_dbhandle_t h) {
-			 return kel_db_remove_vport(h, "sys-global", "web", "p1", nullptr, 0);
-		 }},
-		{"add a system port", [](kel_dbhandle_t h) {
-			 char name[KEL_NAME_LEN];
-			 return kel_db_add_system_vport(h, "sys-global", "web", name);
-		 }},
-		{"bind a new system port", [](kel_dbhandle_t h) {
-			 kel_t *k = nullptr;
-			 const int rc = kel_db_assign_vport(h, "sys-global", "web", nullptr, "vn2", "node1", nullptr, &k);
-			 kel_free_kel(k);
-			 return rc;
-		 }},
-		{"unbind a system port", [](kel_dbhandle_t h) { return kel_db_unassign_vport(h, "vn1", "node1", nullptr); }},
-		{"change a pool", [](kel_dbhandle_t h) {
-			 return kel_set_ipnetprop(h, "sys-global", "web", "web-net", "pool=10.0.0.2-10.0.0.120", 0);
-		 }},
-		{"change the VLAN range", [](kel_dbhandle_t h) { return kel_db_set_ctrlprop(h, "vlan-range=100-249", nullptr); }},
-		{"add a network", [](kel_dbhandle_t h) {
-			 kel_ipnet_t *ip = nullptr;
-			 const int rc = kel_db_add_ipnet(h, "sys-global", "bare", "bare-net", "subnet=10.9.0.0/24", &ip,
-			     KEL_NAME_DASH_OK);
-			 kel_free_ipnet(ip);
-			 return rc;
-		 }},
-		{"remove a network", [](kel_dbhandle_t h) { return kel_db_remove_ipnet(h, "sys-global", "six", "six-net", 0); }},
-		{"bind a named port", [](kel_dbhandle_t h) {
-			 kel_t *k = nullptr;
-			 const int rc = kel_db_assign_vport(h, "sys-global", "web", "p1", "vn3", "node1", nullptr, &k);
-			 kel_free_kel(k);
-			 return rc;
-		 }},
-		{"unbind a named port", [](kel_dbhandle_t h) { return kel_db_unassign_vport(h, "vn5", "node1", nullptr); }},
-		{"reset a bound port", [](kel_dbhandle_t h) {
-			 return kel_db_reset_vport(h, "sys-global", "web", "p2", "force=yes", 0);
-		 }},
-		{"set a port property", [](kel_dbhandle_t h) {
-			 return kel_set_vportprop(h, "sys-global", "web", "p1", "maxbw=10", 0);
-		 }},
-		{"set a kel property", [](kel_dbhandle_t h) { return kel_set_kelprop(h, "sys-global", "six", "priority=high", 0); }},
+	    {"create a VLAN kel",
+	        [](kel_dbhandle_t h) {
+		        kel_t *k = nullptr;
+		        const int rc = kel_db_create_kel(h, nullptr, "new", "l2-type=vlan", 0, &k);
+		        kel_free_kel(k);
+		        return rc;
+	        }},
+	    {"create a VXLAN kel with its VNI",
+	        [](kel_dbhandle_t h) {
+		        kel_t *k = nullptr;
+		        const int rc = kel_db_create_kel(h, nullptr, "new", "l2-type=vxlan,vni=5050", 0, &k);
+		        kel_free_kel(k);
+		        return rc;
+	        }},
+	    {"delete a kel", [](kel_dbhandle_t h) { return kel_db_delete_kel(h, nullptr, "old", 0); }},
+	    {"add a port",
+	        [](kel_dbhandle_t h) { return kel_db_add_vport(h, "sys-global", "web", "new", nullptr, nullptr, 0); }},
+	    {"add a port with a pool address",
+	        [](kel_dbhandle_t h) {
+		        return kel_db_add_vport(h, "sys-global", "web", "new", "ipaddr=10.0.0.50", nullptr, 0);
+	        }},
+	    {"add a port with an address outside the pool",
+	        [](kel_dbhandle_t h) {
+		        return kel_db_add_vport(h, "sys-global", "web", "new", "ipaddr=10.0.0.200", nullptr, 0);
+	        }},
+	    {"add an IPv6 port",
+	        [](kel_dbhandle_t h) { return kel_db_add_vport(h, "sys-global", "six", "new", nullptr, nullptr, 0); }},
+	    {"remove a port",
+	        [](kel_dbhandle_t h) { return kel_db_remove_vport(h, "sys-global", "web", "p1", nullptr, 0); }},
+	    {"add a system port",
+	        [](kel_dbhandle_t h) {
+		        char name[KEL_NAME_LEN];
+		        return kel_db_add_system_vport(h, "sys-global", "web", name);
+	        }},
+	    {"bind a new system port",
+	        [](kel_dbhandle_t h) {
+		        kel_t *k = nullptr;
+		        const int rc = kel_db_assign_vport(h, "sys-global", "web", nullptr, "vn2", "node1", nullptr,
+		            &k);
+		        kel_free_kel(k);
+		        return rc;
+	        }},
+	    {"unbind a system port",
+	        [](kel_dbhandle_t h) { return kel_db_unassign_vport(h, "vn1", "node1", nullptr); }},
+	    {"change a pool",
+	        [](kel_dbhandle_t h) {
+		        return kel_set_ipnetprop(h, "sys-global", "web", "web-net", "pool=10.0.0.2-10.0.0.120", 0);
+	        }},
+	    {"change the VLAN range",
+	        [](kel_dbhandle_t h) { return kel_db_set_ctrlprop(h, "vlan-range=100-249", nullptr); }},
+	    {"add a network",
+	        [](kel_dbhandle_t h) {
+		        kel_ipnet_t *ip = nullptr;
+		        const int rc = kel_db_add_ipnet(h, "sys-global", "bare", "bare-net", "subnet=10.9.0.0/24", &ip,
+		            KEL_NAME_DASH_OK);
+		        kel_free_ipnet(ip);
+		        return rc;
+	        }},
+	    {"remove a network",
+	        [](kel_dbhandle_t h) { return kel_db_remove_ipnet(h, "sys-global", "six", "six-net", 0); }},
+	    {"bind a named port",
+	        [](kel_dbhandle_t h) {
+		        kel_t *k = nullptr;
+		        const int rc = kel_db_assign_vport(h, "sys-global", "web", "p1", "vn3", "node1", nullptr, &k);
+		        kel_free_kel(k);
+		        return rc;
+	        }},
+	    {"unbind a named port", [](kel_dbhandle_t h) { return kel_db_unassign_vport(h, "vn5", "node1", nullptr); }},
+	    {"reset a bound port",
+	        [](kel_dbhandle_t h) { return kel_db_reset_vport(h, "sys-global", "web", "p2", "force=yes", 0); }},
+	    {"set a port property",
+	        [](kel_dbhandle_t h) { return kel_set_vportprop(h, "sys-global", "web", "p1", "maxbw=10", 0); }},
+	    {"set a kel property",
+	        [](kel_dbhandle_t h) { return kel_set_kelprop(h, "sys-global", "six", "priority=high", 0); }},
 	};
 	return all;
 }
@@ -210,7 +220,13 @@ TEST_F(CrashSafety, EachWriterCommitsOnce)
 			if (kel_db_open(&h, KEL_DB_READWRITE) != KEL_SUCCESS)
 				_exit(100);
 			int commits = 0;
-			sqlite3_commit_hook(h->edh_db, [](void *n) { ++*static_cast<int *>(n); return 0; }, &commits);
+			sqlite3_commit_hook(
+			    h->edh_db,
+			    [](void *n) {
+				    ++*static_cast<int *>(n);
+				    return 0;
+			    },
+			    &commits);
 			_exit(write(h) == KEL_SUCCESS ? std::min(commits, 99) : 101);
 		}
 		EXPECT_EQ(kel::test::wait_exit(pid), 1) << "commits (100, 101: the writer failed)";
@@ -224,7 +240,7 @@ TEST_F(CrashSafety, WritersKilledAtRandomLoseNothing)
 {
 	std::mt19937 random(20261123);
 	std::string last = dump();
-	int changed = 0;	// rounds in which the writers got something done
+	int changed = 0;  // rounds in which the writers got something done
 	// A busy machine (or the sanitizers) gives the writers less done in a round: a round
 	// that got nothing done makes the next one longer, and more rounds make up for it.
 	long span_us = 60000;
@@ -245,14 +261,23 @@ TEST_F(CrashSafety, WritersKilledAtRandomLoseNothing)
 					char sys[KEL_NAME_LEN];
 					switch (mine() % 6) {
 					case 0:
-						(void)kel_db_create_kel(h, nullptr, name.c_str(), mine() % 2 ? "l2-type=vxlan" : nullptr,
-						    0, &k);
+						(void)kel_db_create_kel(h, nullptr, name.c_str(),
+						    mine() % 2 ? "l2-type=vxlan" : nullptr, 0, &k);
 						kel_free_kel(k);
 						break;
 					case 1: (void)kel_db_delete_kel(h, nullptr, name.c_str(), 0); break;
-					case 2: (void)kel_db_add_vport(h, "sys-global", "web", name.c_str(), nullptr, nullptr, 0); break;
-					case 3: (void)kel_db_remove_vport(h, "sys-global", "web", name.c_str(), "force=yes", 0); break;
-					case 4: (void)kel_db_add_vport(h, "sys-global", "six", name.c_str(), nullptr, nullptr, 0); break;
+					case 2:
+						(void)kel_db_add_vport(h, "sys-global", "web", name.c_str(), nullptr,
+						    nullptr, 0);
+						break;
+					case 3:
+						(void)kel_db_remove_vport(h, "sys-global", "web", name.c_str(),
+						    "force=yes", 0);
+						break;
+					case 4:
+						(void)kel_db_add_vport(h, "sys-global", "six", name.c_str(), nullptr,
+						    nullptr, 0);
+						break;
 					case 5: (void)kel_db_add_system_vport(h, "sys-global", "old", sys); break;
 					}
 				}

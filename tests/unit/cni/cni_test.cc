@@ -28,7 +28,8 @@ TEST(CniConf, WhatIsRefusedAndWhy)
 	    {R"({"cniVersion":"1.0.0","name":"n","type":"kel","kel":"web"})", 0},
 	    {R"({"cniVersion":"0.3.1","name":"n","type":"kel","kel":"web","tenant":"acme","vport":"c1",
 	        "defaultRoute":false,"properties":{"protection":"mac-nospoof,ip-nospoof","cos":"3"},
-	        "runtimeConfig":{},"prevResult":{"interfaces":[]}})", 0},
+	        "runtimeConfig":{},"prevResult":{"interfaces":[]}})",
+	        0},
 	    {R"({"cniVersion":"1.0.0","name":"n","type":"kel","kel":"web")", kDecodeFailure},
 	    {R"(["cniVersion"])", kDecodeFailure},
 	    {R"({"cniVersion":"0.2.0","kel":"web"})", kIncompatibleVersion},
@@ -52,9 +53,11 @@ TEST(CniConf, WhatIsRefusedAndWhy)
 
 TEST(CniConf, TheBindingCarriesTheContainerAndTheProperties)
 {
-	const auto parsed = parse_conf(R"({"cniVersion":"1.0.0","kel":"web","properties":{"maxbw":"5M","protection":"mac-nospoof,ip-nospoof"}})");
+	const auto parsed = parse_conf(
+	    R"({"cniVersion":"1.0.0","kel":"web","properties":{"maxbw":"5M","protection":"mac-nospoof,ip-nospoof"}})");
 	ASSERT_TRUE(std::holds_alternative<NetConf>(parsed));
-	EXPECT_EQ(binding_props(std::get<NetConf>(parsed), "abc123"), "containerid=abc123,maxbw=5M,protection=mac-nospoof,ip-nospoof");
+	EXPECT_EQ(binding_props(std::get<NetConf>(parsed), "abc123"),
+	    "containerid=abc123,maxbw=5M,protection=mac-nospoof,ip-nospoof");
 	for (const char *id : {"", "-x", "a/b", "a,b", "a=b", "a b"})
 		EXPECT_FALSE(valid_container_id(id)) << id;
 	EXPECT_TRUE(valid_container_id("4f1c_x.y-z"));
@@ -77,7 +80,8 @@ TEST(CniResult, ChainsAfterThePluginsBefore)
 	const json r = add_result(conf, a);
 	EXPECT_EQ(r["cniVersion"], "0.4.0");
 	EXPECT_EQ(r["interfaces"].size(), 2u);
-	EXPECT_EQ(r["ips"][1], json::parse(R"({"address":"10.1.0.5/24","gateway":"10.1.0.1","interface":1,"version":"4"})"));
+	EXPECT_EQ(r["ips"][1],
+	    json::parse(R"({"address":"10.1.0.5/24","gateway":"10.1.0.1","interface":1,"version":"4"})"));
 	EXPECT_EQ(r["routes"], json::parse(R"([{"dst":"0.0.0.0/0","gw":"10.1.0.1"}])"));
 	EXPECT_EQ(r["dns"]["nameservers"], json::parse(R"(["192.0.2.53"])")) << "the earlier plugin's stand";
 
@@ -89,7 +93,8 @@ TEST(CniResult, ChainsAfterThePluginsBefore)
 	EXPECT_FALSE(v6["ips"][0].contains("version"));
 	EXPECT_FALSE(v6.contains("routes")) << "no router, no route";
 	EXPECT_EQ(v6["dns"]["nameservers"], json::parse(R"(["10.1.0.53"])"));
-	EXPECT_EQ(error_object("", Error{kDrift, "m", ""}), json::parse(R"({"cniVersion":"1.0.0","code":101,"msg":"m"})"));
+	EXPECT_EQ(error_object("", Error{kDrift, "m", ""}),
+	    json::parse(R"({"cniVersion":"1.0.0","code":101,"msg":"m"})"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-#include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <gtest/gtest.h>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,10 +9,10 @@
 #include <set>
 #include <string>
 
+#include <kel/libkel.h>
 #include "fault.h"
 #include "kelcntl.h"
 #include "nuq_errors.h"
-#include <kel/libkel.h>
 #include "store_fixture.h"
 
 namespace {
@@ -37,8 +37,8 @@ protected:
 	}
 
 	// Binds; "<port>@<host>:<vnic> uplink=<port> protection=<..>" or "error N".
-	std::string bind(const char *vport, const char *vnic, const char *host,
-	    const char *props = nullptr, const char *kel = "web")
+	std::string bind(const char *vport, const char *vnic, const char *host, const char *props = nullptr,
+	    const char *kel = "web")
 	{
 		kel_t *k = nullptr;
 		const int rc = kel_db_assign_vport(h_, "sys-global", kel, vport, vnic, host, props, &k);
@@ -105,7 +105,8 @@ protected:
 		    {}, [&](kel::Statement &st) {
 			    out += out.empty() ? "" : " ";
 			    out += st.text(0);
-			    out += std::string("=") + (st.integer(1) == 0 ? "-" : std::string(st.text(2)) + ":" + st.text(3));
+			    out += std::string("=") +
+			        (st.integer(1) == 0 ? "-" : std::string(st.text(2)) + ":" + st.text(3));
 			    const std::string props = st.text(4) ? st.text(4) : "";
 			    const auto at = props.find("kel:migrating_to=");
 			    if (at != std::string::npos)
@@ -255,7 +256,8 @@ TEST_F(Bindings, CountersOfVnicsThatAreGoneStayWithThePort)
 	ASSERT_EQ(kel_db_get_vport_counters(h_, "sys-global", "web", "p1", &total), KEL_SUCCESS);
 	EXPECT_EQ(std::to_string(total.evc_ipackets) + "/" + std::to_string(total.evc_rbytes) + "/" +
 	        std::to_string(total.evc_opackets) + "/" + std::to_string(total.evc_obytes),
-	    "13/1300/16/1600") << "a free port's total is what is gone";
+	    "13/1300/16/1600")
+	    << "a free port's total is what is gone";
 	// A hand-edited value that is no four numbers counts as none, and never stops an unbinding.
 	sql("UPDATE vport_tbl SET vport_props = 'kel:counters_gone=1/-2/3/4' WHERE vport_name = 'p1'");
 	ASSERT_EQ(bind("p1", "vn0", "h1"), "p1@h1:vn0 uplink=net0 protection=mac-nospoof,ip-nospoof");
@@ -285,7 +287,7 @@ TEST_F(Bindings, AFailedBindChangesNothing)
 		    return rc;
 	    },
 	    [&](int, int rc) {
-		    if (rc == KEL_SUCCESS)	// a failed read that means "nothing there" may still bind
+		    if (rc == KEL_SUCCESS)  // a failed read that means "nothing there" may still bind
 			    ASSERT_EQ(kel_db_unassign_vport(h_, "vn0", "h1", nullptr), KEL_SUCCESS);
 		    else
 			    EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);
@@ -301,7 +303,8 @@ TEST_F(Bindings, AFailedUnbindChangesNothing)
 	const std::string before = ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl");
 	// With counters handed over, which a failed unbinding keeps no more than its other changes.
 	const kel_vport_counters_t last = {1, 2, 3, 4};
-	kel::test::for_each_failing_statement([&] { return kel_db_unassign_vport_counted(h_, "vn0", "h1", nullptr, &last); },
+	kel::test::for_each_failing_statement(
+	    [&] { return kel_db_unassign_vport_counted(h_, "vn0", "h1", nullptr, &last); },
 	    [&](int, int rc) {
 		    ASSERT_NE(rc, KEL_SUCCESS);
 		    EXPECT_EQ(ports() + value("SELECT ipnet_avail_range FROM ipnet_tbl"), before);

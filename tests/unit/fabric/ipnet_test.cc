@@ -3,10 +3,10 @@
 #include <cstring>
 #include <string>
 
-#include "allocator.h"
-#include "kelnet.h"
-#include "kel_lifecycle.h"
 #include <kel/libkel.h>
+#include "allocator.h"
+#include "kel_lifecycle.h"
+#include "kelnet.h"
 #include "store_fixture.h"
 
 namespace {
@@ -29,8 +29,7 @@ protected:
 	}
 
 	// Adds an ipnet; "ok <avail>|<pool avail>|<props>" or "error N".
-	std::string add(const char *kel, const char *name, const char *props,
-	    const char *tenant = "sys-global")
+	std::string add(const char *kel, const char *name, const char *props, const char *tenant = "sys-global")
 	{
 		kel_ipnet_t *ip = reinterpret_cast<kel_ipnet_t *>(1);
 		const int rc = kel_db_add_ipnet(h_, tenant, kel, name, props, &ip, 0);
@@ -42,9 +41,10 @@ protected:
 		char uu[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(ip->ei_uuid, uu);
 		kel_free_ipnet(ip);
-		return "ok " + value("SELECT ipnet_avail_range || '|' || ipnet_avail_pool_range || '|' "
-		                     "|| ipnet_props FROM ipnet_tbl WHERE ipnet_uuid = ?",
-		                   {uu});
+		return "ok " +
+		    value("SELECT ipnet_avail_range || '|' || ipnet_avail_pool_range || '|' "
+		          "|| ipnet_props FROM ipnet_tbl WHERE ipnet_uuid = ?",
+		        {uu});
 	}
 
 	kel_ipnet_t *read(const char *name)
@@ -75,38 +75,41 @@ TEST_F(Ipnets, RouterPoolAndAvailableAddresses)
 		const char *props;
 		std::string want;
 	} cases[] = {
-		{"subnet=10.0.0.0/24", "ok 10.0.0.2-10.0.0.254|10.0.0.2-10.0.0.254|"
-		                       "subnet=10.0.0.0/24,defrouter=10.0.0.1,pool=10.0.0.2-10.0.0.254"},
-		{"subnet=10.0.0.0/24,defrouter=0.0.0.0",
-		    "ok 10.0.0.1-10.0.0.254|10.0.0.1-10.0.0.254|"
-		    "defrouter=0.0.0.0,subnet=10.0.0.0/24,pool=10.0.0.1-10.0.0.254"},
-		{"subnet=10.0.0.0/24,defrouter=10.0.0.254,pool=10.0.0.10-10.0.0.20",
-		    "ok 10.0.0.1-10.0.0.253|10.0.0.10-10.0.0.20|"
-		    "defrouter=10.0.0.254,subnet=10.0.0.0/24,pool=10.0.0.10-10.0.0.20"},
-		{"subnet=10.0.0.0/24,pool=10.0.0.5,10.0.0.6,10.0.0.9",
-		    "ok 10.0.0.2-10.0.0.254|10.0.0.5-10.0.0.6,10.0.0.9|"
-		    "subnet=10.0.0.0/24,defrouter=10.0.0.1,pool=10.0.0.5-10.0.0.6,10.0.0.9"},
-		{"subnet=10.0.0.0/30", "ok 10.0.0.2|10.0.0.2|"
-		                       "subnet=10.0.0.0/30,defrouter=10.0.0.1,pool=10.0.0.2"},
-		{"subnet=2001:db8::/64", "ok 2001:db8::2-2001:db8::ffff:ffff:ffff:ffff|"
-		                         "2001:db8::2-2001:db8::ffff:ffff:ffff:ffff|"
-		                         "subnet=2001:db8::/64,defrouter=2001:db8::1,"
-		                         "pool=2001:db8::2-2001:db8::ffff:ffff:ffff:ffff"},
-		{"subnet=10.0.0.0/24,pool=10.0.0.1-10.0.0.9", err(KEL_E_POOL_DEFROUTER)},
-		{"subnet=10.0.0.0/24,pool=10.0.0.250-10.0.0.255", err(KEL_E_INVALID_POOL)},
-		{"subnet=10.0.0.0/24,pool=", err(KEL_E_INVALID_ARGS)},
-		{"subnet=10.0.0.0/24,defrouter=10.0.1.1", err(KEL_E_IP_NOT_IN_IPNET)},
-		{"subnet=10.0.0.0/24,defrouter=10.0.0.255", err(KEL_E_IP_NOT_IN_IPNET)},
-		{"subnet=10.0.0.0/24,defrouter=10.0.0.0", err(KEL_E_IP_NOT_IN_IPNET)},
-		// The catalogue's check of "subnet" runs first and answers for it.
-		{"subnet=10.0.0.0/31", err(KEL_E_INVALID_SUBNET)},
-		{"subnet=10.0.0.0/32", err(KEL_E_INVALID_SUBNET)},
-		{"subnet=10.0.0.1/24", err(KEL_E_INVALID_SUBNET)},
-		{"defrouter=10.0.0.1", err(KEL_E_ARGS_REQUIRED)},
-		{"", err(KEL_E_ARGS_REQUIRED)},	// an empty text is an empty set, not a bad one
-		{"cos=1,subnet=10.0.0.0/24", err(KEL_E_INVALID_PROP)},
-		{"x,subnet=10.0.0.0/24", err(KEL_E_INVALID_PROP)},
-		{nullptr, err(KEL_E_INVALID_PROP)},
+	    {"subnet=10.0.0.0/24",
+	        "ok 10.0.0.2-10.0.0.254|10.0.0.2-10.0.0.254|"
+	        "subnet=10.0.0.0/24,defrouter=10.0.0.1,pool=10.0.0.2-10.0.0.254"},
+	    {"subnet=10.0.0.0/24,defrouter=0.0.0.0",
+	        "ok 10.0.0.1-10.0.0.254|10.0.0.1-10.0.0.254|"
+	        "defrouter=0.0.0.0,subnet=10.0.0.0/24,pool=10.0.0.1-10.0.0.254"},
+	    {"subnet=10.0.0.0/24,defrouter=10.0.0.254,pool=10.0.0.10-10.0.0.20",
+	        "ok 10.0.0.1-10.0.0.253|10.0.0.10-10.0.0.20|"
+	        "defrouter=10.0.0.254,subnet=10.0.0.0/24,pool=10.0.0.10-10.0.0.20"},
+	    {"subnet=10.0.0.0/24,pool=10.0.0.5,10.0.0.6,10.0.0.9",
+	        "ok 10.0.0.2-10.0.0.254|10.0.0.5-10.0.0.6,10.0.0.9|"
+	        "subnet=10.0.0.0/24,defrouter=10.0.0.1,pool=10.0.0.5-10.0.0.6,10.0.0.9"},
+	    {"subnet=10.0.0.0/30",
+	        "ok 10.0.0.2|10.0.0.2|"
+	        "subnet=10.0.0.0/30,defrouter=10.0.0.1,pool=10.0.0.2"},
+	    {"subnet=2001:db8::/64",
+	        "ok 2001:db8::2-2001:db8::ffff:ffff:ffff:ffff|"
+	        "2001:db8::2-2001:db8::ffff:ffff:ffff:ffff|"
+	        "subnet=2001:db8::/64,defrouter=2001:db8::1,"
+	        "pool=2001:db8::2-2001:db8::ffff:ffff:ffff:ffff"},
+	    {"subnet=10.0.0.0/24,pool=10.0.0.1-10.0.0.9", err(KEL_E_POOL_DEFROUTER)},
+	    {"subnet=10.0.0.0/24,pool=10.0.0.250-10.0.0.255", err(KEL_E_INVALID_POOL)},
+	    {"subnet=10.0.0.0/24,pool=", err(KEL_E_INVALID_ARGS)},
+	    {"subnet=10.0.0.0/24,defrouter=10.0.1.1", err(KEL_E_IP_NOT_IN_IPNET)},
+	    {"subnet=10.0.0.0/24,defrouter=10.0.0.255", err(KEL_E_IP_NOT_IN_IPNET)},
+	    {"subnet=10.0.0.0/24,defrouter=10.0.0.0", err(KEL_E_IP_NOT_IN_IPNET)},
+	    // The catalogue's check of "subnet" runs first and answers for it.
+	    {"subnet=10.0.0.0/31", err(KEL_E_INVALID_SUBNET)},
+	    {"subnet=10.0.0.0/32", err(KEL_E_INVALID_SUBNET)},
+	    {"subnet=10.0.0.1/24", err(KEL_E_INVALID_SUBNET)},
+	    {"defrouter=10.0.0.1", err(KEL_E_ARGS_REQUIRED)},
+	    {"", err(KEL_E_ARGS_REQUIRED)},  // an empty text is an empty set, not a bad one
+	    {"cos=1,subnet=10.0.0.0/24", err(KEL_E_INVALID_PROP)},
+	    {"x,subnet=10.0.0.0/24", err(KEL_E_INVALID_PROP)},
+	    {nullptr, err(KEL_E_INVALID_PROP)},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.props ? c.props : "(null)");
@@ -137,10 +140,11 @@ TEST_F(Ipnets, OneNetworkPerSwitchUniqueNamesNoOverlap)
 TEST_F(Ipnets, RemovalIsRefusedWhileTheSwitchHasPorts)
 {
 	ASSERT_EQ(add("k1", "n1", "subnet=10.1.2.0/24").substr(0, 2), "ok");
-	const std::string keluuid =
-	    value("SELECT kel_uuid FROM kel_tbl WHERE kel_name = 'k1' AND kel_tenant_name = 'sys-global'");
+	const std::string keluuid = value(
+	    "SELECT kel_uuid FROM kel_tbl WHERE kel_name = 'k1' AND kel_tenant_name = 'sys-global'");
 	sql("INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
-	    "vport_hostname) VALUES ('" + uuid(7) + "', '" + keluuid + "', 'p', '', '')");
+	    "vport_hostname) VALUES ('" +
+	    uuid(7) + "', '" + keluuid + "', 'p', '', '')");
 	EXPECT_EQ(kel_db_remove_ipnet(h_, "sys-global", "k1", "n1", 0), KEL_E_IPNET_INUSE);
 	sql("DELETE FROM vport_tbl");
 	EXPECT_EQ(kel_db_remove_ipnet(h_, "sys-global", "k1", "n1", 0), KEL_SUCCESS);

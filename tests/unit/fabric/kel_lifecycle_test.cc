@@ -2,9 +2,9 @@
 
 #include <string>
 
+#include <kel/libkel.h>
 #include "fault.h"
 #include "kel_lifecycle.h"
-#include <kel/libkel.h>
 #include "store_fixture.h"
 
 namespace {
@@ -58,7 +58,7 @@ TEST_F(KelLifecycle, VlanIdsComeLowestFirstAndGoBack)
 
 TEST_F(KelLifecycle, RequestedIdsAndTypes)
 {
-	EXPECT_EQ(create("a", "l2-type=vlan,vlanid=11"), "ok vlanid=11,l2-type=vlan");	// set order
+	EXPECT_EQ(create("a", "l2-type=vlan,vlanid=11"), "ok vlanid=11,l2-type=vlan");  // set order
 	EXPECT_EQ(ctrl("vlan-range-avail"), "10,12");
 	EXPECT_EQ(create("b", "l2-type=vlan,vlanid=11"), "error " + std::to_string(KEL_E_VLANID_UNAVAIL));
 	EXPECT_EQ(create("b", "vlanid=99"), "error " + std::to_string(KEL_E_VLANID_UNAVAIL));
@@ -95,8 +95,7 @@ TEST_F(KelLifecycle, NamesTenantsAndUuids)
 
 	const std::string uu = "6b8b4567-327b-23c6-643c-986966334873";
 	EXPECT_EQ(create(nullptr, ("l2-type=flat,uuid=" + uu).c_str()), "ok l2-type=flat");
-	EXPECT_EQ(value("SELECT kel_name FROM kel_tbl WHERE kel_uuid = ?", {uu}),
-	    "6b8b4567327b23c6643c986966334873");
+	EXPECT_EQ(value("SELECT kel_name FROM kel_tbl WHERE kel_uuid = ?", {uu}), "6b8b4567327b23c6643c986966334873");
 	EXPECT_EQ(value("SELECT kel_props FROM kel_tbl WHERE kel_uuid = ?", {uu}), "l2-type=flat");
 	EXPECT_TRUE(kel_db_kel_exists(h_, "sys-global", uu.c_str()));
 	// A NULL tenant is "sys-global" for deletion too.
@@ -142,11 +141,11 @@ TEST_F(KelLifecycle, DeleteTakesPortsAndNetworkAndRespectsBindings)
 	ASSERT_EQ(create("k").substr(0, 2), "ok");
 	const std::string keluuid = value("SELECT kel_uuid FROM kel_tbl WHERE kel_name = 'k'");
 	sql("INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
-	    "vport_status, vport_hostname) VALUES ('" + uuid(1) + "', '" + keluuid +
-	    "', 'p1', '', 1, 'h')");
+	    "vport_status, vport_hostname) VALUES ('" +
+	    uuid(1) + "', '" + keluuid + "', 'p1', '', 1, 'h')");
 	sql("INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_keluuid, ipnet_name, ipnet_props, ipnet_af, "
-	    "ipnet_start_addr, ipnet_end_addr, ipnet_avail_range) VALUES ('" + uuid(2) + "', '" +
-	    keluuid + "', 'n', 'subnet=10.0.0.0/24', 2, '', '', '')");
+	    "ipnet_start_addr, ipnet_end_addr, ipnet_avail_range) VALUES ('" +
+	    uuid(2) + "', '" + keluuid + "', 'n', 'subnet=10.0.0.0/24', 2, '', '', '')");
 	EXPECT_EQ(kel_db_delete_kel(h_, nullptr, "k", 0), KEL_E_VPORT_INUSE);
 	EXPECT_EQ(rows("kel_tbl") + rows("vport_tbl") + rows("ipnet_tbl"), 3);
 	EXPECT_EQ(ctrl("vlan-range-avail"), "11-12");

@@ -27,10 +27,12 @@ protected:
 		for (const char *p : props) {
 			if (p == nullptr) {
 				sql("INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props) "
-				    "VALUES ('" + uuid(id++) + "', '" + uuid(1) + "', 'n', NULL)");
+				    "VALUES ('" +
+				    uuid(id++) + "', '" + uuid(1) + "', 'n', NULL)");
 			} else if (by_update) {
 				add_vport(id, 1, "p", "ipaddr=fd00::1:2:3:4:5:6");
-				ASSERT_EQ(kel::exec(h_->edh_db, "UPDATE vport_tbl SET vport_props = ? WHERE vport_uuid = ?",
+				ASSERT_EQ(kel::exec(h_->edh_db,
+				              "UPDATE vport_tbl SET vport_props = ? WHERE vport_uuid = ?",
 				              {std::string(p), uuid(id++)}),
 				    KEL_SUCCESS);
 			} else {
@@ -42,42 +44,75 @@ protected:
 	// The meaning the indexed path must keep.
 	bool reference(const std::string &mac)
 	{
-		return value("SELECT count(*) FROM vport_tbl WHERE vport_props LIKE ?",
-		           {"%" + mac + "%"}) != "0";
+		return value("SELECT count(*) FROM vport_tbl WHERE vport_props LIKE ?", {"%" + mac + "%"}) != "0";
 	}
 };
 
 TEST_F(MacInUse, AgreesWithTheFullScanOnEdgeCases)
 {
 	store({
-	    "macaddr=2:8:20:a:b:cd,ipaddr=10.0.0.9/24",	// the common shape
-	    "ipaddr=10.0.0.8/24,macaddr=12:8:20:a:b:ce1",	// longer outer groups, hex only
-	    "MACADDR=02:08:20:0A:0B:CF",			// stored upper-case
-	    "ipaddr=::2:8:20:a:b:d0/64",			// inside an IPv6 address
-	    "ipaddr=1:2:8:20:a:b:c:d/64",			// from the address's first colon
-	    "ipaddr=1:2:3:4:5:6:7::",				// eight colons, the last window
-	    "ipaddr=1:2:3:4:5:6:7:8:9:a",			// more than an address holds
-	    "IPADDR=FE80::2:8:20:A:B:DA",			// upper-case
-	    "ipaddr=fe80::9/64,macaddr=2:8:20:a:b:d1",		// a MAC and an IPv6 address
-	    "vmid=x2:8:20:a:b:d2y",				// five colons in a free-form value
-	    "macaddr=2:8:20:a:b:d3:ef",				// a longer MAC
-	    "macaddr=zz2:8:20:a:b:d4zz",			// not hex
-	    "kel:migrating_to=h2,macaddr=2:8:20:a:b:d5",	// a colon in a name
-	    "allowed-macaddr=2:8:20:a:b:d6",			// a name that ends in macaddr
-	    "macaddr=,note=2:8:20:a:b:d7",			// an empty macaddr value
-	    "ipaddr=1:2:3:4:5:6abcdefabcdefabcdefabcdef0123",	// a tail longer than is kept
+	    "macaddr=2:8:20:a:b:cd,ipaddr=10.0.0.9/24",        // the common shape
+	    "ipaddr=10.0.0.8/24,macaddr=12:8:20:a:b:ce1",      // longer outer groups, hex only
+	    "MACADDR=02:08:20:0A:0B:CF",                       // stored upper-case
+	    "ipaddr=::2:8:20:a:b:d0/64",                       // inside an IPv6 address
+	    "ipaddr=1:2:8:20:a:b:c:d/64",                      // from the address's first colon
+	    "ipaddr=1:2:3:4:5:6:7::",                          // eight colons, the last window
+	    "ipaddr=1:2:3:4:5:6:7:8:9:a",                      // more than an address holds
+	    "IPADDR=FE80::2:8:20:A:B:DA",                      // upper-case
+	    "ipaddr=fe80::9/64,macaddr=2:8:20:a:b:d1",         // a MAC and an IPv6 address
+	    "vmid=x2:8:20:a:b:d2y",                            // five colons in a free-form value
+	    "macaddr=2:8:20:a:b:d3:ef",                        // a longer MAC
+	    "macaddr=zz2:8:20:a:b:d4zz",                       // not hex
+	    "kel:migrating_to=h2,macaddr=2:8:20:a:b:d5",       // a colon in a name
+	    "allowed-macaddr=2:8:20:a:b:d6",                   // a name that ends in macaddr
+	    "macaddr=,note=2:8:20:a:b:d7",                     // an empty macaddr value
+	    "ipaddr=1:2:3:4:5:6abcdefabcdefabcdefabcdef0123",  // a tail longer than is kept
 	    nullptr,
 	});
 	const std::vector<std::string> probes = {
-	    "2:8:20:a:b:cd", "2:8:20:a:b:c", "02:08:20:0a:0b:cd", "2:8:20:A:B:CD", "8:20:a:b:ce:1",
-	    "2:8:20:a:b:ce", "12:8:20:a:b:ce", "2:8:20:a:b:ce1", "1:8:20:a:b:ce", "2:08:20:0a:0b:cf",
-	    "2:8:20:a:b:cf", "2:8:20:a:b:d0", "2:8:20:a:b:d", "2:8:20:a:b:d1", "2:8:20:a:b:d2",
-	    "x2:8:20:a:b:d2", "2:8:20:a:b:d3", "8:20:a:b:d3:ef", "2:8:20:a:b:d4", "2:8:20:a:b:d5",
-	    "2:8:20:a:b:d6", "2:8:20:a:b:d7", "2:8:20:a:b:d8", "20:a:b:d3:ef", ":8:20:a:b:", "b:cd",
-	    "2:8:20:a:b:c_", "2:8:20:%", "", "ab:cd:ef:01:23:45", "2:8:20:a:b:c", "8:20:a:b:c:d",
-	    "4:5:6:7::", "3:4:5:6:7:", "5:6:7:8:9:a", "4:5:6:7:8:9", "2:8:20:a:b:da", "e80::2:8:20",
-	    "0::2:8:20", "1:2:3:4:5:6", "1:2:3:4:5:6abcdefabcdefabcdefabcdef0123",
-	    "2:3:4:5:6abcdefabcdefabcdefabcdef012", "1:2:3:4:5:6abcdefabcdefabcdefabcdef0124",
+	    "2:8:20:a:b:cd",
+	    "2:8:20:a:b:c",
+	    "02:08:20:0a:0b:cd",
+	    "2:8:20:A:B:CD",
+	    "8:20:a:b:ce:1",
+	    "2:8:20:a:b:ce",
+	    "12:8:20:a:b:ce",
+	    "2:8:20:a:b:ce1",
+	    "1:8:20:a:b:ce",
+	    "2:08:20:0a:0b:cf",
+	    "2:8:20:a:b:cf",
+	    "2:8:20:a:b:d0",
+	    "2:8:20:a:b:d",
+	    "2:8:20:a:b:d1",
+	    "2:8:20:a:b:d2",
+	    "x2:8:20:a:b:d2",
+	    "2:8:20:a:b:d3",
+	    "8:20:a:b:d3:ef",
+	    "2:8:20:a:b:d4",
+	    "2:8:20:a:b:d5",
+	    "2:8:20:a:b:d6",
+	    "2:8:20:a:b:d7",
+	    "2:8:20:a:b:d8",
+	    "20:a:b:d3:ef",
+	    ":8:20:a:b:",
+	    "b:cd",
+	    "2:8:20:a:b:c_",
+	    "2:8:20:%",
+	    "",
+	    "ab:cd:ef:01:23:45",
+	    "2:8:20:a:b:c",
+	    "8:20:a:b:c:d",
+	    "4:5:6:7::",
+	    "3:4:5:6:7:",
+	    "5:6:7:8:9:a",
+	    "4:5:6:7:8:9",
+	    "2:8:20:a:b:da",
+	    "e80::2:8:20",
+	    "0::2:8:20",
+	    "1:2:3:4:5:6",
+	    "1:2:3:4:5:6abcdefabcdefabcdefabcdef0123",
+	    "2:3:4:5:6abcdefabcdefabcdefabcdef012",
+	    "1:2:3:4:5:6abcdefabcdefabcdefabcdef0124",
 	};
 	for (const std::string &mac : probes)
 		EXPECT_EQ(kel_db_macaddr_exists(h_, mac.c_str()) == B_TRUE, reference(mac)) << mac;
@@ -93,7 +128,7 @@ TEST_F(MacInUse, AgreesWithTheFullScanOnRandomStores)
 	const char *hex = "0123456789abcdefAB";
 	auto group = [&] {
 		if (pick(8) == 0)
-			return std::string();	// "::" in an address
+			return std::string();  // "::" in an address
 		std::string g(1, hex[pick(4)]);
 		if (pick(2))
 			g += hex[pick(18)];

@@ -19,11 +19,11 @@ TEST(Pool, DrawsTheLowestValue)
 	struct {
 		const char *pool, *drawn, *rest;
 	} cases[] = {
-		{"1-4094", "1", "2-4094"},
-		{"5", "5", ""},
-		{"5,7-9", "5", "7-9"},
-		{"5-6,9", "5", "6,9"},
-		{"5-7", "5", "6-7"},
+	    {"1-4094", "1", "2-4094"},
+	    {"5", "5", ""},
+	    {"5,7-9", "5", "7-9"},
+	    {"5-6,9", "5", "6,9"},
+	    {"5-7", "5", "6-7"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.pool);
@@ -41,18 +41,18 @@ TEST(Pool, DrawsTheLowestValue)
 TEST(Pool, DrawsAGivenValue)
 {
 	struct {
-		const char *pool, *value, *rest;	// rest nullptr: not free
+		const char *pool, *value, *rest;  // rest nullptr: not free
 	} cases[] = {
-		{"1-10", "7", "1-6,8-10"},
-		{"6-10", "7", "6,8-10"},
-		{"6-10", "6", "7-10"},
-		{"6-10", "10", "6-9"},
-		{"6-10", "9", "6-8,10"},
-		{"5", "5", ""},
-		{"1-3,5,7-9", "5", "1-3,7-9"},
-		{"1-10,20-30", "11", nullptr},
-		{"1-10,20-30", "40", nullptr},
-		{"", "1", nullptr},
+	    {"1-10", "7", "1-6,8-10"},
+	    {"6-10", "7", "6,8-10"},
+	    {"6-10", "6", "7-10"},
+	    {"6-10", "10", "6-9"},
+	    {"6-10", "9", "6-8,10"},
+	    {"5", "5", ""},
+	    {"1-3,5,7-9", "5", "1-3,7-9"},
+	    {"1-10,20-30", "11", nullptr},
+	    {"1-10,20-30", "40", nullptr},
+	    {"", "1", nullptr},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(std::string(c.pool) + " take " + c.value);
@@ -67,26 +67,25 @@ TEST(Pool, GivesBackInOrderAndMerges)
 	struct {
 		const char *pool, *value, *want;
 	} cases[] = {
-		{"", "5", "5"},
-		{"5-9", "4", "4-9"},
-		{"5-9", "2", "2,5-9"},
-		{"5-9", "10", "5-10"},
-		{"5-9", "12", "5-9,12"},
-		{"1-6,8-9", "7", "1-9"},
-		{"1-6,9", "7", "1-7,9"},
-		{"1-5,8", "7", "1-5,7-8"},
-		{"1-5,9", "7", "1-5,7,9"},
-		{"1,3", "2", "1-3"},
-		// Giving back a value that is already free leaves the pool as it was.
-		{"1-10", "5", "1-10"},
-		{"1-3,7", "7", "1-3,7"},
+	    {"", "5", "5"},
+	    {"5-9", "4", "4-9"},
+	    {"5-9", "2", "2,5-9"},
+	    {"5-9", "10", "5-10"},
+	    {"5-9", "12", "5-9,12"},
+	    {"1-6,8-9", "7", "1-9"},
+	    {"1-6,9", "7", "1-7,9"},
+	    {"1-5,8", "7", "1-5,7-8"},
+	    {"1-5,9", "7", "1-5,7,9"},
+	    {"1,3", "2", "1-3"},
+	    // Giving back a value that is already free leaves the pool as it was.
+	    {"1-10", "5", "1-10"},
+	    {"1-3,7", "7", "1-3,7"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(std::string(c.pool) + " give " + c.value);
 		EXPECT_EQ(give(c.pool, c.value, N), c.want);
 	}
-	EXPECT_EQ(give("10.0.0.1-10.0.0.9,10.0.0.11", "10.0.0.10", KEL_RANGE_IPV4),
-	    "10.0.0.1-10.0.0.11");
+	EXPECT_EQ(give("10.0.0.1-10.0.0.9,10.0.0.11", "10.0.0.10", KEL_RANGE_IPV4), "10.0.0.1-10.0.0.11");
 }
 
 TEST(Pool, EveryDrawGivenBackRestoresThePool)

@@ -63,15 +63,16 @@ TEST_F(PropList, EveryVisiblePropertyInCatalogueOrder)
 	        "protection=- maxbw=100M priority=- l2-type=vlan vlanid=5 vni=- tenant=acme uuid=" + u},
 	    {"vport=p1", KEL_PROPTYPE_VPORT,
 	        "protection=- cos=- maxbw=- priority=- ipaddr=10.0.0.2/24 macaddr=2:8:20:0:0:1 kel=web "
-	        "tenant=acme uuid=" + uuid(2)},
+	        "tenant=acme uuid=" +
+	            uuid(2)},
 	    {"ipnet=n", KEL_PROPTYPE_IPNET,
 	        "kel=web subnet=10.0.0.0/24 defrouter=- pool=- tenant=acme uuid=" + uuid(4)},
 	};
 	for (const auto &c : cases)
 		EXPECT_EQ(list(c.filter, nullptr, c.type), c.expected) << c.filter;
 	// Two ports, nine records each.
-	EXPECT_EQ(list(nullptr, "", KEL_PROPTYPE_VPORT).size(), list("vport=p1", "", KEL_PROPTYPE_VPORT).size() +
-	    list("vport=p2", "", KEL_PROPTYPE_VPORT).size() + 1);
+	EXPECT_EQ(list(nullptr, "", KEL_PROPTYPE_VPORT).size(),
+	    list("vport=p1", "", KEL_PROPTYPE_VPORT).size() + list("vport=p2", "", KEL_PROPTYPE_VPORT).size() + 1);
 
 	const kel_prop_t protection = first("vport=p1", nullptr, KEL_PROPTYPE_VPORT);
 	EXPECT_STREQ(protection.ep_perm, "rw");

@@ -11,15 +11,15 @@
 #include <utility>
 #include <vector>
 
+#include <kel/libkel.h>
 #include "fan_out.h"
 #include "fault.h"
-#include <kel/libkel.h>
 #include "harl.h"
-#include "server.h"
 #include "netns.h"
 #include "nuq_errors.h"
 #include "nuq_uri.h"
 #include "prop_update.h"
+#include "server.h"
 #include "store_fixture.h"
 
 namespace {
@@ -72,10 +72,10 @@ TEST_F(PropUpdate, TheChecksEveryUpdateMakes)
 	    {false, "cos", KEL_E_INVALID_PROP},
 	    {false, "vlanid=5", KEL_E_READONLY},
 	    {false, "nosuch=1", KEL_E_INVALID_PROP},
-	    {false, "cos=3", KEL_E_INVALID_PROP},	// writable, but not on switches
+	    {false, "cos=3", KEL_E_INVALID_PROP},  // writable, but not on switches
 	    {false, "maxbw=fast", KEL_E_INVALID_MAXBW},
 	    {true, "subnet=10.1.0.0/24", KEL_E_READONLY},
-	    {true, "maxbw=10M", KEL_E_INVALID_PROP},	// a switch's, not a network's
+	    {true, "maxbw=10M", KEL_E_INVALID_PROP},  // a switch's, not a network's
 	    {true, "cos=1,pool=", KEL_E_INVALID_ARGS},
 	};
 	const std::string before = props("kel", "web");
@@ -116,7 +116,7 @@ TEST_F(PropUpdate, PoolsKeepEveryAddressInUse)
 	// p1-p3 drew .10-.12; one more address is given outside the pool.
 	ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", "p4", "ipaddr=10.0.0.40", nullptr, 0), KEL_SUCCESS);
 	EXPECT_EQ(pool_column(), "10.0.0.13-10.0.0.20");
-	EXPECT_EQ(ipnetprop("pool=10.0.0.11-10.0.0.30"), KEL_E_RANGE_INUSE);	// drops .10
+	EXPECT_EQ(ipnetprop("pool=10.0.0.11-10.0.0.30"), KEL_E_RANGE_INUSE);  // drops .10
 	EXPECT_EQ(ipnetprop("pool=10.0.0.1-10.0.0.254"), KEL_E_POOL_DEFROUTER);
 	EXPECT_EQ(ipnetprop("pool=10.1.0.1-10.1.0.5"), KEL_E_INVALID_POOL);
 	EXPECT_EQ(pool_column(), "10.0.0.13-10.0.0.20");
@@ -194,8 +194,8 @@ TEST_F(BoundPropUpdate, TheVnicFollowsThePortAndItsSwitch)
 
 TEST_F(BoundPropUpdate, UnreachableHostsAndFailedStores)
 {
-	bind("p2", "gone.invalid", "vn9");	// the fabric's ssh:// reaches nobody here
-	bind("p3", "h", "vn0");	// a second port on the reachable host
+	bind("p2", "gone.invalid", "vn9");  // the fabric's ssh:// reaches nobody here
+	bind("p3", "h", "vn0");             // a second port on the reachable host
 	// The switch's value is stored and reaches the hosts that answer.
 	EXPECT_EQ(kelprop("maxbw=30M"), KEL_E_PROP_PARTIAL);
 	EXPECT_NE(props("kel", "web").find("maxbw=30M"), std::string::npos);
@@ -211,8 +211,7 @@ TEST_F(BoundPropUpdate, UnreachableHostsAndFailedStores)
 
 	// Whatever statement fails, the link ends with the value the store holds.
 	ASSERT_EQ(vportprop("p1", "maxbw=20M"), KEL_SUCCESS);
-	const int reached = kel::test::for_each_failing_statement(
-	    [&] { return vportprop("p1", "maxbw=40M"); },
+	const int reached = kel::test::for_each_failing_statement([&] { return vportprop("p1", "maxbw=40M"); },
 	    [&](int nth, int rc) {
 		    EXPECT_NE(rc, KEL_SUCCESS) << nth;
 		    EXPECT_NE(props("vport", "p1").find("maxbw=20M"), std::string::npos) << nth;
@@ -262,7 +261,7 @@ protected:
 
 	std::vector<std::string> calls;
 	std::function<void(const std::string &vnic)> on_lookup;
-	std::mutex lookups_;	// for what on_lookup keeps
+	std::mutex lookups_;  // for what on_lookup keeps
 
 private:
 	std::mutex mutex_;
@@ -282,8 +281,9 @@ TEST_F(RecordingHost, AFailedAllowedListPutsTheProtectionBack)
 	attrset_t *vportprops = kel_create_attrset(1, "ipaddr", DATA_TYPE_STRING, "10.0.0.10/24");
 	EXPECT_EQ(kel_host_set_one_linkprop(link, kelprops, vportprops, "protection", "mac-nospoof,ip-nospoof", 0),
 	    (3 << 8) | KEL_E_WEXO);
-	EXPECT_EQ(calls, (std::vector<std::string>{"vn0 protection=mac-nospoof,ip-nospoof",
-	                     "vn0 allowed-ips=10.0.0.10", "vn0 protection=restricted"}));
+	EXPECT_EQ(calls,
+	    (std::vector<std::string>{"vn0 protection=mac-nospoof,ip-nospoof", "vn0 allowed-ips=10.0.0.10",
+	        "vn0 protection=restricted"}));
 	// Clearing the protection clears the allowed list too; "none" reaches the link as "".
 	calls.clear();
 	(void)kel_host_set_one_linkprop(link, kelprops, vportprops, "protection", "none", 0);
@@ -340,7 +340,7 @@ TEST_F(RecordingHost, ASwitchChangeReachesItsHostsTogether)
 			want.push_back(name + " maxbw=30M");
 		}
 	}
-	bind("p1", "gone.invalid", "vx");	// the fabric's ssh:// reaches nobody here
+	bind("p1", "gone.invalid", "vx");  // the fabric's ssh:// reaches nobody here
 	int in_flight = 0, most = 0;
 	on_lookup = [&](const std::string &) {
 		{

@@ -2,8 +2,8 @@
 #include <memory>
 #include <string>
 
-#include "fault.h"
 #include <kel/libkel.h>
+#include "fault.h"
 #include "netns.h"
 #include "store_fixture.h"
 
@@ -30,8 +30,7 @@ protected:
 	}
 
 	// Adds a port; "ok <ipaddr> <mac prefix ok>" or "error N".
-	std::string add(const char *name, const char *props = nullptr, const char *kel = "web",
-	    uint32_t flags = 0)
+	std::string add(const char *name, const char *props = nullptr, const char *kel = "web", uint32_t flags = 0)
 	{
 		kel_vport_t *vp = nullptr;
 		const int rc = kel_db_add_vport(h_, "sys-global", kel, name, props, &vp, flags);
@@ -41,7 +40,8 @@ protected:
 		char *ip = nullptr, *mac = nullptr;
 		EXPECT_EQ(attrset_lookup_string(vp->evp_props, "ipaddr", &ip), 0);
 		EXPECT_EQ(attrset_lookup_string(vp->evp_props, "macaddr", &mac), 0);
-		const std::string out = std::string("ok ") + ip + (std::string(mac).rfind("2:8:20:", 0) == 0 ? "" : " foreign-mac");
+		const std::string out = std::string("ok ") + ip +
+		    (std::string(mac).rfind("2:8:20:", 0) == 0 ? "" : " foreign-mac");
 		kel_free_vport(vp);
 		return out;
 	}
@@ -58,7 +58,7 @@ TEST_F(Vports, AddressesAndMacs)
 {
 	EXPECT_EQ(add("p1"), "ok 10.0.0.2/24");
 	EXPECT_EQ(add("p2"), "ok 10.0.0.3/24");
-	EXPECT_EQ(add("p3", "ipaddr=10.0.0.1"), "ok 10.0.0.1/24");	// the router, once
+	EXPECT_EQ(add("p3", "ipaddr=10.0.0.1"), "ok 10.0.0.1/24");  // the router, once
 	EXPECT_EQ(add("p4", "ipaddr=10.0.0.1"), err(KEL_E_IPADDR_INUSE));
 	EXPECT_EQ(add("p4", "ipaddr=10.0.0.3"), err(KEL_E_IPADDR_INUSE));
 	EXPECT_EQ(add("p4", "ipaddr=10.0.1.3"), err(KEL_E_IP_NOT_IN_IPNET));
@@ -82,24 +82,25 @@ TEST_F(Vports, MacsAreUnicastAddressesTakenByValue)
 	// A store written by hand or an older version holds a zero-padded, upper-case MAC.
 	const std::string web = value("SELECT kel_uuid FROM kel_tbl WHERE kel_name = 'web'");
 	sql("INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props) VALUES "
-	    "('" + uuid(900) + "', '" + web + "', 'old', 'macaddr=02:0B:20:AA:0B:0C')");
+	    "('" +
+	    uuid(900) + "', '" + web + "', 'old', 'macaddr=02:0B:20:AA:0B:0C')");
 	struct {
 		const char *given;
 		int rc;
 		const char *stored;
 	} cases[] = {
-		{"2:8:20:99:35:4f", KEL_SUCCESS, "2:8:20:99:35:4f"},
-		{"02:08:20:99:35:4F", KEL_E_MACADDR_INUSE, nullptr},
-		{"02:08:20:99:35:4f", KEL_E_MACADDR_INUSE, nullptr},
-		{"2:b:20:aa:b:c", KEL_E_MACADDR_INUSE, nullptr},	// the old port's, respelled
-		{"02:0A:00:00:00:01", KEL_SUCCESS, "2:a:0:0:0:1"},
-		{"2:a:0:0:0:01", KEL_E_MACADDR_INUSE, nullptr},
-		{"1:2:3:4:5", KEL_E_INVALID_MACADDR, nullptr},
-		{"1:2:3:4:5:6:7", KEL_E_INVALID_MACADDR, nullptr},
-		{"3:0:0:0:0:1", KEL_E_INVALID_MACADDR, nullptr},	// a multicast address
-		{"ff:ff:ff:ff:ff:ff", KEL_E_INVALID_MACADDR, nullptr},
-		{"0:0:0:0:0:0", KEL_E_INVALID_MACADDR, nullptr},
-		{"2:8:20:99:35", KEL_E_INVALID_MACADDR, nullptr},
+	    {"2:8:20:99:35:4f", KEL_SUCCESS, "2:8:20:99:35:4f"},
+	    {"02:08:20:99:35:4F", KEL_E_MACADDR_INUSE, nullptr},
+	    {"02:08:20:99:35:4f", KEL_E_MACADDR_INUSE, nullptr},
+	    {"2:b:20:aa:b:c", KEL_E_MACADDR_INUSE, nullptr},  // the old port's, respelled
+	    {"02:0A:00:00:00:01", KEL_SUCCESS, "2:a:0:0:0:1"},
+	    {"2:a:0:0:0:01", KEL_E_MACADDR_INUSE, nullptr},
+	    {"1:2:3:4:5", KEL_E_INVALID_MACADDR, nullptr},
+	    {"1:2:3:4:5:6:7", KEL_E_INVALID_MACADDR, nullptr},
+	    {"3:0:0:0:0:1", KEL_E_INVALID_MACADDR, nullptr},  // a multicast address
+	    {"ff:ff:ff:ff:ff:ff", KEL_E_INVALID_MACADDR, nullptr},
+	    {"0:0:0:0:0:0", KEL_E_INVALID_MACADDR, nullptr},
+	    {"2:8:20:99:35", KEL_E_INVALID_MACADDR, nullptr},
 	};
 	int n = 0;
 	for (const auto &c : cases) {
@@ -125,7 +126,7 @@ TEST_F(Vports, AFailedAddGivesTheAddressBack)
 	kel::test::for_each_failing_statement(
 	    [&] { return kel_db_add_vport(h_, "sys-global", "web", "p1", nullptr, nullptr, 0); },
 	    [&](int, int rc) {
-		    if (rc == KEL_SUCCESS) {	// a failed existence check reads as "absent"
+		    if (rc == KEL_SUCCESS) {  // a failed existence check reads as "absent"
 			    ASSERT_EQ(kel_db_remove_vport(h_, "sys-global", "web", "p1", nullptr, 0), KEL_SUCCESS);
 			    return;
 		    }
@@ -197,7 +198,8 @@ TEST_F(Vports, ResetAsksTheHostWhetherTheVnicIsGone)
 	ASSERT_EQ(add("p1"), "ok 10.0.0.2/24");
 	auto bind_to = [&](const char *vnic) {
 		sql(std::string("UPDATE vport_tbl SET vport_status = 1, vport_hostname = 'h', "
-		                "vport_vnicname = '") + vnic + "'");
+		                "vport_vnicname = '") +
+		    vnic + "'");
 	};
 
 	// The host still has the VNIC: the port stays bound.

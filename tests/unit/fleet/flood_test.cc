@@ -89,7 +89,9 @@ protected:
 	static void by_hand(const char *link, const std::vector<const char *> &entries)
 	{
 		for (const char *e : entries)
-			ASSERT_TRUE(NetNs::run(std::string("bridge fdb append 00:00:00:00:00:00 dev ") + link + " " + e)) << e;
+			ASSERT_TRUE(
+			    NetNs::run(std::string("bridge fdb append 00:00:00:00:00:00 dev ") + link + " " + e))
+			    << e;
 	}
 
 	NetNs ns_{"flood"};
@@ -106,7 +108,7 @@ TEST_F(Flood, ListsAreSetExactlyOrOnlyAddedTo)
 		Remotes want;
 	} steps[] = {
 	    {{"10.79.0.2", "10.79.0.3"}, false, {"10.79.0.2", "10.79.0.3"}},
-	    {{"10.79.0.3", "10.79.0.2"}, false, {"10.79.0.2", "10.79.0.3"}},	// no change
+	    {{"10.79.0.3", "10.79.0.2"}, false, {"10.79.0.2", "10.79.0.3"}},  // no change
 	    {{"10.79.0.3", "10.79.0.4"}, false, {"10.79.0.3", "10.79.0.4"}},
 	    {{"10.79.0.5"}, true, {"10.79.0.3", "10.79.0.4", "10.79.0.5"}},
 	    {{}, true, {"10.79.0.3", "10.79.0.4", "10.79.0.5"}},
@@ -177,15 +179,16 @@ TEST_F(Flood, OddEntriesAreMadeExact)
 // them.
 TEST_F(Flood, OddEntriesAreReadAsSuch)
 {
-	by_hand("vx0", {"dst 10.79.0.2", "dst 0.0.0.0", "dst 10.79.0.2 port 5000", "dst 10.79.0.4 vni 77",
-	                   "dst 10.79.0.5 via up0"});
-	EXPECT_EQ(flood(), (Remotes{"0.0.0.0", "10.79.0.2", "10.79.0.2 port 5000", "10.79.0.4 vni 77",
-	                       "10.79.0.5 via up0"}));
+	by_hand("vx0",
+	    {"dst 10.79.0.2", "dst 0.0.0.0", "dst 10.79.0.2 port 5000", "dst 10.79.0.4 vni 77",
+	        "dst 10.79.0.5 via up0"});
+	EXPECT_EQ(flood(),
+	    (Remotes{"0.0.0.0", "10.79.0.2", "10.79.0.2 port 5000", "10.79.0.4 vni 77", "10.79.0.5 via up0"}));
 	// Ageing is the entry's, whose destinations all share it.
 	by_hand("vx0", {"dst 10.79.0.6 dynamic"});
-	EXPECT_EQ(flood(), (Remotes{"0.0.0.0 (not permanent)", "10.79.0.2 (not permanent)",
-	                       "10.79.0.2 port 5000 (not permanent)", "10.79.0.4 vni 77 (not permanent)",
-	                       "10.79.0.5 via up0 (not permanent)", "10.79.0.6 (not permanent)"}));
+	EXPECT_EQ(flood(),
+	    (Remotes{"0.0.0.0 (not permanent)", "10.79.0.2 (not permanent)", "10.79.0.2 port 5000 (not permanent)",
+	        "10.79.0.4 vni 77 (not permanent)", "10.79.0.5 via up0 (not permanent)", "10.79.0.6 (not permanent)"}));
 }
 
 TEST_F(Flood, BadRemotesAndOtherLinksAreRefused)

@@ -23,7 +23,8 @@ protected:
 		make("six", "l2-type=vxlan", "subnet=fd00::/64,pool=fd00::100-fd00::1ff");
 		for (const char *p : {"p1", "p2"})
 			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", p, nullptr, nullptr, 0), KEL_SUCCESS);
-		ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", "far", "ipaddr=10.0.0.200", nullptr, 0), KEL_SUCCESS);
+		ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", "far", "ipaddr=10.0.0.200", nullptr, 0),
+		    KEL_SUCCESS);
 		ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "six", "v", nullptr, nullptr, 0), KEL_SUCCESS);
 		char sys[KEL_NAME_LEN];
 		ASSERT_EQ(kel_db_add_system_vport(h_, "sys-global", "web", sys), KEL_SUCCESS);
@@ -48,11 +49,11 @@ protected:
 		std::vector<std::string> out;
 		for (auto *p = static_cast<kel_store_problem_t *>(list_head(&list)); p != nullptr;
 		     p = static_cast<kel_store_problem_t *>(list_next(&list, p)))
-			out.push_back(std::string(p->esp_repaired ? "repaired " : "") + p->esp_object + ": " + p->esp_text);
+			out.push_back(
+			    std::string(p->esp_repaired ? "repaired " : "") + p->esp_object + ": " + p->esp_text);
 		kel_free_problemlist(&list);
 		return out;
 	}
-
 };
 
 using Lines = std::vector<std::string>;
@@ -67,69 +68,69 @@ TEST_F(StoreCheck, DamageIsFoundAndWhatLeakedIsPutBack)
 {
 	struct {
 		const char *what;
-		std::vector<std::string> damage;	// SQL statements
+		std::vector<std::string> damage;  // SQL statements
 		Lines found;
-		Lines left;	// what repair cannot put right
+		Lines left;  // what repair cannot put right
 	} cases[] = {
-		{"IDs leaked from a range with a hole",
-		    {"UPDATE ctrl_tbl SET ctrl_pval = '102-120,130-149,160-199' WHERE ctrl_pname = 'vlan-range-avail'"},
-		    {"vlan-range: VLAN IDs neither free nor held by a kel: 101,121-129"}, {}},
-		{"an ID free and held, another free outside the range",
-		    {"UPDATE ctrl_tbl SET ctrl_pval = '5000-5099,6000' WHERE ctrl_pname = 'vxlan-range-avail'"},
-		    {"vxlan-range: VNIs held by kels but free as well: 5000",
-		        "vxlan-range: VNIs free outside the range: 6000"},
-		    {}},
-		{"an ID held twice",
-		    {"INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
-		     "VALUES ('u-x', 'x', 'acme', 'l2-type=vlan,vlanid=100')"},
-		    {"vlan-range: VLAN IDs 100 held by more than one kel: sys-global/web, acme/x"},
-		    {"vlan-range: VLAN IDs 100 held by more than one kel: sys-global/web, acme/x"}},
-		{"a host's share beyond the range and over another's",
-		    {"INSERT INTO ctrl_tbl (ctrl_pname, ctrl_pval, ctrl_host, ctrl_vlan_range) "
-		     "VALUES ('uplink-port', 'eth2', 'h1', '115-155')"},
-		    {"host h1 uplink-port eth2: VLAN IDs of its share outside the range: 150-155",
-		        "host h1 uplink-port eth2: VLAN IDs shared with another uplink-port of the same host: 115-120"},
-		    {"host h1 uplink-port eth2: VLAN IDs of its share outside the range: 150-155",
-		        "host h1 uplink-port eth2: VLAN IDs shared with another uplink-port of the same host: 115-120"}},
-		{"IPv6 pool addresses leaked",
-		    {"UPDATE ipnet_tbl SET ipnet_avail_pool_range = 'fd00::101-fd00::1ef' WHERE ipnet_name = 'sixnet'"},
-		    {"ipnet sys-global/six/sixnet: pool addresses neither free nor held by a port: fd00::1f0-fd00::1ff"},
-		    {}},
-		{"a held address and the router free",
-		    {"UPDATE ipnet_tbl SET ipnet_avail_range = '10.0.0.1-10.0.0.199,10.0.0.201-10.0.0.254' "
-		     "WHERE ipnet_name = 'webnet'"},
-		    {"ipnet sys-global/web/webnet: addresses free that are held, the router or outside the span: "
-		     "10.0.0.1,10.0.0.10-10.0.0.12"},
-		    {}},
-		{"rows of a missing kel",
-		    {"INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_keluuid, ipnet_name, ipnet_props, ipnet_af, "
-		     "ipnet_start_addr, ipnet_end_addr) VALUES ('u-n', 'gone', 'lost', 'subnet=10.9.0.0/24', 2, "
-		     "'10.9.0.1', '10.9.0.254')",
-		        "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props) "
-		        "VALUES ('u-v', 'gone', 'lost', 'ipaddr=10.9.0.2/24')"},
-		    {"vport u-v: port lost belongs to no kel (gone)", "ipnet u-n: network lost belongs to no kel (gone)"},
-		    {}},
-		{"a MAC held twice, spelled two ways",
-		    {"UPDATE vport_tbl SET vport_props = 'ipaddr=10.0.0.11/24,macaddr=02:0A:0B:0C:0D:0E' "
-		     "WHERE vport_name = 'p2'",
-		        "UPDATE vport_tbl SET vport_props = 'ipaddr=10.0.0.10/24,macaddr=2:a:b:c:d:e' "
-		        "WHERE vport_name = 'p1'"},
-		    {"MAC 2:a:b:c:d:e: held by more than one port: sys-global/web/p1, sys-global/web/p2"},
-		    {"MAC 2:a:b:c:d:e: held by more than one port: sys-global/web/p1, sys-global/web/p2"}},
-		{"an address held twice",
-		    {"UPDATE vport_tbl SET vport_props = 'ipaddr=10.0.0.10/24,macaddr=2:8:20:0:0:9' WHERE vport_name = 'p2'"},
-		    {"ipnet sys-global/web/webnet: address 10.0.0.10 held by more than one port: p1, p2",
-		        "ipnet sys-global/web/webnet: addresses neither free nor held by a port: 10.0.0.11",
-		        "ipnet sys-global/web/webnet: pool addresses neither free nor held by a port: 10.0.0.11"},
-		    {"ipnet sys-global/web/webnet: address 10.0.0.10 held by more than one port: p1, p2"}},
-		{"system port numbers leaked",
-		    {"UPDATE kel_tbl SET kel_vportnum_range = '3-2147483647' WHERE kel_name = 'web'"},
-		    {"kel sys-global/web: system port numbers neither free nor used: 1-2"}, {}},
-		{"an older schema",
-		    {"UPDATE misc_tbl SET misc_value = '2' WHERE misc_name = 'db-version'",
-		        "UPDATE ctrl_tbl SET ctrl_pval = '' WHERE ctrl_pname = 'vlan-range-avail'"},
-		    {"store: schema version 2, not 3: run keladm upgrade-store"},
-		    {"store: schema version 2, not 3: run keladm upgrade-store"}},
+	    {"IDs leaked from a range with a hole",
+	        {"UPDATE ctrl_tbl SET ctrl_pval = '102-120,130-149,160-199' WHERE ctrl_pname = 'vlan-range-avail'"},
+	        {"vlan-range: VLAN IDs neither free nor held by a kel: 101,121-129"}, {}},
+	    {"an ID free and held, another free outside the range",
+	        {"UPDATE ctrl_tbl SET ctrl_pval = '5000-5099,6000' WHERE ctrl_pname = 'vxlan-range-avail'"},
+	        {"vxlan-range: VNIs held by kels but free as well: 5000",
+	            "vxlan-range: VNIs free outside the range: 6000"},
+	        {}},
+	    {"an ID held twice",
+	        {"INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
+	         "VALUES ('u-x', 'x', 'acme', 'l2-type=vlan,vlanid=100')"},
+	        {"vlan-range: VLAN IDs 100 held by more than one kel: sys-global/web, acme/x"},
+	        {"vlan-range: VLAN IDs 100 held by more than one kel: sys-global/web, acme/x"}},
+	    {"a host's share beyond the range and over another's",
+	        {"INSERT INTO ctrl_tbl (ctrl_pname, ctrl_pval, ctrl_host, ctrl_vlan_range) "
+	         "VALUES ('uplink-port', 'eth2', 'h1', '115-155')"},
+	        {"host h1 uplink-port eth2: VLAN IDs of its share outside the range: 150-155",
+	            "host h1 uplink-port eth2: VLAN IDs shared with another uplink-port of the same host: 115-120"},
+	        {"host h1 uplink-port eth2: VLAN IDs of its share outside the range: 150-155",
+	            "host h1 uplink-port eth2: VLAN IDs shared with another uplink-port of the same host: 115-120"}},
+	    {"IPv6 pool addresses leaked",
+	        {"UPDATE ipnet_tbl SET ipnet_avail_pool_range = 'fd00::101-fd00::1ef' WHERE ipnet_name = 'sixnet'"},
+	        {"ipnet sys-global/six/sixnet: pool addresses neither free nor held by a port: fd00::1f0-fd00::1ff"},
+	        {}},
+	    {"a held address and the router free",
+	        {"UPDATE ipnet_tbl SET ipnet_avail_range = '10.0.0.1-10.0.0.199,10.0.0.201-10.0.0.254' "
+	         "WHERE ipnet_name = 'webnet'"},
+	        {"ipnet sys-global/web/webnet: addresses free that are held, the router or outside the span: "
+	         "10.0.0.1,10.0.0.10-10.0.0.12"},
+	        {}},
+	    {"rows of a missing kel",
+	        {"INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_keluuid, ipnet_name, ipnet_props, ipnet_af, "
+	         "ipnet_start_addr, ipnet_end_addr) VALUES ('u-n', 'gone', 'lost', 'subnet=10.9.0.0/24', 2, "
+	         "'10.9.0.1', '10.9.0.254')",
+	            "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props) "
+	            "VALUES ('u-v', 'gone', 'lost', 'ipaddr=10.9.0.2/24')"},
+	        {"vport u-v: port lost belongs to no kel (gone)", "ipnet u-n: network lost belongs to no kel (gone)"},
+	        {}},
+	    {"a MAC held twice, spelled two ways",
+	        {"UPDATE vport_tbl SET vport_props = 'ipaddr=10.0.0.11/24,macaddr=02:0A:0B:0C:0D:0E' "
+	         "WHERE vport_name = 'p2'",
+	            "UPDATE vport_tbl SET vport_props = 'ipaddr=10.0.0.10/24,macaddr=2:a:b:c:d:e' "
+	            "WHERE vport_name = 'p1'"},
+	        {"MAC 2:a:b:c:d:e: held by more than one port: sys-global/web/p1, sys-global/web/p2"},
+	        {"MAC 2:a:b:c:d:e: held by more than one port: sys-global/web/p1, sys-global/web/p2"}},
+	    {"an address held twice",
+	        {"UPDATE vport_tbl SET vport_props = 'ipaddr=10.0.0.10/24,macaddr=2:8:20:0:0:9' WHERE vport_name = 'p2'"},
+	        {"ipnet sys-global/web/webnet: address 10.0.0.10 held by more than one port: p1, p2",
+	            "ipnet sys-global/web/webnet: addresses neither free nor held by a port: 10.0.0.11",
+	            "ipnet sys-global/web/webnet: pool addresses neither free nor held by a port: 10.0.0.11"},
+	        {"ipnet sys-global/web/webnet: address 10.0.0.10 held by more than one port: p1, p2"}},
+	    {"system port numbers leaked",
+	        {"UPDATE kel_tbl SET kel_vportnum_range = '3-2147483647' WHERE kel_name = 'web'"},
+	        {"kel sys-global/web: system port numbers neither free nor used: 1-2"}, {}},
+	    {"an older schema",
+	        {"UPDATE misc_tbl SET misc_value = '2' WHERE misc_name = 'db-version'",
+	            "UPDATE ctrl_tbl SET ctrl_pval = '' WHERE ctrl_pname = 'vlan-range-avail'"},
+	        {"store: schema version 2, not 3: run keladm upgrade-store"},
+	        {"store: schema version 2, not 3: run keladm upgrade-store"}},
 	};
 	const std::string db = db_path();
 	ASSERT_EQ(system(("cp " + db + " " + db + ".sound").c_str()), 0);

@@ -15,8 +15,7 @@ using V = std::vector<std::string>;
 V entries(attrset_t *set)
 {
 	V out;
-	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr;
-	     e = attrset_next_entry(set, e)) {
+	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr; e = attrset_next_entry(set, e)) {
 		char *value = nullptr;
 		EXPECT_EQ(attrset_entry_value_string(e, &value), 0);
 		out.push_back(std::string(attrset_entry_name(e)) + "=" + value);
@@ -29,37 +28,36 @@ struct ReadCase {
 	boolean_t values;
 	int flags;
 	int rc;
-	V want;	// set order
+	V want;  // set order
 };
 
 TEST(AttrsetCodec, ReadsFromTheRight)
 {
 	const int U = ATTRSET_UNIQUE_NAME;
 	const ReadCase cases[] = {
-		{"cos=3,maxbw=100M", B_TRUE, U, KEL_SUCCESS, {"maxbw=100M", "cos=3"}},
-		{"protection=mac-nospoof,ip-nospoof", B_TRUE, U, KEL_SUCCESS,
-		    {"protection=mac-nospoof,ip-nospoof"}},
-		{"protection=mac-nospoof,ip-nospoof,cos=2", B_TRUE, U, KEL_SUCCESS,
-		    {"cos=2", "protection=mac-nospoof,ip-nospoof"}},
-		{"a=1,x,b=2", B_TRUE, U, KEL_SUCCESS, {"b=2", "a=1,x"}},
-		{"cos=2,x", B_TRUE, U, KEL_SUCCESS, {"cos=2,x"}},
-		{"a=b=c", B_TRUE, U, KEL_SUCCESS, {"a=b=c"}},
-		{"vlanid=", B_TRUE, U, KEL_SUCCESS, {"vlanid="}},
-		{"=5", B_TRUE, U, KEL_SUCCESS, {"=5"}},
-		// Unique names: the leftmost occurrence is added last and wins.
-		{"cos=1,cos=2", B_TRUE, U, KEL_SUCCESS, {"cos=1"}},
-		{"cos=1,cos=2", B_TRUE, 0, KEL_SUCCESS, {"cos=2", "cos=1"}},
-		{"  \tcos=1", B_TRUE, U, KEL_SUCCESS, {"cos=1"}},
-		{"cos=1, maxbw=5", B_TRUE, U, KEL_SUCCESS, {" maxbw=5", "cos=1"}},
-		{"cos,maxbw", B_FALSE, U, KEL_SUCCESS, {"maxbw=", "cos="}},
-		{"a,,b", B_FALSE, 0, KEL_SUCCESS, {"b=", "=", "a="}},
-		{",a", B_FALSE, 0, KEL_SUCCESS, {"a=", "="}},
-		{"x,cos=2", B_TRUE, U, KEL_E_INVALID_ARGS, {}},
-		{"a=1,b=2,", B_TRUE, U, KEL_E_INVALID_ARGS, {}},
-		{"a,b,", B_FALSE, U, KEL_E_INVALID_ARGS, {}},
-		{"   ", B_TRUE, U, KEL_E_INVALID_ARGS, {}},
-		{"   ", B_FALSE, U, KEL_E_INVALID_ARGS, {}},
-		{"cos", B_TRUE, U, KEL_E_INVALID_ARGS, {}},
+	    {"cos=3,maxbw=100M", B_TRUE, U, KEL_SUCCESS, {"maxbw=100M", "cos=3"}},
+	    {"protection=mac-nospoof,ip-nospoof", B_TRUE, U, KEL_SUCCESS, {"protection=mac-nospoof,ip-nospoof"}},
+	    {"protection=mac-nospoof,ip-nospoof,cos=2", B_TRUE, U, KEL_SUCCESS,
+	        {"cos=2", "protection=mac-nospoof,ip-nospoof"}},
+	    {"a=1,x,b=2", B_TRUE, U, KEL_SUCCESS, {"b=2", "a=1,x"}},
+	    {"cos=2,x", B_TRUE, U, KEL_SUCCESS, {"cos=2,x"}},
+	    {"a=b=c", B_TRUE, U, KEL_SUCCESS, {"a=b=c"}},
+	    {"vlanid=", B_TRUE, U, KEL_SUCCESS, {"vlanid="}},
+	    {"=5", B_TRUE, U, KEL_SUCCESS, {"=5"}},
+	    // Unique names: the leftmost occurrence is added last and wins.
+	    {"cos=1,cos=2", B_TRUE, U, KEL_SUCCESS, {"cos=1"}},
+	    {"cos=1,cos=2", B_TRUE, 0, KEL_SUCCESS, {"cos=2", "cos=1"}},
+	    {"  \tcos=1", B_TRUE, U, KEL_SUCCESS, {"cos=1"}},
+	    {"cos=1, maxbw=5", B_TRUE, U, KEL_SUCCESS, {" maxbw=5", "cos=1"}},
+	    {"cos,maxbw", B_FALSE, U, KEL_SUCCESS, {"maxbw=", "cos="}},
+	    {"a,,b", B_FALSE, 0, KEL_SUCCESS, {"b=", "=", "a="}},
+	    {",a", B_FALSE, 0, KEL_SUCCESS, {"a=", "="}},
+	    {"x,cos=2", B_TRUE, U, KEL_E_INVALID_ARGS, {}},
+	    {"a=1,b=2,", B_TRUE, U, KEL_E_INVALID_ARGS, {}},
+	    {"a,b,", B_FALSE, U, KEL_E_INVALID_ARGS, {}},
+	    {"   ", B_TRUE, U, KEL_E_INVALID_ARGS, {}},
+	    {"   ", B_FALSE, U, KEL_E_INVALID_ARGS, {}},
+	    {"cos", B_TRUE, U, KEL_E_INVALID_ARGS, {}},
 	};
 	for (const ReadCase &c : cases) {
 		SCOPED_TRACE(std::string("'") + c.text + "' values=" + std::to_string(c.values) +
@@ -104,12 +102,11 @@ TEST(AttrsetCodec, WritingReversesAndDropsEmptyValues)
 		boolean_t values;
 		const char *written;
 	} cases[] = {
-		{"cos=3,maxbw=100M", B_TRUE, "maxbw=100M,cos=3"},
-		{"protection=mac-nospoof,ip-nospoof,cos=2", B_TRUE,
-		    "cos=2,protection=mac-nospoof,ip-nospoof"},
-		{"cos=3,vlanid=", B_TRUE, "cos=3"},
-		{"vlanid=,cos=3", B_TRUE, "cos=3"},
-		{"cos,maxbw", B_FALSE, ""},
+	    {"cos=3,maxbw=100M", B_TRUE, "maxbw=100M,cos=3"},
+	    {"protection=mac-nospoof,ip-nospoof,cos=2", B_TRUE, "cos=2,protection=mac-nospoof,ip-nospoof"},
+	    {"cos=3,vlanid=", B_TRUE, "cos=3"},
+	    {"vlanid=,cos=3", B_TRUE, "cos=3"},
+	    {"cos,maxbw", B_FALSE, ""},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);
@@ -142,18 +139,15 @@ TEST(AttrsetCodec, WritingAnIntegerEntryIsRefused)
 TEST(AttrsetCodec, ComposingPairs)
 {
 	char buf[1024];
-	EXPECT_EQ(kel_create_attrstr(buf, sizeof(buf), nullptr, 3, "tenant", "t1", "kel",
-	              nullptr, "vport", ""),
+	EXPECT_EQ(kel_create_attrstr(buf, sizeof(buf), nullptr, 3, "tenant", "t1", "kel", nullptr, "vport", ""),
 	    KEL_SUCCESS);
 	EXPECT_STREQ(buf, "tenant=t1");
-	EXPECT_EQ(kel_create_attrstr(buf, sizeof(buf), "host=h", 3, "tenant", "t1", "kel",
-	              nullptr, "vport", ""),
+	EXPECT_EQ(kel_create_attrstr(buf, sizeof(buf), "host=h", 3, "tenant", "t1", "kel", nullptr, "vport", ""),
 	    KEL_SUCCESS);
 	EXPECT_STREQ(buf, "tenant=t1,host=h");
 	EXPECT_EQ(kel_create_attrstr(buf, sizeof(buf), "host=h", 1, "kel", ""), KEL_SUCCESS);
 	EXPECT_STREQ(buf, "host=h");
-	EXPECT_EQ(kel_create_attrstr(buf, sizeof(buf), "", 2, nullptr, "x", "a", "1"),
-	    KEL_SUCCESS);
+	EXPECT_EQ(kel_create_attrstr(buf, sizeof(buf), "", 2, nullptr, "x", "a", "1"), KEL_SUCCESS);
 	EXPECT_STREQ(buf, "a=1");
 }
 
@@ -163,8 +157,7 @@ TEST(AttrsetCodec, ComposingNeedsRoomForTheTerminator)
 	for (size_t size : {16u, 17u}) {
 		SCOPED_TRACE(size);
 		std::vector<char> buf(size, 'x');
-		const int rc = kel_create_attrstr(buf.data(), size, nullptr, 2, "kel", "web", "vport",
-		    "v1");
+		const int rc = kel_create_attrstr(buf.data(), size, nullptr, 2, "kel", "web", "vport", "v1");
 		EXPECT_EQ(rc, size == 17 ? KEL_SUCCESS : KEL_E_NOSPACE);
 		EXPECT_EQ(std::memchr(buf.data(), '\0', size) != nullptr, true);
 	}
@@ -178,8 +171,8 @@ TEST(AttrsetCodec, ComposingNeedsRoomForTheTerminator)
 
 TEST(AttrsetCodec, BuildingFromTriples)
 {
-	attrset_t *set = kel_create_attrset(3, "vmid", DATA_TYPE_STRING, "vm1", "ipaddr",
-	    DATA_TYPE_STRING, nullptr, "macaddr", DATA_TYPE_STRING, "2:8:20:1:2:3");
+	attrset_t *set = kel_create_attrset(3, "vmid", DATA_TYPE_STRING, "vm1", "ipaddr", DATA_TYPE_STRING, nullptr,
+	    "macaddr", DATA_TYPE_STRING, "2:8:20:1:2:3");
 	ASSERT_NE(set, nullptr);
 	EXPECT_EQ(entries(set), (V{"vmid=vm1", "macaddr=2:8:20:1:2:3"}));
 	attrset_free(set);
@@ -196,13 +189,13 @@ TEST(AttrsetCodec, Integers)
 		int rc;
 		int value;
 	} cases[] = {
-		{"42", KEL_SUCCESS, 42},
-		{"-7", KEL_SUCCESS, -7},
-		{" 5", KEL_SUCCESS, 5},
-		{"", KEL_SUCCESS, 0},
-		{"12a", KEL_E_INVALID_ARGS, 0},
-		{"5 ", KEL_E_INVALID_ARGS, 0},
-		{"99999999999999999999", KEL_E_INVALID_ARGS, 0},
+	    {"42", KEL_SUCCESS, 42},
+	    {"-7", KEL_SUCCESS, -7},
+	    {" 5", KEL_SUCCESS, 5},
+	    {"", KEL_SUCCESS, 0},
+	    {"12a", KEL_E_INVALID_ARGS, 0},
+	    {"5 ", KEL_E_INVALID_ARGS, 0},
+	    {"99999999999999999999", KEL_E_INVALID_ARGS, 0},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);

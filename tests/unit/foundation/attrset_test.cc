@@ -25,8 +25,7 @@ Set make(int flags)
 std::vector<std::string> entries(attrset_t *set)
 {
 	std::vector<std::string> out;
-	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr;
-	     e = attrset_next_entry(set, e)) {
+	for (attrset_entry_t *e = attrset_next_entry(set, nullptr); e != nullptr; e = attrset_next_entry(set, e)) {
 		char *text;
 		int32_t n;
 		std::string v;
@@ -116,7 +115,7 @@ TEST(AttrSet, BigSetsAnswerAsSmallOnes)
 		ASSERT_EQ(attrset_lookup_string(r.get(), "kel", &value), 0);
 		EXPECT_STREQ(value, "a");
 		EXPECT_EQ(attrset_remove(r.get(), "kel", DATA_TYPE_STRING), 0);
-		EXPECT_EQ(attrset_lookup_string(r.get(), "kel", &value), EINVAL);	// the integer is first now
+		EXPECT_EQ(attrset_lookup_string(r.get(), "kel", &value), EINVAL);  // the integer is first now
 		EXPECT_EQ(attrset_remove(r.get(), "other", DATA_TYPE_STRING), 0);
 		EXPECT_EQ(entries(r.get()), (V{"kel=3"}));
 	}

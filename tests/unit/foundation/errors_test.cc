@@ -1,12 +1,12 @@
-#include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
 #include <string>
 
-#include "error_code.h"
 #include <kel/libkel.h>
+#include "error_code.h"
 
 namespace {
 
@@ -22,19 +22,19 @@ TEST(ErrorMessages, PlainReasons)
 		int code;
 		const char *text;
 	} cases[] = {
-		{KEL_SUCCESS, "kel operation succeeded"},
-		{KEL_E_CONTINUE, "continue with operation"},
-		{KEL_E_NOSPACE, "insufficient buffer space"},
-		{KEL_E_RANGE_EXCLUSIVE, "range includes exlusive resource"},
-		{KEL_E_VXLANADDR_ATTRS,
-		    "vxlan-range is the only attribute allowed to be specified for vxlan-addr property"},
-		// The status of a reason without a facility is ignored.
-		{7 * 256 + KEL_E_NOMEM, "insufficient memory"},
-		// Reasons past the table, whatever the upper bits hold.
-		{82, "Unknown KEL error"},
-		{255, "Unknown KEL error"},
-		{3 * 256 + 200, "Unknown KEL error"},
-		{-1, "Unknown KEL error"},
+	    {KEL_SUCCESS, "kel operation succeeded"},
+	    {KEL_E_CONTINUE, "continue with operation"},
+	    {KEL_E_NOSPACE, "insufficient buffer space"},
+	    {KEL_E_RANGE_EXCLUSIVE, "range includes exlusive resource"},
+	    {KEL_E_VXLANADDR_ATTRS,
+	        "vxlan-range is the only attribute allowed to be specified for vxlan-addr property"},
+	    // The status of a reason without a facility is ignored.
+	    {7 * 256 + KEL_E_NOMEM, "insufficient memory"},
+	    // Reasons past the table, whatever the upper bits hold.
+	    {82, "Unknown KEL error"},
+	    {255, "Unknown KEL error"},
+	    {3 * 256 + 200, "Unknown KEL error"},
+	    {-1, "Unknown KEL error"},
 	};
 	for (const Case &c : cases) {
 		SCOPED_TRACE(c.code);
@@ -46,8 +46,7 @@ TEST(ErrorMessages, FacilityReasonsCarryTheFacilityText)
 {
 	EXPECT_EQ(message(SQLITE_BUSY * 256 + KEL_E_SQL),
 	    std::string("error while handling SQL: ") + sqlite3_errstr(SQLITE_BUSY));
-	EXPECT_EQ(message(ENOENT * 256 + KEL_E_SYSTEM),
-	    std::string("system error: ") + std::strerror(ENOENT));
+	EXPECT_EQ(message(ENOENT * 256 + KEL_E_SYSTEM), std::string("system error: ") + std::strerror(ENOENT));
 	// Each platform library names its own errors.
 	EXPECT_EQ(message(1003 * 256 + KEL_E_VUR), "error while handling VUR: entity not found");
 	EXPECT_EQ(message(1027 * 256 + KEL_E_NUQ), "error while handling NUQ: remote call timed out");

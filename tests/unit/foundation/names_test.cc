@@ -18,31 +18,30 @@ TEST(Names, ValidNames)
 		bool valid;
 		bool uuid;
 	} cases[] = {
-		{"web-1.a_b", true, false},
-		{"w", true, false},
-		{n127, true, false},
-		{n128, false, false},
-		{kUuid, true, true},
-		{"6b8b4567327b23c6643c986966334873", true, false},	// 32 digits: a plain name
-		{"6B8B4567-327B-23C6-643C-986966334873", true, true},
-		{std::string(kUuid) + "0", true, false},	// too long for a UUID: a plain name
-		{"web 1", false, false},
-		{"web,1", false, false},
-		{"web=1", false, false},
-		{"web/1", false, false},
-		// The first character is held to the same set as the rest.
-		{",web", false, false},
-		{" web", false, false},
-		{"_web", true, false},
-		{"", false, false},
+	    {"web-1.a_b", true, false},
+	    {"w", true, false},
+	    {n127, true, false},
+	    {n128, false, false},
+	    {kUuid, true, true},
+	    {"6b8b4567327b23c6643c986966334873", true, false},  // 32 digits: a plain name
+	    {"6B8B4567-327B-23C6-643C-986966334873", true, true},
+	    {std::string(kUuid) + "0", true, false},  // too long for a UUID: a plain name
+	    {"web 1", false, false},
+	    {"web,1", false, false},
+	    {"web=1", false, false},
+	    {"web/1", false, false},
+	    // The first character is held to the same set as the rest.
+	    {",web", false, false},
+	    {" web", false, false},
+	    {"_web", true, false},
+	    {"", false, false},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE("'" + c.text + "'");
 		EXPECT_EQ(kel_valid_name(c.text.c_str()), c.valid);
 		EXPECT_EQ(kel_valid_uuidstr(c.text.c_str()), c.uuid);
 		boolean_t is_uuid = B_TRUE;
-		EXPECT_EQ(kel_parse_name(c.text.c_str(), &is_uuid),
-		    c.valid ? KEL_SUCCESS : KEL_E_INVALID_NAME);
+		EXPECT_EQ(kel_parse_name(c.text.c_str(), &is_uuid), c.valid ? KEL_SUCCESS : KEL_E_INVALID_NAME);
 		EXPECT_EQ(is_uuid, c.uuid);
 	}
 	boolean_t is_uuid = B_TRUE;
@@ -53,23 +52,18 @@ TEST(Names, ValidNames)
 
 TEST(Names, CompoundNames)
 {
-	const std::string long_member = "k/" + std::string(253, 'a');	// 255 characters
+	const std::string long_member = "k/" + std::string(253, 'a');  // 255 characters
 	struct {
 		std::string text;
 		bool valid;
 		const char *kel;
 		const char *member;
 	} cases[] = {
-		{"web/vp1", true, "web", "vp1"},
-		{"vp1", true, "", "vp1"},
-		{"web/", true, "web", ""},
-		{"", true, "", ""},
-		{"/vp1", false, "", ""},
-		{"web/a/b", false, "", ""},
-		{"web/a b", false, "", ""},
-		{std::string(kUuid) + "/vp1", true, kUuid, "vp1"},
-		{long_member, false, "", ""},	// member longer than a name
-		{"k/" + std::string(254, 'a'), false, "", ""},	// 256 characters in all
+	    {"web/vp1", true, "web", "vp1"}, {"vp1", true, "", "vp1"}, {"web/", true, "web", ""}, {"", true, "", ""},
+	    {"/vp1", false, "", ""}, {"web/a/b", false, "", ""}, {"web/a b", false, "", ""},
+	    {std::string(kUuid) + "/vp1", true, kUuid, "vp1"},
+	    {long_member, false, "", ""},                   // member longer than a name
+	    {"k/" + std::string(254, 'a'), false, "", ""},  // 256 characters in all
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE("'" + c.text + "'");
@@ -110,8 +104,8 @@ TEST(Names, VnicNames)
 {
 	for (const char *name : {"vnic0", "ns1/vnic0", "a", "tenant-a.x/v_1", "123456789012345"})
 		EXPECT_TRUE(kel_valid_zonevnicname(name)) << name;
-	for (const char *name : {"", "/vnic0", "ns/", "1234567890123456", "a/b/c", "vnic 0",
-	         "vnic,0", "..", "ns/.", "v:1"})
+	for (const char *name :
+	    {"", "/vnic0", "ns/", "1234567890123456", "a/b/c", "vnic 0", "vnic,0", "..", "ns/.", "v:1"})
 		EXPECT_FALSE(kel_valid_zonevnicname(name)) << name;
 }
 
@@ -122,17 +116,17 @@ TEST(Names, Addresses)
 		bool unspecified;
 		bool valid;
 	} cases[] = {
-		{"0.0.0.0", true, true},
-		{"::", true, true},
-		{"0.0.0.0/24", true, true},
-		{"::/0", true, true},
-		{"239.1.1.1", false, true},
-		{"10.1.2.3/24", false, true},
-		{"fe80::1", false, true},
-		{"::ffff:0.0.0.0", false, true},
-		// Not an address at all: neither unspecified nor valid.
-		{"no.such.host.invalid", false, false},
-		{"300.1.1.1", false, false},
+	    {"0.0.0.0", true, true},
+	    {"::", true, true},
+	    {"0.0.0.0/24", true, true},
+	    {"::/0", true, true},
+	    {"239.1.1.1", false, true},
+	    {"10.1.2.3/24", false, true},
+	    {"fe80::1", false, true},
+	    {"::ffff:0.0.0.0", false, true},
+	    // Not an address at all: neither unspecified nor valid.
+	    {"no.such.host.invalid", false, false},
+	    {"300.1.1.1", false, false},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);

@@ -17,20 +17,20 @@ TEST(Range, Distances)
 	struct {
 		const char *a, *b;
 		int type;
-		int want;	// INT_MIN/INT_MAX exact, otherwise exact too
+		int want;  // INT_MIN/INT_MAX exact, otherwise exact too
 	} cases[] = {
-		{"5", "4", N, 1},
-		{"4", "5", N, -1},
-		{"10.0.0.1", "10.0.0.0", V4, 1},
-		{"10.0.0.0", "10.0.0.0", V4, 0},
-		{"255.255.255.255", "0.0.0.0", V4, INT_MAX},
-		{"0.0.0.0", "255.255.255.255", V4, INT_MIN},
-		{"2001:db8::1", "2001:db8::", V6, 1},
-		{"2001:db8:0:1::", "2001:db8::", V6, INT_MAX},
-		{"2001:db8::", "2001:db8:0:1::", V6, INT_MIN},
-		{"2001:db8::ff:ffff", "2001:db8::", V6, 16777215},
-		// Neighbours across the three-byte boundary are not seen as neighbours.
-		{"2001:db8::100:0", "2001:db8::ff:ffff", V6, INT_MAX},
+	    {"5", "4", N, 1},
+	    {"4", "5", N, -1},
+	    {"10.0.0.1", "10.0.0.0", V4, 1},
+	    {"10.0.0.0", "10.0.0.0", V4, 0},
+	    {"255.255.255.255", "0.0.0.0", V4, INT_MAX},
+	    {"0.0.0.0", "255.255.255.255", V4, INT_MIN},
+	    {"2001:db8::1", "2001:db8::", V6, 1},
+	    {"2001:db8:0:1::", "2001:db8::", V6, INT_MAX},
+	    {"2001:db8::", "2001:db8:0:1::", V6, INT_MIN},
+	    {"2001:db8::ff:ffff", "2001:db8::", V6, 16777215},
+	    // Neighbours across the three-byte boundary are not seen as neighbours.
+	    {"2001:db8::100:0", "2001:db8::ff:ffff", V6, INT_MAX},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(std::string(c.a) + " vs " + c.b);
@@ -47,15 +47,15 @@ TEST(Range, NextAndPreviousValues)
 		int delta, type;
 		const char *want;
 	} cases[] = {
-		{"10.0.0.255", +1, V4, "10.0.1.0"},
-		{"10.0.1.0", -1, V4, "10.0.0.255"},
-		{"255.255.255.255", +1, V4, "0.0.0.0"},
-		{"2001:db8::ffff", +1, V6, "2001:db8::1:0"},
-		{"2001:db8::1:0", -1, V6, "2001:db8::ffff"},
-		{"ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", +1, V6, "::"},
-		{"::", -1, V6, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
-		{"0", -1, N, "-1"},
-		{"41", +1, N, "42"},
+	    {"10.0.0.255", +1, V4, "10.0.1.0"},
+	    {"10.0.1.0", -1, V4, "10.0.0.255"},
+	    {"255.255.255.255", +1, V4, "0.0.0.0"},
+	    {"2001:db8::ffff", +1, V6, "2001:db8::1:0"},
+	    {"2001:db8::1:0", -1, V6, "2001:db8::ffff"},
+	    {"ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", +1, V6, "::"},
+	    {"::", -1, V6, "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+	    {"0", -1, N, "-1"},
+	    {"41", +1, N, "42"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.value);
@@ -72,25 +72,24 @@ TEST(Range, Validation)
 		const char *min, *max, *excluded;
 		int rc;
 	} cases[] = {
-		{"1-10,20,30-40", N, "1", "4094", nullptr, KEL_SUCCESS},
-		{"", N, "1", "4094", nullptr, KEL_SUCCESS},
-		{",", N, "1", "4094", nullptr, KEL_SUCCESS},
-		{"1-10,11-20", N, "1", "4094", nullptr, KEL_SUCCESS},
-		{"10-5", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
-		{"5-5", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
-		{"1-10,10-20", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
-		{"20,10", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
-		{"0-5", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
-		{"4090-4095", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
-		{"a", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
-		{"5-", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
-		{"10.0.0.1-10.0.0.9", V4, "10.0.0.1", "10.0.0.254", "10.0.0.1", KEL_E_RANGE_EXCLUSIVE},
-		{"10.0.0.2-10.0.0.9", V4, "10.0.0.1", "10.0.0.254", "10.0.0.1", KEL_SUCCESS},
-		{"10.0.0.2-10.0.0.255", V4, "10.0.0.1", "10.0.0.254", nullptr, KEL_E_INVALID_RANGE},
-		{"10.0.0.2-10.0.0", V4, "10.0.0.1", "10.0.0.254", nullptr, KEL_E_INVALID_RANGE},
-		{"2001:db8::2-2001:db8::9", V6, "2001:db8::1", "2001:db8::ffff", nullptr, KEL_SUCCESS},
-		{"2001:db8::10,2001:db8::5", V6, "2001:db8::1", "2001:db8::ffff", nullptr,
-		    KEL_E_INVALID_RANGE},
+	    {"1-10,20,30-40", N, "1", "4094", nullptr, KEL_SUCCESS},
+	    {"", N, "1", "4094", nullptr, KEL_SUCCESS},
+	    {",", N, "1", "4094", nullptr, KEL_SUCCESS},
+	    {"1-10,11-20", N, "1", "4094", nullptr, KEL_SUCCESS},
+	    {"10-5", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
+	    {"5-5", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
+	    {"1-10,10-20", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
+	    {"20,10", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
+	    {"0-5", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
+	    {"4090-4095", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
+	    {"a", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
+	    {"5-", N, "1", "4094", nullptr, KEL_E_INVALID_RANGE},
+	    {"10.0.0.1-10.0.0.9", V4, "10.0.0.1", "10.0.0.254", "10.0.0.1", KEL_E_RANGE_EXCLUSIVE},
+	    {"10.0.0.2-10.0.0.9", V4, "10.0.0.1", "10.0.0.254", "10.0.0.1", KEL_SUCCESS},
+	    {"10.0.0.2-10.0.0.255", V4, "10.0.0.1", "10.0.0.254", nullptr, KEL_E_INVALID_RANGE},
+	    {"10.0.0.2-10.0.0", V4, "10.0.0.1", "10.0.0.254", nullptr, KEL_E_INVALID_RANGE},
+	    {"2001:db8::2-2001:db8::9", V6, "2001:db8::1", "2001:db8::ffff", nullptr, KEL_SUCCESS},
+	    {"2001:db8::10,2001:db8::5", V6, "2001:db8::1", "2001:db8::ffff", nullptr, KEL_E_INVALID_RANGE},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(std::string("'") + c.range + "'");
@@ -105,15 +104,15 @@ TEST(Range, Merge)
 		int type;
 		const char *want;
 	} cases[] = {
-		{"1,2,3,5,7-9,10", N, "1-3,5,7-10"},
-		{"5,6", N, "5-6"},
-		{"1-5,3-4", N, "1-4"},
-		{"", N, ""},
-		{",,", N, ""},
-		{"1-3", N, "1-3"},
-		{"10.0.0.1,10.0.0.2", V4, "10.0.0.1-10.0.0.2"},
-		{"10.0.0.255,10.0.1.0", V4, "10.0.0.255-10.0.1.0"},
-		{"2001:db8::1,2001:db8::2,2001:db8::4", V6, "2001:db8::1-2001:db8::2,2001:db8::4"},
+	    {"1,2,3,5,7-9,10", N, "1-3,5,7-10"},
+	    {"5,6", N, "5-6"},
+	    {"1-5,3-4", N, "1-4"},
+	    {"", N, ""},
+	    {",,", N, ""},
+	    {"1-3", N, "1-3"},
+	    {"10.0.0.1,10.0.0.2", V4, "10.0.0.1-10.0.0.2"},
+	    {"10.0.0.255,10.0.1.0", V4, "10.0.0.255-10.0.1.0"},
+	    {"2001:db8::1,2001:db8::2,2001:db8::4", V6, "2001:db8::1-2001:db8::2,2001:db8::4"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(std::string("'") + c.range + "'");
@@ -143,18 +142,17 @@ TEST(Range, Difference)
 		int type;
 		const char *want;
 	} cases[] = {
-		{"1-10", "3,5-6", N, "1-2,4,7-10"},
-		{"1-10", "1-3", N, "4-10"},
-		{"1-10", "8-10", N, "1-7"},
-		{"1-5,7-10", "7-8", N, "1-5,9-10"},
-		{"1-10", "", N, "1-10"},
-		{"1,2,3", "2", N, "1,3"},
-		{"1-10", "1-10", N, ""},
-		{"1-5,7-10", "20", N, "1-5,7-10"},	// above all of a: passed over
-		{"10.0.0.1-10.0.0.254", "10.0.0.254", V4, "10.0.0.1-10.0.0.253"},
-		{"10.0.0.1-10.0.1.10", "10.0.0.255-10.0.1.0", V4, "10.0.0.1-10.0.0.254,10.0.1.1-10.0.1.10"},
-		{"2001:db8::1-2001:db8::ffff", "2001:db8::10", V6,
-		    "2001:db8::1-2001:db8::f,2001:db8::11-2001:db8::ffff"},
+	    {"1-10", "3,5-6", N, "1-2,4,7-10"},
+	    {"1-10", "1-3", N, "4-10"},
+	    {"1-10", "8-10", N, "1-7"},
+	    {"1-5,7-10", "7-8", N, "1-5,9-10"},
+	    {"1-10", "", N, "1-10"},
+	    {"1,2,3", "2", N, "1,3"},
+	    {"1-10", "1-10", N, ""},
+	    {"1-5,7-10", "20", N, "1-5,7-10"},  // above all of a: passed over
+	    {"10.0.0.1-10.0.0.254", "10.0.0.254", V4, "10.0.0.1-10.0.0.253"},
+	    {"10.0.0.1-10.0.1.10", "10.0.0.255-10.0.1.0", V4, "10.0.0.1-10.0.0.254,10.0.1.1-10.0.1.10"},
+	    {"2001:db8::1-2001:db8::ffff", "2001:db8::10", V6, "2001:db8::1-2001:db8::f,2001:db8::11-2001:db8::ffff"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(std::string(c.a) + " - " + c.b);
@@ -192,15 +190,15 @@ TEST(Range, Containment)
 		const char *a, *b;
 		int rc;
 	} cases[] = {
-		{"1-10,20-30", "5,25-30", KEL_SUCCESS},
-		{"1-10", "11", KEL_E_RANGE_INUSE},
-		{"1-10", "0", KEL_E_RANGE_INUSE},
-		{"", "", KEL_SUCCESS},
-		{"1-5", "", KEL_SUCCESS},
-		{"", "3", KEL_E_RANGE_INUSE},
-		{"1-5,6-10", "4-7", KEL_E_RANGE_INUSE},	// a is not merged first
-		{"1-5,7-10", "6", KEL_E_RANGE_INUSE},
-		{"1-5,7-10", "1-5,7-10", KEL_SUCCESS},
+	    {"1-10,20-30", "5,25-30", KEL_SUCCESS},
+	    {"1-10", "11", KEL_E_RANGE_INUSE},
+	    {"1-10", "0", KEL_E_RANGE_INUSE},
+	    {"", "", KEL_SUCCESS},
+	    {"1-5", "", KEL_SUCCESS},
+	    {"", "3", KEL_E_RANGE_INUSE},
+	    {"1-5,6-10", "4-7", KEL_E_RANGE_INUSE},  // a is not merged first
+	    {"1-5,7-10", "6", KEL_E_RANGE_INUSE},
+	    {"1-5,7-10", "1-5,7-10", KEL_SUCCESS},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(std::string(c.a) + " >= " + c.b);

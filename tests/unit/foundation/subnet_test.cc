@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <sys/socket.h>
+#include <gtest/gtest.h>
 
 #include <string>
 
@@ -29,17 +29,15 @@ TEST(Subnet, Spans)
 		const char *first;
 		const char *last;
 	} cases[] = {
-		{"10.0.0.0/24", AF_INET, "10.0.0.0/24", 24, "10.0.0.1", "10.0.0.254"},
-		{"10.0.0.0/30", AF_INET, "10.0.0.0/30", 30, "10.0.0.1", "10.0.0.2"},
-		{"192.168.0.0/16", AF_INET, "192.168.0.0/16", 16, "192.168.0.1", "192.168.255.254"},
-		{"0.0.0.0/0", AF_INET, "0.0.0.0/0", 0, "0.0.0.1", "255.255.255.254"},
-		{"2001:db8::/64", AF_INET6, "2001:db8::/64", 64, "2001:db8::1",
-		    "2001:db8::ffff:ffff:ffff:ffff"},
-		{"2001:0db8:0000::/48", AF_INET6, "2001:db8::/48", 48, "2001:db8::1",
-		    "2001:db8:0:ffff:ffff:ffff:ffff:ffff"},
-		{"2001:db8::/126", AF_INET6, "2001:db8::/126", 126, "2001:db8::1", "2001:db8::3"},
-		{"2001:db8::80/121", AF_INET6, "2001:db8::80/121", 121, "2001:db8::81",
-		    "2001:db8::ff"},
+	    {"10.0.0.0/24", AF_INET, "10.0.0.0/24", 24, "10.0.0.1", "10.0.0.254"},
+	    {"10.0.0.0/30", AF_INET, "10.0.0.0/30", 30, "10.0.0.1", "10.0.0.2"},
+	    {"192.168.0.0/16", AF_INET, "192.168.0.0/16", 16, "192.168.0.1", "192.168.255.254"},
+	    {"0.0.0.0/0", AF_INET, "0.0.0.0/0", 0, "0.0.0.1", "255.255.255.254"},
+	    {"2001:db8::/64", AF_INET6, "2001:db8::/64", 64, "2001:db8::1", "2001:db8::ffff:ffff:ffff:ffff"},
+	    {"2001:0db8:0000::/48", AF_INET6, "2001:db8::/48", 48, "2001:db8::1",
+	        "2001:db8:0:ffff:ffff:ffff:ffff:ffff"},
+	    {"2001:db8::/126", AF_INET6, "2001:db8::/126", 126, "2001:db8::1", "2001:db8::3"},
+	    {"2001:db8::80/121", AF_INET6, "2001:db8::80/121", 121, "2001:db8::81", "2001:db8::ff"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);
@@ -58,10 +56,9 @@ TEST(Subnet, Spans)
 
 TEST(Subnet, Refusals)
 {
-	for (const char *text : {"10.0.0.0/31", "10.0.0.0/32", "10.0.0.1/24", "10.0.0.0",
-	         "10.0.0.0/", "10.0.0.0/x", "0.0.0.0/x", "10.0.0.0/24x", "10.0.0.0/-1",
-	         "10.0.0.0/0024", "2001:db8::/127", "2001:db8::/128", "2001:db8::1/64",
-	         "2001:db8::8/124", "nonsense/24", "", "/24"}) {
+	for (const char *text : {"10.0.0.0/31", "10.0.0.0/32", "10.0.0.1/24", "10.0.0.0", "10.0.0.0/", "10.0.0.0/x",
+	         "0.0.0.0/x", "10.0.0.0/24x", "10.0.0.0/-1", "10.0.0.0/0024", "2001:db8::/127", "2001:db8::/128",
+	         "2001:db8::1/64", "2001:db8::8/124", "nonsense/24", "", "/24"}) {
 		SCOPED_TRACE(text);
 		kel_ipnet_t ipnet{};
 		EXPECT_EQ(kel_parse_ipnet(text, &ipnet), KEL_E_INVALID_IPNET);
@@ -79,17 +76,17 @@ TEST(Subnet, Containment)
 		const char *addr;
 		bool in;
 	} cases[] = {
-		{&v4, "10.1.2.0", true},	// network address included
-		{&v4, "10.1.2.255", true},	// and broadcast
-		{&v4, "10.1.2.77", true},
-		{&v4, "10.1.3.1", false},
-		{&v4, "10.1.1.255", false},
-		{&v4, "2001:db8:1::5", false},	// other family
-		{&v4, "garbage", false},
-		{&v6, "2001:db8:1::5", true},
-		{&v6, "2001:db8:1:0:ffff:ffff:ffff:ffff", true},
-		{&v6, "2001:db8:1:1::", false},
-		{&v6, "10.1.2.77", false},
+	    {&v4, "10.1.2.0", true},    // network address included
+	    {&v4, "10.1.2.255", true},  // and broadcast
+	    {&v4, "10.1.2.77", true},
+	    {&v4, "10.1.3.1", false},
+	    {&v4, "10.1.1.255", false},
+	    {&v4, "2001:db8:1::5", false},  // other family
+	    {&v4, "garbage", false},
+	    {&v6, "2001:db8:1::5", true},
+	    {&v6, "2001:db8:1:0:ffff:ffff:ffff:ffff", true},
+	    {&v6, "2001:db8:1:1::", false},
+	    {&v6, "10.1.2.77", false},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.addr);

@@ -3,8 +3,8 @@
 #include <string>
 
 #include "range.h"
-#include "value_set.h"
 #include "test_support.h"
+#include "value_set.h"
 
 namespace {
 
@@ -24,17 +24,17 @@ TEST(ValueSet, NormalisesAndComputes)
 		int type;
 		const char *unite, *minus, *intersect;
 	} cases[] = {
-		{"5-9,1-3", "3-6", KEL_RANGE_NUMBER, "1-9", "1-2,7-9", "3,5-6"},
-		{"0,1,2,4", "", KEL_RANGE_NUMBER, "0-2,4", "0-2,4", ""},
-		{"0-16777215", "1-16777214", KEL_RANGE_NUMBER, "0-16777215", "0,16777215", "1-16777214"},
-		{"10.0.0.255-10.0.1.1", "10.0.1.0", KEL_RANGE_IPV4, "10.0.0.255-10.0.1.1", "10.0.0.255,10.0.1.1",
-		    "10.0.1.0"},
-		{"0.0.0.0-255.255.255.255", "0.0.0.0,255.255.255.255", KEL_RANGE_IPV4, "0.0.0.0-255.255.255.255",
-		    "0.0.0.1-255.255.255.254", "0.0.0.0,255.255.255.255"},
-		{"fd00::ffff-fd00::1:1", "fd00::1:0", KEL_RANGE_IPV6, "fd00::ffff-fd00::1:1", "fd00::ffff,fd00::1:1",
-		    "fd00::1:0"},
-		{"::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::1", KEL_RANGE_IPV6,
-		    "::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::,::2-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::1"},
+	    {"5-9,1-3", "3-6", KEL_RANGE_NUMBER, "1-9", "1-2,7-9", "3,5-6"},
+	    {"0,1,2,4", "", KEL_RANGE_NUMBER, "0-2,4", "0-2,4", ""},
+	    {"0-16777215", "1-16777214", KEL_RANGE_NUMBER, "0-16777215", "0,16777215", "1-16777214"},
+	    {"10.0.0.255-10.0.1.1", "10.0.1.0", KEL_RANGE_IPV4, "10.0.0.255-10.0.1.1", "10.0.0.255,10.0.1.1",
+	        "10.0.1.0"},
+	    {"0.0.0.0-255.255.255.255", "0.0.0.0,255.255.255.255", KEL_RANGE_IPV4, "0.0.0.0-255.255.255.255",
+	        "0.0.0.1-255.255.255.254", "0.0.0.0,255.255.255.255"},
+	    {"fd00::ffff-fd00::1:1", "fd00::1:0", KEL_RANGE_IPV6, "fd00::ffff-fd00::1:1", "fd00::ffff,fd00::1:1",
+	        "fd00::1:0"},
+	    {"::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::1", KEL_RANGE_IPV6,
+	        "::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::,::2-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "::1"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(std::string(c.a) + " and " + c.b);
@@ -51,8 +51,7 @@ TEST(ValueSet, CountsWithoutExpanding)
 {
 	EXPECT_EQ(set("1-3,10").count(), 4u);
 	EXPECT_EQ(set("10.0.0.0-10.255.255.255", KEL_RANGE_IPV4).count(), 16777216u);
-	EXPECT_EQ(set("fd00::-fd00::ffff:ffff:ffff:ffff", KEL_RANGE_IPV6).count(),
-	    static_cast<kel::Value>(1) << 64);
+	EXPECT_EQ(set("fd00::-fd00::ffff:ffff:ffff:ffff", KEL_RANGE_IPV6).count(), static_cast<kel::Value>(1) << 64);
 	// The whole IPv6 space has one value more than the type holds: it saturates.
 	EXPECT_EQ(set("::-ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", KEL_RANGE_IPV6).count(), ~kel::Value{0});
 	EXPECT_TRUE(set("").empty());

@@ -5,12 +5,12 @@
 #include <string>
 #include <thread>
 
+#include <kel/libkel.h>
 #include "client.h"
 #include "connections.h"
 #include "ctrlprop.h"
 #include "kept.h"
 #include "nuq_errors.h"
-#include <kel/libkel.h>
 #include "server.h"
 #include "store_fixture.h"
 #include "test_support.h"
@@ -23,10 +23,10 @@ TEST(Connections, HostUrisFromTemplates)
 		const char *tmpl;
 		const char *want;
 	} cases[] = {
-		{"ssh://", "ssh://node1.example"},
-		{"ssh://ops@", "ssh://ops@node1.example"},
-		{"unix://", "unix://"},
-		{"unix://ops@", "unix://ops@localhost"},
+	    {"ssh://", "ssh://node1.example"},
+	    {"ssh://ops@", "ssh://ops@node1.example"},
+	    {"unix://", "unix://"},
+	    {"unix://ops@", "unix://ops@localhost"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.tmpl);
@@ -72,17 +72,17 @@ protected:
 TEST_F(ConnectionsStore, ToTheController)
 {
 	nuq_conn_t *conn = reinterpret_cast<nuq_conn_t *>(1);
-	EXPECT_EQ(kel_nuq_connection_to_controller(&conn), KEL_E_NOTFOUND);	// no setting at all
+	EXPECT_EQ(kel_nuq_connection_to_controller(&conn), KEL_E_NOTFOUND);  // no setting at all
 	EXPECT_EQ(conn, nullptr);
 	ASSERT_EQ(kel_set_client_togprop("controller="), KEL_SUCCESS);
 	EXPECT_EQ(kel_nuq_connection_to_controller(&conn), KEL_E_CTRL_CONNECT);
 	ASSERT_EQ(kel_set_client_togprop("controller=unix://"), KEL_SUCCESS);
-	EXPECT_EQ(kel_nuq_connection_to_controller(&conn), KEL_E_CTRL_CONNECT);	// nobody listens
+	EXPECT_EQ(kel_nuq_connection_to_controller(&conn), KEL_E_CTRL_CONNECT);  // nobody listens
 	start_daemon();
 	ASSERT_EQ(kel_nuq_connection_to_controller(&conn), KEL_SUCCESS);
 	ASSERT_NE(conn, nullptr);
 	nuq_instance_t *none = nullptr;
-	EXPECT_EQ(nuq_lookup(conn, "kel.Nothing", 0, &none, 0), 6);	// the daemon answers
+	EXPECT_EQ(nuq_lookup(conn, "kel.Nothing", 0, &none, 0), 6);  // the daemon answers
 	nuq_disconnect(conn);
 }
 
@@ -127,14 +127,14 @@ TEST_F(ConnectionsStore, KeptConnectionsAreTakenUpAgainOrMadeAnew)
 		nuq::KeptConnection c;
 		ASSERT_EQ(c.open("unix://"), NUQ_E_SUCCESS);
 		ASSERT_EQ(daemon(c), 0);
-		EXPECT_FALSE(c.stale(NUQ_E_CLOSED));	// a new connection is never stale
+		EXPECT_FALSE(c.stale(NUQ_E_CLOSED));  // a new connection is never stale
 		first = c.get();
 	}
 	nuq::KeptConnection again;
 	ASSERT_EQ(again.open("unix://"), NUQ_E_SUCCESS);
 	EXPECT_EQ(again.get(), first);
-	EXPECT_FALSE(again.stale(NUQ_E_NOTFOUND));	// an answer, not a dead connection
-	ASSERT_EQ(again.open("unix://"), NUQ_E_SUCCESS);	// gives the held one back first
+	EXPECT_FALSE(again.stale(NUQ_E_NOTFOUND));        // an answer, not a dead connection
+	ASSERT_EQ(again.open("unix://"), NUQ_E_SUCCESS);  // gives the held one back first
 	EXPECT_EQ(again.get(), first);
 	EXPECT_EQ(keld->stop(), 0);
 	keld = std::make_unique<kel::test::Keld>();

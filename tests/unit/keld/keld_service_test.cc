@@ -74,7 +74,7 @@ TEST_F(KeldService, OfManyStartedAtOnceOneRuns)
 		std::unique_ptr<std::vector<pid_t>, decltype(reap)> reaper(&kelds, reap);
 		for (int i = 0; i < 30; i++)
 			kelds.push_back(spawn_keld("/dev/null", gate));
-		close(gate[1]);	// all go
+		close(gate[1]);  // all go
 		close(gate[0]);
 		size_t refused = 0;
 		pid_t running = -1;
@@ -166,14 +166,13 @@ TEST_F(KeldService, TellsTheServiceManagerAndLogsWhatItDoes)
 	const std::string lines = "\n" + text.str();
 	for (const std::string &want :
 	    {"<5>keld " + std::string(KELD_VERSION) + " started as pid " + std::to_string(pid),
-	        std::string("<6>reloaded the configuration; controller unset"),
-	        std::string("<5>stopping on TERM"), std::string("<5>stopped")}) {
+	        std::string("<6>reloaded the configuration; controller unset"), std::string("<5>stopping on TERM"),
+	        std::string("<5>stopped")}) {
 		SCOPED_TRACE(want);
 		EXPECT_NE(lines.find("\n" + want), std::string::npos) << lines;
 	}
 	if (getpwnam("nobody") != nullptr) {
-		EXPECT_NE(lines.find("<4>refused uid " + std::to_string(getpwnam("nobody")->pw_uid)),
-		    std::string::npos)
+		EXPECT_NE(lines.find("<4>refused uid " + std::to_string(getpwnam("nobody")->pw_uid)), std::string::npos)
 		    << lines;
 	}
 }

@@ -13,11 +13,11 @@
 #include <string>
 #include <vector>
 
+#include <kel/libkel_node.h>
 #include "connections.h"
 #include "error_code.h"
 #include "flood_lists.h"
 #include "harl.h"
-#include <kel/libkel_node.h>
 #include "netns.h"
 #include "nuq_errors.h"
 #include "store_fixture.h"
@@ -32,7 +32,7 @@ using kel::test::NetNs;
 struct Attach {
 	int rc = -1;
 	datalink_id_t link = 0;
-	std::string props;	// "name=value;..." as the argument list reads
+	std::string props;  // "name=value;..." as the argument list reads
 	kelcntl_KELImplInfo *info = nullptr;
 	~Attach() { kelcntl_KELImplInfo_free(info); }
 };
@@ -95,11 +95,14 @@ protected:
 		ASSERT_EQ(kel_db_create_kel(h_, nullptr, name, props, 0, &k), KEL_SUCCESS);
 		kel_free_kel(k);
 		kel_ipnet_t *ip = nullptr;
-		ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", name, (std::string(name) + "net").c_str(), subnet.c_str(), &ip, 0), KEL_SUCCESS);
+		ASSERT_EQ(kel_db_add_ipnet(h_, "sys-global", name, (std::string(name) + "net").c_str(), subnet.c_str(),
+		              &ip, 0),
+		    KEL_SUCCESS);
 		kel_free_ipnet(ip);
 		for (int i = 1; i <= ports; i++)
 			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", name, ("p" + std::to_string(i)).c_str(), nullptr,
-			              nullptr, 0), KEL_SUCCESS);
+			              nullptr, 0),
+			    KEL_SUCCESS);
 	}
 
 	void connect(const char *kel, const char *vport, const char *vnic, Attach *a)
@@ -120,7 +123,8 @@ protected:
 	std::string binding(const char *vport)
 	{
 		return value("SELECT vport_status || ' ' || vport_vnicname || ' ' || vport_hostname "
-		             "FROM vport_tbl WHERE vport_name = ?", {vport});
+		             "FROM vport_tbl WHERE vport_name = ?",
+		    {vport});
 	}
 	std::string bound(const char *vnic) { return "1 " + std::string(vnic) + " " + host_; }
 	// Every port's binding, and the switches and networks with their pools.
@@ -169,7 +173,7 @@ TEST_F(Vnics, VxlanLinkIsSharedAndGoesWithItsLastUser)
 
 	connect("db", "p2", "vn2", &b);
 	ASSERT_EQ(b.rc, KEL_SUCCESS);
-	EXPECT_EQ(b.link, a.link);	// the same link, reused
+	EXPECT_EQ(b.link, a.link);  // the same link, reused
 	ASSERT_TRUE(NetNs::run("ip link add vn2 link kel-vxlan5000 type macvlan mode bridge"));
 
 	// While a VNIC is made over it the link stays, whoever asks.
@@ -219,7 +223,8 @@ TEST_F(Vnics, VxlanLinksAndTheirVnicsFitTheUnderlay)
 		ASSERT_TRUE(NetNs::run("ip link set ep0 mtu " + std::to_string(c.underlay)));
 		const std::string link = "kel-vxlan" + std::to_string(++vni);
 		wexo_arg_list_t *args = nullptr;
-		ASSERT_EQ(wexo_parse_link_props(("vni=" + std::to_string(vni) + "," + c.params).c_str(), &args, B_FALSE),
+		ASSERT_EQ(
+		    wexo_parse_link_props(("vni=" + std::to_string(vni) + "," + c.params).c_str(), &args, B_FALSE),
 		    WEXO_STATUS_OK);
 		vxlan_kparams_t kp;
 		datalink_id_t id = 0, vnic = 0;
@@ -287,11 +292,11 @@ TEST_F(Vnics, VlanKelsGetATaggedLinkOnTheUplink)
 	ASSERT_TRUE(NetNs::run("ip link add vn1 link kel-vlan150 type macvlan mode bridge"));
 	connect("vl", "p2", "vn2", &b);
 	ASSERT_EQ(b.rc, KEL_SUCCESS);
-	EXPECT_EQ(b.link, a.link);	// shared
+	EXPECT_EQ(b.link, a.link);  // shared
 	ASSERT_TRUE(NetNs::run("ip link add vn2 link kel-vlan150 type macvlan mode bridge"));
 	ASSERT_TRUE(NetNs::run("ip link del vn1"));
 	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, a.link, 0), KEL_SUCCESS);
-	EXPECT_EQ(link_id("kel-vlan150"), a.link);	// vn2 is made over it
+	EXPECT_EQ(link_id("kel-vlan150"), a.link);  // vn2 is made over it
 	ASSERT_TRUE(NetNs::run("ip link del vn2"));
 	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn2", nullptr, b.link, 0), KEL_SUCCESS);
 	EXPECT_EQ(link_id("kel-vlan150"), 0u);
@@ -304,7 +309,7 @@ TEST_F(Vnics, NothingStaysBoundWhenTheLowerLinkCannotBeMade)
 	make_kel("db", "l2-type=vxlan,vni=5002", 1);
 	const std::string before = state();
 	Attach refused;
-	connect("vl", "p1", "vn1", &refused);	// no uplink on this host
+	connect("vl", "p1", "vn1", &refused);  // no uplink on this host
 	EXPECT_EQ(refused.rc, KEL_E_UPLINK_REQUIRED);
 	EXPECT_EQ(state(), before);
 
@@ -312,15 +317,19 @@ TEST_F(Vnics, NothingStaysBoundWhenTheLowerLinkCannotBeMade)
 		const char *what, *setup, *kel;
 		int rc;
 	} cases[] = {
-		{"an uplink without an address", "uplink-port=nic0", "db",
-		    kel::compose_error(WEXO_STATUS_BADVXLANIF, KEL_E_WEXO)},
-		{"an endpoint this host does not hold", "vxlan-addr=10.81.0.1", "db",
-		    kel::compose_error(WEXO_STATUS_NOADDR, KEL_E_WEXO)},
-		{"a type the node does not know", "UPDATE kel_tbl SET kel_props = 'l2-type=bogus,vlanid=100' "
-		    "WHERE kel_name = 'vl'", "vl", 1061},
-		{"a link property text too long for the VNIC", "UPDATE vport_tbl SET vport_props = "
-		    "vport_props || ',protection=mac-nospoof' || replace(hex(zeroblob(1100)), '00', ',') || "
-		    "'ip-nospoof'", "db", KEL_E_NOSPACE},
+	    {"an uplink without an address", "uplink-port=nic0", "db",
+	        kel::compose_error(WEXO_STATUS_BADVXLANIF, KEL_E_WEXO)},
+	    {"an endpoint this host does not hold", "vxlan-addr=10.81.0.1", "db",
+	        kel::compose_error(WEXO_STATUS_NOADDR, KEL_E_WEXO)},
+	    {"a type the node does not know",
+	        "UPDATE kel_tbl SET kel_props = 'l2-type=bogus,vlanid=100' "
+	        "WHERE kel_name = 'vl'",
+	        "vl", 1061},
+	    {"a link property text too long for the VNIC",
+	        "UPDATE vport_tbl SET vport_props = "
+	        "vport_props || ',protection=mac-nospoof' || replace(hex(zeroblob(1100)), '00', ',') || "
+	        "'ip-nospoof'",
+	        "db", KEL_E_NOSPACE},
 	};
 	ASSERT_TRUE(NetNs::run("ip link add nic0 type veth peer name nic0p"));
 	for (const auto &c : cases) {
@@ -333,7 +342,7 @@ TEST_F(Vnics, NothingStaysBoundWhenTheLowerLinkCannotBeMade)
 		Attach a;
 		connect(c.kel, "p1", "vn1", &a);
 		EXPECT_EQ(a.rc, c.rc);
-		EXPECT_EQ(state(), ready);	// the port was bound, and is free again
+		EXPECT_EQ(state(), ready);  // the port was bound, and is free again
 	}
 	EXPECT_EQ(link_id("kel-vxlan5002"), 0u);
 }
@@ -347,15 +356,18 @@ TEST_F(Vnics, OneCallForTheWholeVnic)
 	make_kel("db", "l2-type=vxlan,vni=5003", 3);
 	const std::string before = state();
 	kel_vnic_t v;
-	ASSERT_EQ(kel_vnic_create(nullptr, "db", "p1", "vn1", "vmid=a", WEXO_VNIC_MACVLAN, KEL_VNIC_ADDRESS, &v), KEL_SUCCESS);
+	ASSERT_EQ(kel_vnic_create(nullptr, "db", "p1", "vn1", "vmid=a", WEXO_VNIC_MACVLAN, KEL_VNIC_ADDRESS, &v),
+	    KEL_SUCCESS);
 	EXPECT_EQ(v.kv_linkid, link_id("vn1"));
 	EXPECT_EQ(v.kv_lower, link_id("kel-vxlan5003"));
 	EXPECT_STREQ(v.kv_lowername, "kel-vxlan5003");
 	EXPECT_EQ(v.kv_mtu, 1450u);
 	const kelcntl_VPortInfo *port = v.kv_implinfo->ekelii_kelinfo->ekeli_vports[0];
 	const std::string ip = kel_propattrset_lookup(port->evpi_props, port->evpi_props_count, "ipaddr");
-	const std::string link = out_of("ip -o addr show dev vn1; ip route show default; tc qdisc show dev vn1; nft list tables");
-	for (const std::string &want : std::vector<std::string>{" inet " + ip + " ", "default via 10.90.0.1 dev vn1", "table netdev kel"})
+	const std::string link = out_of(
+	    "ip -o addr show dev vn1; ip route show default; tc qdisc show dev vn1; nft list tables");
+	for (const std::string &want :
+	    std::vector<std::string>{" inet " + ip + " ", "default via 10.90.0.1 dev vn1", "table netdev kel"})
 		EXPECT_NE(link.find(want), std::string::npos) << want << " in " << link;
 	EXPECT_EQ(binding("p1"), bound("vn1"));
 	kel_vnic_free(&v);
@@ -366,7 +378,8 @@ TEST_F(Vnics, OneCallForTheWholeVnic)
 		int stage, rc;
 	} refused[] = {
 	    {"a port in use", "p1", "vn2", nullptr, KEL_VNIC_STAGE_BIND, KEL_E_VPORT_INUSE},
-	    {"a name taken", "p2", "vn1", nullptr, KEL_VNIC_STAGE_MAKE, kel::compose_error(WEXO_STATUS_EXIST, KEL_E_WEXO)},
+	    {"a name taken", "p2", "vn1", nullptr, KEL_VNIC_STAGE_MAKE,
+	        kel::compose_error(WEXO_STATUS_EXIST, KEL_E_WEXO)},
 	    {"a property the link refuses", "p2", "vn2",
 	        "UPDATE vport_tbl SET vport_props = vport_props || ',maxbw=lots' WHERE vport_name = 'p2'",
 	        KEL_VNIC_STAGE_PROPS, kel::compose_error(WEXO_STATUS_BADVAL, KEL_E_WEXO)},
@@ -382,8 +395,10 @@ TEST_F(Vnics, OneCallForTheWholeVnic)
 		EXPECT_EQ(state(), ready);
 		EXPECT_EQ(link_id("vn2"), 0u);
 	}
-	EXPECT_EQ(kel_vnic_create(nullptr, "db", "p3", "vn3", nullptr, WEXO_VNIC_MACVLAN, 0x80, &v), KEL_E_INVALID_ARGS);
-	EXPECT_EQ(kel_vnic_create(nullptr, "db", "p3", "vn3; x", nullptr, WEXO_VNIC_MACVLAN, 0, &v), KEL_E_INVALID_ARGS);
+	EXPECT_EQ(kel_vnic_create(nullptr, "db", "p3", "vn3", nullptr, WEXO_VNIC_MACVLAN, 0x80, &v),
+	    KEL_E_INVALID_ARGS);
+	EXPECT_EQ(kel_vnic_create(nullptr, "db", "p3", "vn3; x", nullptr, WEXO_VNIC_MACVLAN, 0, &v),
+	    KEL_E_INVALID_ARGS);
 
 	// Removed in one call, the link under it too; a second time there is nothing.
 	EXPECT_EQ(kel_vnic_remove("vn1", nullptr, 0), KEL_SUCCESS);
@@ -418,7 +433,7 @@ TEST_F(Vnics, ArgumentsAndMissingSettings)
 
 	host_prop("uplink-port=up0,flat=yes");
 	make_kel("lan", "l2-type=flat", 1);
-	connect("lan", nullptr, "vn9", &a);	// no port named: a system port is made
+	connect("lan", nullptr, "vn9", &a);  // no port named: a system port is made
 	ASSERT_EQ(a.rc, KEL_SUCCESS);
 	ASSERT_EQ(kel_get_vnicinfo("vn9", &ports, &count), KEL_SUCCESS);
 	ASSERT_EQ(count, 1);
@@ -454,7 +469,7 @@ bool send_frames(const char *ifname, int n, size_t size)
 	std::memset(frame.data(), 0xff, ETH_ALEN);
 	if (fd != -1 && ioctl(fd, SIOCGIFHWADDR, &req) == 0)
 		std::memcpy(frame.data() + ETH_ALEN, req.ifr_hwaddr.sa_data, ETH_ALEN);
-	frame[12] = static_cast<char>(0x88);	// a local experimental EtherType
+	frame[12] = static_cast<char>(0x88);  // a local experimental EtherType
 	frame[13] = static_cast<char>(0xb5);
 	bool ok = fd != -1 && to.sll_ifindex != 0;
 	for (int i = 0; ok && i < n; i++)
@@ -498,18 +513,18 @@ TEST_F(Vnics, StatisticsAreTheKernelsCounters)
 	const kelcntl_VPortInfo *port = a.info->ekelii_kelinfo->ekeli_vports[0];
 	const std::string mac = kel_propattrset_lookup(port->evpi_props, port->evpi_props_count, "macaddr");
 	for (const std::string &cmd : {"ip link add vn1 address " + mac + " link up0 type macvlan mode bridge",
-	         std::string("sysctl -qw net.ipv6.conf.vn1.disable_ipv6=1"), std::string("sysctl -qw net.ipv6.conf.vn2.disable_ipv6=1"),
-	         std::string("ip link set vn1 up"), std::string("ip link set vn2 up")})
+	         std::string("sysctl -qw net.ipv6.conf.vn1.disable_ipv6=1"),
+	         std::string("sysctl -qw net.ipv6.conf.vn2.disable_ipv6=1"), std::string("ip link set vn1 up"),
+	         std::string("ip link set vn2 up")})
 		ASSERT_TRUE(NetNs::run(cmd)) << cmd;
 	ASSERT_TRUE(send_frames("vn1", 5, 100));
-	ASSERT_TRUE(send_frames("vn2", 3, 200));	// broadcast: vn1 receives them
+	ASSERT_TRUE(send_frames("vn2", 3, 200));  // broadcast: vn1 receives them
 
 	nuq_conn_t *conn = nullptr;
 	ASSERT_EQ(kel_nuq_connection_to_kelnode(h_, host_.c_str(), &conn), KEL_SUCCESS);
 	link_stat_t s;
-	ASSERT_TRUE(kel::test::eventually([&] {
-		return kel_get_vnicstat(conn, "vn1", &s) == KEL_SUCCESS && s.ls_ipackets == 3;
-	}));
+	ASSERT_TRUE(kel::test::eventually(
+	    [&] { return kel_get_vnicstat(conn, "vn1", &s) == KEL_SUCCESS && s.ls_ipackets == 3; }));
 	EXPECT_EQ(s.ls_opackets, 5u);
 	const std::vector<uint64_t> k = kernel_counters("vn1");
 	ASSERT_EQ(k.size(), 16u);
@@ -519,7 +534,8 @@ TEST_F(Vnics, StatisticsAreTheKernelsCounters)
 	EXPECT_EQ(s.ls_obytes, k[8]);
 	EXPECT_EQ(s.ls_opackets, k[9]);
 	EXPECT_EQ(s.ls_odrops, k[11]);
-	for (uint64_t other : {s.ls_ierrors, s.ls_idropbytes, s.ls_multircv, s.ls_oerrors, s.ls_odropbytes, s.ls_multixmt})
+	for (uint64_t other :
+	    {s.ls_ierrors, s.ls_idropbytes, s.ls_multircv, s.ls_oerrors, s.ls_odropbytes, s.ls_multixmt})
 		EXPECT_EQ(other, 0u);
 	EXPECT_EQ(kel_get_vnicstat(conn, "nosuch0", &s), kel::compose_error(NUQ_E_NOTFOUND, KEL_E_NUQ));
 	EXPECT_EQ(s.ls_opackets, 0u);
@@ -543,7 +559,8 @@ TEST_F(Vnics, ConcurrentConnectsOfOneVniShareOneLink)
 				kelcntl_KELImplInfo *info = nullptr;
 				datalink_id_t link = 0;
 				const int rc = wexo_open(&h) == WEXO_STATUS_OK
-				    ? kel_connect_vnic(h, nullptr, "db", vport.c_str(), vnic.c_str(), &args, nullptr, &link, &info, 0)
+				    ? kel_connect_vnic(h, nullptr, "db", vport.c_str(), vnic.c_str(), &args, nullptr,
+				          &link, &info, 0)
 				    : -1;
 				_exit(rc == KEL_SUCCESS ? 0 : 1);
 			}

@@ -34,7 +34,8 @@ protected:
 		setenv("KEL_ROOT", root_.c_str(), 1);
 		if (!a_.ok() || !b_.ok())
 			GTEST_SKIP() << "network namespaces cannot be made here (needs root and iproute2)";
-		ASSERT_TRUE(NetNs::run("ip link add va netns " + a_.name() + " type veth peer name vb netns " + b_.name()));
+		ASSERT_TRUE(
+		    NetNs::run("ip link add va netns " + a_.name() + " type veth peer name vb netns " + b_.name()));
 		ASSERT_TRUE(a_.exec("ip addr add 10.77.0.1/24 dev va"));
 		ASSERT_TRUE(b_.exec("ip addr add 10.77.0.2/24 dev vb"));
 		ASSERT_TRUE(a_.exec("ip link set va up"));
@@ -87,7 +88,8 @@ TEST_F(Datalinks, LinksClassesAndCounters)
 		if (wexo_datalink_id2info(h, id, nullptr, &cls, nullptr, name, sizeof(name)) != WEXO_STATUS_OK ||
 		    std::strcmp(name, "va") != 0)
 			return 5;
-		if (wexo_datalink_id2info(h, 999999, nullptr, &cls, nullptr, name, sizeof(name)) != WEXO_STATUS_NOTFOUND)
+		if (wexo_datalink_id2info(h, 999999, nullptr, &cls, nullptr, name, sizeof(name)) !=
+		    WEXO_STATUS_NOTFOUND)
 			return 6;
 		wexo_stats_t before{}, after{};
 		if (wexo_link_stats(h, id, &before) != WEXO_STATUS_OK || !send_udp(5))
@@ -112,7 +114,8 @@ TEST_F(Datalinks, LinksClassesAndCounters)
 		    wexo_link_stats(h, id, &st) == 0 && st.ws_ipackets >= 5;
 		wexo_close(h);
 		return ok ? 0 : 1;
-	}), 0);
+	}),
+	    0);
 }
 
 TEST_F(Datalinks, InterfaceAddresses)
@@ -126,7 +129,7 @@ TEST_F(Datalinks, InterfaceAddresses)
 		fenu_addr_t local{};
 		if (fenu_local_addr("10.77.0.1", &local) != FENU_SUCCESS || local.fa_ifindex != addr.fa_ifindex)
 			return 2;
-		if (fenu_local_addr("10.77.0.2", &local) != FENU_NOTFOUND)	// the other namespace's
+		if (fenu_local_addr("10.77.0.2", &local) != FENU_NOTFOUND)  // the other namespace's
 			return 3;
 		if (fenu_interface_addr("va", AF_INET6, &local) == FENU_SUCCESS &&
 		    std::strncmp(local.fa_addr, "fe80:", 5) != 0)
@@ -135,7 +138,8 @@ TEST_F(Datalinks, InterfaceAddresses)
 		    fenu_local_addr("not-an-address", &local) != FENU_BADARG)
 			return 5;
 		return 0;
-	}), 0);
+	}),
+	    0);
 }
 
 // Sets a property on "va" inside its namespace; the datalink status.
@@ -188,7 +192,8 @@ int delivered(const NetNs &a, const NetNs &b)
 	(void)b.inside([] {
 		for (const char *from : {"10.77.0.2", "10.77.0.99"}) {
 			const int s = socket(AF_INET, SOCK_DGRAM, 0);
-			struct sockaddr_in src {}, dst {};
+			struct sockaddr_in src {
+			}, dst{};
 			src.sin_family = dst.sin_family = AF_INET;
 			inet_pton(AF_INET, from, &src.sin_addr);
 			inet_pton(AF_INET, "10.77.0.1", &dst.sin_addr);
@@ -232,9 +237,11 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 	EXPECT_EQ(delivered(a_, b_), 0);
 	const std::string macfile = root_ + "/vb-mac";
 	ASSERT_EQ(b_.inside([&] {
-		const std::string cmd = "ip link show vb | grep -o 'link/ether [0-9a-f:]*' | cut -d' ' -f2 > " + macfile;
+		const std::string cmd = "ip link show vb | grep -o 'link/ether [0-9a-f:]*' | cut -d' ' -f2 > " +
+		    macfile;
 		return system(cmd.c_str()) == 0 ? 0 : 1;
-	}), 0);
+	}),
+	    0);
 	std::string mac;
 	std::ifstream(macfile) >> mac;
 	ASSERT_EQ(set_prop(a_, "allowed-mac", mac.c_str()), WEXO_STATUS_OK);
@@ -270,7 +277,8 @@ TEST_F(Datalinks, LinkPropertiesTakeEffectInTheKernel)
 		    wexo_get_linkprop(h, id, "cos", value, sizeof(value)) == 0 && std::string(value) == "5";
 		wexo_close(h);
 		return ok ? 0 : 1;
-	}), 0);
+	}),
+	    0);
 }
 
 // A lower link's guard lets out the addresses of the VNICs recorded over it. A VNIC that
@@ -292,8 +300,9 @@ TEST_F(Datalinks, ALowerLinksGuardFollowsItsVnics)
 		});
 	};
 	for (const char *n : {"1", "2", "3"})
-		ASSERT_TRUE(kel::test::fabric_vnic(a_, std::string("g") + n, "va", std::string("02:00:00:00:00:1") + n));
-	ASSERT_EQ(set_prop(a_, "allowed-mac", "02:00:00:00:00:13", "g2"), WEXO_STATUS_OK);	// g2 may send as g3
+		ASSERT_TRUE(
+		    kel::test::fabric_vnic(a_, std::string("g") + n, "va", std::string("02:00:00:00:00:1") + n));
+	ASSERT_EQ(set_prop(a_, "allowed-mac", "02:00:00:00:00:13", "g2"), WEXO_STATUS_OK);  // g2 may send as g3
 	EXPECT_TRUE(guard_has("02:00:00:00:00:11"));
 
 	ASSERT_EQ(gone("g1"), WEXO_STATUS_OK);
@@ -357,7 +366,8 @@ TEST_F(Datalinks, TheDatalinkServiceOfKeld)
 	EXPECT_TRUE(a_.exec("sh -c 'tc qdisc show dev vm0 | grep -q \"rate 20Mbit\"'"));
 	// A text holding a NUL is refused whole, not taken for what precedes the NUL.
 	EXPECT_EQ(nuq::call(link, "setProperty", {{"text", std::string("maxbw=30M\0x", 11)}, {"flags", 0x8001}},
-	              nullptr, nullptr), NUQ_E_BADARGS);
+	              nullptr, nullptr),
+	    NUQ_E_BADARGS);
 	EXPECT_TRUE(a_.exec("sh -c 'tc qdisc show dev vm0 | grep -q \"rate 20Mbit\"'"));
 	EXPECT_EQ(harl_Datalink_setProperty(link, "maxbw=fast", 0x8001, &err), 1);
 	ASSERT_NE(err, nullptr);
@@ -413,7 +423,8 @@ TEST_F(Datalinks, KeldReadsBackWhatIsInForce)
 	EXPECT_EQ(state.maxbw, 0u);
 	EXPECT_FALSE(state.filtered);
 	EXPECT_EQ(state.mac.size(), 17u) << state.mac;
-	for (const char *text : {"maxbw=20M", "priority=high", "allowed-ips=10.0.0.5", "protection=mac-nospoof,ip-nospoof"})
+	for (const char *text :
+	    {"maxbw=20M", "priority=high", "allowed-ips=10.0.0.5", "protection=mac-nospoof,ip-nospoof"})
 		ASSERT_EQ(harl_Datalink_setProperty(link, text, 0x8001, nullptr), 0) << text;
 	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
 	EXPECT_EQ(state.maxbw, 20000000u);
@@ -422,7 +433,8 @@ TEST_F(Datalinks, KeldReadsBackWhatIsInForce)
 	EXPECT_EQ(state.allowed, "10.0.0.5");
 	// By hand: the cap and the rules go, the table stays.
 	ASSERT_TRUE(a_.exec("tc qdisc del dev vm0 root"));
-	for (const char *chain : {"guard", "guard_ip4", "guard_arp", "guard_ip6", "guard_ip6_unspec", "guard_nd", "guard_nd_target"})
+	for (const char *chain :
+	    {"guard", "guard_ip4", "guard_arp", "guard_ip6", "guard_ip6_unspec", "guard_nd", "guard_nd_target"})
 		ASSERT_TRUE(a_.exec(std::string("nft flush chain netdev kel vm0.") + chain)) << chain;
 	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
 	EXPECT_EQ(state.maxbw, 0u);
@@ -446,7 +458,8 @@ TEST_F(Datalinks, ChangesAtOnceToOneLinkAllLand)
 			const auto change = [&](const char *name, const char *value) {
 				wexo_handle_t h = nullptr;
 				datalink_id_t id = 0;
-				(void)(wexo_open(&h) == WEXO_STATUS_OK && wexo_name2info(h, "vm0", &id, nullptr) == WEXO_STATUS_OK);
+				(void)(wexo_open(&h) == WEXO_STATUS_OK &&
+				    wexo_name2info(h, "vm0", &id, nullptr) == WEXO_STATUS_OK);
 				start.arrive_and_wait();
 				const wexo_status_t st = wexo_set_linkprop(h, id, name, value);
 				wexo_close(h);
@@ -454,7 +467,8 @@ TEST_F(Datalinks, ChangesAtOnceToOneLinkAllLand)
 			};
 			wexo_status_t priority = 1, protection = 1;
 			std::thread one([&] { priority = change("priority", trial % 2 ? "high" : "low"); });
-			std::thread two([&] { protection = change("protection", trial % 2 ? "mac-nospoof" : "ip-nospoof"); });
+			std::thread two(
+			    [&] { protection = change("protection", trial % 2 ? "mac-nospoof" : "ip-nospoof"); });
 			one.join();
 			two.join();
 			if (priority != WEXO_STATUS_OK || protection != WEXO_STATUS_OK)
@@ -462,7 +476,8 @@ TEST_F(Datalinks, ChangesAtOnceToOneLinkAllLand)
 			wexo_handle_t h = nullptr;
 			datalink_id_t id = 0;
 			wexo_link_state_t state;
-			if (wexo_open(&h) != WEXO_STATUS_OK || wexo_name2info(h, "vm0", &id, nullptr) != WEXO_STATUS_OK ||
+			if (wexo_open(&h) != WEXO_STATUS_OK ||
+			    wexo_name2info(h, "vm0", &id, nullptr) != WEXO_STATUS_OK ||
 			    wexo_link_state(h, id, &state) != WEXO_STATUS_OK)
 				return 99;
 			wexo_close(h);
@@ -471,7 +486,9 @@ TEST_F(Datalinks, ChangesAtOnceToOneLinkAllLand)
 			    held.find(trial % 2 ? ",mac-nospoof," : ",ip-nospoof,") == std::string::npos;
 		}
 		return lost;
-	}), 0) << "changes lost";
+	}),
+	    0)
+	    << "changes lost";
 }
 
 // A link made over one in another namespace (a veth's peer) names its lower link by that
@@ -488,11 +505,13 @@ TEST_F(Datalinks, ALowerLinkElsewhereIsNotReadHere)
 		wexo_handle_t h = nullptr;
 		datalink_id_t id = 0;
 		wexo_link_state_t state;
-		const bool ok = wexo_open(&h) == WEXO_STATUS_OK && wexo_name2info(h, "va", &id, nullptr) == WEXO_STATUS_OK &&
+		const bool ok = wexo_open(&h) == WEXO_STATUS_OK &&
+		    wexo_name2info(h, "va", &id, nullptr) == WEXO_STATUS_OK &&
 		    wexo_link_state(h, id, &state) == WEXO_STATUS_OK && state.wls_lower[0] == '\0';
 		wexo_close(h);
 		return ok ? 0 : 1;
-	}), 0);
+	}),
+	    0);
 }
 
 TEST_F(Datalinks, ClassOfServiceOnVlanLinks)
@@ -507,8 +526,10 @@ TEST_F(Datalinks, ClassOfServiceOnVlanLinks)
 		const int st = wexo_set_linkprop(h, id, "cos", "5");
 		wexo_close(h);
 		return st;
-	}), WEXO_STATUS_OK);
-	EXPECT_TRUE(a_.exec("sh -c 'ip -d link show va.10 | grep -q \"egress-qos-map { 0:5 1:5 2:5 3:5 4:5 5:5 6:5 7:5 }\"'"));
+	}),
+	    WEXO_STATUS_OK);
+	EXPECT_TRUE(
+	    a_.exec("sh -c 'ip -d link show va.10 | grep -q \"egress-qos-map { 0:5 1:5 2:5 3:5 4:5 5:5 6:5 7:5 }\"'"));
 }
 
 }  // namespace

@@ -37,7 +37,7 @@ struct Knobs {
 	uint16_t frag = 0, dport = 67;
 	bool cookie = true;
 	Bytes options = {53, 1, kDiscover, 50, 4, 10, 0, 0, 5, 54, 4, 10, 0, 0, 2, 255};
-	int total_extra = 0;	// added to the IPv4 total length
+	int total_extra = 0;  // added to the IPv4 total length
 };
 
 Bytes request(const Knobs &k = {})
@@ -56,16 +56,21 @@ Bytes request(const Knobs &k = {})
 	Bytes f = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
 	f.insert(f.end(), kGuest.begin(), kGuest.end());
 	f.insert(f.end(), {static_cast<uint8_t>(k.ethertype >> 8), static_cast<uint8_t>(k.ethertype)});
-	f.insert(f.end(), {k.version_ihl, 0, static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total), 0, 0,
-	                      static_cast<uint8_t>(k.frag >> 8), static_cast<uint8_t>(k.frag), 64, k.proto, 0, 0, 0, 0,
-	                      0, 0, 255, 255, 255, 255});
-	f.insert(f.end(), {0, 68, static_cast<uint8_t>(k.dport >> 8), static_cast<uint8_t>(k.dport),
-	                      static_cast<uint8_t>(udplen >> 8), static_cast<uint8_t>(udplen), 0, 0});
+	f.insert(f.end(),
+	    {k.version_ihl, 0, static_cast<uint8_t>(total >> 8), static_cast<uint8_t>(total), 0, 0,
+	        static_cast<uint8_t>(k.frag >> 8), static_cast<uint8_t>(k.frag), 64, k.proto, 0, 0, 0, 0, 0, 0, 255,
+	        255, 255, 255});
+	f.insert(f.end(),
+	    {0, 68, static_cast<uint8_t>(k.dport >> 8), static_cast<uint8_t>(k.dport),
+	        static_cast<uint8_t>(udplen >> 8), static_cast<uint8_t>(udplen), 0, 0});
 	f.insert(f.end(), bootp.begin(), bootp.end());
 	return f;
 }
 
-std::optional<Request> parse(const Bytes &f) { return parse_request(f.data(), f.size()); }
+std::optional<Request> parse(const Bytes &f)
+{
+	return parse_request(f.data(), f.size());
+}
 
 TEST(Dhcp4, AClientsRequestIsRead)
 {
@@ -105,10 +110,22 @@ TEST(Dhcp4, AnythingElseIsNot)
 	    {"another hardware length", [](Knobs *k) { k->hlen = 16; }},
 	    {"no DHCP cookie", [](Knobs *k) { k->cookie = false; }},
 	    {"no message type", [](Knobs *k) { k->options = {255}; }},
-	    {"an unknown message type", [](Knobs *k) { k->options = {53, 1, 9, 255}; }},
-	    {"type 0", [](Knobs *k) { k->options = {53, 1, 0, 255}; }},
-	    {"an option running past the end", [](Knobs *k) { k->options = {53, 1, 1, 12, 200, 'x'}; }},
-	    {"an option length cut off", [](Knobs *k) { k->options = {53, 1, 1, 12}; }},
+	    {"an unknown message type",
+	        [](Knobs *k) {
+		        k->options = {53, 1, 9, 255};
+	        }},
+	    {"type 0",
+	        [](Knobs *k) {
+		        k->options = {53, 1, 0, 255};
+	        }},
+	    {"an option running past the end",
+	        [](Knobs *k) {
+		        k->options = {53, 1, 1, 12, 200, 'x'};
+	        }},
+	    {"an option length cut off",
+	        [](Knobs *k) {
+		        k->options = {53, 1, 1, 12};
+	        }},
 	    {"an IP length beyond the frame", [](Knobs *k) { k->total_extra = 1; }},
 	};
 	for (const auto &c : cases) {
@@ -132,7 +149,8 @@ std::map<int, Bytes> options_of(const Bytes &f, size_t bootp)
 			i++;
 			continue;
 		}
-		out[f[i]] = Bytes(f.begin() + static_cast<long>(i) + 2, f.begin() + static_cast<long>(i) + 2 + f[i + 1]);
+		out[f[i]] = Bytes(f.begin() + static_cast<long>(i) + 2,
+		    f.begin() + static_cast<long>(i) + 2 + f[i + 1]);
 		i += 2 + f[i + 1];
 	}
 	return out;
@@ -166,7 +184,8 @@ TEST(Dhcp4, AnswersCarryWhatTheGuestNeeds)
 	EXPECT_EQ(Bytes(f.begin() + 6, f.begin() + 12), Bytes(kServer.begin(), kServer.end()));
 	EXPECT_EQ(ip_sum(f), 0xffff);
 	EXPECT_EQ((f[16] << 8 | f[17]) + 14u, f.size());
-	EXPECT_EQ(Bytes(f.begin() + 26, f.begin() + 34), (Bytes{10, 0, 0, 2, 255, 255, 255, 255}));	// broadcast flag set
+	EXPECT_EQ(Bytes(f.begin() + 26, f.begin() + 34),
+	    (Bytes{10, 0, 0, 2, 255, 255, 255, 255}));  // broadcast flag set
 	EXPECT_EQ(Bytes(f.begin() + 34, f.begin() + 38), (Bytes{0, 67, 0, 68}));
 	const size_t b = 42;
 	EXPECT_EQ(f[b], 2);
@@ -215,12 +234,12 @@ TEST(Dhcp4, ArpRequestsForTheResponder)
 	const Bytes reply = arp_reply(*r, kServer, addr("10.0.0.2"));
 	EXPECT_EQ(reply.size(), 60u);
 	EXPECT_EQ(Bytes(reply.begin(), reply.begin() + 6), Bytes(kGuest.begin(), kGuest.end()));
-	EXPECT_EQ(reply[21], 2);	// a reply
+	EXPECT_EQ(reply[21], 2);  // a reply
 	EXPECT_EQ(Bytes(reply.begin() + 22, reply.begin() + 32),
 	    (Bytes{0x02, 0x08, 0x20, 0x01, 0x02, 0x03, 10, 0, 0, 2}));
 
 	Bytes forged = f;
-	forged[22] ^= 1;	// a sender address that is not the frame's
+	forged[22] ^= 1;  // a sender address that is not the frame's
 	EXPECT_FALSE(parse_arp_request(forged.data(), forged.size()));
 	Bytes answer = f;
 	answer[21] = 2;

@@ -50,12 +50,14 @@ Bytes ia_na(uint32_t iaid, const std::vector<const char *> &asked = {})
 }
 
 // An IPv6 frame from the guest's link-local address; `proto` over it, as given.
-Bytes ipv6_frame(uint8_t proto, uint8_t hops, const char *dst, const Bytes &payload, const char *src = "fe80::8:20ff:fe0a:b0c")
+Bytes ipv6_frame(uint8_t proto, uint8_t hops, const char *dst, const Bytes &payload,
+    const char *src = "fe80::8:20ff:fe0a:b0c")
 {
 	Bytes f = {0x33, 0x33, 0, 1, 0, 2};
 	f.insert(f.end(), kGuest.begin(), kGuest.end());
-	f.insert(f.end(), {0x86, 0xdd, 0x60, 0, 0, 0, static_cast<uint8_t>(payload.size() >> 8),
-	                      static_cast<uint8_t>(payload.size()), proto, hops});
+	f.insert(f.end(),
+	    {0x86, 0xdd, 0x60, 0, 0, 0, static_cast<uint8_t>(payload.size() >> 8), static_cast<uint8_t>(payload.size()),
+	        proto, hops});
 	const struct in6_addr s = addr(src), d = addr(dst);
 	f.insert(f.end(), s.s6_addr, s.s6_addr + 16);
 	f.insert(f.end(), d.s6_addr, d.s6_addr + 16);
@@ -70,8 +72,8 @@ Bytes message(uint8_t type, const std::vector<Bytes> &options, const char *dst =
 	for (const Bytes &o : options)
 		m.insert(m.end(), o.begin(), o.end());
 	const size_t udplen = 8 + m.size();
-	Bytes udp = {2, 34, static_cast<uint8_t>(dport >> 8), static_cast<uint8_t>(dport), static_cast<uint8_t>(udplen >> 8),
-	    static_cast<uint8_t>(udplen), 0, 0};
+	Bytes udp = {2, 34, static_cast<uint8_t>(dport >> 8), static_cast<uint8_t>(dport),
+	    static_cast<uint8_t>(udplen >> 8), static_cast<uint8_t>(udplen), 0, 0};
 	udp.insert(udp.end(), m.begin(), m.end());
 	return ipv6_frame(17, 1, dst, udp);
 }
@@ -79,7 +81,7 @@ Bytes message(uint8_t type, const std::vector<Bytes> &options, const char *dst =
 // Whether the upper-layer checksum of an IPv6 frame (no extension headers) holds.
 bool checksum_holds(const Bytes &f)
 {
-	uint32_t sum = kel::frame::sum16(f.data() + 22, 32);	// source and destination
+	uint32_t sum = kel::frame::sum16(f.data() + 22, 32);  // source and destination
 	sum += static_cast<uint32_t>(f.size() - 54) + f[20];
 	return kel::frame::fold(kel::frame::sum16(f.data() + 54, f.size() - 54, sum)) == 0;
 }
@@ -137,11 +139,12 @@ TEST(Dhcp6, ASolicitIsAdvertisedThePortsAddress)
 
 TEST(Dhcp6, WhoIsAnswered)
 {
-	const Bytes client = opt(1, kClientDuid), ours = opt(2, kServerDuid), other = opt(2, {0, 3, 0, 1, 1, 2, 3, 4, 5, 6});
+	const Bytes client = opt(1, kClientDuid), ours = opt(2, kServerDuid),
+	            other = opt(2, {0, 3, 0, 1, 1, 2, 3, 4, 5, 6});
 	struct Case {
 		const char *what;
 		Bytes frame;
-		int reply;	// the answer's type, or -1 for none
+		int reply;  // the answer's type, or -1 for none
 	} cases[] = {
 	    {"solicit with rapid commit", message(kSolicit, {client, ia_na(1), opt(14, {})}), kReply},
 	    {"request to us", message(kRequest, {client, ours, ia_na(1)}), kReply},
@@ -175,7 +178,7 @@ TEST(Dhcp6, AnAddressNotThePortsIsTakenBack)
 	// A renewal of another address gets the port's, and the other at lifetime 0.
 	const auto f = answer(message(kRenew, {client, opt(2, kServerDuid), ia_na(1, {"2001:db8::99"}), ia_na(2)}));
 	ASSERT_TRUE(f);
-	const Bytes ia = reply_of(*f).options.at(3);	// the last IA_NA: none available
+	const Bytes ia = reply_of(*f).options.at(3);  // the last IA_NA: none available
 	EXPECT_EQ(Bytes(ia.begin() + 12, ia.end()), (Bytes{0, 13, 0, 2, 0, 2}));
 	const Bytes frame = *f;
 	const struct in6_addr old = addr("2001:db8::99");
@@ -189,7 +192,7 @@ TEST(Dhcp6, MalformedFramesAreNotRequests)
 	const Bytes good = message(kSolicit, {opt(1, kClientDuid), ia_na(1)});
 	ASSERT_TRUE(parse_request(good.data(), good.size()));
 	Bytes past_end = good;
-	past_end[good.size() - 13] = 0xff;	// the IA_NA's length runs past the message
+	past_end[good.size() - 13] = 0xff;  // the IA_NA's length runs past the message
 	Bytes short_payload = good;
 	short_payload[19] = static_cast<uint8_t>(short_payload[19] + 1);
 	Bytes tagged = good;

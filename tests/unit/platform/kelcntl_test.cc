@@ -7,10 +7,10 @@
 #include <string>
 #include <thread>
 
+#include <kel/libkel.h>
 #include "client.h"
 #include "kelcntl.h"
 #include "kelcntl_module.h"
-#include <kel/libkel.h>
 #include "nuq_errors.h"
 #include "nuq_uri.h"
 #include "store_fixture.h"
@@ -169,9 +169,8 @@ TEST_F(Controller, SystemPortsAndUnbindingOverTheTransport)
 	EXPECT_EQ(count, 0);
 	kelcntl_VPortInfo_array_free(ports, count);
 	EXPECT_EQ(rows("vport_tbl"), 1);
-	const std::string unbind_free = error([&](kelcntl_KELError **e) {
-		return kelcntl_KEL_unAssignVPort(inst, "vn5", "h1", "vport=p1", nullptr, e);
-	});
+	const std::string unbind_free = error(
+	    [&](kelcntl_KELError **e) { return kelcntl_KEL_unAssignVPort(inst, "vn5", "h1", "vport=p1", nullptr, e); });
 	EXPECT_EQ(unbind_free, message(KEL_E_VPORT_NOTFOUND));
 	const std::string bad_filter = error([&](kelcntl_KELError **e) {
 		return kelcntl_KELController_getVPortInfo(ctl, "colour=blue", &ports, &count, e);
@@ -276,10 +275,9 @@ class KelcntlRecords : public kel::test::ScratchRoot {};
 // left behind (the sanitizer build checks the "nothing").
 TEST_F(KelcntlRecords, MalformedRepliesBuildNothing)
 {
-	const nuq::Json vport = {{"evpi_name", "p"}, {"evpi_uuid", "u"}, {"evpi_kelname", "k"},
-	    {"evpi_keluuid", "ku"}, {"evpi_tenantname", "t"}, {"evpi_status", 1},
-	    {"evpi_vnicname", "v"}, {"evpi_props", {{{"epnv_name", "a"}, {"epnv_value", "1"}}}},
-	    {"evpi_hostname", "h"}};
+	const nuq::Json vport = {{"evpi_name", "p"}, {"evpi_uuid", "u"}, {"evpi_kelname", "k"}, {"evpi_keluuid", "ku"},
+	    {"evpi_tenantname", "t"}, {"evpi_status", 1}, {"evpi_vnicname", "v"},
+	    {"evpi_props", {{{"epnv_name", "a"}, {"epnv_value", "1"}}}}, {"evpi_hostname", "h"}};
 	nuq::Json broken = vport;
 	broken.erase("evpi_hostname");
 	nuq::Json bad_prop = vport;

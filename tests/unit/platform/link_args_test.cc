@@ -33,16 +33,16 @@ TEST(LinkArgs, PiecesWithoutANameBelongToThePairBefore)
 		const char *text;
 		std::string want;
 	} cases[] = {
-		{"", ""},
-		{"iov=off", "iov=off;"},
-		{"allowed-ips=10.0.0.5,iov=off,protection=mac-nospoof,ip-nospoof,maxbw=100M",
-		    "allowed-ips=10.0.0.5;iov=off;protection=mac-nospoof,ip-nospoof;maxbw=100M;"},
-		{"maxbw=", "maxbw=;"},
-		{"a=1=2", "a=1=2;"},
-		{"mac-nospoof,iov=off", bad},	// a value before any name
-		{"=x", bad},
-		{"iov=off,=x", bad},
-		{"iov=off,iov=on", bad},
+	    {"", ""},
+	    {"iov=off", "iov=off;"},
+	    {"allowed-ips=10.0.0.5,iov=off,protection=mac-nospoof,ip-nospoof,maxbw=100M",
+	        "allowed-ips=10.0.0.5;iov=off;protection=mac-nospoof,ip-nospoof;maxbw=100M;"},
+	    {"maxbw=", "maxbw=;"},
+	    {"a=1=2", "a=1=2;"},
+	    {"mac-nospoof,iov=off", bad},  // a value before any name
+	    {"=x", bad},
+	    {"iov=off,=x", bad},
+	    {"iov=off,iov=on", bad},
 	};
 	for (const auto &c : cases)
 		EXPECT_EQ(parsed(c.text), c.want) << c.text;
@@ -59,18 +59,18 @@ TEST(LinkArgs, VxlanProperties)
 		const char *addr;
 		uint32_t plen;
 	} cases[] = {
-		{"vni=5000,addr=10.80.0.1", WEXO_STATUS_OK, MVP_VXLAN_VNI | MVP_VXLAN_ADDR, "10.80.0.1", 0},
-		{"vni=16777215,addr=10.80.0.0/24,mgroup=239.1.1.1", WEXO_STATUS_OK,
-		    MVP_VXLAN_VNI | MVP_VXLAN_ADDR | MVP_VXLAN_PLEN | MVP_VXLAN_MGROUP, "10.80.0.0", 24},
-		{"vni=1,interface=net0,ipvers=v6,maxbw=10M", WEXO_STATUS_OK,
-		    MVP_VXLAN_VNI | MVP_VXLAN_IF | MVP_VXLAN_IPVERS, "", 0},
-		{"addr=fd00::1/64", WEXO_STATUS_OK, MVP_VXLAN_ADDR | MVP_VXLAN_PLEN, "fd00::1", 64},
-		{"vni=16777216", WEXO_STATUS_BADVAL, 0, "", 0},
-		{"vni=-1", WEXO_STATUS_BADVAL, 0, "", 0},
-		{"addr=10.0.0.1/33", WEXO_STATUS_BADVAL, 0, "", 0},
-		{"addr=10.0.0", WEXO_STATUS_BADVAL, 0, "", 0},
-		{"ipvers=v5", WEXO_STATUS_BADVAL, 0, "", 0},
-		{"interface=a-name-far-too-long", WEXO_STATUS_BADVAL, 0, "", 0},
+	    {"vni=5000,addr=10.80.0.1", WEXO_STATUS_OK, MVP_VXLAN_VNI | MVP_VXLAN_ADDR, "10.80.0.1", 0},
+	    {"vni=16777215,addr=10.80.0.0/24,mgroup=239.1.1.1", WEXO_STATUS_OK,
+	        MVP_VXLAN_VNI | MVP_VXLAN_ADDR | MVP_VXLAN_PLEN | MVP_VXLAN_MGROUP, "10.80.0.0", 24},
+	    {"vni=1,interface=net0,ipvers=v6,maxbw=10M", WEXO_STATUS_OK,
+	        MVP_VXLAN_VNI | MVP_VXLAN_IF | MVP_VXLAN_IPVERS, "", 0},
+	    {"addr=fd00::1/64", WEXO_STATUS_OK, MVP_VXLAN_ADDR | MVP_VXLAN_PLEN, "fd00::1", 64},
+	    {"vni=16777216", WEXO_STATUS_BADVAL, 0, "", 0},
+	    {"vni=-1", WEXO_STATUS_BADVAL, 0, "", 0},
+	    {"addr=10.0.0.1/33", WEXO_STATUS_BADVAL, 0, "", 0},
+	    {"addr=10.0.0", WEXO_STATUS_BADVAL, 0, "", 0},
+	    {"ipvers=v5", WEXO_STATUS_BADVAL, 0, "", 0},
+	    {"interface=a-name-far-too-long", WEXO_STATUS_BADVAL, 0, "", 0},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);
@@ -97,7 +97,7 @@ TEST(LinkArgs, VxlanLinkNamesFitLinux)
 		int vni;
 		const char *name;
 	} cases[] = {{5000, "kel-vxlan5000"}, {999999, "kel-vxlan999999"}, {1000000, "kel-vx1000000"},
-		{16777215, "kel-vx16777215"}};
+	    {16777215, "kel-vx16777215"}};
 	for (const auto &c : cases) {
 		char name[MAXLINKNAMELEN];
 		kel_vxlan_linkname(c.vni, name, sizeof(name));

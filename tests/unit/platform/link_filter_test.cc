@@ -29,7 +29,7 @@ TEST(LinkFilter, AllowedAddressesParseWholeOrNotAtAll)
 	struct Case {
 		const char *text;
 		bool ok;
-		const char *v4, *v6;	// what is kept, disjoint and in order
+		const char *v4, *v6;  // what is kept, disjoint and in order
 	} cases[] = {
 	    {"", true, "", ""},
 	    {"10.0.0.1", true, "10.0.0.1", ""},
@@ -61,7 +61,8 @@ TEST(LinkFilter, AllowedAddressesParseWholeOrNotAtAll)
 	// More addresses than a port could have are refused, not built into rules.
 	std::string many;
 	for (size_t i = 0; i <= kMaxAllowed; i++)
-		many += (many.empty() ? "" : ",") + std::string("10.0.") + std::to_string(i / 250) + "." + std::to_string(i % 250);
+		many += (many.empty() ? "" : ",") + std::string("10.0.") + std::to_string(i / 250) + "." +
+		    std::to_string(i % 250);
 	std::vector<Prefix> v4, v6;
 	EXPECT_FALSE(parse_allowed(many, &v4, &v6));
 }
@@ -100,7 +101,7 @@ TEST(LinkFilter, TheLinkLocalAddressOfAMac)
 	char buf[INET6_ADDRSTRLEN];
 	const Prefix ll = link_local(kOwn);
 	ASSERT_NE(inet_ntop(AF_INET6, ll.bytes.data(), buf, sizeof(buf)), nullptr);
-	EXPECT_STREQ(buf, "fe80::8:20ff:fe01:203");	// the universal/local bit flipped
+	EXPECT_STREQ(buf, "fe80::8:20ff:fe01:203");  // the universal/local bit flipped
 	EXPECT_EQ(ll.len, 128u);
 }
 
@@ -113,9 +114,11 @@ TEST(LinkFilter, WhatIsInForceNeedsAllItsRulesAndHooks)
 	at.hooks = {{"egress", "kel-vxlan5000"}, {"ingress", "kel-vxlan5000"}};
 	at.selector = kOwn;
 	Settings s;
-	ASSERT_TRUE(parse({{"protection", "mac-nospoof,ip-nospoof"}, {"priority", "high"}, {"allowed-ips", "10.0.0.1"}}, kOwn, &s));
+	ASSERT_TRUE(parse({{"protection", "mac-nospoof,ip-nospoof"}, {"priority", "high"}, {"allowed-ips", "10.0.0.1"}},
+	    kOwn, &s));
 	const Json built = ruleset(at, s);
-	EXPECT_EQ(in_force(built, at), (std::vector<std::string>{"priority=high", "mac-nospoof", "tagged", "ip-nospoof"}));
+	EXPECT_EQ(in_force(built, at),
+	    (std::vector<std::string>{"priority=high", "mac-nospoof", "tagged", "ip-nospoof"}));
 
 	// Rules of one chain gone, one hook gone: a listing with those objects left out.
 	const auto without = [&](auto &&drop) {
@@ -127,16 +130,18 @@ TEST(LinkFilter, WhatIsInForceNeedsAllItsRulesAndHooks)
 	};
 	EXPECT_EQ(without([](const Json &r) { return r["chain"] == "guest/eth0.guard_arp"; }),
 	    (std::vector<std::string>{"priority=high", "mac-nospoof", "tagged"}));
-	EXPECT_EQ(without([](const Json &r) { return r["chain"] == "guest/eth0.guard"; }), (std::vector<std::string>{}));
+	EXPECT_EQ(without([](const Json &r) { return r["chain"] == "guest/eth0.guard"; }),
+	    (std::vector<std::string>{}));
 	EXPECT_TRUE(without([](const Json &r) { return r["chain"] == "guest/eth0.ingress"; }).empty());
 	EXPECT_TRUE(in_force(Json::object(), at).empty());
 	// Another link's rules in the same table are not this one's.
 	Placement other = at;
 	other.key = link_key("guest2", "eth0");
 	EXPECT_TRUE(in_force(built, other).empty());
-	EXPECT_EQ(keys({{"nftables", {{{"chain", {{"table", "kel"}, {"name", "guest/eth0.guard"}}}},
-	                                 {{"chain", {{"table", "kel"}, {"name", "vt0.egress"}}}},
-	                                 {{"chain", {{"table", "kel-lower_x"}, {"name", "egress"}}}}}}}),
+	EXPECT_EQ(keys({{"nftables",
+	              {{{"chain", {{"table", "kel"}, {"name", "guest/eth0.guard"}}}},
+	                  {{"chain", {{"table", "kel"}, {"name", "vt0.egress"}}}},
+	                  {{"chain", {{"table", "kel-lower_x"}, {"name", "egress"}}}}}}}),
 	    (std::vector<std::string>{"guest/eth0", "vt0"}));
 
 	// Nothing to filter: the batch only takes the link's objects away, and asks nothing
@@ -150,8 +155,12 @@ TEST(LinkFilter, WhatIsInForceNeedsAllItsRulesAndHooks)
 	for (const Json &cmd : removal_only["nftables"]) {
 		const std::string verb = cmd.begin().key(), kind = cmd.begin().value().begin().key();
 		const Json &obj = cmd.begin().value().begin().value();
-		const std::string name = kind == "table" ? obj["name"].get<std::string>() : obj["table"].get<std::string>() + " " + obj["name"].get<std::string>();
-		EXPECT_TRUE(kind == "table" ? name == "kel" || name == "kel_guest/eth0" : name.rfind("kel guest/eth0.", 0) == 0) << name;
+		const std::string name = kind == "table"
+		    ? obj["name"].get<std::string>()
+		    : obj["table"].get<std::string>() + " " + obj["name"].get<std::string>();
+		EXPECT_TRUE(
+		    kind == "table" ? name == "kel" || name == "kel_guest/eth0" : name.rfind("kel guest/eth0.", 0) == 0)
+		    << name;
 		if (verb == "add")
 			added.insert(kind + name);
 		else

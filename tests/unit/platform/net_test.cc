@@ -1,6 +1,6 @@
-#include <gtest/gtest.h>
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <string>
@@ -15,22 +15,22 @@ TEST(LinkAddress, ParsesColonSeparatedOctets)
 {
 	struct {
 		const char *text;
-		std::vector<unsigned char> bytes;	// empty: refused
+		std::vector<unsigned char> bytes;  // empty: refused
 	} cases[] = {
-		{"2:8:20:a:1b:ff", {0x02, 0x08, 0x20, 0x0a, 0x1b, 0xff}},
-		{"02:08:20:0A:1B:FF", {0x02, 0x08, 0x20, 0x0a, 0x1b, 0xff}},
-		{"0", {0x00}},
-		{"1:2:3:4:5:6:7:8:9:a:b:c:d:e:f:10:11:12:13:14",
-		    {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}},
-		{"1:2:3:4:5:6:7:8:9:a:b:c:d:e:f:10:11:12:13:14:15", {}},
-		{"", {}},
-		{"2:8:20:a:1b:", {}},
-		{":2:8", {}},
-		{"2::8", {}},
-		{"123:4", {}},
-		{"2:8:20:a:1b:fg", {}},
-		{"2-8-20-a-1b-ff", {}},
-		{" 2:8", {}},
+	    {"2:8:20:a:1b:ff", {0x02, 0x08, 0x20, 0x0a, 0x1b, 0xff}},
+	    {"02:08:20:0A:1B:FF", {0x02, 0x08, 0x20, 0x0a, 0x1b, 0xff}},
+	    {"0", {0x00}},
+	    {"1:2:3:4:5:6:7:8:9:a:b:c:d:e:f:10:11:12:13:14",
+	        {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 20}},
+	    {"1:2:3:4:5:6:7:8:9:a:b:c:d:e:f:10:11:12:13:14:15", {}},
+	    {"", {}},
+	    {"2:8:20:a:1b:", {}},
+	    {":2:8", {}},
+	    {"2::8", {}},
+	    {"123:4", {}},
+	    {"2:8:20:a:1b:fg", {}},
+	    {"2-8-20-a-1b-ff", {}},
+	    {" 2:8", {}},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);
@@ -66,14 +66,14 @@ TEST(LinkAddress, PrintsWithoutLeadingZeros)
 
 TEST(HostNames, Rfc1123)
 {
-	for (const char *name : {"localhost", "host-1.example.com", "1host", "a.b.", "10.0.0.1",
-	         "x"})
+	for (const char *name : {"localhost", "host-1.example.com", "1host", "a.b.", "10.0.0.1", "x"})
 		EXPECT_TRUE(valid_hostname(name)) << name;
-	const std::string label64(64, 'a'), long_name = std::string(63, 'a') + "." +
-	    std::string(63, 'b') + "." + std::string(63, 'c') + "." + std::string(63, 'd');
-	for (const std::string &name : {std::string(""), std::string("-host"),
-	         std::string("host-"), std::string("a..b"), std::string("ho st"),
-	         std::string("host_1"), std::string("."), label64, long_name})
+	const std::string label64(64, 'a'),
+	    long_name = std::string(63, 'a') + "." + std::string(63, 'b') + "." + std::string(63, 'c') + "." +
+	    std::string(63, 'd');
+	for (const std::string &name :
+	    {std::string(""), std::string("-host"), std::string("host-"), std::string("a..b"), std::string("ho st"),
+	        std::string("host_1"), std::string("."), label64, long_name})
 		EXPECT_FALSE(valid_hostname(name.c_str())) << name;
 }
 
@@ -85,18 +85,18 @@ TEST(DatalinkNames, DriverAndInstance)
 		const char *driver;
 		uint32_t ppa;
 	} cases[] = {
-		{"net0", true, "net", 0},
-		{"eth1", true, "eth", 1},
-		{"ens3", true, "ens", 3},
-		{"enp0s25", true, "enp0s", 25},
-		{"e4294967295", true, "e", 4294967295u},
-		{"e4294967296", false, "", 0},
-		{"net01", false, "", 0},
-		{"net", false, "", 0},
-		{"0net1", false, "", 0},
-		{"7", false, "", 0},
-		{"br-lan0", false, "", 0},
-		{"averyverylongname0", false, "", 0},
+	    {"net0", true, "net", 0},
+	    {"eth1", true, "eth", 1},
+	    {"ens3", true, "ens", 3},
+	    {"enp0s25", true, "enp0s", 25},
+	    {"e4294967295", true, "e", 4294967295u},
+	    {"e4294967296", false, "", 0},
+	    {"net01", false, "", 0},
+	    {"net", false, "", 0},
+	    {"0net1", false, "", 0},
+	    {"7", false, "", 0},
+	    {"br-lan0", false, "", 0},
+	    {"averyverylongname0", false, "", 0},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.name);
@@ -142,29 +142,29 @@ TEST(Bandwidth, LinkPropertySyntax)
 {
 	struct {
 		const char *text;
-		uint64_t bps;	// 0: refused
+		uint64_t bps;  // 0: refused
 	} cases[] = {
-		{"100", 100000000},
-		{"100M", 100000000},
-		{"100m", 100000000},
-		{"10K", 10000},
-		{"1G", 1000000000},
-		{"1.5G", 1500000000},
-		{"0.001K", 1},
-		{"2.5", 2500000},
-		{"18446744073709551615K", 0},	// past 64 bits once scaled
-		{"18446744073G", 18446744073000000000u},
-		{"0", 0},
-		{"0.0001K", 0},	// a fraction of a bit per second
-		{"", 0},
-		{"M", 0},
-		{"-5M", 0},
-		{" 5M", 0},
-		{"5MB", 0},
-		{"5T", 0},
-		{"1.", 0},
-		{".5G", 0},
-		{"1.2.3", 0},
+	    {"100", 100000000},
+	    {"100M", 100000000},
+	    {"100m", 100000000},
+	    {"10K", 10000},
+	    {"1G", 1000000000},
+	    {"1.5G", 1500000000},
+	    {"0.001K", 1},
+	    {"2.5", 2500000},
+	    {"18446744073709551615K", 0},  // past 64 bits once scaled
+	    {"18446744073G", 18446744073000000000u},
+	    {"0", 0},
+	    {"0.0001K", 0},  // a fraction of a bit per second
+	    {"", 0},
+	    {"M", 0},
+	    {"-5M", 0},
+	    {" 5M", 0},
+	    {"5MB", 0},
+	    {"5T", 0},
+	    {"1.", 0},
+	    {".5G", 0},
+	    {"1.2.3", 0},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);

@@ -34,10 +34,7 @@ std::string output_of(const std::string &cmd)
 // A namespace with the devices the placements below hook.
 struct Host {
 	NetNs ns;
-	explicit Host(const char *tag) : ns(tag)
-	{
-		ok = ns.ok() && ns.exec("ip link add v0 type veth peer name v1");
-	}
+	explicit Host(const char *tag) : ns(tag) { ok = ns.ok() && ns.exec("ip link add v0 type veth peer name v1"); }
 	bool ok = false;
 	Direct direct(const filter::Json &batch) const
 	{
@@ -59,12 +56,14 @@ struct Host {
 	{
 		InNetNs in(ns);
 		filter::Json listing;
-		const bool read = in.entered() && (by_name ? wexo::nft::read_link(filter::kLinkTable, filter::chain_names(at.key),
-		                                                 filter::set_names(at.key), &listing)
-		                                           : wexo::nft::list_table(-1, filter::kLinkTable, &listing) == WEXO_STATUS_OK);
+		const bool read = in.entered() &&
+		    (by_name ? wexo::nft::read_link(filter::kLinkTable, filter::chain_names(at.key),
+		                   filter::set_names(at.key), &listing)
+		             : wexo::nft::list_table(-1, filter::kLinkTable, &listing) == WEXO_STATUS_OK);
 		filter::Json sets = filter::Json::object();
 		for (const filter::Json &o : read ? listing["nftables"] : filter::Json::array())
-			if (o.contains("set") && o["set"].contains("elem") && o["set"]["name"].get<std::string>().rfind(at.key + ".", 0) == 0)
+			if (o.contains("set") && o["set"].contains("elem") &&
+			    o["set"]["name"].get<std::string>().rfind(at.key + ".", 0) == 0)
 				sets[o["set"]["name"].get<std::string>()] = o["set"]["elem"];
 		return {filter::in_force(listing, at), sets};
 	}
@@ -103,10 +102,13 @@ TEST(NftDirect, LeavesWhatLibnftablesLeaves)
 	// Each step over what the step before left: made, changed, lifted, gone.
 	const std::vector<filter::Json> steps = {
 	    filter::ruleset(guest, settings("protection=mac-nospoof,ip-nospoof;allowed-ips=10.0.1.45")),
-	    filter::ruleset(lower, settings("protection=mac-nospoof,ip-nospoof,dhcp-nospoof,restricted;priority=high;"
-	                                    "allowed-ips=10.0.1.45,10.2.0.0/16,2001:db8::/61,2001:db8:1::5,10.0.1.47")),
-	    filter::ruleset(guest, settings("priority=low;protection=ip-nospoof;allowed-ips=0.0.0.0/0,fd00::/7", "2:0:0:0:0:1")),
-	    filter::ruleset(guest, settings("protection=restricted;allowed-ips=255.255.255.255,ffff::/16,10.0.0.0/25,10.0.0.128/25")),
+	    filter::ruleset(lower,
+	        settings("protection=mac-nospoof,ip-nospoof,dhcp-nospoof,restricted;priority=high;"
+	                 "allowed-ips=10.0.1.45,10.2.0.0/16,2001:db8::/61,2001:db8:1::5,10.0.1.47")),
+	    filter::ruleset(guest,
+	        settings("priority=low;protection=ip-nospoof;allowed-ips=0.0.0.0/0,fd00::/7", "2:0:0:0:0:1")),
+	    filter::ruleset(guest,
+	        settings("protection=restricted;allowed-ips=255.255.255.255,ffff::/16,10.0.0.0/25,10.0.0.128/25")),
 	    filter::ruleset(lower, settings("protection=none")),
 	    filter::removal_of(guest.key),
 	    filter::lower_guard("v1", {selector, filter::Mac{2, 0, 0, 0, 0, 7}}),
@@ -123,7 +125,8 @@ TEST(NftDirect, LeavesWhatLibnftablesLeaves)
 			ASSERT_TRUE(mixed.reference(steps[i]));
 		else
 			ASSERT_EQ(mixed.direct(steps[i]), Direct::Done);
-		for (const std::string &table : {std::string(filter::kLinkTable), filter::lower_table("v1"), filter::sealed_table("v0")}) {
+		for (const std::string &table :
+		    {std::string(filter::kLinkTable), filter::lower_table("v1"), filter::sealed_table("v0")}) {
 			const std::string want = reference.listing(table);
 			EXPECT_EQ(direct.listing(table), want) << table;
 			EXPECT_EQ(mixed.listing(table), want) << table;
@@ -136,7 +139,7 @@ TEST(NftDirect, LeavesWhatLibnftablesLeaves)
 		if (i == 1) {
 			EXPECT_NE(direct.listing().find("ip saddr != @g1/eth0.allowed4"), std::string::npos);
 			const auto state = direct.link_state(lower, true);
-			EXPECT_EQ(state.first.size(), 6u);	// priority, four protections, the tags
+			EXPECT_EQ(state.first.size(), 6u);  // priority, four protections, the tags
 			EXPECT_EQ(state.second.size(), 2u);
 		}
 	}
@@ -154,8 +157,10 @@ TEST(NftDirect, RefusedBatchesChangeNothingAndUnknownOnesAreNotSent)
 
 	// A jump to a chain that is not there, at the end: the kernel refuses the whole batch.
 	filter::Json broken = filter::ruleset(at, settings("protection=ip-nospoof"));
-	broken["nftables"].push_back({{"add", {{"rule", {{"family", "netdev"}, {"table", "kel"}, {"chain", "v0.guard"},
-	                                                  {"expr", {{{"jump", {{"target", "v0.nosuch"}}}}}}}}}}});
+	broken["nftables"].push_back({{"add",
+	    {{"rule",
+	        {{"family", "netdev"}, {"table", "kel"}, {"chain", "v0.guard"},
+	            {"expr", {{{"jump", {{"target", "v0.nosuch"}}}}}}}}}}});
 	EXPECT_EQ(host.direct(broken), Direct::Refused);
 	EXPECT_EQ(host.listing(), before);
 
@@ -169,15 +174,27 @@ TEST(NftDirect, RefusedBatchesChangeNothingAndUnknownOnesAreNotSent)
 	for (const filter::Json &odd : {
 	         one({{"add", {{"table", {{"family", "inet"}, {"name", "x"}}}}}}),
 	         one({{"add", {{"flowtable", {{"family", "netdev"}, {"table", "kel"}, {"name", "f"}}}}}}),
-	         one({{"add", {{"rule", {{"family", "netdev"}, {"table", "kel"}, {"chain", "v0.guard"},
-	                                 {"expr", {{{"match", {{"op", "<"}, {"left", {{"payload", {{"protocol", "ip"}, {"field", "saddr"}}}}},
-	                                                        {"right", "10.0.0.1"}}}}}}}}}}}),
-	         one({{"add", {{"rule", {{"family", "netdev"}, {"table", "kel"}, {"chain", "v0.guard"},
-	                                 {"expr", {{{"match", {{"op", "=="}, {"left", {{"payload", {{"protocol", "tcp"}, {"field", "dport"}}}}},
-	                                                        {"right", 22}}}}}}}}}}}),
-	         one({{"add", {{"rule", {{"family", "netdev"}, {"table", "kel"}, {"chain", "v0.guard"},
-	                                 {"expr", {{{"match", {{"op", "=="}, {"left", {{"payload", {{"protocol", "udp"}, {"field", "sport"}}}}},
-	                                                        {"right", {{"set", {67, 547}}}}}}}}}}}}}}),
+	         one({{"add",
+	             {{"rule",
+	                 {{"family", "netdev"}, {"table", "kel"}, {"chain", "v0.guard"},
+	                     {"expr",
+	                         {{{"match",
+	                             {{"op", "<"}, {"left", {{"payload", {{"protocol", "ip"}, {"field", "saddr"}}}}},
+	                                 {"right", "10.0.0.1"}}}}}}}}}}}),
+	         one({{"add",
+	             {{"rule",
+	                 {{"family", "netdev"}, {"table", "kel"}, {"chain", "v0.guard"},
+	                     {"expr",
+	                         {{{"match",
+	                             {{"op", "=="}, {"left", {{"payload", {{"protocol", "tcp"}, {"field", "dport"}}}}},
+	                                 {"right", 22}}}}}}}}}}}),
+	         one({{"add",
+	             {{"rule",
+	                 {{"family", "netdev"}, {"table", "kel"}, {"chain", "v0.guard"},
+	                     {"expr",
+	                         {{{"match",
+	                             {{"op", "=="}, {"left", {{"payload", {{"protocol", "udp"}, {"field", "sport"}}}}},
+	                                 {"right", {{"set", {67, 547}}}}}}}}}}}}}}),
 	         filter::Json{{"nftables", "not a list"}},
 	     }) {
 		EXPECT_EQ(host.direct(odd), Direct::Unsupported) << odd.dump();

@@ -26,7 +26,7 @@ namespace {
 using kel::test::TestServer;
 using nlohmann::json;
 
-constexpr gid_t kTestGroup = 4242;	// the group the servers here admit; nobody's in it
+constexpr gid_t kTestGroup = 4242;  // the group the servers here admit; nobody's in it
 
 int raw_connect(const std::string &socket)
 {
@@ -85,10 +85,9 @@ protected:
 		return kel::test::in_child([&] {
 			struct rlimit files;
 			getrlimit(RLIMIT_NOFILE, &files);
-			files.rlim_cur = files.rlim_max;	// to hold a thousand connections
-			if (setrlimit(RLIMIT_NOFILE, &files) != 0 ||
-			    setgroups(groups.size(), groups.data()) != 0 || setgid(gid) != 0 ||
-			    setuid(nobody_->pw_uid) != 0)
+			files.rlim_cur = files.rlim_max;  // to hold a thousand connections
+			if (setrlimit(RLIMIT_NOFILE, &files) != 0 || setgroups(groups.size(), groups.data()) != 0 ||
+			    setgid(gid) != 0 || setuid(nobody_->pw_uid) != 0)
 				return 100;
 			return body();
 		});
@@ -109,9 +108,9 @@ TEST_F(NuqAccess, CallersAreCheckedByTheirGroupsWhenTheyConnect)
 		std::vector<gid_t> groups;
 		int want;
 	} cases[] = {
-		{"no group of the server's", other, {}, NUQ_E_DENIED},
-		{"the group as a supplementary one", other, {1, kTestGroup, 7}, NUQ_E_SUCCESS},
-		{"the group as the primary one", kTestGroup, {}, NUQ_E_SUCCESS},
+	    {"no group of the server's", other, {}, NUQ_E_DENIED},
+	    {"the group as a supplementary one", other, {1, kTestGroup, 7}, NUQ_E_SUCCESS},
+	    {"the group as the primary one", kTestGroup, {}, NUQ_E_SUCCESS},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.what);
@@ -134,11 +133,11 @@ TEST_F(NuqAccess, RefusedCallersAreAnsweredWithoutBeingRead)
 	TestServer ts(path("s.sock"));
 	ASSERT_TRUE(ts.listening());
 	ts.server().set_group(kTestGroup);
-	const std::string deep = R"({"jsonrpc":"2.0","id":)" + std::string(65000, '[') +
-	    std::string(65000, ']') + R"(,"method":"ping"})";
+	const std::string deep = R"({"jsonrpc":"2.0","id":)" + std::string(65000, '[') + std::string(65000, ']') +
+	    R"(,"method":"ping"})";
 	const int refused = as_nobody(nobody_->pw_gid, {}, [&] {
 		const int fd = raw_connect(ts.socket());
-		const std::string answer = read_line(fd);	// sent nothing yet
+		const std::string answer = read_line(fd);  // sent nothing yet
 		(void)nuq::write_line(fd, deep);
 		const bool closed = read_line(fd, 2000).empty();
 		close(fd);
@@ -178,7 +177,7 @@ TEST_F(NuqAccess, IdleConnectionsAreClosed)
 		char c;
 		struct pollfd pfd = {fd, POLLIN, 0};
 		EXPECT_EQ(poll(&pfd, 1, 5000), 1);
-		EXPECT_EQ(read(fd, &c, 1), 0);	// closed by the server
+		EXPECT_EQ(read(fd, &c, 1), 0);  // closed by the server
 		close(fd);
 	}
 }
@@ -207,7 +206,7 @@ TEST_F(NuqAccess, ManyIdleConnectionsCannotStarveRoot)
 				const char c = served == (admitted ? limits.per_user : 0) ? 'y' : 'n';
 				(void)!write(ready[1], &c, 1);
 				char end;
-				(void)!read(done[0], &end, 1);	// hold them until root was served
+				(void)!read(done[0], &end, 1);  // hold them until root was served
 				return 0;
 			});
 			EXPECT_EQ(status, 0);
@@ -275,7 +274,7 @@ TEST_F(NuqAccess, AcceptFailuresBackOff)
 	std::vector<int> conns;
 	for (int i = 0; i < 12; i++)
 		conns.push_back(raw_connect(socket));
-	usleep(100000);	// the server has taken what it can and failed on the next
+	usleep(100000);  // the server has taken what it can and failed on the next
 	const long before = cpu_ticks(pid);
 	sleep(1);
 	const long used = cpu_ticks(pid) - before;

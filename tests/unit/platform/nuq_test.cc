@@ -10,15 +10,15 @@
 
 #include "client.h"
 #include "nuq_errors.h"
-#include "server.h"
 #include "nuq_fixture.h"
+#include "server.h"
 #include "test_support.h"
 #include "wire.h"
 
 namespace {
 
-using nlohmann::json;
 using kel::test::test_dispatcher;
+using nlohmann::json;
 
 // The server error a reply carries (0 for a result), checking that it is a JSON-RPC 2.0
 // reply whatever the request was.
@@ -49,44 +49,60 @@ TEST(NuqDispatch, RequestsAndTheirErrors)
 		const char *request;
 		int code;
 	} cases[] = {
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":"b"}}})", 0},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":"z"}}})", NUQ_E_NOTFOUND},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{}}})", NUQ_E_NOTFOUND},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{},"strict":false}})", 0},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"nope","keys":{}}})", NUQ_E_NOINTERFACE},
-		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"nope"}})", NUQ_E_NOMETHOD},
-		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"add","args":{"x":"one"}}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"fail"}})", NUQ_E_OBJECT},
-		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"q"},"method":"echo"}})", NUQ_E_NOTFOUND},
-		{R"({"jsonrpc":"2.0","id":"x","method":"ping"})", 0},
-		// Members missing or of the wrong type, each checked before it is used.
-		{R"({"jsonrpc":"2.0","id":1,"method":"bogus","params":{"interface":"test.Thing","keys":{}}})", NUQ_E_NOMETHOD},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"keys":{}}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing"}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":5,"keys":{}}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":[]}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{},"strict":"no"}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":7}}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"}}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"echo","args":[1]}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":["echo"]}})", NUQ_E_BADARGS},
-		{R"({"jsonrpc":"1.0","id":1,"method":"lookup","params":{}})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":5,"id":1,"method":"ping"})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":null,"id":1,"method":"ping"})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":["2.0"],"id":1,"method":"ping"})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":{"v":"2.0"},"id":1,"method":"ping"})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":true,"id":1,"method":"ping"})", NUQ_E_REQUEST},
-		{R"({"id":1,"method":"ping"})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":"2.0","method":"ping"})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":"2.0","id":{"a":1},"method":"ping"})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":"2.0","id":1,"method":5})", NUQ_E_REQUEST},
-		{R"({"jsonrpc":"2.0","id":1e400,"method":"ping"})", NUQ_E_PARSE},
-		{R"({"jsonrpc":"2.0","id":1,"method":"ping","params":[1]})", NUQ_E_REQUEST},
-		{R"([1,2,3])", NUQ_E_REQUEST},
-		{R"("ping")", NUQ_E_REQUEST},
-		{R"(not json at all)", NUQ_E_PARSE},
-		{"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"\xff\"}", NUQ_E_PARSE},
-		{"", NUQ_E_PARSE},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":"b"}}})",
+	        0},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":"z"}}})",
+	        NUQ_E_NOTFOUND},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{}}})",
+	        NUQ_E_NOTFOUND},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{},"strict":false}})",
+	        0},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"nope","keys":{}}})",
+	        NUQ_E_NOINTERFACE},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"nope"}})",
+	        NUQ_E_NOMETHOD},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"add","args":{"x":"one"}}})",
+	        NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"fail"}})",
+	        NUQ_E_OBJECT},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"q"},"method":"echo"}})",
+	        NUQ_E_NOTFOUND},
+	    {R"({"jsonrpc":"2.0","id":"x","method":"ping"})", 0},
+	    // Members missing or of the wrong type, each checked before it is used.
+	    {R"({"jsonrpc":"2.0","id":1,"method":"bogus","params":{"interface":"test.Thing","keys":{}}})",
+	        NUQ_E_NOMETHOD},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"keys":{}}})", NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing"}})", NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":5,"keys":{}}})", NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":[]}})",
+	        NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{},"strict":"no"}})",
+	        NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":7}}})",
+	        NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"}}})",
+	        NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"echo","args":[1]}})",
+	        NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":["echo"]}})",
+	        NUQ_E_BADARGS},
+	    {R"({"jsonrpc":"1.0","id":1,"method":"lookup","params":{}})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":5,"id":1,"method":"ping"})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":null,"id":1,"method":"ping"})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":["2.0"],"id":1,"method":"ping"})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":{"v":"2.0"},"id":1,"method":"ping"})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":true,"id":1,"method":"ping"})", NUQ_E_REQUEST},
+	    {R"({"id":1,"method":"ping"})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":"2.0","method":"ping"})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":"2.0","id":{"a":1},"method":"ping"})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":"2.0","id":1,"method":5})", NUQ_E_REQUEST},
+	    {R"({"jsonrpc":"2.0","id":1e400,"method":"ping"})", NUQ_E_PARSE},
+	    {R"({"jsonrpc":"2.0","id":1,"method":"ping","params":[1]})", NUQ_E_REQUEST},
+	    {R"([1,2,3])", NUQ_E_REQUEST},
+	    {R"("ping")", NUQ_E_REQUEST},
+	    {R"(not json at all)", NUQ_E_PARSE},
+	    {"{\"jsonrpc\":\"2.0\",\"id\":1,\"method\":\"\xff\"}", NUQ_E_PARSE},
+	    {"", NUQ_E_PARSE},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.request);
@@ -102,12 +118,12 @@ TEST(NuqDispatch, ErrorsUseTheProtocolsCodesAndNameTheRequest)
 		long wire;
 		json id;
 	} cases[] = {
-		{"{", -32700, nullptr},
-		{R"({"jsonrpc":5,"id":"r1","method":"ping"})", -32600, "r1"},
-		{R"({"jsonrpc":"2.0","id":[1],"method":"ping"})", -32600, nullptr},
-		{R"({"jsonrpc":"2.0","id":2,"method":"nope"})", -32601, 2},
-		{R"({"jsonrpc":"2.0","id":3,"method":"lookup","params":{"keys":{}}})", -32602, 3},
-		{R"({"jsonrpc":"2.0","id":4,"method":"lookup","params":{"interface":"x","keys":{}}})", -32006, 4},
+	    {"{", -32700, nullptr},
+	    {R"({"jsonrpc":5,"id":"r1","method":"ping"})", -32600, "r1"},
+	    {R"({"jsonrpc":"2.0","id":[1],"method":"ping"})", -32600, nullptr},
+	    {R"({"jsonrpc":"2.0","id":2,"method":"nope"})", -32601, 2},
+	    {R"({"jsonrpc":"2.0","id":3,"method":"lookup","params":{"keys":{}}})", -32602, 3},
+	    {R"({"jsonrpc":"2.0","id":4,"method":"lookup","params":{"interface":"x","keys":{}}})", -32006, 4},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.request);
@@ -126,24 +142,25 @@ TEST(NuqDispatch, IdsAreEchoedAsWritten)
 		std::string line;
 		const char *id;
 	} cases[] = {
-		{R"({"jsonrpc":"2.0","id":18446744073709551616,"method":"ping"})", "18446744073709551616"},
-		{R"({"jsonrpc":"2.0","id":-18446744073709551617,"method":"ping"})", "-18446744073709551617"},
-		{R"({"jsonrpc":"2.0","id":123456789012345678901234567890,"method":"nope"})", "123456789012345678901234567890"},
-		{R"({"jsonrpc":"2.0","id":18446744073709551615,"method":"ping"})", "18446744073709551615"},
-		{R"({"jsonrpc":"2.0","id":-9223372036854775808,"method":"ping"})", "-9223372036854775808"},
-		{R"({"jsonrpc":"2.0","id":1.50,"method":"ping"})", "1.50"},
-		{R"({"jsonrpc":"2.0","id":1E+2,"method":"ping"})", "1E+2"},
-		{R"({"jsonrpc":"2.0","id":-0,"method":"ping"})", "-0"},
-		{R"({"jsonrpc":"2.0","id":0.1,"method":"lookup","params":{"keys":{}}})", "0.1"},
-		{R"({"jsonrpc":"2.0","id":"\u00e9\"x","method":"ping"})", R"("\u00e9\"x")"},
-		{R"({"jsonrpc":"2.0","id":null,"method":"ping"})", "null"},
-		{R"({"jsonrpc":5,"id":2.50,"method":"ping"})", "2.50"},
-		// Where and how the member is written.
-		{" \t{ \"jsonrpc\" : \"2.0\" ,\r\n \"id\"\t:\n 3.0E0 , \"method\":\"ping\" } ", "3.0E0"},
-		{"\xEF\xBB\xBF{\"jsonrpc\":\"2.0\",\"id\":4.0,\"method\":\"ping\"}", "4.0"},
-		{R"({"jsonrpc":"2.0","\u0069d":5.0,"method":"ping"})", "5.0"},
-		{R"({"params":{"id":1,"x":["id",{"id":2}]},"jsonrpc":"2.0","id":6.0,"method":"nope"})", "6.0"},
-		{R"({"id":1,"jsonrpc":"2.0","id":7.0,"method":"ping"})", "7.0"},
+	    {R"({"jsonrpc":"2.0","id":18446744073709551616,"method":"ping"})", "18446744073709551616"},
+	    {R"({"jsonrpc":"2.0","id":-18446744073709551617,"method":"ping"})", "-18446744073709551617"},
+	    {R"({"jsonrpc":"2.0","id":123456789012345678901234567890,"method":"nope"})",
+	        "123456789012345678901234567890"},
+	    {R"({"jsonrpc":"2.0","id":18446744073709551615,"method":"ping"})", "18446744073709551615"},
+	    {R"({"jsonrpc":"2.0","id":-9223372036854775808,"method":"ping"})", "-9223372036854775808"},
+	    {R"({"jsonrpc":"2.0","id":1.50,"method":"ping"})", "1.50"},
+	    {R"({"jsonrpc":"2.0","id":1E+2,"method":"ping"})", "1E+2"},
+	    {R"({"jsonrpc":"2.0","id":-0,"method":"ping"})", "-0"},
+	    {R"({"jsonrpc":"2.0","id":0.1,"method":"lookup","params":{"keys":{}}})", "0.1"},
+	    {R"({"jsonrpc":"2.0","id":"\u00e9\"x","method":"ping"})", R"("\u00e9\"x")"},
+	    {R"({"jsonrpc":"2.0","id":null,"method":"ping"})", "null"},
+	    {R"({"jsonrpc":5,"id":2.50,"method":"ping"})", "2.50"},
+	    // Where and how the member is written.
+	    {" \t{ \"jsonrpc\" : \"2.0\" ,\r\n \"id\"\t:\n 3.0E0 , \"method\":\"ping\" } ", "3.0E0"},
+	    {"\xEF\xBB\xBF{\"jsonrpc\":\"2.0\",\"id\":4.0,\"method\":\"ping\"}", "4.0"},
+	    {R"({"jsonrpc":"2.0","\u0069d":5.0,"method":"ping"})", "5.0"},
+	    {R"({"params":{"id":1,"x":["id",{"id":2}]},"jsonrpc":"2.0","id":6.0,"method":"nope"})", "6.0"},
+	    {R"({"id":1,"jsonrpc":"2.0","id":7.0,"method":"ping"})", "7.0"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.line);
@@ -160,15 +177,19 @@ TEST(NuqDispatch, IdsAreEchoedAsWritten)
 TEST(NuqDispatch, TextsWithANulAreRefused)
 {
 	const nuq::Dispatcher d = test_dispatcher();
-	const std::string call = R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},)";
-	for (const std::string &line : {
-	         std::string(R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":"a\u0000x"}}})"),
-	         std::string(R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing\u0000","keys":{}}})"),
-	         call + R"("method":"echo","args":{"t":"x\u0000"}}})",
-	         call + R"("method":"echo","args":{"t":["ok",{"u":"\u0000"}]}}})",
-	         call + R"("method":"echo","args":{"t\u0000u":1}}})",
-	         call + R"("method":"echo\u0000"}})",
-	     }) {
+	const std::string call =
+	    R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},)";
+	for (const std::string &line :
+	    {
+	        std::string(
+	            R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing","keys":{"name":"a\u0000x"}}})"),
+	        std::string(
+	            R"({"jsonrpc":"2.0","id":1,"method":"lookup","params":{"interface":"test.Thing\u0000","keys":{}}})"),
+	        call + R"("method":"echo","args":{"t":"x\u0000"}}})",
+	        call + R"("method":"echo","args":{"t":["ok",{"u":"\u0000"}]}}})",
+	        call + R"("method":"echo","args":{"t\u0000u":1}}})",
+	        call + R"("method":"echo\u0000"}})",
+	    }) {
 		SCOPED_TRACE(line);
 		EXPECT_EQ(reply_code(d.handle(line)), NUQ_E_BADARGS);
 	}
@@ -190,7 +211,8 @@ TEST(NuqDispatch, NestingIsBounded)
 {
 	const nuq::Dispatcher d = test_dispatcher();
 	const std::string deep = nested(65000);
-	const std::string call = R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"echo","args":{"x":)";
+	const std::string call =
+	    R"({"jsonrpc":"2.0","id":1,"method":"call","params":{"interface":"test.Thing","keys":{"name":"a"},"method":"echo","args":{"x":)";
 	for (const std::string &line : {deep, R"({"jsonrpc":"2.0","id":)" + deep + R"(,"method":"ping"})",
 	         call + deep + "}}}", call + nested(nuq::kMaxNesting) + "}}}"}) {
 		SCOPED_TRACE(line.substr(0, 40));
@@ -262,7 +284,8 @@ TEST_F(NuqServer, ConcurrentClients)
 			json result;
 			bool ok = true;
 			for (int j = 0; j < 50 && ok; j++)
-				ok = nuq::call(thing, "add", {{"x", i}, {"y", j}}, &result, nullptr) == 0 && result == i + j;
+				ok = nuq::call(thing, "add", {{"x", i}, {"y", j}}, &result, nullptr) == 0 &&
+				    result == i + j;
 			good += ok;
 			nuq_instance_rele(thing);
 			nuq_disconnect(conn);
@@ -301,7 +324,7 @@ void fake_peer(int fd, bool close_it)
 		close(fd);
 		return;
 	}
-	(void)r.read(&line, std::chrono::milliseconds(5000));	// until the client gives up
+	(void)r.read(&line, std::chrono::milliseconds(5000));  // until the client gives up
 	close(fd);
 }
 

@@ -65,13 +65,14 @@ TEST_F(SshRelay, OnlyConnectionsSshCouldNotSetUpAreTriedAgain)
 		std::string reply;
 		bool made;
 		int runs;
-		std::string said;	// what the caller is told
+		std::string said;  // what the caller is told
 	} cases[] = {
 	    {"set up at the first try", 0, 255, pong, true, 1, ""},
 	    {"set up at the third: the failures are no news", 2, 255, pong, true, 3, ""},
 	    {"never set up: the last failure is told", 99, 255, pong, false, 5,
 	        "ssh to node1: run 5: Connection reset by peer\n"},
-	    {"the remote command failed: final", 99, 1, pong, false, 1, "ssh to node1: run 1: Connection reset by peer\n"},
+	    {"the remote command failed: final", 99, 1, pong, false, 1,
+	        "ssh to node1: run 1: Connection reset by peer\n"},
 	    // A reply came, whatever it is: something may have been delivered.
 	    {"a reply that does not fit: final", 0, 255, "garbage", false, 1, ""},
 	};

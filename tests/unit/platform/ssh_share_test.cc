@@ -8,8 +8,8 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstring>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -38,10 +38,10 @@ TEST_F(SshShare, OnlyAPrivateDirectoryHoldsTheSockets)
 		uid_t owner;
 		bool ok;
 	} cases[] = {
-		{"mine, closed", 0700, geteuid(), true},
-		{"group may enter", 0710, geteuid(), false},
-		{"others may write", 0703, geteuid(), false},
-		{"someone else's", 0700, 4242, false},
+	    {"mine, closed", 0700, geteuid(), true},
+	    {"group may enter", 0710, geteuid(), false},
+	    {"others may write", 0703, geteuid(), false},
+	    {"someone else's", 0700, 4242, false},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.what);
@@ -72,11 +72,13 @@ TEST_F(SshShare, OptionsNameThePrivateDirectoryOrNothing)
 	EXPECT_EQ(socket.size(), dir().size() + 1 + 32) << socket;
 	for (const char *other : {"root@node2\n0\n", "node1\n0\n", "root@node1\n2222\n", "root@node1\n0\n/etc/kel/ssh"})
 		EXPECT_NE(nuq::SshShare(other).options(false)[3], "ControlPath=" + socket) << other;
-	EXPECT_EQ(share.options(false), (std::vector<std::string>{"-o", "ControlMaster=auto", "-o",
-	                                    "ControlPath=" + socket, "-o", "ControlPersist=60"}));
+	EXPECT_EQ(share.options(false),
+	    (std::vector<std::string>{"-o", "ControlMaster=auto", "-o", "ControlPath=" + socket, "-o",
+	        "ControlPersist=60"}));
 	// Through a standing master only: a refused session never logs in beside it.
-	EXPECT_EQ(share.options(true), (std::vector<std::string>{"-o", "ControlMaster=no", "-o",
-	                                   "ControlPath=" + socket, "-o", "ProxyCommand=false"}));
+	EXPECT_EQ(share.options(true),
+	    (std::vector<std::string>{"-o", "ControlMaster=no", "-o", "ControlPath=" + socket, "-o",
+	        "ProxyCommand=false"}));
 	EXPECT_EQ(share.setup_file(), socket + ".setup");
 	EXPECT_EQ(share.sessions_file(), socket + ".sessions");
 	struct stat st;

@@ -44,8 +44,7 @@ int set(const char *pname, const char *value, vur_type_t type = VUR_TYPE_ASTRING
 
 TEST_F(Repository, InstanceNamesBecomeFiles)
 {
-	EXPECT_EQ(vur::instance_path("svc:/network/kel:default"),
-	    path("etc/kel/svc/network/kel/default.conf"));
+	EXPECT_EQ(vur::instance_path("svc:/network/kel:default"), path("etc/kel/svc/network/kel/default.conf"));
 	for (const char *bad : {"svc:/network/kel", "network/kel:default", "svc:/:default",
 	         "svc:/network/kel:", "svc:/../etc:passwd", "svc:/network/kel:a/b"})
 		EXPECT_EQ(vur::instance_path(bad), "") << bad;
@@ -105,8 +104,8 @@ TEST_F(Repository, DeletingProperties)
 
 TEST_F(Repository, AFailedFirstWriteLeavesNoGroup)
 {
-	EXPECT_EQ(kel_tog_set_one_value(kInst, "fresh", "addr", VUR_TYPE_NET_ADDR,
-	              const_cast<char *>("not an address")),
+	EXPECT_EQ(
+	    kel_tog_set_one_value(kInst, "fresh", "addr", VUR_TYPE_NET_ADDR, const_cast<char *>("not an address")),
 	    VUR_ERROR_INVALID_ARGUMENT * 256 + KEL_E_VUR);
 	vur::InstanceFile file;
 	ASSERT_EQ(vur::load(vur::instance_path(kInst), &file), VUR_ERROR_NONE);
@@ -136,7 +135,7 @@ TEST_F(Repository, ACommitAfterAnotherWriterAnswersRetry)
 	ASSERT_EQ(vur_transaction_property_change(tx, entry, "a", VUR_TYPE_ASTRING), 0);
 	ASSERT_EQ(vur_entry_add_value(entry, val), 0);
 
-	ASSERT_EQ(set("b", "theirs"), KEL_SUCCESS);	// another writer, meanwhile
+	ASSERT_EQ(set("b", "theirs"), KEL_SUCCESS);  // another writer, meanwhile
 	EXPECT_EQ(vur_transaction_commit(tx), 0);
 	EXPECT_EQ(get("a"), "1");
 

@@ -1,8 +1,8 @@
 #include <string>
 #include <vector>
 
-#include "ctrlprop.h"
 #include <kel/libkel.h>
+#include "ctrlprop.h"
 #include "service_config.h"
 #include "store_fixture.h"
 
@@ -29,7 +29,8 @@ protected:
 		     p = static_cast<kel_ctrlprop_t *>(list_next(&l, p))) {
 			out += std::string(out.empty() ? "" : " ") + p->ecp_propname + "@" + p->ecp_host + "=" +
 			    p->ecp_propval;
-			if (p->ecp_vlanrange != nullptr && (*p->ecp_vlanrange || *p->ecp_vxlanrange || *p->ecp_flatrange))
+			if (p->ecp_vlanrange != nullptr &&
+			    (*p->ecp_vlanrange || *p->ecp_vxlanrange || *p->ecp_flatrange))
 				out += std::string("[") + p->ecp_vlanrange + "|" + p->ecp_vxlanrange + "|" +
 				    p->ecp_flatrange + "]";
 		}
@@ -81,30 +82,30 @@ TEST_F(CtrlProps, SetTextRefusals)
 		const char *host;
 		int rc;
 	} cases[] = {
-		{"uuid=x", nullptr, KEL_E_READONLY},
-		{"vlan-range-avail=1-5", nullptr, KEL_E_READONLY},
-		{"l2-type=vxlan", "host-a", KEL_E_INVALID_CTRLPROP},
-		{"l2-type=vxlan", "", KEL_E_INVALID_HOSTNAME},
-		{"l2-type=vxlan", "bad host", KEL_E_INVALID_HOSTNAME},
-		{"colour=blue", nullptr, KEL_E_INVALID_CTRLPROP},
-		{"uplink-port=net0,vlan-range=1-5,vxlan-range=1-5,flat=yes,l2-type=vlan", nullptr, KEL_E_INVALID_ARGS},
-		{"uplink-port=net0,l2-type=vlan", nullptr, KEL_E_UPLINK_ATTRS},
-		{"vxlan-addr=10.0.0.0/24,vlan-range=1-5", nullptr, KEL_E_VXLANADDR_ATTRS},
-		{"vxlan-addr=10.0.0.0/24,vxlan-range=1-5,flat=yes", nullptr, KEL_E_INVALID_ARGS},
-		{"l2-type=vxlan,vlan-range=1-5", nullptr, KEL_E_INVALID_ARGS},
-		{"", nullptr, KEL_E_INVALID_ARGS},
-		{"l2-type=VLAN", nullptr, KEL_E_INVALID_L2TYPE},
-		{"vlan-range=0-10", nullptr, KEL_E_INVALID_RANGE},
-		{"vlan-range=1-4095", nullptr, KEL_E_INVALID_RANGE},
-		{"uri-template=ssh://host", nullptr, KEL_E_INVALID_URI_TEMPLATE},
-		{"uri-template=ssh:///path", nullptr, KEL_E_INVALID_URI_TEMPLATE},
-		{"uri-template=http://", nullptr, KEL_E_INVALID_URI_TEMPLATE},
-		{"vxlan-mgroup=240.0.0.1", nullptr, KEL_E_INVALID_MGROUP},
-		{"vxlan-mgroup=ff80::", nullptr, KEL_E_INVALID_MGROUP},
-		{"vxlan-ipvers=v5", nullptr, KEL_E_INVALID_IPVERS},
-		{"uplink-port=eth", nullptr, KEL_E_INVALID_UPLINK},
-		{"vxlan-addr=10.0.0.5", nullptr, KEL_E_INVALID_SUBNET},
-		{"vxlan-addr=nonsense", "host-a", KEL_E_INVALID_IPADDR},
+	    {"uuid=x", nullptr, KEL_E_READONLY},
+	    {"vlan-range-avail=1-5", nullptr, KEL_E_READONLY},
+	    {"l2-type=vxlan", "host-a", KEL_E_INVALID_CTRLPROP},
+	    {"l2-type=vxlan", "", KEL_E_INVALID_HOSTNAME},
+	    {"l2-type=vxlan", "bad host", KEL_E_INVALID_HOSTNAME},
+	    {"colour=blue", nullptr, KEL_E_INVALID_CTRLPROP},
+	    {"uplink-port=net0,vlan-range=1-5,vxlan-range=1-5,flat=yes,l2-type=vlan", nullptr, KEL_E_INVALID_ARGS},
+	    {"uplink-port=net0,l2-type=vlan", nullptr, KEL_E_UPLINK_ATTRS},
+	    {"vxlan-addr=10.0.0.0/24,vlan-range=1-5", nullptr, KEL_E_VXLANADDR_ATTRS},
+	    {"vxlan-addr=10.0.0.0/24,vxlan-range=1-5,flat=yes", nullptr, KEL_E_INVALID_ARGS},
+	    {"l2-type=vxlan,vlan-range=1-5", nullptr, KEL_E_INVALID_ARGS},
+	    {"", nullptr, KEL_E_INVALID_ARGS},
+	    {"l2-type=VLAN", nullptr, KEL_E_INVALID_L2TYPE},
+	    {"vlan-range=0-10", nullptr, KEL_E_INVALID_RANGE},
+	    {"vlan-range=1-4095", nullptr, KEL_E_INVALID_RANGE},
+	    {"uri-template=ssh://host", nullptr, KEL_E_INVALID_URI_TEMPLATE},
+	    {"uri-template=ssh:///path", nullptr, KEL_E_INVALID_URI_TEMPLATE},
+	    {"uri-template=http://", nullptr, KEL_E_INVALID_URI_TEMPLATE},
+	    {"vxlan-mgroup=240.0.0.1", nullptr, KEL_E_INVALID_MGROUP},
+	    {"vxlan-mgroup=ff80::", nullptr, KEL_E_INVALID_MGROUP},
+	    {"vxlan-ipvers=v5", nullptr, KEL_E_INVALID_IPVERS},
+	    {"uplink-port=eth", nullptr, KEL_E_INVALID_UPLINK},
+	    {"vxlan-addr=10.0.0.5", nullptr, KEL_E_INVALID_SUBNET},
+	    {"vxlan-addr=nonsense", "host-a", KEL_E_INVALID_IPADDR},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);
@@ -141,7 +142,7 @@ TEST_F(CtrlProps, RangesProtectAllocatedIds)
 {
 	ASSERT_EQ(set("vlan-range=1-100"), KEL_SUCCESS);
 	EXPECT_EQ(list("vlan-range,vlan-range-avail"), "vlan-range@=1-100 vlan-range-avail@=1-100");
-	set_ctrl("vlan-range-avail", "1-9,11-19,21-100");	// 10 and 20 are held
+	set_ctrl("vlan-range-avail", "1-9,11-19,21-100");  // 10 and 20 are held
 	EXPECT_EQ(set("vlan-range=1-15"), KEL_E_RANGE_INUSE);
 	EXPECT_EQ(list("vlan-range"), "vlan-range@=1-100");
 	EXPECT_EQ(set("vlan-range=5-50"), KEL_SUCCESS);
@@ -215,7 +216,7 @@ TEST_F(CtrlProps, MulticastGroupAndIpVersionAgree)
 	EXPECT_EQ(set("vxlan-mgroup=239.1.1.1"), KEL_SUCCESS);
 	EXPECT_EQ(set("vxlan-addr=fd00::/64"), KEL_E_ADDR_MGROUP_MISMATCH);
 	EXPECT_EQ(set("vxlan-ipvers=v6"), KEL_E_IPVERS_MGROUP_MISMATCH);
-	EXPECT_EQ(set("vxlan-mgroup=ff40::"), KEL_E_MGROUP_IPVERS_MISMATCH);	// ipvers is v4
+	EXPECT_EQ(set("vxlan-mgroup=ff40::"), KEL_E_MGROUP_IPVERS_MISMATCH);  // ipvers is v4
 	ASSERT_EQ(set("vxlan-addr=192.168.10.5", "host-a"), KEL_SUCCESS);
 	EXPECT_EQ(list(nullptr, "host-a"), "vxlan-addr@host-a=192.168.10.5[|1000-1999|]");
 	EXPECT_EQ(set("vxlan-mgroup="), KEL_SUCCESS);

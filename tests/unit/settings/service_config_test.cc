@@ -13,8 +13,7 @@ using ClientSettings = kel::test::ScratchRoot;
 std::string controller()
 {
 	char buf[1024];
-	const int rc = kel_tog_get_one_value(KEL_NODE_FMRI, "config", "controller", VUR_TYPE_ASTRING,
-	    buf, sizeof(buf));
+	const int rc = kel_tog_get_one_value(KEL_NODE_FMRI, "config", "controller", VUR_TYPE_ASTRING, buf, sizeof(buf));
 	return rc == KEL_SUCCESS ? std::string(buf) : "error " + std::to_string(rc);
 }
 
@@ -23,28 +22,28 @@ TEST_F(ClientSettings, ControllerValues)
 	struct {
 		std::string text;
 		int rc;
-		const char *stored;	// nullptr: unchanged
+		const char *stored;  // nullptr: unchanged
 	} cases[] = {
-		{"controller=unix://", KEL_SUCCESS, "unix://"},
-		{"controller=ssh://ctl", KEL_SUCCESS, "ssh://ctl"},
-		{"controller=ssh://admin@ctl.example:2222/run/kel/keld.sock", KEL_SUCCESS,
-		    "ssh://admin@ctl.example:2222/run/kel/keld.sock"},
-		{"controller=unix://root@localhost/run/kel/other.sock", KEL_SUCCESS,
-		    "unix://root@localhost/run/kel/other.sock"},
-		{"controller=", KEL_SUCCESS, ""},
-		{"controller=http://ctl", KEL_E_INVALID_URI, nullptr},
-		{"controller=UNIX://", KEL_E_INVALID_URI, nullptr},	// parses, but not as written
-		{"controller=unix://otherhost/x", KEL_E_INVALID_URI, nullptr},
-		{"controller=ssh://bad host", KEL_E_INVALID_URI, nullptr},
-		{"controller=ssh://ctl:99999", KEL_E_INVALID_URI, nullptr},
-		// An ssh controller without a host could never be reached.
-		{"controller=ssh://", KEL_E_INVALID_URI, nullptr},
-		{"controller=ssh://ops@", KEL_E_INVALID_URI, nullptr},
-		{"controller=ssh:///run/kel/keld.sock", KEL_E_INVALID_URI, nullptr},
-		{"controller=ssh://:22", KEL_E_INVALID_URI, nullptr},
-		{"controller", KEL_E_INVALID_PROP, nullptr},
-		{"uuid=x", KEL_E_INVALID_PROP, nullptr},
-		{"controller=ssh://" + std::string(1010, 'a'), KEL_E_INVALID_PROP, nullptr},
+	    {"controller=unix://", KEL_SUCCESS, "unix://"},
+	    {"controller=ssh://ctl", KEL_SUCCESS, "ssh://ctl"},
+	    {"controller=ssh://admin@ctl.example:2222/run/kel/keld.sock", KEL_SUCCESS,
+	        "ssh://admin@ctl.example:2222/run/kel/keld.sock"},
+	    {"controller=unix://root@localhost/run/kel/other.sock", KEL_SUCCESS,
+	        "unix://root@localhost/run/kel/other.sock"},
+	    {"controller=", KEL_SUCCESS, ""},
+	    {"controller=http://ctl", KEL_E_INVALID_URI, nullptr},
+	    {"controller=UNIX://", KEL_E_INVALID_URI, nullptr},  // parses, but not as written
+	    {"controller=unix://otherhost/x", KEL_E_INVALID_URI, nullptr},
+	    {"controller=ssh://bad host", KEL_E_INVALID_URI, nullptr},
+	    {"controller=ssh://ctl:99999", KEL_E_INVALID_URI, nullptr},
+	    // An ssh controller without a host could never be reached.
+	    {"controller=ssh://", KEL_E_INVALID_URI, nullptr},
+	    {"controller=ssh://ops@", KEL_E_INVALID_URI, nullptr},
+	    {"controller=ssh:///run/kel/keld.sock", KEL_E_INVALID_URI, nullptr},
+	    {"controller=ssh://:22", KEL_E_INVALID_URI, nullptr},
+	    {"controller", KEL_E_INVALID_PROP, nullptr},
+	    {"uuid=x", KEL_E_INVALID_PROP, nullptr},
+	    {"controller=ssh://" + std::string(1010, 'a'), KEL_E_INVALID_PROP, nullptr},
 	};
 	std::string last = "error " + std::to_string(KEL_E_NOTFOUND);
 	for (const auto &c : cases) {
@@ -66,8 +65,7 @@ TEST_F(ClientSettings, Listing)
 
 	ASSERT_EQ(kel_set_client_togprop("controller=ssh://ctl"), KEL_SUCCESS);
 	// Other properties of the service are not client settings and are not listed.
-	ASSERT_EQ(kel_tog_set_one_value(KEL_NODE_FMRI, "config", "other", VUR_TYPE_ASTRING,
-	              const_cast<char *>("x")),
+	ASSERT_EQ(kel_tog_set_one_value(KEL_NODE_FMRI, "config", "other", VUR_TYPE_ASTRING, const_cast<char *>("x")),
 	    KEL_SUCCESS);
 	for (const char *names : {static_cast<const char *>(nullptr), "controller"}) {
 		ASSERT_EQ(kel_get_client_togprop(names, &list), KEL_SUCCESS);
@@ -107,21 +105,21 @@ TEST(NuqUri, SchemesAndParts)
 		int port;
 		const char *path;
 	} cases[] = {
-		{"unix://", NUQS_UNIX | NUQS_SSH, true, NUQS_UNIX, "", "", 0, ""},
-		{"unix://localhost/run/x.sock", NUQS_UNIX, true, NUQS_UNIX, "", "localhost", 0, "/run/x.sock"},
-		{"ssh://ops@ctl-1.example:22/run/kel/keld.sock", NUQS_SSH, true, NUQS_SSH, "ops",
-		    "ctl-1.example", 22, "/run/kel/keld.sock"},
-		{"SSH://ctl", NUQS_SSH, true, NUQS_SSH, "", "ctl", 0, ""},
-		{"ssh://ctl", NUQS_UNIX, false, NUQS_SSH, "", "", 0, ""},	// scheme not in the mask
-		{"unix://localhost", NUQS_UNIX, true, NUQS_UNIX, "", "localhost", 0, ""},
-		{"unix://ops@localhost", NUQS_UNIX, true, NUQS_UNIX, "ops", "localhost", 0, ""},
-		{"unix://ops@ctl", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
-		{"unix://localhost:9/x", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
-		{"ssh://@ctl", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
-		{"ssh://", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},	// no host to reach
-		{"ssh://ctl:0", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
-		{"ssh://ctl/relative path", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
-		{"ctl", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
+	    {"unix://", NUQS_UNIX | NUQS_SSH, true, NUQS_UNIX, "", "", 0, ""},
+	    {"unix://localhost/run/x.sock", NUQS_UNIX, true, NUQS_UNIX, "", "localhost", 0, "/run/x.sock"},
+	    {"ssh://ops@ctl-1.example:22/run/kel/keld.sock", NUQS_SSH, true, NUQS_SSH, "ops", "ctl-1.example", 22,
+	        "/run/kel/keld.sock"},
+	    {"SSH://ctl", NUQS_SSH, true, NUQS_SSH, "", "ctl", 0, ""},
+	    {"ssh://ctl", NUQS_UNIX, false, NUQS_SSH, "", "", 0, ""},  // scheme not in the mask
+	    {"unix://localhost", NUQS_UNIX, true, NUQS_UNIX, "", "localhost", 0, ""},
+	    {"unix://ops@localhost", NUQS_UNIX, true, NUQS_UNIX, "ops", "localhost", 0, ""},
+	    {"unix://ops@ctl", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
+	    {"unix://localhost:9/x", NUQS_UNIX, false, NUQS_UNIX, "", "", 0, ""},
+	    {"ssh://@ctl", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
+	    {"ssh://", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},  // no host to reach
+	    {"ssh://ctl:0", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
+	    {"ssh://ctl/relative path", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
+	    {"ctl", NUQS_SSH, false, NUQS_SSH, "", "", 0, ""},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.text);

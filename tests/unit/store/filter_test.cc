@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "filter.h"
 #include <kel/libkel.h>
+#include "filter.h"
 #include "store_fixture.h"
 
 namespace {
@@ -46,32 +46,28 @@ TEST(FilterClause, Translation)
 		const char *clause;
 		const char *params;
 	} cases[] = {
-		{"tenant=t1,kel=k1,k2", "vport_tbl", "kel_tbl",
-		    " WHERE ( kel_name = ?100 OR kel_name = ?101 ) AND ( kel_tenant_name = ?102 )",
-		    "100=k1 101=k2 102=t1"},
-		{"maxbw=10M,tenant=t1", "kel_tbl", "vport_tbl",
-		    " WHERE ( kel_tenant_name = ?100 ) AND ( kel_props LIKE ?101 OR kel_props LIKE ?102 )",
-		    "100=t1 101=%maxbw=10M,% 102=%maxbw=10M"},
-		{"maxbw=10M,20M", "kel_tbl", nullptr,
-		    " WHERE ( kel_props LIKE ?100 OR kel_props LIKE ?101 OR kel_props LIKE ?102 OR "
-		    "kel_props LIKE ?103 )",
-		    "100=%maxbw=10M,% 101=%maxbw=10M 102=%maxbw=20M,% 103=%maxbw=20M"},
-		{"protection=ip-nospoof", "vport_tbl", nullptr,
-		    " WHERE ( vport_props LIKE ?100 OR vport_props LIKE ?101 )",
-		    "100=%protection=%ip-nospoof,% 101=%protection=%ip-nospoof"},
-		// The first value fixes the column for all values of the key.
-		{std::string("kel=") + U + ",k2", "kel_tbl", nullptr,
-		    " WHERE ( kel_uuid = ?100 OR kel_uuid = ?101 )", ""},
-		{std::string("uuid=") + U, "vport_tbl", "kel_tbl",
-		    " WHERE ( vport_uuid = ?100 )", ""},
-		{"kel=k1,kel=k2", "kel_tbl", nullptr,
-		    " WHERE ( kel_name = ?100 ) AND ( kel_name = ?101 )", "100=k2 101=k1"},
-		// Keys of tables the query does not read are skipped.
-		{"host=h1", "kel_tbl", "ipnet_tbl", "", ""},
-		{"ipnet=n1,vport=p1", "vport_tbl", "kel_tbl", " WHERE ( vport_name = ?100 )", "100=p1"},
-		{"ctrl_pname=l2-type,ctrl_host=", "ctrl_tbl", nullptr,
-		    " WHERE ( ctrl_host = ?100 ) AND ( ctrl_pname = ?101 )", "100= 101=l2-type"},
-		{"", "kel_tbl", nullptr, "", ""},
+	    {"tenant=t1,kel=k1,k2", "vport_tbl", "kel_tbl",
+	        " WHERE ( kel_name = ?100 OR kel_name = ?101 ) AND ( kel_tenant_name = ?102 )", "100=k1 101=k2 102=t1"},
+	    {"maxbw=10M,tenant=t1", "kel_tbl", "vport_tbl",
+	        " WHERE ( kel_tenant_name = ?100 ) AND ( kel_props LIKE ?101 OR kel_props LIKE ?102 )",
+	        "100=t1 101=%maxbw=10M,% 102=%maxbw=10M"},
+	    {"maxbw=10M,20M", "kel_tbl", nullptr,
+	        " WHERE ( kel_props LIKE ?100 OR kel_props LIKE ?101 OR kel_props LIKE ?102 OR "
+	        "kel_props LIKE ?103 )",
+	        "100=%maxbw=10M,% 101=%maxbw=10M 102=%maxbw=20M,% 103=%maxbw=20M"},
+	    {"protection=ip-nospoof", "vport_tbl", nullptr, " WHERE ( vport_props LIKE ?100 OR vport_props LIKE ?101 )",
+	        "100=%protection=%ip-nospoof,% 101=%protection=%ip-nospoof"},
+	    // The first value fixes the column for all values of the key.
+	    {std::string("kel=") + U + ",k2", "kel_tbl", nullptr, " WHERE ( kel_uuid = ?100 OR kel_uuid = ?101 )", ""},
+	    {std::string("uuid=") + U, "vport_tbl", "kel_tbl", " WHERE ( vport_uuid = ?100 )", ""},
+	    {"kel=k1,kel=k2", "kel_tbl", nullptr, " WHERE ( kel_name = ?100 ) AND ( kel_name = ?101 )",
+	        "100=k2 101=k1"},
+	    // Keys of tables the query does not read are skipped.
+	    {"host=h1", "kel_tbl", "ipnet_tbl", "", ""},
+	    {"ipnet=n1,vport=p1", "vport_tbl", "kel_tbl", " WHERE ( vport_name = ?100 )", "100=p1"},
+	    {"ctrl_pname=l2-type,ctrl_host=", "ctrl_tbl", nullptr,
+	        " WHERE ( ctrl_host = ?100 ) AND ( ctrl_pname = ?101 )", "100= 101=l2-type"},
+	    {"", "kel_tbl", nullptr, "", ""},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.filter);
@@ -92,15 +88,15 @@ TEST(FilterClause, Refusals)
 		const char *t1;
 		int rc;
 	} cases[] = {
-		{"tenant=t1,", "kel_tbl", KEL_E_INVALID_ARGS},
-		{"bogus=1", "kel_tbl", KEL_E_INVALID_FILTER},
-		{"cos=1", "kel_tbl", KEL_E_INVALID_FILTER},	// a vport property, not a kel one
-		{"bogus=1", "ctrl_tbl", KEL_E_INVALID_ARGS},
-		{"kel=k1,,k2", "kel_tbl", KEL_E_INVALID_ARGS},	// an empty piece
-		{"kel=bad name", "kel_tbl", KEL_E_INVALID_ARGS},
-		{"host=-bad", "vport_tbl", KEL_E_INVALID_ARGS},
-		{"vnic=a/b/c", "vport_tbl", KEL_E_INVALID_ARGS},
-		{"noequals", "kel_tbl", KEL_E_INVALID_ARGS},
+	    {"tenant=t1,", "kel_tbl", KEL_E_INVALID_ARGS},
+	    {"bogus=1", "kel_tbl", KEL_E_INVALID_FILTER},
+	    {"cos=1", "kel_tbl", KEL_E_INVALID_FILTER},  // a vport property, not a kel one
+	    {"bogus=1", "ctrl_tbl", KEL_E_INVALID_ARGS},
+	    {"kel=k1,,k2", "kel_tbl", KEL_E_INVALID_ARGS},  // an empty piece
+	    {"kel=bad name", "kel_tbl", KEL_E_INVALID_ARGS},
+	    {"host=-bad", "vport_tbl", KEL_E_INVALID_ARGS},
+	    {"vnic=a/b/c", "vport_tbl", KEL_E_INVALID_ARGS},
+	    {"noequals", "kel_tbl", KEL_E_INVALID_ARGS},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.filter);
@@ -134,13 +130,13 @@ TEST(FilterValidation, ByObjectAndPropertyType)
 		kel_proptype_t ptype;
 		int rc;
 	} cases[] = {
-		{"vnic=x", KEL_TYPE_IPNET, KEL_PROPTYPE_IPNET, KEL_E_INVALID_FILTER},
-		{"maxbw=1", KEL_TYPE_VPORT, KEL_PROPTYPE_VPORT, KEL_SUCCESS},
-		{"tenant=t,kel=k,host=h", KEL_TYPE_KEL, KEL_PROPTYPE_KEL, KEL_SUCCESS},
-		{"ipnet=n", KEL_TYPE_VPORT, KEL_PROPTYPE_VPORT, KEL_E_INVALID_FILTER},
-		{"acme:x=1", KEL_TYPE_IPNET, KEL_PROPTYPE_IPNET, KEL_SUCCESS},
-		{"", KEL_TYPE_KEL, KEL_PROPTYPE_KEL, KEL_SUCCESS},
-		{"kel=a,", KEL_TYPE_KEL, KEL_PROPTYPE_KEL, KEL_E_INVALID_ARGS},
+	    {"vnic=x", KEL_TYPE_IPNET, KEL_PROPTYPE_IPNET, KEL_E_INVALID_FILTER},
+	    {"maxbw=1", KEL_TYPE_VPORT, KEL_PROPTYPE_VPORT, KEL_SUCCESS},
+	    {"tenant=t,kel=k,host=h", KEL_TYPE_KEL, KEL_PROPTYPE_KEL, KEL_SUCCESS},
+	    {"ipnet=n", KEL_TYPE_VPORT, KEL_PROPTYPE_VPORT, KEL_E_INVALID_FILTER},
+	    {"acme:x=1", KEL_TYPE_IPNET, KEL_PROPTYPE_IPNET, KEL_SUCCESS},
+	    {"", KEL_TYPE_KEL, KEL_PROPTYPE_KEL, KEL_SUCCESS},
+	    {"kel=a,", KEL_TYPE_KEL, KEL_PROPTYPE_KEL, KEL_E_INVALID_ARGS},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.filter);
@@ -195,8 +191,7 @@ TEST_F(FilterStore, HostileValuesStayValues)
 	add_kel(2, "b", "sys-global", "acme:x=1");
 	int rc;
 	// Quotes, statement ends and comment marks in a value are bound, never parsed.
-	for (const char *filter : {"acme:x=1' OR '1'='1", "acme:x=1); DROP TABLE kel_tbl; --",
-	         "acme:x=\" OR 1=1 --"}) {
+	for (const char *filter : {"acme:x=1' OR '1'='1", "acme:x=1); DROP TABLE kel_tbl; --", "acme:x=\" OR 1=1 --"}) {
 		SCOPED_TRACE(filter);
 		EXPECT_EQ(names(h_, filter, &rc), std::vector<std::string>{});
 		EXPECT_EQ(rc, KEL_SUCCESS);
@@ -209,37 +204,31 @@ TEST_F(FilterStore, SingleValueReadAndWrite)
 	add_kel(1, "a", "sys-global", "maxbw=1M");
 	add_kel(2, "b", "sys-global", "");
 	char buf[8] = "keep";
-	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_props", "kel=nosuch", buf,
-	              sizeof(buf), DATA_TYPE_STRING),
+	EXPECT_EQ(
+	    kel_db_get_filtered_value(h_, "kel_tbl", "kel_props", "kel=nosuch", buf, sizeof(buf), DATA_TYPE_STRING),
 	    KEL_SUCCESS);
 	EXPECT_STREQ(buf, "keep");
-	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_props", "kel=a", buf, 5,
-	              DATA_TYPE_STRING),
+	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_props", "kel=a", buf, 5, DATA_TYPE_STRING),
 	    KEL_SUCCESS);
 	EXPECT_STREQ(buf, "maxb");
 	char *copy = nullptr;
-	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_props", "kel=a", &copy, -1,
-	              DATA_TYPE_STRING),
+	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_props", "kel=a", &copy, -1, DATA_TYPE_STRING),
 	    KEL_SUCCESS);
 	EXPECT_STREQ(copy, "maxbw=1M");
 	std::free(copy);
 	int status = -1;
-	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_status", "kel=b", &status, 0,
-	              DATA_TYPE_INT32),
+	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_status", "kel=b", &status, 0, DATA_TYPE_INT32),
 	    KEL_SUCCESS);
 	EXPECT_EQ(status, 0);
 
-	EXPECT_EQ(kel_db_set_filtered_value(h_, "kel_tbl", "kel_props", "kel=b", "maxbw=5M",
-	              DATA_TYPE_STRING),
+	EXPECT_EQ(kel_db_set_filtered_value(h_, "kel_tbl", "kel_props", "kel=b", "maxbw=5M", DATA_TYPE_STRING),
 	    KEL_SUCCESS);
 	int rc;
 	EXPECT_EQ(names(h_, "maxbw=5M", &rc), std::vector<std::string>{"b"});
 	// An empty filter updates every row.
 	const int seven = 7;
-	EXPECT_EQ(kel_db_set_filtered_value(h_, "kel_tbl", "kel_status", "", &seven, DATA_TYPE_INT32),
-	    KEL_SUCCESS);
-	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_status", "kel=a", &status, 0,
-	              DATA_TYPE_INT32),
+	EXPECT_EQ(kel_db_set_filtered_value(h_, "kel_tbl", "kel_status", "", &seven, DATA_TYPE_INT32), KEL_SUCCESS);
+	EXPECT_EQ(kel_db_get_filtered_value(h_, "kel_tbl", "kel_status", "kel=a", &status, 0, DATA_TYPE_INT32),
 	    KEL_SUCCESS);
 	EXPECT_EQ(status, 7);
 }
@@ -248,17 +237,16 @@ TEST_F(FilterStore, ExistenceTest)
 {
 	add_kel(1, "a", "t1");
 	add_ipnet(10, 1, "n1", "10.0.0.0/24");
-	EXPECT_TRUE(kel_db_value_exists(h_, "AND", nullptr, "kel_ipnet_view", 2, "kel_tenant_name",
-	    DATA_TYPE_STRING, "t1", "ipnet_name", DATA_TYPE_STRING, "n1"));
-	EXPECT_FALSE(kel_db_value_exists(h_, "AND", nullptr, "kel_ipnet_view", 2, "kel_tenant_name",
-	    DATA_TYPE_STRING, "t2", "ipnet_name", DATA_TYPE_STRING, "n1"));
-	EXPECT_TRUE(kel_db_value_exists(h_, "OR", "=", "kel_tbl", 2, "kel_name", DATA_TYPE_STRING,
-	    "zz", "kel_status", DATA_TYPE_INT32, 0));
-	EXPECT_FALSE(kel_db_value_exists(h_, "XOR", nullptr, "kel_tbl", 2, "kel_name",
-	    DATA_TYPE_STRING, "a", "kel_name", DATA_TYPE_STRING, "a"));
+	EXPECT_TRUE(kel_db_value_exists(h_, "AND", nullptr, "kel_ipnet_view", 2, "kel_tenant_name", DATA_TYPE_STRING,
+	    "t1", "ipnet_name", DATA_TYPE_STRING, "n1"));
+	EXPECT_FALSE(kel_db_value_exists(h_, "AND", nullptr, "kel_ipnet_view", 2, "kel_tenant_name", DATA_TYPE_STRING,
+	    "t2", "ipnet_name", DATA_TYPE_STRING, "n1"));
+	EXPECT_TRUE(kel_db_value_exists(h_, "OR", "=", "kel_tbl", 2, "kel_name", DATA_TYPE_STRING, "zz", "kel_status",
+	    DATA_TYPE_INT32, 0));
+	EXPECT_FALSE(kel_db_value_exists(h_, "XOR", nullptr, "kel_tbl", 2, "kel_name", DATA_TYPE_STRING, "a",
+	    "kel_name", DATA_TYPE_STRING, "a"));
 	EXPECT_FALSE(kel_db_value_exists(h_, "AND", nullptr, "kel_tbl", 0));
-	EXPECT_FALSE(kel_db_value_exists(h_, "AND", nullptr, "no_such_table", 1, "x",
-	    DATA_TYPE_STRING, "y"));
+	EXPECT_FALSE(kel_db_value_exists(h_, "AND", nullptr, "no_such_table", 1, "x", DATA_TYPE_STRING, "y"));
 	EXPECT_TRUE(kel_db_kel_exists(h_, "t1", "a"));
 	EXPECT_TRUE(kel_db_kel_exists(h_, "t1", uuid(1).c_str()));
 	EXPECT_FALSE(kel_db_kel_exists(h_, "sys-global", "a"));

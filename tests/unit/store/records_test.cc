@@ -67,21 +67,21 @@ TEST_F(Records, SwitchListGroupsPortsAndNetworks)
 		const char *want;
 		const char *bound = nullptr;
 	} cases[] = {
-		{"", "k1[p1,p2*|n1]busy k2[p1|n2] lonely[|]", "k1[p2*|n1]busy k2[|n2] lonely[|]"},
-		{"kel=k1", "k1[p1,p2*|n1]busy", "k1[p2*|n1]busy"},
-		{"kel=k2", "k2[p1|n2]", "k2[|n2]"},
-		{"vport=p1", "k1[p1|n1] k2[p1|n2]", "error 43"},	// only matching ports, all networks
-		{"vport=p2", "k1[p2*|n1]busy"},
-		{"ipnet=n1", "k1[p1,p2*|n1]busy", "k1[p2*|n1]busy"},		// all ports of the switch owning n1
-		{"tenant=t2", "lonely[|]"},
-		{"host=host-a", "k1[p2*|n1]busy"},
-		{"vnic=vnic0", "k1[p2*|n1]busy"},
-		{"kel=k1,vport=p9", "error 43"},
-		{"kel=k9,vport=p1", "error 41"},
-		{"vport=p9", "error 43"},
-		{"kel=k9", "error 41"},
-		{"tenant=t2,kel=k1,vport=p9", "error 41"},	// k1 is not t2's
-		{"bogus=1", "error 79"},
+	    {"", "k1[p1,p2*|n1]busy k2[p1|n2] lonely[|]", "k1[p2*|n1]busy k2[|n2] lonely[|]"},
+	    {"kel=k1", "k1[p1,p2*|n1]busy", "k1[p2*|n1]busy"},
+	    {"kel=k2", "k2[p1|n2]", "k2[|n2]"},
+	    {"vport=p1", "k1[p1|n1] k2[p1|n2]", "error 43"},  // only matching ports, all networks
+	    {"vport=p2", "k1[p2*|n1]busy"},
+	    {"ipnet=n1", "k1[p1,p2*|n1]busy", "k1[p2*|n1]busy"},  // all ports of the switch owning n1
+	    {"tenant=t2", "lonely[|]"},
+	    {"host=host-a", "k1[p2*|n1]busy"},
+	    {"vnic=vnic0", "k1[p2*|n1]busy"},
+	    {"kel=k1,vport=p9", "error 43"},
+	    {"kel=k9,vport=p1", "error 41"},
+	    {"vport=p9", "error 43"},
+	    {"kel=k9", "error 41"},
+	    {"tenant=t2,kel=k1,vport=p9", "error 41"},  // k1 is not t2's
+	    {"bogus=1", "error 79"},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.filter);

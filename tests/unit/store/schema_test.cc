@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "fault.h"
 #include <kel/libkel.h>
+#include "fault.h"
 #include "mac_index.h"
 #include "schema.h"
 #include "sql.h"
@@ -95,21 +95,21 @@ TEST_F(SchemaTest, ColumnOrderIsTheFileFormat)
 		const char *table;
 		Rows columns;
 	} cases[] = {
-		{"kel_tbl", {"kel_uuid", "kel_name", "kel_tenant_name", "kel_status", "kel_props",
-		                "kel_vportnum_range"}},
-		{"vport_tbl", {"vport_uuid", "vport_keluuid", "vport_name", "vport_props",
-		                  "vport_status", "vport_vnicname", "vport_hostname"}},
-		{"ipnet_tbl", {"ipnet_uuid", "ipnet_keluuid", "ipnet_name", "ipnet_props", "ipnet_af",
-		                  "ipnet_start_addr", "ipnet_end_addr", "ipnet_avail_range",
-		                  "ipnet_avail_pool_range"}},
-		{"ctrl_tbl", {"ctrl_id", "ctrl_pname", "ctrl_pval", "ctrl_host", "ctrl_vlan_range",
-		                 "ctrl_vxlan_range", "ctrl_flat_range"}},
-		{"misc_tbl", {"misc_id", "misc_name", "misc_value"}},
+	    {"kel_tbl", {"kel_uuid", "kel_name", "kel_tenant_name", "kel_status", "kel_props", "kel_vportnum_range"}},
+	    {"vport_tbl",
+	        {"vport_uuid", "vport_keluuid", "vport_name", "vport_props", "vport_status", "vport_vnicname",
+	            "vport_hostname"}},
+	    {"ipnet_tbl",
+	        {"ipnet_uuid", "ipnet_keluuid", "ipnet_name", "ipnet_props", "ipnet_af", "ipnet_start_addr",
+	            "ipnet_end_addr", "ipnet_avail_range", "ipnet_avail_pool_range"}},
+	    {"ctrl_tbl",
+	        {"ctrl_id", "ctrl_pname", "ctrl_pval", "ctrl_host", "ctrl_vlan_range", "ctrl_vxlan_range",
+	            "ctrl_flat_range"}},
+	    {"misc_tbl", {"misc_id", "misc_name", "misc_value"}},
 	};
 	for (const Case &c : cases) {
 		SCOPED_TRACE(c.table);
-		std::string sql = std::string("SELECT name FROM pragma_table_info('") + c.table +
-		    "') ORDER BY cid";
+		std::string sql = std::string("SELECT name FROM pragma_table_info('") + c.table + "') ORDER BY cid";
 		EXPECT_EQ(query(sql.c_str()), c.columns);
 	}
 	// Beyond the five tables and the two views: the lookup indexes, and the MAC tails'
@@ -127,8 +127,7 @@ TEST_F(SchemaTest, DefaultsApplyToNewRows)
 	ASSERT_EQ(kel_db_create(), KEL_SUCCESS);
 	kel_dbhandle_t h = nullptr;
 	ASSERT_EQ(kel_db_open(&h, SQLITE_OPEN_READWRITE), KEL_SUCCESS);
-	ASSERT_EQ(kel::exec(h->edh_db, "INSERT INTO kel_tbl (kel_uuid, kel_name) VALUES (?, ?)",
-	              {"u1", "k1"}),
+	ASSERT_EQ(kel::exec(h->edh_db, "INSERT INTO kel_tbl (kel_uuid, kel_name) VALUES (?, ?)", {"u1", "k1"}),
 	    KEL_SUCCESS);
 	ASSERT_EQ(kel::exec(h->edh_db,
 	              "INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_keluuid, ipnet_name, ipnet_af, "
@@ -138,8 +137,7 @@ TEST_F(SchemaTest, DefaultsApplyToNewRows)
 	EXPECT_EQ(query("SELECT kel_tenant_name, kel_status, kel_props, kel_vportnum_range "
 	                "FROM kel_tbl"),
 	    Rows{"NULL|0|NULL|0-2147483647"});
-	EXPECT_EQ(query("SELECT ipnet_avail_range, ipnet_avail_pool_range FROM ipnet_tbl"),
-	    Rows{"NULL|"});
+	EXPECT_EQ(query("SELECT ipnet_avail_range, ipnet_avail_pool_range FROM ipnet_tbl"), Rows{"NULL|"});
 	// A switch without ports still shows once in the joined view.
 	EXPECT_EQ(query("SELECT kel_name, vport_uuid FROM kel_vport_view"), Rows{"k1|NULL"});
 }

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "fault.h"
 #include <kel/libkel.h>
+#include "fault.h"
 #include "sql.h"
 #include "statement.h"
 #include "statement_cache.h"
@@ -22,8 +22,8 @@ protected:
 	void SetUp() override
 	{
 		ASSERT_EQ(sqlite3_open(":memory:", &db_), SQLITE_OK);
-		ASSERT_EQ(kel_sqlite3_exec(db_, "%s", 1,
-		              "CREATE TABLE t (id INTEGER PRIMARY KEY, name TEXT, n INTEGER)", 0),
+		ASSERT_EQ(
+		    kel_sqlite3_exec(db_, "%s", 1, "CREATE TABLE t (id INTEGER PRIMARY KEY, name TEXT, n INTEGER)", 0),
 		    KEL_SUCCESS);
 	}
 	void TearDown() override
@@ -36,13 +36,12 @@ protected:
 	std::vector<std::string> rows()
 	{
 		std::vector<std::string> out;
-		int rc = kel::for_each_row(db_, "SELECT id, name, n FROM t ORDER BY id", {},
-		    [&](kel::Statement &st) {
-			    const char *name = st.text(1);
-			    out.push_back(std::to_string(st.integer(0)) + ":" + (name ? name : "-") +
-			        ":" + std::to_string(st.integer(2)));
-			    return KEL_SUCCESS;
-		    });
+		int rc = kel::for_each_row(db_, "SELECT id, name, n FROM t ORDER BY id", {}, [&](kel::Statement &st) {
+			const char *name = st.text(1);
+			out.push_back(std::to_string(st.integer(0)) + ":" + (name ? name : "-") + ":" +
+			    std::to_string(st.integer(2)));
+			return KEL_SUCCESS;
+		});
 		EXPECT_EQ(rc, KEL_SUCCESS);
 		return out;
 	}
@@ -54,11 +53,10 @@ using Rows = std::vector<std::string>;
 
 TEST_F(StatementTest, TypedValuesBindInOrder)
 {
-	ASSERT_EQ(kel_sqlite3_exec(db_, "INSERT INTO %s (id, name, n) VALUES (?, ?, ?)", 1, "t", 3,
-	              DATA_TYPE_INT32, 1, DATA_TYPE_STRING, "one", DATA_TYPE_INT32, -5),
+	ASSERT_EQ(kel_sqlite3_exec(db_, "INSERT INTO %s (id, name, n) VALUES (?, ?, ?)", 1, "t", 3, DATA_TYPE_INT32, 1,
+	              DATA_TYPE_STRING, "one", DATA_TYPE_INT32, -5),
 	    KEL_SUCCESS);
-	ASSERT_EQ(kel::exec(db_, "INSERT INTO t (id, name, n) VALUES (?, ?, ?)", {2, "two", 7}),
-	    KEL_SUCCESS);
+	ASSERT_EQ(kel::exec(db_, "INSERT INTO t (id, name, n) VALUES (?, ?, ?)", {2, "two", 7}), KEL_SUCCESS);
 	EXPECT_EQ(rows(), (Rows{"1:one:-5", "2:two:7"}));
 }
 
@@ -71,8 +69,8 @@ TEST_F(StatementTest, AttributeSetItemsBindByNumberAndKeepThePositionCount)
 
 	sqlite3_stmt *stmt = nullptr;
 	// The set sits between two plain items: they still take positions 1 and 2.
-	ASSERT_EQ(kel_sqlite3_prepare(db_, &stmt, "SELECT ?1, ?2, ?3, ?4", 0, 3, DATA_TYPE_STRING,
-	              "first", DATA_TYPE_ATTRSET, set, DATA_TYPE_STRING, "second"),
+	ASSERT_EQ(kel_sqlite3_prepare(db_, &stmt, "SELECT ?1, ?2, ?3, ?4", 0, 3, DATA_TYPE_STRING, "first",
+	              DATA_TYPE_ATTRSET, set, DATA_TYPE_STRING, "second"),
 	    KEL_SUCCESS);
 	ASSERT_EQ(kel_sqlite3_step(stmt), KEL_E_CONTINUE);
 	EXPECT_STREQ(reinterpret_cast<const char *>(sqlite3_column_text(stmt, 0)), "first");
@@ -97,8 +95,8 @@ TEST_F(StatementTest, AnEmptyValueListBindsNothing)
 
 TEST_F(StatementTest, UpdateMatchingNoRowSucceeds)
 {
-	EXPECT_EQ(kel_sqlite3_exec(db_, "UPDATE t SET n = ? WHERE id = ?", 0, 2, DATA_TYPE_INT32, 1,
-	              DATA_TYPE_INT32, 99),
+	EXPECT_EQ(
+	    kel_sqlite3_exec(db_, "UPDATE t SET n = ? WHERE id = ?", 0, 2, DATA_TYPE_INT32, 1, DATA_TYPE_INT32, 99),
 	    KEL_SUCCESS);
 	EXPECT_EQ(sqlite3_changes(db_), 0);
 }
@@ -112,19 +110,15 @@ TEST_F(StatementTest, ExecSkipsResultRows)
 TEST_F(StatementTest, FailuresCarryTheSqliteCode)
 {
 	sqlite3_stmt *stmt = reinterpret_cast<sqlite3_stmt *>(1);
-	EXPECT_EQ(kel_sqlite3_prepare(db_, &stmt, "SELEC nonsense", 0, 0),
-	    SQLITE_ERROR * 256 + KEL_E_SQL);
+	EXPECT_EQ(kel_sqlite3_prepare(db_, &stmt, "SELEC nonsense", 0, 0), SQLITE_ERROR * 256 + KEL_E_SQL);
 	EXPECT_EQ(stmt, nullptr);
-	EXPECT_EQ(kel_sqlite3_exec(db_, "SELECT * FROM %s", 1, "no_such_table", 0),
-	    SQLITE_ERROR * 256 + KEL_E_SQL);
+	EXPECT_EQ(kel_sqlite3_exec(db_, "SELECT * FROM %s", 1, "no_such_table", 0), SQLITE_ERROR * 256 + KEL_E_SQL);
 
 	ASSERT_EQ(kel::exec(db_, "INSERT INTO t (id) VALUES (?)", {1}), KEL_SUCCESS);
-	EXPECT_EQ(kel::exec(db_, "INSERT INTO t (id) VALUES (?)", {1}),
-	    SQLITE_CONSTRAINT * 256 + KEL_E_SQL);
+	EXPECT_EQ(kel::exec(db_, "INSERT INTO t (id) VALUES (?)", {1}), SQLITE_CONSTRAINT * 256 + KEL_E_SQL);
 	// Binding past the parameters is a bind failure; the statement is left to the caller.
 	stmt = nullptr;
-	EXPECT_EQ(kel_sqlite3_prepare(db_, &stmt, "SELECT ?", 0, 2, DATA_TYPE_INT32, 1,
-	              DATA_TYPE_INT32, 2),
+	EXPECT_EQ(kel_sqlite3_prepare(db_, &stmt, "SELECT ?", 0, 2, DATA_TYPE_INT32, 1, DATA_TYPE_INT32, 2),
 	    SQLITE_RANGE * 256 + KEL_E_SQL);
 	EXPECT_NE(stmt, nullptr);
 	kel_sqlite3_finalize(stmt);
@@ -133,18 +127,15 @@ TEST_F(StatementTest, FailuresCarryTheSqliteCode)
 TEST_F(StatementTest, CallerDataNeverBecomesSql)
 {
 	const char *hostile = "x'); DROP TABLE t; --\"%s%n";
-	ASSERT_EQ(kel::exec(db_, "INSERT INTO t (id, name) VALUES (?, ?)", {1, hostile}),
-	    KEL_SUCCESS);
+	ASSERT_EQ(kel::exec(db_, "INSERT INTO t (id, name) VALUES (?, ?)", {1, hostile}), KEL_SUCCESS);
 	EXPECT_EQ(rows(), (Rows{std::string("1:") + hostile + ":0"}));
 }
 
 TEST_F(StatementTest, FormattedNamesAndClauses)
 {
-	ASSERT_EQ(kel::exec(db_, "INSERT INTO t (id, n) VALUES (1, 10), (2, 20), (3, 30)"),
-	    KEL_SUCCESS);
+	ASSERT_EQ(kel::exec(db_, "INSERT INTO t (id, n) VALUES (1, 10), (2, 20), (3, 30)"), KEL_SUCCESS);
 	int sum = 0;
-	EXPECT_EQ(kel::for_each_row(db_, kel::SqlText("SELECT %s FROM %s %s", "n", "t", "WHERE id > ?"),
-	              {1},
+	EXPECT_EQ(kel::for_each_row(db_, kel::SqlText("SELECT %s FROM %s %s", "n", "t", "WHERE id > ?"), {1},
 	              [&](kel::Statement &st) {
 		              sum += st.integer(0);
 		              return KEL_SUCCESS;
@@ -249,8 +240,7 @@ TEST_F(StatementTest, UnknownTypeTagIsAProgrammingError)
 {
 	GTEST_FLAG_SET(death_test_style, "threadsafe");
 	sqlite3_stmt *stmt = nullptr;
-	EXPECT_DEATH(kel_sqlite3_prepare(db_, &stmt, "SELECT ?", 0, 1, 7, 1),
-	    "file common/libkel_util");
+	EXPECT_DEATH(kel_sqlite3_prepare(db_, &stmt, "SELECT ?", 0, 1, 7, 1), "file common/libkel_util");
 }
 
 }  // namespace

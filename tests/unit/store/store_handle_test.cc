@@ -10,8 +10,8 @@
 #include <iterator>
 #include <string>
 
-#include "fault.h"
 #include <kel/libkel.h>
+#include "fault.h"
 #include "sql.h"
 #include "store_handle.h"
 #include "test_support.h"
@@ -73,8 +73,7 @@ TEST_F(StoreHandle, ReadOnlyHandleCannotWrite)
 	ASSERT_EQ(kel_db_create(), KEL_SUCCESS);
 	kel_dbhandle_t h = nullptr;
 	ASSERT_EQ(kel_db_open(&h, SQLITE_OPEN_READONLY), KEL_SUCCESS);
-	EXPECT_EQ(sqlite3_exec(h->edh_db, "DELETE FROM misc_tbl", nullptr, nullptr, nullptr),
-	    SQLITE_READONLY);
+	EXPECT_EQ(sqlite3_exec(h->edh_db, "DELETE FROM misc_tbl", nullptr, nullptr, nullptr), SQLITE_READONLY);
 	kel_db_close(h);
 }
 
@@ -186,13 +185,13 @@ TEST_F(DamagedStore, IsRefusedToWritersAndLeftAsItIs)
 		std::function<void()> damage;
 		int rc;
 	} cases[] = {
-		{"a newer schema", [&] { outside_sql("UPDATE misc_tbl SET misc_value = '99'"); }, KEL_E_DB_VERSION},
-		{"no version", [&] { outside_sql("DELETE FROM misc_tbl WHERE misc_name = 'db-version'"); }, kCorrupt},
-		{"a version that is no number", [&] { outside_sql("UPDATE misc_tbl SET misc_value = 'three'"); }, kCorrupt},
-		{"no version table", [&] { outside_sql("DROP TABLE misc_tbl"); }, kNotAStore},
-		{"a page in the middle overwritten", [&] { outside_bytes(page_of("kel_name_idx")); }, kCorrupt},
-		{"a table's page overwritten", [&] { outside_bytes(page_of("kel_tbl")); }, kCorrupt},
-		{"the file's header overwritten", [&] { outside_bytes(0); }, kNotAStore},
+	    {"a newer schema", [&] { outside_sql("UPDATE misc_tbl SET misc_value = '99'"); }, KEL_E_DB_VERSION},
+	    {"no version", [&] { outside_sql("DELETE FROM misc_tbl WHERE misc_name = 'db-version'"); }, kCorrupt},
+	    {"a version that is no number", [&] { outside_sql("UPDATE misc_tbl SET misc_value = 'three'"); }, kCorrupt},
+	    {"no version table", [&] { outside_sql("DROP TABLE misc_tbl"); }, kNotAStore},
+	    {"a page in the middle overwritten", [&] { outside_bytes(page_of("kel_name_idx")); }, kCorrupt},
+	    {"a table's page overwritten", [&] { outside_bytes(page_of("kel_tbl")); }, kCorrupt},
+	    {"the file's header overwritten", [&] { outside_bytes(0); }, kNotAStore},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.what);

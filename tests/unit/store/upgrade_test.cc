@@ -5,8 +5,8 @@
 #include <fstream>
 #include <string>
 
-#include "fault.h"
 #include <kel/libkel.h>
+#include "fault.h"
 #include "sql.h"
 #include "store_handle.h"
 #include "test_support.h"
@@ -15,37 +15,37 @@ namespace {
 
 // The version-1 layout: no pool columns, no per-port ranges, NULL hosts.
 const char *const kVersion1[] = {
-	"CREATE TABLE kel_tbl (kel_uuid CHAR(36) PRIMARY KEY NOT NULL, kel_name CHAR(128) NOT NULL, "
-	"kel_tenant_name CHAR(128) DEFAULT NULL, kel_status INTEGER DEFAULT 0, kel_props VARCHAR "
-	"DEFAULT NULL, kel_vportnum_range VARCHAR DEFAULT '0-2147483647')",
-	"CREATE TABLE vport_tbl (vport_uuid CHAR(36) PRIMARY KEY NOT NULL, vport_keluuid CHAR(36) NOT "
-	"NULL, vport_name CHAR(128) NOT NULL, vport_props VARCHAR DEFAULT NULL, vport_status INTEGER "
-	"DEFAULT 0, vport_vnicname CHAR(32) DEFAULT NULL, vport_hostname CHAR(1024) DEFAULT NULL)",
-	"CREATE TABLE ipnet_tbl (ipnet_uuid CHAR(36) PRIMARY KEY NOT NULL, ipnet_keluuid CHAR(36) NOT "
-	"NULL, ipnet_name CHAR(128) NOT NULL, ipnet_props VARCHAR DEFAULT NULL, ipnet_af INTEGER NOT "
-	"NULL, ipnet_start_addr CHAR(50) NOT NULL, ipnet_end_addr CHAR(50) NOT NULL, "
-	"ipnet_avail_range VARCHAR DEFAULT NULL)",
-	"CREATE TABLE ctrl_tbl (ctrl_id INTEGER PRIMARY KEY ASC AUTOINCREMENT, ctrl_pname CHAR(128) NOT "
-	"NULL, ctrl_pval VARCHAR DEFAULT NULL, ctrl_host CHAR(256) DEFAULT NULL)",
-	"INSERT INTO ctrl_tbl (ctrl_pname, ctrl_pval) VALUES ('l2-type', 'vlan'), ('uplink-port', "
-	"'net0'), ('vlan-range', '100-199'), ('vlan-range-avail', '101-199'), ('vxlan-addr', "
-	"'0.0.0.0'), ('vxlan-ipvers', 'v4'), ('vxlan-mgroup', '0.0.0.0'), ('vxlan-range', ''), "
-	"('vxlan-range-avail', '')",
-	"CREATE TABLE misc_tbl (misc_id INTEGER PRIMARY KEY ASC AUTOINCREMENT, misc_name CHAR(128) NOT "
-	"NULL, misc_value VARCHAR DEFAULT NULL)",
-	"INSERT INTO misc_tbl (misc_name, misc_value) VALUES ('db-version', '1')",
-	"CREATE VIEW kel_vport_view AS SELECT * FROM kel_tbl LEFT JOIN vport_tbl ON kel_uuid = vport_keluuid",
-	"CREATE VIEW kel_ipnet_view AS SELECT * FROM kel_tbl LEFT JOIN ipnet_tbl ON kel_uuid = ipnet_keluuid",
-	"INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) VALUES "
-	"('00000000-0000-4000-8000-000000000001', 'web', 'sys-global', 'vlanid=100,l2-type=vlan')",
-	"INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props) VALUES "
-	"('00000000-0000-4000-8000-000000000002', '00000000-0000-4000-8000-000000000001', 'p1', "
-	"'ipaddr=192.168.0.2')",
-	"INSERT INTO ipnet_tbl VALUES ('00000000-0000-4000-8000-000000000003', "
-	"'00000000-0000-4000-8000-000000000001', 'n1', "
-	"'defrouter=192.168.0.1,subnet=192.168.0.0/24', 2, '192.168.0.1', '192.168.0.254', "
-	"'192.168.0.3-192.168.0.254')",
-	nullptr,
+    "CREATE TABLE kel_tbl (kel_uuid CHAR(36) PRIMARY KEY NOT NULL, kel_name CHAR(128) NOT NULL, "
+    "kel_tenant_name CHAR(128) DEFAULT NULL, kel_status INTEGER DEFAULT 0, kel_props VARCHAR "
+    "DEFAULT NULL, kel_vportnum_range VARCHAR DEFAULT '0-2147483647')",
+    "CREATE TABLE vport_tbl (vport_uuid CHAR(36) PRIMARY KEY NOT NULL, vport_keluuid CHAR(36) NOT "
+    "NULL, vport_name CHAR(128) NOT NULL, vport_props VARCHAR DEFAULT NULL, vport_status INTEGER "
+    "DEFAULT 0, vport_vnicname CHAR(32) DEFAULT NULL, vport_hostname CHAR(1024) DEFAULT NULL)",
+    "CREATE TABLE ipnet_tbl (ipnet_uuid CHAR(36) PRIMARY KEY NOT NULL, ipnet_keluuid CHAR(36) NOT "
+    "NULL, ipnet_name CHAR(128) NOT NULL, ipnet_props VARCHAR DEFAULT NULL, ipnet_af INTEGER NOT "
+    "NULL, ipnet_start_addr CHAR(50) NOT NULL, ipnet_end_addr CHAR(50) NOT NULL, "
+    "ipnet_avail_range VARCHAR DEFAULT NULL)",
+    "CREATE TABLE ctrl_tbl (ctrl_id INTEGER PRIMARY KEY ASC AUTOINCREMENT, ctrl_pname CHAR(128) NOT "
+    "NULL, ctrl_pval VARCHAR DEFAULT NULL, ctrl_host CHAR(256) DEFAULT NULL)",
+    "INSERT INTO ctrl_tbl (ctrl_pname, ctrl_pval) VALUES ('l2-type', 'vlan'), ('uplink-port', "
+    "'net0'), ('vlan-range', '100-199'), ('vlan-range-avail', '101-199'), ('vxlan-addr', "
+    "'0.0.0.0'), ('vxlan-ipvers', 'v4'), ('vxlan-mgroup', '0.0.0.0'), ('vxlan-range', ''), "
+    "('vxlan-range-avail', '')",
+    "CREATE TABLE misc_tbl (misc_id INTEGER PRIMARY KEY ASC AUTOINCREMENT, misc_name CHAR(128) NOT "
+    "NULL, misc_value VARCHAR DEFAULT NULL)",
+    "INSERT INTO misc_tbl (misc_name, misc_value) VALUES ('db-version', '1')",
+    "CREATE VIEW kel_vport_view AS SELECT * FROM kel_tbl LEFT JOIN vport_tbl ON kel_uuid = vport_keluuid",
+    "CREATE VIEW kel_ipnet_view AS SELECT * FROM kel_tbl LEFT JOIN ipnet_tbl ON kel_uuid = ipnet_keluuid",
+    "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) VALUES "
+    "('00000000-0000-4000-8000-000000000001', 'web', 'sys-global', 'vlanid=100,l2-type=vlan')",
+    "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props) VALUES "
+    "('00000000-0000-4000-8000-000000000002', '00000000-0000-4000-8000-000000000001', 'p1', "
+    "'ipaddr=192.168.0.2')",
+    "INSERT INTO ipnet_tbl VALUES ('00000000-0000-4000-8000-000000000003', "
+    "'00000000-0000-4000-8000-000000000001', 'n1', "
+    "'defrouter=192.168.0.1,subnet=192.168.0.0/24', 2, '192.168.0.1', '192.168.0.254', "
+    "'192.168.0.3-192.168.0.254')",
+    nullptr,
 };
 
 class Upgrade : public kel::test::ScratchRoot {
@@ -121,8 +121,8 @@ TEST_F(Upgrade, FromVersionTwoAndWithoutNetworks)
 	ASSERT_EQ(sqlite3_open(db_path().c_str(), &db), SQLITE_OK);
 	for (const char *stmt : {"ALTER TABLE ipnet_tbl ADD ipnet_avail_pool_range VARCHAR DEFAULT ''",
 	         "ALTER TABLE ctrl_tbl ADD ctrl_vlan_range VARCHAR DEFAULT ''",
-	         "ALTER TABLE ctrl_tbl ADD ctrl_vxlan_range VARCHAR DEFAULT ''",
-	         "UPDATE ctrl_tbl SET ctrl_host = ''", "UPDATE misc_tbl SET misc_value = '2'"})
+	         "ALTER TABLE ctrl_tbl ADD ctrl_vxlan_range VARCHAR DEFAULT ''", "UPDATE ctrl_tbl SET ctrl_host = ''",
+	         "UPDATE misc_tbl SET misc_value = '2'"})
 		ASSERT_EQ(kel::exec(db, stmt), KEL_SUCCESS);
 	sqlite3_close(db);
 	ASSERT_EQ(kel_db_upgrade(), KEL_SUCCESS);
@@ -136,12 +136,12 @@ TEST_F(Upgrade, StoresItCannotUpgradeStayUntouched)
 		const char *version;
 		int rc;
 	} cases[] = {
-		{"UPDATE misc_tbl SET misc_value = '4'", KEL_E_DB_VERSION},
-		// No version to upgrade from: a damaged store, as a write handle finds it.
-		{"DELETE FROM misc_tbl", SQLITE_CORRUPT * 256 + KEL_E_SQL},
-		{"UPDATE misc_tbl SET misc_value = 'one'", SQLITE_CORRUPT * 256 + KEL_E_SQL},
-		{"UPDATE misc_tbl SET misc_value = '0'", SQLITE_CORRUPT * 256 + KEL_E_SQL},
-		{"DROP TABLE misc_tbl", SQLITE_NOTADB * 256 + KEL_E_SQL},
+	    {"UPDATE misc_tbl SET misc_value = '4'", KEL_E_DB_VERSION},
+	    // No version to upgrade from: a damaged store, as a write handle finds it.
+	    {"DELETE FROM misc_tbl", SQLITE_CORRUPT * 256 + KEL_E_SQL},
+	    {"UPDATE misc_tbl SET misc_value = 'one'", SQLITE_CORRUPT * 256 + KEL_E_SQL},
+	    {"UPDATE misc_tbl SET misc_value = '0'", SQLITE_CORRUPT * 256 + KEL_E_SQL},
+	    {"DROP TABLE misc_tbl", SQLITE_NOTADB * 256 + KEL_E_SQL},
 	};
 	for (const auto &c : cases) {
 		SCOPED_TRACE(c.version);
@@ -156,12 +156,14 @@ TEST_F(Upgrade, AFailedUpgradeRollsBack)
 {
 	make_store(kVersion1);
 	// Fail each statement of the upgrade in turn; the store must stay at version 1.
-	const int statements = kel::test::for_each_failing_statement(kel_db_upgrade,
+	const int statements = kel::test::for_each_failing_statement(
+	    kel_db_upgrade,
 	    [&](int, int rc) {
 		    EXPECT_NE(rc, KEL_SUCCESS);
 		    EXPECT_EQ(value("SELECT misc_value FROM misc_tbl"), "1");
 		    EXPECT_EQ(value("SELECT count(*) FROM pragma_table_info('ctrl_tbl')"), "4");
-		    EXPECT_EQ(value("SELECT ipnet_props FROM ipnet_tbl"), "defrouter=192.168.0.1,subnet=192.168.0.0/24");
+		    EXPECT_EQ(value("SELECT ipnet_props FROM ipnet_tbl"),
+		        "defrouter=192.168.0.1,subnet=192.168.0.0/24");
 	    },
 	    SQLITE_IOERR * 256 + KEL_E_SQL, 100);
 	EXPECT_GE(statements, 10);

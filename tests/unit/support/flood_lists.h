@@ -8,8 +8,7 @@
 
 namespace kel::test {
 
-inline wexo_status_t get_flood(wexo_handle_t h, datalink_id_t id, std::string *local,
-    std::vector<std::string> *remotes)
+inline wexo_status_t get_flood(wexo_handle_t h, datalink_id_t id, std::string *local, std::vector<std::string> *remotes)
 {
 	wexo_flood_t flood;
 	const wexo_status_t st = wexo_vxlan_get_flood(h, id, &flood);

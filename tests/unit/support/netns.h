@@ -16,8 +16,7 @@ namespace kel::test {
 
 class NetNs {
 public:
-	explicit NetNs(const std::string &tag)
-	    : name_("kelt" + std::to_string(getpid()) + tag)
+	explicit NetNs(const std::string &tag) : name_("kelt" + std::to_string(getpid()) + tag)
 	{
 		ok_ = run("ip netns add " + name_);
 	}
@@ -33,10 +32,7 @@ public:
 	const std::string &name() const { return name_; }
 
 	// Runs a shell command; true when it exits 0.
-	static bool run(const std::string &cmd)
-	{
-		return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0;
-	}
+	static bool run(const std::string &cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()) == 0; }
 	// Runs `cmd` inside the namespace.
 	bool exec(const std::string &cmd) const { return run("ip netns exec " + name_ + " " + cmd); }
 
@@ -61,8 +57,7 @@ private:
 // Processes it forks (commands, children) start in that namespace too.
 class InNetNs {
 public:
-	explicit InNetNs(const NetNs &ns)
-	    : home_(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC))
+	explicit InNetNs(const NetNs &ns) : home_(open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC))
 	{
 		const int fd = open(("/run/netns/" + ns.name()).c_str(), O_RDONLY | O_CLOEXEC);
 		entered_ = home_ != -1 && fd != -1 && setns(fd, CLONE_NEWNET) == 0;
@@ -91,7 +86,8 @@ private:
 // all of it was done.
 inline bool fabric_vnic(const NetNs &ns, const std::string &name, const std::string &lower, const std::string &mac)
 {
-	if (!ns.exec("ip link show " + lower) && !ns.exec("ip link add " + lower + " type veth peer name " + lower + "p"))
+	if (!ns.exec("ip link show " + lower) &&
+	    !ns.exec("ip link add " + lower + " type veth peer name " + lower + "p"))
 		return false;
 	if (!ns.exec("ip link set " + lower + " up") ||
 	    !ns.exec("ip link add " + name + " address " + mac + " link " + lower + " type macvlan mode bridge") ||
@@ -100,7 +96,8 @@ inline bool fabric_vnic(const NetNs &ns, const std::string &name, const std::str
 	return ns.inside([&] {
 		wexo_handle_t h = nullptr;
 		datalink_id_t id = 0;
-		const bool ok = wexo_open(&h) == WEXO_STATUS_OK && wexo_name2info(h, lower.c_str(), &id, nullptr) == WEXO_STATUS_OK &&
+		const bool ok = wexo_open(&h) == WEXO_STATUS_OK &&
+		    wexo_name2info(h, lower.c_str(), &id, nullptr) == WEXO_STATUS_OK &&
 		    wexo_vnic_own(h, name.c_str(), mac.c_str(), id, nullptr) == WEXO_STATUS_OK;
 		wexo_close(h);
 		return ok ? 0 : 1;

@@ -22,7 +22,7 @@ inline nuq::Dispatcher test_dispatcher()
 		if (!keys.contains("name")) {
 			if (strict)
 				return false;
-			*found = {{"name", "a"}};	// the first object matches no key at all
+			*found = {{"name", "a"}};  // the first object matches no key at all
 			return true;
 		}
 		const std::string name = keys["name"];

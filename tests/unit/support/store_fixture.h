@@ -36,8 +36,7 @@ protected:
 		return buf;
 	}
 
-	void add_kel(int id, const char *name, const char *tenant = "sys-global",
-	    const char *props = "")
+	void add_kel(int id, const char *name, const char *tenant = "sys-global", const char *props = "")
 	{
 		ASSERT_EQ(kel::exec(h_->edh_db,
 		              "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
@@ -56,8 +55,7 @@ protected:
 		    KEL_SUCCESS);
 	}
 
-	void add_ipnet(int id, int kel, const char *name, const char *subnet,
-	    const char *avail = "10.0.0.2-10.0.0.254")
+	void add_ipnet(int id, int kel, const char *name, const char *subnet, const char *avail = "10.0.0.2-10.0.0.254")
 	{
 		const std::string props = std::string("subnet=") + subnet;
 		ASSERT_EQ(kel::exec(h_->edh_db,
@@ -82,15 +80,12 @@ protected:
 			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", p, nullptr, nullptr, 0), KEL_SUCCESS);
 	}
 
-	void sql(const std::string &statement)
-	{
-		ASSERT_EQ(kel::exec(h_->edh_db, statement.c_str()), KEL_SUCCESS);
-	}
+	void sql(const std::string &statement) { ASSERT_EQ(kel::exec(h_->edh_db, statement.c_str()), KEL_SUCCESS); }
 
 	void set_ctrl(const char *pname, const char *value)
 	{
-		ASSERT_EQ(kel::exec(h_->edh_db, "UPDATE ctrl_tbl SET ctrl_pval = ? WHERE ctrl_pname = ?",
-		              {value, pname}),
+		ASSERT_EQ(
+		    kel::exec(h_->edh_db, "UPDATE ctrl_tbl SET ctrl_pval = ? WHERE ctrl_pname = ?", {value, pname}),
 		    KEL_SUCCESS);
 	}
 
@@ -101,7 +96,7 @@ protected:
 		EXPECT_EQ(kel::for_each_row(h_->edh_db, sql.c_str(), values,
 		              [&](kel::Statement &st) {
 			              out = st.text(0) ? st.text(0) : "<null>";
-			              return KEL_E_EXISTS;	// the first row is enough
+			              return KEL_E_EXISTS;  // the first row is enough
 		              }),
 		    KEL_E_EXISTS);
 		return out;
@@ -130,10 +125,7 @@ protected:
 		return out;
 	}
 
-	int rows(const char *table)
-	{
-		return std::stoi(value(std::string("SELECT count(*) FROM ") + table));
-	}
+	int rows(const char *table) { return std::stoi(value(std::string("SELECT count(*) FROM ") + table)); }
 
 	kel_dbhandle_t h_ = nullptr;
 };

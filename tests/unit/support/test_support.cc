@@ -1,7 +1,7 @@
 #include "test_support.h"
 
-#include "fault.h"
 #include <kel/libkel.h>
+#include "fault.h"
 #include "nuq_uri.h"
 #include "paths.h"
 
@@ -35,8 +35,8 @@ void ScratchRoot::TearDown()
 	std::filesystem::remove_all(root_);
 }
 
-int for_each_failing_statement(const std::function<int()> &op,
-    const std::function<void(int nth, int rc)> &after, int code, int limit)
+int for_each_failing_statement(const std::function<int()> &op, const std::function<void(int nth, int rc)> &after,
+    int code, int limit)
 {
 	for (int nth = 1; nth <= limit; nth++) {
 		kel::fault::fail_nth_statement(nth, code);
@@ -78,8 +78,7 @@ bool blocked_on_lock(pid_t pid)
 	// The store's locks belong to open files, not processes, so /proc/locks does not
 	// name the waiter; a thread of `pid` sitting in fcntl(fd, F_OFD_SETLKW, ...) does.
 	std::error_code ec;
-	for (const auto &task : std::filesystem::directory_iterator(
-	         "/proc/" + std::to_string(pid) + "/task", ec)) {
+	for (const auto &task : std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task", ec)) {
 		std::ifstream in(task.path() / "syscall");
 		long nr = -1;
 		std::string fd, cmd;

@@ -1,9 +1,9 @@
 // Shared helpers for the unit tests.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/types.h>
 #include <unistd.h>
+#include <gtest/gtest.h>
 
 #include <functional>
 #include <string>
@@ -31,8 +31,8 @@ private:
 // Runs `op` with its nth store statement failing with `code`, for n = 1, 2, ... until a
 // run no longer reaches the failure; `after(nth, rc)` checks what each failed run left.
 // Returns how many runs the failure reached; the clean last run must succeed.
-int for_each_failing_statement(const std::function<int()> &op,
-    const std::function<void(int nth, int rc)> &after, int code, int limit = 200);
+int for_each_failing_statement(const std::function<int()> &op, const std::function<void(int nth, int rc)> &after,
+    int code, int limit = 200);
 
 // The exit status of child `pid`, or -1 if it did not exit normally.
 int wait_exit(pid_t pid);
