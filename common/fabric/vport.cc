@@ -346,17 +346,19 @@ extern "C" {
 
 boolean_t kel_db_vport_exists(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport) noexcept
 {
-	if (h == nullptr || kel == nullptr || vport == nullptr)
-		return B_FALSE;
-	boolean_t kel_uuid = B_FALSE, vport_uuid = B_FALSE;
-	(void)kel_parse_name(kel, &kel_uuid);
-	(void)kel_parse_name(vport, &vport_uuid);
-	kel::StoreLock lock(h);
-	if (lock.status() != KEL_SUCCESS)
-		return B_FALSE;
-	return kel_db_value_exists(h, "AND", "=", "kel_vport_view", 3, "kel_tenant_name", DATA_TYPE_STRING, tenant,
-	    kel_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, kel, vport_uuid ? "vport_uuid" : "vport_name",
-	    DATA_TYPE_STRING, vport);
+	return kel::c_boundary_as<boolean_t>(B_FALSE, B_FALSE, [&] {
+		if (h == nullptr || kel == nullptr || vport == nullptr)
+			return B_FALSE;
+		boolean_t kel_uuid = B_FALSE, vport_uuid = B_FALSE;
+		(void)kel_parse_name(kel, &kel_uuid);
+		(void)kel_parse_name(vport, &vport_uuid);
+		kel::StoreLock lock(h);
+		if (lock.status() != KEL_SUCCESS)
+			return B_FALSE;
+		return kel_db_value_exists(h, "AND", "=", "kel_vport_view", 3, "kel_tenant_name", DATA_TYPE_STRING,
+		    tenant, kel_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, kel,
+		    vport_uuid ? "vport_uuid" : "vport_name", DATA_TYPE_STRING, vport);
+	});
 }
 
 int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
@@ -393,33 +395,37 @@ int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, co
 
 int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name) noexcept
 {
-	if (h == nullptr || name == nullptr)
-		return KEL_E_INVALID_ARGS;
-	// The number and the port commit together (inside a binding, with the binding).
-	kel::WriteScope write(h);
-	int rc = write.begin();
-	if (rc == KEL_SUCCESS)
-		rc = kel_db_get_next_sysvportname(h, tenant, kel, name, KEL_NAME_LEN);
-	if (rc != KEL_SUCCESS)
-		return rc;
-	rc = kel_db_add_vport(h, tenant, kel, name, nullptr, nullptr, KEL_NAME_DASH_OK);
-	if (rc != KEL_SUCCESS)
-		(void)kel_db_free_sysvportname(h, tenant, kel, name);
-	return rc != KEL_SUCCESS ? rc : write.commit();
+	return kel::c_boundary([&] {
+		if (h == nullptr || name == nullptr)
+			return KEL_E_INVALID_ARGS;
+		// The number and the port commit together (inside a binding, with the binding).
+		kel::WriteScope write(h);
+		int rc = write.begin();
+		if (rc == KEL_SUCCESS)
+			rc = kel_db_get_next_sysvportname(h, tenant, kel, name, KEL_NAME_LEN);
+		if (rc != KEL_SUCCESS)
+			return rc;
+		rc = kel_db_add_vport(h, tenant, kel, name, nullptr, nullptr, KEL_NAME_DASH_OK);
+		if (rc != KEL_SUCCESS)
+			(void)kel_db_free_sysvportname(h, tenant, kel, name);
+		return rc != KEL_SUCCESS ? rc : write.commit();
+	});
 }
 
 int kel_db_remove_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name) noexcept
 {
-	if (h == nullptr || name == nullptr)
-		return KEL_E_INVALID_ARGS;
-	// The port goes and its number comes back in one transaction.
-	kel::WriteScope write(h);
-	int rc = write.begin();
-	if (rc == KEL_SUCCESS &&
-	    (rc = kel_db_remove_vport(h, tenant, kel, name, nullptr, KEL_SYSTEM_VPORT_OK)) == KEL_SUCCESS &&
-	    (rc = kel_db_free_sysvportname(h, tenant, kel, name)) == KEL_SUCCESS)
-		rc = write.commit();
-	return rc;
+	return kel::c_boundary([&] {
+		if (h == nullptr || name == nullptr)
+			return KEL_E_INVALID_ARGS;
+		// The port goes and its number comes back in one transaction.
+		kel::WriteScope write(h);
+		int rc = write.begin();
+		if (rc == KEL_SUCCESS &&
+		    (rc = kel_db_remove_vport(h, tenant, kel, name, nullptr, KEL_SYSTEM_VPORT_OK)) == KEL_SUCCESS &&
+		    (rc = kel_db_free_sysvportname(h, tenant, kel, name)) == KEL_SUCCESS)
+			rc = write.commit();
+		return rc;
+	});
 }
 
 }  // extern "C"

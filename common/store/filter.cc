@@ -1,4 +1,5 @@
 #include "filter.h"
+#include "c_boundary.h"
 
 #include <cstdarg>
 #include <cstdlib>
@@ -459,20 +460,23 @@ extern "C" {
 
 int kel_validate_filterstr(const char *filter, kel_type_t type, kel_proptype_t proptype) noexcept
 {
-	if (filter == nullptr || *filter == '\0')
+	return kel::c_boundary([&] {
+		if (filter == nullptr || *filter == '\0')
+			return KEL_SUCCESS;
+		attrset_t *parsed = nullptr;
+		int rc = kel_str2attrset(filter, &parsed, B_TRUE, 0);
+		if (rc != KEL_SUCCESS)
+			return rc;
+		AttrSetPtr set(parsed);
+		for (attrset_entry_t *e = attrset_next_entry(set.get(), nullptr); e != nullptr;
+		     e = attrset_next_entry(set.get(), e)) {
+			const char *name = attrset_entry_name(e);
+			if (kel_get_prop_entry(name, proptype).ep_pname == nullptr &&
+			    !kel_is_compatible_filter(name, type))
+				return KEL_E_INVALID_FILTER;
+		}
 		return KEL_SUCCESS;
-	attrset_t *parsed = nullptr;
-	int rc = kel_str2attrset(filter, &parsed, B_TRUE, 0);
-	if (rc != KEL_SUCCESS)
-		return rc;
-	AttrSetPtr set(parsed);
-	for (attrset_entry_t *e = attrset_next_entry(set.get(), nullptr); e != nullptr;
-	     e = attrset_next_entry(set.get(), e)) {
-		const char *name = attrset_entry_name(e);
-		if (kel_get_prop_entry(name, proptype).ep_pname == nullptr && !kel_is_compatible_filter(name, type))
-			return KEL_E_INVALID_FILTER;
-	}
-	return KEL_SUCCESS;
+	});
 }
 
 void kel_filterstr2regex(char *text) noexcept

@@ -250,43 +250,49 @@ int kel_db_get_filtered_kellist(kel_dbhandle_t h, const char *filter, list_t *ou
 
 int kel_db_get_kellist(kel_dbhandle_t h, const char *tenant, const char *name, list_t *out, uint32_t flags) noexcept
 {
-	if (name == nullptr)
-		return KEL_E_INVALID_NAME;
-	char filter[KEL_FILTER_LEN];
-	int rc = kel::names_filter(filter, any_if_empty(tenant), name);
-	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_kellist(h, filter, out, flags);
+	return kel::c_boundary([&] {
+		if (name == nullptr)
+			return KEL_E_INVALID_NAME;
+		char filter[KEL_FILTER_LEN];
+		int rc = kel::names_filter(filter, any_if_empty(tenant), name);
+		return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_kellist(h, filter, out, flags);
+	});
 }
 
 int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport, kel_t **out) noexcept
 {
-	if (out == nullptr)
-		return KEL_E_INVALID_ARGS;
-	*out = nullptr;
-	if (tenant == nullptr || kel == nullptr || vport == nullptr)
-		return KEL_E_INVALID_NAME;
-	char filter[KEL_FILTER_LEN];
-	int rc = kel::names_filter(filter, tenant, kel, "vport", vport);
-	kel::RecordList<kel_t> kels;
-	if (rc == KEL_SUCCESS)
-		rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); });
-	if (rc != KEL_SUCCESS)
-		return rc;
-	// Names are unique per tenant and switch: one switch with one port came back.
-	*out = kels.take(kels.front());
-	return KEL_SUCCESS;
+	return kel::c_boundary([&] {
+		if (out == nullptr)
+			return KEL_E_INVALID_ARGS;
+		*out = nullptr;
+		if (tenant == nullptr || kel == nullptr || vport == nullptr)
+			return KEL_E_INVALID_NAME;
+		char filter[KEL_FILTER_LEN];
+		int rc = kel::names_filter(filter, tenant, kel, "vport", vport);
+		kel::RecordList<kel_t> kels;
+		if (rc == KEL_SUCCESS)
+			rc = kels.read([&](list_t *l) { return kel_db_get_filtered_kellist(h, filter, l, 0); });
+		if (rc != KEL_SUCCESS)
+			return rc;
+		// Names are unique per tenant and switch: one switch with one port came back.
+		*out = kels.take(kels.front());
+		return KEL_SUCCESS;
+	});
 }
 
 boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name) noexcept
 {
-	if (h == nullptr || name == nullptr)
-		return B_FALSE;
-	boolean_t is_uuid = B_FALSE;
-	(void)kel_parse_name(name, &is_uuid);
-	kel::StoreLock lock(h);
-	if (lock.status() != KEL_SUCCESS)
-		return B_FALSE;
-	return kel_db_value_exists(h, "AND", "=", "kel_tbl", 2, "kel_tenant_name", DATA_TYPE_STRING, tenant,
-	    is_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, name);
+	return kel::c_boundary_as<boolean_t>(B_FALSE, B_FALSE, [&] {
+		if (h == nullptr || name == nullptr)
+			return B_FALSE;
+		boolean_t is_uuid = B_FALSE;
+		(void)kel_parse_name(name, &is_uuid);
+		kel::StoreLock lock(h);
+		if (lock.status() != KEL_SUCCESS)
+			return B_FALSE;
+		return kel_db_value_exists(h, "AND", "=", "kel_tbl", 2, "kel_tenant_name", DATA_TYPE_STRING, tenant,
+		    is_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, name);
+	});
 }
 
 int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) noexcept
@@ -321,17 +327,20 @@ int kel_db_get_filtered_ipnetlist(kel_dbhandle_t h, const char *filter, list_t *
 int kel_db_get_ipnetlist(kel_dbhandle_t h, const char *tenant, const char *kel, const char *ipnet, list_t *out,
     uint32_t flags) noexcept
 {
-	if (out == nullptr)
-		return KEL_E_INVALID_ARGS;
-	char filter[KEL_FILTER_LEN];
-	int rc = kel::names_filter(filter, any_if_empty(tenant), any_if_empty(kel), "ipnet", any_if_empty(ipnet));
-	// This reader's names have always been checked as the filter's values are, and its
-	// callers are told KEL_E_INVALID_ARGS for one that is not a name. The check is made
-	// before the filter is composed all the same: a comma in a name would add an
-	// alternative to it.
-	if (rc == KEL_E_INVALID_NAME)
-		return KEL_E_INVALID_ARGS;
-	return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_ipnetlist(h, filter, out, flags);
+	return kel::c_boundary([&] {
+		if (out == nullptr)
+			return KEL_E_INVALID_ARGS;
+		char filter[KEL_FILTER_LEN];
+		int rc = kel::names_filter(filter, any_if_empty(tenant), any_if_empty(kel), "ipnet",
+		    any_if_empty(ipnet));
+		// This reader's names have always been checked as the filter's values are, and its
+		// callers are told KEL_E_INVALID_ARGS for one that is not a name. The check is made
+		// before the filter is composed all the same: a comma in a name would add an
+		// alternative to it.
+		if (rc == KEL_E_INVALID_NAME)
+			return KEL_E_INVALID_ARGS;
+		return rc != KEL_SUCCESS ? rc : kel_db_get_filtered_ipnetlist(h, filter, out, flags);
+	});
 }
 
 }  // extern "C"

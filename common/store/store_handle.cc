@@ -51,26 +51,28 @@ extern "C" {
 
 int kel_db_open(kel_dbhandle_t *handlep, int flags) noexcept
 {
-	if (handlep == nullptr)
-		return KEL_E_INVALID_ARGS;
-	kel_dbhandle_t edh = nullptr;
-	int rc = kel::open_store(&edh, flags);
-	// A store that may not be written is refused here, where its opener can say which
-	// store it is, rather than at its first change. While another process holds the
-	// lock, the first lock of an operation makes the same check instead of waiting here.
-	if (rc == KEL_SUCCESS && (flags & SQLITE_OPEN_READWRITE) != 0) {
-		rc = kel::try_lock(edh);
-		if (rc == KEL_SUCCESS)
-			kel_unlock(edh);
-		else if (rc == kel::sys_error(EAGAIN) || rc == kel::sys_error(EACCES))
-			rc = KEL_SUCCESS;
-		if (rc != KEL_SUCCESS) {
-			kel_db_close(edh);
-			edh = nullptr;
+	return kel::c_boundary([&] {
+		if (handlep == nullptr)
+			return KEL_E_INVALID_ARGS;
+		kel_dbhandle_t edh = nullptr;
+		int rc = kel::open_store(&edh, flags);
+		// A store that may not be written is refused here, where its opener can say which
+		// store it is, rather than at its first change. While another process holds the
+		// lock, the first lock of an operation makes the same check instead of waiting here.
+		if (rc == KEL_SUCCESS && (flags & SQLITE_OPEN_READWRITE) != 0) {
+			rc = kel::try_lock(edh);
+			if (rc == KEL_SUCCESS)
+				kel_unlock(edh);
+			else if (rc == kel::sys_error(EAGAIN) || rc == kel::sys_error(EACCES))
+				rc = KEL_SUCCESS;
+			if (rc != KEL_SUCCESS) {
+				kel_db_close(edh);
+				edh = nullptr;
+			}
 		}
-	}
-	*handlep = edh;
-	return rc;
+		*handlep = edh;
+		return rc;
+	});
 }
 
 void kel_db_close(kel_dbhandle_t edh) noexcept

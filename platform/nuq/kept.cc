@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <mutex>
+#include <new>
 #include <vector>
 
 #include "nuq_errors.h"
@@ -154,19 +155,25 @@ void KeptConnection::give_back()
 		nuq_disconnect(conn);
 		return;
 	}
+	// Giving back runs in destructors: running out of memory keeps nothing more, and the
+	// connection not kept is closed.
+	bool kept = false;
 	std::vector<nuq_conn_t *> closing;
-	{
+	try {
 		std::lock_guard<std::mutex> hold(pool().mutex);
 		std::vector<Idle> &idle = idle_here();
 		size_t same = 0;
 		for (const Idle &i : idle)
 			same += i.uri == uri_;
-		if (same < kMaxKeptPerUri)
+		if (same < kMaxKeptPerUri) {
 			idle.push_back({uri_, conn, Clock::now()});
-		else
-			closing.push_back(conn);
+			kept = true;
+		}
 		expire(&closing);
+	} catch (const std::bad_alloc &) {
 	}
+	if (!kept)
+		nuq_disconnect(conn);
 	close_all(closing);
 }
 

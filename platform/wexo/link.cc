@@ -221,79 +221,89 @@ void wexo_close(wexo_handle_t h) noexcept
 
 wexo_status_t wexo_name2info(wexo_handle_t h, const char *name, datalink_id_t *idp, datalink_class_t *classp) noexcept
 {
-	if (name == nullptr || *name == '\0')
-		return WEXO_STATUS_BADARG;
-	struct rtnl_link *link = nullptr;
-	wexo_status_t st = get_link(h, 0, name, &link);
-	if (st != WEXO_STATUS_OK)
-		return st;
-	if (idp != nullptr)
-		*idp = static_cast<datalink_id_t>(rtnl_link_get_ifindex(link));
-	if (classp != nullptr)
-		*classp = class_of(link);
-	rtnl_link_put(link);
-	return WEXO_STATUS_OK;
+	return kel::wexo_boundary([&] {
+		if (name == nullptr || *name == '\0')
+			return WEXO_STATUS_BADARG;
+		struct rtnl_link *link = nullptr;
+		wexo_status_t st = get_link(h, 0, name, &link);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		if (idp != nullptr)
+			*idp = static_cast<datalink_id_t>(rtnl_link_get_ifindex(link));
+		if (classp != nullptr)
+			*classp = class_of(link);
+		rtnl_link_put(link);
+		return WEXO_STATUS_OK;
+	});
 }
 
 wexo_status_t wexo_datalink_id2info(wexo_handle_t h, datalink_id_t id, uint32_t *flagsp, datalink_class_t *classp,
     uint32_t *mediap, char *name, size_t namelen) noexcept
 {
-	return with_link(h, id, [&](struct rtnl_link *link) {
-		if (flagsp != nullptr)
-			*flagsp = rtnl_link_get_flags(link);
-		if (classp != nullptr)
-			*classp = class_of(link);
-		if (mediap != nullptr)
-			*mediap = rtnl_link_get_arptype(link);
-		if (name != nullptr && namelen > 0)
-			std::snprintf(name, namelen, "%s", rtnl_link_get_name(link));
-		return WEXO_STATUS_OK;
+	return kel::wexo_boundary([&] {
+		return with_link(h, id, [&](struct rtnl_link *link) {
+			if (flagsp != nullptr)
+				*flagsp = rtnl_link_get_flags(link);
+			if (classp != nullptr)
+				*classp = class_of(link);
+			if (mediap != nullptr)
+				*mediap = rtnl_link_get_arptype(link);
+			if (name != nullptr && namelen > 0)
+				std::snprintf(name, namelen, "%s", rtnl_link_get_name(link));
+			return WEXO_STATUS_OK;
+		});
 	});
 }
 
 wexo_status_t wexo_link_up(wexo_handle_t h, datalink_id_t id) noexcept
 {
-	return with_link(h, id, [&](struct rtnl_link *link) {
-		struct rtnl_link *change = rtnl_link_alloc();
-		if (change == nullptr)
-			return WEXO_STATUS_NOMEM;
-		rtnl_link_set_flags(change, IFF_UP);
-		const wexo_status_t st = wexo_from_nl(rtnl_link_change(wexo_sock(h), link, change, 0));
-		rtnl_link_put(change);
-		return st;
+	return kel::wexo_boundary([&] {
+		return with_link(h, id, [&](struct rtnl_link *link) {
+			struct rtnl_link *change = rtnl_link_alloc();
+			if (change == nullptr)
+				return WEXO_STATUS_NOMEM;
+			rtnl_link_set_flags(change, IFF_UP);
+			const wexo_status_t st = wexo_from_nl(rtnl_link_change(wexo_sock(h), link, change, 0));
+			rtnl_link_put(change);
+			return st;
+		});
 	});
 }
 
 wexo_status_t wexo_link_mtu(wexo_handle_t h, datalink_id_t id, uint32_t *mtup) noexcept
 {
-	if (mtup == nullptr)
-		return WEXO_STATUS_BADARG;
-	return with_link(h, id, [&](struct rtnl_link *link) {
-		*mtup = rtnl_link_get_mtu(link);
-		return WEXO_STATUS_OK;
+	return kel::wexo_boundary([&] {
+		if (mtup == nullptr)
+			return WEXO_STATUS_BADARG;
+		return with_link(h, id, [&](struct rtnl_link *link) {
+			*mtup = rtnl_link_get_mtu(link);
+			return WEXO_STATUS_OK;
+		});
 	});
 }
 
 wexo_status_t wexo_link_stats(wexo_handle_t h, datalink_id_t id, wexo_stats_t *stats) noexcept
 {
-	if (id == 0 || stats == nullptr)
-		return WEXO_STATUS_BADARG;
-	struct rtnl_link *link = nullptr;
-	wexo_status_t st = get_link(h, id, nullptr, &link);
-	if (st != WEXO_STATUS_OK)
-		return st;
-	// The kernel's 64-bit counters (IFLA_STATS64), as libnl keeps them.
-	stats->ws_rbytes = rtnl_link_get_stat(link, RTNL_LINK_RX_BYTES);
-	stats->ws_ipackets = rtnl_link_get_stat(link, RTNL_LINK_RX_PACKETS);
-	stats->ws_ierrors = rtnl_link_get_stat(link, RTNL_LINK_RX_ERRORS);
-	stats->ws_obytes = rtnl_link_get_stat(link, RTNL_LINK_TX_BYTES);
-	stats->ws_opackets = rtnl_link_get_stat(link, RTNL_LINK_TX_PACKETS);
-	stats->ws_oerrors = rtnl_link_get_stat(link, RTNL_LINK_TX_ERRORS);
-	stats->ws_idrops = rtnl_link_get_stat(link, RTNL_LINK_RX_DROPPED);
-	stats->ws_odrops = rtnl_link_get_stat(link, RTNL_LINK_TX_DROPPED);
-	stats->ws_multircv = rtnl_link_get_stat(link, RTNL_LINK_MULTICAST);
-	rtnl_link_put(link);
-	return WEXO_STATUS_OK;
+	return kel::wexo_boundary([&] {
+		if (id == 0 || stats == nullptr)
+			return WEXO_STATUS_BADARG;
+		struct rtnl_link *link = nullptr;
+		wexo_status_t st = get_link(h, id, nullptr, &link);
+		if (st != WEXO_STATUS_OK)
+			return st;
+		// The kernel's 64-bit counters (IFLA_STATS64), as libnl keeps them.
+		stats->ws_rbytes = rtnl_link_get_stat(link, RTNL_LINK_RX_BYTES);
+		stats->ws_ipackets = rtnl_link_get_stat(link, RTNL_LINK_RX_PACKETS);
+		stats->ws_ierrors = rtnl_link_get_stat(link, RTNL_LINK_RX_ERRORS);
+		stats->ws_obytes = rtnl_link_get_stat(link, RTNL_LINK_TX_BYTES);
+		stats->ws_opackets = rtnl_link_get_stat(link, RTNL_LINK_TX_PACKETS);
+		stats->ws_oerrors = rtnl_link_get_stat(link, RTNL_LINK_TX_ERRORS);
+		stats->ws_idrops = rtnl_link_get_stat(link, RTNL_LINK_RX_DROPPED);
+		stats->ws_odrops = rtnl_link_get_stat(link, RTNL_LINK_TX_DROPPED);
+		stats->ws_multircv = rtnl_link_get_stat(link, RTNL_LINK_MULTICAST);
+		rtnl_link_put(link);
+		return WEXO_STATUS_OK;
+	});
 }
 
 }  // extern "C"

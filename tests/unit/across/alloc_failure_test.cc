@@ -11,8 +11,13 @@
 #include <string>
 
 #include <kel/libkel.h>
+#include <kel/libkel_node.h>
+#include <kel/sys/fabric.h>
+#include "nuq_errors.h"
 #include "paths.h"
 #include "store_fixture.h"
+#include "test_support.h"
+#include "vur.h"
 #include "wexo.h"
 
 namespace {
@@ -233,6 +238,176 @@ TEST(NodeSideOutOfMemory, OpeningANamespaceAnswersWithAStatus)
 		}
 		EXPECT_TRUE(st == WEXO_STATUS_NOMEM || st == WEXO_STATUS_NOTFOUND) << st;
 	}
+}
+
+// Whether `rc`, of a call whose codes are datalink statuses (`wexo`) or library codes,
+// says memory ran out.
+bool says_nomem(int rc, bool wexo)
+{
+	if (wexo)
+		return rc == WEXO_STATUS_NOMEM;
+	return KEL_ERR_REASON(rc) == KEL_E_NOMEM || rc == KEL_WEXO_ERROR(WEXO_STATUS_NOMEM) ||
+	    rc == KEL_ERR_CODE(NUQ_E_NOMEM, KEL_E_NUQ) || rc == KEL_ERR_CODE(VUR_ERROR_NO_MEMORY, KEL_E_VUR);
+}
+
+class NodeSideCalls : public kel::test::ScratchRoot {};
+
+// Every call libkel_node.so exports, with each of its allocations made to fail in turn:
+// the call returns (an exception out of a noexcept export would end the test binary),
+// with what it answers when memory does not run out, or with the code that says it ran
+// out. The calls run on this host's loopback link (read only), on links that do not
+// exist, and without a controller: what is tested is the way out, not the fabric.
+// wexo_link_state and wexo_fabric_leftovers are left out: they read the nftables listing
+// as JSON documents, and the JSON library's destructor allocates (it moves nested values
+// onto a heap stack), so an allocation failing there ends the process whatever the call
+// does around it.
+TEST_F(NodeSideCalls, EachAnswersWhenMemoryRunsOut)
+{
+	wexo_handle_t h = nullptr;
+	ASSERT_EQ(wexo_open(&h), WEXO_STATUS_OK);
+	datalink_id_t lo = 0;
+	ASSERT_EQ(wexo_name2info(h, "lo", &lo, nullptr), WEXO_STATUS_OK);
+	const datalink_id_t none = 0x7ffffff0;
+	const struct {
+		const char *name;
+		bool wexo;
+		std::function<int()> call;
+	} calls[] = {
+	    {"wexo_open", true,
+	        [] {
+		        wexo_handle_t o = nullptr;
+		        int st = wexo_open(&o);
+		        wexo_close(o);
+		        return st;
+	        }},
+	    {"wexo_open_netns", true,
+	        [] {
+		        wexo_handle_t o = nullptr;
+		        int st = wexo_open_netns("kel-none", &o);
+		        wexo_close(o);
+		        return st;
+	        }},
+	    {"wexo_name2info", true,
+	        [&] {
+		        datalink_id_t id;
+		        return wexo_name2info(h, "lo", &id, nullptr);
+	        }},
+	    {"wexo_datalink_id2info", true,
+	        [&] {
+		        char name[32];
+		        return wexo_datalink_id2info(h, lo, nullptr, nullptr, nullptr, name, sizeof(name));
+	        }},
+	    {"wexo_link_mtu", true,
+	        [&] {
+		        uint32_t mtu;
+		        return wexo_link_mtu(h, lo, &mtu);
+	        }},
+	    {"wexo_link_stats", true,
+	        [&] {
+		        wexo_stats_t st;
+		        return wexo_link_stats(h, lo, &st);
+	        }},
+	    {"wexo_link_owned", true, [&] { return wexo_link_owned(h, lo, "lo"); }},
+	    {"wexo_link_up", true, [&] { return wexo_link_up(h, none); }},
+	    {"wexo_link_set_ipaddr", true, [&] { return wexo_link_set_ipaddr(h, none, "192.0.2.1", 24, nullptr); }},
+	    {"wexo_set_linkprop", true, [&] { return wexo_set_linkprop(h, none, "maxbw", "10M"); }},
+	    {"wexo_vnic_create", true,
+	        [&] {
+		        datalink_id_t id;
+		        return wexo_vnic_create(h, "kel-oom0", none, WEXO_VNIC_MACVLAN, "02:00:00:00:00:01", &id);
+	        }},
+	    {"wexo_vnic_delete", true, [&] { return wexo_vnic_delete(h, "kel-oom0", nullptr); }},
+	    {"wexo_vnic_lower", true,
+	        [&] {
+		        datalink_id_t id;
+		        return wexo_vnic_lower(h, "kel-oom0", &id);
+	        }},
+	    {"wexo_vnic_own", true, [&] { return wexo_vnic_own(h, "kel-oom0", "02:00:00:00:00:01", none, nullptr); }},
+	    {"wexo_vnic_recorded_lower", true,
+	        [] {
+		        char b[32];
+		        return wexo_vnic_recorded_lower("kel-oom0", b, sizeof(b));
+	        }},
+	    {"wexo_vnic_disown", true, [&] { return wexo_vnic_disown(h, "kel-oom0"); }},
+	    {"wexo_parse_link_props", true,
+	        [] {
+		        wexo_arg_list_t *args = nullptr;
+		        int st = wexo_parse_link_props("maxbw=10M,priority=high", &args, B_FALSE);
+		        wexo_free_args(args);
+		        return st;
+	        }},
+	    {"wexo_vxlan_get_flood", true,
+	        [&] {
+		        wexo_flood_t f{};
+		        int st = wexo_vxlan_get_flood(h, lo, &f);
+		        wexo_free_flood(&f);
+		        return st;
+	        }},
+	    {"wexo_vxlan_set_flood", true,
+	        [&] {
+		        const char *remotes[] = {"192.0.2.2"};
+		        return wexo_vxlan_set_flood(h, none, remotes, 1, B_FALSE);
+	        }},
+	    {"wexo_fabric_remove_leftover", true, [] { return wexo_fabric_remove_leftover("vnic", "kel-oom0"); }},
+	    {"kel_connect_vnic", false,
+	        [&] {
+		        wexo_arg_list_t *props = nullptr;
+		        datalink_id_t lower = 0;
+		        kelcntl_KELImplInfo *info = nullptr;
+		        int rc = kel_connect_vnic(h, nullptr, "k", nullptr, "kel-oom0", &props, nullptr, &lower, &info,
+		            0);
+		        wexo_free_args(props);
+		        kelcntl_KELImplInfo_free(info);
+		        return rc;
+	        }},
+	    {"kel_disconnect_vnic", false, [&] { return kel_disconnect_vnic(h, "kel-oom0", nullptr, none, 0); }},
+	    {"kel_vnic_create", false,
+	        [] {
+		        kel_vnic_t v{};
+		        int rc = kel_vnic_create(nullptr, "k", nullptr, "kel-oom0", nullptr, WEXO_VNIC_MACVLAN, 0, &v);
+		        kel_vnic_free(&v);
+		        return rc;
+	        }},
+	    {"kel_vnic_remove", false, [] { return kel_vnic_remove("kel-oom0", nullptr, 0); }},
+	    {"kel_get_vnicinfo", false,
+	        [] {
+		        kelcntl_VPortInfo **ports = nullptr;
+		        int n = 0;
+		        int rc = kel_get_vnicinfo("kel-oom0", &ports, &n);
+		        kelcntl_VPortInfo_array_free(ports, n);
+		        return rc;
+	        }},
+	    {"kel_get_host_vnicinfo", false,
+	        [] {
+		        kelcntl_VPortInfo **ports = nullptr;
+		        int n = 0;
+		        int rc = kel_get_host_vnicinfo(&ports, &n);
+		        kelcntl_VPortInfo_array_free(ports, n);
+		        return rc;
+	        }},
+	    {"kel_get_vnicstat", false,
+	        [] {
+		        link_stat_t st;
+		        return kel_get_vnicstat(nullptr, "kel-oom0", &st);
+	        }},
+	};
+	for (const auto &c : calls) {
+		SCOPED_TRACE(c.name);
+		const int expected = c.call();
+		for (long nth = 1;; nth++) {
+			ASSERT_LT(nth, 2000);
+			fired = false;
+			countdown = nth;
+			const int rc = c.call();
+			countdown = 0;
+			if (!fired) {
+				EXPECT_EQ(rc, expected);
+				break;
+			}
+			EXPECT_TRUE(rc == expected || says_nomem(rc, c.wexo)) << "allocation " << nth << ": " << rc;
+		}
+	}
+	wexo_close(h);
 }
 
 }  // namespace
