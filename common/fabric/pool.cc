@@ -1,4 +1,5 @@
 #include "pool.h"
+#include "c_boundary.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -131,7 +132,7 @@ std::string give(const std::string &pool, const std::string &value, int type)
 int kel_get_next_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter, char *out,
     size_t outlen, int type)
 {
-	try {
+	return kel::c_boundary([&] {
 		std::string pool, drawn, rest;
 		int rc = read_pool(h, table, column, filter, &pool);
 		if (rc == KEL_SUCCESS)
@@ -142,34 +143,28 @@ int kel_get_next_resource(kel_dbhandle_t h, const char *table, const char *colum
 			return KEL_E_NOSPACE;
 		std::memcpy(out, drawn.c_str(), drawn.size() + 1);
 		return write_pool(h, table, column, filter, rest);
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }
 
 int kel_get_this_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter,
     const char *target, int type)
 {
-	try {
+	return kel::c_boundary([&] {
 		std::string pool, rest;
 		int rc = read_pool(h, table, column, filter, &pool);
 		if (rc == KEL_SUCCESS)
 			rc = kel::pool::take(pool, target, type, &rest);
 		return rc != KEL_SUCCESS ? rc : write_pool(h, table, column, filter, rest);
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }
 
 int kel_free_resource(kel_dbhandle_t h, const char *table, const char *column, const char *filter, const char *tofree,
     int type)
 {
-	try {
+	return kel::c_boundary([&] {
 		std::string pool;
 		int rc = read_pool(h, table, column, filter, &pool);
 		return rc != KEL_SUCCESS ? rc
 		                         : write_pool(h, table, column, filter, kel::pool::give(pool, tofree, type));
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }

@@ -1,4 +1,5 @@
 #include "range.h"
+#include "c_boundary.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -199,7 +200,7 @@ void kel_print_range(const char *start, const char *end, char *buf, size_t size,
 
 int kel_rsrc_valid_range(const char *range, int type, const char *min, const char *max, const char *excluded)
 {
-	try {
+	return kel::c_boundary([&] {
 		const std::string *prev_end = nullptr;
 		const std::vector<Element> elems = elements(range);
 		for (const Element &e : elems) {
@@ -218,16 +219,14 @@ int kel_rsrc_valid_range(const char *range, int type, const char *min, const cha
 			prev_end = &e.end;
 		}
 		return KEL_SUCCESS;
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }
 
 int kel_rsrc_range_merge(const char *range, char *buf, size_t size, int type)
 {
 	if (size > 0)
 		buf[0] = '\0';
-	try {
+	return kel::c_boundary([&] {
 		const std::vector<Element> elems = elements(range);
 		if (elems.empty())
 			return KEL_SUCCESS;
@@ -255,9 +254,7 @@ int kel_rsrc_range_merge(const char *range, char *buf, size_t size, int type)
 			run_end = elems[i].end;
 		}
 		return write(first->start, run_end, single) ? KEL_SUCCESS : KEL_E_NOSPACE;
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }
 
 namespace {
@@ -322,12 +319,7 @@ int kel_rsrc_range_diff(const char *a, const char *b, void *out, int size, int t
 		if ((buf = static_cast<char *>(std::calloc(bufsize, 1))) == nullptr)
 			return KEL_E_NOMEM;
 	}
-	int rc;
-	try {
-		rc = diff(a, b, buf, bufsize, type);
-	} catch (const std::bad_alloc &) {
-		rc = KEL_E_NOMEM;
-	}
+	const int rc = kel::c_boundary([&] { return diff(a, b, buf, bufsize, type); });
 	if (size < 0) {
 		if (rc == KEL_SUCCESS)
 			*static_cast<char **>(out) = buf;
@@ -339,7 +331,7 @@ int kel_rsrc_range_diff(const char *a, const char *b, void *out, int size, int t
 
 int kel_rsrc_range_contains(const char *a, const char *b, int type)
 {
-	try {
+	return kel::c_boundary([&] {
 		const std::vector<Element> as = elements(a), bs = elements(b);
 		size_t cursor = 0;
 		for (const Element &ae : as) {
@@ -352,7 +344,5 @@ int kel_rsrc_range_contains(const char *a, const char *b, int type)
 			}
 		}
 		return cursor == bs.size() ? KEL_SUCCESS : KEL_E_RANGE_INUSE;
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }

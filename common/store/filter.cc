@@ -289,11 +289,7 @@ const char *kel_fname2cname(const kel_filter_entry_t *entry, const char *value)
 int kel_fstr2fattrset(const char *filter, attrset_t **out, const char *table)
 {
 	*out = nullptr;
-	try {
-		return normalise(filter, out, table);
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	return kel::c_boundary([&] { return normalise(filter, out, table); });
 }
 
 int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_t **params, const char *table1,
@@ -302,7 +298,7 @@ int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_
 	*params = nullptr;
 	if (size > 0)
 		clause[0] = '\0';
-	try {
+	return kel::c_boundary([&] {
 		AttrSetPtr values;
 		int rc = new_set(ATTRSET_UNIQUE_NAME, &values);
 		if (rc != KEL_SUCCESS)
@@ -316,9 +312,7 @@ int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_
 		std::memcpy(clause, text.c_str(), text.size() + 1);
 		*params = values.release();
 		return KEL_SUCCESS;
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }
 
 int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char *table2, const char *col1,
@@ -333,7 +327,7 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 	constexpr const char *kBound = "vport_status = 1";
 	const bool ports_first = std::strcmp(table1, "vport_tbl") == 0;
 	const bool ports_joined = table2 != nullptr && std::strcmp(table2, "vport_tbl") == 0;
-	try {
+	return kel::c_boundary([&] {
 		// Both conditions are the code's own constants; only the filter's values are bound.
 		std::string where = clause;
 		if (bound_only && ports_first)
@@ -347,9 +341,7 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 			    {params.get()}, on_row);
 		return kel::for_each_row(h->edh_db, kel::SqlText("SELECT * FROM %s %s", table1, where.c_str()),
 		    {params.get()}, on_row);
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }
 
 int kel_db_get_filtered_text(kel_dbhandle_t h, const char *table, const char *column, const char *filter,

@@ -53,16 +53,17 @@ int kel_not_found(kel_dbhandle_t h, const char *filter)
 int assemble(list_t *a, list_t *b, list_t *out)
 {
 	std::vector<std::pair<kel_t *, kel_t *>> pairs;
-	try {
+	const int rc = kel::c_boundary([&] {
 		std::unordered_map<std::string, kel_t *> in_b;
 		for (auto *k = static_cast<kel_t *>(list_head(b)); k; k = static_cast<kel_t *>(list_next(b, k)))
 			in_b.emplace(kel_uuid_key(k->kel_uuid), k);
 		for (auto *ka = static_cast<kel_t *>(list_head(a)); ka; ka = static_cast<kel_t *>(list_next(a, ka)))
 			if (auto it = in_b.find(kel_uuid_key(ka->kel_uuid)); it != in_b.end())
 				pairs.emplace_back(ka, it->second);
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+		return KEL_SUCCESS;
+	});
+	if (rc != KEL_SUCCESS)
+		return rc;
 	kel_create_kellist(out);
 	for (auto [ka, kb] : pairs) {
 		list_remove(b, kb);

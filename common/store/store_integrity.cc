@@ -13,6 +13,7 @@
 // are coarse; newer kernels give a file whose time was just read a finer one on its next
 // change.
 #include "store_integrity.h"
+#include "c_boundary.h"
 
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -91,7 +92,7 @@ int check_writable(kel_dbhandle_t h) noexcept
 	const Identity id = db_identity(h);
 	if (recorded(h, id))
 		return KEL_SUCCESS;
-	try {
+	return kel::c_boundary([&] {
 		int rc = structure(h->edh_db);
 		int version = 0;
 		if (rc == KEL_SUCCESS)
@@ -101,9 +102,7 @@ int check_writable(kel_dbhandle_t h) noexcept
 		if (rc == KEL_SUCCESS)
 			record(h, id);
 		return rc;
-	} catch (const std::bad_alloc &) {
-		return KEL_E_NOMEM;
-	}
+	});
 }
 
 void note_sound(kel_dbhandle_t h) noexcept
