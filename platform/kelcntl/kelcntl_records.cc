@@ -7,6 +7,7 @@
 
 #include "kelcntl_wire.h"
 #include "owners.h"
+#include "request.h"
 
 using nlohmann::json;
 
@@ -28,23 +29,19 @@ kel::Owned<T, Free> building()
 	return kel::Owned<T, Free>(zeroed<T>());
 }
 
+// The records are read member by member through the transport's readers: a member that
+// is missing, of another type, or a text holding a NUL makes the whole record unreadable.
 char *text(const json &j, const char *key)
 {
-	const json &v = j.at(key);
-	char *s = strdup(v.is_null() ? "" : v.get_ref<const std::string &>().c_str());
+	char *s = strdup(nuq::required_text(j, key).c_str());
 	if (s == nullptr)
 		throw std::bad_alloc();
 	return s;
 }
 
-// An integer member. A value of another type throws the library's type error, as at()
-// does for a missing member: converting a float out of range would be undefined.
 long long integer(const json &j, const char *key)
 {
-	const json &v = j.at(key);
-	if (v.is_number_integer())
-		return v.get<long long>();
-	return v.get_ref<const json::number_integer_t &>();  // throws
+	return nuq::required_integer(j, key);
 }
 
 template <class T, void (*Free)(T *)>
@@ -62,7 +59,7 @@ void free_array(T **arr, int count)
 template <class T, void (*Free)(T *), class Make>
 T **array_from(const json &items, int *count, Make make)
 {
-	const auto &list = items.get_ref<const json::array_t &>();  // throws unless an array
+	const auto &list = nuq::required_array(items);
 	const size_t n = list.size();
 	kel::OwnedArray<T, free_array<T, Free>> arr(static_cast<T **>(std::calloc(n == 0 ? 1 : n, sizeof(T *))),
 	    static_cast<int>(n));
@@ -94,7 +91,7 @@ kelcntl_IPnetInfo *ipnet_from(const json &j)
 	n->eipi_kelname = text(j, "eipi_kelname");
 	n->eipi_keluuid = text(j, "eipi_keluuid");
 	n->eipi_tenantname = text(j, "eipi_tenantname");
-	n->eipi_props = props_from(j.at("eipi_props"), &n->eipi_props_count);
+	n->eipi_props = props_from(nuq::required_member(j, "eipi_props"), &n->eipi_props_count);
 	n->eipi_start = text(j, "eipi_start");
 	n->eipi_end = text(j, "eipi_end");
 	n->eipi_range = text(j, "eipi_range");
@@ -108,10 +105,10 @@ kelcntl_KELInfo *kel_from(const json &j)
 	k->ekeli_name = text(j, "ekeli_name");
 	k->ekeli_uuid = text(j, "ekeli_uuid");
 	k->ekeli_tenantname = text(j, "ekeli_tenantname");
-	k->ekeli_props = props_from(j.at("ekeli_props"), &k->ekeli_props_count);
+	k->ekeli_props = props_from(nuq::required_member(j, "ekeli_props"), &k->ekeli_props_count);
 	k->ekeli_status = integer(j, "ekeli_status") == EKELS_BUSY ? EKELS_BUSY : EKELS_IDLE;
-	k->ekeli_vports = kelcntl::wire::vports_from(j.at("ekeli_vports"), &k->ekeli_vports_count);
-	k->ekeli_ipnets = array_from<kelcntl_IPnetInfo, kelcntl_IPnetInfo_free>(j.at("ekeli_ipnets"),
+	k->ekeli_vports = kelcntl::wire::vports_from(nuq::required_member(j, "ekeli_vports"), &k->ekeli_vports_count);
+	k->ekeli_ipnets = array_from<kelcntl_IPnetInfo, kelcntl_IPnetInfo_free>(nuq::required_member(j, "ekeli_ipnets"),
 	    &k->ekeli_ipnets_count, ipnet_from);
 	return k.release();
 }
@@ -138,7 +135,7 @@ kelcntl_VPortInfo *vport_from(const json &j)
 	v->evpi_tenantname = text(j, "evpi_tenantname");
 	v->evpi_status = integer(j, "evpi_status") == EVPS_USED ? EVPS_USED : EVPS_FREE;
 	v->evpi_vnicname = text(j, "evpi_vnicname");
-	v->evpi_props = props_from(j.at("evpi_props"), &v->evpi_props_count);
+	v->evpi_props = props_from(nuq::required_member(j, "evpi_props"), &v->evpi_props_count);
 	v->evpi_hostname = text(j, "evpi_hostname");
 	return v.release();
 }
@@ -151,7 +148,7 @@ kelcntl_VPortInfo **vports_from(const json &items, int *count)
 kelcntl_KELImplInfo *implinfo_from(const json &j)
 {
 	auto i = building<kelcntl_KELImplInfo, kelcntl_KELImplInfo_free>();
-	i->ekelii_kelinfo = kel_from(j.at("ekelii_kelinfo"));
+	i->ekelii_kelinfo = kel_from(nuq::required_member(j, "ekelii_kelinfo"));
 	i->ekelii_uplink_port = text(j, "ekelii_uplink_port");
 	i->ekelii_vxlan_localaddr = text(j, "ekelii_vxlan_localaddr");
 	i->ekelii_vxlan_mgroup = text(j, "ekelii_vxlan_mgroup");

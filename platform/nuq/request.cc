@@ -156,6 +156,42 @@ const std::string *text_member(const Json &obj, const char *name)
 	return m != nullptr && m->is_string() && !holds_nul(*m) ? &m->get_ref<const std::string &>() : nullptr;
 }
 
+const Json &required_member(const Json &obj, const char *name)
+{
+	const Json *m = member(obj, name);
+	if (m == nullptr)
+		throw RecordUnreadable();
+	return *m;
+}
+
+const std::string &required_text(const Json &obj, const char *name)
+{
+	static const std::string empty;
+	const Json &m = required_member(obj, name);
+	if (m.is_null())
+		return empty;
+	const std::string *text = text_member(obj, name);
+	if (text == nullptr)
+		throw RecordUnreadable();
+	return *text;
+}
+
+long long required_integer(const Json &obj, const char *name)
+{
+	// Only integers: converting a float out of range would be undefined.
+	const Json &m = required_member(obj, name);
+	if (!m.is_number_integer())
+		throw RecordUnreadable();
+	return m.get<long long>();
+}
+
+const Json::array_t &required_array(const Json &value)
+{
+	if (!value.is_array())
+		throw RecordUnreadable();
+	return value.get_ref<const Json::array_t &>();
+}
+
 bool optional_text(const Json &obj, const char *name, const char **out)
 {
 	*out = nullptr;

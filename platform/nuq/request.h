@@ -47,6 +47,15 @@ bool holds_nul(const Json &value);
 const Json *member(const Json &obj, const char *name);
 // Member `name` of `obj` when it is a string without a NUL; nullptr otherwise.
 const std::string *text_member(const Json &obj, const char *name);
+// A member a record must have, for the readers that build a whole record at once and
+// throw when a member is missing (RecordUnreadable; a client stub answers it as
+// NUQ_E_PROTOCOL): the member, a text without a NUL (null reads as ""), an integer, an
+// array.
+struct RecordUnreadable {};
+const Json &required_member(const Json &obj, const char *name);
+const std::string &required_text(const Json &obj, const char *name);
+long long required_integer(const Json &obj, const char *name);
+const Json::array_t &required_array(const Json &value);
 // An optional text member: true with *out NULL when absent or null, or with its text;
 // false when it is there with another type or holds a NUL.
 bool optional_text(const Json &obj, const char *name, const char **out);

@@ -282,6 +282,9 @@ TEST_F(KelcntlRecords, MalformedRepliesBuildNothing)
 	broken.erase("evpi_hostname");
 	nuq::Json bad_prop = vport;
 	bad_prop["evpi_props"] = {{{"epnv_name", "a"}, {"epnv_value", 1}}};
+	// A NUL would cut the C string short: "lo\0x" read as "lo".
+	nuq::Json nul = vport;
+	nul["evpi_hostname"] = std::string("h\0x", 3);
 	nuq::Dispatcher dispatcher;
 	nuq::Interface iface;
 	iface.name = "kelcntl.KELController";
@@ -294,6 +297,7 @@ TEST_F(KelcntlRecords, MalformedRepliesBuildNothing)
 		const nuq::Json answer = f == "good" ? nuq::Json{vport, vport}
 		    : f == "broken"                  ? nuq::Json{vport, broken}
 		    : f == "prop"                    ? nuq::Json{vport, bad_prop}
+		    : f == "nul"                     ? nuq::Json{vport, nul}
 		                                     : nuq::Json{{"not", "a list"}};
 		return nuq::Reply{NUQ_E_SUCCESS, answer};
 	};
@@ -311,7 +315,7 @@ TEST_F(KelcntlRecords, MalformedRepliesBuildNothing)
 	ASSERT_EQ(count, 2);
 	EXPECT_STREQ(ports[1]->evpi_props[0]->epnv_value, "1");
 	kelcntl_VPortInfo_array_free(ports, count);
-	for (const char *f : {"broken", "prop", "shape"}) {
+	for (const char *f : {"broken", "prop", "nul", "shape"}) {
 		EXPECT_EQ(kelcntl_KELController_getVPortInfo(ctl, f, &ports, &count, nullptr), NUQ_E_PROTOCOL) << f;
 		EXPECT_EQ(ports, nullptr);
 		EXPECT_EQ(count, 0);
