@@ -174,14 +174,15 @@ const kel_tog_pdesc_t kel_tog_client_table[] = {
 int kel_vur_open(const char *instance, kel_vur_state_t *state)
 {
 	std::memset(state, 0, sizeof(*state));
+	// Closed again unless it opens whole: after a failure, and when memory runs out
+	// part-way (the exception goes on to the caller's boundary).
+	OpenInstance opening(state);
 	if ((state->ess_handle = vur_handle_create(1)) == nullptr || vur_handle_bind(state->ess_handle) != 0 ||
 	    (state->ess_inst = vur_instance_create(state->ess_handle)) == nullptr ||
 	    vur_handle_decode_fmri(state->ess_handle, instance, nullptr, nullptr, state->ess_inst, nullptr, nullptr,
-	        0) != 0) {
-		const int rc = vur_failure();
-		kel_vur_close(state);
-		return rc;
-	}
+	        0) != 0)
+		return vur_failure();
+	(void)opening.release();
 	return KEL_SUCCESS;
 }
 
