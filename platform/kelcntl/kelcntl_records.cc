@@ -39,11 +39,6 @@ char *text(const json &j, const char *key)
 	return s;
 }
 
-long long integer(const json &j, const char *key)
-{
-	return nuq::required_integer(j, key);
-}
-
 template <class T, void (*Free)(T *)>
 void free_array(T **arr, int count)
 {
@@ -95,7 +90,7 @@ kelcntl_IPnetInfo *ipnet_from(const json &j)
 	n->eipi_start = text(j, "eipi_start");
 	n->eipi_end = text(j, "eipi_end");
 	n->eipi_range = text(j, "eipi_range");
-	n->eipi_ipvers = integer(j, "eipi_ipvers") == EIPV_IPV6 ? EIPV_IPV6 : EIPV_IPV4;
+	n->eipi_ipvers = nuq::required_integer(j, "eipi_ipvers") == EIPV_IPV6 ? EIPV_IPV6 : EIPV_IPV4;
 	return n.release();
 }
 
@@ -106,7 +101,7 @@ kelcntl_KELInfo *kel_from(const json &j)
 	k->ekeli_uuid = text(j, "ekeli_uuid");
 	k->ekeli_tenantname = text(j, "ekeli_tenantname");
 	k->ekeli_props = props_from(nuq::required_member(j, "ekeli_props"), &k->ekeli_props_count);
-	k->ekeli_status = integer(j, "ekeli_status") == EKELS_BUSY ? EKELS_BUSY : EKELS_IDLE;
+	k->ekeli_status = nuq::required_integer(j, "ekeli_status") == EKELS_BUSY ? EKELS_BUSY : EKELS_IDLE;
 	k->ekeli_vports = kelcntl::wire::vports_from(nuq::required_member(j, "ekeli_vports"), &k->ekeli_vports_count);
 	k->ekeli_ipnets = array_from<kelcntl_IPnetInfo, kelcntl_IPnetInfo_free>(nuq::required_member(j, "ekeli_ipnets"),
 	    &k->ekeli_ipnets_count, ipnet_from);
@@ -120,7 +115,7 @@ namespace kelcntl::wire {
 kelcntl_KELError *error_from(const json &j)
 {
 	auto e = building<kelcntl_KELError, kelcntl_KELError_free>();
-	e->ekele_err = static_cast<int>(integer(j, "ekele_err"));
+	e->ekele_err = static_cast<int>(nuq::required_integer(j, "ekele_err"));
 	e->ekele_errmsg = text(j, "ekele_errmsg");
 	return e.release();
 }
@@ -133,7 +128,7 @@ kelcntl_VPortInfo *vport_from(const json &j)
 	v->evpi_kelname = text(j, "evpi_kelname");
 	v->evpi_keluuid = text(j, "evpi_keluuid");
 	v->evpi_tenantname = text(j, "evpi_tenantname");
-	v->evpi_status = integer(j, "evpi_status") == EVPS_USED ? EVPS_USED : EVPS_FREE;
+	v->evpi_status = nuq::required_integer(j, "evpi_status") == EVPS_USED ? EVPS_USED : EVPS_FREE;
 	v->evpi_vnicname = text(j, "evpi_vnicname");
 	v->evpi_props = props_from(nuq::required_member(j, "evpi_props"), &v->evpi_props_count);
 	v->evpi_hostname = text(j, "evpi_hostname");
