@@ -62,13 +62,9 @@ void kel_vnic_free_call(kel_vnic_t *v)
 {
 	node().kel_vnic_free(v);
 }
-void vport_array_free_call(kelcntl_VPortInfo **array, int count)
-{
-	node().kelcntl_VPortInfo_array_free(array, count);
-}
-
-// Ports the controller answered with, freed on scope exit.
-using Ports = kel::OwnedArray<kelcntl_VPortInfo, vport_array_free_call>;
+// Ports the controller answered with, freed on scope exit (libkel.so holds the
+// controller's records, so their free needs no loaded node side).
+using Ports = kel::OwnedArray<kelcntl_VPortInfo, kelcntl_VPortInfo_array_free>;
 
 // A datalink handle, closed on scope exit.
 class Handle {
