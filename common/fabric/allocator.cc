@@ -134,7 +134,7 @@ int kel_db_get_next_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, char *add
 	const int type = kel_ipnet_rangetype(ipnet->ei_af);
 	// Both pools change in one transaction (a caller's, when there is one): a crash
 	// between the two updates must not leave the address out of one pool only.
-	kel::Transaction tx(h->edh_db);
+	kel::Transaction tx(h);
 	int rc = tx.begin();
 	if (rc == KEL_SUCCESS)
 		rc = kel_get_next_resource(h, "ipnet_tbl", "ipnet_avail_pool_range", filter.c_str(), addr, kAddrLen,
@@ -156,7 +156,7 @@ int kel_db_get_this_ipaddr(kel_dbhandle_t h, const kel_ipnet_t *ipnet, const cha
 	int rc = kel_ipnpool_contains_addr(h, filter.c_str(), addr, ipnet->ei_af, &inpool);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	kel::Transaction tx(h->edh_db);
+	kel::Transaction tx(h);
 	if ((rc = tx.begin()) != KEL_SUCCESS)
 		return rc;
 	if (inpool)

@@ -250,7 +250,7 @@ int kel_db_clear_vport_migration(kel_dbhandle_t h, kel_vport_t *vp, const char *
 	char destination[1025];
 	kel::copy_text(destination, dest, sizeof(destination));
 	(void)attrset_remove(vp->evp_props, kMigrating, DATA_TYPE_STRING);
-	kel::Transaction tx(h->edh_db);
+	kel::Transaction tx(h);
 	int rc = tx.begin();
 	if (rc == KEL_SUCCESS)
 		rc = write_props(h, vp);

@@ -152,7 +152,7 @@ int add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, const c
 	if ((rc = kel::props_text(set.get(), &propstr)) != KEL_SUCCESS)
 		return rc;
 	const char *text = propstr.get();
-	rc = kel::exec(h->edh_db,
+	rc = kel::exec(h,
 	    "INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_name, ipnet_keluuid, ipnet_props, ipnet_af, "
 	    "ipnet_start_addr, ipnet_end_addr, ipnet_avail_range, ipnet_avail_pool_range) "
 	    "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)",
@@ -193,7 +193,7 @@ int remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kelname, cons
 		return rc;
 	if (!list_is_empty(&kels.front()->kel_ports))
 		return KEL_E_IPNET_INUSE;
-	return kel::exec(h->edh_db, "DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {ipuuid});
+	return kel::exec(h, "DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {ipuuid});
 }
 
 }  // namespace

@@ -123,7 +123,7 @@ int create_kel(kel_dbhandle_t h, const char *tenant, const char *name, const cha
 	kel::Text text;
 	if ((rc = kel::props_text(set.get(), &text)) != KEL_SUCCESS)
 		return rc;
-	rc = kel::exec(h->edh_db,
+	rc = kel::exec(h,
 	    "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
 	    "VALUES (?, ?, ?, ?)",
 	    {uuidtext, name, tenant, text.get()});
@@ -184,14 +184,14 @@ int delete_kel(kel_dbhandle_t h, const char *tenant, const char *name)
 	if (rc == KEL_SUCCESS)
 		rc = write.begin();
 	if (rc == KEL_SUCCESS)
-		rc = kel::exec(h->edh_db, "DELETE FROM vport_tbl WHERE vport_keluuid = ?", {keluuid});
+		rc = kel::exec(h, "DELETE FROM vport_tbl WHERE vport_keluuid = ?", {keluuid});
 	if (rc == KEL_SUCCESS)
-		rc = kel::exec(h->edh_db, "DELETE from kel_tbl where kel_uuid = ?", {keluuid});
+		rc = kel::exec(h, "DELETE from kel_tbl where kel_uuid = ?", {keluuid});
 	for (auto *ip = static_cast<kel_ipnet_t *>(list_head(&kel->kel_ipnets)); rc == KEL_SUCCESS && ip != nullptr;
 	     ip = static_cast<kel_ipnet_t *>(list_next(&kel->kel_ipnets, ip))) {
 		char ipuuid[KEL_UUID_TEXT_LEN];
 		uuid_unparse_lower(ip->ei_uuid, ipuuid);
-		rc = kel::exec(h->edh_db, "DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {ipuuid});
+		rc = kel::exec(h, "DELETE FROM ipnet_tbl WHERE ipnet_uuid = ?", {ipuuid});
 	}
 	// The give-back is an UPDATE inside the transaction: a rollback undoes it too.
 	if (rc == KEL_SUCCESS)

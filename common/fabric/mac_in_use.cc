@@ -28,7 +28,7 @@ bool keyable(const std::string &mac)
 	return std::count(mac.begin(), mac.end(), ':') == 5 && std::all_of(mac.begin(), mac.end(), hex_or_colon);
 }
 
-bool found(sqlite3 *db, const kel::SqlText &sql, kel::SqlValues values)
+bool found(kel::Db db, const kel::SqlText &sql, kel::SqlValues values)
 {
 	bool any = false;
 	const int rc = kel::for_each_row(db, sql, values, [&](kel::Statement &) {
@@ -41,8 +41,7 @@ bool found(sqlite3 *db, const kel::SqlText &sql, kel::SqlValues values)
 // The plain meaning: a LIKE over every port.
 boolean_t scan(kel_dbhandle_t h, const std::string &pattern)
 {
-	return found(h->edh_db, "SELECT 1 FROM vport_tbl WHERE vport_props LIKE ?1 LIMIT 1", {pattern}) ? B_TRUE
-	                                                                                                : B_FALSE;
+	return found(h, "SELECT 1 FROM vport_tbl WHERE vport_props LIKE ?1 LIMIT 1", {pattern}) ? B_TRUE : B_FALSE;
 }
 
 }  // namespace
@@ -60,20 +59,19 @@ boolean_t kel_db_macaddr_exists(kel_dbhandle_t h, const char *mac)
 	// A store made before the tails were kept has neither them nor their triggers: the
 	// plain scan answers there until the store is upgraded.
 	bool have_tails = false;
-	if (kel::schema::has_table(h->edh_db, "vport_colon_tbl", &have_tails) != KEL_SUCCESS || !have_tails)
+	if (kel::schema::has_table(h, "vport_colon_tbl", &have_tails) != KEL_SUCCESS || !have_tails)
 		return scan(h, pattern);
 	const std::string tail = text.substr(text.find(':'));
 	bool like = false;
-	const int rc = kel::for_each_row(h->edh_db, KEL_SQL_MAC_BY_KEY, {tail, tail + "g", pattern},
-	    [&](kel::Statement &st) {
-		    like = st.integer(1) != 0;
-		    return like ? KEL_E_CONTINUE : KEL_SUCCESS;
-	    });
+	const int rc = kel::for_each_row(h, KEL_SQL_MAC_BY_KEY, {tail, tail + "g", pattern}, [&](kel::Statement &st) {
+		like = st.integer(1) != 0;
+		return like ? KEL_E_CONTINUE : KEL_SUCCESS;
+	});
 	if (like || (rc != KEL_SUCCESS && rc != KEL_E_CONTINUE))
 		return like ? B_TRUE : B_FALSE;
 	std::string kept = tail.substr(0, kel::schema::kKeptTail), past = kept;
 	past.back()++;  // a colon or a hex digit: never the last character there is
-	return found(h->edh_db, KEL_SQL_MAC_BY_TAIL, {kept, past, pattern}) ? B_TRUE : B_FALSE;
+	return found(h, KEL_SQL_MAC_BY_TAIL, {kept, past, pattern}) ? B_TRUE : B_FALSE;
 }
 
 namespace {
@@ -107,14 +105,13 @@ boolean_t kel_db_macaddr_value_taken(kel_dbhandle_t h, const uint8_t *mac)
 	for (const std::string &key : key_spellings(mac)) {
 		// The key's range, not the key alone: the statement is the text test's, and the
 		// longer keys it also finds parse to other addresses.
-		const int rc = kel::for_each_row(h->edh_db, KEL_SQL_MAC_BY_KEY, {key, key + "g", ""},
-		    [&](kel::Statement &st) {
-			    int len = 0;
-			    unsigned char *theirs = st.text(0) != nullptr ? _link_aton(st.text(0), &len) : nullptr;
-			    taken = theirs != nullptr && len == 6 && std::memcmp(theirs, mac, 6) == 0;
-			    std::free(theirs);
-			    return taken ? KEL_E_CONTINUE : KEL_SUCCESS;
-		    });
+		const int rc = kel::for_each_row(h, KEL_SQL_MAC_BY_KEY, {key, key + "g", ""}, [&](kel::Statement &st) {
+			int len = 0;
+			unsigned char *theirs = st.text(0) != nullptr ? _link_aton(st.text(0), &len) : nullptr;
+			taken = theirs != nullptr && len == 6 && std::memcmp(theirs, mac, 6) == 0;
+			std::free(theirs);
+			return taken ? KEL_E_CONTINUE : KEL_SUCCESS;
+		});
 		if (taken || (rc != KEL_SUCCESS && rc != KEL_E_CONTINUE))
 			return taken ? B_TRUE : B_FALSE;
 	}

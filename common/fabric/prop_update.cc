@@ -107,7 +107,7 @@ int store_props(kel_dbhandle_t h, attrset_t **set, const char *name, const char 
 	if (int rc = with_value(set, name, value, &raw); rc != KEL_SUCCESS)
 		return rc;
 	Text text(raw);
-	return kel::exec(h->edh_db, kel::SqlText("UPDATE %s set %s = ? WHERE %s = ?", table, column, key),
+	return kel::exec(h, kel::SqlText("UPDATE %s set %s = ? WHERE %s = ?", table, column, key),
 	    {text.get(), kel::uuid_text(uuid)});
 }
 
@@ -419,8 +419,7 @@ int kel_db_set_one_ipnetprop(kel_dbhandle_t h, kel_ipnet_t *ipnet, const char *n
 		return rc;
 	Text text(text_raw);
 	// Both columns in one statement: the pool and what is left of it never disagree.
-	return kel::exec(h->edh_db,
-	    "UPDATE ipnet_tbl set ipnet_props = ?, ipnet_avail_pool_range = ? WHERE ipnet_uuid = ?",
+	return kel::exec(h, "UPDATE ipnet_tbl set ipnet_props = ?, ipnet_avail_pool_range = ? WHERE ipnet_uuid = ?",
 	    {text.get(), avail.get(), kel::uuid_text(ipnet->ei_uuid)});
 }
 

@@ -148,7 +148,7 @@ int insert_port(kel_dbhandle_t h, const kel_ipnet_t *ip, PortRequest *req, const
 	if ((rc = kel::props_text(req->set.get(), &text)) != KEL_SUCCESS)
 		return rc;
 	// The network names its switch: reading the switch itself would read all its ports.
-	return kel::exec(h->edh_db,
+	return kel::exec(h,
 	    "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
 	    "vport_hostname) VALUES(?, ?, ?, ?, ?)",
 	    {req->uuid, kel::uuid_text(ip->ei_keluuid), name, text.get(), ""});
@@ -259,7 +259,7 @@ int remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const ch
 					rc = kel_db_free_ipaddr(h, ip->ei_uuid, ip->ei_af, addr.c_str());
 		}
 		if (rc == KEL_SUCCESS)
-			rc = kel::exec(h->edh_db, "DELETE FROM vport_tbl WHERE vport_uuid = ?", {vpuuid});
+			rc = kel::exec(h, "DELETE FROM vport_tbl WHERE vport_uuid = ?", {vpuuid});
 		if (rc == KEL_SUCCESS)
 			rc = write.commit();
 	}
@@ -335,7 +335,7 @@ int kel_db_assign_vport_common(kel_dbhandle_t h, kel_vport_t *vport, const char 
 	char vpuuid[KEL_UUID_TEXT_LEN], keluuid[KEL_UUID_TEXT_LEN];
 	uuid_unparse_lower(vport->evp_uuid, vpuuid);
 	uuid_unparse_lower(vport->evp_keluuid, keluuid);
-	rc = kel::exec(h->edh_db,
+	rc = kel::exec(h,
 	    "UPDATE vport_tbl set vport_status = ?, vport_vnicname = ?, vport_hostname = ?, "
 	    "vport_props = ? WHERE vport_uuid = ? AND vport_keluuid = ?",
 	    {static_cast<int>(status), vnicname, hostname, text.get(), vpuuid, keluuid});

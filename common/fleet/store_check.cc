@@ -79,7 +79,7 @@ std::string joined(const std::vector<std::string> &names)
 
 class Checker {
 public:
-	explicit Checker(kel_dbhandle_t h) : h_(h), db_(h->edh_db) {}
+	explicit Checker(kel_dbhandle_t h) : h_(h), db_(h) {}
 
 	// Checks every invariant and lists a problem for each break; with `repair`, then
 	// applies the fixes found, all in one transaction.
@@ -104,7 +104,7 @@ private:
 	}
 
 	kel_dbhandle_t h_;
-	sqlite3 *db_;
+	kel::Db db_;
 	std::vector<Problem> problems_;
 	std::vector<std::pair<std::string, std::vector<std::string>>> fixes_;
 	std::map<std::string, Kel> kels_;  // by UUID
@@ -410,9 +410,7 @@ int Checker::run(bool repair)
 		kel::Statement st;
 		rc = st.prepare(db_, sql.c_str());
 		for (size_t i = 0; rc == KEL_SUCCESS && i < values.size(); i++)
-			if (sqlite3_bind_text(st.get(), static_cast<int>(i + 1), values[i].c_str(), -1,
-			        SQLITE_TRANSIENT) != SQLITE_OK)
-				rc = KEL_E_NOMEM;
+			rc = st.bind_text(static_cast<int>(i + 1), values[i].c_str());
 		if (rc == KEL_SUCCESS && (rc = st.step()) == KEL_E_CONTINUE)
 			rc = KEL_SUCCESS;
 		if (rc != KEL_SUCCESS)

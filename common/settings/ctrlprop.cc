@@ -44,21 +44,21 @@ void free_ctrlprop(kel_ctrlprop_t *rec)
 	std::free(rec);
 }
 
-char *dup_column(sqlite3_stmt *stmt, int col, bool *ok)
+char *dup_column(const kel::Statement &stmt, int col, bool *ok)
 {
-	const unsigned char *t = sqlite3_column_text(stmt, col);
-	char *copy = strdup(t != nullptr ? reinterpret_cast<const char *>(t) : "");
+	const char *t = stmt.text(col);
+	char *copy = strdup(t != nullptr ? t : "");
 	*ok = *ok && copy != nullptr;
 	return copy;
 }
 
-int kel_dbrow2cprop(sqlite3_stmt *stmt, kel_ctrlprop_t **out)
+int kel_dbrow2cprop(const kel::Statement &stmt, kel_ctrlprop_t **out)
 {
 	auto *rec = static_cast<kel_ctrlprop_t *>(std::calloc(1, sizeof(kel_ctrlprop_t)));
 	if (rec == nullptr)
 		return KEL_E_NOMEM;
-	const char *name = reinterpret_cast<const char *>(sqlite3_column_text(stmt, kel::schema::kCtrlPname));
-	const char *host = reinterpret_cast<const char *>(sqlite3_column_text(stmt, kel::schema::kCtrlHost));
+	const char *name = stmt.text(kel::schema::kCtrlPname);
+	const char *host = stmt.text(kel::schema::kCtrlHost);
 	kel::copy_text(rec->ecp_propname, name ? name : "", sizeof(rec->ecp_propname));
 	if (host != nullptr && *host != '\0') {
 		kel::copy_text(rec->ecp_host, host, sizeof(rec->ecp_host));
@@ -82,7 +82,7 @@ int kel_dbrow2cprop(sqlite3_stmt *stmt, kel_ctrlprop_t **out)
 	return KEL_SUCCESS;
 }
 
-int kel_dbrow2cproplist(sqlite3_stmt *stmt, void *list)
+int kel_dbrow2cproplist(const kel::Statement &stmt, void *list)
 {
 	kel_ctrlprop_t *rec = nullptr;
 	int rc = kel_dbrow2cprop(stmt, &rec);
@@ -254,22 +254,22 @@ int kel_db_get_one_hostprop(kel_dbhandle_t h, const char *host, const char *pnam
 int kel_db_set_one_hostprop(kel_dbhandle_t h, const char *host, const char *pname, const char *value)
 {
 	const char *where = host != nullptr ? host : "";
-	kel::Transaction tx(h->edh_db);
+	kel::Transaction tx(h);
 	int rc = tx.begin();
 	if (rc != KEL_SUCCESS)
 		return rc;
 	if (value == nullptr)
-		rc = kel::exec(h->edh_db,
+		rc = kel::exec(h,
 		    kel::SqlText("DELETE FROM %s WHERE %s = ? AND %s = ?", "ctrl_tbl", "ctrl_pname", "ctrl_host"),
 		    {pname, where});
 	else if (kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_host", DATA_TYPE_STRING, where,
 	             "ctrl_pname", DATA_TYPE_STRING, pname))
-		rc = kel::exec(h->edh_db,
+		rc = kel::exec(h,
 		    kel::SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ?", "ctrl_tbl", "ctrl_pval", "ctrl_pname",
 		        "ctrl_host"),
 		    {value, pname, where});
 	else
-		rc = kel::exec(h->edh_db,
+		rc = kel::exec(h,
 		    kel::SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl", "ctrl_pname", "ctrl_pval",
 		        "ctrl_host"),
 		    {pname, value, where});

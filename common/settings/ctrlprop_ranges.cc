@@ -120,7 +120,7 @@ int kel_set_newrange(kel_dbhandle_t h, void *cbarg, const char *)
 	if ((rc = diff(newrange, allocated, &newavail)) != KEL_SUCCESS)
 		return rc;
 	boolean_t manual = B_FALSE;
-	kel::Transaction tx(h->edh_db);
+	kel::Transaction tx(h);
 	if ((rc = tx.begin()) == KEL_SUCCESS && (rc = write_global(h, pname, newrange.c_str())) == KEL_SUCCESS &&
 	    (rc = write_global(h, availname.c_str(), newavail.c_str())) == KEL_SUCCESS &&
 	    (rc = kel_update_uport_or_vxlanaddr(h, newrange.data(), vlan ? B_TRUE : B_FALSE, &manual)) == KEL_SUCCESS)

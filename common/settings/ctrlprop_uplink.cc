@@ -104,14 +104,14 @@ int write_value_row(kel_dbhandle_t h, const char *host, const char *pname, const
 	    pname, "ctrl_host", DATA_TYPE_STRING, host, "ctrl_pval", DATA_TYPE_STRING, def, "ctrl_vlan_range",
 	    DATA_TYPE_STRING, "", "ctrl_vxlan_range", DATA_TYPE_STRING, "", "ctrl_flat_range", DATA_TYPE_STRING, "");
 	if (placeholder)
-		return kel::exec(h->edh_db,
+		return kel::exec(h,
 		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?", "ctrl_tbl",
 		        "ctrl_pval", "ctrl_pname", "ctrl_host", "ctrl_vlan_range", "ctrl_vxlan_range",
 		        "ctrl_flat_range"),
 		    {value, pname, host, "", "", ""});
 	if (row_exists(h, pname, value, host))
 		return KEL_SUCCESS;
-	return kel::exec(h->edh_db,
+	return kel::exec(h,
 	    SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl", "ctrl_pname", "ctrl_pval", "ctrl_host"),
 	    {pname, value, host});
 }
@@ -126,9 +126,9 @@ int write_shares(kel_dbhandle_t h, const char *host, const char *pname, const ch
 	        "ctrl_pname", "ctrl_pval", "ctrl_host")};
 	int rc = KEL_SUCCESS;
 	if (arg->ecc_vlanrange != nullptr)
-		rc = kel::exec(h->edh_db, set_column_sql[0], {arg->ecc_vlanrange, pname, value, host});
+		rc = kel::exec(h, set_column_sql[0], {arg->ecc_vlanrange, pname, value, host});
 	if (rc == KEL_SUCCESS && arg->ecc_vxlanrange != nullptr)
-		rc = kel::exec(h->edh_db, set_column_sql[1], {arg->ecc_vxlanrange, pname, value, host});
+		rc = kel::exec(h, set_column_sql[1], {arg->ecc_vxlanrange, pname, value, host});
 	return rc;
 }
 
@@ -142,7 +142,7 @@ int write_flat(kel_dbhandle_t h, const char *host, const char *value, const char
 		rc = kel_db_set_filtered_value(h, "ctrl_tbl", "ctrl_flat_range", filter.c_str(), "", DATA_TYPE_STRING);
 	}
 	if (rc == KEL_SUCCESS)
-		rc = kel::exec(h->edh_db,
+		rc = kel::exec(h,
 		    SqlText("UPDATE %s SET %s = ? WHERE %s = ? AND %s = ? AND %s = ?", "ctrl_tbl", "ctrl_flat_range",
 		        "ctrl_pname", "ctrl_pval", "ctrl_host"),
 		    {yes ? "0" : "", "uplink-port", value, host});
@@ -152,7 +152,7 @@ int write_flat(kel_dbhandle_t h, const char *host, const char *value, const char
 // A row left serving nothing after a reset goes.
 int drop_if_empty(kel_dbhandle_t h, const char *host, const char *pname, const char *value)
 {
-	return kel::exec(h->edh_db,
+	return kel::exec(h,
 	    SqlText("DELETE FROM %s WHERE %s = ? AND %s == ? AND %s = ? AND %s = ? AND %s = ? AND %s = ?", "ctrl_tbl",
 	        "ctrl_pname", "ctrl_pval", "ctrl_host", "ctrl_flat_range", "ctrl_vlan_range", "ctrl_vxlan_range"),
 	    {pname, value, host, "", "", ""});
@@ -164,7 +164,7 @@ int keep_global_row(kel_dbhandle_t h, const char *pname, const char *def)
 	if (kel_db_value_exists(h, "AND", nullptr, "ctrl_tbl", 2, "ctrl_pname", DATA_TYPE_STRING, pname, "ctrl_host",
 	        DATA_TYPE_STRING, ""))
 		return KEL_SUCCESS;
-	return kel::exec(h->edh_db,
+	return kel::exec(h,
 	    SqlText("INSERT INTO %s (%s, %s, %s) VALUES (?, ?, ?)", "ctrl_tbl", "ctrl_pname", "ctrl_pval", "ctrl_host"),
 	    {pname, def, ""});
 }
@@ -174,7 +174,7 @@ int write_rows(kel_dbhandle_t h, const char *host, const char *pname, const char
 	const char *value = static_cast<const char *>(arg->ecc_arg);
 	int rc;
 	if (value == nullptr) {
-		rc = kel::exec(h->edh_db,
+		rc = kel::exec(h,
 		    SqlText("DELETE FROM %s WHERE %s = ? AND %s = ?", "ctrl_tbl", "ctrl_pname", "ctrl_host"),
 		    {pname, host});
 	} else {
@@ -323,7 +323,7 @@ int kel_db_set_uport_or_vaddr_hostprop(kel_dbhandle_t h, const char *host, const
     kel_ctrlprop_cbarg_t *cbarg)
 {
 	const char *def = std::strcmp(pname, "uplink-port") == 0 ? "" : "0.0.0.0";
-	kel::Transaction tx(h->edh_db);
+	kel::Transaction tx(h);
 	int rc = tx.begin();
 	if (rc == KEL_SUCCESS)
 		rc = write_rows(h, host != nullptr ? host : "", pname, def, cbarg);

@@ -333,14 +333,14 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 		if (bound_only && ports_first)
 			where = where.empty() ? std::string("WHERE ") + kBound : where + " AND " + kBound;
 		const std::string on_also = bound_only && ports_joined ? std::string(" AND ") + kBound : "";
-		auto on_row = [&](kel::Statement &st) { return cb(st.get(), arg); };
+		auto on_row = [&](kel::Statement &st) { return cb(st, arg); };
 		if (table2 != nullptr)
-			return kel::for_each_row(h->edh_db,
+			return kel::for_each_row(h,
 			    kel::SqlText("SELECT * FROM %s LEFT JOIN %s ON %s = %s%s %s", table1, table2, col1, col2,
 			        on_also.c_str(), where.c_str()),
 			    {params.get()}, on_row);
-		return kel::for_each_row(h->edh_db, kel::SqlText("SELECT * FROM %s %s", table1, where.c_str()),
-		    {params.get()}, on_row);
+		return kel::for_each_row(h, kel::SqlText("SELECT * FROM %s %s", table1, where.c_str()), {params.get()},
+		    on_row);
 	});
 }
 
@@ -365,7 +365,7 @@ int kel_db_get_filtered_value(kel_dbhandle_t h, const char *table, const char *c
 		return rc;
 	AttrSetPtr params(params_raw);
 	kel::Statement st;
-	rc = st.prepare(h->edh_db, kel::SqlText("SELECT %s FROM %s %s", column, table, clause), {params.get()});
+	rc = st.prepare(h, kel::SqlText("SELECT %s FROM %s %s", column, table, clause), {params.get()});
 	if (rc == KEL_SUCCESS && (rc = st.step()) == KEL_E_CONTINUE)
 		rc = store_value(st, dest, destlen, type);
 	return rc;
@@ -383,8 +383,8 @@ int kel_db_set_filtered_value(kel_dbhandle_t h, const char *table, const char *c
 	KEL_ASSERT(kel::kAreaCore, type == DATA_TYPE_INT32 || type == DATA_TYPE_STRING);
 	const kel::SqlText sql("UPDATE %s SET %s = ? %s", table, column, clause);
 	if (type == DATA_TYPE_INT32)
-		return kel::exec(h->edh_db, sql, {*static_cast<const int *>(value), params.get()});
-	return kel::exec(h->edh_db, sql, {static_cast<const char *>(value), params.get()});
+		return kel::exec(h, sql, {*static_cast<const int *>(value), params.get()});
+	return kel::exec(h, sql, {static_cast<const char *>(value), params.get()});
 }
 
 boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op, const char *table, int count, ...)
@@ -429,8 +429,8 @@ boolean_t kel_db_value_exists(kel_dbhandle_t h, const char *conj, const char *op
 			return B_FALSE;
 		kel::Statement st;
 		// One row or none, and no columns: a view's would all be built by the prepare.
-		if (st.prepare(h->edh_db, kel::SqlText("SELECT 1 FROM %s %s LIMIT 1", table, clause.c_str()),
-		        {params.get()}) != KEL_SUCCESS)
+		if (st.prepare(h, kel::SqlText("SELECT 1 FROM %s %s LIMIT 1", table, clause.c_str()), {params.get()}) !=
+		    KEL_SUCCESS)
 			return B_FALSE;
 		return st.step() == KEL_E_CONTINUE ? B_TRUE : B_FALSE;
 	} catch (const std::bad_alloc &) {

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include <sqlite3.h>
+#include "sql.h"
 
 #include <cstdint>
 
@@ -46,7 +46,7 @@ inline constexpr size_t KEL_FILTER_CLAUSE_LEN = 2048;
 inline constexpr int KEL_FILTER_FIRST_PARAM = 100;
 
 // A row callback of the filtered query: KEL_SUCCESS to go on, anything else stops.
-typedef int kel_row_cb_t(sqlite3_stmt *stmt, void *arg);
+typedef int kel_row_cb_t(const kel::Statement &row, void *arg);
 
 const kel_filter_entry_t *kel_get_filter_entry(const char *key);
 const char *kel_fname2cname(const kel_filter_entry_t *entry, const char *value);

@@ -99,7 +99,7 @@ bool selects_switches_only(const char *filter)
 
 // A switch read alone: BUSY when one of its ports is bound (an index of bound ports
 // answers that without reading the switch's other ports).
-int switch_alone(sqlite3_stmt *stmt, void *list)
+int switch_alone(const kel::Statement &stmt, void *list)
 {
 	kel_t *kel = nullptr;
 	int rc = kel_dbrow2kel(stmt, &kel);
@@ -107,7 +107,7 @@ int switch_alone(sqlite3_stmt *stmt, void *list)
 		return rc;
 	list_insert_tail(static_cast<list_t *>(list), kel);
 	bool bound = false;
-	rc = kel::for_each_row(sqlite3_db_handle(stmt),
+	rc = kel::for_each_row(stmt.db(),
 	    "SELECT 1 FROM vport_tbl WHERE vport_keluuid = ? AND vport_status = 1 LIMIT 1",
 	    {kel::uuid_text(kel->kel_uuid)}, [&](kel::Statement &) {
 		    bound = true;
@@ -155,7 +155,7 @@ struct Walk {
 	int verdict = 0;
 };
 
-int walk_row(sqlite3_stmt *stmt, void *p)
+int walk_row(const kel::Statement &stmt, void *p)
 {
 	auto *walk = static_cast<Walk *>(p);
 	kel_vport_t *vp = nullptr;

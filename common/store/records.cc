@@ -17,26 +17,26 @@
 
 namespace {
 
-const char *text_or_empty(sqlite3_stmt *stmt, int col)
+const char *text_or_empty(const kel::Statement &row, int col)
 {
-	const unsigned char *t = sqlite3_column_text(stmt, col);
-	return t != nullptr ? reinterpret_cast<const char *>(t) : "";
+	const char *t = row.text(col);
+	return t != nullptr ? t : "";
 }
 
-void copy_text(char *dst, size_t size, sqlite3_stmt *stmt, int col)
+void copy_text(char *dst, size_t size, const kel::Statement &stmt, int col)
 {
 	kel::copy_text(dst, text_or_empty(stmt, col), size);
 }
 
 // UUID columns are cut to a UUID text's size before parsing.
-bool read_uuid(sqlite3_stmt *stmt, int col, uuid_t out)
+bool read_uuid(const kel::Statement &stmt, int col, uuid_t out)
 {
 	char text[KEL_UUID_TEXT_LEN];
 	copy_text(text, sizeof(text), stmt, col);
 	return uuid_parse(text, out) == 0;
 }
 
-int read_props(sqlite3_stmt *stmt, int col, attrset_t **out)
+int read_props(const kel::Statement &stmt, int col, attrset_t **out)
 {
 	return kel_str2attrset(text_or_empty(stmt, col), out, B_TRUE, ATTRSET_UNIQUE_NAME);
 }
@@ -99,7 +99,7 @@ void kel_create_proplist(list_t *list)
 	list_create(list, sizeof(kel_prop_t), offsetof(kel_prop_t, ep_node));
 }
 
-int kel_dbrow2kel(sqlite3_stmt *stmt, kel_t **out)
+int kel_dbrow2kel(const kel::Statement &stmt, kel_t **out)
 {
 	*out = nullptr;
 	kel_t *kel = zalloc<kel_t>();
@@ -121,10 +121,10 @@ int kel_dbrow2kel(sqlite3_stmt *stmt, kel_t **out)
 	return KEL_SUCCESS;
 }
 
-int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k, bool with_props)
+int kel_dbrow2vport(const kel::Statement &stmt, kel_vport_t **out, int k, bool with_props)
 {
 	*out = nullptr;
-	if (sqlite3_column_type(stmt, k + kVportUuid) == SQLITE_NULL)
+	if (stmt.is_null(k + kVportUuid))
 		return KEL_E_NOTFOUND;  // a switch row without a port
 	kel_vport_t *vp = zalloc<kel_vport_t>();
 	if (vp == nullptr)
@@ -141,8 +141,7 @@ int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k, bool with_prop
 		kel_free_vport(vp);
 		return rc;
 	}
-	vp->evp_status = sqlite3_column_int(stmt, k + kVportStatus) == VPORT_STATUS_USED ? VPORT_STATUS_USED
-	                                                                                 : VPORT_STATUS_FREE;
+	vp->evp_status = stmt.integer(k + kVportStatus) == VPORT_STATUS_USED ? VPORT_STATUS_USED : VPORT_STATUS_FREE;
 	copy_text(vp->evp_vnicname, sizeof(vp->evp_vnicname), stmt, k + kVportVnic);
 	copy_text(vp->evp_hostname, sizeof(vp->evp_hostname), stmt, k + kVportHost);
 	const SwitchCols sw = k == 0 ? kBehindPort : kSwitchFirst;
@@ -152,10 +151,10 @@ int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int k, bool with_prop
 	return KEL_SUCCESS;
 }
 
-int kel_dbrow2ipnet(sqlite3_stmt *stmt, kel_ipnet_t **out, int k)
+int kel_dbrow2ipnet(const kel::Statement &stmt, kel_ipnet_t **out, int k)
 {
 	*out = nullptr;
-	if (sqlite3_column_type(stmt, k + kIpnetUuid) == SQLITE_NULL)
+	if (stmt.is_null(k + kIpnetUuid))
 		return KEL_E_NOTFOUND;  // a switch row without a network
 	kel_ipnet_t *ip = zalloc<kel_ipnet_t>();
 	if (ip == nullptr)
@@ -185,7 +184,7 @@ int kel_dbrow2ipnet(sqlite3_stmt *stmt, kel_ipnet_t **out, int k)
 	return KEL_SUCCESS;
 }
 
-int kel_dbrow2kellist(sqlite3_stmt *stmt, void *cbarg)
+int kel_dbrow2kellist(const kel::Statement &stmt, void *cbarg)
 {
 	auto *arg = static_cast<kel_kellist_cbarg_t *>(cbarg);
 	uuid_t uu;
@@ -223,7 +222,7 @@ int kel_dbrow2kellist(sqlite3_stmt *stmt, void *cbarg)
 	return rc;
 }
 
-int kel_dbrow2vportlist(sqlite3_stmt *stmt, void *list)
+int kel_dbrow2vportlist(const kel::Statement &stmt, void *list)
 {
 	kel_vport_t *vp = nullptr;
 	int rc = kel_dbrow2vport(stmt, &vp, 0);
@@ -232,7 +231,7 @@ int kel_dbrow2vportlist(sqlite3_stmt *stmt, void *list)
 	return rc;
 }
 
-int kel_dbrow2ipnetlist(sqlite3_stmt *stmt, void *list)
+int kel_dbrow2ipnetlist(const kel::Statement &stmt, void *list)
 {
 	kel_ipnet_t *ip = nullptr;
 	int rc = kel_dbrow2ipnet(stmt, &ip, 0);

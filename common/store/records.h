@@ -1,13 +1,12 @@
 // Store rows into records: the row readers and the grouping of joined rows.
 #pragma once
 
-#include <sqlite3.h>
-
 #include <string>
 #include <unordered_map>
 
 #include <kel/libkel.h>
 #include "schema.h"
+#include "sql.h"
 
 typedef enum { KEL_VPORTINFO = 1, KEL_IPNETINFO = 2 } kel_infotype_t;
 
@@ -22,13 +21,13 @@ struct kel_kellist_cbarg_t {
 	std::unordered_map<std::string, kel_t *> evc_index;
 };
 
-int kel_dbrow2kel(sqlite3_stmt *stmt, kel_t **out);
+int kel_dbrow2kel(const kel::Statement &stmt, kel_t **out);
 // `with_props` false leaves evp_props NULL: a listing that shows no property skips parsing.
-int kel_dbrow2vport(sqlite3_stmt *stmt, kel_vport_t **out, int offset, bool with_props = true);
-int kel_dbrow2ipnet(sqlite3_stmt *stmt, kel_ipnet_t **out, int offset);
-int kel_dbrow2kellist(sqlite3_stmt *stmt, void *cbarg);
-int kel_dbrow2vportlist(sqlite3_stmt *stmt, void *list);
-int kel_dbrow2ipnetlist(sqlite3_stmt *stmt, void *list);
+int kel_dbrow2vport(const kel::Statement &stmt, kel_vport_t **out, int offset, bool with_props = true);
+int kel_dbrow2ipnet(const kel::Statement &stmt, kel_ipnet_t **out, int offset);
+int kel_dbrow2kellist(const kel::Statement &stmt, void *cbarg);
+int kel_dbrow2vportlist(const kel::Statement &stmt, void *list);
+int kel_dbrow2ipnetlist(const kel::Statement &stmt, void *list);
 
 void kel_create_kellist(list_t *list);
 void kel_create_vportlist(list_t *list);

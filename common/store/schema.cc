@@ -104,21 +104,21 @@ const char *const kel_indexstmts[] = {
 };
 // clang-format on
 
-int has_table(sqlite3 *db, const char *name, bool *found)
+int has_table(Db db, const char *name, bool *found)
 {
 	// Asked of the schema SQLite has already read, rather than by a query of its own: an
 	// add asks this once, and preparing a statement costs a short-lived process more than
 	// the answer. Without a column, SQLite answers whether the table exists; a missing table
 	// is its plain error, anything else a failure to read the schema.
 	*found = false;
-	const int sqlrc = sqlite3_table_column_metadata(db, "main", name, nullptr, nullptr, nullptr, nullptr, nullptr,
-	    nullptr);
+	const int sqlrc = sqlite3_table_column_metadata(db.lite(), "main", name, nullptr, nullptr, nullptr, nullptr,
+	    nullptr, nullptr);
 	if (sqlrc == SQLITE_OK)
 		*found = true;
 	return sqlrc == SQLITE_OK || sqlrc == SQLITE_ERROR ? KEL_SUCCESS : kel::sql_error(sqlrc);
 }
 
-int read_version(sqlite3 *db, int *version)
+int read_version(Db db, int *version)
 {
 	bool store = false;
 	int rc = has_table(db, "misc_tbl", &store);
@@ -172,7 +172,7 @@ int create_schema()
 		return rc;
 	const kel::StoreHandle handle(raw);
 	// No store lock: nobody can be using a store that does not exist yet.
-	kel::Transaction tx(handle->edh_db);
+	kel::Transaction tx(handle.get());
 	rc = tx.begin();
 	for (const char *const *stmts :
 	    {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts, kel::schema::kColonTails})

@@ -1,7 +1,9 @@
 // The store's schema, version 3.
 #pragma once
 
-#include <sqlite3.h>
+namespace kel {
+class Db;
+}
 
 namespace kel::schema {
 
@@ -59,12 +61,12 @@ extern const char *const kel_indexstmts[];
 
 // Whether the store has the table `name` (the library's own tables came later than the
 // store's: a current store may have been made without one).
-int has_table(sqlite3 *db, const char *name, bool *found);
+int has_table(Db db, const char *name, bool *found);
 
 // The store's schema version, from its 'db-version' row. A file without the version's
 // table is not a store (SQLITE_NOTADB under KEL_E_SQL); a store without a usable version
 // (no row, or a text that is not a positive number) is a damaged one (SQLITE_CORRUPT
 // under KEL_E_SQL): neither has a version to upgrade from or to write as.
-int read_version(sqlite3 *db, int *version);
+int read_version(Db db, int *version);
 
 }  // namespace kel::schema

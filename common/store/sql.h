@@ -59,6 +59,22 @@ private:
 // Binds `values` to `stmt` as a typed value list.
 int bind_values(sqlite3_stmt *stmt, SqlValues values);
 
+// The connection statements run on: a store handle's, or a bare SQLite connection (the
+// statement layer's own tests). Statements, row loops and transactions take this rather
+// than the engine's connection, so that the code above the store names no engine.
+class Db {
+public:
+	Db(kel_dbhandle_t h) : lite_(h->edh_db) {}
+	Db(sqlite3 *lite) : lite_(lite) {}
+
+	sqlite3 *lite() const { return lite_; }
+
+private:
+	sqlite3 *lite_ = nullptr;
+};
+
+// One statement and, once stepped, its current row. Row readers read columns through it
+// and nothing else.
 class Statement {
 public:
 	Statement() = default;
@@ -68,27 +84,34 @@ public:
 
 	// Prepares `sql` (or takes the store's kept statement for it) and binds `values`; a
 	// statement held before is handed back first.
-	int prepare(sqlite3 *db, const SqlText &sql, SqlValues values = {});
+	int prepare(Db db, const SqlText &sql, SqlValues values = {});
+	// Binds `text` to parameter `position` (from 1), after prepare.
+	int bind_text(int position, const char *text);
 	// KEL_E_CONTINUE with a row ready, KEL_SUCCESS when done, or an error.
 	int step() { return kel_sqlite3_step(stmt_); }
 
+	// The connection it runs on.
+	Db db() const { return sqlite3_db_handle(stmt_); }
+	// The SQLite statement itself, for the statement layer's tests.
 	sqlite3_stmt *get() const { return stmt_; }
 	// Column `i` of the current row as text; NULL for an SQL NULL.
 	const char *text(int i) const { return reinterpret_cast<const char *>(sqlite3_column_text(stmt_, i)); }
 	int integer(int i) const { return sqlite3_column_int(stmt_, i); }
+	bool is_null(int i) const { return sqlite3_column_type(stmt_, i) == SQLITE_NULL; }
+	int columns() const { return sqlite3_column_count(stmt_); }
 
 private:
 	sqlite3_stmt *stmt_ = nullptr;
 };
 
 // Runs `sql` to its end, skipping any rows.
-int exec(sqlite3 *db, const SqlText &sql, SqlValues values = {});
+int exec(Db db, const SqlText &sql, SqlValues values = {});
 
 // The row loop: prepares `sql`, hands each row to `on_row` and stops at the first result
 // of `on_row` other than KEL_SUCCESS. Returns that result, a step or prepare failure, or
 // KEL_SUCCESS once every row (possibly none) was consumed.
 template <class OnRow>
-int for_each_row(sqlite3 *db, const SqlText &sql, SqlValues values, OnRow &&on_row)
+int for_each_row(Db db, const SqlText &sql, SqlValues values, OnRow &&on_row)
 {
 	Statement st;
 	int rc = st.prepare(db, sql, values);
@@ -105,7 +128,7 @@ int for_each_row(sqlite3 *db, const SqlText &sql, SqlValues values, OnRow &&on_r
 // A transaction on one connection: rolled back when it goes out of scope uncommitted.
 class Transaction {
 public:
-	explicit Transaction(sqlite3 *db) : db_(db) {}
+	explicit Transaction(Db db) : db_(db) {}
 	~Transaction() { rollback(); }
 	Transaction(const Transaction &) = delete;
 	Transaction &operator=(const Transaction &) = delete;
@@ -117,7 +140,7 @@ public:
 	void rollback();
 
 private:
-	sqlite3 *db_;
+	Db db_;
 	bool open_ = false;
 };
 
@@ -147,7 +170,7 @@ private:
 // given up; within a caller's lock and transaction both are the caller's to end.
 class WriteScope {
 public:
-	explicit WriteScope(kel_dbhandle_t handle) : lock_(handle), tx_(handle->edh_db) {}
+	explicit WriteScope(kel_dbhandle_t handle) : lock_(handle), tx_(handle) {}
 	WriteScope(const WriteScope &) = delete;
 	WriteScope &operator=(const WriteScope &) = delete;
 

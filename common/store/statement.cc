@@ -171,8 +171,9 @@ Statement::~Statement()
 	statement_cache::give_back(stmt_);
 }
 
-int Statement::prepare(sqlite3 *db, const SqlText &sql, SqlValues values)
+int Statement::prepare(Db conn, const SqlText &sql, SqlValues values)
 {
+	sqlite3 *db = conn.lite();
 	statement_cache::give_back(stmt_);
 	stmt_ = nullptr;
 	if (sql.c_str() != nullptr && (stmt_ = statement_cache::take(db, sql.c_str())) != nullptr) {
@@ -188,7 +189,13 @@ int Statement::prepare(sqlite3 *db, const SqlText &sql, SqlValues values)
 	return rc != KEL_SUCCESS ? rc : bind_values(stmt_, values);
 }
 
-int exec(sqlite3 *db, const SqlText &sql, SqlValues values)
+int Statement::bind_text(int position, const char *text)
+{
+	const int sqlrc = sqlite3_bind_text(stmt_, position, text, -1, SQLITE_TRANSIENT);
+	return sqlrc == SQLITE_OK ? KEL_SUCCESS : kel::sql_error(sqlrc);
+}
+
+int exec(Db db, const SqlText &sql, SqlValues values)
 {
 	Statement st;
 	int rc = st.prepare(db, sql, values);
@@ -201,7 +208,7 @@ int Transaction::begin()
 {
 	// Inside a caller's transaction this one joins it, so operations compose: the
 	// caller's commit or rollback decides for both.
-	if (sqlite3_get_autocommit(db_) == 0)
+	if (sqlite3_get_autocommit(db_.lite()) == 0)
 		return KEL_SUCCESS;
 	int rc = exec(db_, "BEGIN TRANSACTION");
 	open_ = rc == KEL_SUCCESS;

@@ -96,7 +96,7 @@ int check_writable(kel_dbhandle_t h) noexcept
 		int rc = structure(h->edh_db);
 		int version = 0;
 		if (rc == KEL_SUCCESS)
-			rc = schema::read_version(h->edh_db, &version);
+			rc = schema::read_version(h, &version);
 		if (rc == KEL_SUCCESS && version > schema::kVersion)
 			rc = KEL_E_DB_VERSION;
 		if (rc == KEL_SUCCESS)

@@ -120,8 +120,8 @@ int renew_triggers(kel_dbhandle_t h)
 			continue;
 		const std::string name = trigger_name(*stmt);
 		bool same = false;
-		rc = kel::for_each_row(h->edh_db, "SELECT sql FROM sqlite_master WHERE type = 'trigger' AND name = ?",
-		    {name}, [&](kel::Statement &st) {
+		rc = kel::for_each_row(h, "SELECT sql FROM sqlite_master WHERE type = 'trigger' AND name = ?", {name},
+		    [&](kel::Statement &st) {
 			    same = st.text(0) != nullptr && std::strcmp(st.text(0), *stmt) == 0;
 			    return KEL_SUCCESS;
 		    });
@@ -132,8 +132,8 @@ int renew_triggers(kel_dbhandle_t h)
 			rc = kel_sqlite3_exec(h->edh_db, "%s", 1, *stmt, 0);
 		renewed = true;
 	}
-	if (rc == KEL_SUCCESS && renewed && (rc = kel::exec(h->edh_db, "DELETE FROM vport_colon_tbl")) == KEL_SUCCESS)
-		rc = kel::exec(h->edh_db, kel::schema::kColonTailsFill);
+	if (rc == KEL_SUCCESS && renewed && (rc = kel::exec(h, "DELETE FROM vport_colon_tbl")) == KEL_SUCCESS)
+		rc = kel::exec(h, kel::schema::kColonTailsFill);
 	return rc;
 }
 
@@ -149,14 +149,14 @@ int ensure_lookups(kel_dbhandle_t h)
 		rc = kel_sqlite3_exec(h->edh_db, "%s", 1, stmt.c_str(), 0);
 	}
 	if (rc == KEL_SUCCESS)
-		rc = kel::exec(h->edh_db, "DROP INDEX IF EXISTS vport_macunkeyed_idx");
+		rc = kel::exec(h, "DROP INDEX IF EXISTS vport_macunkeyed_idx");
 	bool kept = false;
 	if (rc == KEL_SUCCESS)
-		rc = kel::schema::has_table(h->edh_db, "vport_colon_tbl", &kept);
+		rc = kel::schema::has_table(h, "vport_colon_tbl", &kept);
 	if (rc == KEL_SUCCESS && !kept) {
 		rc = run_all(h, kel::schema::kColonTails);
 		if (rc == KEL_SUCCESS)
-			rc = kel::exec(h->edh_db, kel::schema::kColonTailsFill);
+			rc = kel::exec(h, kel::schema::kColonTailsFill);
 	} else if (rc == KEL_SUCCESS) {
 		rc = renew_triggers(h);
 	}
@@ -172,8 +172,8 @@ int upgrade()
 	kel_dbhandle_t h = store.get();
 	kel::WriteScope write(h);
 	int version = 0;
-	if ((rc = write.locked()) == KEL_SUCCESS &&
-	    (rc = kel::schema::read_version(h->edh_db, &version)) == KEL_SUCCESS && version <= kel::schema::kVersion) {
+	if ((rc = write.locked()) == KEL_SUCCESS && (rc = kel::schema::read_version(h, &version)) == KEL_SUCCESS &&
+	    version <= kel::schema::kVersion) {
 		rc = write.begin();
 		for (int i = version; rc == KEL_SUCCESS && kel_db_upgrade_stmts[i].version != -1; i++) {
 			const UpgradeStep &step = kel_db_upgrade_stmts[i];

@@ -57,7 +57,7 @@ TEST_F(AllocationConcurrency, NoIdIsEverHandedOutTwice)
 	// The IDs the switches hold are distinct, and held plus free is the whole range.
 	std::set<std::string> held;
 	int switches = 0;
-	ASSERT_EQ(kel::for_each_row(h_->edh_db, "SELECT kel_props FROM kel_tbl", {},
+	ASSERT_EQ(kel::for_each_row(h_, "SELECT kel_props FROM kel_tbl", {},
 	              [&](kel::Statement &st) {
 		              const std::string props = st.text(0);
 		              const size_t at = props.find("vlanid=");

@@ -99,7 +99,7 @@ protected:
 	std::string ports()
 	{
 		std::string out;
-		kel::for_each_row(h_->edh_db,
+		kel::for_each_row(h_,
 		    "SELECT vport_name, vport_status, vport_hostname, vport_vnicname, vport_props "
 		    "FROM vport_tbl ORDER BY vport_name",
 		    {}, [&](kel::Statement &st) {
@@ -359,7 +359,7 @@ void Bindings::expect_no_port_bound_twice(bool over_keld)
 
 	std::set<std::string> names, addresses;
 	int bound = 0;
-	ASSERT_EQ(kel::for_each_row(h_->edh_db, "SELECT vport_name, vport_props, vport_status FROM vport_tbl", {},
+	ASSERT_EQ(kel::for_each_row(h_, "SELECT vport_name, vport_props, vport_status FROM vport_tbl", {},
 	              [&](kel::Statement &st) {
 		              names.insert(st.text(0));
 		              const std::string props = st.text(1);

@@ -31,8 +31,7 @@ protected:
 				    uuid(id++) + "', '" + uuid(1) + "', 'n', NULL)");
 			} else if (by_update) {
 				add_vport(id, 1, "p", "ipaddr=fd00::1:2:3:4:5:6");
-				ASSERT_EQ(kel::exec(h_->edh_db,
-				              "UPDATE vport_tbl SET vport_props = ? WHERE vport_uuid = ?",
+				ASSERT_EQ(kel::exec(h_, "UPDATE vport_tbl SET vport_props = ? WHERE vport_uuid = ?",
 				              {std::string(p), uuid(id++)}),
 				    KEL_SUCCESS);
 			} else {
@@ -171,8 +170,7 @@ TEST_F(MacInUse, QueryUsesItsIndexes)
 {
 	std::string plan;
 	for (const char *query : {KEL_SQL_MAC_BY_KEY, KEL_SQL_MAC_BY_TAIL})
-		ASSERT_EQ(kel::for_each_row(h_->edh_db, (std::string("EXPLAIN QUERY PLAN ") + query).c_str(),
-		              {"a", "b", "c"},
+		ASSERT_EQ(kel::for_each_row(h_, (std::string("EXPLAIN QUERY PLAN ") + query).c_str(), {"a", "b", "c"},
 		              [&](kel::Statement &st) {
 			              plan += std::string(st.text(3)) + "\n";
 			              return KEL_SUCCESS;

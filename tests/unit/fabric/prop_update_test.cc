@@ -305,7 +305,7 @@ TEST_F(RecordingHost, APortThatMovesMeanwhileIsFollowed)
 	auto move_once = [&](const char *sql) {
 		on_lookup = [&, sql, done = false](const std::string &) mutable {
 			if (!std::exchange(done, true)) {
-				EXPECT_EQ(kel::exec(other->edh_db, sql), KEL_SUCCESS);
+				EXPECT_EQ(kel::exec(other, sql), KEL_SUCCESS);
 			}
 		};
 	};
@@ -332,7 +332,7 @@ TEST_F(RecordingHost, ASwitchChangeReachesItsHostsTogether)
 		const std::string host = "h" + std::to_string(i), vnic = "v" + std::to_string(i);
 		ASSERT_EQ(kel_db_set_ctrlprop(h_, "uri-template=unix://", host.c_str()), KEL_SUCCESS);
 		for (const std::string &name : {vnic, vnic + "b"}) {
-			ASSERT_EQ(kel::exec(h_->edh_db,
+			ASSERT_EQ(kel::exec(h_,
 			              "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
 			              "vport_status, vport_vnicname, vport_hostname) VALUES (?, ?, ?, '', 1, ?, ?)",
 			              {uuid(1000 + static_cast<int>(want.size())), keluuid, "q" + name, name, host}),

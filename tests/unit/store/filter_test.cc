@@ -161,9 +161,8 @@ std::vector<std::string> names(kel_dbhandle_t h, const char *filter, int *rc)
 {
 	std::vector<std::string> out;
 	*rc = kel_db_get_filtered_common(h, "kel_tbl", nullptr, nullptr, nullptr, filter, &out,
-	    [](sqlite3_stmt *st, void *arg) {
-		    static_cast<std::vector<std::string> *>(arg)->push_back(
-		        reinterpret_cast<const char *>(sqlite3_column_text(st, 1)));
+	    [](const kel::Statement &st, void *arg) {
+		    static_cast<std::vector<std::string> *>(arg)->push_back(st.text(1));
 		    return KEL_SUCCESS;
 	    });
 	return out;

@@ -35,10 +35,10 @@ protected:
 		std::vector<std::string> out;
 		if (h == nullptr)
 			return out;
-		EXPECT_EQ(kel::for_each_row(h->edh_db, sql, {},
+		EXPECT_EQ(kel::for_each_row(h, sql, {},
 		              [&](kel::Statement &st) {
 			              std::string row;
-			              for (int i = 0; i < sqlite3_column_count(st.get()); i++) {
+			              for (int i = 0; i < st.columns(); i++) {
 				              const char *t = st.text(i);
 				              row += (i ? "|" : "") + std::string(t ? t : "NULL");
 			              }
@@ -127,9 +127,8 @@ TEST_F(SchemaTest, DefaultsApplyToNewRows)
 	ASSERT_EQ(kel_db_create(), KEL_SUCCESS);
 	kel_dbhandle_t h = nullptr;
 	ASSERT_EQ(kel_db_open(&h, SQLITE_OPEN_READWRITE), KEL_SUCCESS);
-	ASSERT_EQ(kel::exec(h->edh_db, "INSERT INTO kel_tbl (kel_uuid, kel_name) VALUES (?, ?)", {"u1", "k1"}),
-	    KEL_SUCCESS);
-	ASSERT_EQ(kel::exec(h->edh_db,
+	ASSERT_EQ(kel::exec(h, "INSERT INTO kel_tbl (kel_uuid, kel_name) VALUES (?, ?)", {"u1", "k1"}), KEL_SUCCESS);
+	ASSERT_EQ(kel::exec(h,
 	              "INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_keluuid, ipnet_name, ipnet_af, "
 	              "ipnet_start_addr, ipnet_end_addr) VALUES ('i1', 'u1', 'n', 2, 'a', 'b')"),
 	    KEL_SUCCESS);

@@ -243,7 +243,7 @@ TEST_F(StoreLockTest, WriteScopeRollsBackUnlessCommittedThenUnlocks)
 		{
 			kel::WriteScope write(h);
 			ASSERT_EQ(write.begin(), KEL_SUCCESS);
-			ASSERT_EQ(kel::exec(h->edh_db, "INSERT INTO misc_tbl (misc_name, misc_value) VALUES (?, ?)",
+			ASSERT_EQ(kel::exec(h, "INSERT INTO misc_tbl (misc_name, misc_value) VALUES (?, ?)",
 			              {"probe", commit ? "kept" : "dropped"}),
 			    KEL_SUCCESS);
 			if (commit) {
@@ -255,7 +255,7 @@ TEST_F(StoreLockTest, WriteScopeRollsBackUnlessCommittedThenUnlocks)
 		EXPECT_TRUE(other_process_can_lock(lock_path(), F_WRLCK));
 		EXPECT_NE(sqlite3_get_autocommit(h->edh_db), 0);
 		int rows = 0;
-		ASSERT_EQ(kel::for_each_row(h->edh_db, "SELECT misc_value FROM misc_tbl WHERE misc_name = 'probe'", {},
+		ASSERT_EQ(kel::for_each_row(h, "SELECT misc_value FROM misc_tbl WHERE misc_name = 'probe'", {},
 		              [&](kel::Statement &st) {
 			              EXPECT_STREQ(st.text(0), "kept");
 			              rows++;

@@ -75,7 +75,7 @@ protected:
 		kel_dbhandle_t h = nullptr;
 		EXPECT_EQ(kel_db_open(&h, KEL_DB_READONLY), KEL_SUCCESS);
 		std::string out = "<none>";
-		kel::for_each_row(h->edh_db, sql.c_str(), {}, [&](kel::Statement &st) {
+		kel::for_each_row(h, sql.c_str(), {}, [&](kel::Statement &st) {
 			out = st.text(0) ? st.text(0) : "<null>";
 			return KEL_E_EXISTS;
 		});

@@ -38,7 +38,7 @@ protected:
 
 	void add_kel(int id, const char *name, const char *tenant = "sys-global", const char *props = "")
 	{
-		ASSERT_EQ(kel::exec(h_->edh_db,
+		ASSERT_EQ(kel::exec(h_,
 		              "INSERT INTO kel_tbl (kel_uuid, kel_name, kel_tenant_name, kel_props) "
 		              "VALUES (?, ?, ?, ?)",
 		              {uuid(id), name, tenant, props}),
@@ -48,7 +48,7 @@ protected:
 	void add_vport(int id, int kel, const char *name, const char *props = "", int status = 0,
 	    const char *vnic = nullptr, const char *host = "")
 	{
-		ASSERT_EQ(kel::exec(h_->edh_db,
+		ASSERT_EQ(kel::exec(h_,
 		              "INSERT INTO vport_tbl (vport_uuid, vport_keluuid, vport_name, vport_props, "
 		              "vport_status, vport_vnicname, vport_hostname) VALUES (?, ?, ?, ?, ?, ?, ?)",
 		              {uuid(id), uuid(kel), name, props, status, vnic ? vnic : "", host}),
@@ -58,7 +58,7 @@ protected:
 	void add_ipnet(int id, int kel, const char *name, const char *subnet, const char *avail = "10.0.0.2-10.0.0.254")
 	{
 		const std::string props = std::string("subnet=") + subnet;
-		ASSERT_EQ(kel::exec(h_->edh_db,
+		ASSERT_EQ(kel::exec(h_,
 		              "INSERT INTO ipnet_tbl (ipnet_uuid, ipnet_keluuid, ipnet_name, ipnet_props, "
 		              "ipnet_af, ipnet_start_addr, ipnet_end_addr, ipnet_avail_range) "
 		              "VALUES (?, ?, ?, ?, 2, '', '', ?)",
@@ -80,12 +80,11 @@ protected:
 			ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", p, nullptr, nullptr, 0), KEL_SUCCESS);
 	}
 
-	void sql(const std::string &statement) { ASSERT_EQ(kel::exec(h_->edh_db, statement.c_str()), KEL_SUCCESS); }
+	void sql(const std::string &statement) { ASSERT_EQ(kel::exec(h_, statement.c_str()), KEL_SUCCESS); }
 
 	void set_ctrl(const char *pname, const char *value)
 	{
-		ASSERT_EQ(
-		    kel::exec(h_->edh_db, "UPDATE ctrl_tbl SET ctrl_pval = ? WHERE ctrl_pname = ?", {value, pname}),
+		ASSERT_EQ(kel::exec(h_, "UPDATE ctrl_tbl SET ctrl_pval = ? WHERE ctrl_pname = ?", {value, pname}),
 		    KEL_SUCCESS);
 	}
 
@@ -93,7 +92,7 @@ protected:
 	std::string value(const std::string &sql, SqlValues values = {})
 	{
 		std::string out = "<none>";
-		EXPECT_EQ(kel::for_each_row(h_->edh_db, sql.c_str(), values,
+		EXPECT_EQ(kel::for_each_row(h_, sql.c_str(), values,
 		              [&](kel::Statement &st) {
 			              out = st.text(0) ? st.text(0) : "<null>";
 			              return KEL_E_EXISTS;  // the first row is enough
@@ -113,9 +112,9 @@ protected:
 		std::string out;
 		for (const char *table : {"kel_tbl", "vport_tbl", "ipnet_tbl", "ctrl_tbl", "misc_tbl"}) {
 			out += std::string(table) + ":\n";
-			EXPECT_EQ(kel::for_each_row(h_->edh_db, kel::SqlText("SELECT * FROM %s ORDER BY 1", table), {},
+			EXPECT_EQ(kel::for_each_row(h_, kel::SqlText("SELECT * FROM %s ORDER BY 1", table), {},
 			              [&](kel::Statement &st) {
-				              for (int i = 0; i < sqlite3_column_count(st.get()); i++)
+				              for (int i = 0; i < st.columns(); i++)
 					              out += std::string(st.text(i) ? st.text(i) : "NULL") + "|";
 				              out += "\n";
 				              return KEL_SUCCESS;
