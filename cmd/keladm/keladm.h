@@ -131,6 +131,7 @@ void print_help(FILE *out, const Subcommand &cmd);
 int open_store(kel::StoreHandle *store, bool write, bool report = true);
 
 int create_store(const Subcommand &cmd, const Options &opts);
+int set_store(const Subcommand &cmd, const Options &opts);
 int create_kel(const Subcommand &cmd, const Options &opts);
 int delete_kel(const Subcommand &cmd, const Options &opts);
 int show_kel(const Subcommand &cmd, const Options &opts);

@@ -223,9 +223,14 @@ int open_store(kel::StoreHandle *store, bool write, bool report)
 	int rc = kel::db_open(store, write ? KEL_DB_READWRITE : KEL_DB_READONLY);
 	if (rc == KEL_SUCCESS || !report)
 		return rc;
-	// Say where, and the two causes an operator meets most in words of their own.
+	// Say where, and the two causes an operator meets most in words of their own. A store
+	// in a database is named by the command that put it there: its connection string may
+	// hold a password.
 	const std::string path = kel::paths::under_root(kel::paths::kDbFile);
-	if (!kel_db_exists())
+	char conninfo[1024] = "";
+	if (kel_get_controller_togprop("store", conninfo, sizeof(conninfo)) == KEL_SUCCESS && *conninfo != '\0')
+		fail("cannot open the configuration store in the database keladm set-store named", rc);
+	else if (!kel_db_exists())
 		std::fprintf(stderr,
 		    "keladm: no configuration store at %s: this host is not the controller, "
 		    "or keladm create-store has not made it yet\n",

@@ -31,6 +31,19 @@ int create_store(const Subcommand &cmd, const Options &opts)
 	return kExitOk;
 }
 
+// Which engine holds the store is the controller's setting; moving what a store holds
+// from one to the other is not this command's business.
+int set_store(const Subcommand &cmd, const Options &opts)
+{
+	if (opts.operands.size() > 1)
+		return usage_error(cmd, "set-store takes one connection string (quote it)");
+	const char *conninfo = opts.operands.empty() || *opts.operands[0] == '\0' ? nullptr : opts.operands[0];
+	const int rc = kel_set_controller_togprop("store", conninfo);
+	if (rc != KEL_SUCCESS && !(rc == KEL_E_NOTFOUND && conninfo == nullptr))
+		return fail("cannot set where the configuration store is kept", rc);
+	return kExitOk;
+}
+
 int upgrade_store(const Subcommand &cmd, const Options &opts)
 {
 	if (!opts.operands.empty())

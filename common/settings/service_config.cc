@@ -375,22 +375,31 @@ void kel_free_togproplist(list_t *list) noexcept
 	list_destroy(list);
 }
 
+// The controller's own settings: its identity, and the PostgreSQL database that holds its
+// store (when it is not the SQLite file).
+static bool controller_setting(const char *name)
+{
+	return name != nullptr && (std::strcmp(name, "uuid") == 0 || std::strcmp(name, kel::store::kSettingName) == 0);
+}
+
 int kel_set_controller_togprop(const char *name, const char *value) noexcept
 {
-	if (name == nullptr || std::strcmp(name, "uuid") != 0)
+	if (!controller_setting(name))
 		return KEL_E_INVALID_CTRLPROP;
 	return kel::c_boundary([&] {
-		return kel_tog_set_one_value(KEL_CONTROLLER_FMRI, "config", "uuid", VUR_TYPE_ASTRING,
+		return kel_tog_set_one_value(KEL_CONTROLLER_FMRI, kel::store::kSettingGroup, name, VUR_TYPE_ASTRING,
 		    const_cast<char *>(value));
 	});
 }
 
 int kel_get_controller_togprop(const char *name, char *buf, size_t size) noexcept
 {
-	if (name == nullptr || std::strcmp(name, "uuid") != 0)
+	if (!controller_setting(name))
 		return KEL_E_INVALID_CTRLPROP;
-	return kel::c_boundary(
-	    [&] { return kel_tog_get_one_value(KEL_CONTROLLER_FMRI, "config", "uuid", VUR_TYPE_ASTRING, buf, size); });
+	return kel::c_boundary([&] {
+		return kel_tog_get_one_value(KEL_CONTROLLER_FMRI, kel::store::kSettingGroup, name, VUR_TYPE_ASTRING,
+		    buf, size);
+	});
 }
 
 }  // extern "C"

@@ -6,10 +6,11 @@
 
 #include <kel/libkel.h>
 #include "owners.h"
+#include "store_setting.h"
 #include "vur.h"
 
 inline constexpr const char *KEL_NODE_FMRI = "svc:/network/kel:default";
-inline constexpr const char *KEL_CONTROLLER_FMRI = "svc:/network/kel-controller:default";
+inline constexpr const char *KEL_CONTROLLER_FMRI = kel::store::kControllerInstance;
 
 // One open service instance, with the objects of the read or write under way.
 struct kel_vur_state_t {

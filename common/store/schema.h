@@ -15,6 +15,8 @@ inline constexpr unsigned kOwnerGid = 65;
 
 // The creation statements, in the order they run; ended by a null entry.
 extern const char *const kel_sqlstmts[];
+// The same for a store on PostgreSQL.
+extern const char *const kel_pg_sqlstmts[];
 
 // Where each column of a row stands, in the order the CREATE statements give them. The
 // views put the switch's columns first and the port's or network's after them.

@@ -7,6 +7,7 @@
 #include <sqlite3.h>
 
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <type_traits>
 
@@ -64,13 +65,22 @@ int bind_values(sqlite3_stmt *stmt, SqlValues values);
 // than the engine's connection, so that the code above the store names no engine.
 class Db {
 public:
-	Db(kel_dbhandle_t h) : lite_(h->edh_db) {}
+	Db(kel_dbhandle_t h) : lite_(h->edh_db), pg_(h->edh_pg) {}
 	Db(sqlite3 *lite) : lite_(lite) {}
+	Db(pg::Conn *pg) : pg_(pg) {}
 
 	sqlite3 *lite() const { return lite_; }
+	pg::Conn *pg() const { return pg_; }
 
 private:
 	sqlite3 *lite_ = nullptr;
+	pg::Conn *pg_ = nullptr;
+};
+
+// A statement's state on PostgreSQL (statement.cc).
+struct PgCursor;
+struct PgCursorFree {
+	void operator()(PgCursor *c) const;
 };
 
 // One statement and, once stepped, its current row. Row readers read columns through it
@@ -88,20 +98,31 @@ public:
 	// Binds `text` to parameter `position` (from 1), after prepare.
 	int bind_text(int position, const char *text);
 	// KEL_E_CONTINUE with a row ready, KEL_SUCCESS when done, or an error.
-	int step() { return kel_sqlite3_step(stmt_); }
+	int step() { return pg_ ? pg_step() : kel_sqlite3_step(stmt_); }
 
 	// The connection it runs on.
-	Db db() const { return sqlite3_db_handle(stmt_); }
+	Db db() const;
 	// The SQLite statement itself, for the statement layer's tests.
 	sqlite3_stmt *get() const { return stmt_; }
-	// Column `i` of the current row as text; NULL for an SQL NULL.
-	const char *text(int i) const { return reinterpret_cast<const char *>(sqlite3_column_text(stmt_, i)); }
-	int integer(int i) const { return sqlite3_column_int(stmt_, i); }
-	bool is_null(int i) const { return sqlite3_column_type(stmt_, i) == SQLITE_NULL; }
-	int columns() const { return sqlite3_column_count(stmt_); }
+	// Column `i` of the current row as text; NULL for an SQL NULL. A truth value reads as
+	// 1 or 0 on either engine.
+	const char *text(int i) const
+	{
+		return pg_ ? pg_text(i) : reinterpret_cast<const char *>(sqlite3_column_text(stmt_, i));
+	}
+	int integer(int i) const { return pg_ ? pg_integer(i) : sqlite3_column_int(stmt_, i); }
+	bool is_null(int i) const { return pg_ ? pg_text(i) == nullptr : sqlite3_column_type(stmt_, i) == SQLITE_NULL; }
+	int columns() const { return pg_ ? pg_columns() : sqlite3_column_count(stmt_); }
 
 private:
+	int pg_prepare(pg::Conn *conn, const SqlText &sql, SqlValues values);
+	int pg_step();
+	const char *pg_text(int i) const;
+	int pg_integer(int i) const;
+	int pg_columns() const;
+
 	sqlite3_stmt *stmt_ = nullptr;
+	std::unique_ptr<PgCursor, PgCursorFree> pg_;
 };
 
 // Runs `sql` to its end, skipping any rows.
@@ -140,6 +161,8 @@ public:
 	void rollback();
 
 private:
+	int run(const char *sql);
+
 	Db db_;
 	bool open_ = false;
 };

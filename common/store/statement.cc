@@ -2,24 +2,76 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "error_code.h"
 #include "fault.h"
 #include "kel_assert.h"
+#include "pg_conn.h"
+#include "pg_lib.h"
 #include "sql.h"
 #include "statement_cache.h"
 
+namespace kel {
+
+// A statement on PostgreSQL: its values are kept until the first step runs it, and its
+// whole result is then read row by row.
+struct PgCursor {
+	pg::Conn *conn;
+	pg::Prepared prepared;
+	std::vector<std::string> values;  // by PostgreSQL parameter number, from 0
+	std::vector<bool> bound;
+	pg::Result result;
+	int row = -1;
+	bool ran = false;
+
+	// Binds SQLite parameter number `at`: beyond the highest the text has is an error, as
+	// there; a number the text skips takes the value and uses it nowhere, as there.
+	int bind(int at, std::string text)
+	{
+		const pg::Translated &t = *prepared.text;
+		if (at < 1 || at > t.highest)
+			return sql_error(SQLITE_RANGE);
+		if (const auto slot = t.slots.find(at); slot != t.slots.end()) {
+			values[slot->second - 1] = std::move(text);
+			bound[slot->second - 1] = true;
+		}
+		return KEL_SUCCESS;
+	}
+};
+
+}  // namespace kel
+
 namespace {
 
+// Where a typed value list's items go: an SQLite statement, or a PostgreSQL one's values.
+struct LiteTarget {
+	sqlite3_stmt *stmt;
+	static int result(int sqlrc) { return sqlrc == SQLITE_OK ? KEL_SUCCESS : kel::sql_error(sqlrc); }
+	int number(int at, int v) { return result(sqlite3_bind_int(stmt, at, v)); }
+	int text(int at, const char *t)
+	{
+		return result(sqlite3_bind_text(stmt, at, t, static_cast<int>(std::strlen(t)), SQLITE_TRANSIENT));
+	}
+};
+
+struct PgTarget {
+	kel::PgCursor *cursor;
+	int number(int at, int v) { return cursor->bind(at, std::to_string(v)); }
+	int text(int at, const char *t) { return cursor->bind(at, t); }
+};
+
 // Binds the items of one typed value list, keeping the position count for plain items.
+template <class Target>
 class Binder {
 public:
-	explicit Binder(sqlite3_stmt *stmt) : stmt_(stmt) {}
+	explicit Binder(Target target) : target_(target) {}
 
 	int bind(const kel::SqlValue &v)
 	{
 		switch (v.type) {
-		case DATA_TYPE_INT32: return result(sqlite3_bind_int(stmt_, ++pos_, v.number));
+		case DATA_TYPE_INT32: return target_.number(++pos_, v.number);
 		case DATA_TYPE_STRING: return bind_text(++pos_, v.text);
 		case DATA_TYPE_ATTRSET: return bind_numbered(v.set);
 		}
@@ -27,13 +79,7 @@ public:
 	}
 
 private:
-	static int result(int sqlrc) { return sqlrc == SQLITE_OK ? KEL_SUCCESS : kel::sql_error(sqlrc); }
-
-	int bind_text(int at, const char *text)
-	{
-		return result(
-		    sqlite3_bind_text(stmt_, at, text, static_cast<int>(std::strlen(text)), SQLITE_TRANSIENT));
-	}
+	int bind_text(int at, const char *text) { return target_.text(at, text); }
 
 	// Entries are named by their parameter numbers, as the filter builder writes "?%d".
 	int bind_numbered(attrset_t *set)
@@ -45,7 +91,7 @@ private:
 			char *text;
 			int32_t number;
 			if (attrset_entry_value_int32(e, &number) == 0)
-				rc = result(sqlite3_bind_int(stmt_, at, number));
+				rc = target_.number(at, number);
 			else if (attrset_entry_value_string(e, &text) == 0)
 				rc = bind_text(at, text);
 			else
@@ -56,9 +102,21 @@ private:
 		return KEL_SUCCESS;
 	}
 
-	sqlite3_stmt *stmt_;
+	Target target_;
 	int pos_ = 0;
 };
+
+template <class Target>
+int bind_all(Target target, kel::SqlValues values)
+{
+	Binder<Target> binder(target);
+	for (const kel::SqlValue &v : values) {
+		int rc = binder.bind(v);
+		if (rc != KEL_SUCCESS)
+			return rc;
+	}
+	return KEL_SUCCESS;
+}
 
 // Reads one item of a C typed value list.
 kel::SqlValue next_item(va_list *ap)
@@ -106,7 +164,7 @@ int vprepare(sqlite3 *db, sqlite3_stmt **stmtp, const char *fmt, int nfmt, va_li
 
 int kel_sqlite3_bind(sqlite3_stmt *stmt, va_list *ap)
 {
-	Binder binder(stmt);
+	Binder<LiteTarget> binder({stmt});
 	const int count = va_arg(*ap, int);
 	for (int i = 0; i < count; i++) {
 		int rc = binder.bind(next_item(ap));
@@ -157,13 +215,12 @@ namespace kel {
 
 int bind_values(sqlite3_stmt *stmt, SqlValues values)
 {
-	Binder binder(stmt);
-	for (const SqlValue &v : values) {
-		int rc = binder.bind(v);
-		if (rc != KEL_SUCCESS)
-			return rc;
-	}
-	return KEL_SUCCESS;
+	return bind_all(LiteTarget{stmt}, values);
+}
+
+void PgCursorFree::operator()(PgCursor *c) const
+{
+	delete c;
 }
 
 Statement::~Statement()
@@ -171,8 +228,69 @@ Statement::~Statement()
 	statement_cache::give_back(stmt_);
 }
 
+Db Statement::db() const
+{
+	return pg_ ? Db(pg_->conn) : Db(sqlite3_db_handle(stmt_));
+}
+
+int Statement::pg_prepare(pg::Conn *conn, const SqlText &sql, SqlValues values)
+{
+	if (sql.c_str() == nullptr)
+		return KEL_E_NOMEM;
+	if (int injected = kel::fault::next_statement_fault())
+		return injected;
+	pg_.reset(new PgCursor());
+	pg_->conn = conn;
+	if (int rc = conn->prepare(sql.c_str(), &pg_->prepared); rc != KEL_SUCCESS)
+		return rc;
+	pg_->values.resize(pg_->prepared.text->slots.size());
+	pg_->bound.resize(pg_->prepared.text->slots.size());
+	return bind_all(PgTarget{pg_.get()}, values);
+}
+
+int Statement::pg_step()
+{
+	if (!pg_->ran) {
+		// Parameters never bound are NULL, as on SQLite.
+		std::vector<const char *> values(pg_->values.size());
+		for (size_t i = 0; i < values.size(); i++)
+			values[i] = pg_->bound[i] ? pg_->values[i].c_str() : nullptr;
+		pg_->ran = true;
+		if (int rc = pg_->conn->run(pg_->prepared, values, &pg_->result); rc != KEL_SUCCESS)
+			return rc;
+	}
+	return ++pg_->row < pg::lib()->PQntuples(pg_->result.get()) ? KEL_E_CONTINUE : KEL_SUCCESS;
+}
+
+const char *Statement::pg_text(int i) const
+{
+	const PGresult *res = pg_->result.get();
+	if (res == nullptr || pg_->row < 0 || pg_->row >= pg::lib()->PQntuples(res) || i < 0 ||
+	    i >= pg::lib()->PQnfields(res) || pg::lib()->PQgetisnull(res, pg_->row, i))
+		return nullptr;
+	return pg::lib()->PQgetvalue(res, pg_->row, i);
+}
+
+int Statement::pg_integer(int i) const
+{
+	const char *t = pg_text(i);
+	if (t == nullptr)
+		return 0;
+	if (pg::lib()->PQftype(pg_->result.get(), i) == 16)  // bool: 't' or 'f'
+		return *t == 't' ? 1 : 0;
+	return std::atoi(t);
+}
+
+int Statement::pg_columns() const
+{
+	return pg_->result ? pg::lib()->PQnfields(pg_->result.get()) : 0;
+}
+
 int Statement::prepare(Db conn, const SqlText &sql, SqlValues values)
 {
+	pg_.reset();
+	if (conn.pg() != nullptr)
+		return pg_prepare(conn.pg(), sql, values);
 	sqlite3 *db = conn.lite();
 	statement_cache::give_back(stmt_);
 	stmt_ = nullptr;
@@ -191,6 +309,8 @@ int Statement::prepare(Db conn, const SqlText &sql, SqlValues values)
 
 int Statement::bind_text(int position, const char *text)
 {
+	if (pg_)
+		return pg_->bind(position, text);
 	const int sqlrc = sqlite3_bind_text(stmt_, position, text, -1, SQLITE_TRANSIENT);
 	return sqlrc == SQLITE_OK ? KEL_SUCCESS : kel::sql_error(sqlrc);
 }
@@ -204,13 +324,25 @@ int exec(Db db, const SqlText &sql, SqlValues values)
 	return rc;
 }
 
+// The transaction statements. On PostgreSQL they go as they are, without preparing:
+// a rollback runs from destructors, where nothing may throw, not even for memory. The
+// fault hook counts them as it counts every statement.
+int Transaction::run(const char *sql)
+{
+	if (db_.pg() == nullptr)
+		return exec(db_, sql);
+	if (int injected = kel::fault::next_statement_fault())
+		return injected;
+	return db_.pg()->simple(sql, nullptr);
+}
+
 int Transaction::begin()
 {
 	// Inside a caller's transaction this one joins it, so operations compose: the
 	// caller's commit or rollback decides for both.
-	if (sqlite3_get_autocommit(db_.lite()) == 0)
+	if (db_.pg() != nullptr ? db_.pg()->in_transaction() : sqlite3_get_autocommit(db_.lite()) == 0)
 		return KEL_SUCCESS;
-	int rc = exec(db_, "BEGIN TRANSACTION");
+	int rc = run("BEGIN TRANSACTION");
 	open_ = rc == KEL_SUCCESS;
 	return rc;
 }
@@ -219,7 +351,7 @@ int Transaction::commit()
 {
 	if (!open_)
 		return KEL_SUCCESS;  // joined a caller's transaction
-	int rc = exec(db_, "COMMIT TRANSACTION");
+	int rc = run("COMMIT TRANSACTION");
 	if (rc == KEL_SUCCESS)
 		open_ = false;
 	else
@@ -232,7 +364,7 @@ void Transaction::rollback()
 	if (!open_)
 		return;
 	open_ = false;
-	(void)exec(db_, "ROLLBACK TRANSACTION");
+	(void)run("ROLLBACK TRANSACTION");
 }
 
 }  // namespace kel

@@ -10,7 +10,11 @@
 #include "c_boundary.h"
 #include "error_code.h"
 #include "paths.h"
+#include "pg_conn.h"
+#include "schema.h"
+#include "sql.h"
 #include "statement_cache.h"
+#include "store_setting.h"
 
 static_assert(KEL_DB_READONLY == SQLITE_OPEN_READONLY && KEL_DB_READWRITE == SQLITE_OPEN_READWRITE,
     "the public open modes are SQLite's");
@@ -26,6 +30,15 @@ int kel::open_store(kel_dbhandle_t *handlep, int flags)
 	pthread_mutex_init(&edh->edh_cntmutex, nullptr);
 
 	const int rc = kel::c_boundary([&] {
+		if (const std::string conninfo = kel::store::conninfo(); !conninfo.empty()) {
+			std::unique_ptr<kel::pg::Conn> conn;
+			int opened = kel::pg::Conn::open(conninfo, &conn);
+			// A read-only handle cannot write, as a file opened read-only cannot.
+			if (opened == KEL_SUCCESS && (flags & SQLITE_OPEN_READWRITE) == 0)
+				opened = conn->simple("SET default_transaction_read_only = on");
+			edh->edh_pg = conn.release();
+			return opened;
+		}
 		const std::string db = kel::paths::under_root(kel::paths::kDbFile);
 		const std::string lock = kel::paths::under_root(kel::paths::kLockFile);
 		if (int sqlrc = sqlite3_open_v2(db.c_str(), &edh->edh_db, flags, nullptr); sqlrc != SQLITE_OK)
@@ -80,6 +93,7 @@ void kel_db_close(kel_dbhandle_t edh) noexcept
 	if (edh == nullptr)
 		return;
 	pthread_mutex_destroy(&edh->edh_cntmutex);
+	delete edh->edh_pg;
 	kel::statement_cache::detach(edh->edh_db);
 	sqlite3_close(edh->edh_db);
 	// Closing the descriptor also drops any record lock this process holds on the file.
@@ -91,6 +105,15 @@ void kel_db_close(kel_dbhandle_t edh) noexcept
 boolean_t kel_db_exists(void) noexcept
 {
 	return kel::c_boundary_as(B_FALSE, B_FALSE, [] {
+		// On PostgreSQL, the store exists once its schema does.
+		if (const std::string conninfo = kel::store::conninfo(); !conninfo.empty()) {
+			std::unique_ptr<kel::pg::Conn> conn;
+			bool found = false;
+			return kel::pg::Conn::open(conninfo, &conn) == KEL_SUCCESS &&
+			        kel::schema::has_table(conn.get(), "misc_tbl", &found) == KEL_SUCCESS && found
+			    ? B_TRUE
+			    : B_FALSE;
+		}
 		const std::string db = kel::paths::under_root(kel::paths::kDbFile);
 		return access(db.c_str(), F_OK) == 0 ? B_TRUE : B_FALSE;
 	});

@@ -6,12 +6,21 @@
 
 #include <kel/libkel.h>
 
+namespace kel::pg {
+class Conn;
+}
+
+// A store is an SQLite file, or a PostgreSQL database when the controller's service
+// configuration names one ("config/store", a libpq connection string): then edh_db is
+// NULL and edh_fd -1, and edh_pg holds the connection, whose advisory lock is the store
+// lock.
 struct kel_dbhandle {
 	sqlite3 *edh_db;               // connection to the store
 	int edh_mode;                  // SQLite open flags, as given to kel_db_open
 	int edh_fd;                    // descriptor of the lock file; -1 until open
 	int edh_cnt;                   // lock depth: kel_lock calls not yet matched by kel_unlock
 	pthread_mutex_t edh_cntmutex;  // guards edh_cnt and the file lock's state
+	kel::pg::Conn *edh_pg;         // connection to a PostgreSQL store, else NULL
 };
 
 // Takes the store lock: a whole-file record lock on the lock file (exclusive for a

@@ -87,6 +87,14 @@ namespace kel {
 
 int check_writable(kel_dbhandle_t h) noexcept
 {
+	// A database server keeps its own pages sound; what is left to know is whether this
+	// library may write the schema it finds there.
+	if (h->edh_pg != nullptr)
+		return kel::c_boundary([&] {
+			int version = 0;
+			int rc = schema::read_version(h, &version);
+			return rc == KEL_SUCCESS && version > schema::kVersion ? KEL_E_DB_VERSION : rc;
+		});
 	// Looked at before the check: a change made meanwhile by another program is not taken
 	// for checked.
 	const Identity id = db_identity(h);
@@ -107,6 +115,8 @@ int check_writable(kel_dbhandle_t h) noexcept
 
 void note_sound(kel_dbhandle_t h) noexcept
 {
+	if (h->edh_pg != nullptr)
+		return;
 	const Identity id = db_identity(h);
 	if (!recorded(h, id))
 		record(h, id);

@@ -17,6 +17,7 @@
 
 #include "error_code.h"
 #include "kel_assert.h"
+#include "pg_conn.h"
 #include "store_handle.h"
 #include "store_integrity.h"
 
@@ -48,9 +49,30 @@ bool writes(kel_dbhandle_t edh)
 	return (edh->edh_mode & SQLITE_OPEN_READWRITE) != 0;
 }
 
+// The store lock of a store on PostgreSQL: the database's advisory lock, so that every
+// controller sharing the database is serialised as processes sharing a file are. A
+// lock that is not had at once (without waiting) reads as the file lock's EAGAIN.
+int lock_database(kel_dbhandle_t edh, bool wait)
+{
+	MutexHold hold(&edh->edh_cntmutex);
+	if (edh->edh_cnt++ > 0)
+		return KEL_SUCCESS;
+	bool got = false;
+	int rc = edh->edh_pg->lock(writes(edh), wait, &got);
+	if (rc == KEL_SUCCESS && !got)
+		rc = kel::sys_error(EAGAIN);
+	if (rc == KEL_SUCCESS && writes(edh) && (rc = kel::check_writable(edh)) != KEL_SUCCESS)
+		edh->edh_pg->unlock(true);
+	if (rc != KEL_SUCCESS)
+		edh->edh_cnt--;
+	return rc;
+}
+
 // kel_lock, waiting for other processes (`wait`) or not.
 int lock(kel_dbhandle_t edh, bool wait)
 {
+	if (edh->edh_pg != nullptr)
+		return lock_database(edh, wait);
 	KEL_ASSERT(kel::kAreaUtil, edh->edh_fd != -1);
 	MutexHold hold(&edh->edh_cntmutex);
 	if (edh->edh_cnt++ > 0)
@@ -93,11 +115,15 @@ int kel::try_lock(kel_dbhandle_t edh)
 
 void kel_unlock(kel_dbhandle_t edh)
 {
-	KEL_ASSERT(kel::kAreaUtil, edh->edh_fd != -1);
+	KEL_ASSERT(kel::kAreaUtil, edh->edh_pg != nullptr || edh->edh_fd != -1);
 	MutexHold hold(&edh->edh_cntmutex);
 	KEL_ASSERT(kel::kAreaUtil, edh->edh_cnt > 0);
 	if (--edh->edh_cnt > 0)
 		return;
+	if (edh->edh_pg != nullptr) {
+		edh->edh_pg->unlock(writes(edh));
+		return;
+	}
 	if (writes(edh))
 		kel::note_sound(edh);
 	struct flock fl = whole_file(F_UNLCK);

@@ -628,7 +628,12 @@ int kel_set_client_togprop(const char *propstr) KEL_NOEXCEPT;
  * that it creates; free it with kel_free_togproplist. */
 int kel_get_client_togprop(const char *propnames, list_t *list) KEL_NOEXCEPT;
 void kel_free_togproplist(list_t *list) KEL_NOEXCEPT;
-/* The controller's identity: `name` must be "uuid" (else KEL_E_INVALID_CTRLPROP). */
+/*
+ * The controller's own settings: "uuid", its identity, and "store", the libpq connection
+ * string of the PostgreSQL database that holds the store (unset or empty: the SQLite
+ * file /etc/kel/kel.db). Any other `name` is KEL_E_INVALID_CTRLPROP. A NULL `value`
+ * removes the setting.
+ */
 int kel_set_controller_togprop(const char *name, const char *value) KEL_NOEXCEPT;
 int kel_get_controller_togprop(const char *name, char *buf, size_t size) KEL_NOEXCEPT;
 

@@ -14,6 +14,14 @@ expect "a command without a store says where it looked" \
 check "create-store succeeds" "$keladm" create-store
 check "store files exist" test -f "$root/etc/kel/kel.db" -a -f "$root/etc/kel/kel.lock"
 check "create-store again leaves the store alone" "$keladm" create-store
+# A store kept in a database that does not answer is reported so, and the file serves
+# again once the setting is gone.
+check "set-store names a database" "$keladm" set-store "host=$root/no-server dbname=kel connect_timeout=2"
+expect "which is what commands then open" \
+	"keladm: cannot open the configuration store in the database keladm set-store named: error while handling SQL: unable to open database file" show-kel
+check "set-store without one goes back to the file" "$keladm" set-store
+check "and the file's store serves again" "$keladm" show-kel
+status "two operands are a usage error" 2 set-store a b
 status "an operand is a usage error (status 2)" 2 create-store extra
 status "an unknown subcommand is a usage error" 2 no-such-thing
 check "help lists every subcommand" bash -c \

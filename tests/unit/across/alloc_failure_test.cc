@@ -4,7 +4,6 @@
 // its pool. The sanitizer build runs the same loop and finds any leak.
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <iterator>
 #include <new>
@@ -97,20 +96,6 @@ protected:
 		StoreFixture::TearDown();
 	}
 
-	// The store file, to put back after an operation that got by without an allocation
-	// (a step it can do without) and changed the store.
-	std::string store_bytes()
-	{
-		std::ifstream in(kel::paths::under_root(kel::paths::kDbFile), std::ios::binary);
-		return std::string(std::istreambuf_iterator<char>(in), {});
-	}
-	void put_back(const std::string &bytes)
-	{
-		kel_db_close(h_);
-		std::ofstream(kel::paths::under_root(kel::paths::kDbFile), std::ios::binary | std::ios::trunc) << bytes;
-		ASSERT_EQ(kel_db_open(&h_, SQLITE_OPEN_READWRITE), KEL_SUCCESS);
-	}
-
 	// Runs `op` with its 1st, 2nd, ... allocation failing, until it runs through without
 	// reaching the failure; then it must have succeeded. An operation that fails must
 	// leave the store as it was: nothing written, no ID or address kept from its pool.
@@ -119,7 +104,7 @@ protected:
 		for (long nth = 1;; nth++) {
 			ASSERT_LT(nth, 5000) << what << ": the operation never ran through";
 			const std::string before = dump();
-			const std::string bytes = store_bytes();
+			const Tables rows = snapshot();
 			fired = false;
 			countdown = nth;
 			const int rc = op();
@@ -132,7 +117,7 @@ protected:
 				return;
 			}
 			if (done)
-				put_back(bytes);
+				restore(rows);
 			else
 				ASSERT_EQ(dump(), before) << what << ": allocation " << nth << " failed it (" << rc
 				                          << ") and changed the store";

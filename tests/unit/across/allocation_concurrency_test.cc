@@ -28,11 +28,13 @@ int worker(int id)
 	if (kel_db_open(&h, SQLITE_OPEN_READWRITE) != KEL_SUCCESS)
 		return 10;
 	int status = 0;
+	bool created = false;
 	for (int round = 0; round < kRounds && status == 0; round++) {
 		const std::string name = "w" + std::to_string(id) + "k" + std::to_string(round % 5);
 		kel_t *k = nullptr;
 		int rc = kel_db_create_kel(h, nullptr, name.c_str(), nullptr, 0, &k);
 		kel_free_kel(k);
+		created = created || rc == KEL_SUCCESS;
 		if (rc == KEL_E_EXISTS)
 			rc = kel_db_delete_kel(h, nullptr, name.c_str(), 0);
 		// Running out of IDs is fine when the others hold them all.
@@ -40,7 +42,10 @@ int worker(int id)
 			status = 1;
 	}
 	kel_db_close(h);
-	return status;
+	// A worker that never got an ID tested nothing. How many the workers hold at the end
+	// depends on the interleaving (a create refused for want of IDs shifts that name's
+	// create-delete cycle), and may be none.
+	return status != 0 ? status : created ? 0 : 2;
 }
 
 TEST_F(AllocationConcurrency, NoIdIsEverHandedOutTwice)
@@ -68,7 +73,6 @@ TEST_F(AllocationConcurrency, NoIdIsEverHandedOutTwice)
 	              }),
 	    KEL_SUCCESS);
 	EXPECT_EQ(static_cast<int>(held.size()), switches) << "an ID was handed out twice";
-	EXPECT_GT(switches, 0);
 	std::string pool = ctrl("vlan-range-avail");
 	for (const std::string &id : held) {
 		std::string rest;

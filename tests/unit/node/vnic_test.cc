@@ -130,10 +130,10 @@ protected:
 	// Every port's binding, and the switches and networks with their pools.
 	std::string state()
 	{
-		return value("SELECT group_concat(vport_name || ':' || vport_status || ':' || "
-		             "ifnull(vport_vnicname, '') || ':' || vport_hostname, ' ') FROM vport_tbl") +
-		    value("SELECT group_concat(kel_name || kel_props, ' ') FROM kel_tbl") +
-		    value("SELECT group_concat(ipnet_avail_range, ' ') FROM ipnet_tbl");
+		return joined("SELECT vport_name || ':' || vport_status || ':' || ifnull(vport_vnicname, '') || ':' || "
+		              "vport_hostname FROM vport_tbl ORDER BY 1") +
+		    "/" + joined("SELECT kel_name || kel_props FROM kel_tbl ORDER BY 1") + "/" +
+		    joined("SELECT ipnet_avail_range FROM ipnet_tbl ORDER BY 1");
 	}
 
 	datalink_id_t link_id(const char *name)
@@ -313,6 +313,8 @@ TEST_F(Vnics, NothingStaysBoundWhenTheLowerLinkCannotBeMade)
 	EXPECT_EQ(refused.rc, KEL_E_UPLINK_REQUIRED);
 	EXPECT_EQ(state(), before);
 
+	const std::string too_long = "UPDATE vport_tbl SET vport_props = vport_props || ',protection=mac-nospoof" +
+	    std::string(1100, ',') + "ip-nospoof'";
 	struct {
 		const char *what, *setup, *kel;
 		int rc;
@@ -325,11 +327,7 @@ TEST_F(Vnics, NothingStaysBoundWhenTheLowerLinkCannotBeMade)
 	        "UPDATE kel_tbl SET kel_props = 'l2-type=bogus,vlanid=100' "
 	        "WHERE kel_name = 'vl'",
 	        "vl", 1061},
-	    {"a link property text too long for the VNIC",
-	        "UPDATE vport_tbl SET vport_props = "
-	        "vport_props || ',protection=mac-nospoof' || replace(hex(zeroblob(1100)), '00', ',') || "
-	        "'ip-nospoof'",
-	        "db", KEL_E_NOSPACE},
+	    {"a link property text too long for the VNIC", too_long.c_str(), "db", KEL_E_NOSPACE},
 	};
 	ASSERT_TRUE(NetNs::run("ip link add nic0 type veth peer name nic0p"));
 	for (const auto &c : cases) {

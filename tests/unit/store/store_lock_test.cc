@@ -22,6 +22,8 @@ protected:
 	void SetUp() override
 	{
 		ScratchRoot::SetUp();
+		// The lock file's own behaviour; the advisory lock of a database: pg_store_test.cc.
+		KEL_FILE_STORE_ONLY();
 		ASSERT_EQ(kel_db_create(), KEL_SUCCESS);
 	}
 

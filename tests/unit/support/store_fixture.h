@@ -5,7 +5,10 @@
 #include <sqlite3.h>
 
 #include <cstdio>
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <kel/libkel.h>
 #include "sql.h"
@@ -101,27 +104,83 @@ protected:
 		return out;
 	}
 
+	// The first column of every row `sql` selects, joined by blanks.
+	std::string joined(const char *sql)
+	{
+		std::string out;
+		EXPECT_EQ(kel::for_each_row(h_, sql, {},
+		              [&](kel::Statement &st) {
+			              out += (out.empty() ? "" : " ") + std::string(st.text(0) ? st.text(0) : "<null>");
+			              return KEL_SUCCESS;
+		              }),
+		    KEL_SUCCESS);
+		return out;
+	}
+
 	std::string ctrl(const char *pname)
 	{
 		return value("SELECT ctrl_pval FROM ctrl_tbl WHERE ctrl_pname = ?", {pname});
 	}
 
+	static constexpr const char *kTables[] = {"kel_tbl", "vport_tbl", "ipnet_tbl", "ctrl_tbl", "misc_tbl"};
+
 	// Every row of every table, in a stable order: to compare a store before and after.
 	std::string dump()
 	{
 		std::string out;
-		for (const char *table : {"kel_tbl", "vport_tbl", "ipnet_tbl", "ctrl_tbl", "misc_tbl"}) {
-			out += std::string(table) + ":\n";
+		for (const auto &[table, rows] : snapshot()) {
+			out += table + ":\n";
+			for (const auto &row : rows) {
+				for (const auto &v : row)
+					out += (v ? *v : "NULL") + "|";
+				out += "\n";
+			}
+		}
+		return out;
+	}
+
+	// Every row of every table, to put back with restore(): a store file could be copied
+	// instead, a database cannot.
+	using Row = std::vector<std::optional<std::string>>;
+	using Tables = std::vector<std::pair<std::string, std::vector<Row>>>;
+	Tables snapshot()
+	{
+		Tables out;
+		for (const char *table : kTables) {
+			auto &rows = out.emplace_back(table, std::vector<Row>()).second;
 			EXPECT_EQ(kel::for_each_row(h_, kel::SqlText("SELECT * FROM %s ORDER BY 1", table), {},
 			              [&](kel::Statement &st) {
+				              Row &row = rows.emplace_back();
 				              for (int i = 0; i < st.columns(); i++)
-					              out += std::string(st.text(i) ? st.text(i) : "NULL") + "|";
-				              out += "\n";
+					              row.push_back(st.text(i) ? std::optional<std::string>(st.text(i))
+					                                       : std::nullopt);
 				              return KEL_SUCCESS;
 			              }),
 			    KEL_SUCCESS);
 		}
 		return out;
+	}
+	void restore(const Tables &tables)
+	{
+		for (const auto &[table, rows] : tables) {
+			ASSERT_EQ(kel::exec(h_, kel::SqlText("DELETE FROM %s", table.c_str())), KEL_SUCCESS);
+			for (const Row &row : rows) {
+				std::string marks;
+				for (size_t i = 0; i < row.size(); i++)
+					marks += i ? ", ?" : "?";
+				kel::Statement st;
+				ASSERT_EQ(st.prepare(h_,
+				              kel::SqlText("INSERT INTO %s VALUES (%s)", table.c_str(), marks.c_str())),
+				    KEL_SUCCESS);
+				for (size_t i = 0; i < row.size(); i++) {
+					if (row[i]) {
+						ASSERT_EQ(st.bind_text(static_cast<int>(i + 1), row[i]->c_str()),
+						    KEL_SUCCESS);
+					}
+				}
+				ASSERT_EQ(st.step(), KEL_SUCCESS);
+			}
+		}
 	}
 
 	int rows(const char *table) { return std::stoi(value(std::string("SELECT count(*) FROM ") + table)); }

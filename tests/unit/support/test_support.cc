@@ -4,6 +4,7 @@
 #include "fault.h"
 #include "nuq_uri.h"
 #include "paths.h"
+#include "pg_conn.h"
 
 #include <fcntl.h>
 #include <sched.h>
@@ -16,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 namespace kel::test {
@@ -27,6 +29,21 @@ void ScratchRoot::SetUp()
 	root_ = tmpl;
 	std::filesystem::create_directories(root_ + "/etc/kel");
 	setenv("KEL_ROOT", root_.c_str(), 1);
+	// Under KEL_TEST_PG (a libpq connection string), every test's store is that database,
+	// emptied first.
+	if (const char *conninfo = on_database()) {
+		std::unique_ptr<kel::pg::Conn> conn;
+		ASSERT_EQ(kel::pg::Conn::open(conninfo, &conn), KEL_SUCCESS) << conninfo;
+		ASSERT_EQ(conn->simple("DROP SCHEMA IF EXISTS public CASCADE"), KEL_SUCCESS) << conn->last_error();
+		ASSERT_EQ(conn->simple("CREATE SCHEMA public"), KEL_SUCCESS) << conn->last_error();
+		ASSERT_EQ(kel_set_controller_togprop("store", conninfo), KEL_SUCCESS);
+	}
+}
+
+const char *on_database()
+{
+	const char *conninfo = std::getenv("KEL_TEST_PG");
+	return conninfo != nullptr && *conninfo != '\0' ? conninfo : nullptr;
 }
 
 void ScratchRoot::TearDown()

@@ -14,6 +14,17 @@ namespace kel::test {
 
 // Points KEL_ROOT at a fresh scratch tree (with etc/kel made) for one test, and removes
 // it afterwards. The real /etc/kel is never touched.
+// The PostgreSQL database the tests' stores are in (KEL_TEST_PG), or NULL for files.
+const char *on_database();
+
+// For a test of what only a store file has (its modes, its lock file, SQLite's own
+// statements): skipped when the stores are in a database.
+#define KEL_FILE_STORE_ONLY()                                           \
+	do {                                                            \
+		if (kel::test::on_database() != nullptr)                \
+			GTEST_SKIP() << "a store file's own behaviour"; \
+	} while (0)
+
 class ScratchRoot : public ::testing::Test {
 protected:
 	void SetUp() override;

@@ -1,0 +1,136 @@
+// The store on PostgreSQL: the rewrite of the library's SQL, and (when the tests run on
+// a database, KEL_TEST_PG) the store lock as an advisory lock, the codes failures are
+// reported with, and a connection that comes back after the server dropped it.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <string>
+
+#include <kel/libkel.h>
+#include "error_code.h"
+#include "owners.h"
+#include "pg_conn.h"
+#include "pg_dialect.h"
+#include "store_fixture.h"
+#include "store_handle.h"
+
+namespace {
+
+TEST(PgDialect, RewritesWhatPostgresqlSpellsOtherwise)
+{
+	const struct {
+		const char *sqlite, *pg;
+		int highest;
+	} cases[] = {
+	    {"SELECT 1 FROM t WHERE a = ? AND b = ?", "SELECT 1 FROM t WHERE a = $1 AND b = $2", 2},
+	    // Numbered parameters are renumbered densely, in the order first met.
+	    {"SELECT * FROM t WHERE a = ?101 OR b LIKE ?100 OR c = ?101",
+	        "SELECT * FROM t WHERE a = $1 OR b ILIKE $2 ESCAPE '' OR c = $1", 101},
+	    // A bare mark after a numbered one takes the next number, as SQLite counts.
+	    {"VALUES (?3, ?)", "VALUES ($1, $2)", 4},
+	    {"x LIKE ?1", "x ILIKE $1 ESCAPE ''", 1},
+	    {"a == ? AND b = 'x==y'", "a = $1 AND b = 'x==y'", 1},
+	    {"a IS NOT b AND c IS d", "a IS DISTINCT FROM b AND c IS NOT DISTINCT FROM d", 0},
+	    {"a IS NULL OR a IS NOT NULL", "a IS NULL OR a IS NOT NULL", 0},
+	    {"instr(x, ':') + ifnull(y, 0) + length(trim(z, 'ab'))",
+	        "strpos(x, ':') + coalesce(y, 0) + length(btrim(z, 'ab'))", 0},
+	    // Quoted text and names are left alone, marks and keywords in them included.
+	    {"SELECT 'is ? like' FROM \"instr\" WHERE a = 'it''s ?'",
+	        "SELECT 'is ? like' FROM \"instr\" WHERE a = 'it''s ?'", 0},
+	    // A column named like a function, not called, stays.
+	    {"SELECT trim FROM t", "SELECT trim FROM t", 0},
+	};
+	for (const auto &c : cases) {
+		SCOPED_TRACE(c.sqlite);
+		const kel::pg::Translated t = kel::pg::translate(c.sqlite);
+		EXPECT_EQ(t.sql, c.pg);
+		EXPECT_EQ(t.highest, c.highest);
+	}
+}
+
+TEST(PgDialect, FailuresReadAsTheCodesOfTheFileStore)
+{
+	const struct {
+		const char *sqlstate;
+		int sqlite;
+	} cases[] = {
+	    {"23505", SQLITE_CONSTRAINT},                      // unique violation
+	    {"40P01", SQLITE_BUSY},                            // deadlock
+	    {"25006", SQLITE_READONLY},                        // a standby
+	    {"53100", SQLITE_FULL},                            // disk full
+	    {"53200", SQLITE_NOMEM}, {"57P01", SQLITE_IOERR},  // the server is shutting down
+	    {"08006", SQLITE_IOERR},                           // the connection failed
+	    {nullptr, SQLITE_IOERR},                           // no answer at all
+	    {"42P01", SQLITE_ERROR},                           // no such table
+	};
+	for (const auto &c : cases)
+		EXPECT_EQ(kel::pg::code_of_sqlstate(c.sqlstate), kel::sql_error(c.sqlite))
+		    << (c.sqlstate ? c.sqlstate : "-");
+}
+
+class PgStore : public kel::test::StoreFixture {
+protected:
+	void SetUp() override
+	{
+		if (kel::test::on_database() == nullptr)
+			GTEST_SKIP() << "needs a database (KEL_TEST_PG)";
+		StoreFixture::SetUp();
+	}
+	kel_dbhandle_t open(int flags)
+	{
+		kel_dbhandle_t h = nullptr;
+		EXPECT_EQ(kel_db_open(&h, flags), KEL_SUCCESS);
+		return h;
+	}
+};
+
+// Advisory locks belong to sessions: two handles of one process exclude each other as
+// handles on a store file do.
+TEST_F(PgStore, TheStoreLockExcludesAsTheFileLockDoes)
+{
+	const int busy = kel::sys_error(EAGAIN);
+	const kel::StoreHandle writer(open(KEL_DB_READWRITE)), reader1(open(KEL_DB_READONLY)),
+	    reader2(open(KEL_DB_READONLY));
+	ASSERT_EQ(kel_lock(writer.get()), KEL_SUCCESS);
+	EXPECT_EQ(kel::try_lock(reader1.get()), busy);
+	EXPECT_EQ(kel::try_lock(h_), busy);
+	kel_unlock(writer.get());
+
+	ASSERT_EQ(kel::try_lock(reader1.get()), KEL_SUCCESS);
+	ASSERT_EQ(kel::try_lock(reader2.get()), KEL_SUCCESS);
+	EXPECT_EQ(kel::try_lock(writer.get()), busy);
+	kel_unlock(reader1.get());
+	EXPECT_EQ(kel::try_lock(writer.get()), busy);
+	kel_unlock(reader2.get());
+	EXPECT_EQ(kel::try_lock(writer.get()), KEL_SUCCESS);
+	kel_unlock(writer.get());
+}
+
+TEST_F(PgStore, AFailureComesWithTheFileStoresCode)
+{
+	add_kel(1, "web");
+	EXPECT_EQ(kel::exec(h_, "INSERT INTO kel_tbl (kel_uuid, kel_name) VALUES (?, 'dup')", {uuid(1)}),
+	    kel::sql_error(SQLITE_CONSTRAINT));
+	// SQLite's lenient typing is not the server's: what it refuses is an error, not a crash.
+	EXPECT_NE(kel::exec(h_, "SELECT nosuch FROM kel_tbl"), KEL_SUCCESS);
+	EXPECT_EQ(rows("kel_tbl"), 1);
+}
+
+// A server that drops the session (a failover, a restart) costs the operation under way;
+// the next one connects again.
+TEST_F(PgStore, ALostConnectionIsMadeAgainAtTheNextLock)
+{
+	std::unique_ptr<kel::pg::Conn> admin;
+	ASSERT_EQ(kel::pg::Conn::open(kel::test::on_database(), &admin), KEL_SUCCESS);
+	std::string pid;
+	ASSERT_EQ(h_->edh_pg->simple("SELECT pg_backend_pid()", &pid), KEL_SUCCESS);
+	ASSERT_EQ(admin->simple(("SELECT pg_terminate_backend(" + pid + ")").c_str()), KEL_SUCCESS);
+
+	EXPECT_EQ(kel::exec(h_, "SELECT 1"), kel::sql_error(SQLITE_IOERR));
+	kel_t *k = nullptr;
+	ASSERT_EQ(kel_db_create_kel(h_, nullptr, "after", "l2-type=flat", 0, &k), KEL_SUCCESS);
+	kel_free_kel(k);
+	EXPECT_EQ(rows("kel_tbl"), 1);
+}
+
+}  // namespace
