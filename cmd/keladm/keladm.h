@@ -132,6 +132,7 @@ int open_store(kel::StoreHandle *store, bool write, bool report = true);
 
 int create_store(const Subcommand &cmd, const Options &opts);
 int set_store(const Subcommand &cmd, const Options &opts);
+int copy_store(const Subcommand &cmd, const Options &opts);
 int create_kel(const Subcommand &cmd, const Options &opts);
 int delete_kel(const Subcommand &cmd, const Options &opts);
 int show_kel(const Subcommand &cmd, const Options &opts);

@@ -2,6 +2,7 @@
 #include <uuid/uuid.h>
 
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include <kel/libkel.h>
@@ -41,6 +42,24 @@ int set_store(const Subcommand &cmd, const Options &opts)
 	const int rc = kel_set_controller_togprop("store", conninfo);
 	if (rc != KEL_SUCCESS && !(rc == KEL_E_NOTFOUND && conninfo == nullptr))
 		return fail("cannot set where the configuration store is kept", rc);
+	return kExitOk;
+}
+
+// "file" is the SQLite file; anything else a connection string.
+int copy_store(const Subcommand &cmd, const Options &opts)
+{
+	if (opts.operands.size() != 2)
+		return usage_error(cmd, "copy-store takes a source and a target");
+	auto store = [](const char *operand) { return std::strcmp(operand, "file") == 0 ? "" : operand; };
+	if (std::strcmp(store(opts.operands[0]), store(opts.operands[1])) == 0)
+		return usage_error(cmd, "copy-store copies a store into another one");
+	const int rc = kel_db_copy_store(store(opts.operands[0]), store(opts.operands[1]));
+	if (rc == KEL_E_EXISTS)
+		return fail("cannot copy the configuration store: the target holds a store already", rc);
+	if (rc == KEL_E_NOTFOUND)
+		return fail("cannot copy the configuration store: there is no store at the source", rc);
+	if (rc != KEL_SUCCESS)
+		return fail("cannot copy the configuration store", rc);
 	return kExitOk;
 }
 

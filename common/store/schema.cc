@@ -237,13 +237,12 @@ int make_store_file(const std::string &path)
 	return KEL_SUCCESS;
 }
 
-int run_all(kel::Db db, std::initializer_list<const char *const *> lists)
+int run_all(kel::Db db)
 {
 	kel::Transaction tx(db);
 	int rc = tx.begin();
-	for (const char *const *stmts : lists)
-		for (int i = 0; rc == KEL_SUCCESS && stmts[i] != nullptr; i++)
-			rc = kel::exec(db, stmts[i]);
+	if (rc == KEL_SUCCESS)
+		rc = kel::schema::create_tables(db);
 	if (rc == KEL_SUCCESS)
 		rc = tx.commit();
 	return rc;
@@ -252,7 +251,6 @@ int run_all(kel::Db db, std::initializer_list<const char *const *> lists)
 // The schema in a database that has none yet. Several controllers may start on one empty
 // database at once: the store lock (its advisory form, taken on the connection itself,
 // for a store without a version cannot pass kel_lock's check) lets one make it.
-// Without the MAC tails' table, whose triggers are SQLite's: MAC lookups scan there.
 int create_database_schema(kel_dbhandle_t h)
 {
 	bool got = false;
@@ -262,33 +260,46 @@ int create_database_schema(kel_dbhandle_t h)
 	bool made = false;
 	rc = kel::schema::has_table(h, "misc_tbl", &made);
 	if (rc == KEL_SUCCESS && !made)
-		rc = run_all(h, {kel::schema::kel_pg_sqlstmts, kel::schema::kel_indexstmts});
+		rc = run_all(h);
 	h->edh_pg->unlock(true);
 	return rc;
 }
 
-int create_schema()
+int create_schema(const std::string &conninfo)
 {
 	kel_dbhandle_t raw = nullptr;
 	// Not kel_db_open: it would refuse a store without a version, which this one is yet.
-	int rc = kel::open_store(&raw, SQLITE_OPEN_READWRITE);
+	int rc = kel::open_store_at(&raw, SQLITE_OPEN_READWRITE, conninfo);
 	if (rc != KEL_SUCCESS)
 		return rc;
 	const kel::StoreHandle handle(raw);
 	if (handle->edh_pg != nullptr)
 		return create_database_schema(handle.get());
 	// No store lock: nobody can be using a store that does not exist yet.
-	return run_all(handle.get(),
-	    {kel::schema::kel_sqlstmts, kel::schema::kel_indexstmts, kel::schema::kColonTails});
+	return run_all(handle.get());
 }
 
-int create_store()
+}  // namespace
+
+int kel::schema::create_tables(Db db)
 {
-	if (kel_db_exists())
+	// The MAC tails' table is SQLite's triggers' to keep: a database scans for a MAC instead.
+	static const char *const *const file[] = {kel_sqlstmts, kel_indexstmts, kColonTails, nullptr};
+	static const char *const *const database[] = {kel_pg_sqlstmts, kel_indexstmts, nullptr};
+	int rc = KEL_SUCCESS;
+	for (const char *const *const *list = db.pg() != nullptr ? database : file; *list != nullptr; list++)
+		for (int i = 0; rc == KEL_SUCCESS && (*list)[i] != nullptr; i++)
+			rc = kel::exec(db, (*list)[i]);
+	return rc;
+}
+
+int kel::schema::create_at(const std::string &conninfo)
+{
+	if (kel::store_exists_at(conninfo))
 		return KEL_SUCCESS;
 	// A database has no files to make here.
-	if (!kel::store::conninfo().empty())
-		return create_schema();
+	if (!conninfo.empty())
+		return create_schema(conninfo);
 
 	const std::string dir = kel::paths::under_root(kel::paths::kEtcDir);
 	const std::string db = kel::paths::under_root(kel::paths::kDbFile);
@@ -305,7 +316,7 @@ int create_store()
 	if (rc == KEL_SUCCESS)
 		rc = make_store_file(lock);
 	if (rc == KEL_SUCCESS)
-		rc = create_schema();
+		rc = create_schema(conninfo);
 	if (rc != KEL_SUCCESS) {
 		// A half-made store would pass kel_db_exists and never be made again.
 		(void)unlink(lock.c_str());
@@ -314,9 +325,7 @@ int create_store()
 	return rc;
 }
 
-}  // namespace
-
 extern "C" int kel_db_create(void) noexcept
 {
-	return kel::c_boundary(create_store);
+	return kel::c_boundary([] { return kel::schema::create_at(kel::store::conninfo()); });
 }

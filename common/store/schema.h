@@ -1,6 +1,8 @@
 // The store's schema, version 3.
 #pragma once
 
+#include <string>
+
 namespace kel {
 class Db;
 }
@@ -70,5 +72,10 @@ int has_table(Db db, const char *name, bool *found);
 // (no row, or a text that is not a positive number) is a damaged one (SQLITE_CORRUPT
 // under KEL_E_SQL): neither has a version to upgrade from or to write as.
 int read_version(Db db, int *version);
+
+// The current schema, for the engine of `db`, in the caller's transaction.
+int create_tables(Db db);
+// kel_db_create for the store at `conninfo` ("" for the file), whatever the setting says.
+int create_at(const std::string &conninfo);
 
 }  // namespace kel::schema

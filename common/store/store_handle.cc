@@ -21,6 +21,11 @@ static_assert(KEL_DB_READONLY == SQLITE_OPEN_READONLY && KEL_DB_READWRITE == SQL
 
 int kel::open_store(kel_dbhandle_t *handlep, int flags)
 {
+	return open_store_at(handlep, flags, kel::store::conninfo());
+}
+
+int kel::open_store_at(kel_dbhandle_t *handlep, int flags, const std::string &conninfo)
+{
 	*handlep = nullptr;
 	auto *edh = static_cast<kel_dbhandle *>(std::calloc(1, sizeof(kel_dbhandle)));
 	if (edh == nullptr)
@@ -30,7 +35,7 @@ int kel::open_store(kel_dbhandle_t *handlep, int flags)
 	pthread_mutex_init(&edh->edh_cntmutex, nullptr);
 
 	const int rc = kel::c_boundary([&] {
-		if (const std::string conninfo = kel::store::conninfo(); !conninfo.empty()) {
+		if (!conninfo.empty()) {
 			std::unique_ptr<kel::pg::Conn> conn;
 			int opened = kel::pg::Conn::open(conninfo, &conn);
 			// A read-only handle cannot write, as a file opened read-only cannot.
@@ -58,6 +63,19 @@ int kel::open_store(kel_dbhandle_t *handlep, int flags)
 	}
 	*handlep = edh;
 	return KEL_SUCCESS;
+}
+
+bool kel::store_exists_at(const std::string &conninfo)
+{
+	// On PostgreSQL, the store exists once its schema does.
+	if (!conninfo.empty()) {
+		std::unique_ptr<kel::pg::Conn> conn;
+		bool found = false;
+		return kel::pg::Conn::open(conninfo, &conn) == KEL_SUCCESS &&
+		    kel::schema::has_table(conn.get(), "misc_tbl", &found) == KEL_SUCCESS && found;
+	}
+	const std::string db = kel::paths::under_root(kel::paths::kDbFile);
+	return access(db.c_str(), F_OK) == 0;
 }
 
 extern "C" {
@@ -104,19 +122,8 @@ void kel_db_close(kel_dbhandle_t edh) noexcept
 
 boolean_t kel_db_exists(void) noexcept
 {
-	return kel::c_boundary_as(B_FALSE, B_FALSE, [] {
-		// On PostgreSQL, the store exists once its schema does.
-		if (const std::string conninfo = kel::store::conninfo(); !conninfo.empty()) {
-			std::unique_ptr<kel::pg::Conn> conn;
-			bool found = false;
-			return kel::pg::Conn::open(conninfo, &conn) == KEL_SUCCESS &&
-			        kel::schema::has_table(conn.get(), "misc_tbl", &found) == KEL_SUCCESS && found
-			    ? B_TRUE
-			    : B_FALSE;
-		}
-		const std::string db = kel::paths::under_root(kel::paths::kDbFile);
-		return access(db.c_str(), F_OK) == 0 ? B_TRUE : B_FALSE;
-	});
+	return kel::c_boundary_as(B_FALSE, B_FALSE,
+	    [] { return kel::store_exists_at(kel::store::conninfo()) ? B_TRUE : B_FALSE; });
 }
 
 }  // extern "C"

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <pthread.h>
+
 #include <sqlite3.h>
+#include <string>
 
 #include <kel/libkel.h>
 
@@ -43,5 +45,9 @@ int try_lock(kel_dbhandle_t handle);
 // Opens the store as kel_db_open does, without looking at what the files hold: for the
 // one writer of a store that has no schema yet.
 int open_store(kel_dbhandle_t *handlep, int flags);
+// The same for the store at `conninfo` ("" for the file), whatever the setting says.
+int open_store_at(kel_dbhandle_t *handlep, int flags, const std::string &conninfo);
+// kel_db_exists for the store at `conninfo`.
+bool store_exists_at(const std::string &conninfo);
 
 }  // namespace kel

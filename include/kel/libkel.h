@@ -368,6 +368,17 @@ boolean_t kel_db_exists(void) KEL_NOEXCEPT;
  */
 int kel_db_create(void) KEL_NOEXCEPT;
 /*
+ * Copies the store at `from` into a new one at `to`: each a libpq connection string of a
+ * PostgreSQL database, or NULL or "" for the SQLite file. Every row of every table is
+ * read back from the new store and compared with the old before the copy is committed,
+ * under both stores' locks. The source must be of the current schema (KEL_E_DB_VERSION:
+ * upgrade it first) and stays as it is; the target must hold no store (KEL_E_EXISTS).
+ * A failed copy leaves no file behind and a database as empty as it was.
+ * KEL_E_NOTFOUND when there is no store at `from`, SQLITE_CORRUPT under KEL_E_SQL when
+ * what was read back differs, KEL_E_INVALID_ARGS when both name the same store.
+ */
+int kel_db_copy_store(const char *from, const char *to) KEL_NOEXCEPT;
+/*
  * Brings a store of schema version 1 or 2 to version 3 in one transaction; a version-3
  * store is left as it is. It refuses what kel_db_open refuses to a writer (a newer
  * store with KEL_E_DB_VERSION, one without a usable version with SQLITE_CORRUPT under

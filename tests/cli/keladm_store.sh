@@ -22,6 +22,11 @@ expect "which is what commands then open" \
 check "set-store without one goes back to the file" "$keladm" set-store
 check "and the file's store serves again" "$keladm" show-kel
 status "two operands are a usage error" 2 set-store a b
+expect "copy-store from where no store is says so" \
+	"keladm: cannot copy the configuration store: there is no store at the source: object not found" \
+	copy-store "host=$root/no-server dbname=kel connect_timeout=2" file
+status "copy-store of a store onto itself is a usage error" 2 copy-store file file
+status "copy-store wants two operands" 2 copy-store file
 status "an operand is a usage error (status 2)" 2 create-store extra
 status "an unknown subcommand is a usage error" 2 no-such-thing
 check "help lists every subcommand" bash -c \

@@ -133,4 +133,40 @@ TEST_F(PgStore, ALostConnectionIsMadeAgainAtTheNextLock)
 	EXPECT_EQ(rows("kel_tbl"), 1);
 }
 
+// A fabric moves from the database to the file and on to another database, row for row;
+// a copy never lands on a store that holds one, nor on its own source.
+TEST_F(PgStore, AStoreIsCopiedBetweenEnginesRowForRow)
+{
+	make_web("subnet=10.1.0.0/24", {"p1", "p2"});
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "vlan-range=100-199", nullptr), KEL_SUCCESS);
+	ASSERT_EQ(kel_db_set_ctrlprop(h_, "uplink-port=eth1", "node1"), KEL_SUCCESS);
+	const Tables original = snapshot();
+	const std::string here = kel::test::on_database();
+	const std::string other = here + " dbname=kel_copy";
+	std::unique_ptr<kel::pg::Conn> admin;
+	ASSERT_EQ(kel::pg::Conn::open(here, &admin), KEL_SUCCESS);
+	(void)admin->simple("DROP DATABASE IF EXISTS kel_copy");
+	ASSERT_EQ(admin->simple("CREATE DATABASE kel_copy"), KEL_SUCCESS) << admin->last_error();
+
+	ASSERT_EQ(kel_db_copy_store(here.c_str(), ""), KEL_SUCCESS);
+	ASSERT_EQ(kel_db_copy_store("", other.c_str()), KEL_SUCCESS);
+	for (const std::string &at : {std::string(), other}) {
+		SCOPED_TRACE(at.empty() ? "file" : at);
+		kel_dbhandle_t raw = nullptr;
+		ASSERT_EQ(kel::open_store_at(&raw, KEL_DB_READWRITE, at), KEL_SUCCESS);
+		const kel::StoreHandle copy(raw);
+		EXPECT_EQ(snapshot(copy.get()), original);
+		// The copy hands out what the original would: the next controller property row
+		// follows the copied ones.
+		ASSERT_EQ(kel::exec(copy.get(),
+		              "INSERT INTO ctrl_tbl (ctrl_pname, ctrl_pval, ctrl_host) VALUES ('x', '', 'h')"),
+		    KEL_SUCCESS);
+	}
+	EXPECT_EQ(kel_db_copy_store("", other.c_str()), KEL_E_EXISTS);
+	EXPECT_EQ(kel_db_copy_store(here.c_str(), here.c_str()), KEL_E_INVALID_ARGS);
+	admin.reset();
+	ASSERT_EQ(kel::pg::Conn::open(here, &admin), KEL_SUCCESS);
+	(void)admin->simple("DROP DATABASE kel_copy WITH (FORCE)");
+}
+
 }  // namespace

@@ -143,12 +143,13 @@ protected:
 	// instead, a database cannot.
 	using Row = std::vector<std::optional<std::string>>;
 	using Tables = std::vector<std::pair<std::string, std::vector<Row>>>;
-	Tables snapshot()
+	Tables snapshot(kel_dbhandle_t of = nullptr)
 	{
 		Tables out;
 		for (const char *table : kTables) {
 			auto &rows = out.emplace_back(table, std::vector<Row>()).second;
-			EXPECT_EQ(kel::for_each_row(h_, kel::SqlText("SELECT * FROM %s ORDER BY 1", table), {},
+			EXPECT_EQ(kel::for_each_row(of != nullptr ? of : h_,
+			              kel::SqlText("SELECT * FROM %s ORDER BY 1", table), {},
 			              [&](kel::Statement &st) {
 				              Row &row = rows.emplace_back();
 				              for (int i = 0; i < st.columns(); i++)
