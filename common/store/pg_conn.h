@@ -79,4 +79,24 @@ private:
 	std::string last_error_;
 };
 
+// Holds the store lock, exclusive, on a database that may have no schema yet (so cannot
+// pass kel_lock's check of the schema): for the one who makes it.
+class SchemaLock {
+public:
+	explicit SchemaLock(Conn *conn) : conn_(conn), rc_(conn->lock(true, true, &held_)) {}
+	~SchemaLock()
+	{
+		if (held_)
+			conn_->unlock(true);
+	}
+	SchemaLock(const SchemaLock &) = delete;
+	SchemaLock &operator=(const SchemaLock &) = delete;
+	int status() const { return rc_; }
+
+private:
+	Conn *conn_;
+	bool held_ = false;
+	int rc_;
+};
+
 }  // namespace kel::pg

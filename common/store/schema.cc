@@ -249,20 +249,15 @@ int run_all(kel::Db db)
 }
 
 // The schema in a database that has none yet. Several controllers may start on one empty
-// database at once: the store lock (its advisory form, taken on the connection itself,
-// for a store without a version cannot pass kel_lock's check) lets one make it.
+// database at once: the store lock lets one make it.
 int create_database_schema(kel_dbhandle_t h)
 {
-	bool got = false;
-	int rc = h->edh_pg->lock(true, true, &got);
-	if (rc != KEL_SUCCESS)
+	const kel::pg::SchemaLock lock(h->edh_pg);
+	if (int rc = lock.status(); rc != KEL_SUCCESS)
 		return rc;
 	bool made = false;
-	rc = kel::schema::has_table(h, "misc_tbl", &made);
-	if (rc == KEL_SUCCESS && !made)
-		rc = run_all(h);
-	h->edh_pg->unlock(true);
-	return rc;
+	int rc = kel::schema::has_table(h, "misc_tbl", &made);
+	return rc != KEL_SUCCESS || made ? rc : run_all(h);
 }
 
 int create_schema(const std::string &conninfo)

@@ -70,25 +70,6 @@ int follow_ids(kel_dbhandle_t to)
 	return KEL_SUCCESS;
 }
 
-// Holds the store lock of a database that has no schema yet, so cannot pass kel_lock.
-class SchemaLock {
-public:
-	explicit SchemaLock(kel_dbhandle_t h) : h_(h) { rc_ = h_->edh_pg->lock(true, true, &held_); }
-	~SchemaLock()
-	{
-		if (held_)
-			h_->edh_pg->unlock(true);
-	}
-	SchemaLock(const SchemaLock &) = delete;
-	SchemaLock &operator=(const SchemaLock &) = delete;
-	int status() const { return rc_; }
-
-private:
-	kel_dbhandle_t h_;
-	bool held_ = false;
-	int rc_;
-};
-
 // Into a database, the schema is made in the copy's own transaction: a copy that fails
 // leaves the database as empty as it found it. A file's schema is made before, and the
 // file goes when the copy fails.
@@ -104,9 +85,9 @@ int copy_rows(kel_dbhandle_t from, kel_dbhandle_t to)
 	if ((rc = reading.status()) != KEL_SUCCESS)
 		return rc;
 	std::optional<kel::StoreLock> file_lock;
-	std::optional<SchemaLock> database_lock;
+	std::optional<kel::pg::SchemaLock> database_lock;
 	if (to->edh_pg != nullptr)
-		rc = database_lock.emplace(to).status();
+		rc = database_lock.emplace(to->edh_pg).status();
 	else
 		rc = file_lock.emplace(to).status();
 	if (rc != KEL_SUCCESS)
