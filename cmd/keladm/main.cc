@@ -94,7 +94,7 @@ const Subcommand kSubcommands[] = {
 	    .example = "keladm show-vport -o name,status,host,ipaddr web"},
 	{.name = "set-clientprop", .usage = "controller=URI", .summary = "set where this host finds the controller",
 	    .options = kNone, .run = set_clientprop,
-	    .props = "controller=URI\tunix:// (this host), or ssh://[USER@]HOST[:PORT]\n",
+	    .props = "controller=URI[,URI...]\tunix:// (this host) or ssh://[USER@]HOST[:PORT]; several are tried in order\n",
 	    .example = "keladm set-clientprop controller=ssh://root@ctl"},
 	{.name = "show-clientprop", .usage = "[-o field,...] [-p | --json] [name,...]",
 	    .summary = "show this host's client properties: property, permission, value, default",

@@ -17,7 +17,7 @@ constexpr size_t kKeptPerMode = 8;
 
 struct Kept {
 	kel::StoreHandle h;
-	unsigned long dev, ino;
+	std::string store;
 };
 
 struct Pool {
@@ -33,20 +33,24 @@ Pool &pool()
 	return *p;
 }
 
-// The store file as it is now: (0, 0) when there is none.
-void identity(unsigned long *dev, unsigned long *ino)
+// The store as it is now: the database the controller's setting names, or the store file
+// by its device and inode; "" when there is neither. A database's handle stays good when
+// its server fails over: it connects again at its next lock.
+std::string identity()
 {
+	char conninfo[4096];
+	if (kel_get_controller_togprop("store", conninfo, sizeof(conninfo)) == KEL_SUCCESS && conninfo[0] != '\0')
+		return std::string("database ") + conninfo;
 	struct stat st;
-	const bool there = stat(kel::paths::under_root(kel::paths::kDbFile).c_str(), &st) == 0;
-	*dev = there ? st.st_dev : 0;
-	*ino = there ? st.st_ino : 0;
+	if (stat(kel::paths::under_root(kel::paths::kDbFile).c_str(), &st) != 0)
+		return "";
+	return "file " + std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino);
 }
 
 }  // namespace
 
-PooledStore::PooledStore(int mode) : mode_(mode), rc_(KEL_SUCCESS)
+PooledStore::PooledStore(int mode) : mode_(mode), store_(identity()), rc_(KEL_SUCCESS)
 {
-	identity(&dev_, &ino_);
 	std::vector<Kept> stale;
 	{
 		std::lock_guard<std::mutex> hold(pool().mutex);
@@ -54,14 +58,14 @@ PooledStore::PooledStore(int mode) : mode_(mode), rc_(KEL_SUCCESS)
 		while (!kept.empty() && h_ == nullptr) {
 			Kept k = std::move(kept.back());
 			kept.pop_back();
-			if (k.dev == dev_ && k.ino == ino_ && dev_ != 0)
+			if (k.store == store_ && !store_.empty())
 				h_ = std::move(k.h);
 			else
 				stale.push_back(std::move(k));
 		}
 	}
 	stale.clear();  // closed outside the pool's lock, before a new one opens
-	// Identity is taken before the open: a file replaced in between is seen as replaced
+	// Identity is taken before the open: a store replaced in between is seen as replaced
 	// at the next call, and only costs a reopen then.
 	if (h_ == nullptr)
 		rc_ = kel::db_open(&h_, mode);
@@ -74,7 +78,7 @@ PooledStore::~PooledStore()
 	std::lock_guard<std::mutex> hold(pool().mutex);
 	std::vector<Kept> &kept = pool().of(mode_);
 	if (kept.size() < kKeptPerMode)
-		kept.push_back({std::move(h_), dev_, ino_});
+		kept.push_back({std::move(h_), std::move(store_)});
 	// else h_ closes it, after the pool's lock is let go
 }
 

@@ -1,9 +1,12 @@
 // keld's open stores. Opening the store parses its schema, and a new handle has none of
-// the statements the library keeps prepared: together most of what a controller call
-// over the socket would cost. Handles are kept from one call to the next instead, one
-// per call running at once, and a handle whose store file was replaced since it was
-// opened is closed rather than served.
+// the statements the library keeps prepared (a database's handle also holds its server
+// connection): together most of what a controller call over the socket would cost.
+// Handles are kept from one call to the next instead, one per call running at once, and
+// a handle whose store was replaced or moved since it was opened is closed rather than
+// served.
 #pragma once
+
+#include <string>
 
 #include <kel/libkel.h>
 #include "owners.h"
@@ -25,7 +28,7 @@ public:
 private:
 	int mode_;
 	kel::StoreHandle h_;
-	unsigned long dev_ = 0, ino_ = 0;  // the store file this handle opened
+	std::string store_;  // which store this handle opened
 	int rc_;
 };
 

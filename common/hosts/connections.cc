@@ -3,6 +3,7 @@
 #include <netdb.h>
 #include <sys/utsname.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -116,18 +117,22 @@ struct kel_kept_conn_s {
 
 extern "C" {
 
-int kel_kept_controller(kel_kept_conn_t **kept) noexcept
+int kel_kept_controller(unsigned index, kel_kept_conn_t **kept) noexcept
 {
 	if (kept == nullptr)
 		return KEL_E_INVALID_ARGS;
 	*kept = nullptr;
 	return kel::c_boundary([&] {
-		char uri[kUriLen];
-		const int rc = kel_controller_uri(uri, sizeof(uri));
+		char setting[kUriLen];
+		const int rc = kel_controller_uri(setting, sizeof(setting));
 		if (rc != KEL_SUCCESS)
 			return rc;
+		const std::vector<std::string> uris = kel::controller_list(setting);
+		// An empty setting reaches no controller, as a URI that does not parse.
+		if (index >= std::max<size_t>(uris.size(), 1))
+			return KEL_E_NOTFOUND;
 		auto held = std::make_unique<kel_kept_conn_s>();
-		if (held->conn.open(uri) != NUQ_E_SUCCESS)
+		if (uris.empty() || held->conn.open(uris[index]) != NUQ_E_SUCCESS)
 			return KEL_E_CTRL_CONNECT;
 		*kept = held.release();
 		return KEL_SUCCESS;
@@ -150,9 +155,16 @@ int kel_nuq_connection_to_controller(nuq_conn_t **conn) noexcept
 		return KEL_E_INVALID_ARGS;
 	*conn = nullptr;
 	return kel::c_boundary([&] {
-		char uri[kUriLen];
-		const int rc = kel_controller_uri(uri, sizeof(uri));
-		return rc != KEL_SUCCESS ? rc : kel_connect_uri(uri, conn);
+		char setting[kUriLen];
+		int rc = kel_controller_uri(setting, sizeof(setting));
+		if (rc != KEL_SUCCESS)
+			return rc;
+		// The first of the host's controllers that answers.
+		rc = KEL_E_CTRL_CONNECT;
+		for (const std::string &uri : kel::controller_list(setting))
+			if ((rc = kel_connect_uri(uri.c_str(), conn)) == KEL_SUCCESS)
+				break;
+		return rc;
 	});
 }
 

@@ -5,6 +5,7 @@
 
 #include "c_boundary.h"
 #include "connections.h"
+#include "controller_calls.h"
 #include "error_code.h"
 #include "kel_assert.h"
 #include "kel_lifecycle.h"
@@ -26,9 +27,6 @@ constexpr size_t kAllowedIpLen = 50;
 // How often the lower link is made before giving up on concurrent releases removing it.
 constexpr int kOwnTries = 3;
 
-// The controller's connection, kept from one call to the next: a node that binds and
-// releases over and over pays for one, not one a call.
-using Conn = kel::Owned<kel_kept_conn_t, kel_kept_release>;
 using Instance = kel::Owned<nuq_instance_t, nuq_instance_rele>;
 using KelError = kel::Owned<kelcntl_KELError, kelcntl_KELError_free>;
 using ImplInfo = kel::Owned<kelcntl_KELImplInfo, kelcntl_KELImplInfo_free>;
@@ -50,14 +48,6 @@ int method_result(int r, const KelError &err)
 	return nuq_error(r);
 }
 
-int connect_controller(Conn *conn)
-{
-	kel_kept_conn_t *raw = nullptr;
-	const int rc = kel_kept_controller(&raw);
-	conn->reset(raw);
-	return rc;
-}
-
 int lookup_kel(nuq_conn_t *conn, const char *tenant, const char *kelname, Instance *inst)
 {
 	nuq_instance_t *raw = nullptr;
@@ -71,11 +61,11 @@ int lookup_kel(nuq_conn_t *conn, const char *tenant, const char *kelname, Instan
 // Asks the controller to join the kel's hosts again (a VXLAN kel without a group floods
 // only to the hosts it is told of). Best effort: a host that misses it gets it with the
 // next binding on the kel, or when the operator asks; the controller logs who missed it.
-void sync_flood(nuq_instance_t *kel)
+int sync_flood(nuq_instance_t *kel)
 {
 	kelcntl_KELError *err = nullptr;
-	(void)kelcntl_KEL_syncFlood(kel, &err);
-	KelError owned(err);
+	const int r = kelcntl_KEL_syncFlood(kel, &err);
+	return method_result(r, KelError(err));
 }
 
 // The link property text of the bound port's VNIC: "iov=off", the port's address as the
@@ -157,13 +147,12 @@ int connect_vnic(wexo_handle_t handle, const char *tenant, const char *kelname, 
 	const kelcntl_KELInfo *k = info->ekelii_kelinfo;
 	const char *l2type = kel_propattrset_lookup(k->ekeli_props, k->ekeli_props_count, "l2-type");
 	const bool grouped = info->ekelii_vxlan_mgroup != nullptr && info->ekelii_vxlan_mgroup[0] != '\0';
-	if (!grouped && l2type != nullptr && std::strcmp(l2type, "vxlan") == 0) {
-		Conn conn;
-		Instance kel;
-		if (connect_controller(&conn) == KEL_SUCCESS &&
-		    lookup_kel(kel_kept_conn(conn.get()), k->ekeli_tenantname, k->ekeli_name, &kel) == KEL_SUCCESS)
-			sync_flood(kel.get());
-	}
+	if (!grouped && l2type != nullptr && std::strcmp(l2type, "vxlan") == 0)
+		(void)kel::on_controller([&](nuq_conn_t *conn) {
+			Instance kel;
+			const int found = lookup_kel(conn, k->ekeli_tenantname, k->ekeli_name, &kel);
+			return found != KEL_SUCCESS ? found : sync_flood(kel.get());
+		});
 	*linkid = lower;
 	*proplist = owned.release();
 	*implinfo = info.release();
@@ -217,10 +206,7 @@ int get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *count)
 	    : kel_create_attrstr(filter, sizeof(filter), nullptr, 1, "host", host);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	Conn conn;
-	if ((rc = connect_controller(&conn)) != KEL_SUCCESS)
-		return rc;
-	return kel_get_vnic_kelvport(kel_kept_conn(conn.get()), filter, array, count);
+	return kel::on_controller([&](nuq_conn_t *conn) { return kel_get_vnic_kelvport(conn, filter, array, count); });
 }
 
 }  // namespace
@@ -229,16 +215,15 @@ int kel_assign_vport(const char *tenant, const char *kelname, const char *vportn
     const char *hostname, const char *extra, kelcntl_KELImplInfo **implinfo)
 {
 	*implinfo = nullptr;
-	Conn conn;
-	int rc = connect_controller(&conn);
-	Instance kel;
-	if (rc == KEL_SUCCESS)
-		rc = lookup_kel(kel_kept_conn(conn.get()), tenant, kelname, &kel);
-	if (rc != KEL_SUCCESS)
-		return rc;
-	kelcntl_KELError *err = nullptr;
-	const int r = kelcntl_KEL_assignVPort(kel.get(), vnicname, hostname, vportname, extra, implinfo, &err);
-	return method_result(r, KelError(err));
+	// Made again after a failover, a bind that went through finds the binding it made.
+	return kel::on_controller([&](nuq_conn_t *conn) {
+		Instance kel;
+		if (const int rc = lookup_kel(conn, tenant, kelname, &kel); rc != KEL_SUCCESS)
+			return rc;
+		kelcntl_KELError *err = nullptr;
+		const int r = kelcntl_KEL_assignVPort(kel.get(), vnicname, hostname, vportname, extra, implinfo, &err);
+		return method_result(r, KelError(err));
+	});
 }
 
 int kel_unassign_vport(const char *vnicname, const char *hostname, const char *extra, const kel_vport_counters_t *last)
@@ -249,26 +234,26 @@ int kel_unassign_vport(const char *vnicname, const char *hostname, const char *e
 	    : kel_create_attrstr(filter, sizeof(filter), nullptr, 2, "host", hostname, "vnic", vnicname);
 	if (rc != KEL_SUCCESS)
 		return rc;
-	Conn conn;
-	if ((rc = connect_controller(&conn)) != KEL_SUCCESS)
-		return rc;
-	kelcntl_VPortInfo **ports = nullptr;
-	int count = 0;
-	if ((rc = kel_get_vnic_kelvport(kel_kept_conn(conn.get()), filter, &ports, &count)) != KEL_SUCCESS)
-		return rc;
-	if (count == 0) {
+	// Made again after a failover, a release that went through finds nothing bound.
+	return kel::on_controller([&](nuq_conn_t *conn) {
+		kelcntl_VPortInfo **ports = nullptr;
+		int count = 0;
+		if (const int found = kel_get_vnic_kelvport(conn, filter, &ports, &count); found != KEL_SUCCESS)
+			return found;
+		if (count == 0) {
+			kelcntl_VPortInfo_array_free(ports, count);
+			return KEL_SUCCESS;  // nothing bound: nothing to release
+		}
+		Instance kel;
+		const int looked = lookup_kel(conn, ports[0]->evpi_tenantname, ports[0]->evpi_kelname, &kel);
 		kelcntl_VPortInfo_array_free(ports, count);
-		return KEL_SUCCESS;  // nothing bound: nothing to release
-	}
-	Instance kel;
-	rc = lookup_kel(kel_kept_conn(conn.get()), ports[0]->evpi_tenantname, ports[0]->evpi_kelname, &kel);
-	kelcntl_VPortInfo_array_free(ports, count);
-	if (rc != KEL_SUCCESS)
-		return rc;
-	kelcntl_KELError *err = nullptr;
-	// The controller joins the kel's hosts again itself once the port is released.
-	const int r = kelcntl_KEL_unAssignVPort(kel.get(), vnicname, hostname, extra, last, &err);
-	return method_result(r, KelError(err));
+		if (looked != KEL_SUCCESS)
+			return looked;
+		kelcntl_KELError *err = nullptr;
+		// The controller joins the kel's hosts again itself once the port is released.
+		const int r = kelcntl_KEL_unAssignVPort(kel.get(), vnicname, hostname, extra, last, &err);
+		return method_result(r, KelError(err));
+	});
 }
 
 int kel_get_vnic_kelvport(nuq_conn_t *conn, const char *filter, kelcntl_VPortInfo ***array, int *count)

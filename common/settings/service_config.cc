@@ -1,5 +1,6 @@
 #include "service_config.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -290,22 +291,40 @@ const kel_tog_pdesc_t *kel_get_tog_pdesc_entry(const kel_tog_pdesc_t *table, con
 	return nullptr;
 }
 
+std::vector<std::string> kel::controller_list(const std::string &setting)
+{
+	std::vector<std::string> out;
+	for (size_t at = 0; at <= setting.size();) {
+		const size_t end = std::min(setting.find(',', at), setting.size());
+		const std::string item = setting.substr(at, end - at);
+		if (const size_t first = item.find_first_not_of(" \t"); first != std::string::npos)
+			out.push_back(item.substr(first, item.find_last_not_of(" \t") - first + 1));
+		at = end + 1;
+	}
+	return out;
+}
+
 int kel_set_controller(kel_dbhandle_t, void *descriptor, const char *pgname, void *value)
 {
 	const auto *row = static_cast<const kel_tog_pdesc_t *>(descriptor);
 	const char *text = static_cast<const char *>(value);
-	if (*text != '\0') {
-		nuq_uri_t *uri = nuq_alloc_uri(text, NUQS_UNIX | NUQS_SSH);
+	const std::vector<std::string> uris = kel::controller_list(text);
+	// Several controllers sharing one database may be named, the one to try first first.
+	for (const std::string &each : uris) {
+		nuq_uri_t *uri = nuq_alloc_uri(each.c_str(), NUQS_UNIX | NUQS_SSH);
 		if (uri == nullptr)
 			return KEL_E_INVALID_URI;
 		// The local-socket scheme must be spelled as the node service reads it.
-		const bool bad = nuq_uri_get_scheme(uri) == NUQS_UNIX && std::strncmp(text, "unix://", 7) != 0;
+		const bool bad = nuq_uri_get_scheme(uri) == NUQS_UNIX && each.compare(0, 7, "unix://") != 0;
 		nuq_free_uri(uri);
 		if (bad)
 			return KEL_E_INVALID_URI;
-	} else {
-		text = row->espd_defvalue;
 	}
+	// A list with an empty member ("a,,b", "a,") is a typing slip, not two controllers.
+	if (!uris.empty() && uris.size() != static_cast<size_t>(std::count(text, text + std::strlen(text), ',')) + 1)
+		return KEL_E_INVALID_URI;
+	if (uris.empty())
+		text = row->espd_defvalue;
 	return kel_tog_set_one_value(KEL_NODE_FMRI, pgname, "controller", VUR_TYPE_ASTRING, const_cast<char *>(text));
 }
 

@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
+#include <vector>
 
 #include <kel/libkel.h>
 #include "owners.h"
@@ -66,6 +68,14 @@ const kel_tog_pdesc_t *kel_get_tog_pdesc_entry(const kel_tog_pdesc_t *table, con
 // Appends a kel_togprop_t to `list` for each client setting of `instance` (only the node
 // instance has them) named in `names` (NULL: all), with its value or default.
 int kel_walk_togprop(const char *instance, attrset_t *names, kel::RecordList<kel_togprop_t> *list);
+namespace kel {
+
+// The controllers a host's "controller" setting names, in its order: URIs separated by
+// commas, blanks around them ignored. An empty setting names none.
+std::vector<std::string> controller_list(const std::string &setting);
+
+}  // namespace kel
+
 // The setter of "controller": `descriptor` is its kel_tog_pdesc_t row, `value` the URI
 // text (unix:// or ssh://; "" resets it to the default). KEL_E_INVALID_URI for any
 // other text. The handle is unused: the setting is not in the store.

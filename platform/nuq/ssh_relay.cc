@@ -50,7 +50,10 @@ std::string ssh_target(const nuq_uri_t *uri)
 // known hosts, options) when it has them, the port, and the destination.
 std::vector<std::string> ssh_argv(const nuq_uri_t *uri, const std::vector<std::string> &options)
 {
-	std::vector<std::string> argv = {"ssh", "-o", "BatchMode=yes"};
+	// A host that does not take the connection within 10 s counts as down: a node with
+	// several controllers goes on to the next rather than wait out TCP's own time-out,
+	// and a fan-out is not held up by a machine that is gone.
+	std::vector<std::string> argv = {"ssh", "-o", "BatchMode=yes", "-o", "ConnectTimeout=10"};
 	argv.insert(argv.end(), options.begin(), options.end());
 	if (const char *config = ssh_config(); *config != '\0') {
 		argv.push_back("-F");

@@ -150,13 +150,14 @@ typedef struct nuq_instance nuq_instance_t;
 void nuq_instance_rele(nuq_instance_t *inst) KEL_NOEXCEPT;
 
 /*
- * A connection to this host's controller, as its "controller" setting says, taken from
- * those kept from earlier calls of this process when one is: a node that binds and
- * releases over and over pays for one. Given back with kel_kept_release, which keeps it
- * for the next caller while it is usable.
+ * A connection to the controller at `index` (0 the first) of those this host's
+ * "controller" setting names, taken from those kept from earlier calls of this process
+ * when one is: a node that binds and releases over and over pays for one. KEL_E_NOTFOUND
+ * past the last, KEL_E_CTRL_CONNECT when that controller does not answer. Given back
+ * with kel_kept_release, which keeps it for the next caller while it is usable.
  */
 typedef struct kel_kept_conn_s kel_kept_conn_t;
-int kel_kept_controller(kel_kept_conn_t **kept) KEL_NOEXCEPT;
+int kel_kept_controller(unsigned index, kel_kept_conn_t **kept) KEL_NOEXCEPT;
 nuq_conn_t *kel_kept_conn(const kel_kept_conn_t *kept) KEL_NOEXCEPT;
 void kel_kept_release(kel_kept_conn_t *kept) KEL_NOEXCEPT;
 
@@ -230,7 +231,7 @@ bool wexo_str2bw(const char *text, uint64_t *bps) KEL_NOEXCEPT;
 
 /* The store's side (libkel.so), for libkel_node.so. */
 
-/* This host's "controller" setting, how the controller is reached, into buf. */
+/* This host's "controller" setting, how its controllers are reached, into buf. */
 int kel_controller_uri(char *buf, size_t size) KEL_NOEXCEPT;
 /* This host's canonical name, as it reports itself to the controller. */
 int kel_get_hostname(char *buf, uint_t size) KEL_NOEXCEPT;

@@ -1,5 +1,8 @@
 #include <sys/socket.h>
 
+#include <sqlite3.h>
+
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -8,12 +11,15 @@
 #include <kel/libkel.h>
 #include "client.h"
 #include "connections.h"
+#include "controller_calls.h"
 #include "ctrlprop.h"
+#include "error_code.h"
 #include "kept.h"
 #include "nuq_errors.h"
 #include "server.h"
 #include "store_fixture.h"
 #include "test_support.h"
+#include "vnic.h"
 
 namespace {
 
@@ -145,6 +151,44 @@ TEST_F(ConnectionsStore, KeptConnectionsAreTakenUpAgainOrMadeAnew)
 	ASSERT_EQ(again.open("unix://"), NUQ_E_SUCCESS);
 	EXPECT_EQ(daemon(again), 0);
 	nuq::drop_kept_connections();
+}
+
+// A controller whose store is out of reach for its first answers (its database failing
+// over) serves the call once it is back; one that does not answer at all is passed over.
+TEST_F(ConnectionsStore, CallsWaitOutAStoreFailover)
+{
+	int asked = 0;
+	nuq::Interface ctl;
+	ctl.name = "kelcntl.KELController";
+	ctl.lookup = [](const nuq::Json &, bool, nuq::Json *found) {
+		*found = nuq::Json::object();
+		return true;
+	};
+	ctl.methods["getVPortInfo"] = [&](const nuq::Json &, const nuq::Json &) {
+		if (++asked <= 2) {
+			const int lost = kel::sql_error(SQLITE_IOERR);
+			return nuq::Reply{NUQ_E_OBJECT, {{"ekele_err", lost}, {"ekele_errmsg", "lost"}}};
+		}
+		return nuq::Reply{NUQ_E_SUCCESS, nuq::Json::array()};
+	};
+	dispatcher_.add(ctl);
+	start_daemon();
+	const std::string live = "unix://localhost" + path("run/kel/keld.sock");
+	ASSERT_EQ(kel_set_client_togprop(("controller=unix://localhost/nowhere/keld.sock," + live).c_str()),
+	    KEL_SUCCESS);
+	kelcntl_VPortInfo **ports = nullptr;
+	int count = -1;
+	const auto t0 = std::chrono::steady_clock::now();
+	ASSERT_EQ(kel_get_host_vnicinfo(&ports, &count), KEL_SUCCESS);
+	EXPECT_EQ(count, 0);
+	EXPECT_EQ(asked, 3);
+	// Two pauses, of 0.25 s and 0.5 s, between the three rounds.
+	EXPECT_GE(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(700));
+	kelcntl_VPortInfo_array_free(ports, count);
+	// An answer that is not about the store's reach is the call's answer at once.
+	EXPECT_TRUE(kel::store_unavailable(kel::sql_error(SQLITE_READONLY)));
+	EXPECT_FALSE(kel::store_unavailable(kel::sql_error(SQLITE_CONSTRAINT)));
+	EXPECT_FALSE(kel::store_unavailable(KEL_E_VPORT_NOTFOUND));
 }
 
 }  // namespace

@@ -443,6 +443,17 @@ TEST_F(Vnics, ArgumentsAndMissingSettings)
 	EXPECT_EQ(count, 0);
 	kelcntl_VPortInfo_array_free(ports, count);
 
+	// A controller that does not answer is passed over for the next one named.
+	ASSERT_EQ(kel_set_client_togprop("controller=unix://localhost/nowhere/keld.sock,unix://"), KEL_SUCCESS);
+	ASSERT_EQ(kel_get_vnicinfo("vn9", &ports, &count), KEL_SUCCESS);
+	kelcntl_VPortInfo_array_free(ports, count);
+	Attach second;
+	connect("lan", "p1", "vn1", &second);
+	ASSERT_EQ(second.rc, KEL_SUCCESS);
+	EXPECT_EQ(kel_disconnect_vnic(wh_, "vn1", nullptr, second.link, 0), KEL_SUCCESS);
+	ASSERT_EQ(kel_set_client_togprop("controller=unix://localhost/nowhere/keld.sock"), KEL_SUCCESS);
+	EXPECT_EQ(kel_get_vnicinfo("vn9", &ports, &count), KEL_E_CTRL_CONNECT);
+
 	// Without a controller setting a node reaches no controller.
 	ASSERT_EQ(kel_set_client_togprop("controller="), KEL_SUCCESS);
 	EXPECT_EQ(kel_get_vnicinfo("vn9", &ports, &count), KEL_E_CTRL_CONNECT);

@@ -30,6 +30,12 @@ TEST_F(ClientSettings, ControllerValues)
 	        "ssh://admin@ctl.example:2222/run/kel/keld.sock"},
 	    {"controller=unix://root@localhost/run/kel/other.sock", KEL_SUCCESS,
 	        "unix://root@localhost/run/kel/other.sock"},
+	    // Several controllers, tried in this order; blanks around each are the reader's.
+	    {"controller=unix://localhost/run/kel/a.sock, ssh://ctl2", KEL_SUCCESS,
+	        "unix://localhost/run/kel/a.sock, ssh://ctl2"},
+	    {"controller=ssh://ctl1,,ssh://ctl2", KEL_E_INVALID_URI, nullptr},
+	    {"controller=ssh://ctl1,", KEL_E_INVALID_URI, nullptr},
+	    {"controller=ssh://ctl1,http://ctl2", KEL_E_INVALID_URI, nullptr},
 	    {"controller=", KEL_SUCCESS, ""},
 	    {"controller=http://ctl", KEL_E_INVALID_URI, nullptr},
 	    {"controller=UNIX://", KEL_E_INVALID_URI, nullptr},  // parses, but not as written
