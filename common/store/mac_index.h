@@ -46,7 +46,7 @@
 	"WITH RECURSIVE p(u, t, m) AS (SELECT u, t, " KEL_SQL_MACVAL_IN(                                    \
 	    "s") " FROM "                                                                                   \
 	         "(SELECT vport_uuid AS u, lower(vport_props) AS t, ',' || lower(vport_props) || ',' AS s " \
-	         "FROM " source ")), "                                                                      \
+	         "FROM " source " AS src) AS framed), "                                                     \
 	         "at(u, t, i) AS (SELECT u, t, instr(t, ':') FROM p WHERE " KEL_SQL_MAC_UNKEYED("t",        \
 	             "m") " UNION ALL SELECT u, t, i + instr(substr(t, i + 1), ':') FROM at "               \
 	                  "WHERE instr(substr(t, i + 1), ':') > 0) "                                        \
@@ -83,6 +83,24 @@ inline constexpr const char *const kColonTails[] = {
     "DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; " KEL_SQL_COLON_ROWS(KEL_SQL_NEW_ROW) "; END",
     "CREATE TRIGGER vport_colon_del AFTER DELETE ON vport_tbl BEGIN "
     "DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; END",
+    nullptr,
+};
+// The same on PostgreSQL: one trigger function keeps the rows, from the same statement;
+// texts compare byte by byte, as the range lookups on the tails need. The function's
+// body and the WHEN clause are written as SQLite reads them, as every statement of the
+// library is, and rewritten with the rest.
+inline constexpr const char *const kColonTailsDatabase[] = {
+    "CREATE TABLE vport_colon_tbl (colon_vport TEXT COLLATE \"C\" NOT NULL, colon_pos INTEGER NOT NULL, "
+    "colon_tail TEXT COLLATE \"C\" NOT NULL, PRIMARY KEY (colon_vport, colon_pos))",
+    "CREATE INDEX vport_colon_tail_idx ON vport_colon_tbl (colon_tail)",
+    "CREATE FUNCTION vport_colon_keep() RETURNS trigger LANGUAGE plpgsql AS $$ BEGIN "
+    "IF TG_OP <> 'INSERT' THEN DELETE FROM vport_colon_tbl WHERE colon_vport = old.vport_uuid; END IF; "
+    "IF TG_OP <> 'DELETE' THEN " KEL_SQL_COLON_ROWS(KEL_SQL_NEW_ROW) "; END IF; RETURN NULL; END $$",
+    "CREATE TRIGGER vport_colon_ins AFTER INSERT OR DELETE ON vport_tbl FOR EACH ROW "
+    "EXECUTE FUNCTION vport_colon_keep()",
+    "CREATE TRIGGER vport_colon_upd AFTER UPDATE OF vport_uuid, vport_props ON vport_tbl FOR EACH ROW "
+    "WHEN (old.vport_props IS NOT new.vport_props OR old.vport_uuid IS NOT new.vport_uuid) "
+    "EXECUTE FUNCTION vport_colon_keep()",
     nullptr,
 };
 // Fills the table for the ports a store already has.

@@ -278,9 +278,8 @@ int create_schema(const std::string &conninfo)
 
 int kel::schema::create_tables(Db db)
 {
-	// The MAC tails' table is SQLite's triggers' to keep: a database scans for a MAC instead.
 	static const char *const *const file[] = {kel_sqlstmts, kel_indexstmts, kColonTails, nullptr};
-	static const char *const *const database[] = {kel_pg_sqlstmts, kel_indexstmts, nullptr};
+	static const char *const *const database[] = {kel_pg_sqlstmts, kel_indexstmts, kColonTailsDatabase, nullptr};
 	int rc = KEL_SUCCESS;
 	for (const char *const *const *list = db.pg() != nullptr ? database : file; *list != nullptr; list++)
 		for (int i = 0; rc == KEL_SUCCESS && (*list)[i] != nullptr; i++)
