@@ -75,6 +75,9 @@ int fail(const std::string &what, int code);
 
 // Why a code refuses the store as a whole, in words that follow its path; NULL for a
 // code that does not.
+// The store keladm works on, for messages: its file, or "in the database keladm
+// set-store named".
+std::string store_name();
 const char *store_refusal(int code);
 
 // Reports a usage error for `cmd` and returns kExitUsage.

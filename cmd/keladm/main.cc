@@ -249,6 +249,15 @@ std::string message(int code)
 	return text;
 }
 
+std::string store_name()
+{
+	// Not the connection string itself: it may hold a password.
+	char conninfo[1024] = "";
+	if (kel_get_controller_togprop("store", conninfo, sizeof(conninfo)) == KEL_SUCCESS && *conninfo != '\0')
+		return "in the database keladm set-store named";
+	return kel::paths::under_root(kel::paths::kDbFile);
+}
+
 const char *store_refusal(int code)
 {
 	if (code == KEL_E_DB_VERSION)
@@ -265,8 +274,15 @@ int fail(const std::string &what, int code)
 	// A store refused as a whole may be found so by any command that reads or changes
 	// it: say which store.
 	if (const char *why = store_refusal(code))
-		std::fprintf(stderr, "keladm: the configuration store %s %s\n",
-		    kel::paths::under_root(kel::paths::kDbFile).c_str(), why);
+		std::fprintf(stderr, "keladm: the configuration store %s %s\n", store_name().c_str(), why);
+	// A database that went away in the middle of a change (failing over) leaves the change
+	// made or not: say how to find out, rather than let the operator guess.
+	if (KEL_ERR_REASON(code) == KEL_E_SQL && (KEL_ERR_STATUS(code) & 0xff) == SQLITE_IOERR &&
+	    store_name() != kel::paths::under_root(kel::paths::kDbFile))
+		std::fprintf(stderr,
+		    "keladm: the connection to the database was lost: what was asked may or may not have been done; "
+		    "run the command again once the database answers (a change already made is then refused as "
+		    "existing, or finds nothing left to do), and keladm check-store to see that nothing leaked\n");
 	// The controller is reached as this host's setting says: name it, and how to change it.
 	if (KEL_ERR_REASON(code) == KEL_E_CTRL_CONNECT) {
 		kel::RecordList<kel_togprop_t> setting;

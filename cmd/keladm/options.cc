@@ -227,9 +227,8 @@ int open_store(kel::StoreHandle *store, bool write, bool report)
 	// in a database is named by the command that put it there: its connection string may
 	// hold a password.
 	const std::string path = kel::paths::under_root(kel::paths::kDbFile);
-	char conninfo[1024] = "";
-	if (kel_get_controller_togprop("store", conninfo, sizeof(conninfo)) == KEL_SUCCESS && *conninfo != '\0')
-		fail("cannot open the configuration store in the database keladm set-store named", rc);
+	if (store_name() != path)
+		fail("cannot open the configuration store " + store_name(), rc);
 	else if (!kel_db_exists())
 		std::fprintf(stderr,
 		    "keladm: no configuration store at %s: this host is not the controller, "

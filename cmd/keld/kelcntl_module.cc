@@ -51,6 +51,14 @@ bool read_counters(const Json &args, kel_vport_counters_t *out, bool *counted)
 	return true;
 }
 
+// A database that cannot be reached now may hold the object: the caller is told why
+// (and may ask again, of this controller or another), not that there is none.
+void unreachable(const Store &store, int rc)
+{
+	if (rc != KEL_SUCCESS && store.in_database())
+		throw nuq::LookupFailure{kel_error(rc)};
+}
+
 nuq::Reply bad_args()
 {
 	return nuq::Reply{NUQ_E_BADARGS, nullptr};
@@ -148,7 +156,12 @@ nuq::Interface kel_interface()
 			return false;
 		const std::string tenant = given != nullptr ? *given : KEL_DEFAULT_TENANT;
 		Store store(KEL_DB_READONLY);
-		if (store.status() != KEL_SUCCESS || !kel_db_kel_exists(store.get(), tenant.c_str(), name->c_str()))
+		unreachable(store, store.status());
+		if (store.status() != KEL_SUCCESS)
+			return false;
+		const int rc = kel_db_find_kel(store.get(), tenant.c_str(), name->c_str());
+		unreachable(store, rc == KEL_E_KEL_NOTFOUND ? KEL_SUCCESS : rc);
+		if (rc != KEL_SUCCESS)
 			return false;
 		*found = {{"name", *name}, {"tenant", tenant}};
 		return true;
@@ -220,6 +233,7 @@ nuq::Interface controller_interface()
 	// The one object exists where the store does.
 	iface.lookup = [](const Json &, bool, Json *found) {
 		Store store(KEL_DB_READONLY);
+		unreachable(store, store.status());
 		if (store.status() != KEL_SUCCESS)
 			return false;
 		*found = Json::object();

@@ -24,6 +24,9 @@ public:
 	// KEL_SUCCESS, or kel_db_open's code when no handle could be had.
 	int status() const { return rc_; }
 	kel_dbhandle_t get() const { return h_.get(); }
+	// Whether the store is a database, which may be out of reach for a while (failing
+	// over) where a missing file is simply not there.
+	bool in_database() const { return store_.rfind("database ", 0) == 0; }
 
 private:
 	int mode_;

@@ -281,19 +281,29 @@ int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel, c
 	});
 }
 
-boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name) noexcept
+int kel_db_find_kel(kel_dbhandle_t h, const char *tenant, const char *name) noexcept
 {
-	return kel::c_boundary_as<boolean_t>(B_FALSE, B_FALSE, [&] {
-		if (h == nullptr || name == nullptr)
-			return B_FALSE;
+	if (h == nullptr || name == nullptr)
+		return KEL_E_INVALID_ARGS;
+	return kel::c_boundary([&] {
 		boolean_t is_uuid = B_FALSE;
 		(void)kel_parse_name(name, &is_uuid);
 		kel::StoreLock lock(h);
-		if (lock.status() != KEL_SUCCESS)
-			return B_FALSE;
-		return kel_db_value_exists(h, "AND", "=", "kel_tbl", 2, "kel_tenant_name", DATA_TYPE_STRING, tenant,
-		    is_uuid ? "kel_uuid" : "kel_name", DATA_TYPE_STRING, name);
+		if (const int rc = lock.status(); rc != KEL_SUCCESS)
+			return rc;
+		const char *sql = is_uuid
+		    ? "SELECT 1 FROM kel_tbl WHERE kel_tenant_name = ?1 AND kel_uuid = ?2 LIMIT 1"
+		    : "SELECT 1 FROM kel_tbl WHERE kel_tenant_name = ?1 AND kel_name = ?2 LIMIT 1";
+		const int rc = kel::for_each_row(h, sql, {tenant != nullptr ? tenant : KEL_DEFAULT_TENANT, name},
+		    [](kel::Statement &) { return KEL_E_CONTINUE; });
+		return rc == KEL_E_CONTINUE ? KEL_SUCCESS : rc == KEL_SUCCESS ? KEL_E_KEL_NOTFOUND : rc;
 	});
+}
+
+boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name) noexcept
+{
+	return kel::c_boundary_as<boolean_t>(B_FALSE, B_FALSE,
+	    [&] { return kel_db_find_kel(h, tenant, name) == KEL_SUCCESS ? B_TRUE : B_FALSE; });
 }
 
 int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) noexcept

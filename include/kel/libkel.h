@@ -470,6 +470,9 @@ int kel_db_get_kelvport(kel_dbhandle_t h, const char *tenant, const char *kel, c
     kel_t **out) KEL_NOEXCEPT;
 /* Whether `tenant` has a switch `name` (a name or a UUID text). */
 boolean_t kel_db_kel_exists(kel_dbhandle_t h, const char *tenant, const char *name) KEL_NOEXCEPT;
+/* The same, telling a store that cannot be read from a switch that is not there:
+ * KEL_SUCCESS, KEL_E_KEL_NOTFOUND, or the store's code. */
+int kel_db_find_kel(kel_dbhandle_t h, const char *tenant, const char *name) KEL_NOEXCEPT;
 /* Ports that match; none is KEL_E_VPORT_NOTFOUND. */
 int kel_db_get_filtered_vportlist(kel_dbhandle_t h, const char *filter, list_t *out, uint32_t flags) KEL_NOEXCEPT;
 /* Networks that match; none is KEL_E_IPNET_NOTFOUND. */

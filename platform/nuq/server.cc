@@ -130,6 +130,8 @@ std::string Dispatcher::answer(const Request &req) const
 		if (reply.status == NUQ_E_SUCCESS)
 			return result_reply(id, reply.value);
 		return error_reply(id, reply.status, reply.value);
+	} catch (const LookupFailure &failure) {
+		return error_reply(id, failure.reply.status, failure.reply.value);
 	} catch (const Json::exception &) {
 		// A module that missed a type check still answers cleanly.
 		return error_reply(id, NUQ_E_BADARGS);

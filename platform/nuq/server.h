@@ -28,6 +28,13 @@ struct Reply {
 	Json value;
 };
 
+// Thrown by a lookup that cannot tell whether the object is there (what it looks in is
+// out of reach for now): the request is answered with `reply`, not with "not found",
+// so that the caller knows to ask again rather than give up on the object.
+struct LookupFailure {
+	Reply reply;
+};
+
 // Methods and lookups get `keys` and `args` as objects, but their members are the
 // caller's: each is type-checked before use (request.h's accessors).
 using MethodFn = std::function<Reply(const Json &keys, const Json &args)>;
