@@ -29,7 +29,8 @@
 #   vm_stop NAME          ends VM NAME
 #   vm_cleanup            ends every VM and removes every file of this library (for the
 #                         caller's trap)
-# The guest runs on KVM where /dev/kvm opens, else on qemu's own emulation (TCG).
+# The guest runs on KVM where /dev/kvm opens (unless KEL_VM_ACCEL=tcg), else on qemu's own
+# emulation (TCG).
 # vm_accel tells which. Every VM of the script shares one scratch tree, $vm_root; in
 # $vm_root/NAME are its kernel's messages (console.log) and qemu's (qemu.log).
 
@@ -51,7 +52,8 @@ vm_require() {
 	for tool in qemu-system-x86_64 ip ss cpio gzip dpkg dpkg-deb apt-get apt-cache ldd base64 flock mkfifo mknod; do
 		command -v "$tool" >/dev/null || { vm_skip="$tool is not installed"; return 1; }
 	done
-	if [ -c /dev/kvm ] && { exec {kvm}<>/dev/kvm; } 2>/dev/null; then
+	# KEL_VM_ACCEL=tcg forces the emulation, for a host whose KVM does not run guests.
+	if [ "${KEL_VM_ACCEL:-}" != tcg ] && [ -c /dev/kvm ] && { exec {kvm}<>/dev/kvm; } 2>/dev/null; then
 		exec {kvm}>&-
 		vm_accel=kvm
 	else
