@@ -12,6 +12,7 @@
 #include "c_boundary.h"
 #include "kelnet.h"
 #include "range.h"
+#include "row_order.h"
 #include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
@@ -105,6 +106,10 @@ private:
 
 	kel_dbhandle_t h_;
 	kel::Db db_;
+	// In the order the store lists them, so that what is reported of several ports is
+	// said the same way on both engines.
+	const std::string ports_sql_ = kel::schema::in_written_order(db_.pg() != nullptr, "vport_tbl",
+	    "vport_uuid, vport_keluuid, vport_name, vport_props");
 	std::vector<Problem> problems_;
 	std::vector<std::pair<std::string, std::vector<std::string>>> fixes_;
 	std::map<std::string, Kel> kels_;  // by UUID
@@ -133,18 +138,17 @@ int Checker::read()
 		    return KEL_SUCCESS;
 	    });
 	if (rc == KEL_SUCCESS)
-		rc = kel::for_each_row(db_, "SELECT vport_uuid, vport_keluuid, vport_name, vport_props FROM vport_tbl",
-		    {}, [&](kel::Statement &st) {
-			    Port p{col(st, 0), col(st, 1), col(st, 2), "", ""};
-			    std::map<std::string, std::string> props;
-			    p.readable = props_of(col(st, 3), &props);
-			    if (!p.readable)
-				    problem("vport " + p.uuid, "its properties do not read: " + col(st, 3));
-			    p.addr = props["ipaddr"].substr(0, props["ipaddr"].find('/'));
-			    p.mac = props["macaddr"];
-			    ports_.push_back(p);
-			    return KEL_SUCCESS;
-		    });
+		rc = kel::for_each_row(db_, ports_sql_.c_str(), {}, [&](kel::Statement &st) {
+			Port p{col(st, 0), col(st, 1), col(st, 2), "", ""};
+			std::map<std::string, std::string> props;
+			p.readable = props_of(col(st, 3), &props);
+			if (!p.readable)
+				problem("vport " + p.uuid, "its properties do not read: " + col(st, 3));
+			p.addr = props["ipaddr"].substr(0, props["ipaddr"].find('/'));
+			p.mac = props["macaddr"];
+			ports_.push_back(p);
+			return KEL_SUCCESS;
+		});
 	if (rc == KEL_SUCCESS)
 		rc = kel::for_each_row(db_,
 		    "SELECT ctrl_pname, ifnull(ctrl_host, ''), ifnull(ctrl_pval, ''), "

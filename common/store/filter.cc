@@ -17,6 +17,7 @@
 #include "number.h"
 #include "owners.h"
 #include "prop_catalogue.h"
+#include "row_order.h"
 #include "sql.h"
 #include "store_handle.h"
 #include "text.h"
@@ -315,6 +316,30 @@ int kel_filterstr2sqlfmt(const char *filter, char *clause, size_t size, attrset_
 	});
 }
 
+namespace {
+
+// The database's form of the listings below: the same columns, in the order the file
+// lists the rows (row_order.h).
+std::string in_written_order(const char *table1, const char *table2, const char *col1, const char *col2,
+    const std::string &on_also, const std::string &where)
+{
+	const kel::schema::RowOrder first = kel::schema::row_order(table1, "order1");
+	std::string sql = std::string("SELECT ") + table1 + ".*";
+	std::string from = std::string(" FROM ") + table1;
+	std::string order = first.key;
+	if (table2 != nullptr) {
+		const kel::schema::RowOrder second = kel::schema::row_order(table2, "order2");
+		sql += std::string(", ") + table2 + ".*";
+		from += std::string(" LEFT JOIN ") + table2 + " ON " + col1 + " = " + col2 + on_also + second.join;
+		if (!second.key.empty())
+			order += (order.empty() ? "" : ", ") + second.key;
+	}
+	sql += from + first.join + " " + where;
+	return order.empty() ? sql : sql + " ORDER BY " + order;
+}
+
+}  // namespace
+
 int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char *table2, const char *col1,
     const char *col2, const char *filter, void *arg, kel_row_cb_t *cb, bool bound_only)
 {
@@ -334,6 +359,10 @@ int kel_db_get_filtered_common(kel_dbhandle_t h, const char *table1, const char 
 			where = where.empty() ? std::string("WHERE ") + kBound : where + " AND " + kBound;
 		const std::string on_also = bound_only && ports_joined ? std::string(" AND ") + kBound : "";
 		auto on_row = [&](kel::Statement &st) { return cb(st, arg); };
+		if (kel::Db(h).pg() != nullptr)
+			return kel::for_each_row(h,
+			    in_written_order(table1, table2, col1, col2, on_also, where).c_str(), {params.get()},
+			    on_row);
 		if (table2 != nullptr)
 			return kel::for_each_row(h,
 			    kel::SqlText("SELECT * FROM %s LEFT JOIN %s ON %s = %s%s %s", table1, table2, col1, col2,

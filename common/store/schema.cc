@@ -15,6 +15,7 @@
 #include "owners.h"
 #include "paths.h"
 #include "pg_conn.h"
+#include "row_order.h"
 #include "sql.h"
 #include "store_handle.h"
 #include "store_setting.h"
@@ -220,6 +221,24 @@ int read_version(Db db, int *version)
 	return KEL_SUCCESS;
 }
 
+RowOrder row_order(const char *table, const char *alias)
+{
+	const std::string t = table;
+	if (t == "ctrl_tbl" || t == "misc_tbl")
+		return {"", t.substr(0, 4) + "_id"};
+	if (t != "kel_tbl" && t != "vport_tbl" && t != "ipnet_tbl")
+		return {"", ""};
+	const std::string a = alias;
+	return {" LEFT JOIN row_order_tbl " + a + " ON " + a + ".row_key = " + t.substr(0, t.size() - 4) + "_uuid",
+	    a + ".row_seq"};
+}
+
+std::string in_written_order(bool database, const char *table, const std::string &columns)
+{
+	const RowOrder order = database ? row_order(table, "written") : RowOrder{"", "rowid"};
+	return "SELECT " + columns + " FROM " + table + order.join + " ORDER BY " + order.key;
+}
+
 }  // namespace kel::schema
 
 namespace {
@@ -279,7 +298,8 @@ int create_schema(const std::string &conninfo)
 int kel::schema::create_tables(Db db)
 {
 	static const char *const *const file[] = {kel_sqlstmts, kel_indexstmts, kColonTails, nullptr};
-	static const char *const *const database[] = {kel_pg_sqlstmts, kel_indexstmts, kColonTailsDatabase, nullptr};
+	static const char *const *const database[] = {kel_pg_sqlstmts, kel_indexstmts, kColonTailsDatabase,
+	    kRowOrderDatabase, nullptr};
 	int rc = KEL_SUCCESS;
 	for (const char *const *const *list = db.pg() != nullptr ? database : file; *list != nullptr; list++)
 		for (int i = 0; rc == KEL_SUCCESS && (*list)[i] != nullptr; i++)

@@ -12,6 +12,7 @@
 #include "owners.h"
 #include "paths.h"
 #include "pg_conn.h"
+#include "row_order.h"
 #include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
@@ -26,7 +27,9 @@ using Row = std::vector<std::optional<std::string>>;
 int read_rows(kel::Db db, const char *table, std::vector<Row> *out)
 {
 	out->clear();
-	return kel::for_each_row(db, kel::SqlText("SELECT * FROM %s ORDER BY 1", table), {}, [&](kel::Statement &st) {
+	// In the order the store lists them, which the copy then keeps.
+	const std::string sql = kel::schema::in_written_order(db.pg() != nullptr, table, std::string(table) + ".*");
+	return kel::for_each_row(db, sql.c_str(), {}, [&](kel::Statement &st) {
 		Row &row = out->emplace_back();
 		for (int i = 0; i < st.columns(); i++)
 			row.push_back(st.text(i) != nullptr ? std::optional<std::string>(st.text(i)) : std::nullopt);
