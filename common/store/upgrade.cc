@@ -9,7 +9,9 @@
 #include "mac_index.h"
 #include "names.h"
 #include "owners.h"
+#include "pg_conn.h"
 #include "range.h"
+#include "row_order.h"
 #include "schema.h"
 #include "sql.h"
 #include "store_handle.h"
@@ -59,7 +61,7 @@ int run_all(kel_dbhandle_t h, const char *const *stmts)
 {
 	int rc = KEL_SUCCESS;
 	for (int i = 0; rc == KEL_SUCCESS && stmts != nullptr && stmts[i] != nullptr; i++)
-		rc = kel_sqlite3_exec(h->edh_db, "%s", 1, stmts[i], 0);
+		rc = h->edh_pg != nullptr ? kel::exec(h, stmts[i]) : kel_sqlite3_exec(h->edh_db, "%s", 1, stmts[i], 0);
 	return rc;
 }
 
@@ -137,11 +139,43 @@ int renew_triggers(kel_dbhandle_t h)
 	return rc;
 }
 
+// What a database made by an older build may lack: the MAC tails and the order of its
+// rows, each made with what keeps it and filled from the rows there are (their order then
+// the server's: the one they were written in is not known).
+int ensure_database_lookups(kel_dbhandle_t h)
+{
+	static const char *const kRowOrderFill[] = {
+	    "INSERT INTO row_order_tbl (row_key) SELECT kel_uuid FROM kel_tbl",
+	    "INSERT INTO row_order_tbl (row_key) SELECT vport_uuid FROM vport_tbl",
+	    "INSERT INTO row_order_tbl (row_key) SELECT ipnet_uuid FROM ipnet_tbl",
+	    nullptr,
+	};
+	static const char *const kTailsFill[] = {kel::schema::kColonTailsFill, nullptr};
+	const struct {
+		const char *table;
+		const char *const *make, *const *fill;
+	} kept[] = {
+	    {"vport_colon_tbl", kel::schema::kColonTailsDatabase, kTailsFill},
+	    {"row_order_tbl", kel::schema::kRowOrderDatabase, kRowOrderFill},
+	};
+	int rc = KEL_SUCCESS;
+	for (const auto &k : kept) {
+		bool there = false;
+		if (rc == KEL_SUCCESS)
+			rc = kel::schema::has_table(h, k.table, &there);
+		if (rc == KEL_SUCCESS && !there && (rc = run_all(h, k.make)) == KEL_SUCCESS)
+			rc = run_all(h, k.fill);
+	}
+	return rc;
+}
+
 // The lookups this build keeps beside the store's tables: the indexes, and the MAC
 // tails with their triggers (made and filled together, or left alone when present).
 // An index that an older build made and this one no longer reads goes.
 int ensure_lookups(kel_dbhandle_t h)
 {
+	if (h->edh_pg != nullptr)
+		return ensure_database_lookups(h);
 	int rc = KEL_SUCCESS;
 	for (int i = 0; rc == KEL_SUCCESS && kel::schema::kel_indexstmts[i] != nullptr; i++) {
 		const std::string stmt =

@@ -169,4 +169,37 @@ TEST_F(PgStore, AStoreIsCopiedBetweenEnginesRowForRow)
 	(void)admin->simple("DROP DATABASE kel_copy WITH (FORCE)");
 }
 
+// A database that an older build made lacks the MAC tails and the rows' order; the
+// upgrade makes them, with what keeps them, and fills them from the rows there are.
+TEST_F(PgStore, AnOlderBuildsDatabaseGetsWhatItLacksAtTheUpgrade)
+{
+	make_web("subnet=10.1.0.0/24", {"p1", "p2"});
+	for (const char *drop : {"DROP FUNCTION row_order_keep() CASCADE", "DROP TABLE row_order_tbl",
+	         "DROP FUNCTION vport_colon_keep() CASCADE", "DROP TABLE vport_colon_tbl"})
+		ASSERT_EQ(kel::exec(h_, drop), KEL_SUCCESS) << drop;
+	ASSERT_EQ(kel_db_upgrade(), KEL_SUCCESS);
+	ASSERT_EQ(kel_db_upgrade(), KEL_SUCCESS);  // and again changes nothing
+	int rows = 0;
+	ASSERT_EQ(kel::for_each_row(h_, "SELECT count(*) FROM row_order_tbl", {},
+	              [&](kel::Statement &st) {
+		              rows = static_cast<int>(st.integer(0));
+		              return KEL_SUCCESS;
+	              }),
+	    KEL_SUCCESS);
+	EXPECT_EQ(rows, 4);  // the kel, its network and its two ports
+	// Kept from now on: a new port has its place, after the others.
+	ASSERT_EQ(kel_db_add_vport(h_, "sys-global", "web", "p0", nullptr, nullptr, 0), KEL_SUCCESS);
+	kel_t *k = nullptr;
+	ASSERT_EQ(kel_db_get_kelvport(h_, "sys-global", "web", "p0", &k), KEL_SUCCESS);
+	kel_free_kel(k);
+	list_t ports;
+	ASSERT_EQ(kel_db_get_filtered_vportlist(h_, "kel=web", &ports, 0), KEL_SUCCESS);
+	std::string names;
+	for (auto *v = static_cast<kel_vport_t *>(list_head(&ports)); v != nullptr;
+	     v = static_cast<kel_vport_t *>(list_next(&ports, v)))
+		names += std::string(v->evp_name) + " ";
+	kel_free_vportlist(&ports);
+	EXPECT_EQ(names.substr(names.size() - 3), "p0 ");
+}
+
 }  // namespace
