@@ -53,6 +53,9 @@ public:
 	// without `first`, allocates nothing of its own.
 	int simple(const char *sql, std::string *first = nullptr);
 
+	// Makes this session read-only, and every one made again after a loss.
+	int make_read_only();
+
 	// Inside a transaction (or a failed one, not yet rolled back).
 	bool in_transaction() const;
 	// Takes the store lock: exclusive or shared, waiting for it or not (*got says whether
@@ -68,6 +71,8 @@ private:
 	explicit Conn(PGconn *c) : conn_(c) {}
 	int failed(const PGresult *res) noexcept;
 	int reconnect_if_lost();
+	// What every session of the connection is set to, made anew with it.
+	int set_up_session();
 
 	PGconn *conn_;
 	std::mutex mu_;  // one request on the wire at a time
@@ -77,6 +82,7 @@ private:
 	std::unordered_map<std::string, Prepared> prepared_;
 	unsigned long named_ = 0;  // statements named on this session so far
 	std::string last_error_;
+	bool read_only_ = false;
 };
 
 // Holds the store lock, exclusive, on a database that may have no schema yet (so cannot

@@ -40,7 +40,7 @@ int kel::open_store_at(kel_dbhandle_t *handlep, int flags, const std::string &co
 			int opened = kel::pg::Conn::open(conninfo, &conn);
 			// A read-only handle cannot write, as a file opened read-only cannot.
 			if (opened == KEL_SUCCESS && (flags & SQLITE_OPEN_READWRITE) == 0)
-				opened = conn->simple("SET default_transaction_read_only = on");
+				opened = conn->make_read_only();
 			edh->edh_pg = conn.release();
 			return opened;
 		}

@@ -131,6 +131,15 @@ TEST_F(PgStore, ALostConnectionIsMadeAgainAtTheNextLock)
 	ASSERT_EQ(kel_db_create_kel(h_, nullptr, "after", "l2-type=flat", 0, &k), KEL_SUCCESS);
 	kel_free_kel(k);
 	EXPECT_EQ(rows("kel_tbl"), 1);
+
+	// A reader's session comes back as it was: read-only.
+	kel::StoreHandle reader;
+	ASSERT_EQ(kel::db_open(&reader, KEL_DB_READONLY), KEL_SUCCESS);
+	ASSERT_EQ(reader->edh_pg->simple("SELECT pg_backend_pid()", &pid), KEL_SUCCESS);
+	ASSERT_EQ(admin->simple(("SELECT pg_terminate_backend(" + pid + ")").c_str()), KEL_SUCCESS);
+	EXPECT_EQ(kel::exec(reader.get(), "SELECT 1"), kel::sql_error(SQLITE_IOERR));
+	EXPECT_TRUE(kel_db_kel_exists(reader.get(), nullptr, "after"));  // made again here
+	EXPECT_EQ(kel::exec(reader.get(), "DELETE FROM kel_tbl"), kel::sql_error(SQLITE_READONLY));
 }
 
 // A fabric moves from the database to the file and on to another database, row for row;
