@@ -20,7 +20,6 @@
 #include <netlink/route/link/vlan.h>
 #include <netlink/route/link/vxlan.h>
 #include <netlink/route/qdisc.h>
-#include <netlink/route/qdisc/tbf.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -258,24 +257,6 @@ wexo_status_t read_lower(wexo_handle_t h, struct rtnl_link *link, wexo_link_stat
 	return st;
 }
 
-// The root qdisc's rate when it is a tbf, in bits per second; 0 when there is none.
-uint64_t read_maxbw(struct nl_sock *sock, int ifindex)
-{
-	struct nl_cache *cache = nullptr;
-	if (rtnl_qdisc_alloc_cache(sock, &cache) != 0)
-		return 0;
-	uint64_t bps = 0;
-	struct rtnl_qdisc *q = rtnl_qdisc_get_by_parent(cache, ifindex, TC_H_ROOT);
-	if (q != nullptr) {
-		const char *kind = rtnl_tc_get_kind(TC_CAST(q));
-		if (kind != nullptr && std::strcmp(kind, "tbf") == 0)
-			bps = static_cast<uint64_t>(static_cast<uint32_t>(rtnl_qdisc_tbf_get_rate(q))) * 8;
-		rtnl_qdisc_put(q);
-	}
-	nl_cache_free(cache);
-	return bps;
-}
-
 }  // namespace
 
 void wexo_linkprop_forget(wexo_handle_t h, const char *ifname)
@@ -351,7 +332,7 @@ wexo_status_t wexo_link_state(wexo_handle_t h, datalink_id_t id, wexo_link_state
 		// reported as none: the rest of what is in force still is.
 		if (read_lower(h, link.get(), state) != WEXO_STATUS_OK)
 			state->wls_lower[0] = state->wls_lower_kind[0] = '\0';
-		state->wls_maxbw = read_maxbw(wexo_sock(h), static_cast<int>(id));
+		state->wls_maxbw = wexo::tbf_rate(wexo_sock(h), static_cast<int>(id));
 		// The first placement is the one the guest cannot reach: what is in force there is
 		// what counts. A link with no chain in the shared table has no filters.
 		const filter::Placement at = placements_of(h, link.get(), own).front();

@@ -5,6 +5,7 @@
 #include <netlink/msg.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "link_internal.h"
 
@@ -56,6 +57,58 @@ wexo_status_t tbf_set(struct nl_sock *sock, int ifindex, uint64_t bps)
 		return wexo_from_nl(err);
 	const int ack = nl_wait_for_ack(sock);
 	return ack == 0 ? WEXO_STATUS_OK : wexo_from_nl(ack);
+}
+
+namespace {
+
+struct RootRate {
+	int ifindex;
+	uint64_t bytes = 0;  // per second
+};
+
+// One qdisc of the dump: the rate of the one asked for, when it is a tbf.
+int read_root_tbf(struct nl_msg *msg, void *arg)
+{
+	auto *want = static_cast<RootRate *>(arg);
+	struct nlmsghdr *nlh = nlmsg_hdr(msg);
+	if (!nlmsg_valid_hdr(nlh, sizeof(struct tcmsg)))
+		return NL_SKIP;
+	const auto *tcm = static_cast<const struct tcmsg *>(nlmsg_data(nlh));
+	if (tcm->tcm_ifindex != want->ifindex || tcm->tcm_parent != TC_H_ROOT)
+		return NL_OK;
+	struct nlattr *tb[TCA_MAX + 1];
+	struct nlattr *opts[TCA_TBF_MAX + 1];
+	if (nlmsg_parse(nlh, sizeof(struct tcmsg), tb, TCA_MAX, nullptr) < 0 || tb[TCA_KIND] == nullptr ||
+	    std::strcmp(nla_get_string(tb[TCA_KIND]), "tbf") != 0 || tb[TCA_OPTIONS] == nullptr ||
+	    nla_parse_nested(opts, TCA_TBF_MAX, tb[TCA_OPTIONS], nullptr) < 0)
+		return NL_OK;
+	if (opts[TCA_TBF_RATE64] != nullptr && nla_len(opts[TCA_TBF_RATE64]) >= static_cast<int>(sizeof(uint64_t)))
+		want->bytes = nla_get_u64(opts[TCA_TBF_RATE64]);
+	else if (opts[TCA_TBF_PARMS] != nullptr &&
+	    nla_len(opts[TCA_TBF_PARMS]) >= static_cast<int>(sizeof(struct tc_tbf_qopt)))
+		want->bytes = static_cast<const struct tc_tbf_qopt *>(nla_data(opts[TCA_TBF_PARMS]))->rate.rate;
+	return NL_OK;
+}
+
+}  // namespace
+
+uint64_t tbf_rate(struct nl_sock *sock, int ifindex)
+{
+	struct tcmsg tcm {};
+	tcm.tcm_family = AF_UNSPEC;
+	if (nl_send_simple(sock, RTM_GETQDISC, NLM_F_DUMP, &tcm, sizeof(tcm)) < 0)
+		return 0;
+	RootRate found{ifindex};
+	// A callback set of this read's own: the socket's stays as its other users left it.
+	struct nl_cb *base = nl_socket_get_cb(sock);
+	struct nl_cb *cb = base != nullptr ? nl_cb_clone(base) : nullptr;
+	nl_cb_put(base);
+	if (cb == nullptr)
+		return 0;
+	nl_cb_set(cb, NL_CB_VALID, NL_CB_CUSTOM, read_root_tbf, &found);
+	const int err = nl_recvmsgs(sock, cb);
+	nl_cb_put(cb);
+	return err < 0 ? 0 : found.bytes * 8;
 }
 
 }  // namespace wexo

@@ -428,6 +428,12 @@ TEST_F(Datalinks, KeldReadsBackWhatIsInForce)
 		ASSERT_EQ(harl_Datalink_setProperty(link, text, 0x8001, nullptr), 0) << text;
 	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
 	EXPECT_EQ(state.maxbw, 20000000u);
+	// A cap beyond the 32-bit field's 34 Gbit/s reads back whole, as it was made.
+	ASSERT_EQ(harl_Datalink_setProperty(link, "maxbw=40G", 0x8001, nullptr), 0);
+	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
+	EXPECT_EQ(state.maxbw, 40000000000u);
+	ASSERT_EQ(harl_Datalink_setProperty(link, "maxbw=20M", 0x8001, nullptr), 0);
+	ASSERT_EQ(harl_Datalink_getState(link, &state, nullptr), 0);
 	EXPECT_TRUE(state.filtered);
 	EXPECT_EQ(state.filters, "priority=high,mac-nospoof,tagged,ip-nospoof");
 	EXPECT_EQ(state.allowed, "10.0.0.5");
