@@ -200,7 +200,7 @@ void print_overview(FILE *out)
 	std::fprintf(out, "usage: keladm SUBCOMMAND [options] [operands]\n\nsubcommands:\n");
 	for (const Subcommand &cmd : kSubcommands)
 		std::fprintf(out, "  %-17s %s\n", cmd.name, cmd.summary);
-	std::fprintf(out, "\nSee keladm help SUBCOMMAND, or keladm(8).\n");
+	std::fprintf(out, "\nSee keladm help SUBCOMMAND, or keladm(8); keladm --version (-V) says which keladm.\n");
 }
 
 int help(const Subcommand &, const Options &opts)
@@ -318,7 +318,7 @@ int main(int argc, char **argv)
 		print_overview(stderr);
 		return kExitUsage;
 	}
-	if (std::strcmp(argv[1], "--version") == 0) {
+	if (std::strcmp(argv[1], "--version") == 0 || std::strcmp(argv[1], "-V") == 0) {
 		std::printf("keladm %s\n", KEL_VERSION);
 		return kExitOk;
 	}

@@ -8,6 +8,7 @@ make_store
 has() { grep -qE -- "$2" <<<"$1"; }
 
 check "keladm --version" bash -c "'$keladm' --version | grep -qxE 'keladm [0-9]+\.[0-9]+\.[0-9]+'"
+check "keladm -V is --version" bash -c "[ \"\$('$keladm' -V)\" = \"\$('$keladm' --version)\" ]"
 
 # Help: the same text both ways, with every section a reader looks for, and the fields it
 # names are the ones the command itself accepts.
