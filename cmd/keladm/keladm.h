@@ -73,11 +73,13 @@ std::string message(int code);
 // is followed by a line that names the store.
 int fail(const std::string &what, int code);
 
-// Why a code refuses the store as a whole, in words that follow its path; NULL for a
-// code that does not.
+// Whether the controller's store is a database rather than the file.
+bool store_in_database();
 // The store keladm works on, for messages: its file, or "in the database keladm
 // set-store named".
 std::string store_name();
+// Why a code refuses the store as a whole, in words that follow its path; NULL for a
+// code that does not.
 const char *store_refusal(int code);
 
 // Reports a usage error for `cmd` and returns kExitUsage.

@@ -249,13 +249,17 @@ std::string message(int code)
 	return text;
 }
 
+bool store_in_database()
+{
+	char conninfo[1024] = "";
+	return kel_get_controller_togprop("store", conninfo, sizeof(conninfo)) == KEL_SUCCESS && *conninfo != '\0';
+}
+
 std::string store_name()
 {
 	// Not the connection string itself: it may hold a password.
-	char conninfo[1024] = "";
-	if (kel_get_controller_togprop("store", conninfo, sizeof(conninfo)) == KEL_SUCCESS && *conninfo != '\0')
-		return "in the database keladm set-store named";
-	return kel::paths::under_root(kel::paths::kDbFile);
+	return store_in_database() ? "in the database keladm set-store named"
+	                           : kel::paths::under_root(kel::paths::kDbFile);
 }
 
 const char *store_refusal(int code)
@@ -277,8 +281,7 @@ int fail(const std::string &what, int code)
 		std::fprintf(stderr, "keladm: the configuration store %s %s\n", store_name().c_str(), why);
 	// A database that went away in the middle of a change (failing over) leaves the change
 	// made or not: say how to find out, rather than let the operator guess.
-	if (KEL_ERR_REASON(code) == KEL_E_SQL && (KEL_ERR_STATUS(code) & 0xff) == SQLITE_IOERR &&
-	    store_name() != kel::paths::under_root(kel::paths::kDbFile))
+	if (KEL_ERR_REASON(code) == KEL_E_SQL && (KEL_ERR_STATUS(code) & 0xff) == SQLITE_IOERR && store_in_database())
 		std::fprintf(stderr,
 		    "keladm: the connection to the database was lost: what was asked may or may not have been done; "
 		    "run the command again once the database answers (a change already made is then refused as "

@@ -227,7 +227,7 @@ int open_store(kel::StoreHandle *store, bool write, bool report)
 	// in a database is named by the command that put it there: its connection string may
 	// hold a password.
 	const std::string path = kel::paths::under_root(kel::paths::kDbFile);
-	if (store_name() != path)
+	if (store_in_database())
 		fail("cannot open the configuration store " + store_name(), rc);
 	else if (!kel_db_exists())
 		std::fprintf(stderr,

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include <kel/libkel.h>
-#include "nuq_errors.h"
+#include "kept.h"
 #include "owners.h"
 
 namespace kel {
@@ -25,10 +25,7 @@ bool unanswered(int rc)
 {
 	if (rc == KEL_E_CTRL_CONNECT)
 		return true;
-	if (KEL_ERR_REASON(rc) != KEL_E_NUQ)
-		return false;
-	const int st = KEL_ERR_STATUS(rc);
-	return st == NUQ_E_CLOSED || st == NUQ_E_TIMEOUT || st == NUQ_E_PROTOCOL || st == NUQ_E_CONNECT;
+	return KEL_ERR_REASON(rc) == KEL_E_NUQ && nuq::KeptConnection::transport_failed(KEL_ERR_STATUS(rc));
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include <kel/libkel.h>
@@ -223,14 +224,20 @@ int read_version(Db db, int *version)
 
 RowOrder row_order(const char *table, const char *alias)
 {
-	const std::string t = table;
-	if (t == "ctrl_tbl" || t == "misc_tbl")
-		return {"", t.substr(0, 4) + "_id"};
-	if (t != "kel_tbl" && t != "vport_tbl" && t != "ipnet_tbl")
-		return {"", ""};
-	const std::string a = alias;
-	return {" LEFT JOIN row_order_tbl " + a + " ON " + a + ".row_key = " + t.substr(0, t.size() - 4) + "_uuid",
-	    a + ".row_seq"};
+	static const struct {
+		const char *table, *key;
+		bool kept_aside;  // in row_order_tbl, under the key; else the key is the order
+	} kOrders[] = {{"kel_tbl", "kel_uuid", true}, {"vport_tbl", "vport_uuid", true},
+	    {"ipnet_tbl", "ipnet_uuid", true}, {"ctrl_tbl", "ctrl_id", false}, {"misc_tbl", "misc_id", false}};
+	for (const auto &o : kOrders) {
+		if (std::strcmp(o.table, table) != 0)
+			continue;
+		if (!o.kept_aside)
+			return {"", o.key};
+		const std::string a = alias;
+		return {" LEFT JOIN row_order_tbl " + a + " ON " + a + ".row_key = " + o.key, a + ".row_seq"};
+	}
+	return {"", ""};
 }
 
 std::string in_written_order(bool database, const char *table, const std::string &columns)

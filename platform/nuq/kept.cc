@@ -114,11 +114,6 @@ int KeptConnection::open(const std::string &uri)
 	return conn_ != nullptr ? NUQ_E_SUCCESS : NUQ_E_CONNECT;
 }
 
-bool KeptConnection::transport_failed(int r)
-{
-	return r == NUQ_E_CLOSED || r == NUQ_E_TIMEOUT || r == NUQ_E_PROTOCOL || r == NUQ_E_CONNECT;
-}
-
 bool KeptConnection::stale(int r)
 {
 	if (!kept_ || !transport_failed(r))

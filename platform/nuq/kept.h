@@ -8,6 +8,7 @@
 
 #include <string>
 
+#include "nuq_errors.h"
 #include "nuq_types.h"
 
 namespace nuq {
@@ -29,7 +30,10 @@ public:
 	// the caller opens a new one and tries again. False when `r` is the answer to keep.
 	bool stale(int r);
 	// Whether `r` is the transport's failure rather than the far end's answer.
-	static bool transport_failed(int r);
+	static bool transport_failed(int r)
+	{
+		return r == NUQ_E_CLOSED || r == NUQ_E_TIMEOUT || r == NUQ_E_PROTOCOL || r == NUQ_E_CONNECT;
+	}
 
 private:
 	void give_back();

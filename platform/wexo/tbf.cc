@@ -94,19 +94,19 @@ int read_root_tbf(struct nl_msg *msg, void *arg)
 
 uint64_t tbf_rate(struct nl_sock *sock, int ifindex)
 {
-	struct tcmsg tcm {};
-	tcm.tcm_family = AF_UNSPEC;
-	if (nl_send_simple(sock, RTM_GETQDISC, NLM_F_DUMP, &tcm, sizeof(tcm)) < 0)
-		return 0;
-	RootRate found{ifindex};
 	// A callback set of this read's own: the socket's stays as its other users left it.
+	// Made before the request, so that no failure leaves a dump unread on the socket.
 	struct nl_cb *base = nl_socket_get_cb(sock);
 	struct nl_cb *cb = base != nullptr ? nl_cb_clone(base) : nullptr;
 	nl_cb_put(base);
 	if (cb == nullptr)
 		return 0;
+	RootRate found{ifindex};
 	nl_cb_set(cb, NL_CB_VALID, NL_CB_CUSTOM, read_root_tbf, &found);
-	const int err = nl_recvmsgs(sock, cb);
+	struct tcmsg tcm {};
+	tcm.tcm_family = AF_UNSPEC;
+	const int err = nl_send_simple(sock, RTM_GETQDISC, NLM_F_DUMP, &tcm, sizeof(tcm)) < 0 ? -1
+	                                                                                      : nl_recvmsgs(sock, cb);
 	nl_cb_put(cb);
 	return err < 0 ? 0 : found.bytes * 8;
 }
