@@ -55,7 +55,8 @@ int add_ipnet(const Subcommand &cmd, const Options &opts)
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts, "cannot add ipnet '" + kel + "/" + name + "'", rc, kel);
+		return fail_here(store.get(), opts, "cannot add ipnet '" + kel + "/" + name + "'", rc, kel, "ipnet",
+		    name);
 	if (opts.echo) {
 		out.add_with([&](size_t f) { return ipnet_field(ip.get(), f); });
 		out.print();
@@ -100,6 +101,8 @@ int show_ipnet(const Subcommand &cmd, const Options &opts)
 	int rc = nets.read(
 	    [&](list_t *l) { return kel_db_get_ipnetlist(store.get(), tenant.c_str(), kel, name, l, 0); });
 	if (rc == KEL_E_IPNET_NOTFOUND && opts.operands.empty()) {
+		if (unknown_tenant(store.get(), opts))
+			return kExitFailed;
 		out.print();
 		return kExitOk;
 	}

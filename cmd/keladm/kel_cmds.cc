@@ -107,7 +107,9 @@ int create_kel(const Subcommand &cmd, const Options &opts)
 		}
 	}
 	if (rc != KEL_SUCCESS)
-		return fail(std::string("cannot create kel") + (name ? std::string(" '") + name + "'" : ""), rc);
+		return fail_here(store.get(), opts,
+		    std::string("cannot create kel") + (name ? std::string(" '") + name + "'" : ""), rc,
+		    name ? name : "");
 	if (opts.echo) {
 		out.add_with([&](size_t f) { return kel_field(kel.get(), f, ""); });
 		out.print();
@@ -177,6 +179,8 @@ int show_kel(const Subcommand &cmd, const Options &opts)
 	});
 	// An empty fabric is nothing to show, not a failure; a named switch that is not there is.
 	if (rc == KEL_E_KEL_NOTFOUND && opts.operands.empty()) {
+		if (unknown_tenant(store.get(), opts))
+			return kExitFailed;
 		out.print();
 		return kExitOk;
 	}

@@ -73,6 +73,18 @@ std::string message(int code);
 // is followed by a line that names the store.
 int fail(const std::string &what, int code);
 
+// The form a value refused with `reason` takes ("expected ..."), or NULL.
+const char *expected_form(int reason);
+// Of `known`, the word nearest to `word` (a third of its letters may be wrong), or "".
+std::string nearest(const std::string &word, const std::vector<std::string> &known);
+// The names of the properties a subcommand's help lists ("name=VALUES\twhat it means").
+std::vector<std::string> prop_names(const char *props);
+// "name=value,name=value" as its settings; a value may hold commas of its own.
+std::vector<std::string> split_settings(const std::string &text);
+// For each setting of `settings` whose name the subcommand does not take, a line naming
+// it and the nearest one it does take.
+void say_unknown_props(const Options &opts, const std::string &settings);
+
 // Whether the controller's store is a database rather than the file.
 bool store_in_database();
 // The store keladm works on, for messages: its file, or "in the database keladm
@@ -104,6 +116,7 @@ struct Options {
 	bool repair = false;            // --repair (check-store)
 	double threshold = 90;          // --threshold PERCENT (show-usage): what counts as nearly full
 	std::span<char *> operands;
+	const Subcommand *cmd = nullptr;  // the subcommand these were given to
 };
 
 // Which options a subcommand takes (always --help).
@@ -179,6 +192,16 @@ inline std::string listed_tenant(const Options &opts)
 // `member` name a member of switch `kel`; NULL and "" for the switch itself.
 int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, int code, const std::string &kel,
     const char *member_key = nullptr, const std::string &member = "");
+
+// After a refusal with `code` of a change to switch `kel` (or its member `member_key`
+// `member`): lines naming what is in the way (the object holding the name, address, MAC
+// address or network asked for; the ports keeping a network; a missing network), or the
+// form a refused value takes. The values asked for are read from opts.props.
+void say_in_the_way(kel_dbhandle_t h, const Options &opts, int code, const std::string &kel, const char *member_key,
+    const std::string &member);
+// Whether the tenant -T named holds no kel at all (a typing slip, most likely): then
+// says so. The default tenant and -T all are always known.
+bool unknown_tenant(kel_dbhandle_t h, const Options &opts);
 
 // Of `hosts`, those whose keld does not answer now (several are asked at once).
 std::vector<std::string> hosts_not_answering(const std::set<std::string> &hosts);

@@ -120,18 +120,18 @@ const Subcommand kSubcommands[] = {
 	    .summary = "show controller properties: property, host, value, default, permission, ranges",
 	    .options = kHost | kShow, .run = show_controlprop, .fields = kControlpropFields,
 	    .example = "keladm show-controlprop -h host-a uplink-port"},
-	{.name = "set-kelprop", .usage = "[-T tenant] -p name=value KEL",
-	    .summary = "change one property of a kel, live on the hosts of its bound vports",
+	{.name = "set-kelprop", .usage = "[-T tenant] -p name=value[,name=value...] KEL",
+	    .summary = "change properties of a kel, live on the hosts of its bound vports",
 	    .options = kTenant | kChange, .run = set_kelprop, .props = KELADM_LINK_PROPS KELADM_EXTENDED_PROP,
 	    .example = "keladm set-kelprop -p maxbw=200M web"},
-	{.name = "set-vportprop", .usage = "[-T tenant] -p name=value KEL/VPORT",
-	    .summary = "change one property of a vport, live on its host when it is bound",
+	{.name = "set-vportprop", .usage = "[-T tenant] -p name=value[,name=value...] KEL/VPORT",
+	    .summary = "change properties of a vport, live on its host when it is bound",
 	    .options = kTenant | kChange, .run = set_vportprop,
 	    .props = "cos=0-7\tits class of service, as an 802.1p priority (default: 0)\n"
 	             KELADM_LINK_PROPS KELADM_EXTENDED_PROP,
 	    .example = "keladm set-vportprop -p maxbw=50M web/vm1"},
-	{.name = "set-ipnetprop", .usage = "[-T tenant] -p name=value KEL/IPNET",
-	    .summary = "change one property of an ipnet (pool: keeping every address in use)",
+	{.name = "set-ipnetprop", .usage = "[-T tenant] -p name=value[,name=value...] KEL/IPNET",
+	    .summary = "change a property of an ipnet (pool: keeping every address in use)",
 	    .options = kTenant | kChange, .run = set_ipnetprop,
 	    .props = "pool=RANGE\tthe addresses ports draw from; every address in use stays in it\n"
 	             KELADM_EXTENDED_PROP,
@@ -190,6 +190,21 @@ const Subcommand *find(const char *name)
 	return nullptr;
 }
 
+// A word that is no subcommand: the nearest one, not the whole overview, which buries
+// the answer to a typing slip.
+int unknown_subcommand(const char *word)
+{
+	std::vector<std::string> names;
+	for (const Subcommand &cmd : kSubcommands)
+		names.push_back(cmd.name);
+	const std::string near = nearest(word, names);
+	if (near.empty())
+		std::fprintf(stderr, "keladm: unknown subcommand '%s' (keladm help lists them)\n", word);
+	else
+		std::fprintf(stderr, "keladm: unknown subcommand '%s': did you mean '%s'?\n", word, near.c_str());
+	return kExitUsage;
+}
+
 void print_usage(FILE *out, const Subcommand &cmd)
 {
 	std::fprintf(out, "usage: keladm %s%s%s\n", cmd.name, *cmd.usage ? " " : "", cmd.usage);
@@ -214,10 +229,8 @@ int help(const Subcommand &, const Options &opts)
 		return kExitUsage;
 	}
 	const Subcommand *cmd = find(opts.operands[0]);
-	if (cmd == nullptr) {
-		std::fprintf(stderr, "keladm: unknown subcommand '%s'\n", opts.operands[0]);
-		return kExitUsage;
-	}
+	if (cmd == nullptr)
+		return unknown_subcommand(opts.operands[0]);
 	print_help(stdout, *cmd);
 	return kExitOk;
 }
@@ -246,6 +259,10 @@ std::string message(int code)
 		if (KEL_ERR_REASON(code) == own.reason && text.compare(0, library.size(), library) == 0)
 			return own.words + text.substr(library.size());
 	}
+	// A refused value: say what form it takes.
+	const char *form = expected_form(KEL_ERR_REASON(code));
+	if (form != nullptr && text == kel_errlist[KEL_ERR_REASON(code)])
+		return text + ": " + form;
 	return text;
 }
 
@@ -328,11 +345,8 @@ int main(int argc, char **argv)
 	if (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0)
 		return help(*find("help"), Options{});
 	const Subcommand *cmd = find(argv[1]);
-	if (cmd == nullptr) {
-		std::fprintf(stderr, "keladm: unknown subcommand '%s'\n", argv[1]);
-		print_overview(stderr);
-		return kExitUsage;
-	}
+	if (cmd == nullptr)
+		return unknown_subcommand(argv[1]);
 	// Every subcommand's options are parsed here, by the set its row names.
 	const std::span<char *> args(argv + 1, static_cast<size_t>(argc - 1));
 	Options opts;

@@ -79,6 +79,10 @@ int fail_here(kel_dbhandle_t h, const Options &opts, const std::string &what, in
 {
 	fail(what, code);
 	const int reason = KEL_ERR_REASON(code);
+	if ((reason == KEL_E_KEL_NOTFOUND || reason == KEL_E_VPORT_NOTFOUND || reason == KEL_E_IPNET_NOTFOUND) &&
+	    unknown_tenant(h, opts))
+		return kExitFailed;
+	say_in_the_way(h, opts, code, kel, member_key, member);
 	if (opts.all_tenants || kel.empty() ||
 	    (reason != KEL_E_KEL_NOTFOUND && reason != KEL_E_VPORT_NOTFOUND && reason != KEL_E_IPNET_NOTFOUND))
 		return kExitFailed;

@@ -114,6 +114,7 @@ bool parse_options(const Subcommand &cmd, std::span<char *> args, Options *opts,
 
 	bool parseable = false, json = false;
 	*help = false;
+	opts->cmd = &cmd;
 	optind = 0;  // start afresh: rescans from args[1]
 	opterr = 0;
 	int c;
@@ -229,15 +230,17 @@ int open_store(kel::StoreHandle *store, bool write, bool report)
 	const std::string path = kel::paths::under_root(kel::paths::kDbFile);
 	if (store_in_database())
 		fail("cannot open the configuration store " + store_name(), rc);
+	else if ((access(path.c_str(), F_OK) != 0 && errno == EACCES) ||
+	    (kel_db_exists() && access(path.c_str(), write ? R_OK | W_OK : R_OK) != 0 && errno == EACCES))
+		// A directory this user cannot enter hides the store: that is no missing store.
+		std::fprintf(stderr,
+		    "keladm: cannot open the configuration store %s: permission denied: "
+		    "run keladm as root\n",
+		    path.c_str());
 	else if (!kel_db_exists())
 		std::fprintf(stderr,
 		    "keladm: no configuration store at %s: this host is not the controller, "
 		    "or keladm create-store has not made it yet\n",
-		    path.c_str());
-	else if (access(path.c_str(), write ? R_OK | W_OK : R_OK) != 0 && errno == EACCES)
-		std::fprintf(stderr,
-		    "keladm: cannot open the configuration store %s: permission denied: "
-		    "run keladm as root\n",
 		    path.c_str());
 	else if (const char *why = store_refusal(rc))
 		std::fprintf(stderr, "keladm: cannot open the configuration store %s: it %s (%s)\n", path.c_str(), why,

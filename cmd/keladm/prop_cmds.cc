@@ -23,6 +23,34 @@ constexpr Kind kKel = {"kel", nullptr, KEL_PROPTYPE_KEL, nullptr};
 constexpr Kind kVport = {"vport", "VPORT", KEL_PROPTYPE_VPORT, kel_parse_kelvportname};
 constexpr Kind kIpnet = {"ipnet", "IPNET", KEL_PROPTYPE_IPNET, kel_parse_kelipnetname};
 
+// Sets one property ("name=value") of the object `m` names.
+int set_one(kel_dbhandle_t h, const Options &opts, const Kind &kind, const Member &m, const std::string &setting)
+{
+	const char *tenant = opts.tenant.c_str(), *prop = setting.c_str();
+	const int rc = kind.type == KEL_PROPTYPE_KEL ? kel_set_kelprop(h, tenant, m.kel.c_str(), prop, 0)
+	    : kind.type == KEL_PROPTYPE_VPORT ? kel_set_vportprop(h, tenant, m.kel.c_str(), m.name.c_str(), prop, 0)
+	                                      : kel_set_ipnetprop(h, tenant, m.kel.c_str(), m.name.c_str(), prop, 0);
+	const std::string object = m.kel + (m.name.empty() ? "" : "/" + m.name);
+	if (rc == KEL_E_PROP_PARTIAL || (KEL_ERR_REASON(rc) == KEL_E_HOST_CONNECT && kind.type == KEL_PROPTYPE_VPORT)) {
+		fail(rc == KEL_E_PROP_PARTIAL
+		        ? "set '" + setting + "' on kel '" + object + "' (stored; some hosts missed it)"
+		        : "cannot set '" + setting + "' on vport '" + object + "'",
+		    rc);
+		say_silent_hosts(h, opts, m.kel, m.name, "set the property again");
+		return kExitFailed;
+	}
+	if (rc == KEL_E_RANGE_INUSE && kind.type == KEL_PROPTYPE_IPNET && setting.rfind("pool=", 0) == 0) {
+		fail("cannot set '" + setting + "' on ipnet '" + object + "'", rc);
+		say_outside_pool(h, opts, m.kel, setting.substr(5));
+		return kExitFailed;
+	}
+	if (rc != KEL_SUCCESS) {
+		return fail_here(h, opts, "cannot set '" + setting + "' on " + kind.noun + " '" + object + "'", rc,
+		    m.kel, kind.member ? kind.noun : nullptr, m.name);
+	}
+	return kExitOk;
+}
+
 int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 {
 	if (opts.props.empty())
@@ -38,29 +66,25 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	kel::StoreHandle store;
 	if (open_store(&store, true) != KEL_SUCCESS)
 		return kExitFailed;
-	const char *tenant = opts.tenant.c_str(), *prop = opts.props.c_str();
-	const int rc = kind.type == KEL_PROPTYPE_KEL ? kel_set_kelprop(store.get(), tenant, m.kel.c_str(), prop, 0)
-	    : kind.type == KEL_PROPTYPE_VPORT
-	    ? kel_set_vportprop(store.get(), tenant, m.kel.c_str(), m.name.c_str(), prop, 0)
-	    : kel_set_ipnetprop(store.get(), tenant, m.kel.c_str(), m.name.c_str(), prop, 0);
-	const std::string object = m.kel + (m.name.empty() ? "" : "/" + m.name);
-	if (rc == KEL_E_PROP_PARTIAL || (KEL_ERR_REASON(rc) == KEL_E_HOST_CONNECT && kind.type == KEL_PROPTYPE_VPORT)) {
-		fail(rc == KEL_E_PROP_PARTIAL
-		        ? "set '" + opts.props + "' on kel '" + object + "' (stored; some hosts missed it)"
-		        : "cannot set '" + opts.props + "' on vport '" + object + "'",
-		    rc);
-		say_silent_hosts(store.get(), opts, m.kel, m.name, "set the property again");
-		return kExitFailed;
-	}
-	if (rc == KEL_E_RANGE_INUSE && kind.type == KEL_PROPTYPE_IPNET && opts.props.rfind("pool=", 0) == 0) {
-		fail("cannot set '" + opts.props + "' on ipnet '" + object + "'", rc);
-		say_outside_pool(store.get(), opts, m.kel, opts.props.substr(5));
-		return kExitFailed;
-	}
-	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts,
-		    "cannot set '" + opts.props + "' on " + kind.noun + " '" + object + "'", rc, m.kel,
-		    kind.member ? kind.noun : nullptr, m.name);
+	// The library changes one property a call, each live on the hosts: several are set
+	// in the order given, and the first refused stops the rest (those before it stay set,
+	// and the operator is told which).
+	const std::vector<std::string> settings = split_settings(opts.props);
+	for (size_t i = 0; i < settings.size(); i++)
+		if (set_one(store.get(), opts, kind, m, settings[i]) != kExitOk) {
+			std::string done, left;
+			for (size_t j = 0; j < settings.size(); j++)
+				if (j != i)
+					(j < i ? done : left) += std::string(
+					                             (j < i ? done : left).empty() ? "" : ", ") +
+					    settings[j];
+			if (!done.empty() || !left.empty())
+				std::fprintf(stderr, "keladm: %s%s%s%s%s\n",
+				    done.empty() ? "" : "set before it: ", done.c_str(),
+				    !done.empty() && !left.empty() ? "; " : "",
+				    left.empty() ? "" : "not tried: ", left.c_str());
+			return kExitFailed;
+		}
 	return kExitOk;
 }
 

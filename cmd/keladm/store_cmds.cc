@@ -1,6 +1,8 @@
 // Subcommands that act on the configuration store as a whole.
+#include <unistd.h>
 #include <uuid/uuid.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -8,6 +10,7 @@
 #include <kel/libkel.h>
 #include "keladm.h"
 #include "owners.h"
+#include "paths.h"
 
 namespace keladm {
 
@@ -16,8 +19,15 @@ int create_store(const Subcommand &cmd, const Options &opts)
 	if (!opts.operands.empty())
 		return usage_error(cmd, "create-store takes no operands");
 	int rc = kel_db_create();
-	if (rc != KEL_SUCCESS)
-		return fail("cannot create the configuration store", rc);
+	if (rc != KEL_SUCCESS) {
+		fail("cannot create the configuration store", rc);
+		// The package makes the directory; by hand it is easily missed.
+		const std::string dir = kel::paths::under_root(kel::paths::kEtcDir);
+		if (!store_in_database() && access(dir.c_str(), F_OK) != 0 && errno == ENOENT)
+			std::fprintf(stderr, "keladm: %s does not exist: make it first (mkdir -p %s)\n", dir.c_str(),
+			    dir.c_str());
+		return kExitFailed;
+	}
 	// A controller needs an identity; a new one gets one, an existing one keeps its own.
 	char uuid[KEL_UUID_TEXT_LEN];
 	rc = kel_get_controller_togprop("uuid", uuid, sizeof(uuid));

@@ -169,7 +169,8 @@ int add_vport(const Subcommand &cmd, const Options &opts)
 		return kExitOk;
 	}
 	if (rc != KEL_SUCCESS)
-		return fail_here(store.get(), opts, "cannot add vport '" + kel + "/" + name + "'", rc, kel);
+		return fail_here(store.get(), opts, "cannot add vport '" + kel + "/" + name + "'", rc, kel, "vport",
+		    name);
 	if (opts.echo) {
 		out.add_with([&](size_t f) { return vport_field(vp.get(), f); });
 		out.print();
@@ -225,6 +226,8 @@ int show_vport(const Subcommand &cmd, const Options &opts)
 	};
 	rc = kel_db_walk_vports(store.get(), filter, flags, each, &out);
 	if (rc == KEL_E_VPORT_NOTFOUND && opts.operands.empty()) {
+		if (unknown_tenant(store.get(), opts))
+			return kExitFailed;
 		out.print();
 		return kExitOk;
 	}

@@ -12,10 +12,12 @@ expect "defaults: router and pool" \
 expect "a given router and pool" \
 	"added ipnet db/back (10.2.0.0/24, router 10.2.0.254, pool 10.2.0.10-10.2.0.20)" \
 	add-ipnet -p subnet=10.2.0.0/24,defrouter=10.2.0.254,pool=10.2.0.10-10.2.0.20 db/back
-expect "overlaps are refused across tenants" \
-	"keladm: cannot add ipnet 'web/x': ipnet overlaps with existing ipnet(s)" \
+expect "overlaps are refused across tenants, naming the ipnet and its tenant" \
+	"keladm: cannot add ipnet 'web/x': ipnet overlaps with existing ipnet(s)
+keladm: 10.1.0.0/16 overlaps ipnet web/front (10.1.0.0/24, tenant sys-global)" \
 	add-ipnet -T acme -p subnet=10.1.0.0/16 web/x
-expect "one ipnet per kel" "keladm: cannot add ipnet 'web/y': cannot add more than one ipnet" \
+expect "one ipnet per kel, naming it" "keladm: cannot add ipnet 'web/y': cannot add more than one ipnet
+keladm: kel 'web' has ipnet web/front (10.1.0.0/24)" \
 	add-ipnet -p subnet=10.9.0.0/24 web/y
 expect "a pool holding the router" "keladm: cannot add ipnet 'web/z': pool range includes defrouter address" \
 	add-ipnet -T acme -p subnet=10.3.0.0/24,pool=10.3.0.1-10.3.0.5 web/z

@@ -9,8 +9,10 @@ expect "a flat kel of another tenant" "created kel lan-1 (flat --)" create-kel -
 expect "a requested VLAN ID" "created kel app (vlan 102)" create-kel -p vlanid=102 app
 expect "a taken VLAN ID is refused" \
 	"keladm: cannot create kel 'x': VLAN ID is not available" create-kel -p vlanid=102 x
-expect "a duplicate name is refused" "keladm: cannot create kel 'web': object already exists" create-kel web
-expect "a bad property is refused" "keladm: cannot create kel 'x': invalid property specified" create-kel -p cos=1 x
+expect "a duplicate name is refused, naming the kel there" "keladm: cannot create kel 'web': object already exists
+keladm: tenant sys-global has kel 'web' already (vlan 100)" create-kel web
+expect "a bad property is refused, and named" "keladm: cannot create kel 'x': invalid property specified
+keladm: create-kel takes no property 'cos' (keladm help create-kel lists them)" create-kel -p cos=1 x
 expect "show-kel -p with chosen fields" "web:vlan:100:idle
 db:vxlan:5000:idle
 app:vlan:102:idle" show-kel -p -o name,l2type,id,status

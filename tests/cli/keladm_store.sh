@@ -2,8 +2,9 @@
 # keladm create-store and help, as an operator uses them. Usage: keladm_store.sh KELADM
 . "$(dirname "$0")/lib.sh" "$1"
 
-expect "create-store without /etc/kel says why" \
-	"keladm: cannot create the configuration store: system error: No such file or directory" \
+expect "create-store without /etc/kel says why, and names it" \
+	"keladm: cannot create the configuration store: system error: No such file or directory
+keladm: $root/etc/kel does not exist: make it first (mkdir -p $root/etc/kel)" \
 	create-store
 status "and fails with status 1" 1 create-store
 

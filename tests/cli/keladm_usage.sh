@@ -107,8 +107,10 @@ check "drew nothing" test "$("$keladm" show-ipnet -p -o available web/n)" = "$av
 expect "create-kel --may-exist" '[{"name": "db", "id": 5000}]' create-kel --may-exist --json -o name,id db
 check "add-ipnet --may-exist" "$keladm" add-ipnet --may-exist -p subnet=10.1.0.0/24 web/n
 expect "silent without an echo" "" create-kel --may-exist db
-expect "without it, an error" "keladm: cannot create kel 'db': object already exists" create-kel db
-expect "--may-exist forgives nothing else" "keladm: cannot add vport 'web/p3': MAC address in use" \
+expect "without it, an error" "keladm: cannot create kel 'db': object already exists
+keladm: tenant sys-global has kel 'db' already (vxlan 5000)" create-kel db
+expect "--may-exist forgives nothing else" "keladm: cannot add vport 'web/p3': MAC address in use
+keladm: MAC address aa:0:0:0:0:1 is in use by vport web/p1 (tenant sys-global)" \
 	add-vport --may-exist -p macaddr=aa:0:0:0:0:1 web/p3
 
 # --if-exists: no such object is success; an object that cannot go still fails.

@@ -10,11 +10,15 @@ expect "the lowest pool address" "added vport web/p1 (10.1.0.2/24, aa:0:0:0:0:1)
 	add-vport -p macaddr=aa:0:0:0:0:1 web/p1
 expect "the router, given" "added vport web/gw (10.1.0.1/24, aa:0:0:0:0:2)" \
 	add-vport -p ipaddr=10.1.0.1,macaddr=aa:0:0:0:0:2 web/gw
-expect "the router only once" "keladm: cannot add vport 'web/x': IP address in use" \
+expect "the router only once, naming its port" "keladm: cannot add vport 'web/x': IP address in use
+keladm: address 10.1.0.1 is in use by vport web/gw (tenant sys-global)" \
 	add-vport -p ipaddr=10.1.0.1 web/x
-expect "a MAC address only once" "keladm: cannot add vport 'web/x': MAC address in use" \
+expect "a MAC address only once, naming its port" "keladm: cannot add vport 'web/x': MAC address in use
+keladm: MAC address aa:0:0:0:0:1 is in use by vport web/p1 (tenant sys-global)" \
 	add-vport -p macaddr=aa:0:0:0:0:1 web/x
-expect "a kel without an ipnet" "keladm: cannot add vport 'bare/x': ipnet not found" add-vport bare/x
+expect "a kel without an ipnet says it needs one" "keladm: cannot add vport 'bare/x': ipnet not found
+keladm: kel 'bare' has no ipnet to give the port an address: add one first (keladm add-ipnet -p subnet=ADDRESS/PREFIX bare/NAME)" \
+	add-vport bare/x
 status "the name must be KEL/VPORT" 2 add-vport p1
 check "a generated MAC address" bash -c "'$keladm' add-vport web/p2 | grep -Eq '^added vport web/p2 \(10\.1\.0\.3/24, 2:8:20(:[0-9a-f]{1,2}){3}\)$'"
 "$keladm" add-vport web/p3 >/dev/null
