@@ -2,6 +2,7 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <cctype>
 #include <new>
 #include <string>
@@ -37,6 +38,15 @@ bool valid_path(const std::string &path)
 		if (!std::isgraph(static_cast<unsigned char>(c)))
 			return false;
 	return true;
+}
+
+// A path the far host's shell reads as it stands: ssh hands the remote command to the
+// login shell there, so a ';', '$' or blank in it would run something else.
+bool shell_plain_path(const std::string &path)
+{
+	return std::all_of(path.begin(), path.end(), [](char c) {
+		return std::isalnum(static_cast<unsigned char>(c)) || c == '/' || c == '.' || c == '_' || c == '-';
+	});
 }
 
 bool parse_port(const std::string &text, int *port)
@@ -102,7 +112,7 @@ nuq_uri_t *nuq_alloc_uri(const char *text, int mask)
 			uri->scheme = NUQS_SSH;
 			// An ssh URI is where a connection goes: without a host it goes nowhere.
 			// ("ssh://" alone is a host URI template, which is read elsewhere.)
-			ok = parse_authority(rest, false, *uri);
+			ok = parse_authority(rest, false, *uri) && shell_plain_path(uri->path);
 		}
 	} catch (const std::exception &) {
 		ok = false;

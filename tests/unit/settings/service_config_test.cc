@@ -42,6 +42,9 @@ TEST_F(ClientSettings, ControllerValues)
 	    {"controller=unix://otherhost/x", KEL_E_INVALID_URI, nullptr},
 	    {"controller=ssh://bad host", KEL_E_INVALID_URI, nullptr},
 	    {"controller=ssh://ctl:99999", KEL_E_INVALID_URI, nullptr},
+	    // The socket path becomes part of the command the far host's shell runs.
+	    {"controller=ssh://ctl/run/kel/keld.sock;reboot", KEL_E_INVALID_URI, nullptr},
+	    {"controller=ssh://ctl/run/$(id)", KEL_E_INVALID_URI, nullptr},
 	    // An ssh controller without a host could never be reached.
 	    {"controller=ssh://", KEL_E_INVALID_URI, nullptr},
 	    {"controller=ssh://ops@", KEL_E_INVALID_URI, nullptr},
