@@ -72,6 +72,9 @@ std::string message(int code);
 // kExitFailed. A code that refuses the store as a whole (a newer schema, a damaged file)
 // is followed by a line that names the store.
 int fail(const std::string &what, int code);
+// After a failure to reach the controller (KEL_E_CTRL_CONNECT): a line naming the
+// controller this host's setting names, and how to change it.
+void say_which_controller(int code);
 
 // The form a value refused with `reason` takes ("expected ..."), or NULL.
 const char *expected_form(int reason);

@@ -303,6 +303,12 @@ int fail(const std::string &what, int code)
 		    "keladm: the connection to the database was lost: what was asked may or may not have been done; "
 		    "run the command again once the database answers (a change already made is then refused as "
 		    "existing, or finds nothing left to do), and keladm check-store to see that nothing leaked\n");
+	say_which_controller(code);
+	return kExitFailed;
+}
+
+void say_which_controller(int code)
+{
 	// The controller is reached as this host's setting says: name it, and how to change it.
 	if (KEL_ERR_REASON(code) == KEL_E_CTRL_CONNECT) {
 		kel::RecordList<kel_togprop_t> setting;
@@ -314,7 +320,6 @@ int fail(const std::string &what, int code)
 			    *uri ? "'" : "", *uri ? uri : "not set", *uri ? "'" : "");
 		}
 	}
-	return kExitFailed;
 }
 
 void warn(const std::string &what, int code)

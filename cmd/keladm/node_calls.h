@@ -11,7 +11,7 @@ namespace keladm {
 // clang-format off
 #define KELADM_NODE_CALLS(X)                                                                    \
 	X(kel_vnic_create) X(kel_vnic_free) X(kel_vnic_remove) X(kel_vnic_name) X(kel_get_host_vnicinfo) \
-	X(kel_get_vnicinfo) X(kel_get_vnicstat) X(wexo_close)                                 \
+	X(kel_get_recorded_vnicinfo) X(kel_get_vnicinfo) X(kel_get_vnicstat) X(wexo_close)       \
 	X(wexo_datalink_id2info) X(wexo_link_mtu) X(wexo_name2info) X(wexo_open_netns) X(wexo_vnic_lower)
 // clang-format on
 

@@ -209,6 +209,18 @@ int delete_vnic(const Subcommand &cmd, const Options &opts)
 		return opts.if_exists
 		    ? kExitOk
 		    : fail("no VNIC '" + vnic + "' on this host, and no port bound to one", KEL_E_VPORT_NOTFOUND);
+	// The VNIC goes first and its port after: without the controller the port stays bound,
+	// and the VNIC's record here remembers it until the release goes through.
+	const bool removed = here &&
+	    node().wexo_name2info(guest.get(), link.c_str(), nullptr, nullptr) != WEXO_STATUS_OK;
+	if (rc != KEL_SUCCESS && removed) {
+		fail("removed VNIC '" + vnic + "', but its port is still bound", rc);
+		std::fprintf(stderr,
+		    "keladm: once the controller answers, run keladm delete-vnic %s here again to release the port "
+		    "(or keladm verify --repair on the controller)\n",
+		    vnic.c_str());
+		return kExitFailed;
+	}
 	if (rc != KEL_SUCCESS)
 		return fail(
 		    here ? "cannot remove VNIC '" + vnic + "'" : "cannot release the port of VNIC '" + vnic + "'", rc);
@@ -228,9 +240,22 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 	if (opts.operands.size() > 1)
 		return usage_error(cmd, "give at most one VNIC");
 	Ports ports;
-	if (int rc = ports.read([](kelcntl_VPortInfo ***a, int *n) { return node().kel_get_host_vnicinfo(a, n); });
-	    rc != KEL_SUCCESS)
-		return fail("cannot ask the controller for this host's VNICs", rc);
+	const int asked = ports.read([](kelcntl_VPortInfo ***a, int *n) { return node().kel_get_host_vnicinfo(a, n); });
+	// Without the controller, what this host's records know: no names of kels, ports or
+	// tenants, which are the controller's alone.
+	if (KEL_ERR_REASON(asked) == KEL_E_CTRL_CONNECT) {
+		warn("cannot ask the controller for this host's VNICs", asked);
+		say_which_controller(asked);
+		std::fprintf(stderr,
+		    "keladm: warning: showing what this host's own records hold: its VNICs, their MAC addresses and "
+		    "addresses, without their kels, ports or tenants\n");
+		if (int rc = ports.read(
+		        [](kelcntl_VPortInfo ***a, int *n) { return node().kel_get_recorded_vnicinfo(a, n); });
+		    rc != KEL_SUCCESS)
+			return fail("cannot read this host's records of its VNICs", rc);
+	} else if (asked != KEL_SUCCESS) {
+		return fail("cannot ask the controller for this host's VNICs", asked);
+	}
 	Handle host;
 	const wexo_status_t opened = host.open("");
 	// Counters come from this host's keld, which reaches VNICs in every namespace.
@@ -240,6 +265,7 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 	if (connected != KEL_SUCCESS)
 		warn("no counters: cannot reach this host's keld", connected);
 	bool found = opts.operands.empty();
+	std::vector<const kelcntl_VPortInfo *> gone;
 	for (const kelcntl_VPortInfo *vp : ports) {
 		if (!opts.operands.empty() && std::strcmp(vp->evpi_vnicname, opts.operands[0]) != 0)
 			continue;
@@ -255,13 +281,24 @@ int show_vnic(const Subcommand &cmd, const Options &opts)
 			counters = {std::to_string(st.ls_ipackets), std::to_string(st.ls_rbytes),
 			    std::to_string(st.ls_opackets), std::to_string(st.ls_obytes)};
 		const std::string mtu = vnic_mtu(vp->evpi_vnicname);
+		if (mtu.empty())
+			gone.push_back(vp);
 		out.add_with([&](size_t f) { return vnic_field(vp, lower, mtu, counters, f); });
 	}
 	if (!found)
 		return fail("no VNIC '" + std::string(opts.operands[0]) + "' is bound on this host",
 		    KEL_E_VPORT_NOTFOUND);
 	out.print();
-	return kExitOk;
+	// A port bound to a VNIC that is not here (its namespace deleted, the link removed by
+	// hand) is listed, and is a failure to report: the listing must not look sound.
+	for (const kelcntl_VPortInfo *vp : gone) {
+		const std::string port = *vp->evpi_name != '\0'
+		    ? std::string(", but its port ") + vp->evpi_kelname + "/" + vp->evpi_name + " is still bound"
+		    : "";
+		std::fprintf(stderr, "keladm: VNIC %s is gone from this host%s: keladm delete-vnic %s releases it\n",
+		    vp->evpi_vnicname, port.c_str(), vp->evpi_vnicname);
+	}
+	return gone.empty() ? kExitOk : kExitFailed;
 }
 
 }  // namespace keladm

@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include <kel/libkel.h>
+#include <kel/libkel_node.h>
 #include <kel/sys/fabric.h>
 #include "datalink_error.h"
 #include "log.h"
@@ -85,6 +86,17 @@ nuq::Interface daemon_interface(const DaemonState &state)
 		const std::string *kind = nuq::text_member(args, "kind"), *name = nuq::text_member(args, "name");
 		if (kind == nullptr || name == nullptr)
 			return nuq::Reply{NUQ_E_BADARGS, nullptr};
+		if (*kind == "responder") {
+			// Its system port is the controller's to release: the node side asks for it, and
+			// checks under the responder's lock that no guest of its kel came meanwhile.
+			const int rc = kel_vnic_remove(name->c_str(), nullptr, KEL_VNIC_IF_IDLE);
+			char msg[1024];
+			nuq::log::write(rc == KEL_SUCCESS ? nuq::log::kInfo : nuq::log::kErr,
+			    "removed the idle address responder " + *name +
+			        (rc == KEL_SUCCESS ? "" : std::string(": ") + kel_errmsg(rc, msg, sizeof(msg))));
+			return rc == KEL_SUCCESS ? nuq::Reply{NUQ_E_SUCCESS, nuq::Json::object()}
+			                         : nuq::Reply{NUQ_E_OBJECT, {{"ekele_err", rc}, {"ekele_errmsg", msg}}};
+		}
 		const wexo_status_t st = wexo_fabric_remove_leftover(kind->c_str(), name->c_str());
 		nuq::log::write(st == WEXO_STATUS_OK ? nuq::log::kInfo : nuq::log::kErr,
 		    "removed what was left of " + *kind + " " + *name + (st == WEXO_STATUS_OK ? "" : ": failed"));

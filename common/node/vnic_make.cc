@@ -253,9 +253,12 @@ void release_responder(const std::string &keluuid)
 	// A kel without a responder here costs no look at every record.
 	if (!wexo::fabric::vnic(name))
 		return;
+	// A guest whose VNIC went with its namespace is no guest: its record waits only for
+	// the controller to release its port.
 	bool guests = false;
 	wexo::fabric::visit_vnics([&](const wexo::fabric::Vnic &v) {
-		guests = v.lease && v.lease->kel == keluuid && !v.lease->endpoint;
+		guests = v.lease && v.lease->kel == keluuid && !v.lease->endpoint &&
+		    wexo::fabric::alive(v, WEXO_LEFTOVER_GRACE_SECONDS);
 		return !guests;
 	});
 	if (guests)
@@ -363,8 +366,16 @@ void kel_vnic_free(kel_vnic_t *vnic) noexcept
 
 int kel_vnic_remove(const char *vnicname, const char *extra, uint32_t flags) noexcept
 {
-	if (vnicname == nullptr || flags != 0)
+	if (vnicname == nullptr || (flags & ~KEL_VNIC_IF_IDLE) != 0)
 		return KEL_E_INVALID_ARGS;
+	if ((flags & KEL_VNIC_IF_IDLE) != 0)
+		return kel::c_boundary([&] {
+			const auto record = wexo::fabric::vnic(vnicname);
+			if (!record || !record->lease || !record->lease->endpoint)
+				return KEL_E_INVALID_ARGS;
+			release_responder(record->lease->kel);
+			return KEL_SUCCESS;
+		});
 	return kel::c_boundary([&] {
 		std::string name;
 		if (int rc = kel_vnic_by_name(vnicname, false, &name); rc != KEL_SUCCESS)

@@ -331,7 +331,10 @@ int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, cons
  * kel_vnic_remove removes the VNIC, hands its counters to its port and releases the port
  * (or, when none is bound to it here, the one `extra` selects), and removes the lower
  * link when it was made for VNICs and nothing else uses it. A VNIC already gone still has
- * its port released; KEL_E_VPORT_NOTFOUND when there is neither VNIC nor port.
+ * its port released; KEL_E_VPORT_NOTFOUND when there is neither VNIC nor port. With
+ * KEL_VNIC_IF_IDLE, `vnicname` must be a kel's address responder on this host, which goes
+ * (as with its kel's last guest) only when no guest of the kel is alive here; success
+ * when one is (KEL_E_INVALID_ARGS for a name that is no responder).
  *
  * kel_vnic_name writes into `buf` the name the fabric knows VNIC `vnicname` by:
  * "NAMESPACE/LINK" for "PATH/LINK" (PATH absolute), the namespace's name under
@@ -344,6 +347,7 @@ int kel_disconnect_vnic_counted(wexo_handle_t handle, const char *vnicname, cons
 #define KEL_VNIC_DEFAULT_ROUTE 0x2
 #define KEL_VNIC_NO_ROUTE      0x4
 #define KEL_VNIC_NAME_ATTACH   0x1
+#define KEL_VNIC_IF_IDLE       0x1 /* kel_vnic_remove: a kel's responder, once idle */
 
 #define KEL_VNIC_STAGE_BIND    1 /* binding the port, preparing the lower link */
 #define KEL_VNIC_STAGE_MAKE    2 /* making the link */
@@ -373,6 +377,11 @@ int kel_get_vnicinfo(const char *vnicname, kelcntl_VPortInfo ***array, int *coun
 /* Every port bound to a VNIC of this host, as the controller knows them (none: *count 0).
  * Free with kelcntl_VPortInfo_array_free. */
 int kel_get_host_vnicinfo(kelcntl_VPortInfo ***array, int *count) KEL_NOEXCEPT;
+/* The VNICs this host's own records hold, for when the controller cannot be asked: each
+ * one's evpi_vnicname, evpi_keluuid and "macaddr" and "ipaddr" properties, the names of
+ * its port, kel and tenant "" (the controller's alone). Free with
+ * kelcntl_VPortInfo_array_free. */
+int kel_get_recorded_vnicinfo(kelcntl_VPortInfo ***array, int *count) KEL_NOEXCEPT;
 /* The counters of `vnicname` on the host that `conn` reaches (see
  * kel_nuq_connection_to_kelnode); fields the host does not count are 0. */
 int kel_get_vnicstat(nuq_conn_t *conn, const char *vnicname, link_stat_t *stats) KEL_NOEXCEPT;

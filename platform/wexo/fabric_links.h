@@ -58,6 +58,10 @@ bool record_vnic(const Vnic &v);
 void forget_vnic(const std::string &name);
 // Whether a VNIC is recorded over link `lower`: bound, and about to be made or made.
 bool in_use(const std::string &lower);
+// Whether the VNIC recorded as `v` may still serve a guest: it is there, or it is younger
+// than `grace` seconds (being made) and its namespace is still there. A VNIC whose
+// namespace is gone can never come back, whatever its age.
+bool alive(const Vnic &v, time_t grace);
 
 // The address VNIC `name` may send from besides its port's (its allowed-mac), noted so
 // that a removal knows without reading every record whether another VNIC still sends

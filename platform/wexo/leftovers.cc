@@ -1,13 +1,15 @@
 // What the fabric made on this host and nothing uses any more: what a command killed
-// half way leaves. A VNIC recorded (its port bound) whose VNIC is gone; a link made on
-// demand with no VNIC over it, or a record of one that is gone; the filters of a VNIC
-// (its objects in the shared table, or a table of its own from before) or the guard table
-// of a lower link that is gone. Listed for the controller's drift check, and removed one
+// half way, or a guest's namespace deleted by hand, leaves. A VNIC recorded (its port
+// bound) whose VNIC is gone; a kel's address responder with no guest of the kel left; a
+// link made on demand with no VNIC over it, or a record of one that is gone; the filters
+// of a VNIC (its objects in the shared table, or a table of its own from before) or the
+// guard table of a lower link that is gone. Listed for the controller's drift check, and removed one
 // by one when it repairs, each checked again under the lock it is made under.
 #include <net/if.h>
 #include <netlink/route/link.h>
 #include <netlink/route/link/vlan.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -60,6 +62,36 @@ std::string vnic_gone(const wexo::fabric::Vnic &v)
 		why = "a link the fabric did not make has its name";
 	wexo_close(h);
 	return why;
+}
+
+// Whether the namespace of the VNIC recorded as `v` is gone (it can never come back).
+bool namespace_gone(const wexo::fabric::Vnic &v)
+{
+	char link[IFNAMSIZ], ns[256];
+	if (!dlparse_zonelinkname(v.name.c_str(), link, sizeof(link), ns, sizeof(ns)) || *ns == '\0')
+		return false;
+	wexo_handle_t h = nullptr;
+	if (wexo_open_netns(ns, &h) != WEXO_STATUS_OK)
+		return true;
+	wexo_close(h);
+	return false;
+}
+
+// The address responders (their records' names) of the kels none of whose guests on this
+// host is alive: what a guest's namespace deleted by hand, then its port reset, leaves.
+// A responder is made after its first guest is recorded, so one being made has a guest.
+std::vector<std::string> idle_responders(time_t grace)
+{
+	std::vector<wexo::fabric::Vnic> all = wexo::fabric::vnics();
+	std::set<std::string> served;
+	for (const wexo::fabric::Vnic &v : all)
+		if (v.lease && !v.lease->endpoint && wexo::fabric::alive(v, grace))
+			served.insert(v.lease->kel);
+	std::vector<std::string> out;
+	for (const wexo::fabric::Vnic &v : all)
+		if (v.lease && v.lease->endpoint && served.count(v.lease->kel) == 0)
+			out.push_back(v.name);
+	return out;
 }
 
 // Why on-demand link `name`, recorded with `index`, is left over ("" when it is not).
@@ -160,13 +192,17 @@ std::vector<Leftover> find(wexo_handle_t host, time_t grace)
 	std::vector<Leftover> out;
 	const time_t now = std::time(nullptr);
 	for (const wexo::fabric::Vnic &v : wexo::fabric::vnics()) {
-		// A port bound a moment ago has its VNIC still being made.
-		if (now - v.recorded < grace)
+		// A port bound a moment ago has its VNIC still being made, unless its namespace
+		// is gone: then it is as old as any leftover.
+		const bool final = namespace_gone(v);
+		if (now - v.recorded < grace && !final)
 			continue;
 		if (const std::string why = vnic_gone(v); !why.empty())
 			out.push_back({"vnic", v.name, "bound over " + v.lower + ", but " + why,
-			    static_cast<long>(now - v.recorded)});
+			    final ? std::max<long>(now - v.recorded, WEXO_LEFTOVER_GRACE_SECONDS) : now - v.recorded});
 	}
+	for (const std::string &name : idle_responders(WEXO_LEFTOVER_GRACE_SECONDS))
+		out.push_back({"responder", name, "the address responder of a kel with no guest left on this host"});
 	for (const auto &[name, index] : wexo::fabric::lowers())
 		if (const std::string why = link_unused(host, name, index); !why.empty())
 			out.push_back({"link", name, why});
@@ -208,8 +244,7 @@ wexo_status_t remove_vnic(wexo_handle_t host, const std::string &name)
 		// Asked again under the lock its maker records it under: made again since, or
 		// still being made, it is no leftover.
 		const auto now = wexo::fabric::vnic(name);
-		if (!now || now->lower != v->lower ||
-		    std::time(nullptr) - now->recorded < WEXO_LEFTOVER_GRACE_SECONDS || vnic_gone(*now).empty())
+		if (!now || now->lower != v->lower || wexo::fabric::alive(*now, WEXO_LEFTOVER_GRACE_SECONDS))
 			return WEXO_STATUS_LINKBUSY;
 		wexo::fabric::forget_vnic(name);
 		const size_t slash = name.find('/');
@@ -239,6 +274,13 @@ wexo_status_t remove_table(wexo_handle_t host, const std::string &name)
 }
 
 }  // namespace
+
+bool wexo::fabric::alive(const Vnic &v, time_t grace)
+{
+	if (std::time(nullptr) - v.recorded < grace && !namespace_gone(v))
+		return true;
+	return vnic_gone(v).empty();
+}
 
 extern "C" {
 
@@ -282,6 +324,8 @@ wexo_status_t wexo_fabric_remove_leftover(const char *kind, const char *name) no
 			return remove_link(host.h, name);
 		if (std::strcmp(kind, "table") == 0)
 			return remove_table(host.h, name);
+		if (std::strcmp(kind, "responder") == 0)
+			return WEXO_STATUS_NOTSUP;  // its port is the controller's: the node side removes it
 		if (std::strcmp(kind, "filters") == 0)
 			return filters_unused(name).empty() ? WEXO_STATUS_OK
 			                                    : wexo::nft::run(-1, filter::removal_of(name));

@@ -24,10 +24,10 @@ check "an empty value clears it" "$keladm" set-clientprop controller=
 expect "cleared" "controller:" show-clientprop -p -o property,value
 status "set-clientprop needs name=value" 2 set-clientprop
 expect "a host without a controller is told where to set one" \
-	"keladm: cannot ask the controller for this host's VNICs: failed connecting to KEL controller
-keladm: this host's controller is not set (keladm set-clientprop controller=URI)" show-vnic
+	"keladm: cannot release the port of VNIC 'nosuch': failed connecting to KEL controller
+keladm: this host's controller is not set (keladm set-clientprop controller=URI)" delete-vnic nosuch
 "$keladm" set-clientprop controller=unix://
 expect "and which one it could not reach" \
-	"keladm: cannot ask the controller for this host's VNICs: failed connecting to KEL controller
-keladm: this host's controller is 'unix://' (keladm set-clientprop controller=URI)" show-vnic
+	"keladm: cannot release the port of VNIC 'nosuch': failed connecting to KEL controller
+keladm: this host's controller is 'unix://' (keladm set-clientprop controller=URI)" delete-vnic nosuch
 exit $fail

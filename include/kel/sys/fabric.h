@@ -88,13 +88,16 @@ wexo_status_t wexo_link_owned(wexo_handle_t handle, datalink_id_t id, const char
  * What the fabric made on this host that nothing uses any more (what a command killed half
  * way leaves), for the controller's drift check: wl_kind "vnic" (a VNIC recorded, its
  * port bound, that is gone; those recorded less than `grace` seconds ago are still being
- * made and are left out), "link" (a link made on demand with no VNIC over it, or the
- * record of one that is gone), "table" (a filter table of the fabric's, in the host's
- * namespace, of a link that is gone) or "filters" (the chains and sets, in the host's
- * shared table, of a VNIC that is gone). *list, of *count entries, is freed with free().
+ * made and are left out, unless their namespace is gone), "link" (a link made on demand
+ * with no VNIC over it, or the record of one that is gone), "table" (a filter table of
+ * the fabric's, in the host's namespace, of a link that is gone), "filters" (the chains
+ * and sets, in the host's shared table, of a VNIC that is gone) or "responder" (a kel's
+ * address responder with no guest of the kel alive here: kel_vnic_remove with
+ * KEL_VNIC_IF_IDLE removes it, its port being the controller's). *list, of *count
+ * entries, is freed with free().
  */
 typedef struct wexo_leftover {
-	char wl_kind[8];
+	char wl_kind[16];
 	char wl_name[320]; /* the VNIC ("NAMESPACE/LINK"), link, table, or link whose filters */
 	char wl_what[320]; /* what is wrong with it, for people */
 	long wl_age;       /* a VNIC's: seconds since its port was bound here */
@@ -105,7 +108,7 @@ wexo_status_t wexo_fabric_leftovers(long grace, wexo_leftover_t **list, size_t *
 /*
  * Removes the leftover `name` of `kind`, if it still is one: a VNIC's record, filters
  * and kept properties (and its lower link when it was the last user), a link, a table,
- * a link's filters.
+ * a link's filters; WEXO_STATUS_NOTSUP for a responder.
  * WEXO_STATUS_LINKBUSY when a VNIC's link is there again, or its record is younger than
  * WEXO_LEFTOVER_GRACE_SECONDS (whatever grace the caller listed leftovers with: a VNIC
  * being made is never taken apart under its maker).
