@@ -3,16 +3,20 @@
 // by store_pool.h, so concurrent clients never share one; the store lock orders their
 // writes), and a store failure travels back as the error record carrying the library's
 // code unchanged.
+#include <pwd.h>
 #include <uuid/uuid.h>
 
+#include <optional>
 #include <string>
 
 #include <kel/libkel.h>
+#include <kel/sys/fabric.h>
 #include "kelcntl.h"
 #include "kelcntl_module.h"
 #include "log.h"
 #include "nuq_errors.h"
 #include "owners.h"
+#include "server.h"
 #include "store_pool.h"
 #include "uuid_text.h"
 
@@ -65,6 +69,26 @@ nuq::Reply bad_args()
 }
 
 // One line in keld's log for a change it made or refused.
+// For as long as it lives, the changes this thread makes are recorded as made for the
+// user this connection came in as (through ssh: the login's user) and the host the call
+// names.
+class Caller {
+public:
+	explicit Caller(const std::string &host)
+	{
+		const std::optional<uid_t> uid = nuq::serving_uid();
+		std::string user = uid ? "uid " + std::to_string(*uid) : "unknown";
+		struct passwd pw, *found = nullptr;
+		char buf[1024];
+		if (uid && getpwuid_r(*uid, &pw, buf, sizeof(buf), &found) == 0 && found != nullptr)
+			user = found->pw_name;
+		kel_set_caller(user.c_str(), host.c_str());
+	}
+	~Caller() { kel_set_caller(nullptr, nullptr); }
+	Caller(const Caller &) = delete;
+	Caller &operator=(const Caller &) = delete;
+};
+
 void log_change(int rc, const std::string &what)
 {
 	char msg[256];
@@ -179,6 +203,7 @@ nuq::Interface kel_interface()
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
 		kel_t *raw = nullptr;
+		const Caller caller(*host);
 		const int rc = kel_db_assign_vport(store.get(), tenant.c_str(), name.c_str(), vport, vnic->c_str(),
 		    host->c_str(), extra, &raw);
 		const kel::KelPtr kel(raw);
@@ -206,6 +231,7 @@ nuq::Interface kel_interface()
 		Store store(KEL_DB_READWRITE);
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
+		const Caller caller(*host);
 		const int rc = kel_db_unassign_vport_counted(store.get(), vnic->c_str(), host->c_str(), extra,
 		    counted ? &last : nullptr);
 		log_change(rc, "unbind VNIC " + *vnic + " on host " + *host);

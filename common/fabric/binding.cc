@@ -6,6 +6,7 @@
 #include <string>
 
 #include "attrset_ptr.h"
+#include "audit.h"
 #include "c_boundary.h"
 #include "ctrlprop.h"
 #include "filter.h"
@@ -123,7 +124,10 @@ int bind(kel_dbhandle_t h, kel_t *k, const char *vnic, const char *host, attrset
 	const bool same_vm = std::strcmp(vp->evp_hostname, host) != 0 &&
 	    attrset_lookup_string(props, "vmid", &ours) == 0 &&
 	    attrset_lookup_string(vp->evp_props, "vmid", &theirs) == 0 && std::strcmp(ours, theirs) == 0;
-	return same_vm ? kel_db_set_vport_migration(h, vp, host) : KEL_E_VPORT_INUSE;
+	if (!same_vm)
+		return KEL_E_VPORT_INUSE;
+	kel::audit::refine("migrate-start", std::string("from ") + vp->evp_hostname + " to " + host);
+	return kel_db_set_vport_migration(h, vp, host);
 }
 
 int assign(kel_dbhandle_t h, const char *tenant, const char *kelname, const char *vportname, const char *vnic,
@@ -224,9 +228,14 @@ int unassign(kel_dbhandle_t h, const char *vnic, const char *host, const char *e
 	// The VNIC's counters join the port's in the same transaction as the unbinding: kept
 	// exactly when the port is let go, whichever way it goes below.
 	else if (last == nullptr || (rc = keep_counters(vp, *last)) == KEL_SUCCESS) {
-		if (attrset_exists(vp->evp_props, kMigrating))
+		if (attrset_exists(vp->evp_props, kMigrating)) {
+			// One host of a migration lets go: the move completes, or is called off.
+			kel::audit::refine("migrate-end",
+			    std::string(vp->evp_kelname) + "/" + vp->evp_name + ": " + host + " let go of VNIC " +
+			        vnic);
 			rc = kel_db_clear_vport_migration(h, vp, host, filter);
-		else if ((rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) == KEL_SUCCESS &&
+		} else if ((rc = kel_db_assign_vport_common(h, vp, "", "", nullptr, VPORT_STATUS_FREE)) ==
+		        KEL_SUCCESS &&
 		    kel_is_system_vport(vp->evp_name))
 			rc = kel_db_remove_system_vport(h, vp->evp_tenantname, vp->evp_kelname, vp->evp_name);
 	}
@@ -273,7 +282,14 @@ int kel_db_assign_vport(kel_dbhandle_t h, const char *tenant, const char *kel, c
 	*kelp = nullptr;
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return assign(h, tenant, kel, vport, vnic, host, props, kelp); });
+	return kel::audit::logged(
+	    [&] {
+		    kel::audit::Change c = kel::audit::on("bind", tenant, kel::audit::member(kel, vport), props);
+		    c.detail = "VNIC " + kel::audit::text(vnic) + " on " + kel::audit::text(host) +
+		        (c.detail.empty() ? "" : ", " + c.detail);
+		    return c;
+	    },
+	    [&] { return assign(h, tenant, kel, vport, vnic, host, props, kelp); });
 }
 
 int kel_db_unassign_vport(kel_dbhandle_t h, const char *vnic, const char *host, const char *filter) noexcept
@@ -286,7 +302,12 @@ int kel_db_unassign_vport_counted(kel_dbhandle_t h, const char *vnic, const char
 {
 	if (h == nullptr || vnic == nullptr || host == nullptr)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return unassign(h, vnic, host, filter, last); });
+	return kel::audit::logged(
+	    [&] {
+		    return kel::audit::Change{"release", "",
+		        "VNIC " + kel::audit::text(vnic) + " on " + kel::audit::text(host), kel::audit::text(filter)};
+	    },
+	    [&] { return unassign(h, vnic, host, filter, last); });
 }
 
 }  // extern "C"

@@ -9,6 +9,7 @@
 
 #include "allocator.h"
 #include "attrset_ptr.h"
+#include "audit.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "kel_lifecycle.h"
@@ -216,7 +217,9 @@ int kel_db_add_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant, kel}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return add_ipnet(h, tenant, kel, name, props, flags, ipnetp); });
+	return kel::audit::logged(
+	    [&] { return kel::audit::on("add-ipnet", tenant, kel::audit::member(kel, name), props); },
+	    [&] { return add_ipnet(h, tenant, kel, name, props, flags, ipnetp); });
 }
 
 int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, uint32_t) noexcept
@@ -225,7 +228,8 @@ int kel_db_remove_ipnet(kel_dbhandle_t h, const char *tenant, const char *kel, c
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant, kel, name}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return remove_ipnet(h, tenant, kel, name); });
+	return kel::audit::logged([&] { return kel::audit::on("remove-ipnet", tenant, kel::audit::member(kel, name)); },
+	    [&] { return remove_ipnet(h, tenant, kel, name); });
 }
 
 }  // extern "C"

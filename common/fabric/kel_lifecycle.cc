@@ -9,6 +9,7 @@
 
 #include "allocator.h"
 #include "attrset_ptr.h"
+#include "audit.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "names.h"
@@ -224,7 +225,13 @@ int kel_db_create_kel(kel_dbhandle_t h, const char *tenant, const char *name, co
 	*kelp = nullptr;
 	if (h == nullptr)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return create_kel(h, tenant, name, props, flags, kelp); });
+	return kel::audit::logged(
+	    [&] {
+		    // A kel made without a name gets one: the record names what was made.
+		    const char *made = *kelp != nullptr ? (*kelp)->kel_name : name;
+		    return kel::audit::on("create-kel", tenant, kel::audit::text(made), props);
+	    },
+	    [&] { return create_kel(h, tenant, name, props, flags, kelp); });
 }
 
 int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, uint32_t) noexcept
@@ -233,7 +240,8 @@ int kel_db_delete_kel(kel_dbhandle_t h, const char *tenant, const char *name, ui
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return delete_kel(h, tenant, name); });
+	return kel::audit::logged([&] { return kel::audit::on("delete-kel", tenant, kel::audit::text(name)); },
+	    [&] { return delete_kel(h, tenant, name); });
 }
 
 }  // extern "C"

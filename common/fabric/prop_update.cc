@@ -12,6 +12,7 @@
 
 #include "allocator.h"
 #include "attrset_ptr.h"
+#include "audit.h"
 #include "c_boundary.h"
 #include "connections.h"
 #include "error_code.h"
@@ -212,10 +213,13 @@ int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const
 	}
 	kel::fan_out(shares.size(),
 	    [&](size_t i) { reach_host(&shares[i], kel->kel_props, p.name.c_str(), p.value.c_str(), flags); });
+	bool partial = false;
 	for (const HostShare &share : shares)
-		if (share.failed)
-			return KEL_E_PROP_PARTIAL;
-	return KEL_SUCCESS;
+		if (share.failed) {
+			kel::audit::missed(share.host, KEL_E_HOST_CONNECT);
+			partial = true;
+		}
+	return partial ? KEL_E_PROP_PARTIAL : KEL_SUCCESS;
 }
 
 // The switch with its one port, under the lock: KEL_E_KEL_NOTFOUND or KEL_E_VPORT_NOTFOUND.
@@ -482,7 +486,8 @@ int kel_set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kel, const
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant, kel}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return set_kelprop(h, tenant, kel, prop, flags); });
+	return kel::audit::logged([&] { return kel::audit::on("set-kelprop", tenant, kel::audit::text(kel), prop); },
+	    [&] { return set_kelprop(h, tenant, kel, prop, flags); });
 }
 
 int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *vport, const char *prop,
@@ -492,7 +497,9 @@ int kel_set_vportprop(kel_dbhandle_t h, const char *tenant, const char *kel, con
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant, kel, vport}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return set_vportprop(h, tenant, kel, vport, prop, flags); });
+	return kel::audit::logged(
+	    [&] { return kel::audit::on("set-vportprop", tenant, kel::audit::member(kel, vport), prop); },
+	    [&] { return set_vportprop(h, tenant, kel, vport, prop, flags); });
 }
 
 int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel, const char *ipnet, const char *prop,
@@ -502,7 +509,9 @@ int kel_set_ipnetprop(kel_dbhandle_t h, const char *tenant, const char *kel, con
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant, kel, ipnet}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return set_ipnetprop(h, tenant, kel, ipnet, prop, flags); });
+	return kel::audit::logged(
+	    [&] { return kel::audit::on("set-ipnetprop", tenant, kel::audit::member(kel, ipnet), prop); },
+	    [&] { return set_ipnetprop(h, tenant, kel, ipnet, prop, flags); });
 }
 
 }  // extern "C"

@@ -9,6 +9,7 @@
 
 #include "allocator.h"
 #include "attrset_ptr.h"
+#include "audit.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "host_link.h"
@@ -370,7 +371,9 @@ int kel_db_add_vport(kel_dbhandle_t h, const char *tenant, const char *kel, cons
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant, kel}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return add_vport(h, tenant, kel, name, props, vportp, flags); });
+	return kel::audit::logged(
+	    [&] { return kel::audit::on("add-vport", tenant, kel::audit::member(kel, name), props); },
+	    [&] { return add_vport(h, tenant, kel, name, props, vportp, flags); });
 }
 
 int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
@@ -380,7 +383,9 @@ int kel_db_remove_vport(kel_dbhandle_t h, const char *tenant, const char *kel, c
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant, kel}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return remove_vport(h, tenant, kel, name, props, flags); });
+	return kel::audit::logged(
+	    [&] { return kel::audit::on("remove-vport", tenant, kel::audit::member(kel, name), props); },
+	    [&] { return remove_vport(h, tenant, kel, name, props, flags); });
 }
 
 int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, const char *name, const char *props,
@@ -390,7 +395,9 @@ int kel_db_reset_vport(kel_dbhandle_t h, const char *tenant, const char *kel, co
 		return KEL_E_INVALID_ARGS;
 	if (!kel::names_valid({tenant, kel}))
 		return KEL_E_INVALID_NAME;
-	return kel::c_boundary([&] { return reset_vport(h, tenant, kel, name, props); });
+	return kel::audit::logged(
+	    [&] { return kel::audit::on("reset-vport", tenant, kel::audit::member(kel, name), props); },
+	    [&] { return reset_vport(h, tenant, kel, name, props); });
 }
 
 int kel_db_add_system_vport(kel_dbhandle_t h, const char *tenant, const char *kel, char *name) noexcept

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "attrset_ptr.h"
+#include "audit.h"
 #include "bandwidth.h"
 #include "c_boundary.h"
 #include "connections.h"
@@ -442,9 +443,11 @@ int kel_db_verify(kel_dbhandle_t h, const char *filter, uint32_t flags, list_t *
 {
 	if (h == nullptr || drifts == nullptr || (flags & ~KEL_VERIFY_REPAIR) != 0)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] {
+	const bool repair = (flags & KEL_VERIFY_REPAIR) != 0;
+	size_t repaired = 0, differences = 0;
+	const auto run = [&] {
 		std::vector<Drift> found;
-		const int rc = verify(h, filter, (flags & KEL_VERIFY_REPAIR) != 0, &found);
+		const int rc = verify(h, filter, repair, &found);
 		if (rc != KEL_SUCCESS)
 			return rc;
 		kel::RecordList<kel_drift_t> built;
@@ -458,10 +461,21 @@ int kel_db_verify(kel_dbhandle_t h, const char *filter, uint32_t flags, list_t *
 			kel::copy_text(rec->edr_store, d.store.c_str(), sizeof(rec->edr_store));
 			kel::copy_text(rec->edr_found, d.found.c_str(), sizeof(rec->edr_found));
 			rec->edr_repaired = d.repaired ? B_TRUE : B_FALSE;
+			repaired += d.repaired ? 1 : 0;
 		}
+		differences = found.size();
 		built.release(drifts);
 		return KEL_SUCCESS;
-	});
+	};
+	// Only a repair changes anything: a comparison alone is no change to record.
+	if (!repair)
+		return kel::c_boundary(run);
+	return kel::audit::logged(
+	    [&] {
+		    return kel::audit::Change{"repair-hosts", "", filter != nullptr && *filter ? filter : "fabric",
+		        std::to_string(repaired) + " of " + std::to_string(differences) + " differences repaired"};
+	    },
+	    run);
 }
 
 void kel_free_driftlist(list_t *drifts) noexcept

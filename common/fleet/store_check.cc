@@ -9,6 +9,7 @@
 
 #include "allocator.h"
 #include "attrset_ptr.h"
+#include "audit.h"
 #include "c_boundary.h"
 #include "kelnet.h"
 #include "range.h"
@@ -437,9 +438,11 @@ int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems) noexc
 {
 	if (h == nullptr || problems == nullptr)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] {
+	const bool repair = (flags & KEL_CHECK_REPAIR) != 0;
+	// Only a repair changes anything: a check alone is no change to record.
+	size_t repaired = 0;
+	const auto check = [&] {
 		Checker checker(h);
-		const bool repair = (flags & KEL_CHECK_REPAIR) != 0;
 		const int rc = checker.run(repair);
 		if (rc != KEL_SUCCESS)
 			return rc;
@@ -450,10 +453,18 @@ int kel_db_check_store(kel_dbhandle_t h, uint32_t flags, list_t *problems) noexc
 				return KEL_E_NOMEM;
 			kel::copy_text(rec->esp_object, p.object.c_str(), sizeof(rec->esp_object));
 			rec->esp_repaired = repair && p.repairable ? B_TRUE : B_FALSE;
+			repaired += rec->esp_repaired ? 1 : 0;
 		}
 		built.release(problems);
 		return KEL_SUCCESS;
-	});
+	};
+	if (!repair)
+		return kel::c_boundary(check);
+	return kel::audit::logged(
+	    [&] {
+		    return kel::audit::Change{"repair-store", "", "store", std::to_string(repaired) + " put back"};
+	    },
+	    check);
 }
 
 void kel_free_problemlist(list_t *problems) noexcept

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "attrset_ptr.h"
+#include "audit.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "kel_assert.h"
@@ -298,7 +299,12 @@ int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host)
 {
 	if (h == nullptr || propstr == nullptr)
 		return KEL_E_INVALID_ARGS;
-	return kel::c_boundary([&] { return set_ctrlprop(h, propstr, host); });
+	return kel::audit::logged(
+	    [&] {
+		    return kel::audit::Change{"set-controlprop", "",
+		        host != nullptr && *host ? "host " + kel::audit::text(host) : "fabric", propstr};
+	    },
+	    [&] { return set_ctrlprop(h, propstr, host); });
 }
 
 }  // extern "C"

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "audit.h"
 #include "c_boundary.h"
 #include "error_code.h"
 #include "kel_assert.h"
@@ -405,10 +406,15 @@ int kel_set_controller_togprop(const char *name, const char *value) noexcept
 {
 	if (!controller_setting(name))
 		return KEL_E_INVALID_CTRLPROP;
-	return kel::c_boundary([&] {
-		return kel_tog_set_one_value(KEL_CONTROLLER_FMRI, kel::store::kSettingGroup, name, VUR_TYPE_ASTRING,
-		    const_cast<char *>(value));
-	});
+	// The store's setting may hold a password: the record names the setting, not its value.
+	return kel::audit::logged(
+	    [&] {
+		    return kel::audit::Change{"set-controller-setting", "", name, ""};
+	    },
+	    [&] {
+		    return kel_tog_set_one_value(KEL_CONTROLLER_FMRI, kel::store::kSettingGroup, name, VUR_TYPE_ASTRING,
+		        const_cast<char *>(value));
+	    });
 }
 
 int kel_get_controller_togprop(const char *name, char *buf, size_t size) noexcept

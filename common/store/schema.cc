@@ -1,5 +1,6 @@
 // Making a new store: the two files, then the version-3 schema in one transaction.
 #include "schema.h"
+#include "audit.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -348,5 +349,9 @@ int kel::schema::create_at(const std::string &conninfo)
 
 extern "C" int kel_db_create(void) noexcept
 {
-	return kel::c_boundary([] { return kel::schema::create_at(kel::store::conninfo()); });
+	return kel::audit::logged(
+	    [] {
+		    return kel::audit::Change{"create-store", "", "store", ""};
+	    },
+	    [] { return kel::schema::create_at(kel::store::conninfo()); });
 }

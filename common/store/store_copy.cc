@@ -2,11 +2,13 @@
 // read back from both before the copy is committed.
 #include <unistd.h>
 
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <kel/libkel.h>
+#include "audit.h"
 #include "c_boundary.h"
 #include "error_code.h"
 #include "owners.h"
@@ -148,5 +150,14 @@ int copy_store(const std::string &from, const std::string &to)
 
 extern "C" int kel_db_copy_store(const char *from, const char *to) noexcept
 {
-	return kel::c_boundary([&] { return copy_store(from != nullptr ? from : "", to != nullptr ? to : ""); });
+	// A connection string may hold a password: the record says which engines, no more.
+	const auto engine = [](const char *s) {
+		return s == nullptr || std::strcmp(s, "file") == 0 ? "the file" : "a database";
+	};
+	return kel::audit::logged(
+	    [&] {
+		    return kel::audit::Change{"copy-store", "", "store",
+		        std::string("from ") + engine(from) + " to " + engine(to)};
+	    },
+	    [&] { return copy_store(from != nullptr ? from : "", to != nullptr ? to : ""); });
 }

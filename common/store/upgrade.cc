@@ -4,6 +4,7 @@
 #include <cstring>
 #include <string>
 
+#include "audit.h"
 #include "c_boundary.h"
 #include "filter.h"
 #include "mac_index.h"
@@ -231,5 +232,5 @@ int upgrade()
 
 extern "C" int kel_db_upgrade(void) noexcept
 {
-	return kel::c_boundary(upgrade);
+	return kel::audit::logged([] { return kel::audit::Change{"upgrade-store", "", "store", ""}; }, upgrade);
 }

@@ -1,5 +1,6 @@
 // keld's log: one line per event on standard error, each with the journal's priority
-// prefix ("<3>" error to "<7>" debug), which the service manager reads as the priority.
+// prefix ("<3>" error to "<7>" debug), which the service manager reads as the priority,
+// and, when standard error is not the journal's stream, the time after it.
 // The same objects run inside other programs (the library's callers, the tests), whose
 // standard error is not ours to write: nothing is written until the daemon enables it.
 #pragma once

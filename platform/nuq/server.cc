@@ -347,8 +347,18 @@ void Server::stop()
 		shutdown(fd, SHUT_RDWR);
 }
 
+namespace {
+thread_local std::optional<uid_t> t_serving;
+}  // namespace
+
+std::optional<uid_t> serving_uid()
+{
+	return t_serving;
+}
+
 void Server::serve(int fd, uid_t uid)
 {
+	t_serving = uid;  // each connection has a thread of its own
 	LineReader reader(fd);
 	std::string line;
 	while (!stopping_) {

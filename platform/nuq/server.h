@@ -81,6 +81,8 @@ bool peer_of(int fd, Caller *caller);
 bool authorised(const Caller &caller, std::optional<gid_t> group);
 // The ID of the group `name`, if there is one.
 std::optional<gid_t> group_id(const char *name);
+// The uid of the caller whose connection the calling thread serves; none outside one.
+std::optional<uid_t> serving_uid();
 
 // What one caller may hold of the server, so that nobody can starve it.
 struct Limits {

@@ -1,6 +1,7 @@
 #!/bin/sh
 # No exception leaves an exported function: each is defined noexcept, and its body runs
-# through a boundary helper (kel::c_boundary and its kin), or hands the call on whole to
+# through a boundary helper (kel::c_boundary and its kin, or kel::audit::logged, which
+# runs the body through c_boundary and records the change), or hands the call on whole to
 # another export, or stands in plain_exports.txt, which says why it cannot throw.
 # Usage: exports_guarded.sh SOURCE_ROOT PLAIN_LIST MAP...
 set -eu
@@ -32,7 +33,7 @@ xargs awk -v exports="$tmp/exports" '
 		if ($0 ~ /^\}/) {
 			noexc = sig ~ /noexcept/ ? "yes" : "no"
 			how = "plain"
-			if (body ~ /_boundary[a-z_]*(<[^>]*>)?\(/)
+			if (body ~ /(_boundary[a-z_]*|audit::logged)(<[^>]*>)?\(/)
 				how = "boundary"
 			else {
 				one = body; gsub(/[\t\n ]+/, " ", one)

@@ -245,6 +245,13 @@ int kel_get_hostname(char *buf, uint_t size) KEL_NOEXCEPT;
  */
 int kel_inherit_dlprops(kelcntl_KELInfo *kel, kelcntl_VPortInfo *vport, char *buf, size_t size) KEL_NOEXCEPT;
 
+/*
+ * keld's, while it serves a remote call: who the changes the calling thread makes from
+ * now on are made for, as the audit trail names them: the user the call came in as and
+ * the host it named. NULL or "" for `user`: the local user again.
+ */
+void kel_set_caller(const char *user, const char *host) KEL_NOEXCEPT;
+
 #ifdef __cplusplus
 }
 #endif
