@@ -71,7 +71,7 @@ StrictModes no
 UsePAM no
 MaxStartups 200
 PidFile $root/sshd-$first.pid
-ForceCommand export KEL_ROOT=$root/node PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; exec \$SSH_ORIGINAL_COMMAND
+ForceCommand export KEL_ROOT=$root/node; set -f; set -- \$SSH_ORIGINAL_COMMAND; case \$1 in /*/keld) shift; exec $keld "\$@" ;; esac; exit 127
 CONF
 	} >"$root/sshd-$first.config"
 done

@@ -95,7 +95,7 @@ const Subcommand kSubcommands[] = {
 	{.name = "set-clientprop", .usage = "controller=URI", .summary = "set where this host finds the controller",
 	    .options = kNone, .run = set_clientprop,
 	    .props = "controller=URI[,URI...]\tunix:// (this host) or ssh://[USER@]HOST[:PORT]; several are tried in order\n",
-	    .example = "keladm set-clientprop controller=ssh://root@ctl"},
+	    .example = "keladm set-clientprop controller=ssh://kelop@ctl"},
 	{.name = "show-clientprop", .usage = "[-o field,...] [-p | --json] [name,...]",
 	    .summary = "show this host's client properties: property, permission, value, default",
 	    .options = kShow, .run = show_clientprop, .fields = kClientpropFields,

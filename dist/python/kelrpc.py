@@ -64,6 +64,8 @@ DEFAULT_MAX_REPLY = 16 * 1024 * 1024
 # As deep as keld lets a request nest; its own replies nest five deep at most.
 MAX_NESTING = 32
 DEFAULT_TIMEOUT = 30.0
+# Where hosts install keld (the installation writes its own here).
+KELD = "/usr/sbin/keld"
 
 
 # ----------------------------------------------------------------------------- errors
@@ -402,7 +404,7 @@ class Client:
     """
 
     def __init__(self, path=None, ssh=None, remote_path=None, port=None, ssh_config=None,
-                 timeout=DEFAULT_TIMEOUT, max_reply=DEFAULT_MAX_REPLY):
+                 timeout=DEFAULT_TIMEOUT, max_reply=DEFAULT_MAX_REPLY, keld=None):
         """See connect(); this does not connect yet."""
         if ssh is not None:
             if path is not None:
@@ -415,10 +417,14 @@ class Client:
                 raise ValueError("not a plain absolute socket path: %r" % (remote_path,))
             if port is not None and (type(port) is not int or not 1 <= port <= 65535):
                 raise ValueError("not a port: %r" % (port,))
+            # The far host's login shell reads the command as it stands.
+            if keld is not None and (not isinstance(keld, str) or not _REMOTE_PATH.match(keld)):
+                raise ValueError("not a plain absolute path: %r" % (keld,))
         elif remote_path is not None or port is not None:
             raise ValueError("a remote socket path and a port are for ssh")
         self.path = path if path is not None or ssh is not None else socket_path()
         self.ssh, self.remote_path, self.port = ssh, remote_path, port
+        self.keld = keld if keld is not None else KELD
         self.ssh_config = ssh_config if ssh_config is not None else os.environ.get("KEL_SSH_CONFIG")
         self.timeout = timeout
         self.max_reply = max_reply
@@ -477,7 +483,7 @@ class Client:
             argv += ["-F", self.ssh_config]
         if self.port is not None:
             argv += ["-p", str(self.port)]
-        argv += ["--", self.ssh, "keld", "bridge"]
+        argv += ["--", self.ssh, self.keld, "bridge"]
         if self.remote_path is not None:
             argv.append(self.remote_path)
         try:
@@ -688,17 +694,19 @@ class Client:
 
 
 def connect(path=None, ssh=None, remote_path=None, port=None, ssh_config=None, timeout=DEFAULT_TIMEOUT,
-            max_reply=DEFAULT_MAX_REPLY):
+            max_reply=DEFAULT_MAX_REPLY, keld=None):
     """A Client of one keld, connected.
 
     `path`: keld's unix socket (default: /run/kel/keld.sock below $KEL_ROOT). `ssh`:
     "[USER@]HOST" instead, reached by running "ssh -T -o BatchMode=yes -o
-    ConnectTimeout=10 [-F $KEL_SSH_CONFIG] [-p PORT] -- HOST keld bridge [REMOTE_PATH]"
-    (`ssh_config` overrides $KEL_SSH_CONFIG), proven with a ping. `timeout`: seconds a
+    ConnectTimeout=10 [-F $KEL_SSH_CONFIG] [-p PORT] -- HOST KELD bridge [REMOTE_PATH]"
+    (`ssh_config` overrides $KEL_SSH_CONFIG), proven with a ping. `keld`: where keld is
+    installed on HOST (default KELD, where this module's installation put it: hosts run
+    it by that path, as a login that is not root has no sbin directory on its PATH). `timeout`: seconds a
     call waits for its answer. `max_reply`: the longest reply line taken, in bytes.
     ConnectError when keld cannot be reached.
     """
-    client = Client(path, ssh, remote_path, port, ssh_config, timeout, max_reply)
+    client = Client(path, ssh, remote_path, port, ssh_config, timeout, max_reply, keld)
     with client._lock:
         client._open()
     return client
@@ -735,6 +743,7 @@ def main(argv=None):
     where.add_argument("--socket", metavar="PATH", help="keld's socket (default: %s below $KEL_ROOT)" % DEFAULT_SOCKET)
     where.add_argument("--ssh", metavar="[USER@]HOST", help="reach keld on HOST over ssh")
     parser.add_argument("--remote-socket", metavar="PATH", help="keld's socket on HOST (with --ssh)")
+    parser.add_argument("--remote-keld", metavar="PATH", help="where keld is on HOST (with --ssh; default %s)" % KELD)
     parser.add_argument("--timeout", type=float, default=DEFAULT_TIMEOUT, help="seconds to wait for an answer")
     parser.add_argument("method", metavar="METHOD")
     parser.add_argument("args", nargs="*", metavar="ARG")
@@ -774,7 +783,8 @@ def main(argv=None):
         return 2
 
     try:
-        with connect(opts.socket, opts.ssh, opts.remote_socket, timeout=opts.timeout) as client:
+        with connect(opts.socket, opts.ssh, opts.remote_socket, timeout=opts.timeout,
+                     keld=opts.remote_keld) as client:
             result = call(client)
     except ValueError as e:
         print("kelrpc: %s" % _printable(e), file=sys.stderr)

@@ -87,17 +87,22 @@ bool make_pipe(kel::UniqueFd *read_end, kel::UniqueFd *write_end)
 	return true;
 }
 
-// Starts ssh with the remote command "keld bridge [path]"; its stdio carries the wire, and
-// what it says on its standard error comes to *errors_from_child, to be passed on with
-// the host's name (relay_errors). posix_spawn rather than fork: callers may reach several
-// hosts from several threads.
+// Starts ssh with the remote command "SBINDIR/keld bridge [path]"; its stdio carries the
+// wire, and what it says on its standard error comes to *errors_from_child, to be passed
+// on with the host's name (relay_errors). posix_spawn rather than fork: callers may reach
+// several hosts from several threads.
 pid_t start_relay(const nuq_uri_t *uri, const std::vector<std::string> &share, kel::UniqueFd *to_child,
     kel::UniqueFd *from_child, kel::UniqueFd *errors_from_child)
 {
 	std::vector<std::string> options = {"-T"};
 	options.insert(options.end(), share.begin(), share.end());
 	std::vector<std::string> argv = ssh_argv(uri, options);
-	argv.push_back("keld");
+	// keld by the path it is installed at rather than by name: the login may be a user of
+	// the fabric's own, not root, and such a login's PATH holds no sbin directory (Debian
+	// gives /usr/local/bin:/usr/bin:/bin:/usr/games). A fixed path is found whatever that
+	// PATH holds, lets no directory on it stand in for keld, and is no shell syntax to
+	// the login shell, whichever it is. Every host installs keld at the same path.
+	argv.push_back(KEL_INSTALLED_KELD);
 	argv.push_back("bridge");
 	if (*nuq_uri_get_path(uri) != '\0')
 		argv.push_back(nuq_uri_get_path(uri));

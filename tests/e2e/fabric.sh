@@ -2,8 +2,9 @@
 # A fabric of three hosts built with keladm alone: a controller and two nodes, each a
 # network namespace with its own host name (a UTS namespace per process) and a hosts
 # file that knows the three, joined by an underlay bridge, each running keld and sshd.
-# Nodes reach the controller, and the controller the nodes, over ssh://. Guests are
-# namespaces of their own holding the VNICs the nodes make, and really exchange traffic.
+# Nodes reach the controller, and the controller the nodes, over ssh://, logging in as a
+# user in group kel, as the README sets it up: never as root. Guests are namespaces of
+# their own holding the VNICs the nodes make, and really exchange traffic.
 # Usage: fabric.sh KELADM KELD NUQ_CALL. Exit 77 (skipped) when it cannot run here.
 set -u
 keladm_bin=$(readlink -f "$1")
@@ -12,6 +13,7 @@ call=$(readlink -f "$3")
 . "$(dirname "$(readlink -f "$0")")/fabric_lib.sh"
 
 fabric_require || exit 77
+fabric_login=kelop
 fabric_up || { echo "SKIPPED: $fabric_skip"; exit 77; }
 trap fabric_down EXIT
 
@@ -105,7 +107,7 @@ ip -n "$(guest a1)" addr del 10.91.0.99/24 dev eth0
 kernel_tx() { ip netns exec "$(guest a1)" cat /sys/class/net/eth0/statistics/tx_packets; }
 before=$(kernel_tx)
 from_host=$(keladm_on ha show-vnic -p -o opackets "$(guest a1)/eth0")
-from_ctl=$(on ctl "$call" "ssh://root@kel-ha" harl.Datalink getStat "name=$(guest a1)/eth0" |
+from_ctl=$(on ctl "$call" "ssh://$fabric_login@kel-ha" harl.Datalink getStat "name=$(guest a1)/eth0" |
 	sed -n 's/.*"dls_opackets": *\([0-9]*\).*/\1/p')
 after=$(kernel_tx)
 check "counters from the host ($from_host) and the controller ($from_ctl) are the kernel's ($before)" \
@@ -207,6 +209,9 @@ left=$(keladm_on ctl show-vport -p -o name,kel,status,vnic | grep -v ':free:')
 check "every port is free again ($left)" test -z "$left"
 check "no VXLAN link remains on either host" bash -c \
 	"! ip -n $(host_ns ha) -o link show type vxlan | grep -q . && ! ip -n $(host_ns hb) -o link show type vxlan | grep -q ."
+
+logins=$(sed -n 's/.*Accepted publickey for \([^ ]*\) .*/\1/p' "$fabric_root"/*/sshd.log | sort -u)
+check "every ssh login between the hosts was $fabric_login's ($logins)" test "$logins" = "$fabric_login"
 
 # Nothing of the fabric stays behind.
 root=$fabric_root

@@ -15,7 +15,10 @@
 # that sets fabric_nodes to ctl and h0, h1... first has hosts kel-h0... at 10.77.0.10 and
 # up (and fabric_guests to the guests it wants). sshd logs each session. With
 # fabric_kel_group set before fabric_up, every host has a group "kel" (whose members
-# keld serves), its ID in $fabric_kel_gid.
+# keld serves), its ID in $fabric_kel_gid. With fabric_login set to a user name, hosts
+# log in to each other as that user, in group kel, and never as root; the user and the
+# group exist in the hosts' own passwd and group files alone (ip netns exec puts
+# /etc/netns/NS/* over /etc/*), so that nothing of the machine's is added or changed.
 
 fabric_tag=$$
 fabric_root=
@@ -23,6 +26,7 @@ fabric_skip=
 fabric_nodes="ctl ha hb"
 fabric_guests="a1 b1 a2 b2 a3 b3"
 fabric_made_netns_dir=
+fabric_login=root
 
 fail=0
 check() {
@@ -71,9 +75,21 @@ fabric_group_file() {
 	fi
 }
 
+# The hosts' passwd file: the machine's, where fabric_login is a throwaway user of its own
+# (whatever the machine may hold by that name) whose group is kel and whose home is in
+# the scratch tree. Its UID is one the machine does not use.
+fabric_login_uid=
+fabric_passwd_file() {
+	fabric_login_uid=64977
+	while getent passwd "$fabric_login_uid" >/dev/null; do fabric_login_uid=$((fabric_login_uid + 1)); done
+	awk -F: -v user="$fabric_login" '$1 != user' /etc/passwd
+	echo "$fabric_login:x:$fabric_login_uid:$fabric_kel_gid::$fabric_root/home:/bin/sh"
+}
+
 fabric_up() {
 	fabric_root=$(mktemp -d /tmp/kel-fabric-XXXXXX)
 	local node g ns n
+	[ "$fabric_login" = root ] || fabric_kel_group=yes
 	[ -d /etc/netns ] || fabric_made_netns_dir=yes
 	ip netns add "kfnet-$fabric_tag" 2>/dev/null || { fabric_skip="network namespaces cannot be made here"; return 1; }
 	ip -n "kfnet-$fabric_tag" link add br0 type bridge mcast_snooping 0 ||
@@ -89,6 +105,7 @@ fabric_up() {
 			for n in $fabric_nodes; do echo "$(node_addr "$n") kel-$n"; done
 		} >"/etc/netns/$ns/hosts"
 		[ -n "${fabric_kel_group:-}" ] && fabric_group_file >"/etc/netns/$ns/group"
+		[ "$fabric_login" = root ] || fabric_passwd_file >"/etc/netns/$ns/passwd"
 		ip -n "$ns" link set lo up
 		ip link add eth0 netns "$ns" type veth peer name "$node" netns "kfnet-$fabric_tag" ||
 			{ fabric_skip="no veth links"; return 1; }
@@ -107,11 +124,23 @@ fabric_up() {
 	fabric_start_daemons
 }
 
-# sshd on every host with throwaway keys (root may log in with the one client key),
-# running what it is asked with the host's KEL_ROOT and the build's keld on PATH; then
-# keld.
+# sshd on every host with throwaway keys (fabric_login may log in with the one client
+# key); then keld. A session runs keld by the path it is installed at, as clients name it,
+# the build's keld standing in for it, with the host's KEL_ROOT; anything else is refused,
+# keld by name included, which a login's PATH would not find on a real host.
 fabric_start_daemons() {
-	local node ns sock
+	local node ns sock permit_root=prohibit-password keld_umask
+	keld_umask=$(umask)
+	if [ "$fabric_login" != root ]; then
+		permit_root=no
+		# keld under its unit's umask: what the login may use of its files is then down
+		# to the modes keld gives them, as on a real host.
+		keld_umask=077
+		# The login reaches its home and the hosts' sockets in the scratch tree.
+		chmod 755 "$fabric_root"
+		mkdir -m 755 "$fabric_root/home"
+		chown "$fabric_login_uid:$fabric_kel_gid" "$fabric_root/home"
+	fi
 	mkdir -p /run/sshd
 	ssh-keygen -q -t ed25519 -N '' -f "$fabric_root/hostkey"
 	ssh-keygen -q -t ed25519 -N '' -f "$fabric_root/clientkey"
@@ -130,20 +159,20 @@ CONF
 ListenAddress $(node_addr "$node")
 HostKey $fabric_root/hostkey
 AuthorizedKeysFile $fabric_root/authorized_keys
-PermitRootLogin prohibit-password
+PermitRootLogin $permit_root
 PasswordAuthentication no
 StrictModes no
 UsePAM no
 PidFile $fabric_root/$node/sshd.pid
 LogLevel VERBOSE
-ForceCommand export KEL_ROOT=$fabric_root/$node PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; exec \$SSH_ORIGINAL_COMMAND
+ForceCommand export KEL_ROOT=$fabric_root/$node; set -f; set -- \$SSH_ORIGINAL_COMMAND; case \$1 in /*/keld) shift; exec $keld "\$@" ;; esac; exit 127
 CONF
 		# In the foreground (it is stopped with its namespace), so that its log reaches
 		# the file. Its sessions run root's shell, which may read start-up files of the
 		# machine's own (~/.bashrc): they see an empty one, in sshd's mount namespace alone.
 		on "$node" sh -c 'mount --bind "$0" "$HOME/.bashrc" 2>/dev/null; exec "$@"' "$fabric_root/empty_rc" \
 			/usr/sbin/sshd -D -e -f "$fabric_root/$node/sshd_config" 2>>"$fabric_root/$node/sshd.log" &
-		on "$node" "$keld" 2>>"$fabric_root/$node/keld.log" &
+		on "$node" sh -c 'umask "$0" && exec "$@"' "$keld_umask" "$keld" 2>>"$fabric_root/$node/keld.log" &
 	done
 	for node in $fabric_nodes; do
 		ns=$(host_ns "$node")
@@ -156,13 +185,13 @@ CONF
 fabric_configure() {
 	local node prop
 	on ctl "$keladm_bin" create-store
-	for prop in vlan-range=100-199 vxlan-range=5000-5999 uri-template=ssh://root@ \
+	for prop in vlan-range=100-199 vxlan-range=5000-5999 uri-template=ssh://$fabric_login@ \
 		uplink-port=eth0,flat=yes vxlan-addr=10.77.0.0/24 vxlan-mgroup=239.7.7.7; do
 		on ctl "$keladm_bin" set-controlprop "$prop" >/dev/null
 	done
 	on ctl "$keladm_bin" set-clientprop controller=unix:// >/dev/null
 	for node in $fabric_nodes; do
-		[ "$node" = ctl ] || on "$node" "$keladm_bin" set-clientprop controller=ssh://root@kel-ctl >/dev/null
+		[ "$node" = ctl ] || on "$node" "$keladm_bin" set-clientprop controller=ssh://$fabric_login@kel-ctl >/dev/null
 	done
 }
 

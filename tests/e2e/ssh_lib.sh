@@ -61,8 +61,9 @@ ssh_up() {
 	ip -n "$node" link set kn up
 
 	# The node: keld under its own KEL_ROOT, and sshd with a throwaway host key that lets
-	# root in with a throwaway client key. Sessions run the command they were given
-	# ("keld bridge PATH") with the build's keld first on their PATH.
+	# root in with a throwaway client key. Sessions run keld by the path it is installed
+	# at ("<sbindir>/keld bridge PATH"), the build's keld standing in for it, and nothing
+	# else.
 	mkdir -p "$root/node/etc/kel" /run/sshd
 	ssh-keygen -q -t ed25519 -N '' -f "$root/hostkey"
 	ssh-keygen -q -t ed25519 -N '' -f "$root/clientkey"
@@ -76,7 +77,7 @@ PasswordAuthentication no
 StrictModes no
 UsePAM no
 PidFile $root/sshd.pid
-ForceCommand PATH=$(dirname "$keld"):/usr/sbin:/usr/bin:/sbin:/bin; exec \$SSH_ORIGINAL_COMMAND
+ForceCommand set -f; set -- \$SSH_ORIGINAL_COMMAND; case \$1 in /*/keld) shift; exec $keld "\$@" ;; esac; exit 127
 CONF
 	local line
 	for line in "$@"; do echo "$line" >>"$root/sshd_config"; done

@@ -175,14 +175,14 @@ fi
 stub=$root/stub
 mkdir -p "$stub"
 # ssh, standing in: runs the remote command here, as the host would.
-cat >"$stub/ssh" <<'EOF'
+cat >"$stub/ssh" <<EOF
 #!/bin/bash
-while [ $# -gt 0 ] && [ "$1" != "--" ]; do shift; done
+while [ \$# -gt 0 ] && [ "\$1" != "--" ]; do shift; done
 shift 2
-exec "$@"
+case \$1 in /*/keld) shift; exec "$keld" "\$@" ;; esac
+exit 127
 EOF
 chmod +x "$stub/ssh"
-ln -s "$keld" "$stub/keld"
 check "over ssh through keld bridge: calls, and a socket that is not there is a ConnectError" \
 	env PATH="$stub:$PATH" python3 -c '
 import sys, kelrpc
