@@ -263,6 +263,15 @@ def _ready(fd, events, timeout):
     return bool(poller.poll(max(0, int(timeout * 1000 + 0.999))))
 
 
+def _wait(fd, events, deadline, late):
+    """Whether `fd` is ready for `events` before `deadline` (time.monotonic()); CallTimeout
+    saying `late` once the deadline has passed."""
+    left = deadline - time.monotonic()
+    if left <= 0:
+        raise CallTimeout(late)
+    return _ready(fd, events, left)
+
+
 class _Channel:
     """One connection's byte stream: a unix socket, or the pipes of an ssh running
     "keld bridge". Reads and writes never block past the caller's deadline."""
@@ -293,10 +302,7 @@ class _Channel:
         connection away has answered and closed it: the answer is still there to read."""
         view = memoryview(data)
         while view:
-            left = deadline - time.monotonic()
-            if left <= 0:
-                raise CallTimeout("no room to send the request in time")
-            if not _ready(self.wfd, select.POLLOUT, left):
+            if not _wait(self.wfd, select.POLLOUT, deadline, "no room to send the request in time"):
                 continue
             try:
                 n = os.write(self.wfd, view)
@@ -321,10 +327,7 @@ class _Channel:
             self.scanned = len(self.buffer)
             if len(self.buffer) > limit:
                 raise ProtocolError("reply longer than %d bytes" % limit)
-            left = deadline - time.monotonic()
-            if left <= 0:
-                raise CallTimeout("no answer in time")
-            if not _ready(self.rfd, select.POLLIN, left):
+            if not _wait(self.rfd, select.POLLIN, deadline, "no answer in time"):
                 continue
             try:
                 chunk = os.read(self.rfd, 65536)
