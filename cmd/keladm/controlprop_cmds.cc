@@ -27,6 +27,18 @@ int set_controlprop(const Subcommand &cmd, const Options &opts)
 		fail("cannot set " + what, rc);
 		if (rc == KEL_E_RANGE_INUSE && opts.host == nullptr)
 			say_outside_ids(store.get(), opts.operands[0]);
+		// Beside uplink-port, the ranges are the uplink's share of the fabric's, not the
+		// fabric's own: an easy misreading of one line that sets several things.
+		const std::string setting = opts.operands[0];
+		const int reason = KEL_ERR_REASON(rc);
+		if ((reason == KEL_E_NO_VLANID || reason == KEL_E_NO_VNI || reason == KEL_E_RANGE_NOT_SUBSET) &&
+		    setting.find("uplink-port=") != std::string::npos &&
+		    (setting.find("vlan-range=") != std::string::npos ||
+		        setting.find("vxlan-range=") != std::string::npos))
+			std::fprintf(stderr,
+			    "keladm: beside uplink-port, vlan-range and vxlan-range are the IDs that uplink carries, taken "
+			    "from the fabric's ranges; set those first, one a command (keladm set-controlprop "
+			    "vlan-range=RANGE)\n");
 		return kExitFailed;
 	}
 	return kExitOk;

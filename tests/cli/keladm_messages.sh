@@ -54,6 +54,9 @@ wants "an address in use: its port" "keladm: address 10.1.0.2 is in use by vport
 	add-vport -p ipaddr=10.1.0.2 web/vm2
 wants "an ipnet in use: its ports" "keladm: kel 'web' still has vports: vm1 (keladm remove-vport web/NAME)" \
 	remove-ipnet web/front
+wants "ranges beside an uplink are its share: set the fabric's first" \
+	"keladm: beside uplink-port, vlan-range and vxlan-range are the IDs that uplink carries, taken from the fabric's ranges; set those first, one a command (keladm set-controlprop vlan-range=RANGE)" \
+	set-controlprop vlan-range=200-300,uplink-port=eth0
 for cmd in show-kel show-vport show-ipnet "delete-kel web"; do
 	wants "$cmd -T nosuch: no such tenant" \
 		"keladm: there is no tenant 'nosuch': no kel is in it (keladm show-kel -T all -o name,tenant)" $cmd -T nosuch
