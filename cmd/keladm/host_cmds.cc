@@ -84,6 +84,12 @@ int known_hosts(kel_dbhandle_t h, std::set<std::string> *out)
 	for (kel_ctrlprop_t *p : props)
 		if (*p->ecp_host != '\0')
 			out->insert(p->ecp_host);
+	auto added = [](const char *host, void *arg) {
+		static_cast<std::set<std::string> *>(arg)->insert(host);
+		return 0;
+	};
+	if (int rc = kel_db_walk_hosts(h, added, out); rc != KEL_SUCCESS)
+		return rc;
 	auto each = [](const kel_vport_t *vp, void *arg) {
 		if (vp->evp_status == VPORT_STATUS_USED && *vp->evp_hostname != '\0')
 			static_cast<std::set<std::string> *>(arg)->insert(vp->evp_hostname);
@@ -134,6 +140,32 @@ void say_silent_hosts(kel_dbhandle_t h, const Options &opts, const std::string &
 	else
 		std::fprintf(stderr, "keladm: host%s that did not answer: %s; %s once %s back\n",
 		    silent.size() > 1 ? "s" : "", list.c_str(), redo, silent.size() > 1 ? "they are" : "it is");
+}
+
+int add_host(const Subcommand &cmd, const Options &opts)
+{
+	if (opts.operands.size() != 1)
+		return usage_error(cmd, "add-host takes one HOST");
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
+		return kExitFailed;
+	const int rc = kel_db_add_host(store.get(), opts.operands[0]);
+	if (rc == KEL_E_EXISTS && opts.may_exist)
+		return kExitOk;
+	return rc == KEL_SUCCESS ? kExitOk : fail(std::string("cannot add host '") + opts.operands[0] + "'", rc);
+}
+
+int remove_host(const Subcommand &cmd, const Options &opts)
+{
+	if (opts.operands.size() != 1)
+		return usage_error(cmd, "remove-host takes one HOST");
+	kel::StoreHandle store;
+	if (open_store(&store, true) != KEL_SUCCESS)
+		return kExitFailed;
+	const int rc = kel_db_remove_host(store.get(), opts.operands[0]);
+	if (rc == KEL_E_NOTFOUND && opts.if_exists)
+		return kExitOk;
+	return rc == KEL_SUCCESS ? kExitOk : fail(std::string("cannot remove host '") + opts.operands[0] + "'", rc);
 }
 
 int show_host(const Subcommand &cmd, const Options &opts)

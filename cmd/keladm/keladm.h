@@ -181,6 +181,8 @@ int create_vnic(const Subcommand &cmd, const Options &opts);
 int delete_vnic(const Subcommand &cmd, const Options &opts);
 int show_vnic(const Subcommand &cmd, const Options &opts);
 int show_host(const Subcommand &cmd, const Options &opts);
+int add_host(const Subcommand &cmd, const Options &opts);
+int remove_host(const Subcommand &cmd, const Options &opts);
 int show_usage(const Subcommand &cmd, const Options &opts);
 int verify(const Subcommand &cmd, const Options &opts);
 

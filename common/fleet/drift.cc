@@ -23,6 +23,7 @@
 #include "fan_out.h"
 #include "flood_sync.h"
 #include "harl.h"
+#include "host_list.h"
 #include "kelnet.h"
 #include "names.h"
 #include "nuq_errors.h"
@@ -338,11 +339,17 @@ int add_known_hosts(kel_dbhandle_t h, const std::string &only, std::map<std::str
 	if (int rc = props.read([&](list_t *l) { return kel_db_get_ctrlprop(h, nullptr, nullptr, l); });
 	    rc != KEL_SUCCESS)
 		return rc;
-	for (kel_ctrlprop_t *p : props) {
-		if (*p->ecp_host == '\0' || uris->count(p->ecp_host) != 0 || (!only.empty() && only != p->ecp_host))
+	// Those with properties of their own, and those an operator added.
+	std::vector<std::string> hosts;
+	if (int rc = kel::added_hosts(h, &hosts); rc != KEL_SUCCESS)
+		return rc;
+	for (kel_ctrlprop_t *p : props)
+		hosts.push_back(p->ecp_host);
+	for (const std::string &host : hosts) {
+		if (host.empty() || uris->count(host) != 0 || (!only.empty() && only != host))
 			continue;
 		char uri[1024];
-		(*uris)[p->ecp_host] = kel_kelnode_uri(h, p->ecp_host, uri, sizeof(uri)) == KEL_SUCCESS ? uri : "";
+		(*uris)[host] = kel_kelnode_uri(h, host.c_str(), uri, sizeof(uri)) == KEL_SUCCESS ? uri : "";
 	}
 	return KEL_SUCCESS;
 }

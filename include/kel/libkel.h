@@ -577,6 +577,18 @@ void kel_free_ctrlproplist(list_t *list) KEL_NOEXCEPT;
 int kel_db_set_ctrlprop(kel_dbhandle_t h, const char *propstr, const char *host) KEL_NOEXCEPT;
 
 /*
+ * The hosts an operator adds to the fabric, so that the controller knows them before any
+ * port is bound there (a host is known too by its own controller properties and by the
+ * ports bound on it). kel_db_add_host: KEL_E_INVALID_HOSTNAME for a name that is none,
+ * KEL_E_EXISTS when added already, KEL_E_NORESOURCE past 65536 hosts.
+ * kel_db_remove_host: KEL_E_NOTFOUND when not added; ports bound there stay bound.
+ * kel_db_walk_hosts calls `fn` with each added host, by name, until it returns non-zero.
+ */
+int kel_db_add_host(kel_dbhandle_t h, const char *host) KEL_NOEXCEPT;
+int kel_db_remove_host(kel_dbhandle_t h, const char *host) KEL_NOEXCEPT;
+int kel_db_walk_hosts(kel_dbhandle_t h, int (*fn)(const char *host, void *arg), void *arg) KEL_NOEXCEPT;
+
+/*
  * Connections for remote administration. A node reaches its controller through its
  * "controller" client setting; the controller reaches a node through the node's
  * "uri-template" (or the fabric's), with the node's name filled in.

@@ -2,7 +2,8 @@
 # What a host tells when things go away under it: its controller (show-vnic from the
 # host's own records, delete-vnic naming what to run later), a guest's namespace (the
 # listing fails and names the fix; verify finds what is left and --repair removes it,
-# the kel's responder and VXLAN link included). Controller and host share one namespace.
+# the kel's responder and VXLAN link included); and a host added before any port is
+# bound there, which show-host and verify ask. Controller and host share one namespace.
 # Usage: keladm_gone.sh KELADM KELD. Exit 77 (skipped) when it cannot run here.
 keld=$(readlink -f "$2")
 . "$(dirname "$0")/lib.sh" "$(readlink -f "$1")"
@@ -65,4 +66,15 @@ check "verify --repair removes them" quiet verify --repair
 check "the VXLAN link went with its last user" bash -c "! ip -n '$host' link show kel-vxlan5200 2>/dev/null"
 expect "and the responder's system port with it" "$(printf 'vm1\nvm2')" show-vport -o name -p web
 status "verify is quiet then" 0 verify
+
+# A host added before any port is bound there is asked too (here every host is reached
+# through this one's socket, so it answers).
+check "add-host makes a host known" quiet add-host node9
+status "once" 1 add-host node9
+status "or with --may-exist" 0 add-host --may-exist node9
+check "show-host asks it" grep -qx 'node9:yes' <<<"$("$keladm" show-host -p -o host,answers)"
+check "remove-host forgets it" quiet remove-host node9
+check "show-host asks it no more" bash -c "! grep -q '^node9:' <<<'$("$keladm" show-host -p -o host,answers)'"
+status "a host not added cannot be removed" 1 remove-host node9
+status "unless --if-exists" 0 remove-host --if-exists node9
 exit $fail
