@@ -228,4 +228,29 @@ TEST_F(CtrlProps, MulticastGroupAndIpVersionAgree)
 	EXPECT_EQ(set("vxlan-mgroup=ff40::"), KEL_SUCCESS);
 }
 
+// The hosts an operator adds: refused names and twins, listed in name order, forgotten
+// one at a time, on either engine.
+TEST_F(CtrlProps, AddedHostsAreKeptInNameOrder)
+{
+	const auto hosts = [&] {
+		std::string out;
+		const auto each = [](const char *host, void *arg) {
+			*static_cast<std::string *>(arg) += std::string(host) + " ";
+			return 0;
+		};
+		return kel_db_walk_hosts(h_, each, &out) == KEL_SUCCESS ? out : std::string("error");
+	};
+	EXPECT_EQ(hosts(), "");
+	EXPECT_EQ(kel_db_add_host(h_, "host-b"), KEL_SUCCESS);
+	EXPECT_EQ(kel_db_add_host(h_, "host-a.example"), KEL_SUCCESS);
+	EXPECT_EQ(kel_db_add_host(h_, "host-b"), KEL_E_EXISTS);
+	for (const char *bad : {"", "-x", "a b", "x;y", "host/c"})
+		EXPECT_EQ(kel_db_add_host(h_, bad), KEL_E_INVALID_HOSTNAME) << bad;
+	EXPECT_EQ(hosts(), "host-a.example host-b ");
+	EXPECT_EQ(kel_db_remove_host(h_, "host-a.example"), KEL_SUCCESS);
+	EXPECT_EQ(kel_db_remove_host(h_, "host-a.example"), KEL_E_NOTFOUND);
+	EXPECT_EQ(hosts(), "host-b ");
+	EXPECT_EQ(h_->edh_cnt, 0);
+}
+
 }  // namespace
