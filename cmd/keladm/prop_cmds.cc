@@ -73,11 +73,11 @@ int set_prop(const Subcommand &cmd, const Options &opts, const Kind &kind)
 	for (size_t i = 0; i < settings.size(); i++)
 		if (set_one(store.get(), opts, kind, m, settings[i]) != kExitOk) {
 			std::string done, left;
-			for (size_t j = 0; j < settings.size(); j++)
+			for (size_t j = 0; j < settings.size(); j++) {
+				std::string &list = j < i ? done : left;
 				if (j != i)
-					(j < i ? done : left) += std::string(
-					                             (j < i ? done : left).empty() ? "" : ", ") +
-					    settings[j];
+					list += (list.empty() ? "" : ", ") + settings[j];
+			}
 			if (!done.empty() || !left.empty())
 				std::fprintf(stderr, "keladm: %s%s%s%s%s\n",
 				    done.empty() ? "" : "set before it: ", done.c_str(),
