@@ -374,15 +374,15 @@ void ip6_rules(Batch &b, const Settings &s)
 	target_rules(b, s);
 }
 
-// What the rules of link `key` say in their comments, each with how many rules carry
-// it, in the order first met: in a batch ("add" of a rule) or in a listing of the shared
-// table (a rule). The base chains' rules come last in both.
-std::vector<std::pair<std::string, size_t>> comments(const Json &j, const std::string &key)
+// Calls `visit(what, rule)` for each rule of link `key` whose comment says what it is
+// for ("kel:WHAT"), in the order met: in a batch ("add" of a rule) or in a listing of
+// the shared table (a rule). An empty `key` takes every rule: a table of one link's own.
+template <class Visit>
+void each_commented_rule(const Json &j, const std::string &key, Visit &&visit)
 {
-	std::vector<std::pair<std::string, size_t>> out;
 	const auto objects = j.find("nftables");
 	if (objects == j.end() || !objects->is_array())
-		return out;
+		return;
 	for (const Json &o : *objects) {
 		const Json *rule = o.contains("add") ? &o["add"] : &o;
 		if (!rule->is_object() || !rule->contains("rule") || !(*rule)["rule"].is_object())
@@ -390,19 +390,28 @@ std::vector<std::pair<std::string, size_t>> comments(const Json &j, const std::s
 		const Json &r = (*rule)["rule"];
 		const auto chain = r.find("chain");
 		if (chain == r.end() || !chain->is_string() ||
-		    chain->get_ref<const std::string &>().rfind(key + ".", 0) != 0)
+		    (!key.empty() && chain->get_ref<const std::string &>().rfind(key + ".", 0) != 0))
 			continue;
 		const auto comment = r.find("comment");
 		if (comment == r.end() || !comment->is_string() ||
 		    comment->get_ref<const std::string &>().rfind("kel:", 0) != 0)
 			continue;
-		const std::string what = comment->get<std::string>().substr(4);
+		visit(comment->get_ref<const std::string &>().substr(4), r);
+	}
+}
+
+// What the rules of link `key` say in their comments, each with how many rules carry
+// it, in the order first met. The base chains' rules come last in both.
+std::vector<std::pair<std::string, size_t>> comments(const Json &j, const std::string &key)
+{
+	std::vector<std::pair<std::string, size_t>> out;
+	each_commented_rule(j, key, [&](const std::string &what, const Json &) {
 		const auto it = std::find_if(out.begin(), out.end(), [&](const auto &c) { return c.first == what; });
 		if (it == out.end())
 			out.emplace_back(what, 1);
 		else
 			it->second++;
-	}
+	});
 	// The hooks are named last whatever the order their rules were met in.
 	std::stable_partition(out.begin(), out.end(), [](const auto &c) { return c.first != kHooked; });
 	return out;
@@ -596,6 +605,35 @@ std::vector<std::string> in_force(const Json &listing, const Placement &at)
 		    (what.rfind("priority=", 0) == 0 ? count == 1 : it != want.end() && it->second == count))
 			out.push_back(what);
 	}
+	return out;
+}
+
+std::vector<Dropped> drops(const Json &listing, const std::string &key)
+{
+	std::vector<Dropped> out;
+	each_commented_rule(listing, key, [&](const std::string &what, const Json &rule) {
+		const auto exprs = rule.find("expr");
+		if (exprs == rule.end() || !exprs->is_array())
+			return;
+		for (const Json &e : *exprs) {
+			const auto counter = e.find("counter");
+			if (counter == e.end() || !counter->is_object())
+				continue;
+			const auto packets = counter->find("packets"), bytes = counter->find("bytes");
+			const auto count = [&](Json::const_iterator n) {
+				return n != counter->end() && n->is_number_integer() &&
+				    (n->is_number_unsigned() || n->get<int64_t>() >= 0);
+			};
+			if (!count(packets) || !count(bytes))
+				continue;
+			auto it = std::find_if(out.begin(), out.end(),
+			    [&](const Dropped &d) { return d.rule == what; });
+			if (it == out.end())
+				it = out.insert(out.end(), Dropped{what, 0, 0});
+			it->packets += packets->get<uint64_t>();
+			it->bytes += bytes->get<uint64_t>();
+		}
+	});
 	return out;
 }
 

@@ -97,6 +97,15 @@ Json removal_of(const std::string &key);
 // ("priority=high") whose rules are all there, and "tagged" for the drop of tagged
 // frames, in the order listed; nothing when its hooks are not all taken.
 std::vector<std::string> in_force(const Json &listing, const Placement &at);
+// What the counted drops of link `key` took, by what the rules are for ("mac-nospoof",
+// "ip-nospoof", ...), summed over each one's rules, from a listing of the shared table
+// that carries the rules' counters, or ("" for `key`) of a lower link's guard table; in
+// the order first met.
+struct Dropped {
+	std::string rule;
+	uint64_t packets = 0, bytes = 0;
+};
+std::vector<Dropped> drops(const Json &listing, const std::string &key);
 // The names link `key` may have objects under in the shared table: its chains, and its
 // address sets with the family of their addresses.
 std::vector<std::string> chain_names(const std::string &key);

@@ -205,6 +205,19 @@ void read_filters(const nlohmann::json &listing, const filter::Placement &at, we
 	std::snprintf(out->wls_allowed, sizeof(out->wls_allowed), "%s", allowed.c_str());
 }
 
+// What the counted drops of `key` in `listing` took, added to *out.
+void read_drops(const nlohmann::json &listing, const std::string &key, wexo_link_state_t *out)
+{
+	for (const filter::Dropped &d : filter::drops(listing, key)) {
+		if (out->wls_ndrops == std::size(out->wls_drops))
+			break;
+		auto &slot = out->wls_drops[out->wls_ndrops++];
+		std::snprintf(slot.wfd_rule, sizeof(slot.wfd_rule), "%s", d.rule.c_str());
+		slot.wfd_packets = d.packets;
+		slot.wfd_bytes = d.bytes;
+	}
+}
+
 // An address of a VXLAN link as text, without a prefix length ("" when unset).
 std::string address_text(struct nl_addr *a)
 {
@@ -344,7 +357,17 @@ wexo_status_t wexo_link_state(wexo_handle_t h, datalink_id_t id, wexo_link_state
 			state->wls_filtered = std::find(keys.begin(), keys.end(), at.key) != keys.end() ? B_TRUE
 			                                                                                : B_FALSE;
 			read_filters(listing, at, state);
+			read_drops(listing, at.key, state);
 		}
+		// The guard of a link VNICs are made over (always one of the host's own namespace)
+		// drops what would leave it from an address none of them has: a guest's forged
+		// source address, which its own port's rules never see when they are hooked on
+		// this link for the guest's address alone.
+		const std::string name = rtnl_link_get_name(link.get());
+		nlohmann::json guard;
+		if (wexo_netns_fd(h) == -1 && wexo::fabric::in_use(name) &&
+		    wexo::nft::list_link(-1, filter::lower_table(name), {"egress"}, {}, &guard) == WEXO_STATUS_OK)
+			read_drops(guard, "", state);
 		return WEXO_STATUS_OK;
 	});
 }

@@ -7,6 +7,7 @@
 
 #include <libmnl/libmnl.h>
 #include <libnftnl/common.h>
+#include <libnftnl/expr.h>
 #include <libnftnl/rule.h>
 #include <libnftnl/set.h>
 #include <libnftnl/udata.h>
@@ -127,6 +128,24 @@ Json intervals(int family, std::vector<std::pair<Bytes, bool>> keys)
 	return out;
 }
 
+// The rule's counters, as a listing shows them: {"counter": {"packets", "bytes"}} each.
+Json counters_of(nftnl_rule *r)
+{
+	Json out = Json::array();
+	nftnl_expr_foreach(
+	    r,
+	    [](nftnl_expr *e, void *data) {
+		    const char *name = nftnl_expr_get_str(e, NFTNL_EXPR_NAME);
+		    if (name != nullptr && std::strcmp(name, "counter") == 0)
+			    static_cast<Json *>(data)->push_back({{"counter",
+			        {{"packets", nftnl_expr_get_u64(e, NFTNL_EXPR_CTR_PACKETS)},
+			            {"bytes", nftnl_expr_get_u64(e, NFTNL_EXPR_CTR_BYTES)}}}});
+		    return 0;
+	    },
+	    &out);
+	return out;
+}
+
 }  // namespace
 
 bool read_link(const std::string &table, const std::vector<std::string> &chains,
@@ -158,6 +177,8 @@ bool read_link(const std::string &table, const std::vector<std::string> &chains,
 			    if (ud != nullptr && nftnl_udata_parse(ud, len, comment_of, &comment) >= 0 &&
 			        !comment.empty())
 				    rule["comment"] = comment;
+			    if (Json counters = counters_of(r.get()); !counters.empty())
+				    rule["expr"] = std::move(counters);
 			    rules.push_back({{"rule", std::move(rule)}});
 		    });
 		if (!ok)

@@ -16,7 +16,7 @@ namespace wexo::nft {
 // netdev table `table` and the elements of each set of `sets` (name, and AF_INET or
 // AF_INET6 for its addresses), into *listing in the shape a listing of the table has: a
 // {"chain": {"table", "name"}} for each chain with rules, a {"rule": {"table", "chain",
-// "comment"}} for each rule, a {"set": {"name", "elem"}} for each set with elements (an
+// "comment", "expr"}} for each rule (its expressions but its counters left out), a {"set": {"name", "elem"}} for each set with elements (an
 // address, {"prefix": {"addr", "len"}} or {"range": [first, last]}). What is not there
 // is left out. false when nf_tables could not be asked.
 bool read_link(const std::string &table, const std::vector<std::string> &chains,

@@ -55,6 +55,14 @@ typedef struct wexo_link_state {
 	char wls_filters[256];   /* what the table's rules are for: their "kel:" comments, */
 	                         /* comma-separated ("mac-nospoof,ip-nospoof,priority=high") */
 	char wls_allowed[1024];  /* the elements of its allowed address sets, comma-separated */
+	size_t wls_ndrops;       /* what its filters dropped, by what the rules are for: */
+	struct {
+		/* "mac-nospoof", "ip-nospoof", "dhcp-nospoof", "restricted", "tagged"; and on a
+		 * link VNICs are made over, "foreign-mac": from no address of theirs */
+		char wfd_rule[32];
+		uint64_t wfd_packets;
+		uint64_t wfd_bytes;
+	} wls_drops[8];
 } wexo_link_state_t;
 
 /*
@@ -68,13 +76,15 @@ wexo_status_t wexo_link_state(wexo_handle_t handle, datalink_id_t id, wexo_link_
  * or "NAMESPACE/LINK") it binds, to be made over link `lower` of the handle's namespace
  * (the host's) with its port's MAC address `mac`: from then on `lower` counts as in use,
  * lets `mac` out (its guard drops every other source address), and keld acts on the
- * VNIC. `lease` (may be NULL) is what the host's address responder hands the VNIC's guest,
- * as "field=value" lines (kel=UUID, addr=IP/PLEN, router=IP, dns=IP IP..., and
- * role=endpoint for the responder's own link); WEXO_STATUS_BADVAL when it does not parse.
+ * VNIC. `record` (may be NULL) is what the host keeps of the binding as "field=value"
+ * lines: the controller's names of the port (port=, kelname=, tenant=), and what the
+ * host's address responder hands the VNIC's guest when it gets a lease (kel=UUID,
+ * addr=IP/PLEN, router=IP, dns=IP IP..., and role=endpoint for the responder's own
+ * link); WEXO_STATUS_BADVAL when a lease is there and does not parse.
  * WEXO_STATUS_NOTFOUND when `lower` went meanwhile (a removal took it first).
  */
 wexo_status_t wexo_vnic_own(wexo_handle_t handle, const char *name, const char *mac, datalink_id_t lower,
-    const char *lease) KEL_NOEXCEPT;
+    const char *record) KEL_NOEXCEPT;
 /* Forgets the VNIC `name` again; nothing recorded is no error. */
 wexo_status_t wexo_vnic_disown(wexo_handle_t handle, const char *name) KEL_NOEXCEPT;
 /*

@@ -182,3 +182,39 @@ TEST(LinkFilter, ALowerLinksGuardLetsOutItsVnicsAlone)
 }
 
 }  // namespace
+
+// What each protection dropped, summed over its rules from a listing's counters: the
+// rules of other links and rules without a counter (a jump, a hook) count nothing.
+TEST(LinkFilter, DropsAreSummedByWhatTheRulesAreFor)
+{
+	const auto rule = [](const std::string &chain, const std::string &comment, Json counter) {
+		Json r = {{"family", "netdev"}, {"table", "kel"}, {"chain", chain}, {"comment", "kel:" + comment}};
+		if (!counter.is_null())
+			r["expr"] = Json::array({{{"match", {}}}, {{"counter", counter}}, {{"drop", nullptr}}});
+		return Json{{"rule", r}};
+	};
+	const Json listing = {{"nftables",
+	    {rule("g/eth0.guard", "mac-nospoof", {{"packets", 2}, {"bytes", 120}}),
+	        rule("g/eth0.guard_ip4", "ip-nospoof", {{"packets", 3}, {"bytes", 138}}),
+	        rule("g/eth0.guard_arp", "ip-nospoof", {{"packets", 1}, {"bytes", 42}}),
+	        rule("g/eth0.guard", "ip-nospoof", nullptr),
+	        rule("g/eth0.guard", "restricted", {{"packets", -1}, {"bytes", 1}}),
+	        rule("g2/eth0.guard", "mac-nospoof", {{"packets", 50}, {"bytes", 5000}})}}};
+	const std::vector<Dropped> got = drops(listing, "g/eth0");
+	ASSERT_EQ(got.size(), 2u);
+	EXPECT_EQ(got[0].rule, "mac-nospoof");
+	EXPECT_EQ(got[0].packets, 2u);
+	EXPECT_EQ(got[1].rule, "ip-nospoof");
+	EXPECT_EQ(got[1].packets, 4u);
+	EXPECT_EQ(got[1].bytes, 180u);
+	// The rules as built carry counters with no numbers yet: nothing to read.
+	Settings s;
+	ASSERT_TRUE(parse({{"protection", "mac-nospoof,ip-nospoof"}}, kOwn, &s));
+	Placement at;
+	at.key = "g/eth0";
+	EXPECT_TRUE(drops(ruleset(at, s), at.key).empty());
+	// A lower link's guard table holds one link's rules: read whole.
+	const Json guard = {{"nftables", {rule("egress", "foreign-mac", {{"packets", 7}, {"bytes", 700}})}}};
+	ASSERT_EQ(drops(guard, "").size(), 1u);
+	EXPECT_EQ(drops(guard, "")[0].packets, 7u);
+}
