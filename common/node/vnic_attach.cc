@@ -7,6 +7,7 @@
 #include "connections.h"
 #include "controller_calls.h"
 #include "error_code.h"
+#include "fabric_links.h"
 #include "kel_assert.h"
 #include "kel_lifecycle.h"
 #include "kelnet.h"
@@ -103,13 +104,18 @@ int prepare_lower(wexo_handle_t handle, const char *vnicname, kelcntl_KELImplInf
 	const char *mac = kel_propattrset_lookup(vport->evpi_props, vport->evpi_props_count, "macaddr");
 	if (mac == nullptr)
 		return nuq_error(NUQ_E_PROTOCOL);  // every port has one
-	// Kept with the record, what the host's address responder hands the VNIC's guest.
-	const std::string lease = kel_lease_text(info, kel_is_dhcp_endpoint(vnicname));
+	// Kept with the record: the port's names, for the host's metrics, and what the host's
+	// address responder hands the VNIC's guest.
+	const kelcntl_KELInfo *k = info->ekelii_kelinfo;
+	const std::string record = kel_lease_text(info, kel_is_dhcp_endpoint(vnicname)) +
+	    wexo::fabric::names_text(
+	        {vport->evpi_name != nullptr ? vport->evpi_name : "", k->ekeli_name != nullptr ? k->ekeli_name : "",
+	            k->ekeli_tenantname != nullptr ? k->ekeli_tenantname : ""});
 	wexo_status_t st = WEXO_STATUS_NOTFOUND;
 	for (int i = 0; i < kOwnTries && st == WEXO_STATUS_NOTFOUND; i++) {
 		if (int rc = kel_setup_l2network(handle, lower, info); rc != KEL_SUCCESS)
 			return rc;
-		st = wexo_vnic_own(handle, vnicname, mac, *lower, lease.empty() ? nullptr : lease.c_str());
+		st = wexo_vnic_own(handle, vnicname, mac, *lower, record.empty() ? nullptr : record.c_str());
 	}
 	return st == WEXO_STATUS_OK ? KEL_SUCCESS : kel::wexo_error(st);
 }

@@ -4,10 +4,12 @@
 #include <net/if.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 
 #include "kelnet.h"
@@ -85,6 +87,7 @@ std::optional<Vnic> read_vnic(const std::string &name)
 	    v.lower.find('/') != std::string::npos)
 		return std::nullopt;
 	v.lease = parse_lease(text);
+	v.names = parse_names(text);
 	return v;
 }
 
@@ -134,6 +137,27 @@ std::string lease_text(const Lease &l)
 	if (l.endpoint)
 		text += "role=endpoint\n";
 	return text;
+}
+
+std::string names_text(const PortNames &n)
+{
+	std::string text;
+	for (const auto &[key, value] : {std::pair{"port", &n.port}, {"kelname", &n.kel}, {"tenant", &n.tenant}})
+		if (!value->empty())
+			text += std::string(key) + "=" + *value + "\n";
+	return text;
+}
+
+PortNames parse_names(const std::string &text)
+{
+	const auto name = [&](const char *key) {
+		std::string v = field(text, key);
+		const bool valid = !v.empty() && v.size() <= 64 && std::all_of(v.begin(), v.end(), [](char c) {
+			return std::isalnum(static_cast<unsigned char>(c)) || std::strchr("_-.:", c) != nullptr;
+		});
+		return valid ? v : std::string();
+	};
+	return {name("port"), name("kelname"), name("tenant")};
 }
 
 std::optional<Lease> parse_lease(const std::string &text)
@@ -219,7 +243,8 @@ bool record_vnic(const Vnic &v)
 		return false;
 	}
 	return write_record(vnics_dir() + "/" + v.name,
-	    "mac=" + filter::mac_text(v.mac) + "\nlower=" + v.lower + "\n" + (v.lease ? lease_text(*v.lease) : ""));
+	    "mac=" + filter::mac_text(v.mac) + "\nlower=" + v.lower + "\n" + (v.lease ? lease_text(*v.lease) : "") +
+	        names_text(v.names));
 }
 
 void forget_vnic(const std::string &name)

@@ -34,18 +34,29 @@ struct Lease {
 	bool endpoint = false;  // the responder's own link, not a guest's
 };
 
+// The controller's names of the port a VNIC is bound to, for the host's metrics: "" each
+// when not recorded (a binding made by an older release).
+struct PortNames {
+	std::string port, kel, tenant;
+};
+
 struct Vnic {
 	std::string name;     // "LINK", or "NAMESPACE/LINK" for one in a named namespace
 	filter::Mac mac{};    // its port's address
 	std::string lower;    // the link it is made over, in the host's namespace
 	time_t recorded = 0;  // when its port was bound here
 	std::optional<Lease> lease;
+	PortNames names;
 };
 
 // A lease as the "field=value" lines of a record, and back (nullopt for lines that do not
 // make one: each value is parsed, never taken as it stands).
 std::string lease_text(const Lease &l);
 std::optional<Lease> parse_lease(const std::string &text);
+// The names as "port=", "kelname=" and "tenant=" lines, and back: a value that is no name
+// of the controller's (letters, digits, "_", "-", ".", ":", at most 64) reads as "".
+std::string names_text(const PortNames &n);
+PortNames parse_names(const std::string &text);
 
 // The record of VNIC `name`, if there is one.
 std::optional<Vnic> vnic(const std::string &name);

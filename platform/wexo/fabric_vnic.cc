@@ -183,7 +183,7 @@ wexo_status_t wexo_lower_guard_sync(wexo_handle_t h, const std::string &lower)
 extern "C" {
 
 wexo_status_t wexo_vnic_own(wexo_handle_t h, const char *name, const char *mac, datalink_id_t lower,
-    const char *lease) noexcept
+    const char *record) noexcept
 {
 	return kel::wexo_boundary([&]() -> wexo_status_t {
 		char link[IFNAMSIZ], ns[256], lower_name[IFNAMSIZ];
@@ -192,8 +192,13 @@ wexo_status_t wexo_vnic_own(wexo_handle_t h, const char *name, const char *mac, 
 		    !dlparse_zonelinkname(name, link, sizeof(link), ns, sizeof(ns)) ||
 		    !wexo::filter::parse_mac(mac, &v.mac))
 			return WEXO_STATUS_BADARG;
-		if (lease != nullptr && !(v.lease = wexo::fabric::parse_lease(lease)))
-			return WEXO_STATUS_BADVAL;
+		if (record != nullptr) {
+			// A guest without a lease (the kel's responder off) still has its port's names.
+			const std::string text = record;
+			if (text.find("addr=") != std::string::npos && !(v.lease = wexo::fabric::parse_lease(text)))
+				return WEXO_STATUS_BADVAL;
+			v.names = wexo::fabric::parse_names(text);
+		}
 		wexo_status_t st = wexo_datalink_id2info(h, lower, nullptr, nullptr, nullptr, lower_name,
 		    sizeof(lower_name));
 		if (st != WEXO_STATUS_OK)

@@ -34,3 +34,24 @@ TEST(LeaseRecord, WhatIsNotALeaseIsRefused)
 }
 
 }  // namespace
+
+namespace {
+
+// The port's names kept beside the lease, for the host's metrics: read back as written,
+// and a value that is no name of the controller's read as none.
+TEST(LeaseRecord, PortNamesReadBackAndNothingElse)
+{
+	const wexo::fabric::PortNames n{"vm1", "web", "blue"};
+	const std::string text = wexo::fabric::names_text(n);
+	EXPECT_EQ(text, "port=vm1\nkelname=web\ntenant=blue\n");
+	const auto back = wexo::fabric::parse_names(kKel + "addr=10.1.0.11/24\n" + text);
+	EXPECT_EQ(back.port, "vm1");
+	EXPECT_EQ(back.kel, "web");
+	EXPECT_EQ(back.tenant, "blue");
+	EXPECT_EQ(wexo::fabric::names_text({}), "");
+	for (const char *bad : {"port=a\"b\n", "port=a b\n", "port=a\\b\n", "port=\n"})
+		EXPECT_EQ(wexo::fabric::parse_names(bad).port, "") << bad;
+	EXPECT_EQ(wexo::fabric::parse_names("port=" + std::string(65, 'a') + "\n").port, "");
+}
+
+}  // namespace
