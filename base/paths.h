@@ -14,6 +14,7 @@ inline constexpr const char *kLockFile = "/etc/kel/kel.lock";
 inline constexpr const char *kRunDir = "/run/kel";
 inline constexpr const char *kSocketFile = "/run/kel/keld.sock";  // keld's interfaces
 inline constexpr const char *kPidFile = "/run/kel/keld.pid";      // the running keld
+inline constexpr const char *kFanOutFile = "/run/kel/fan-out";    // the hosts the last call to many answered
 inline constexpr const char *kLinksDir = "/run/kel/links";        // link locks and kept link properties
 // What the fabric made on this host, a file per link: the VNICs bound through the
 // library, and the links made on demand under them. Only root writes there.

@@ -17,6 +17,7 @@
 #include "connections.h"
 #include "error_code.h"
 #include "fan_out.h"
+#include "fan_out_note.h"
 #include "filter.h"
 #include "harl.h"
 #include "host_link.h"
@@ -213,6 +214,10 @@ int set_kelprop(kel_dbhandle_t h, const char *tenant, const char *kelname, const
 	}
 	kel::fan_out(shares.size(),
 	    [&](size_t i) { reach_host(&shares[i], kel->kel_props, p.name.c_str(), p.value.c_str(), flags); });
+	kel::FanOutNote note{"property", time(nullptr), {}};
+	for (const HostShare &share : shares)
+		note.hosts.emplace_back(share.host, !share.failed);
+	kel::note_fan_out(note);
 	bool partial = false;
 	for (const HostShare &share : shares)
 		if (share.failed) {

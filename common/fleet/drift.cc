@@ -21,6 +21,7 @@
 #include "drift.h"
 #include "error_code.h"
 #include "fan_out.h"
+#include "fan_out_note.h"
 #include "flood_sync.h"
 #include "harl.h"
 #include "host_list.h"
@@ -218,6 +219,7 @@ bool reapply(nuq_instance_t *link, const Port &p)
 // What one host's check found: its differences, and the ports bound there to a VNIC it
 // does not have, each with the index of its difference, for the repair to release.
 struct HostResult {
+	bool answered = false;
 	std::vector<Drift> drifts;
 	std::vector<std::pair<const Port *, size_t>> release;
 };
@@ -231,6 +233,7 @@ void verify_host(const std::string &host, const std::string &uri, const std::vec
 	nuq_conn_t *raw = nullptr;
 	const int opened = uri.empty() ? KEL_E_HOST_CONNECT : kel_connect_uri(uri.c_str(), &raw);
 	const kel::Owned<nuq_conn_t, nuq_disconnect> conn(raw);
+	result->answered = opened == KEL_SUCCESS;
 	if (opened != KEL_SUCCESS && all)
 		out->push_back({host, host, "host", "what is left behind", "the host did not answer"});
 	std::vector<const Port *> missing;
@@ -427,6 +430,10 @@ int verify(kel_dbhandle_t h, const char *filter, bool repair, std::vector<Drift>
 	});
 	if (std::find(failed.begin(), failed.end(), 1) != failed.end())
 		return KEL_E_NOMEM;
+	kel::FanOutNote note{"verify", time(nullptr), {}};
+	for (size_t i = 0; i < hosts.size(); i++)
+		note.hosts.emplace_back(hosts[i].first, found[i].answered);
+	kel::note_fan_out(note);
 	for (HostResult &f : found) {
 		// A port bound to a VNIC its host does not have is released, one at a time on the
 		// store's handle; the release asks the host once more.

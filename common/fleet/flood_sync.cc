@@ -15,6 +15,7 @@
 #include "ctrlprop.h"
 #include "error_code.h"
 #include "fan_out.h"
+#include "fan_out_note.h"
 #include "flood_sync.h"
 #include "harl.h"
 #include "host_link.h"
@@ -141,6 +142,10 @@ int sync(kel_dbhandle_t h, const char *tenant, const char *kelname)
 			set[i] = 0;
 		}
 	});
+	kel::FanOutNote note{"flood", time(nullptr), {}};
+	for (size_t i = 0; i < members.size(); i++)
+		note.hosts.emplace_back(members[i].host, members[i].reached && set[i] != 0);
+	kel::note_fan_out(note);
 	for (char ok : set)
 		complete = complete && ok;
 	return complete ? KEL_SUCCESS : KEL_E_HOST_CONNECT;
