@@ -12,7 +12,7 @@ PACKAGES=(g++ cmake ninja-build pkg-config binutils libsqlite3-dev uuid-dev libx
 	nlohmann-json3-dev libnl-route-3-dev libnftables-dev libnftnl-dev libmnl-dev iproute2 nftables openssh-client
 	openssh-server libgtest-dev sqlite3 iputils-ping procps groff-base valgrind busybox-static isc-dhcp-client jq podman containernetworking-plugins
 	qemu-system-x86 cpio libvirt-daemon libvirt-daemon-driver-qemu libvirt-clients clang-format
-	libpq-dev postgresql-15 etcd-server etcd-client patroni python3-etcd)
+	libpq-dev postgresql-15 etcd-server etcd-client patroni python3-etcd prometheus-node-exporter prometheus curl)
 FUZZ_PACKAGES=(clang libclang-rt-14-dev)
 JOBS=$(nproc)
 

@@ -19,6 +19,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <type_traits>
 #include <utility>
 
@@ -275,5 +276,12 @@ private:
 	GiveBack give_back_;
 	bool armed_ = false;
 };
+
+// A string property of a record's set ("" when it has none).
+inline std::string prop_text(attrset_t *props, const char *name)
+{
+	char *value = nullptr;
+	return props != nullptr && attrset_lookup_string(props, name, &value) == 0 && value != nullptr ? value : "";
+}
 
 }  // namespace kel

@@ -238,8 +238,7 @@ bool member_selection(const Subcommand &cmd, const Options &opts, MemberParser p
 // A string property of a record's set ("" when it has none).
 inline std::string prop(attrset_t *props, const char *name)
 {
-	char *value = nullptr;
-	return props != nullptr && attrset_lookup_string(props, name, &value) == 0 ? value : "";
+	return kel::prop_text(props, name);
 }
 
 // Reports a warning (a change made, with something the operator should know).

@@ -21,6 +21,7 @@
 #include "dhcp6.h"
 #include "fabric_links.h"
 #include "log.h"
+#include "metrics.h"
 #include "unique_fd.h"
 
 namespace keld {
@@ -89,6 +90,7 @@ constexpr auto kAdvertInterval = std::chrono::seconds(600);
 // One responder link: its socket, and what it answers from.
 struct Endpoint {
 	std::string kel;
+	keld::metrics::Labels labels;  // its kel's, on the metrics of its answers
 	int ifindex = 0;
 	kel::UniqueFd fd;
 	Mac mac{};
@@ -179,6 +181,9 @@ public:
 				continue;
 			auto e = std::make_unique<Endpoint>();
 			e->kel = v.lease->kel;
+			// A responder bound by an older release has no names recorded: its kel's UUID.
+			e->labels = {{"family", v.lease->family == AF_INET6 ? "ipv6" : "ipv4"},
+			    {"kel", v.names.kel.empty() ? v.lease->kel : v.names.kel}, {"tenant", v.names.tenant}};
 			e->mac = v.mac;
 			e->family = v.lease->family;
 			e->addr = v.lease->addr;
@@ -253,6 +258,32 @@ private:
 		(void)::send(e.fd.get(), frame.data(), frame.size(), MSG_DONTWAIT);
 	}
 
+	// A DHCP answer sent, under the rate limits, and counted: as a refusal for `refusal`
+	// when it is one (a negative acknowledgement).
+	void reply(Endpoint *e, const Mac &guest, const std::vector<uint8_t> &frame, const char *refusal = nullptr)
+	{
+		if (!within_rate(e, guest)) {
+			refused(*e, "over_rate");
+			return;
+		}
+		send(*e, frame);
+		if (refusal != nullptr)
+			refused(*e, refusal);
+		else
+			keld::metrics::registry().count("kel_dhcp_replies_total", e->labels);
+	}
+
+	// A DHCP request of a guest on the kel's link left unanswered or refused, and why:
+	// "unknown_client" (no port bound here has its address), "forged_source" (the frame
+	// comes from another address than the one it asks for), "wrong_address" (it asks for
+	// an address that is not its port's), "over_rate".
+	static void refused(const Endpoint &e, const char *reason)
+	{
+		keld::metrics::Labels labels = e.labels;
+		labels.emplace_back("reason", reason);
+		keld::metrics::registry().count("kel_dhcp_refused_total", labels);
+	}
+
 	// Each IPv6 guest bound here hears the advertisement when it comes and now and then
 	// after, unasked: a guest whose solicitations went before its binding (or before it
 	// moved here) learns the link all the same. Not counted against its budget: the
@@ -307,11 +338,13 @@ private:
 		if (!req)
 			return;
 		const wexo::fabric::Lease *lease = guest(*e, req->source);
-		if (lease == nullptr || lease->family != AF_INET6)
+		if (lease == nullptr || lease->family != AF_INET6) {
+			refused(*e, "unknown_client");
 			return;
+		}
 		const kel::dhcp6::Lease l{lease->addr6, kLeaseSeconds, lease->dns6};
-		if (const auto out = kel::dhcp6::answer_frame(*req, l, e->mac); out && within_rate(e, req->source))
-			send(*e, *out);
+		if (const auto out = kel::dhcp6::answer_frame(*req, l, e->mac))
+			reply(e, req->source, *out);
 	}
 
 	void answer4(Endpoint *e, const uint8_t *frame, size_t len)
@@ -326,11 +359,17 @@ private:
 			return;
 		}
 		const auto req = parse_request(frame, len);
-		if (!req || req->source != req->chaddr)
+		if (!req)
 			return;
+		if (req->source != req->chaddr) {
+			refused(*e, "forged_source");
+			return;
+		}
 		const wexo::fabric::Lease *lease = guest(*e, req->chaddr);
-		if (lease == nullptr || lease->family != AF_INET)
+		if (lease == nullptr || lease->family != AF_INET) {
+			refused(*e, "unknown_client");
 			return;
+		}
 		// A request that names another server's offer is that server's to answer.
 		if (req->server && req->server->s_addr != e->addr.s_addr)
 			return;
@@ -357,8 +396,8 @@ private:
 			break;
 		default: return;  // a release or decline changes nothing: the address is the port's
 		}
-		if (within_rate(e, req->chaddr))
-			send(*e, answer_frame(*req, a, e->mac, e->addr));
+		reply(e, req->chaddr, answer_frame(*req, a, e->mac, e->addr),
+		    a.type == kNak ? "wrong_address" : nullptr);
 	}
 
 	std::map<std::string, std::unique_ptr<Endpoint>> endpoints_;

@@ -24,18 +24,6 @@ constexpr size_t kMaxRemotes = 4096;
 // Refusals any member of the kel group can cause at will are logged a few at a time.
 nuq::log::Limiter refusals(10, std::chrono::seconds(10));
 
-// Opens a handle on the namespace of the link `name` ("LINK", or "NAMESPACE/LINK" for a
-// VNIC placed in a named namespace) and finds the link there.
-wexo_status_t find_link(const std::string &name, wexo_handle_t *h, datalink_id_t *id)
-{
-	char link[IFNAMSIZ], ns[256];
-	*h = nullptr;
-	if (!dlparse_zonelinkname(name.c_str(), link, sizeof(link), ns, sizeof(ns)))
-		return WEXO_STATUS_NOTFOUND;
-	wexo_status_t st = wexo_open_netns(ns, h);
-	return st == WEXO_STATUS_OK ? wexo_name2info(*h, link, id, nullptr) : st;
-}
-
 // Runs `body` with an open handle and the link named by `keys`, when the fabric made that
 // link on this host: a VNIC bound through the library, or a link made on demand under
 // one. Any other (the host's own uplink, a link in a namespace the fabric never touched,
@@ -56,6 +44,16 @@ nuq::Reply with_link(const nuq::Json &keys, Body &&body)
 }
 
 }  // namespace
+
+wexo_status_t find_link(const std::string &name, wexo_handle_t *h, datalink_id_t *id)
+{
+	char link[IFNAMSIZ], ns[256];
+	*h = nullptr;
+	if (!dlparse_zonelinkname(name.c_str(), link, sizeof(link), ns, sizeof(ns)))
+		return WEXO_STATUS_NOTFOUND;
+	wexo_status_t st = wexo_open_netns(ns, h);
+	return st == WEXO_STATUS_OK ? wexo_name2info(*h, link, id, nullptr) : st;
+}
 
 nuq::Interface datalink_interface()
 {

@@ -6,6 +6,7 @@
 #include <pwd.h>
 #include <uuid/uuid.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -14,6 +15,7 @@
 #include "kelcntl.h"
 #include "kelcntl_module.h"
 #include "log.h"
+#include "metrics.h"
 #include "nuq_errors.h"
 #include "owners.h"
 #include "server.h"
@@ -26,6 +28,33 @@ namespace {
 using nuq::Json;
 
 using Store = PooledStore;
+
+// A binding, migration or release served, with how long the store took over it, for the
+// controller's metrics.
+class Timed {
+public:
+	explicit Timed(const char *what) : what_(what) {}
+	void done(int rc, const char *what = nullptr) const
+	{
+		const std::string name = std::string("kel_controller_") + (what != nullptr ? what : what_);
+		keld::metrics::Registry &r = keld::metrics::registry();
+		r.count(name + "s_total", {{"outcome", rc == KEL_SUCCESS ? "success" : "failure"}});
+		r.observe(name + "_duration_seconds", {},
+		    std::chrono::duration<double>(std::chrono::steady_clock::now() - started_).count());
+	}
+
+private:
+	const char *what_;
+	std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+};
+
+// Whether the binding `k` came back from started the port's move to `host`: the port
+// stays its first host's until that one lets go.
+bool moving_to(kel_t *k, const std::string &host)
+{
+	const auto *vp = static_cast<kel_vport_t *>(list_head(&k->kel_ports));
+	return vp != nullptr && kel::prop_text(vp->evp_props, "kel:migrating_to") == host;
+}
 
 nuq::Reply kel_error(int rc)
 {
@@ -204,9 +233,11 @@ nuq::Interface kel_interface()
 			return kel_error(store.status());
 		kel_t *raw = nullptr;
 		const Caller caller(*host);
+		const Timed timed("bind");
 		const int rc = kel_db_assign_vport(store.get(), tenant.c_str(), name.c_str(), vport, vnic->c_str(),
 		    host->c_str(), extra, &raw);
 		const kel::KelPtr kel(raw);
+		timed.done(rc, rc == KEL_SUCCESS && moving_to(kel.get(), *host) ? "migration" : nullptr);
 		log_change(rc,
 		    "bind " + tenant + "/" + name + "/" + (vport != nullptr ? vport : "(system port)") + " to VNIC " +
 		        *vnic + " on host " + *host);
@@ -232,8 +263,10 @@ nuq::Interface kel_interface()
 		if (store.status() != KEL_SUCCESS)
 			return kel_error(store.status());
 		const Caller caller(*host);
+		const Timed timed("release");
 		const int rc = kel_db_unassign_vport_counted(store.get(), vnic->c_str(), host->c_str(), extra,
 		    counted ? &last : nullptr);
+		timed.done(rc);
 		log_change(rc, "unbind VNIC " + *vnic + " on host " + *host);
 		if (rc != KEL_SUCCESS)
 			return kel_error(rc);

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -25,6 +26,7 @@
 #include "harl_module.h"
 #include "kelcntl_module.h"
 #include "log.h"
+#include "metrics_writer.h"
 #include "notify.h"
 #include "paths.h"
 #include "pid_file.h"
@@ -32,9 +34,57 @@
 
 namespace {
 
-constexpr const char *kUsage = "usage: keld            serve this host's interfaces on /run/kel/keld.sock\n"
-                               "       keld bridge [SOCKET]  relay standard input and output to the socket\n"
-                               "       keld --version  print keld's version\n";
+constexpr const char *kUsage =
+    "usage: keld [--metrics-dir DIR] [--metrics-interval SECONDS] [--no-metrics]\n"
+    "                      serve this host's interfaces on /run/kel/keld.sock, writing\n"
+    "                      metrics into DIR (/var/lib/prometheus/node-exporter, when there)\n"
+    "       keld bridge [SOCKET]  relay standard input and output to the socket\n"
+    "       keld --version  print keld's version\n";
+
+// Where and how often the metrics are written.
+struct MetricsOptions {
+	std::string dir = keld::metrics::default_dir();
+	bool dir_given = false;
+	std::chrono::seconds interval = keld::metrics::kDefaultInterval;
+	bool off = false;
+};
+
+// The serving options; false on one keld does not know or a value out of range.
+bool parse_serve_options(int argc, char **argv, MetricsOptions *opts)
+{
+	for (int i = 1; i < argc; i++) {
+		const std::string arg = argv[i];
+		if (arg == "--no-metrics") {
+			opts->off = true;
+		} else if (arg == "--metrics-dir" && i + 1 < argc && argv[i + 1][0] != '\0') {
+			opts->dir = argv[++i];
+			opts->dir_given = true;
+		} else if (arg == "--metrics-interval" && i + 1 < argc) {
+			const std::string value = argv[++i];
+			if (value.empty() || value.size() > 4 ||
+			    value.find_first_not_of("0123456789") != std::string::npos)
+				return false;
+			const int seconds = std::stoi(value);
+			if (seconds < 1 || seconds > 3600)
+				return false;
+			opts->interval = std::chrono::seconds(seconds);
+		} else {
+			return false;
+		}
+	}
+	return true;
+}
+
+// Each request keld answers, counted by interface and method.
+void count_request(const nuq::Handled &h)
+{
+	keld::metrics::Registry &r = keld::metrics::registry();
+	const keld::metrics::Labels labels = {{"interface", h.interface}, {"method", h.method}};
+	r.count("kel_keld_requests_total", labels);
+	if (h.error)
+		r.count("kel_keld_request_errors_total", labels);
+	r.observe("kel_keld_request_duration_seconds", labels, std::chrono::duration<double>(h.took).count());
+}
 
 std::string socket_path()
 {
@@ -118,7 +168,7 @@ int bridge(const char *path)
 	return 0;
 }
 
-int serve()
+int serve(const MetricsOptions &metrics)
 {
 	nuq::log::enable(STDERR_FILENO);
 	const std::string run_dir = std::filesystem::path(socket_path()).parent_path();
@@ -155,6 +205,7 @@ int serve()
 	dispatcher.add(kelcntl::kel_interface());
 	dispatcher.add(kelcntl::controller_interface());
 	dispatcher.set_socket(socket_path());
+	dispatcher.set_observer(count_request);
 	nuq::Server server(dispatcher);
 	admit_kel_group(server);
 	if (!server.listen(socket_path())) {
@@ -170,6 +221,9 @@ int serve()
 	keld::notify(("READY=1\nMAINPID=" + std::to_string(getpid())).c_str());
 	keld::DhcpResponder responder;
 	responder.start();
+	keld::metrics::Writer metrics_writer;
+	if (!metrics.off)
+		metrics_writer.start(metrics.dir, metrics.interval, !metrics.dir_given);
 	std::thread waiter([&] {
 		for (;;) {
 			int sig = 0;
@@ -197,6 +251,7 @@ int serve()
 	});
 	server.run();
 	waiter.join();
+	metrics_writer.stop();
 	responder.stop();
 	struct stat now {};
 	if (stat(socket_path().c_str(), &now) == 0 && now.st_dev == made.st_dev && now.st_ino == made.st_ino)
@@ -211,12 +266,13 @@ int main(int argc, char **argv)
 {
 	if (argc >= 2 && std::strcmp(argv[1], "bridge") == 0 && argc <= 3)
 		return bridge(argc == 3 ? argv[2] : nullptr);
-	if (argc == 1)
-		return serve();
 	if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
 		std::printf("keld %s\n", KELD_VERSION);
 		return 0;
 	}
+	if (MetricsOptions metrics;
+	    argc == 1 || (argv[1][0] == '-' && argv[1][1] == '-' && parse_serve_options(argc, argv, &metrics)))
+		return serve(metrics);
 	const bool help = std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "-h") == 0;
 	std::fputs(kUsage, help ? stdout : stderr);
 	return help ? 0 : 2;

@@ -76,22 +76,39 @@ void Dispatcher::add(Interface iface)
 
 std::string Dispatcher::handle(const std::string &request) const noexcept
 {
+	const auto started = std::chrono::steady_clock::now();
+	Handled handled{"unknown", "unknown"};
+	std::string reply;
 	try {
 		Request req;
 		const int rc = parse_request(request, &req);
-		return rc == NUQ_E_SUCCESS ? answer(req) : error_reply(req.id, rc);
+		reply = rc == NUQ_E_SUCCESS ? answer(req, &handled) : error_reply(req.id, rc);
 	} catch (...) {
-		return kFailedReply;
+		reply = kFailedReply;
 	}
+	if (observer_) {
+		// An error reply is the only one whose first member is "error" (error_reply).
+		handled.error = reply.rfind(R"({"error":)", 0) == 0;
+		handled.took = std::chrono::steady_clock::now() - started;
+		try {
+			observer_(handled);
+		} catch (...) {
+			// Counting is no reason to lose the answer.
+		}
+	}
+	return reply;
 }
 
-std::string Dispatcher::answer(const Request &req) const
+std::string Dispatcher::answer(const Request &req, Handled *handled) const
 {
 	const std::string &id = req.id;
 	const Json &params = req.params;
-	if (req.method == "ping")
+	if (req.method == "ping") {
+		handled->interface = "";
+		handled->method = "ping";
 		// The far end is a server of ours, at this path of its host.
 		return result_reply(id, socket_.empty() ? Json::object() : Json{{"socket", socket_}});
+	}
 	if (req.method != "lookup" && req.method != "call")
 		return error_reply(id, NUQ_E_NOMETHOD);
 	// Refused here, for every interface and method at once.
@@ -105,6 +122,12 @@ std::string Dispatcher::answer(const Request &req) const
 	if (it == interfaces_.end())
 		return error_reply(id, NUQ_E_NOINTERFACE);
 	const Interface &iface = it->second;
+	handled->interface = iface.name;
+	if (req.method == "lookup")
+		handled->method = "lookup";
+	else if (const std::string *method = text_member(params, "method");
+	         method != nullptr && iface.methods.count(*method) != 0)
+		handled->method = *method;
 	try {
 		if (req.method == "lookup") {
 			const Json *strict = member(params, "strict");

@@ -48,10 +48,23 @@ struct Interface {
 	std::map<std::string, MethodFn> methods;
 };
 
+// What one request was, for keld's metrics: the interface and method asked for ("" for
+// a ping; "lookup" for a lookup; names no interface offers all read "unknown", so that a
+// caller cannot make up new ones), whether it was answered with an error, and how long
+// the answer took.
+struct Handled {
+	std::string interface, method;
+	bool error = false;
+	std::chrono::steady_clock::duration took{};
+};
+using Observer = std::function<void(const Handled &)>;
+
 // The interfaces a server offers, looked up by name for each request.
 class Dispatcher {
 public:
 	void add(Interface iface);
+	// Tells `observer` of every request handled from now on; set before serving.
+	void set_observer(Observer observer) { observer_ = std::move(observer); }
 	// Answers one request line with one reply line, whatever the line holds: a
 	// malformed request gets its JSON-RPC error reply, never an exception.
 	std::string handle(const std::string &request) const noexcept;
@@ -60,9 +73,10 @@ public:
 	void set_socket(std::string path) { socket_ = std::move(path); }
 
 private:
-	std::string answer(const Request &req) const;
+	std::string answer(const Request &req, Handled *handled) const;
 
 	std::map<std::string, Interface> interfaces_;
+	Observer observer_;
 	std::string socket_;
 };
 

@@ -19,6 +19,7 @@
 # log in to each other as that user, in group kel, and never as root; the user and the
 # group exist in the hosts' own passwd and group files alone (ip netns exec puts
 # /etc/netns/NS/* over /etc/*), so that nothing of the machine's is added or changed.
+# fabric_keld_args, when set, are options every host's keld is started with.
 
 fabric_tag=$$
 fabric_root=
@@ -172,7 +173,9 @@ CONF
 		# machine's own (~/.bashrc): they see an empty one, in sshd's mount namespace alone.
 		on "$node" sh -c 'mount --bind "$0" "$HOME/.bashrc" 2>/dev/null; exec "$@"' "$fabric_root/empty_rc" \
 			/usr/sbin/sshd -D -e -f "$fabric_root/$node/sshd_config" 2>>"$fabric_root/$node/sshd.log" &
-		on "$node" sh -c 'umask "$0" && exec "$@"' "$keld_umask" "$keld" 2>>"$fabric_root/$node/keld.log" &
+		# shellcheck disable=SC2086 # the options are words
+		on "$node" sh -c 'umask "$0" && exec "$@"' "$keld_umask" "$keld" ${fabric_keld_args:-} \
+			2>>"$fabric_root/$node/keld.log" &
 	done
 	for node in $fabric_nodes; do
 		ns=$(host_ns "$node")
