@@ -5,9 +5,10 @@
 # holding the store, the tenants' objects, the ranges' and pools' use, the bindings and
 # which hosts answered the last call to many. promtool must find the file sound.
 # Controller and host share one network namespace and talk over unix://.
-# Usage: keld_metrics.sh KELADM KELD FRAME. Exit 77 (skipped) when it cannot run here.
+# Usage: keld_metrics.sh KELADM KELD FRAME NUQ_CALL. Exit 77 (skipped) when it cannot run here.
 keld=$(readlink -f "$2")
 frame=$(readlink -f "$3")
+call=$(readlink -f "$4")
 . "$(dirname "$0")/lib.sh" "$(readlink -f "$1")"
 skip() { echo "SKIPPED: $*"; exit 77; }
 [ "$(id -u)" = 0 ] || skip "needs root"
@@ -148,6 +149,21 @@ cp "$textdir/kel.prom" "$root/scrape"
 check "the kel's cap is what its other VNIC has" is kel_vnic_maxbw_bytes_per_second "$(vnic vm2 "" "$g2")" 2500000
 check "and the last call to many hosts is the property's" \
 	is kel_fan_out_host_answered "host=\"$(hostname)\",operation=\"property\"" 1
+
+# A release, and a VM's port bound on a second host while its first still holds it: the
+# move starts (the hosts here are names the controller reaches on this same keld).
+"$keladm" delete-vnic "$g2/eth0" >/dev/null
+bind() { in_host "$call" unix:// kelcntl.KEL assignVPort name=web \
+	"{\"vnicname\": \"mig0\", \"hostname\": \"$1\", \"vportname\": \"spare\", \"extra\": \"vmid=42\"}" >/dev/null; }
+bind kel-src && bind kel-dst
+fresh
+cp "$textdir/kel.prom" "$root/scrape"
+check "the release, counted and timed" bash -c \
+	"[ '$(value kel_controller_releases_total 'outcome="success"')' = 1 ] &&
+	 [ '$(value kel_controller_release_duration_seconds_count '')' = 1 ]"
+check "the move, counted as a migration and not as a bind" bash -c \
+	"[ '$(value kel_controller_migrations_total 'outcome="success"')' = 1 ] &&
+	 [ '$(value kel_controller_migration_duration_seconds_count '')' = 1 ]"
 
 stop_keld
 check "a stopped keld leaves no metrics behind" test ! -e "$textdir/kel.prom"
