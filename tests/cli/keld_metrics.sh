@@ -173,6 +173,11 @@ fresh
 cp "$textdir/kel.prom" "$root/scrape"
 check "a host that did not answer the last call reads 0" \
 	is kel_fan_out_host_answered "host=\"$(hostname)\",operation=\"verify\"" 0
-check "no metrics are written where the folder is not" bash -c \
-	"! grep -q 'cannot write metrics' '$root/keld.log'"
+# A host without the exporter: no folder, no file, not a word of it.
+stop_keld
+rm -rf "$textdir"
+start_keld
+sleep 2
+check "no metrics are written where the exporter's folder is not, silently" bash -c \
+	"[ ! -e '$textdir' ] && ! grep -q 'cannot write metrics' '$root/keld.log'"
 exit $fail
