@@ -1,6 +1,5 @@
 // show-usage: how full each ID range, each host's share of it and each address pool is.
 #include <cstdio>
-#include <cstring>
 #include <string>
 #include <vector>
 

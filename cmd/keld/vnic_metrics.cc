@@ -34,25 +34,25 @@ std::vector<Sample> vnic_samples()
 			continue;  // gone, or still being made
 		const Labels labels = {{"host", host}, {"kel", v.names.kel}, {"port", v.names.port},
 		    {"tenant", v.names.tenant}, {"vnic", v.name}};
-		const auto add = [&](const char *name, double value, const Labels &l) {
-			out.push_back({name, l, value});
-		};
-		add("kel_vnic_receive_packets_total", static_cast<double>(stats.ws_ipackets), labels);
-		add("kel_vnic_receive_bytes_total", static_cast<double>(stats.ws_rbytes), labels);
-		add("kel_vnic_receive_drops_total", static_cast<double>(stats.ws_idrops), labels);
-		add("kel_vnic_transmit_packets_total", static_cast<double>(stats.ws_opackets), labels);
-		add("kel_vnic_transmit_bytes_total", static_cast<double>(stats.ws_obytes), labels);
-		add("kel_vnic_transmit_drops_total", static_cast<double>(stats.ws_odrops), labels);
+		for (const auto &[name, value] : {std::pair{"kel_vnic_receive_packets_total", stats.ws_ipackets},
+		         {"kel_vnic_receive_bytes_total", stats.ws_rbytes},
+		         {"kel_vnic_receive_drops_total", stats.ws_idrops},
+		         {"kel_vnic_transmit_packets_total", stats.ws_opackets},
+		         {"kel_vnic_transmit_bytes_total", stats.ws_obytes},
+		         {"kel_vnic_transmit_drops_total", stats.ws_odrops}})
+			out.push_back({name, labels, static_cast<double>(value)});
 		for (size_t i = 0; i < state.wls_ndrops; i++) {
 			Labels rule = labels;
 			rule.emplace_back("rule", state.wls_drops[i].wfd_rule);
-			add("kel_vnic_filter_drops_total", static_cast<double>(state.wls_drops[i].wfd_packets), rule);
-			add("kel_vnic_filter_dropped_bytes_total", static_cast<double>(state.wls_drops[i].wfd_bytes),
-			    rule);
+			out.push_back(
+			    {"kel_vnic_filter_drops_total", rule, static_cast<double>(state.wls_drops[i].wfd_packets)});
+			out.push_back({"kel_vnic_filter_dropped_bytes_total", rule,
+			    static_cast<double>(state.wls_drops[i].wfd_bytes)});
 		}
 		// A link without a cap has no line: no cap is no number.
 		if (state.wls_maxbw != 0)
-			add("kel_vnic_maxbw_bytes_per_second", static_cast<double>(state.wls_maxbw) / 8, labels);
+			out.push_back(
+			    {"kel_vnic_maxbw_bytes_per_second", labels, static_cast<double>(state.wls_maxbw) / 8});
 	}
 	for (const std::string &lower : lowers) {
 		wexo_handle_t h = nullptr;
